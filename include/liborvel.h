@@ -1,0 +1,153 @@
+/*
+ * liborvel: encoder and decoder for slow, weak radio beacons.
+ *
+ * A station keys one audio tone on and off in chips of 0.128 s. A frame is a fixed number of chips that carries a
+ * callsign (ORVEL L also a locator) behind checksums and error-correcting codes. The library finds such frames in a
+ * block of audio and says who sent them, when, where in the band and how strong.
+ *
+ *     ovl_decoder *decoder = ovl_create();
+ *     ovl_settings settings;
+ *     ovl_settings_default(&settings);
+ *     ovl_result results[64];
+ *     int32_t count = ovl_decode(decoder, samples, n, 12000, &settings, results, 64);
+ *     if (count < 0) fprintf(stderr, "%s\n", ovl_last_error(decoder));
+ *     for (int32_t i = 0; i < count; i++) printf("%7.2f s  %s\n", results[i].t_start, results[i].call);
+ *     ovl_destroy(decoder);
+ *
+ * Results. A call returns 0 or a count on success and -1 on failure. A call that takes a decoder first clears the
+ * decoder's error text and on failure leaves an English message there for ovl_last_error(). Nothing is printed and
+ * no exception leaves the library.
+ *
+ * Threads. The library starts none. One decoder serves one thread at a time; separate decoders may work in separate
+ * threads at once. Functions without a decoder keep no state.
+ *
+ * Ownership. The caller owns every record and array that it passes; the library keeps no pointer to them after a
+ * call returns. Texts that the library returns are static or belong to the decoder.
+ */
+#ifndef LIBORVEL_H
+#define LIBORVEL_H
+
+#include <stdint.h>
+
+#if defined(OVL_BUILD) && (defined(__GNUC__) || defined(__clang__))
+#define OVL_API __attribute__((visibility("default")))
+#else
+#define OVL_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Protocols --------------------------------------------------------------------------------------------- */
+
+/* Protocol ids: single bits, so that a set of protocols is a mask. */
+enum {
+    OVL_OPERA = 1,   /* OPERA at its 0.128 s chip: a callsign in 239 chips, 30.6 s */
+    OVL_ORVEL_S = 2, /* ORVEL S: a callsign in 239 chips, LDPC-coded */
+    OVL_ORVEL_L = 4  /* ORVEL L: a callsign and a grid locator in 321 chips, LDPC-coded */
+};
+
+/* Chips in one frame of a protocol: 239, 239 and 321; 0 for anything that is not exactly one protocol id. */
+OVL_API int32_t ovl_frame_chips(uint32_t proto);
+
+/* Name of a protocol, "OPERA 05", "ORVEL S" or "ORVEL L"; "" for anything else. Static text. */
+OVL_API const char *ovl_proto_name(uint32_t proto);
+
+/* Length of a chip in seconds, 0.128 for every protocol. */
+OVL_API double ovl_chip_seconds(void);
+
+/* ---- Library ----------------------------------------------------------------------------------------------- */
+
+/* Version of the interface that this header describes: 5. */
+OVL_API int32_t ovl_api_version(void);
+
+/* Version of the library, "1.6.1". Static text. */
+OVL_API const char *ovl_version(void);
+
+/* ---- Decoder ----------------------------------------------------------------------------------------------- */
+
+/* A decoder: the list of known callsigns, the last error and working memory. Opaque. */
+typedef struct ovl_decoder ovl_decoder;
+
+/* Makes a decoder, or returns NULL when memory is short. End it with ovl_destroy(). */
+OVL_API ovl_decoder *ovl_create(void);
+
+/* Frees a decoder and all it owns. NULL is allowed. */
+OVL_API void ovl_destroy(ovl_decoder *decoder);
+
+/*
+ * Message of the last call that used this decoder: "" after a success. The text belongs to the decoder and holds
+ * until its next call. "no decoder" when decoder is NULL.
+ */
+OVL_API const char *ovl_last_error(const ovl_decoder *decoder);
+
+/*
+ * Replaces the decoder's list of known callsigns.
+ *
+ *   list   callsigns separated by blanks, commas or semicolons; NULL or "" empties the list
+ *
+ * Returns the number of callsigns now known. Tokens that are no callsign of the protocols are left out silently.
+ * Fails with "too many known callsigns (max 256)" at the 257th token; the first 256 then stay in use.
+ */
+OVL_API int32_t ovl_set_known(ovl_decoder *decoder, const char *list);
+
+/* What to look for in a block. Fill it with ovl_settings_default() and change what differs. */
+typedef struct ovl_settings {
+    int32_t protocols;   /* mask of protocol ids, default all; only the low three bits count */
+    double center_hz;    /* centre of the frequency search in the block, Hz; default 1500 */
+    double search_hz;    /* half-width of the frequency search, Hz; default 200 */
+    double spread_hz;    /* width over which the energy of a spread signal is summed, Hz; default 0 = off */
+    int32_t deep_search; /* nonzero: also search below the ordinary threshold for known callsigns; default 1 */
+    int32_t known_only;  /* nonzero: accept only known callsigns; default 0 */
+    double end_min;      /* earliest end of an accepted frame, seconds from the first sample; default -1e9 */
+    double end_max;      /* latest end of an accepted frame, seconds; negative = no limit; default -1 */
+} ovl_settings;
+
+/* Fills settings with the defaults. NULL is ignored. */
+OVL_API void ovl_settings_default(ovl_settings *settings);
+
+/* One decoded frame. Times are seconds from the first sample of the block. */
+typedef struct ovl_result {
+    char call[8];      /* callsign, NUL-terminated */
+    char locator[8];   /* grid locator of an ORVEL L frame, otherwise "" */
+    int32_t protocol;  /* OVL_OPERA, OVL_ORVEL_S or OVL_ORVEL_L */
+    int32_t deep;      /* 1 when only the search for known callsigns found it */
+    double t_start;    /* start of the frame; negative when it began before the block */
+    double t_end;      /* end of the frame */
+    double freq_hz;    /* carrier frequency in the middle of the frame, Hz */
+    double snr_db;     /* mean power over the frame against noise in 2500 Hz, dB; -99 when not measured */
+    double drift_hz_s; /* frequency drift, Hz/s */
+} ovl_result;
+
+/*
+ * Finds and decodes all frames in a block of audio.
+ *
+ *   samples       n mono samples at any scale; all must be finite
+ *   n             number of samples, at least 1; a frame may hang over either edge of the block by a fifth
+ *   rate          sample rate, Hz; 8000, 12000, 16000, 24000, 32000, 48000, 96000 and 192000 are all served, as is
+ *                 every rate whose quotient with 125 Hz times a power of two has no prime factor above 7
+ *   settings      what to look for
+ *   results       room for max_results records, filled in order of start time; may be NULL when max_results is 0
+ *   max_results   0 or more; at most 64 frames are reported from one block
+ *
+ * Returns the number of records written, or -1 with no record written. Errors: "invalid argument", "no protocol
+ * selected", "out of memory", "known_only needs a list of known callsigns (ovl_set_known)", "block too short or
+ * invalid for decoding".
+ */
+OVL_API int32_t ovl_decode(ovl_decoder *decoder, const float *samples, int32_t n, int32_t rate,
+                           const ovl_settings *settings, ovl_result *results, int32_t max_results);
+
+/*
+ * Decodes only frames that end within the last recent_s seconds of the block: for a host that decodes a sliding
+ * buffer again and again. It overrides end_min and end_max of the settings; otherwise as ovl_decode().
+ */
+OVL_API int32_t ovl_decode_recent(ovl_decoder *decoder, const float *samples, int32_t n, int32_t rate,
+                                  const ovl_settings *settings, double recent_s, ovl_result *results,
+                                  int32_t max_results);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
