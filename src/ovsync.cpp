@@ -1,0 +1,757 @@
+// The score map is a short-time power spectrum with the noise of every column brought to 1. A frame shows in it as a
+// pattern of ON and OFF chips: candidates are where that pattern fits best over all messages that a frame could carry.
+// Refinement leaves the map and measures single chips on the baseband, where start, frequency and drift are free.
+#include "ovsync.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <memory>
+#include <new>
+#include <numbers>
+#include <span>
+#include <vector>
+
+#include "ovcdec.h"
+#include "ovfft.h"
+
+namespace {
+
+using Complex = std::complex<double>;
+
+constexpr float LN2 = 0.6931472f;         // median of exponentially distributed powers / their mean
+constexpr double SIGMA_PER_MAD = 1.4826;  // standard deviation / median absolute deviation of a normal distribution
+constexpr float NOISE_FLOOR = 1e-30f;
+constexpr double NO_METRIC = -1e300;
+
+constexpr int32_t STEPS_PER_CHIP = 16;
+constexpr int32_t MIN_CHIP_SAMPLES = 4;
+constexpr int32_t MAX_CHIP_SAMPLES = 1 << 28;  // transform lengths stay within 32 bits
+constexpr int32_t MAX_NOISE_ROWS = 4000;
+constexpr int64_t MAX_SCORE_SAMPLES = 200000;
+
+constexpr double THINNING_CHIPS = 7;       // candidates this close in time
+constexpr double THINNING_BANDWIDTHS = 2;  // and frequency (in 1/chip) are one
+
+constexpr int32_t MAX_DRIFT_STEPS = 12;
+
+constexpr int32_t MIN_SNR_CHIP_SAMPLES = 16;
+constexpr int32_t SNR_GUARD_BINS = 15;  // bins each side of the carrier that are not noise
+constexpr std::size_t MIN_SNR_SAMPLES = 200;
+constexpr double NO_SNR = -99.0;
+
+// ---- Medians ---------------------------------------------------------------------------------------------------
+
+// Ascending, NaN behind every number: the order stays total on hostile input.
+int32_t cmp_float(float a, float b) {
+    if (std::isnan(a) || std::isnan(b))
+        return static_cast<int32_t>(std::isnan(a)) - static_cast<int32_t>(std::isnan(b));
+    return (a > b) - (a < b);
+}
+
+bool float_less(float a, float b) {
+    return cmp_float(a, b) < 0;
+}
+
+// Median of values that may be reordered.
+float median_in_place(std::span<float> values) {
+    if (values.empty()) return 0;
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end(), float_less);
+    if (values.size() % 2 == 1) return *middle;
+    return (*std::max_element(values.begin(), middle, float_less) + *middle) * 0.5f;
+}
+
+// ---- Score map -------------------------------------------------------------------------------------------------
+
+// Chip length, time step and transform of a map; false when the baseband cannot carry one.
+bool set_time_grid(const ov_baseband& bb, double chip_s, ov_specmap& map) {
+    const double samples = bb.rate * chip_s;
+    if (!(samples >= 0 && samples <= MAX_CHIP_SAMPLES)) return false;
+    const auto chip_len = static_cast<int32_t>(std::lround(samples));
+    if (chip_len < MIN_CHIP_SAMPLES || std::fabs(samples - chip_len) > 1e-6 || bb.n < chip_len) return false;
+
+    map.chip_s = chip_s;
+    map.rate = bb.rate;
+    map.chip_len = chip_len;
+    map.hop = chip_len % STEPS_PER_CHIP == 0 ? chip_len / STEPS_PER_CHIP : 1;
+    map.steps_per_chip = chip_len / map.hop;
+    map.npos = (bb.n - chip_len) / map.hop + 1;
+    return true;
+}
+
+// Padding and the margin of columns beyond the searched band.
+struct Resolution {
+    int32_t pad;
+    int32_t margin;
+};
+Resolution resolution(int32_t chip_len) {
+    return chip_len <= 512 ? Resolution{4, 32} : Resolution{2, 16};
+}
+
+// Columns and spread of a map; false when no column is left.
+bool set_frequency_grid(double search_hz, double spread_hz, ov_specmap& map) {
+    const auto [pad, margin] = resolution(map.chip_len);
+    map.nfft = pad * map.chip_len;
+    map.bin_hz = map.rate / map.nfft;
+    map.spread_factor = 1.0;
+    if (spread_hz > 0) {
+        const double half_width = std::round(spread_hz * 0.5 / map.bin_hz);
+        if (!(half_width <= map.nfft)) return false;
+        map.spread = std::max(pad, static_cast<int32_t>(half_width));
+        map.spread_factor = static_cast<double>(2 * map.spread + 1) / pad;
+    }
+
+    const double wanted = std::ceil((2.0 / map.chip_s + search_hz) / map.bin_hz) + margin;
+    if (std::isnan(wanted)) return false;
+    const double half = 2.0 * (map.spread + wanted) < map.nfft ? wanted : (map.nfft - 1) / 2 - map.spread;
+    if (half < 1) return false;
+    map.half = static_cast<int32_t>(half);
+    map.nbins = 2 * map.half + 1;
+    return true;
+}
+
+// One row: sums of 2·spread + 1 neighbouring powers. The sum runs in double; each step is formed in single precision.
+void sum_spread(std::span<const float> powers, std::size_t width, std::span<float> row) {
+    double sum = 0;
+    for (std::size_t k = 0; k < width; k++) sum += powers[k];
+    for (std::size_t b = 0; b < row.size(); b++) {
+        row[b] = static_cast<float>(sum);
+        if (b + width < powers.size()) sum += powers[b + width] - powers[b];
+    }
+}
+
+bool fill_powers(const ov_baseband& bb, const ov_specmap& map) {
+    const auto length = static_cast<std::size_t>(map.nfft);
+    const auto reach = static_cast<std::size_t>(map.spread + map.half);  // bins each side that are needed
+    const auto columns = static_cast<std::size_t>(map.nbins);
+    const auto window = fftw_array<Complex>(map.nfft);
+    const auto bins = fftw_array<Complex>(map.nfft);
+    if (!window || !bins) return false;
+    std::vector<float> powers(2 * reach + 1);
+    const FftwPlan plan = plan_complex(map.nfft, window.get(), bins.get(), FFTW_FORWARD);
+    if (!plan) return false;
+
+    std::fill(window.get(), window.get() + length, Complex{});
+    const auto power = [](const Complex& x) { return static_cast<float>(std::norm(x)); };
+    for (int32_t p = 0; p < map.npos; p++) {
+        std::copy_n(bb.samples + static_cast<std::ptrdiff_t>(p) * map.hop, map.chip_len, window.get());
+        fftw_execute(plan.get());
+        const auto middle = std::transform(bins.get() + (length - reach), bins.get() + length, powers.begin(), power);
+        std::transform(bins.get(), bins.get() + reach + 1, middle, power);
+        const std::span row(map.power + static_cast<std::size_t>(p) * columns, columns);
+        if (map.spread == 0) {
+            std::copy(powers.begin(), powers.end(), row.begin());
+        } else {
+            sum_spread(powers, static_cast<std::size_t>(2 * map.spread + 1), row);
+        }
+    }
+    return true;
+}
+
+// Mean noise power of each column from the median of its powers, smoothed by the median over neighbouring columns.
+void fill_noise(const ov_specmap& map) {
+    constexpr std::size_t BLOCK = 16;  // columns gathered at once: one cache line of a row
+    const auto columns = static_cast<std::size_t>(map.nbins);
+    const auto rows = static_cast<std::size_t>(std::min(map.npos, MAX_NOISE_ROWS));
+    std::vector<float> samples(BLOCK * rows);
+    std::vector<float> levels(columns);
+    for (std::size_t first = 0; first < columns; first += BLOCK) {
+        const std::size_t width = std::min(BLOCK, columns - first);
+        for (std::size_t i = 0; i < rows; i++) {
+            const std::size_t row = rows > 1 ? i * static_cast<std::size_t>(map.npos - 1) / (rows - 1) : 0;
+            const float* source = map.power + row * columns + first;
+            for (std::size_t c = 0; c < width; c++) samples[c * rows + i] = source[c];
+        }
+        for (std::size_t c = 0; c < width; c++) {
+            levels[first + c] = median_in_place(std::span(samples).subspan(c * rows, rows)) / LN2;
+        }
+    }
+
+    const auto margin = static_cast<std::size_t>(resolution(map.chip_len).margin);
+    std::vector<float> scratch(2 * margin + 1);
+    for (std::size_t b = 0; b < columns; b++) {
+        const std::size_t first = b > margin ? b - margin : 0;
+        const std::size_t last = std::min(b + margin, columns - 1);
+        const float level = median_of(levels.data() + first, static_cast<int32_t>(last - first + 1), scratch.data());
+        map.noise[b] = level > 0 ? level : NOISE_FLOOR;
+    }
+}
+
+void normalise(const ov_specmap& map) {
+    const auto columns = static_cast<std::size_t>(map.nbins);
+    for (int32_t p = 0; p < map.npos; p++) {
+        float* row = map.power + static_cast<std::size_t>(p) * columns;
+        for (std::size_t b = 0; b < columns; b++) row[b] /= map.noise[b];
+        if (map.spread == 0) continue;
+        for (std::size_t b = 0; b < columns; b++) {
+            row[b] = static_cast<float>((row[b] - 1.0) * map.noise_rescale + 1.0);
+        }
+    }
+}
+
+// ---- Candidate search ------------------------------------------------------------------------------------------
+
+// The part of a map that is searched: frame starts in rows and columns, scored row by row.
+struct SearchGrid {
+    int64_t first_row;
+    int64_t n_rows;
+    int32_t first_column;
+    std::size_t n_columns;
+};
+
+// False when there is no place to search.
+bool set_search_grid(const ov_specmap& map, double t_min, double t_max, double search_hz, double edge,
+                     SearchGrid& grid) {
+    const double fraction = std::fmin(std::fmax(edge, 0.0), 0.5);
+    const double overhang = std::floor(fraction * map.frame_chips) * map.steps_per_chip;
+    const double span_rows = static_cast<double>(map.frame_chips - 1) * map.steps_per_chip;
+    const double first = std::fmax(-overhang, std::ceil(t_min * map.rate / map.hop));
+    const double last = std::fmin(map.npos - 1 - span_rows + overhang, std::floor(t_max * map.rate / map.hop));
+    if (!(last >= first)) return false;
+
+    const double half = std::fmin(std::floor(search_hz / map.bin_hz), map.half);
+    if (!(half >= 0) || std::isnan(search_hz)) return false;
+    grid.first_row = static_cast<int64_t>(first);
+    grid.n_rows = static_cast<int64_t>(last - first) + 1;
+    grid.first_column = map.half - static_cast<int32_t>(half);
+    grid.n_columns = 2 * static_cast<std::size_t>(half) + 1;
+    return true;
+}
+
+// Power in the chip after row r minus power in the chip that begins there, over the searched columns; zeros where
+// either lies outside the map.
+void pair_difference(const ov_specmap& map, const SearchGrid& grid, int64_t r, float* out) {
+    if (r < 0 || r + map.steps_per_chip >= map.npos) {
+        std::fill_n(out, grid.n_columns, 0.0f);
+        return;
+    }
+    const float* first = map.power + static_cast<std::ptrdiff_t>(r) * map.nbins + grid.first_column;
+    const float* second = first + static_cast<std::ptrdiff_t>(map.steps_per_chip) * map.nbins;
+    for (std::size_t c = 0; c < grid.n_columns; c++) out[c] = second[c] - first[c];
+}
+
+// What a Walsh group that begins in a given map row can contribute to a frame's score.
+//
+// Pair g + 17·j of a frame at row t compares the chips at rows t + (2g + 1)S + 34jS and S later (S rows a chip), so a
+// group's best correlation depends only on the row u = t + (2g + 1)S in which it begins. Groups 2 to 16 allow the same
+// eight words and share one value a row; groups 0 and 1 take theirs from the same correlations. Each row is formed
+// once and kept while a frame can still use it.
+class GroupScores {
+  public:
+    GroupScores(const ov_specmap& map, const SearchGrid& grid)
+        : map_(map),
+          grid_(grid),
+          depth_(2 * OVC_GROUPS * static_cast<int64_t>(map.steps_per_chip)),
+          next_row_(grid.first_row + map.steps_per_chip),
+          rows_(static_cast<std::size_t>(depth_) * N_KINDS * grid.n_columns),
+          differences_(OVC_WORD_BITS * grid.n_columns) {}
+
+    // Scores of all columns of a frame that starts in row t. Rows must be asked for in ascending order.
+    void score(int64_t t, float* out) {
+        const int64_t chip = map_.steps_per_chip;
+        while (next_row_ <= t + (2 * OVC_GROUPS - 1) * chip) form_row(next_row_++);
+
+        std::fill_n(out, grid_.n_columns, 0.0f);
+        for (int64_t g = 0; g < OVC_GROUPS; g++) {
+            const float* best = row(t + (2 * g + 1) * chip, g == 0 ? LAST_WORD : g == 1 ? FIRST_FOUR : ALL);
+            for (std::size_t c = 0; c < grid_.n_columns; c++) out[c] += best[c];
+        }
+    }
+
+  private:
+    enum Kind : std::size_t { LAST_WORD, FIRST_FOUR, ALL, N_KINDS };  // the allowed words of groups 0, 1 and the others
+
+    float* row(int64_t u, Kind kind) {
+        const auto slot = static_cast<std::size_t>((u - grid_.first_row) % depth_);
+        return rows_.data() + (slot * N_KINDS + kind) * grid_.n_columns;
+    }
+
+    void form_row(int64_t u) {
+        const std::size_t n = grid_.n_columns;
+        for (int64_t j = 0; j < OVC_WORD_BITS; j++) {
+            pair_difference(map_, grid_, u + 2 * OVC_GROUPS * j * map_.steps_per_chip,
+                            differences_.data() + static_cast<std::size_t>(j) * n);
+        }
+        float* const last = row(u, LAST_WORD);
+        float* const four = row(u, FIRST_FOUR);
+        float* const all = row(u, ALL);
+        const float* const d = differences_.data();
+        for (std::size_t c = 0; c < n; c++) {
+            std::array<float, 8> correlation{};
+            for (std::size_t w = 0; w < 8; w++) {
+                for (std::size_t j = 0; j < OVC_WORD_BITS; j++) {
+                    correlation[w] += OVC_WALSH[w][j] != 0 ? d[j * n + c] : -d[j * n + c];
+                }
+            }
+            // A correlation that is no number is never the best.
+            float best = -1e30f;
+            for (std::size_t w = 0; w < 4; w++) best = correlation[w] > best ? correlation[w] : best;
+            four[c] = best;
+            for (std::size_t w = 4; w < 8; w++) best = correlation[w] > best ? correlation[w] : best;
+            all[c] = best;
+            last[c] = correlation[7] > -1e30f ? correlation[7] : -1e30f;
+        }
+    }
+
+    const ov_specmap& map_;
+    const SearchGrid& grid_;
+    int64_t depth_;
+    int64_t next_row_;
+    std::vector<float> rows_;
+    std::vector<float> differences_;
+};
+
+void score_groups(const ov_specmap& map, const SearchGrid& grid, std::span<float> scores) {
+    GroupScores groups(map, grid);
+    for (int64_t i = 0; i < grid.n_rows; i++) {
+        groups.score(grid.first_row + i, scores.data() + static_cast<std::size_t>(i) * grid.n_columns);
+    }
+}
+
+void score_pairs(const ov_specmap& map, const SearchGrid& grid, std::span<float> scores) {
+    std::vector<float> difference(grid.n_columns);
+    for (int64_t i = 0; i < grid.n_rows; i++) {
+        float* const out = scores.data() + static_cast<std::size_t>(i) * grid.n_columns;
+        for (int64_t k = 0; k < map.pairs; k++) {
+            pair_difference(map, grid, grid.first_row + i + (2 * k + 1) * map.steps_per_chip, difference.data());
+            for (std::size_t c = 0; c < grid.n_columns; c++) out[c] += std::fabs(difference[c]);
+        }
+    }
+}
+
+struct ScoreStatistics {
+    float median;
+    double sigma;
+};
+
+ScoreStatistics score_statistics(std::span<const float> scores) {
+    const auto total = static_cast<int64_t>(scores.size());
+    const int64_t n = std::min(total, MAX_SCORE_SAMPLES);
+    std::vector<float> sample(static_cast<std::size_t>(n));
+    for (int64_t i = 0; i < n; i++)
+        sample[static_cast<std::size_t>(i)] = scores[static_cast<std::size_t>(i * total / n)];
+
+    const float median = median_in_place(sample);
+    for (float& value : sample) value = std::fabs(value - median);
+    const double sigma = SIGMA_PER_MAD * median_in_place(sample);
+    return {median, sigma > 0 ? sigma : 1e-9};
+}
+
+// A peak is no lower than any of its neighbours; a flat top is several peaks.
+bool is_peak(const SearchGrid& grid, std::span<const float> scores, int64_t row, std::size_t column) {
+    const auto at = [&](int64_t r, std::size_t c) { return scores[static_cast<std::size_t>(r) * grid.n_columns + c]; };
+    const float score = at(row, column);
+    const std::size_t left = column > 0 ? column - 1 : 0;
+    const std::size_t right = std::min(column + 1, grid.n_columns - 1);
+    for (int64_t r = std::max<int64_t>(row - 1, 0); r <= std::min(row + 1, grid.n_rows - 1); r++) {
+        for (std::size_t c = left; c <= right; c++) {
+            if (at(r, c) > score) return false;
+        }
+    }
+    return true;
+}
+
+std::vector<ov_cand> find_peaks(const ov_specmap& map, const SearchGrid& grid, std::span<const float> scores,
+                                const ScoreStatistics& statistics, double z_min) {
+    const auto threshold = static_cast<float>(z_min * statistics.sigma + statistics.median);
+    std::vector<ov_cand> peaks;
+    for (int64_t i = 0; i < grid.n_rows; i++) {
+        for (std::size_t c = 0; c < grid.n_columns; c++) {
+            const float score = scores[static_cast<std::size_t>(i) * grid.n_columns + c];
+            if (!(score >= threshold) || !std::isfinite(score) || !is_peak(grid, scores, i, c)) continue;
+            ov_cand cand;
+            cand.pos = static_cast<int32_t>(grid.first_row + i);
+            cand.bin = grid.first_column + static_cast<int32_t>(c);
+            cand.t = static_cast<double>(map.hop) * cand.pos / map.rate;
+            cand.f = (cand.bin - map.half) * map.bin_hz;
+            cand.score = score;
+            cand.z = (score - static_cast<double>(statistics.median)) / statistics.sigma;
+            peaks.push_back(cand);
+        }
+    }
+    return peaks;
+}
+
+int32_t cmp_cand_desc(const ov_cand& a, const ov_cand& b) {
+    return (b.score > a.score) - (b.score < a.score);
+}
+
+// Copies the strongest of each neighbourhood.
+int32_t thin_out(const ov_specmap& map, std::span<const ov_cand> sorted, std::span<ov_cand> out) {
+    const double near_s = THINNING_CHIPS * map.chip_s;
+    const double near_hz = THINNING_BANDWIDTHS / map.chip_s;
+    std::size_t kept = 0;
+    for (const ov_cand& cand : sorted) {
+        if (kept == out.size()) break;
+        const bool taken = std::any_of(
+            out.begin(), out.begin() + static_cast<std::ptrdiff_t>(kept),
+            [&](const ov_cand& k) { return std::fabs(k.t - cand.t) <= near_s && std::fabs(k.f - cand.f) <= near_hz; });
+        if (!taken) out[kept++] = cand;
+    }
+    return static_cast<int32_t>(kept);
+}
+
+// ---- Hypotheses ------------------------------------------------------------------------------------------------
+
+// |Σ x[k]·e^(−jθk)|² over n samples. The phasor is advanced by one rotation a sample.
+double tone_energy(const Complex* x, int32_t n, double theta) {
+    const double rotate_re = std::cos(-theta);
+    const double rotate_im = std::sin(-theta);
+    double phasor_re = 1;
+    double phasor_im = 0;
+    double sum_re = 0;
+    double sum_im = 0;
+    for (int32_t k = 0; k < n; k++) {
+        sum_re += x[k].real() * phasor_re - x[k].imag() * phasor_im;
+        sum_im += x[k].real() * phasor_im + x[k].imag() * phasor_re;
+        const double next_re = phasor_re * rotate_re - phasor_im * rotate_im;
+        phasor_im = phasor_re * rotate_im + phasor_im * rotate_re;
+        phasor_re = next_re;
+    }
+    return sum_re * sum_re + sum_im * sum_im;
+}
+
+// Frequency of a window of a drifting frame that has frequency f in its middle.
+class DriftLine {
+  public:
+    DriftLine(double rate, int32_t start, int32_t nchips, int32_t chip_len, double f, double drift)
+        : rate_(rate),
+          middle_s_((start + static_cast<double>(nchips) * chip_len / 2.0) / rate),
+          half_window_(chip_len / 2.0),
+          f_(f),
+          drift_(drift) {}
+
+    double at(double window_start) const { return f_ + drift_ * ((window_start + half_window_) / rate_ - middle_s_); }
+
+  private:
+    double rate_, middle_s_, half_window_, f_, drift_;
+};
+
+// Chips that a hypothesis must have inside the baseband.
+int32_t chips_needed(double edge, int32_t frame_chips) {
+    const double needed = std::ceil((1 - edge) * frame_chips);
+    if (std::isnan(needed)) return frame_chips;
+    return static_cast<int32_t>(std::clamp(needed, 0.0, frame_chips + 1.0));  // more than there are: never enough
+}
+
+double layout_metric(const ov_specmap& map, const float* soft) {
+    if (map.pair_mode == 0) return ovc_frame_metric(soft);
+    double sum = 0;
+    for (int32_t i = 0; i < map.pairs; i++) sum += std::fabs(static_cast<double>(soft[i]));
+    return sum;
+}
+
+// A grid of steps to each side of a centre.
+struct Steps {
+    int32_t reach;
+    int32_t step;
+};
+Steps coarse_start_steps(int32_t hop) {
+    return {hop, hop >= 4 ? hop / 4 : 1};
+}
+Steps fine_start_steps(int32_t hop) {
+    const int32_t quarter = hop >= 4 ? hop / 4 : 1;
+    return {quarter, quarter >= 4 ? quarter / 4 : 1};
+}
+
+struct DriftSteps {
+    int32_t n;    // each side
+    double unit;  // Hz/s
+};
+
+// Steps of half a column over a frame, or twelve wider ones.
+DriftSteps drift_steps(const ov_specmap& map, double drift_max) {
+    const double unit = 0.5 * map.bin_hz / (map.frame_chips * map.chip_s);
+    const double n = std::ceil(drift_max / unit);
+    if (!(n <= MAX_DRIFT_STEPS)) return {MAX_DRIFT_STEPS, drift_max / MAX_DRIFT_STEPS};
+    return {static_cast<int32_t>(n), unit};
+}
+
+// ---- SNR -------------------------------------------------------------------------------------------------------
+
+double snr_from_ratio(double ratio, double chip_s) {
+    return 10.0 * std::log10(std::fmax(ratio, 0.0001) / (chip_s * 2500.0));
+}
+
+// Mean energy of the measured chips that are ON (or OFF); false when there is none.
+bool mean_energy(const ov_hyp& hyp, const uint8_t* on, bool wanted, double& mean) {
+    double sum = 0;
+    int32_t count = 0;
+    for (int32_t c = 0; c < hyp.nchips; c++) {
+        if (hyp.energy[c] < 0 || (on[c] != 0) != wanted) continue;
+        sum += hyp.energy[c];
+        count++;
+    }
+    if (count == 0) return false;
+    mean = sum / count;
+    return true;
+}
+
+// Takes the carrier, a constant amplitude at theta rad a sample, out of a window.
+void remove_carrier(std::span<const Complex> x, double theta, Complex* out) {
+    const Complex rotation(std::cos(theta), std::sin(theta));
+    Complex amplitude;
+    Complex phasor(1, 0);
+    for (const Complex& sample : x) {
+        amplitude += sample * std::conj(phasor);
+        phasor *= rotation;
+    }
+    amplitude /= static_cast<double>(x.size());
+
+    phasor = 1;
+    for (const Complex& sample : x) {
+        *out++ = sample - amplitude * phasor;
+        phasor *= rotation;
+    }
+}
+
+// Powers of the bins beside the carrier in every window from the middle of an ON chip to the middle of the next ON
+// chip. Empty when there is no such window or no memory.
+std::vector<float> noise_powers(const ov_baseband& bb, int32_t chip_len, const ov_hyp& hyp, const uint8_t* on) {
+    const auto window = fftw_array<Complex>(chip_len);
+    const auto bins = fftw_array<Complex>(chip_len);
+    if (!window || !bins) return {};
+    const FftwPlan plan = plan_complex(chip_len, window.get(), bins.get(), FFTW_FORWARD);
+    if (!plan) return {};
+
+    std::vector<float> powers;
+    const DriftLine line(bb.rate, hyp.start, hyp.nchips, chip_len, hyp.f, hyp.drift);
+    for (int32_t c = 1; c < hyp.nchips; c++) {
+        const bool keyed_through = on[c - 1] != 0 && on[c] != 0;
+        if (!keyed_through || hyp.energy[c - 1] < 0 || hyp.energy[c] < 0) continue;
+        const int64_t start = hyp.start + static_cast<int64_t>(c - 1) * chip_len + chip_len / 2;
+        if (start < 0 || start + chip_len > bb.n) continue;
+
+        const double f = line.at(static_cast<double>(start));
+        remove_carrier({bb.samples + start, static_cast<std::size_t>(chip_len)}, 2 * std::numbers::pi * f / bb.rate,
+                       window.get());
+        fftw_execute(plan.get());
+
+        const double carrier_bin = std::round(f / bb.rate * chip_len);
+        for (int32_t j = 0; j < chip_len; j++) {
+            double distance = std::fmod(j - carrier_bin, chip_len);
+            if (distance < 0) distance += chip_len;
+            if (std::fmin(distance, chip_len - distance) > SNR_GUARD_BINS) {
+                powers.push_back(static_cast<float>(std::norm(bins[static_cast<std::size_t>(j)])));
+            }
+        }
+    }
+    return powers;
+}
+
+}  // namespace
+
+float median_of(const float* values, int32_t n, float* scratch) {
+    if (n < 1) return 0;
+    std::copy_n(values, n, scratch);
+    return median_in_place({scratch, static_cast<std::size_t>(n)});
+}
+
+int ov_spectrogram(const ov_baseband& bb, double chip_s, double search_hz, double spread_hz, ov_specmap& out) {
+    out = {};
+    ov_specmap map{};
+    map.noise_rescale = 1.0;
+    if (!set_time_grid(bb, chip_s, map) || !set_frequency_grid(search_hz, spread_hz, map)) return -1;
+    ov_spec_frame(map, OVC_PAIRS, 0);
+
+    try {
+        const auto columns = static_cast<std::size_t>(map.nbins);
+        auto power = std::make_unique_for_overwrite<float[]>(columns * static_cast<std::size_t>(map.npos));
+        auto noise = std::make_unique_for_overwrite<float[]>(columns);
+        map.power = power.get();
+        map.noise = noise.get();
+        if (!fill_powers(bb, map)) return -1;
+        fill_noise(map);
+        normalise(map);
+
+        power.release();
+        noise.release();
+        out = map;
+        return 0;
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
+}
+
+void ov_spectrogram_free(ov_specmap& map) {
+    delete[] map.power;
+    delete[] map.noise;
+    map = {};
+}
+
+void ov_spec_frame(ov_specmap& map, int32_t ncoded, int32_t pair_mode) {
+    map.pairs = std::min(ncoded, OV_MAX_PAIRS);
+    map.frame_chips = 2 * map.pairs + 1;
+    map.pair_mode = pair_mode;
+}
+
+int32_t ov_find_candidates(const ov_specmap& map, double t_min, double t_max, double search_hz, double edge,
+                           double z_min, int32_t max_out, ov_cand* out, double* median_out, double* sigma_out) {
+    SearchGrid grid;
+    if (!set_search_grid(map, t_min, t_max, search_hz, edge, grid)) return 0;
+    try {
+        std::vector<float> scores(static_cast<std::size_t>(grid.n_rows) * grid.n_columns);
+        if (map.pair_mode == 0) {
+            score_groups(map, grid, scores);
+        } else {
+            score_pairs(map, grid, scores);
+        }
+        const ScoreStatistics statistics = score_statistics(scores);
+        if (median_out != nullptr) *median_out = statistics.median;
+        if (sigma_out != nullptr) *sigma_out = statistics.sigma;
+        if (max_out < 1) return 0;
+
+        std::vector<ov_cand> peaks = find_peaks(map, grid, scores, statistics, z_min);
+        std::stable_sort(peaks.begin(), peaks.end(),
+                         [](const ov_cand& a, const ov_cand& b) { return cmp_cand_desc(a, b) < 0; });
+        return thin_out(map, peaks, {out, static_cast<std::size_t>(max_out)});
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
+}
+
+int32_t ov_chip_energies(const ov_baseband& bb, int32_t chip_len, int32_t nchips, int32_t start, double f, double drift,
+                         float* out) {
+    const DriftLine line(bb.rate, start, nchips, chip_len, f, drift);
+    int32_t measured = 0;
+    for (int32_t c = 0; c < nchips; c++) {
+        const int64_t s = start + static_cast<int64_t>(c) * chip_len;
+        if (s < 0 || s + chip_len > bb.n) {
+            out[c] = -1;
+            continue;
+        }
+        const double theta = 2 * std::numbers::pi * line.at(static_cast<double>(s)) / bb.rate;
+        out[c] = static_cast<float>(tone_energy(bb.samples + s, chip_len, theta));
+        measured++;
+    }
+    return measured;
+}
+
+int32_t ov_chip_energies_sp(const ov_baseband& bb, const ov_specmap& map, int32_t start, double f, double drift,
+                            float* out) {
+    const int32_t measured = ov_chip_energies(bb, map.chip_len, map.frame_chips, start,
+                                              map.spread == 0 ? f : f - map.spread * map.bin_hz, drift, out);
+    std::array<float, OV_MAX_CHIPS> more;
+    for (int32_t k = 1 - map.spread; k <= map.spread; k++) {
+        ov_chip_energies(bb, map.chip_len, map.frame_chips, start, f + k * map.bin_hz, drift, more.data());
+        for (int32_t c = 0; c < map.frame_chips; c++) {
+            if (out[c] >= 0) out[c] += more[static_cast<std::size_t>(c)];
+        }
+    }
+    return measured;
+}
+
+void energies_to_soft(const float* energy, int32_t pairs, double noise, double scale, float* soft) {
+    for (int32_t i = 0; i < pairs; i++) {
+        const float first = energy[2 * i + 1];
+        const float second = energy[2 * i + 2];
+        const bool measured = !(first < 0) && !(second < 0);
+        soft[i] = measured ? static_cast<float>((second - first) / noise * scale) : 0.0f;
+    }
+}
+
+double ov_noise_at(const ov_specmap& map, double f) {
+    const double column = std::round(f / map.bin_hz) + map.half;
+    return map.noise[static_cast<std::size_t>(std::fmin(std::fmax(column, 0.0), map.nbins - 1))];
+}
+
+void try_hyp(const ov_baseband& bb, const ov_specmap& map, int32_t start, double f, double drift, int32_t min_chips,
+             ov_hyp& best) {
+    ov_hyp hyp{};
+    hyp.n_in = ov_chip_energies_sp(bb, map, start, f, drift, hyp.energy);
+    if (hyp.n_in < min_chips) return;
+    hyp.noise = ov_noise_at(map, f);
+    energies_to_soft(hyp.energy, map.pairs, hyp.noise, map.noise_rescale, hyp.soft);
+    hyp.metric = layout_metric(map, hyp.soft);
+    if (!(hyp.metric > best.metric)) return;
+
+    hyp.start = start;
+    hyp.f = f;
+    hyp.drift = drift;
+    hyp.noise_rescale = map.noise_rescale;
+    hyp.spread_factor = map.spread_factor;
+    hyp.nchips = map.frame_chips;
+    best = hyp;
+}
+
+int ov_refine(const ov_baseband& bb, const ov_specmap& map, const ov_cand& cand, double drift_max, double edge,
+              ov_hyp& out) {
+    const int32_t min_chips = chips_needed(edge, map.frame_chips);
+    ov_hyp best{};
+    best.metric = NO_METRIC;
+
+    const Steps coarse = coarse_start_steps(map.hop);
+    for (int32_t d = -coarse.reach; d <= coarse.reach; d += coarse.step) {
+        for (int32_t i = -4; i <= 4; i++) {
+            try_hyp(bb, map, cand.pos * map.hop + d, cand.f + i * map.bin_hz / 4, 0, min_chips, best);
+        }
+    }
+    if (!(best.metric > -1e299)) return -1;
+
+    // Each stage searches around what the stage before it found, not around its own running best.
+    if (drift_max > 0) {
+        const int32_t start = best.start;
+        const double f = best.f;
+        const DriftSteps steps = drift_steps(map, drift_max);
+        for (int32_t j = -steps.n; j <= steps.n; j++) {
+            if (j == 0) continue;
+            for (int32_t i = -2; i <= 2; i++) {
+                try_hyp(bb, map, start, f + i * map.bin_hz / 4, j * steps.unit, min_chips, best);
+            }
+        }
+    }
+
+    const Steps fine = fine_start_steps(map.hop);
+    const int32_t start = best.start;
+    const double f = best.f;
+    const double drift = best.drift;
+    for (int32_t d = -fine.reach; d <= fine.reach; d += fine.step) {
+        for (int32_t i = -2; i <= 2; i++) {
+            try_hyp(bb, map, start + d, f + i * map.bin_hz / 16, drift, min_chips, best);
+        }
+    }
+    out = best;
+    return 0;
+}
+
+int ov_fit_shift(const ov_baseband& bb, const ov_specmap& map, const ov_hyp& hyp, int32_t shift, double edge,
+                 ov_hyp& out) {
+    out = hyp;
+    out.start = hyp.start + shift * map.chip_len;
+    out.n_in = ov_chip_energies_sp(bb, map, out.start, out.f, out.drift, out.energy);
+    if (out.n_in < chips_needed(edge, map.frame_chips)) return -1;
+    energies_to_soft(out.energy, map.pairs, out.noise, map.noise_rescale, out.soft);
+    out.metric = layout_metric(map, out.soft);
+    return 0;
+}
+
+double ov_estimate_snr(const ov_hyp& hyp, const uint8_t* on, double chip_s) {
+    double on_mean = 0;
+    double off_mean = 0;
+    if (!mean_energy(hyp, on, true, on_mean) || !mean_energy(hyp, on, false, off_mean)) return NO_SNR;
+    double ratio = (on_mean - off_mean) / off_mean;
+    if (hyp.spread_factor > 0) ratio *= hyp.spread_factor;
+    return snr_from_ratio(ratio, chip_s);
+}
+
+double ov_estimate_snr_bb(const ov_baseband& bb, const ov_specmap& map, const ov_hyp& hyp, const uint8_t* on,
+                          double chip_s) {
+    if (map.spread != 0 || map.chip_len < MIN_SNR_CHIP_SAMPLES) return ov_estimate_snr(hyp, on, chip_s);
+    double on_mean = 0;
+    if (!mean_energy(hyp, on, true, on_mean)) return NO_SNR;
+
+    std::vector<float> powers;
+    try {
+        powers = noise_powers(bb, map.chip_len, hyp, on);
+    } catch (const std::bad_alloc&) {
+        powers.clear();
+    }
+    if (powers.size() < MIN_SNR_SAMPLES) return ov_estimate_snr(hyp, on, chip_s);
+
+    // The upper middle value for an even count, not the mean of two.
+    const auto middle = powers.begin() + static_cast<std::ptrdiff_t>(powers.size() / 2);
+    std::nth_element(powers.begin(), middle, powers.end(), float_less);
+    const double noise = *middle / 0.6931472;
+    return snr_from_ratio((on_mean - noise) / noise, chip_s);
+}
