@@ -1,0 +1,221 @@
+// The exported functions: argument checks, error texts and conversion between the public records and the pipeline's.
+#include "liborvel.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+#include <string_view>
+
+#include "orvel.h"
+#include "ovcenc.h"
+#include "ovpipe.h"
+
+namespace {
+
+constexpr int32_t MAX_KNOWN = 256;
+constexpr int32_t MAX_SPOTS = 64;      // reported from one block
+constexpr std::size_t MAX_TOKEN = 15;  // characters of a known callsign that are looked at
+constexpr uint32_t ALL_PROTOCOLS = OVL_OPERA | OVL_ORVEL_S | OVL_ORVEL_L;
+constexpr double CHIP_SECONDS = 0.128;
+constexpr double CHIP_PER_OP = 0.256;  // chip length in seconds for each unit of the speed number
+
+bool is_separator(char c) {
+    return c == ',' || c == ';' || std::isspace(static_cast<unsigned char>(c)) != 0;
+}
+
+// Copies text into a zeroed field, cut to what fits before the NUL.
+template <std::size_t Size>
+void copy_text(const char* text, char (&field)[Size]) {
+    std::copy_n(text, std::min(std::strlen(text), Size - 1), field);
+}
+
+ovl_result to_result(const ov_spot& spot, double op) {
+    ovl_result result{};
+    copy_text(spot.call, result.call);
+    copy_text(spot.locator, result.locator);
+    result.protocol = spot.protocol;
+    result.deep = spot.deep;
+    result.t_start = spot.t;
+    result.t_end = spot.t + frame_chips(static_cast<uint32_t>(spot.protocol)) * CHIP_PER_OP * op;
+    result.freq_hz = spot.freq;
+    result.snr_db = spot.snr;
+    result.drift_hz_s = spot.drift;
+    return result;
+}
+
+}  // namespace
+
+struct ovl_decoder {
+    std::array<ovc_known, MAX_KNOWN> known;
+    int32_t n_known;
+    std::unique_ptr<double[]> samples;  // the block in double precision; grows to the longest block seen
+    int32_t capacity;
+    char error[164];
+};
+
+namespace {
+
+void set_error(ovl_decoder& decoder, const char* text) {
+    std::snprintf(decoder.error, sizeof decoder.error, "%s", text);
+}
+
+int32_t fail(ovl_decoder& decoder, const char* text) {
+    set_error(decoder, text);
+    return -1;
+}
+
+bool reserve_samples(ovl_decoder& decoder, int32_t n) {
+    if (decoder.capacity >= n) return true;
+    std::unique_ptr<double[]> grown(new (std::nothrow) double[static_cast<std::size_t>(n)]);
+    if (!grown) return false;
+    decoder.samples = std::move(grown);
+    decoder.capacity = n;
+    return true;
+}
+
+ov_params to_params(const ovl_decoder& decoder, const ovl_settings& settings) {
+    ov_params params;
+    ov_params_default(params);
+    params.protocols = settings.protocols & static_cast<int32_t>(ALL_PROTOCOLS);
+    params.center_hz = settings.center_hz;
+    params.search_hz = settings.search_hz;
+    params.spread_hz = std::fmax(settings.spread_hz, 0.0);
+    params.deep_search = settings.deep_search != 0 ? 1 : 0;
+    params.known_only = settings.known_only != 0 ? 1 : 0;
+    params.end_min = settings.end_min;
+    params.end_max = settings.end_max;
+    if (decoder.n_known > 0) {
+        params.known = decoder.known.data();
+        params.n_known = decoder.n_known;
+    }
+    return params;
+}
+
+}  // namespace
+
+int32_t ovl_api_version(void) {
+    return 5;
+}
+
+const char* ovl_version(void) {
+    return "1.6.1";
+}
+
+int32_t ovl_frame_chips(uint32_t proto) {
+    return frame_chips(proto);
+}
+
+const char* ovl_proto_name(uint32_t proto) {
+    switch (proto) {
+        case OVL_OPERA:
+            return "OPERA 05";
+        case OVL_ORVEL_S:
+            return "ORVEL S";
+        case OVL_ORVEL_L:
+            return "ORVEL L";
+        default:
+            return "";
+    }
+}
+
+double ovl_chip_seconds(void) {
+    return CHIP_SECONDS;
+}
+
+ovl_decoder* ovl_create(void) {
+    return new (std::nothrow) ovl_decoder{};
+}
+
+void ovl_destroy(ovl_decoder* decoder) {
+    delete decoder;
+}
+
+const char* ovl_last_error(const ovl_decoder* decoder) {
+    return decoder != nullptr ? decoder->error : "no decoder";
+}
+
+int32_t ovl_set_known(ovl_decoder* decoder, const char* list) {
+    if (decoder == nullptr) return -1;
+    decoder->n_known = 0;
+    set_error(*decoder, "");
+    if (list == nullptr) return 0;
+
+    const char* next = list;
+    while (*next != '\0') {
+        if (is_separator(*next)) {
+            next++;
+            continue;
+        }
+        const char* const token = next;
+        while (*next != '\0' && !is_separator(*next)) next++;
+        if (decoder->n_known == MAX_KNOWN) return fail(*decoder, "too many known callsigns (max 256)");
+
+        std::array<char, MAX_TOKEN + 1> call{};
+        std::copy_n(token, std::min(static_cast<std::size_t>(next - token), MAX_TOKEN), call.begin());
+        if (ovc_known_init(call.data(), decoder->known[static_cast<std::size_t>(decoder->n_known)]) == 0) {
+            decoder->n_known++;
+        }
+    }
+    return decoder->n_known;
+}
+
+void ovl_settings_default(ovl_settings* settings) {
+    if (settings == nullptr) return;
+    ov_params params;
+    ov_params_default(params);
+    *settings = {
+        .protocols = static_cast<int32_t>(ALL_PROTOCOLS),
+        .center_hz = params.center_hz,
+        .search_hz = params.search_hz,
+        .spread_hz = 0.0,
+        .deep_search = 1,
+        .known_only = 0,
+        .end_min = params.end_min,
+        .end_max = params.end_max,
+    };
+}
+
+int32_t ovl_decode(ovl_decoder* decoder, const float* samples, int32_t n, int32_t rate, const ovl_settings* settings,
+                   ovl_result* results, int32_t max_results) {
+    if (decoder == nullptr) return -1;
+    set_error(*decoder, "");
+    if (samples == nullptr || settings == nullptr || n <= 0 || rate <= 0 || max_results < 0 ||
+        (max_results > 0 && results == nullptr)) {
+        return fail(*decoder, "invalid argument");
+    }
+    if ((static_cast<uint32_t>(settings->protocols) & ALL_PROTOCOLS) == 0) {
+        return fail(*decoder, "no protocol selected");
+    }
+    if (!reserve_samples(*decoder, n)) return fail(*decoder, "out of memory");
+    std::copy_n(samples, n, decoder->samples.get());
+
+    const ov_params params = to_params(*decoder, *settings);
+    if (params.known_only != 0 && params.n_known == 0) {
+        return fail(*decoder, "known_only needs a list of known callsigns (ovl_set_known)");
+    }
+    std::array<ov_spot, MAX_SPOTS> spots;
+    const int32_t found = ov_decode_real(decoder->samples.get(), n, rate, params, spots.data(), MAX_SPOTS);
+    if (found < 0) return fail(*decoder, "block too short or invalid for decoding");
+
+    const int32_t written = std::min(found, max_results);
+    std::transform(spots.begin(), spots.begin() + written, results,
+                   [&](const ov_spot& spot) { return to_result(spot, params.op); });
+    return written;
+}
+
+int32_t ovl_decode_recent(ovl_decoder* decoder, const float* samples, int32_t n, int32_t rate,
+                          const ovl_settings* settings, double recent_s, ovl_result* results, int32_t max_results) {
+    if (decoder == nullptr) return -1;
+    if (settings == nullptr || rate < 1 || recent_s <= 0) return fail(*decoder, "invalid argument");
+    const double duration = static_cast<double>(n) / rate;
+    ovl_settings recent = *settings;
+    recent.end_min = duration - recent_s;
+    recent.end_max = duration;
+    return ovl_decode(decoder, samples, n, rate, &recent, results, max_results);
+}

@@ -1,0 +1,81 @@
+// Decode pipeline: from a block of samples to decoded frames.
+//
+//     samples → baseband → score map → candidates → refined hypotheses → frames → spots
+//
+// No state; separate calls may run in separate threads.
+#pragma once
+
+#include <cstdint>
+
+#include "ovbb.h"
+#include "ovcenc.h"
+#include "ovsync.h"
+
+// What steers a decode. Times are seconds from the first sample of the block, frequencies Hz.
+struct ov_params {
+    double op;                // OPERA speed number: chip = 0.256·op s, frame = 239 chips
+    double center_hz;         // centre of the frequency search
+    double search_hz;         // its half-width
+    double start_min;         // earliest accepted frame start
+    double start_max;         // latest accepted frame start, negative = no limit
+    double end_min;           // earliest accepted frame end
+    double end_max;           // latest accepted frame end, negative = no limit
+    double drift_max;         // half-range of the drift search, Hz/s; negative = two map columns over a frame
+    double spread_hz;         // width of the spread sum, 0 = off
+    double chip_guard;        // fraction of a frame that may lie outside the block
+    double z_min;             // candidate threshold, sigma
+    int32_t max_cands;        // candidates examined in a block
+    int32_t max_frames;       // frames tried for a candidate
+    int32_t check_plausible;  // nonzero: callsigns must be plausible
+    double twin_min;          // smallest accepted margin to a CRC twin
+    double off_max;           // limit for energy in OFF chips, 0 or less = no test
+    const ovc_known* known;   // known callsigns, not owned
+    int32_t n_known;          // their number
+    int32_t known_only;       // nonzero: accept known callsigns only
+    int32_t deep_search;      // nonzero: search for known callsigns below the threshold
+    double deep_pfa;          // false-alarm probability of that search
+    int32_t snr_adjust;       // nonzero: refer the SNR to the mean power over the frame instead of key-down power
+    int32_t verbose;          // nonzero: print diagnostics to standard error
+    int32_t protocols;        // mask of OVL_ ids
+};
+
+void ov_params_default(ov_params& params);
+
+// One decoded frame.
+struct ov_spot {
+    char call[8];       // callsign without blanks around it
+    double t;           // start of the frame, s
+    double freq;        // frequency in the block, Hz
+    double snr;         // dB in 2500 Hz, -99 when not measured
+    double drift;       // Hz/s
+    double z;           // strength of the candidate on the score map, sigma
+    double score;       // metric of the hypothesis that gave the frame
+    int32_t rank;       // place of the frame among those tried, from 0; -1 for the deep search
+    double gap;         // metric by which the best frame tried was ahead
+    int32_t shift;      // chips by which the frame start was moved against the candidate's
+    int32_t chips_ok;   // chips measured
+    int32_t deep;       // 1 when the deep search found it
+    double contrast;    // ON chips minus OFF chips in units of noise
+    int32_t protocol;   // OVL_ id
+    char locator[12];   // grid locator (ORVEL L), else empty
+    double off_excess;  // OFF chips above noise in units of noise
+};
+
+// Decodes a block of n samples (or I/Q pairs) at `rate` Hz into at most max_spots spots, ordered by start time.
+// Returns their number, or -1 when no baseband or score map can be made of the block: too short, a sample that is not
+// finite, a rate without fitting transform sizes, a search band that is no number or far wider than the input, or
+// memory is short.
+int32_t ov_decode_real(const double* x, int32_t n, int32_t rate, const ov_params& params, ov_spot* spots,
+                       int32_t max_spots);
+int32_t ov_decode_iq(const double* i, const double* q, int32_t n, int32_t rate, const ov_params& params, ov_spot* spots,
+                     int32_t max_spots);
+
+// The same for a baseband that was already cut.
+int32_t run(const ov_baseband& bb, const ov_params& params, ov_spot* spots, int32_t max_spots);
+
+// Copies a 6-character callsign without leading and trailing blanks (out: 7 bytes).
+void trim_call(const char* in, char* out);
+
+// Compares a hypothesis with the chips it should show: contrast = (mean ON − mean OFF)/noise, off_excess =
+// mean OFF/noise − 1 over the measured chips; both 0 when there are no ON or no OFF chips among them.
+void frame_consistency(const ov_hyp& hyp, const uint8_t* chips, double& contrast, double& off_excess);
