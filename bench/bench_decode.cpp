@@ -1,0 +1,156 @@
+// CPU seconds of decoding one block with default settings, by stage, beside what FFTW's own transforms cost: one real
+// forward transform of the block, one cut back, one transform for each row of the score map.
+//
+//     bench_decode [seconds of audio] [sample rate]      default 60 12000
+#include <fftw3.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <vector>
+
+#include "liborvel.h"
+#include "ovbb.h"
+#include "ovfft.h"
+#include "ovpipe.h"
+#include "ovsync.h"
+#include "siggen.h"
+
+namespace {
+
+constexpr int32_t REPEATS = 5;
+
+double cpu_seconds() {
+    timespec now{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+// Least CPU time of some runs, s.
+template <class Work>
+double least_seconds(Work work) {
+    double least = 1e9;
+    for (int32_t i = 0; i < REPEATS; i++) {
+        const double start = cpu_seconds();
+        work();
+        least = std::min(least, cpu_seconds() - start);
+    }
+    return least;
+}
+
+struct Stages {
+    double baseband, map, search, all;
+};
+
+Stages measure(const std::vector<double>& x, int32_t rate, const ov_params& params) {
+    const auto n = static_cast<int32_t>(x.size());
+    const double chip_s = 0.256 * params.op;
+    Stages stages{};
+    ov_baseband bb{};
+    ov_specmap map{};
+    stages.baseband = least_seconds([&] {
+        ov_baseband_free(bb);
+        ov_baseband_real(x.data(), n, rate, params.center_hz, 500, bb);
+    });
+    stages.map = least_seconds([&] {
+        ov_spectrogram_free(map);
+        ov_spectrogram(bb, chip_s, params.search_hz, params.spread_hz, map);
+    });
+    std::vector<ov_cand> cands(1500);
+    stages.search = least_seconds([&] {
+        ov_find_candidates(map, -1e9, 1e9, params.search_hz, params.chip_guard, params.z_min, 1500, cands.data(),
+                           nullptr, nullptr);
+    });
+    std::vector<ov_spot> spots(64);
+    stages.all = least_seconds([&] { ov_decode_real(x.data(), n, rate, params, spots.data(), 64); });
+    ov_spectrogram_free(map);
+    ov_baseband_free(bb);
+    return stages;
+}
+
+double measure_floor(const std::vector<double>& x, int32_t rate) {
+    const auto n = static_cast<int32_t>(x.size());
+    ov_spectrum spectrum{};
+    ov_baseband bb{};
+    ov_specmap map{};
+    ov_spectrum_real(x.data(), n, rate, 500, spectrum);
+    ov_baseband_extract(spectrum, 1500, bb);
+    ov_spectrogram(bb, 0.128, 200, 0, map);
+
+    const auto in = fftw_array<double>(spectrum.nfft);
+    const auto bins = fftw_array<std::complex<double>>(spectrum.nbins);
+    const auto band = fftw_array<std::complex<double>>(spectrum.nout);
+    const auto window = fftw_array<std::complex<double>>(map.nfft);
+    const auto row = fftw_array<std::complex<double>>(map.nfft);
+    std::fill_n(in.get(), spectrum.nfft, 0.1);
+    std::fill_n(band.get(), spectrum.nout, 0.1);
+    std::fill_n(window.get(), map.nfft, 0.1);
+    const FftwPlan forward = plan_real_forward(spectrum.nfft, in.get(), bins.get());
+    const FftwPlan back = plan_complex(spectrum.nout, band.get(), band.get(), FFTW_BACKWARD);
+    const FftwPlan rows = plan_complex(map.nfft, window.get(), row.get(), FFTW_FORWARD);
+    const double seconds = least_seconds([&] {
+        fftw_execute(forward.get());
+        fftw_execute(back.get());
+        for (int32_t p = 0; p < map.npos; p++) fftw_execute(rows.get());
+    });
+    ov_spectrogram_free(map);
+    ov_baseband_free(bb);
+    ov_spectrum_free(spectrum);
+    return seconds;
+}
+
+Scene noise_scene(double seconds, int32_t rate) {
+    Scene scene;
+    scene.rate = rate;
+    scene.seconds = seconds;
+    scene.seed = 2;
+    return scene;
+}
+
+Scene busy_scene(double seconds, int32_t rate, int32_t n_stations) {
+    Scene scene = noise_scene(seconds, rate);
+    Random random(3);
+    for (int32_t i = 0; i < n_stations; i++) {
+        Station station;
+        station.chips = opera_chips(random.callsign());
+        station.t_start = random.uniform(0, std::max(0.0, seconds - 31));
+        station.freq_hz = 1320 + 360.0 * i / n_stations;
+        station.drift_hz_s = random.uniform(-0.05, 0.05);
+        station.snr_db = random.uniform(-22, -8);
+        scene.stations.push_back(station);
+    }
+    return scene;
+}
+
+void report(const char* name, const Stages& s, double floor_s) {
+    std::printf("%-22s %9.1f %9.1f %9.1f %9.1f %9.1f %9.1f\n", name, 1e3 * s.baseband, 1e3 * s.map, 1e3 * s.search,
+                1e3 * (s.all - s.baseband - s.map - s.search), 1e3 * s.all, s.all / floor_s);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const double seconds = argc > 1 ? std::atof(argv[1]) : 60;
+    const int32_t rate = argc > 2 ? std::atoi(argv[2]) : 12000;
+    if (!(seconds >= 31) || rate < 4000) {
+        std::fprintf(stderr, "usage: bench_decode [seconds, at least 31] [rate, at least 4000]\n");
+        return 2;
+    }
+    ov_params params;
+    ov_params_default(params);
+
+    const std::vector<double> noise = render_real(noise_scene(seconds, rate));
+    const std::vector<double> busy = render_real(busy_scene(seconds, rate, 10));
+    const double floor_s = measure_floor(noise, rate);
+    std::printf("%.0f s at %d Hz, CPU milliseconds; transforms alone: %.1f\n", seconds, rate, 1e3 * floor_s);
+    std::printf("%-22s %9s %9s %9s %9s %9s %9s\n", "block", "baseband", "map", "search", "frames", "all", "all/floor");
+    report("noise", measure(noise, rate, params), floor_s);
+    report("ten OPERA stations", measure(busy, rate, params), floor_s);
+
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    std::printf("peak memory of this program: %.0f MB\n", static_cast<double>(usage.ru_maxrss) / 1024);
+    return 0;
+}
