@@ -57,6 +57,19 @@ OVL_API const char *ovl_proto_name(uint32_t proto);
 /* Length of a chip in seconds, 0.128 for every protocol. */
 OVL_API double ovl_chip_seconds(void);
 
+/*
+ * Encodes one frame into chips, one byte each: 1 = carrier on, 0 = off, the first chip at out[0].
+ *
+ *   proto   one protocol id
+ *   call    callsign, NUL-terminated, in either case
+ *   loc     grid locator of 4 or 6 characters for OVL_ORVEL_L; otherwise ignored, may be NULL
+ *   out     room for cap bytes, at least ovl_frame_chips(proto)
+ *
+ * Returns the number of chips, or -1 with out untouched when the protocol, callsign or locator is refused or out is
+ * too small.
+ */
+OVL_API int32_t ovl_encode(uint32_t proto, const char *call, const char *loc, uint8_t *out, int32_t cap);
+
 /* ---- Library ----------------------------------------------------------------------------------------------- */
 
 /* Version of the interface that this header describes: 5. */

@@ -19,8 +19,9 @@
 namespace {
 
 constexpr int32_t MAX_KNOWN = 256;
-constexpr int32_t MAX_SPOTS = 64;      // reported from one block
-constexpr std::size_t MAX_TOKEN = 15;  // characters of a known callsign that are looked at
+constexpr int32_t MAX_SPOTS = 64;       // reported from one block
+constexpr std::size_t MAX_CHIPS = 321;  // of the longest frame
+constexpr std::size_t MAX_TOKEN = 15;   // characters of a known callsign that are looked at
 constexpr uint32_t ALL_PROTOCOLS = OVL_OPERA | OVL_ORVEL_S | OVL_ORVEL_L;
 constexpr double CHIP_SECONDS = 0.128;
 constexpr double CHIP_PER_OP = 0.256;  // chip length in seconds for each unit of the speed number
@@ -126,6 +127,24 @@ const char* ovl_proto_name(uint32_t proto) {
 
 double ovl_chip_seconds(void) {
     return CHIP_SECONDS;
+}
+
+int32_t ovl_encode(uint32_t proto, const char* call, const char* loc, uint8_t* out, int32_t cap) {
+    const int32_t chips = frame_chips(proto);
+    if (chips == 0 || call == nullptr || out == nullptr || chips > cap) return -1;
+
+    std::array<uint8_t, MAX_CHIPS> frame;
+    int result = -1;
+    if (proto == OVL_OPERA) {
+        result = ovc_encode(call, frame.data(), nullptr);
+    } else if (proto == OVL_ORVEL_S) {
+        result = ov_encode(0, call, nullptr, frame.data());
+    } else if (loc != nullptr && *loc != '\0') {
+        result = ov_encode(1, call, loc, frame.data());
+    }
+    if (result != 0) return -1;
+    std::copy_n(frame.begin(), chips, out);
+    return chips;
 }
 
 ovl_decoder* ovl_create(void) {

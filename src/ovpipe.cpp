@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
-#include <memory>
 #include <new>
 #include <optional>
 #include <span>
@@ -17,7 +16,9 @@
 #include <vector>
 
 #include "liborvel.h"
+#include "orvel.h"
 #include "ovcdec.h"
+#include "ovcdeep.h"
 
 namespace {
 
@@ -33,12 +34,16 @@ constexpr int64_t MAX_OVERSAMPLING = 4;       // baseband rate over input rate; 
 constexpr int64_t OVERSAMPLING_FLOOR = 1000;  // Hz; below this the input rate sets no limit
 
 constexpr int64_t CANDIDATES_LISTED = 50;  // for each candidate examined: most are shadows of stronger ones
+constexpr int32_t MAX_DEEP_HITS = 64;
+constexpr int32_t LDPC_PASSES = 50;
+constexpr int32_t LDPC_ORDER = 2;
 constexpr std::array<int32_t, 7> SHIFTS = {-6, -4, -2, 0, 2, 4, 6};
 
 constexpr double SAME_PLACE_CHIP_HZ = 3.0;  // two signals closer than this many 1/chip share their energy
 constexpr double SAME_PLACE_FRAMES = 0.9;
 constexpr double SHADOW_Z = 0.75;  // a candidate this much weaker than its neighbour is its shadow
 constexpr double DUPLICATE_FRAMES = 0.5;
+constexpr double OVERLAP_FRAMES = 0.5;
 constexpr double OFF_PER_CONTRAST = 0.05;  // keying leaks this share of the ON energy into OFF chips
 
 double chip_seconds(const ov_params& params) {
@@ -69,7 +74,46 @@ int32_t run_and_free(ov_baseband& bb, const ov_params& params, ov_spot* spots, i
     return count;
 }
 
-// ---- One decode run --------------------------------------------------------------------------------------------
+// ---- What both kinds of search share ----------------------------------------------------------------------------
+
+// The spots found so far, in the caller's array.
+class SpotList {
+  public:
+    SpotList(ov_spot* spots, int32_t n, int32_t max_spots)
+        : room_(spots, static_cast<std::size_t>(std::max(0, max_spots))), count_(static_cast<std::size_t>(n)) {}
+
+    bool is_full() const { return count_ >= room_.size(); }
+    void push_back(const ov_spot& spot) { room_[count_++] = spot; }
+    void shrink(std::size_t count) { count_ = count; }
+    std::span<ov_spot> found() const { return room_.first(std::min(count_, room_.size())); }
+    int32_t count() const { return static_cast<int32_t>(count_); }
+
+    // Nothing else is read of a frame than its callsign and start when it is found twice.
+    bool has_call_near(const char* call, double t, double within_s) const {
+        const auto spots = found();
+        return std::any_of(spots.begin(), spots.end(), [&](const ov_spot& spot) {
+            return std::strcmp(spot.call, call) == 0 && std::fabs(t - spot.t) < within_s;
+        });
+    }
+
+  private:
+    std::span<ov_spot> room_;
+    std::size_t count_;
+};
+
+// One protocol's search in one block.
+struct Search {
+    const ov_baseband& bb;
+    const ov_specmap& map;  // in the protocol's layout
+    const ov_params& params;
+    double chip_s;
+    double frame_s;
+    double drift_range;
+
+    double absolute(double f) const { return f + bb.centre; }
+    double same_place_hz() const { return SAME_PLACE_CHIP_HZ / chip_s; }
+    bool verbose() const { return params.verbose != 0; }
+};
 
 struct MapOwner {
     ov_specmap map{};
@@ -89,19 +133,61 @@ StartWindow start_window(const ov_params& params, double frame_s) {
             std::fmin(limit(params.end_max) - frame_s, limit(params.start_max))};
 }
 
-// A frame of the pool, with the shift that it was listed for.
-struct Pooled {
-    double metric;
-    std::size_t fit;
-    int32_t position;
-    ovc_frame frame;
+// Candidates as found, and those of them that were examined.
+struct CandidateLists {
+    std::vector<ov_cand> found;
+    std::vector<ov_cand> examined;
 };
 
-int32_t cmp_pooled(const Pooled& a, const Pooled& b) {
-    return (b.metric > a.metric) - (b.metric < a.metric);
+// Nothing when memory is short.
+std::optional<CandidateLists> make_lists(const ov_params& params) {
+    const int64_t capacity = CANDIDATES_LISTED * std::max(1, params.max_cands);
+    if (capacity > std::numeric_limits<int32_t>::max()) return std::nullopt;
+    try {
+        CandidateLists lists;
+        lists.found.resize(static_cast<std::size_t>(capacity));
+        lists.examined.reserve(static_cast<std::size_t>(capacity));
+        return lists;
+    } catch (const std::bad_alloc&) {
+        return std::nullopt;
+    }
 }
-int32_t cmp_spot_dt(const ov_spot& a, const ov_spot& b) {
-    return (a.t > b.t) - (a.t < b.t);
+
+// A candidate close to a much stronger one is its shadow.
+bool is_shadowed(const Search& search, std::span<const ov_cand> examined, const ov_cand& cand) {
+    return std::any_of(examined.begin(), examined.end(), [&](const ov_cand& other) {
+        return std::fabs(cand.f - other.f) < search.same_place_hz() && std::fabs(cand.t - other.t) < search.frame_s &&
+               other.z * SHADOW_Z > cand.z;
+    });
+}
+
+// Finds candidates and examines them from the strongest down: examine(candidate, number) for each that is_taken does
+// not rule out. Numbers count from 1, skipped candidates included.
+template <class IsTaken, class Examine>
+void search_candidates(const Search& search, const char* name, CandidateLists& lists, const SpotList& spots,
+                       IsTaken is_taken, Examine examine) {
+    const ov_params& params = search.params;
+    const StartWindow window = start_window(params, search.frame_s);
+    double median = 0;
+    double sigma = 0;
+    const int32_t listed = std::max(
+        0, ov_find_candidates(search.map, window.first, window.last, params.search_hz, params.chip_guard, params.z_min,
+                              static_cast<int32_t>(lists.found.size()), lists.found.data(), &median, &sigma));
+    if (search.verbose()) {
+        std::fprintf(stderr, "%s score map: median %.1f, sigma %.1f; %d candidate(s) above %.1f sigma\n", name, median,
+                     sigma, listed, params.z_min);
+    }
+    const auto limit = static_cast<std::size_t>(std::max(0, params.max_cands));
+    for (int32_t i = 0; i < listed && lists.examined.size() < limit && !spots.is_full(); i++) {
+        const ov_cand& cand = lists.found[static_cast<std::size_t>(i)];
+        if (is_taken(cand) || is_shadowed(search, lists.examined, cand)) continue;
+        lists.examined.push_back(cand);
+        try {
+            examine(cand, i + 1);
+        } catch (const std::bad_alloc&) {
+            continue;  // the other candidates may need less
+        }
+    }
 }
 
 // A hypothesis measured at one shift.
@@ -109,6 +195,77 @@ struct Fit {
     int32_t shift;
     ov_hyp hyp;
 };
+
+// The map tells a frame from itself moved by a chip or two only by a little: all shifts get their chance.
+std::vector<Fit> fit_shifts(const Search& search, const ov_hyp& hyp) {
+    std::vector<Fit> fits;
+    fits.reserve(SHIFTS.size());
+    for (const int32_t shift : SHIFTS) {
+        Fit fit{shift, {}};
+        if (ov_fit_shift(search.bb, search.map, hyp, shift, search.params.chip_guard, fit.hyp) == 0) {
+            fits.push_back(fit);
+        }
+    }
+    return fits;
+}
+
+bool is_known(const ov_params& params, std::string_view call) {
+    if (params.known == nullptr || params.n_known < 1) return false;
+    const std::span known(params.known, static_cast<std::size_t>(params.n_known));
+    return std::any_of(known.begin(), known.end(), [&](const ovc_known& entry) { return call == entry.display; });
+}
+
+// False when the OFF chips hold more than noise and what keying leaks into them: another signal lies there.
+bool off_chips_empty(const ov_params& params, double contrast, double off_excess) {
+    if (params.off_max <= 0) return true;
+    return off_excess <= OFF_PER_CONTRAST * contrast + params.off_max;
+}
+
+// What a fit says about the spot.
+ov_spot measured_spot(const Search& search, double z, const ov_hyp& hyp, int32_t protocol) {
+    ov_spot spot{};
+    spot.t = hyp.start / search.bb.rate;
+    spot.freq = search.absolute(hyp.f);
+    spot.drift = hyp.drift;
+    spot.z = z;
+    spot.score = hyp.metric;
+    spot.chips_ok = hyp.n_in;
+    spot.protocol = protocol;
+    return spot;
+}
+
+// Held against the chips that the frame should show.
+void compare_with_chips(const Search& search, const ov_hyp& hyp, const uint8_t* chips, double snr_adjust,
+                        ov_spot& spot) {
+    spot.snr = ov_estimate_snr_bb(search.bb, search.map, hyp, chips, search.chip_s) +
+               (search.params.snr_adjust != 0 ? snr_adjust : 0);
+    frame_consistency(hyp, chips, spot.contrast, spot.off_excess);
+}
+
+double frame_seconds(const ov_params& params, int32_t protocol) {
+    return frame_chips(static_cast<uint32_t>(protocol)) * chip_seconds(params);
+}
+
+double time_overlap(double t1, double length1, double t2, double length2) {
+    return std::fmin(t1 + length1, t2 + length2) - std::fmax(t1, t2);
+}
+
+int32_t cmp_spot_dt(const ov_spot& a, const ov_spot& b) {
+    return (a.t > b.t) - (a.t < b.t);
+}
+
+// ---- OPERA -----------------------------------------------------------------------------------------------------
+
+// A frame of the pool, with the fit that it was listed for.
+struct Pooled {
+    double metric;
+    std::size_t fit;
+    ovc_frame frame;
+};
+
+int32_t cmp_pooled(const Pooled& a, const Pooled& b) {
+    return (b.metric > a.metric) - (b.metric < a.metric);
+}
 
 // The frame that a candidate decodes to.
 struct Decision {
@@ -118,180 +275,47 @@ struct Decision {
     double gap;
 };
 
-// State of one run: the spots found so far and what all steps of it need.
-class Run {
-  public:
-    Run(const ov_baseband& bb, const ov_params& params, std::span<ov_spot> spots)
-        : bb_(bb), params_(params), spots_(spots), chip_s_(chip_seconds(params)), frame_s_(FRAME_PER_OP * params.op) {}
-
-    int32_t decode();
-
-  private:
-    bool make_map();
-    void search_opera();
-    void examine(const ov_cand& cand, int32_t number);
-    std::vector<Fit> fit_shifts(const ov_hyp& hyp) const;
-    std::vector<Pooled> pool_frames(std::span<const Fit> fits) const;
-    bool is_valid(const ovc_frame& frame, std::array<char, 7>& call) const;
-    std::optional<Decision> decide(std::span<const Fit> fits, std::span<const Pooled> pool, int32_t number,
-                                   int32_t& walked) const;
-    ov_spot make_spot(const ov_cand& cand, const Fit& fit, const Decision& decision) const;
-    void accept(const ov_spot& spot, const ov_cand& cand, int32_t number);
-
-    bool is_known(std::string_view call) const;
-    bool is_decoded(double t, double f) const;
-    bool is_shadowed(const ov_cand& cand) const;
-    bool is_full() const { return count_ >= spots_.size(); }
-    std::span<ov_spot> found() const { return spots_.first(count_); }
-    double absolute(double f) const { return f + bb_.centre; }
-    bool verbose() const { return params_.verbose != 0; }
-
-    const ov_baseband& bb_;
-    const ov_params& params_;
-    std::span<ov_spot> spots_;
-    std::size_t count_ = 0;
-    double chip_s_;
-    double frame_s_;
-    double drift_range_ = 0;
-    MapOwner owner_;
-    const ov_specmap& map_ = owner_.map;
-    std::vector<ov_cand> candidates_;
-    std::vector<ov_cand> examined_;
-};
-
-bool Run::make_map() {
-    if (ov_spectrogram(bb_, chip_s_, params_.search_hz, params_.spread_hz, owner_.map) != 0) {
-        if (verbose()) std::fprintf(stderr, "orveld: recording too short or invalid for Op%g\n", params_.op);
-        return false;
-    }
-    drift_range_ = params_.drift_max >= 0 ? params_.drift_max : 2 * map_.bin_hz / frame_s_;
-    if (verbose()) {
-        std::fprintf(stderr,
-                     "Baseband: %.0f Hz around %.2f Hz, chip %.3f s = %d samples, bins %.3f Hz, %ld positions x %d "
-                     "bins, drift search +/-%.3f Hz/s%s\n",
-                     bb_.rate, bb_.centre, chip_s_, map_.chip_len, map_.bin_hz, static_cast<long>(map_.npos),
-                     map_.nbins, drift_range_, "");
-        if (map_.spread > 0) {
-            std::fprintf(stderr, "Spread mode: energy summed over %d bins = %.1f Hz, noise rescale %.2f\n",
-                         2 * map_.spread + 1, (2 * map_.spread + 1) * map_.bin_hz, map_.noise_rescale);
-        }
-    }
-    return true;
-}
-
-int32_t Run::decode() {
-    if (!make_map()) return -1;
-
-    const int64_t capacity = CANDIDATES_LISTED * std::max(1, params_.max_cands);
-    if (capacity > std::numeric_limits<int32_t>::max()) return -1;
-    try {
-        candidates_.resize(static_cast<std::size_t>(capacity));
-        examined_.reserve(static_cast<std::size_t>(capacity));
-    } catch (const std::bad_alloc&) {
-        return -1;
-    }
-
-    if ((params_.protocols & OVL_OPERA) != 0) search_opera();
-
-    std::stable_sort(found().begin(), found().end(),
-                     [](const ov_spot& a, const ov_spot& b) { return cmp_spot_dt(a, b) < 0; });
-    return static_cast<int32_t>(count_);
-}
-
-void Run::search_opera() {
-    const StartWindow window = start_window(params_, frame_s_);
-    double median = 0;
-    double sigma = 0;
-    const int32_t listed = std::max(
-        0, ov_find_candidates(map_, window.first, window.last, params_.search_hz, params_.chip_guard, params_.z_min,
-                              static_cast<int32_t>(candidates_.size()), candidates_.data(), &median, &sigma));
-    if (verbose()) {
-        std::fprintf(stderr, "Classic score map: median %.1f, sigma %.1f; %d candidate(s) above %.1f sigma\n", median,
-                     sigma, listed, params_.z_min);
-    }
-    const auto examined_limit = static_cast<std::size_t>(std::max(0, params_.max_cands));
-    for (int32_t i = 0; i < listed && examined_.size() < examined_limit && !is_full(); i++) {
-        const ov_cand& cand = candidates_[static_cast<std::size_t>(i)];
-        if (is_decoded(cand.t, cand.f) || is_shadowed(cand)) continue;
-        examined_.push_back(cand);
-        try {
-            examine(cand, i + 1);
-        } catch (const std::bad_alloc&) {
-            continue;  // the other candidates may need less
-        }
-    }
-}
-
-void Run::examine(const ov_cand& cand, int32_t number) {
-    ov_hyp hyp;
-    if (ov_refine(bb_, map_, cand, drift_range_, params_.chip_guard, hyp) != 0) return;
-
-    const std::vector<Fit> fits = fit_shifts(hyp);
-    const std::vector<Pooled> pool = pool_frames(fits);
-    int32_t walked = 0;
-    if (const auto decision = decide(fits, pool, number, walked)) {
-        accept(make_spot(cand, fits[decision->fit], *decision), cand, number);
-    } else if (verbose()) {
-        std::fprintf(stderr,
-                     "Candidate %d: z=%.1f t=%.3f s f=%.2f Hz -> refined t=%.3f s f=%.2f Hz score=%.1f : no valid "
-                     "frame (%d tried)\n",
-                     number, cand.z, cand.t, absolute(cand.f), hyp.start / bb_.rate, absolute(hyp.f), hyp.metric,
-                     walked);
-    }
-}
-
-std::vector<Fit> Run::fit_shifts(const ov_hyp& hyp) const {
-    std::vector<Fit> fits;
-    fits.reserve(SHIFTS.size());
-    for (const int32_t shift : SHIFTS) {
-        Fit fit{shift, {}};
-        if (ov_fit_shift(bb_, map_, hyp, shift, params_.chip_guard, fit.hyp) == 0) fits.push_back(fit);
-    }
-    return fits;
-}
-
 // The frames of all fits, best metric first; only as many as will be tried.
-std::vector<Pooled> Run::pool_frames(std::span<const Fit> fits) const {
-    const int32_t tries = std::clamp(params_.max_frames, 1, OVC_MAX_LISTED);
-    std::vector<ovc_frame> frames(static_cast<std::size_t>(tries));
+std::vector<Pooled> pool_frames(const ov_params& params, std::span<const Fit> fits) {
+    const int32_t tries = std::max(1, params.max_frames);
+    const int32_t most = std::min(tries, OVC_MAX_LISTED);
+    std::vector<ovc_frame> frames(static_cast<std::size_t>(most));
     std::vector<Pooled> pool;
     for (std::size_t k = 0; k < fits.size(); k++) {
-        const int32_t listed = ovc_list_frames(fits[k].hyp.soft, tries, frames.data());
-        for (int32_t i = 0; i < listed; i++) {
-            const ovc_frame& frame = frames[static_cast<std::size_t>(i)];
-            pool.push_back({frame.metric, k, i, frame});
+        const int32_t listed = ovc_list_frames(fits[k].hyp.soft, most, frames.data());
+        for (const ovc_frame& frame : std::span(frames).first(static_cast<std::size_t>(listed))) {
+            pool.push_back({frame.metric, k, frame});
         }
     }
     std::stable_sort(pool.begin(), pool.end(), [](const Pooled& a, const Pooled& b) { return cmp_pooled(a, b) < 0; });
-    const auto tried = static_cast<std::size_t>(std::max(1, params_.max_frames));
-    if (pool.size() > tried) pool.resize(tried);
+    if (pool.size() > static_cast<std::size_t>(tries)) pool.resize(static_cast<std::size_t>(tries));
     return pool;
 }
 
-bool Run::is_valid(const ovc_frame& frame, std::array<char, 7>& call) const {
+bool is_valid(const ov_params& params, const ovc_frame& frame, std::array<char, 7>& call) {
     uint32_t value = 0;
     if (ovc_check_frame(frame, call.data(), &value) != 0) return false;
-    if (params_.check_plausible != 0 && ov_call_plausible(call.data()) == 0) return false;
-    if (params_.known_only == 0) return true;
+    if (params.check_plausible != 0 && ov_call_plausible(call.data()) == 0) return false;
+    if (params.known_only == 0) return true;
     std::array<char, 7> text;
     trim_call(call.data(), text.data());
-    return is_known(text.data());
+    return is_known(params, text.data());
 }
 
 // The one callsign that the tried frames agree on, safe against CRC twins. walked counts the frames looked at.
-std::optional<Decision> Run::decide(std::span<const Fit> fits, std::span<const Pooled> pool, int32_t number,
-                                    int32_t& walked) const {
+std::optional<Decision> decide(const Search& search, std::span<const Fit> fits, std::span<const Pooled> pool,
+                               int32_t number, int32_t& walked) {
     std::optional<Decision> chosen;
     for (const Pooled& candidate : pool) {
         walked++;
         std::array<char, 7> call;
-        if (!is_valid(candidate.frame, call)) continue;
+        if (!is_valid(search.params, candidate.frame, call)) continue;
         if (!chosen) {
             std::array<char, 7> twin;
-            const double margin =
-                ovc_twin_margin(fits[candidate.fit].hyp.soft, candidate.frame, params_.check_plausible, twin.data());
-            if (!(margin >= params_.twin_min)) {
-                if (verbose()) {
+            const double margin = ovc_twin_margin(fits[candidate.fit].hyp.soft, candidate.frame,
+                                                  search.params.check_plausible, twin.data());
+            if (!(margin >= search.params.twin_min)) {
+                if (search.verbose()) {
                     std::fprintf(stderr, "Candidate %d: %s rejected, CRC twin %s only %.1f behind\n", number,
                                  call.data(), twin.data(), margin);
                 }
@@ -299,7 +323,7 @@ std::optional<Decision> Run::decide(std::span<const Fit> fits, std::span<const P
             }
             chosen = Decision{call, candidate.fit, walked - 1, pool.front().metric - candidate.metric};
         } else if (call != chosen->call) {
-            if (verbose()) {
+            if (search.verbose()) {
                 std::fprintf(stderr, "Candidate %d: ambiguous (%s / %s both valid), rejected\n", number,
                              chosen->call.data(), call.data());
             }
@@ -309,35 +333,25 @@ std::optional<Decision> Run::decide(std::span<const Fit> fits, std::span<const P
     return chosen;
 }
 
-ov_spot Run::make_spot(const ov_cand& cand, const Fit& fit, const Decision& decision) const {
-    ov_spot spot{};
+ov_spot opera_spot(const Search& search, const ov_cand& cand, const Fit& fit, const Decision& decision) {
+    ov_spot spot = measured_spot(search, cand.z, fit.hyp, OVL_OPERA);
     trim_call(decision.call.data(), spot.call);
-    spot.t = fit.hyp.start / bb_.rate;
-    spot.freq = absolute(fit.hyp.f);
-    spot.drift = fit.hyp.drift;
-    spot.z = cand.z;
-    spot.score = fit.hyp.metric;
     spot.rank = decision.rank;
     spot.gap = decision.gap;
     spot.shift = fit.shift;
-    spot.chips_ok = fit.hyp.n_in;
-    spot.protocol = OVL_OPERA;
 
     std::array<uint8_t, OVC_CHIPS> chips;
-    if (ovc_encode(decision.call.data(), chips.data(), nullptr) != 0) {
+    if (ovc_encode(decision.call.data(), chips.data(), nullptr) == 0) {
+        compare_with_chips(search, fit.hyp, chips.data(), OPERA_SNR_ADJUST, spot);
+    } else {
         spot.snr = NO_SNR;
-        return spot;
     }
-    spot.snr = ov_estimate_snr_bb(bb_, map_, fit.hyp, chips.data(), chip_s_) +
-               (params_.snr_adjust != 0 ? OPERA_SNR_ADJUST : 0);
-    frame_consistency(fit.hyp, chips.data(), spot.contrast, spot.off_excess);
     return spot;
 }
 
-void Run::accept(const ov_spot& spot, const ov_cand& cand, int32_t number) {
-    const double off_limit = OFF_PER_CONTRAST * spot.contrast + params_.off_max;
-    if (!(params_.off_max <= 0) && !(spot.off_excess <= off_limit)) {
-        if (verbose()) {
+void accept_opera(const Search& search, const ov_spot& spot, const ov_cand& cand, int32_t number, SpotList& spots) {
+    if (!off_chips_empty(search.params, spot.contrast, spot.off_excess)) {
+        if (search.verbose()) {
             std::fprintf(stderr,
                          "Candidate %d: %s rejected, OFF chips not empty (excess %.2f, contrast %.2f, SNR %.1f dB): "
                          "another signal\n",
@@ -345,36 +359,259 @@ void Run::accept(const ov_spot& spot, const ov_cand& cand, int32_t number) {
         }
         return;
     }
-    const bool duplicate = std::any_of(found().begin(), found().end(), [&](const ov_spot& earlier) {
-        return std::strcmp(earlier.call, spot.call) == 0 && std::fabs(spot.t - earlier.t) < DUPLICATE_FRAMES * frame_s_;
-    });
-    if (verbose()) {
+    const bool duplicate = spots.has_call_near(spot.call, spot.t, DUPLICATE_FRAMES * search.frame_s);
+    if (search.verbose()) {
         std::fprintf(stderr,
                      "Candidate %d: z=%.1f t=%.3f s f=%.2f Hz -> refined t=%.3f s f=%.2f Hz drift=%+.4f Hz/s "
                      "score=%.1f chips=%d/239 : %s (rank %d, SNR %.1f dB, contrast %.2f, OFF excess %.2f)%s\n",
-                     number, cand.z, cand.t, absolute(cand.f), spot.t, spot.freq, spot.drift, spot.score, spot.chips_ok,
-                     spot.call, spot.rank, spot.snr, spot.contrast, spot.off_excess, duplicate ? " [duplicate]" : "");
+                     number, cand.z, cand.t, search.absolute(cand.f), spot.t, spot.freq, spot.drift, spot.score,
+                     spot.chips_ok, spot.call, spot.rank, spot.snr, spot.contrast, spot.off_excess,
+                     duplicate ? " [duplicate]" : "");
     }
-    if (!duplicate) spots_[count_++] = spot;
+    if (!duplicate) spots.push_back(spot);
 }
 
-bool Run::is_known(std::string_view call) const {
-    const std::span known(params_.known, static_cast<std::size_t>(std::max(0, params_.n_known)));
-    return std::any_of(known.begin(), known.end(), [&](const ovc_known& entry) { return call == entry.display; });
+void examine_opera(const Search& search, const ov_cand& cand, int32_t number, SpotList& spots) {
+    ov_hyp hyp;
+    if (ov_refine(search.bb, search.map, cand, search.drift_range, search.params.chip_guard, hyp) != 0) return;
+
+    const std::vector<Fit> fits = fit_shifts(search, hyp);
+    const std::vector<Pooled> pool = pool_frames(search.params, fits);
+    int32_t walked = 0;
+    if (const auto decision = decide(search, fits, pool, number, walked)) {
+        accept_opera(search, opera_spot(search, cand, fits[decision->fit], *decision), cand, number, spots);
+    } else if (search.verbose()) {
+        std::fprintf(stderr,
+                     "Candidate %d: z=%.1f t=%.3f s f=%.2f Hz -> refined t=%.3f s f=%.2f Hz score=%.1f : no valid "
+                     "frame (%d tried)\n",
+                     number, cand.z, cand.t, search.absolute(cand.f), hyp.start / search.bb.rate,
+                     search.absolute(hyp.f), hyp.metric, walked);
+    }
 }
 
-bool Run::is_decoded(double t, double f) const {
-    return std::any_of(found().begin(), found().end(), [&](const ov_spot& spot) {
-        return std::fabs(absolute(f) - spot.freq) < SAME_PLACE_CHIP_HZ / chip_s_ &&
-               std::fabs(t - spot.t) < SAME_PLACE_FRAMES * frame_s_;
+// Whether an earlier spot lies on this place.
+bool is_decoded(const Search& search, const SpotList& spots, double t, double f) {
+    const auto found = spots.found();
+    return std::any_of(found.begin(), found.end(), [&](const ov_spot& spot) {
+        return std::fabs(search.absolute(f) - spot.freq) < search.same_place_hz() &&
+               std::fabs(t - spot.t) < SAME_PLACE_FRAMES * search.frame_s;
     });
 }
 
-bool Run::is_shadowed(const ov_cand& cand) const {
-    return std::any_of(examined_.begin(), examined_.end(), [&](const ov_cand& other) {
-        return std::fabs(cand.f - other.f) < SAME_PLACE_CHIP_HZ / chip_s_ && std::fabs(cand.t - other.t) < frame_s_ &&
-               other.z * SHADOW_Z > cand.z;
+void search_opera(const Search& search, CandidateLists& lists, SpotList& spots) {
+    search_candidates(
+        search, "Classic", lists, spots, [&](const ov_cand& cand) { return is_decoded(search, spots, cand.t, cand.f); },
+        [&](const ov_cand& cand, int32_t number) { examine_opera(search, cand, number, spots); });
+}
+
+// ---- Known callsigns -------------------------------------------------------------------------------------------
+
+void examine_deep(const Search& search, const ovc_deep_hit& hit, SpotList& spots) {
+    const ovc_known& known = search.params.known[hit.known];
+    const double f = search.absolute(hit.f);
+    if (is_decoded(search, spots, hit.t, hit.f) ||
+        spots.has_call_near(known.display, hit.t, DUPLICATE_FRAMES * search.frame_s)) {
+        if (search.verbose()) {
+            std::fprintf(stderr, "Deep hit %s Z=%.1f t=%.3f s f=%.2f Hz: already decoded there\n", known.display, hit.z,
+                         hit.t, f);
+        }
+        return;
+    }
+    ov_hyp hyp;
+    if (ovc_deep_refine(search.bb, search.map, known, hit, search.drift_range, search.params.chip_guard, hyp) != 0) {
+        return;
+    }
+    ov_spot spot = measured_spot(search, hit.z, hyp, OVL_OPERA);
+    std::copy(std::begin(known.display), std::end(known.display), spot.call);
+    spot.rank = -1;
+    spot.deep = 1;
+    compare_with_chips(search, hyp, known.chips, OPERA_SNR_ADJUST, spot);
+    if (search.verbose()) {
+        std::fprintf(stderr,
+                     "Deep hit %s: Z=%.1f (map) -> refined t=%.3f s f=%.2f Hz drift=%+.4f Hz/s Z=%.1f chips=%d/239 "
+                     "SNR %.1f dB\n",
+                     spot.call, hit.z, spot.t, spot.freq, spot.drift, spot.score, spot.chips_ok, spot.snr);
+    }
+    spots.push_back(spot);
+}
+
+void search_known(const Search& search, SpotList& spots) {
+    const ov_params& params = search.params;
+    const StartWindow window = start_window(params, search.frame_s);
+    std::array<ovc_deep_hit, MAX_DEEP_HITS> hits;
+    double threshold = 0;
+    const int32_t count = std::max(
+        0, ovc_deep_search(search.map, params.known, params.n_known, window.first, window.last, params.search_hz,
+                           params.chip_guard, params.deep_pfa, MAX_DEEP_HITS, hits.data(), &threshold));
+    if (search.verbose()) {
+        std::fprintf(stderr, "Deep search: %d known callsign(s), threshold Z=%.2f, %d hit(s)\n", params.n_known,
+                     threshold, count);
+    }
+    for (int32_t i = 0; i < count && !spots.is_full(); i++) {
+        examine_deep(search, hits[static_cast<std::size_t>(i)], spots);
+    }
+}
+
+// ---- ORVEL -----------------------------------------------------------------------------------------------------
+
+// Why a fit was not accepted; the lowest value of a candidate's fits is reported.
+enum class Verdict { OTHER_SIGNAL = -3, IMPLAUSIBLE = -2, NO_FRAME = -1, ACCEPTED = 0 };
+
+const char* reason(Verdict verdict) {
+    switch (verdict) {
+        case Verdict::OTHER_SIGNAL:
+            return "valid CRC but OFF chips not empty (another signal)";
+        case Verdict::IMPLAUSIBLE:
+            return "valid CRC but implausible callsign";
+        default:
+            return "no valid frame";
+    }
+}
+
+struct OrvelMode {
+    int32_t mode;
+    int32_t protocol;
+    const char* name;
+    double snr_adjust;  // share of ON chips in a frame, dB
+};
+
+bool is_acceptable_call(const ov_params& params, const char* call) {
+    if (params.check_plausible != 0) {
+        std::array<char, 7> normalised;
+        if (ov_normalize_call(call, normalised.data()) != 0 || ov_call_plausible(normalised.data()) == 0) return false;
+    }
+    return params.known_only == 0 || is_known(params, call);
+}
+
+// Tries to read one fit; the spot is complete when it is accepted.
+Verdict read_fit(const Search& search, const OrvelMode& mode, const ov_cand& cand, const Fit& fit, ov_spot& spot) {
+    const auto nbits = static_cast<std::size_t>(search.map.pairs);
+    std::array<float, OV_MAX_PAIRS> first;
+    std::array<float, OV_MAX_PAIRS> second;
+    for (std::size_t i = 0; i < nbits; i++) {
+        first[i] = fit.hyp.energy[2 * i + 1];
+        second[i] = fit.hyp.energy[2 * i + 2];
+    }
+    std::array<float, OV_MAX_PAIRS> llr;
+    ov_llr(first.data(), second.data(), search.map.pairs, fit.hyp.noise, llr.data(), 0);
+
+    std::array<uint8_t, OV_MAX_PAIRS> coded;
+    std::array<uint8_t, OV_MAX_PAIRS> message;
+    double cost = 0;
+    int32_t stage = 0;
+    if (ldpc_decode(ov_code(mode.mode), llr.data(), LDPC_PASSES, LDPC_ORDER, 0, coded.data(), message.data(), &cost,
+                    &stage) != 0) {
+        return Verdict::NO_FRAME;
+    }
+    spot = measured_spot(search, cand.z, fit.hyp, mode.protocol);
+    if (ov_check(mode.mode, message.data(), spot.call, spot.locator) != 0) return Verdict::NO_FRAME;
+    if (!is_acceptable_call(search.params, spot.call)) return Verdict::IMPLAUSIBLE;
+
+    std::array<uint8_t, OV_MAX_CHIPS> chips;
+    chips[0] = 1;
+    for (std::size_t i = 0; i < nbits; i++) {
+        chips[2 * i + 1] = static_cast<uint8_t>(1 - coded[i]);
+        chips[2 * i + 2] = coded[i];
+    }
+    frame_consistency(fit.hyp, chips.data(), spot.contrast, spot.off_excess);
+    if (!off_chips_empty(search.params, spot.contrast, spot.off_excess)) return Verdict::OTHER_SIGNAL;
+
+    compare_with_chips(search, fit.hyp, chips.data(), mode.snr_adjust, spot);
+    spot.rank = stage;
+    spot.shift = fit.shift;
+    return Verdict::ACCEPTED;
+}
+
+void accept_orvel(const Search& search, const OrvelMode& mode, const ov_spot& spot, int32_t number, SpotList& spots) {
+    const bool duplicate = spots.has_call_near(spot.call, spot.t, DUPLICATE_FRAMES * search.frame_s);
+    if (search.verbose()) {
+        std::fprintf(stderr,
+                     "%s candidate %d: z=%.1f t=%.3f s f=%.2f Hz drift=%+.4f Hz/s chips=%d/%d : %s %s (%s, SNR %.1f "
+                     "dB, contrast %.2f, OFF excess %.2f)%s\n",
+                     mode.name, number, spot.z, spot.t, spot.freq, spot.drift, spot.chips_ok, search.map.frame_chips,
+                     spot.call, spot.locator, spot.rank == 1 ? "BP" : "OSD", spot.snr, spot.contrast, spot.off_excess,
+                     duplicate ? " [duplicate]" : "");
+    }
+    if (!duplicate) spots.push_back(spot);
+}
+
+void examine_orvel(const Search& search, const OrvelMode& mode, const ov_cand& cand, int32_t number, SpotList& spots) {
+    ov_hyp hyp;
+    if (ov_refine(search.bb, search.map, cand, search.drift_range, search.params.chip_guard, hyp) != 0) return;
+    std::vector<Fit> fits = fit_shifts(search, hyp);
+    std::stable_sort(fits.begin(), fits.end(), [](const Fit& a, const Fit& b) { return a.hyp.metric > b.hyp.metric; });
+
+    Verdict lowest = Verdict::NO_FRAME;
+    for (const Fit& fit : fits) {
+        ov_spot spot;
+        const Verdict verdict = read_fit(search, mode, cand, fit, spot);
+        if (verdict == Verdict::ACCEPTED) {
+            accept_orvel(search, mode, spot, number, spots);
+            return;
+        }
+        lowest = std::min(lowest, verdict);
+    }
+    if (search.verbose()) {
+        std::fprintf(stderr, "%s candidate %d: z=%.1f t=%.3f s f=%.2f Hz : %s\n", mode.name, number, cand.z, cand.t,
+                     search.absolute(cand.f), reason(lowest));
+    }
+}
+
+// Whether an earlier spot of the same protocol takes more than half of the shorter frame at this place.
+bool overlaps_spot(const Search& search, int32_t protocol, const SpotList& spots, const ov_cand& cand) {
+    const auto found = spots.found();
+    return std::any_of(found.begin(), found.end(), [&](const ov_spot& spot) {
+        if (spot.protocol != protocol) return false;
+        const double length = frame_seconds(search.params, spot.protocol);
+        return std::fabs(search.absolute(cand.f) - spot.freq) < search.same_place_hz() &&
+               time_overlap(spot.t, length, cand.t, search.frame_s) >
+                   OVERLAP_FRAMES * std::fmin(search.frame_s, length);
     });
+}
+
+// ---- The whole run ---------------------------------------------------------------------------------------------
+
+void print_map(const Search& search) {
+    const ov_specmap& map = search.map;
+    std::fprintf(stderr,
+                 "Baseband: %.0f Hz around %.2f Hz, chip %.3f s = %d samples, bins %.3f Hz, %ld positions x %d bins, "
+                 "drift search +/-%.3f Hz/s%s\n",
+                 search.bb.rate, search.bb.centre, search.chip_s, map.chip_len, map.bin_hz, static_cast<long>(map.npos),
+                 map.nbins, search.drift_range, "");
+    if (map.spread > 0) {
+        std::fprintf(stderr, "Spread mode: energy summed over %d bins = %.1f Hz, noise rescale %.2f\n",
+                     2 * map.spread + 1, (2 * map.spread + 1) * map.bin_hz, map.noise_rescale);
+    }
+}
+
+// Where two protocols decoded something at the same place, the one with less contrast was a phantom of the other.
+void remove_overlaps(const Search& search, SpotList& spots) {
+    const std::span<ov_spot> found = spots.found();
+    std::vector<bool> dropped;
+    try {
+        dropped.resize(found.size());
+    } catch (const std::bad_alloc&) {
+        return;
+    }
+    for (std::size_t i = 0; i < found.size(); i++) {
+        for (std::size_t j = i + 1; j < found.size(); j++) {
+            const ov_spot& a = found[i];
+            const ov_spot& b = found[j];
+            if (dropped[i] || dropped[j] || a.protocol == b.protocol) continue;
+            if (!(std::fabs(a.freq - b.freq) < search.same_place_hz())) continue;
+            const double length_a = frame_seconds(search.params, a.protocol);
+            const double length_b = frame_seconds(search.params, b.protocol);
+            if (!(time_overlap(a.t, length_a, b.t, length_b) > OVERLAP_FRAMES * std::fmin(length_a, length_b))) {
+                continue;
+            }
+            dropped[a.contrast < b.contrast ? i : j] = true;
+        }
+    }
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < found.size(); i++) {
+        if (!dropped[i]) found[kept++] = found[i];
+    }
+    spots.shrink(kept);
 }
 
 }  // namespace
@@ -425,7 +662,60 @@ int32_t ov_decode_iq(const double* i, const double* q, int32_t n, int32_t rate, 
 }
 
 int32_t run(const ov_baseband& bb, const ov_params& params, ov_spot* spots, int32_t max_spots) {
-    return Run(bb, params, {spots, static_cast<std::size_t>(std::max(0, max_spots))}).decode();
+    MapOwner owner;
+    const double chip_s = chip_seconds(params);
+    if (ov_spectrogram(bb, chip_s, params.search_hz, params.spread_hz, owner.map) != 0) {
+        if (params.verbose != 0) {
+            std::fprintf(stderr, "orveld: recording too short or invalid for Op%g\n", params.op);
+        }
+        return -1;
+    }
+    const double frame_s = FRAME_PER_OP * params.op;
+    const double drift_range = params.drift_max >= 0 ? params.drift_max : 2 * owner.map.bin_hz / frame_s;
+    const Search search{bb, owner.map, params, chip_s, frame_s, drift_range};
+    if (search.verbose()) print_map(search);
+
+    SpotList found(spots, 0, max_spots);
+    {
+        std::optional<CandidateLists> lists = make_lists(params);
+        if (!lists) return -1;
+        const bool opera = (params.protocols & OVL_OPERA) != 0;
+        if (opera) search_opera(search, *lists, found);
+        if (opera && params.deep_search != 0 && params.n_known > 0 && !found.is_full()) search_known(search, found);
+    }
+    for (int32_t mode = 0; mode < 2; mode++) {
+        const bool wanted = (params.protocols & (mode == 0 ? OVL_ORVEL_S : OVL_ORVEL_L)) != 0;
+        if (!wanted || found.is_full()) continue;
+        const int32_t count = run_orvel(bb, owner.map, params, mode, drift_range, spots, found.count(), max_spots);
+        found = SpotList(spots, count, max_spots);
+    }
+    remove_overlaps(search, found);
+
+    const std::span<ov_spot> all = found.found();
+    std::stable_sort(all.begin(), all.end(), [](const ov_spot& a, const ov_spot& b) { return cmp_spot_dt(a, b) < 0; });
+    return found.count();
+}
+
+int32_t run_orvel(const ov_baseband& bb, const ov_specmap& map, const ov_params& params, int32_t mode,
+                  double drift_range, ov_spot* spots, int32_t n, int32_t max_spots) {
+    ov_specmap layout = map;  // the powers are shared, the frame layout is this mode's
+    ov_spec_frame(layout, ov_ncoded(mode), 1);
+    const double on_chips = layout.pairs + 1;
+    const OrvelMode traits = {mode, mode == 0 ? OVL_ORVEL_S : OVL_ORVEL_L, mode == 0 ? "ORVEL-S" : "ORVEL-L",
+                              10 * std::log10(on_chips / layout.frame_chips)};
+    const double chip_s = chip_seconds(params);
+    const double frame_s = layout.frame_chips * chip_s;
+    if (drift_range > 0 && params.drift_max < 0) drift_range = 2 * layout.bin_hz / frame_s;
+    const Search search{bb, layout, params, chip_s, frame_s, drift_range};
+
+    SpotList found(spots, n, max_spots);
+    std::optional<CandidateLists> lists = make_lists(params);
+    if (!lists) return n;
+    search_candidates(
+        search, traits.name, *lists, found,
+        [&](const ov_cand& cand) { return overlaps_spot(search, traits.protocol, found, cand); },
+        [&](const ov_cand& cand, int32_t number) { examine_orvel(search, traits, cand, number, found); });
+    return found.count();
 }
 
 void trim_call(const char* in, char* out) {

@@ -50,7 +50,8 @@ struct ov_spot {
     double drift;       // Hz/s
     double z;           // strength of the candidate on the score map, sigma
     double score;       // metric of the hypothesis that gave the frame
-    int32_t rank;       // place of the frame among those tried, from 0; -1 for the deep search
+    int32_t rank;       // OPERA: place of the frame among those tried, from 0, or -1 from the deep search;
+                        // ORVEL: decoder stage, 1 = belief propagation, 2 = ordered statistics
     double gap;         // metric by which the best frame tried was ahead
     int32_t shift;      // chips by which the frame start was moved against the candidate's
     int32_t chips_ok;   // chips measured
@@ -72,6 +73,11 @@ int32_t ov_decode_iq(const double* i, const double* q, int32_t n, int32_t rate, 
 
 // The same for a baseband that was already cut.
 int32_t run(const ov_baseband& bb, const ov_params& params, ov_spot* spots, int32_t max_spots);
+
+// Decodes one ORVEL mode (0 = S, 1 = L) on the score map of a run and appends to its n spots; drift_range is the run's
+// half-range, Hz/s. Returns the new number of spots.
+int32_t run_orvel(const ov_baseband& bb, const ov_specmap& map, const ov_params& params, int32_t mode,
+                  double drift_range, ov_spot* spots, int32_t n, int32_t max_spots);
 
 // Copies a 6-character callsign without leading and trailing blanks (out: 7 bytes).
 void trim_call(const char* in, char* out);

@@ -192,129 +192,25 @@ void normalise(const ov_specmap& map) {
 
 // ---- Candidate search ------------------------------------------------------------------------------------------
 
-// The part of a map that is searched: frame starts in rows and columns, scored row by row.
-struct SearchGrid {
-    int64_t first_row;
-    int64_t n_rows;
-    int32_t first_column;
-    std::size_t n_columns;
-};
-
-// False when there is no place to search.
-bool set_search_grid(const ov_specmap& map, double t_min, double t_max, double search_hz, double edge,
-                     SearchGrid& grid) {
-    const double fraction = std::fmin(std::fmax(edge, 0.0), 0.5);
-    const double overhang = std::floor(fraction * map.frame_chips) * map.steps_per_chip;
-    const double span_rows = static_cast<double>(map.frame_chips - 1) * map.steps_per_chip;
-    const double first = std::fmax(-overhang, std::ceil(t_min * map.rate / map.hop));
-    const double last = std::fmin(map.npos - 1 - span_rows + overhang, std::floor(t_max * map.rate / map.hop));
-    if (!(last >= first)) return false;
-
-    const double half = std::fmin(std::floor(search_hz / map.bin_hz), map.half);
-    if (!(half >= 0) || std::isnan(search_hz)) return false;
-    grid.first_row = static_cast<int64_t>(first);
-    grid.n_rows = static_cast<int64_t>(last - first) + 1;
-    grid.first_column = map.half - static_cast<int32_t>(half);
-    grid.n_columns = 2 * static_cast<std::size_t>(half) + 1;
-    return true;
-}
-
-// Power in the chip after row r minus power in the chip that begins there, over the searched columns; zeros where
-// either lies outside the map.
-void pair_difference(const ov_specmap& map, const SearchGrid& grid, int64_t r, float* out) {
-    if (r < 0 || r + map.steps_per_chip >= map.npos) {
-        std::fill_n(out, grid.n_columns, 0.0f);
-        return;
-    }
-    const float* first = map.power + static_cast<std::ptrdiff_t>(r) * map.nbins + grid.first_column;
-    const float* second = first + static_cast<std::ptrdiff_t>(map.steps_per_chip) * map.nbins;
-    for (std::size_t c = 0; c < grid.n_columns; c++) out[c] = second[c] - first[c];
-}
-
-// What a Walsh group that begins in a given map row can contribute to a frame's score.
-//
-// Pair g + 17·j of a frame at row t compares the chips at rows t + (2g + 1)S + 34jS and S later (S rows a chip), so a
-// group's best correlation depends only on the row u = t + (2g + 1)S in which it begins. Groups 2 to 16 allow the same
-// eight words and share one value a row; groups 0 and 1 take theirs from the same correlations. Each row is formed
-// once and kept while a frame can still use it.
-class GroupScores {
-  public:
-    GroupScores(const ov_specmap& map, const SearchGrid& grid)
-        : map_(map),
-          grid_(grid),
-          depth_(2 * OVC_GROUPS * static_cast<int64_t>(map.steps_per_chip)),
-          next_row_(grid.first_row + map.steps_per_chip),
-          rows_(static_cast<std::size_t>(depth_) * N_KINDS * grid.n_columns),
-          differences_(OVC_WORD_BITS * grid.n_columns) {}
-
-    // Scores of all columns of a frame that starts in row t. Rows must be asked for in ascending order.
-    void score(int64_t t, float* out) {
-        const int64_t chip = map_.steps_per_chip;
-        while (next_row_ <= t + (2 * OVC_GROUPS - 1) * chip) form_row(next_row_++);
-
-        std::fill_n(out, grid_.n_columns, 0.0f);
-        for (int64_t g = 0; g < OVC_GROUPS; g++) {
-            const float* best = row(t + (2 * g + 1) * chip, g == 0 ? LAST_WORD : g == 1 ? FIRST_FOUR : ALL);
-            for (std::size_t c = 0; c < grid_.n_columns; c++) out[c] += best[c];
-        }
-    }
-
-  private:
-    enum Kind : std::size_t { LAST_WORD, FIRST_FOUR, ALL, N_KINDS };  // the allowed words of groups 0, 1 and the others
-
-    float* row(int64_t u, Kind kind) {
-        const auto slot = static_cast<std::size_t>((u - grid_.first_row) % depth_);
-        return rows_.data() + (slot * N_KINDS + kind) * grid_.n_columns;
-    }
-
-    void form_row(int64_t u) {
-        const std::size_t n = grid_.n_columns;
-        for (int64_t j = 0; j < OVC_WORD_BITS; j++) {
-            pair_difference(map_, grid_, u + 2 * OVC_GROUPS * j * map_.steps_per_chip,
-                            differences_.data() + static_cast<std::size_t>(j) * n);
-        }
-        float* const last = row(u, LAST_WORD);
-        float* const four = row(u, FIRST_FOUR);
-        float* const all = row(u, ALL);
-        const float* const d = differences_.data();
-        for (std::size_t c = 0; c < n; c++) {
-            std::array<float, 8> correlation{};
-            for (std::size_t w = 0; w < 8; w++) {
-                for (std::size_t j = 0; j < OVC_WORD_BITS; j++) {
-                    correlation[w] += OVC_WALSH[w][j] != 0 ? d[j * n + c] : -d[j * n + c];
-                }
-            }
-            // A correlation that is no number is never the best.
-            float best = -1e30f;
-            for (std::size_t w = 0; w < 4; w++) best = correlation[w] > best ? correlation[w] : best;
-            four[c] = best;
-            for (std::size_t w = 4; w < 8; w++) best = correlation[w] > best ? correlation[w] : best;
-            all[c] = best;
-            last[c] = correlation[7] > -1e30f ? correlation[7] : -1e30f;
-        }
-    }
-
-    const ov_specmap& map_;
-    const SearchGrid& grid_;
-    int64_t depth_;
-    int64_t next_row_;
-    std::vector<float> rows_;
-    std::vector<float> differences_;
-};
-
-void score_groups(const ov_specmap& map, const SearchGrid& grid, std::span<float> scores) {
-    GroupScores groups(map, grid);
+void score_groups(const ov_specmap& map, const ov_grid& grid, std::span<float> scores) {
+    ov_group_rows groups(map, grid);
     for (int64_t i = 0; i < grid.n_rows; i++) {
-        groups.score(grid.first_row + i, scores.data() + static_cast<std::size_t>(i) * grid.n_columns);
+        const int64_t t = grid.first_row + i;
+        groups.advance(t);
+        float* const out = scores.data() + static_cast<std::size_t>(i) * grid.n_columns;
+        for (int32_t g = 0; g < OVC_GROUPS; g++) {
+            const float* const best = groups.best(t, g);
+            for (std::size_t c = 0; c < grid.n_columns; c++) out[c] += best[c];
+        }
     }
 }
 
-void score_pairs(const ov_specmap& map, const SearchGrid& grid, std::span<float> scores) {
+void score_pairs(const ov_specmap& map, const ov_grid& grid, std::span<float> scores) {
     std::vector<float> difference(grid.n_columns);
     for (int64_t i = 0; i < grid.n_rows; i++) {
         float* const out = scores.data() + static_cast<std::size_t>(i) * grid.n_columns;
         for (int64_t k = 0; k < map.pairs; k++) {
-            pair_difference(map, grid, grid.first_row + i + (2 * k + 1) * map.steps_per_chip, difference.data());
+            ov_pair_difference(map, grid, grid.first_row + i + (2 * k + 1) * map.steps_per_chip, difference.data());
             for (std::size_t c = 0; c < grid.n_columns; c++) out[c] += std::fabs(difference[c]);
         }
     }
@@ -339,7 +235,7 @@ ScoreStatistics score_statistics(std::span<const float> scores) {
 }
 
 // A peak is no lower than any of its neighbours; a flat top is several peaks.
-bool is_peak(const SearchGrid& grid, std::span<const float> scores, int64_t row, std::size_t column) {
+bool is_peak(const ov_grid& grid, std::span<const float> scores, int64_t row, std::size_t column) {
     const auto at = [&](int64_t r, std::size_t c) { return scores[static_cast<std::size_t>(r) * grid.n_columns + c]; };
     const float score = at(row, column);
     const std::size_t left = column > 0 ? column - 1 : 0;
@@ -352,7 +248,7 @@ bool is_peak(const SearchGrid& grid, std::span<const float> scores, int64_t row,
     return true;
 }
 
-std::vector<ov_cand> find_peaks(const ov_specmap& map, const SearchGrid& grid, std::span<const float> scores,
+std::vector<ov_cand> find_peaks(const ov_specmap& map, const ov_grid& grid, std::span<const float> scores,
                                 const ScoreStatistics& statistics, double z_min) {
     const auto threshold = static_cast<float>(z_min * statistics.sigma + statistics.median);
     std::vector<ov_cand> peaks;
@@ -427,13 +323,6 @@ class DriftLine {
   private:
     double rate_, middle_s_, half_window_, f_, drift_;
 };
-
-// Chips that a hypothesis must have inside the baseband.
-int32_t chips_needed(double edge, int32_t frame_chips) {
-    const double needed = std::ceil((1 - edge) * frame_chips);
-    if (std::isnan(needed)) return frame_chips;
-    return static_cast<int32_t>(std::clamp(needed, 0.0, frame_chips + 1.0));  // more than there are: never enough
-}
 
 double layout_metric(const ov_specmap& map, const float* soft) {
     if (map.pair_mode == 0) return ovc_frame_metric(soft);
@@ -586,10 +475,96 @@ void ov_spec_frame(ov_specmap& map, int32_t ncoded, int32_t pair_mode) {
     map.pair_mode = pair_mode;
 }
 
+bool ov_search_grid(const ov_specmap& map, int32_t chips, double t_min, double t_max, double search_hz, double edge,
+                    ov_grid& grid) {
+    const double fraction = std::fmin(std::fmax(edge, 0.0), 0.5);
+    const double overhang = std::floor(fraction * chips) * map.steps_per_chip;
+    const double to_last_chip = static_cast<double>(chips - 1) * map.steps_per_chip;
+    const double first = std::fmax(-overhang, std::ceil(t_min * map.rate / map.hop));
+    const double last = std::fmin(map.npos - 1 - to_last_chip + overhang, std::floor(t_max * map.rate / map.hop));
+    if (!(last >= first)) return false;
+
+    if (!(search_hz >= 0)) return false;
+    const double half = std::fmin(std::floor(search_hz / map.bin_hz), map.half);
+    grid.first_row = static_cast<int64_t>(first);
+    grid.n_rows = static_cast<int64_t>(last - first) + 1;
+    grid.first_column = map.half - static_cast<int32_t>(half);
+    grid.n_columns = 2 * static_cast<std::size_t>(half) + 1;
+    return true;
+}
+
+void ov_pair_difference(const ov_specmap& map, const ov_grid& grid, int64_t r, float* out) {
+    if (r < 0 || r + map.steps_per_chip >= map.npos) {
+        std::fill_n(out, grid.n_columns, 0.0f);
+        return;
+    }
+    const float* first = map.power + static_cast<std::ptrdiff_t>(r) * map.nbins + grid.first_column;
+    const float* second = first + static_cast<std::ptrdiff_t>(map.steps_per_chip) * map.nbins;
+    for (std::size_t c = 0; c < grid.n_columns; c++) out[c] = second[c] - first[c];
+}
+
+ov_group_rows::ov_group_rows(const ov_specmap& map, const ov_grid& grid)
+    : map_(map),
+      grid_(grid),
+      depth_(2 * OVC_GROUPS * static_cast<int64_t>(map.steps_per_chip)),
+      next_row_(grid.first_row + map.steps_per_chip),
+      rows_(static_cast<std::size_t>(depth_) * N_KINDS * grid.n_columns),
+      differences_(OVC_WORD_BITS * grid.n_columns) {}
+
+void ov_group_rows::advance(int64_t t) {
+    const int64_t last = t + (2 * OVC_GROUPS - 1) * static_cast<int64_t>(map_.steps_per_chip);
+    while (next_row_ <= last) form(next_row_++);
+}
+
+float* ov_group_rows::slot(int64_t u) {
+    return rows_.data() + static_cast<std::size_t>((u - grid_.first_row) % depth_) * N_KINDS * grid_.n_columns;
+}
+
+const float* ov_group_rows::row(int64_t t, int32_t g, std::size_t kind) const {
+    const int64_t u = t + (2 * g + 1) * static_cast<int64_t>(map_.steps_per_chip);
+    const auto index = static_cast<std::size_t>((u - grid_.first_row) % depth_);
+    return rows_.data() + (index * N_KINDS + kind) * grid_.n_columns;
+}
+
+void ov_group_rows::form(int64_t u) {
+    const std::size_t n = grid_.n_columns;
+    for (int64_t j = 0; j < OVC_WORD_BITS; j++) {
+        ov_pair_difference(map_, grid_, u + 2 * OVC_GROUPS * j * map_.steps_per_chip,
+                           differences_.data() + static_cast<std::size_t>(j) * n);
+    }
+    float* const out = slot(u);
+    const float* const d = differences_.data();
+    const auto larger = [](float a, float b) { return b > a ? b : a; };  // a where b is no number
+    for (std::size_t c = 0; c < n; c++) {
+        // Bit j of word w is the parity of w AND (j + 1), so the correlations are the negated Walsh-Hadamard transform
+        // of 0 and the seven differences.
+        std::array<float, 8> x = {0};
+        float squares = 0;
+        for (std::size_t j = 0; j < OVC_WORD_BITS; j++) {
+            x[j + 1] = -d[j * n + c];
+            squares += d[j * n + c] * d[j * n + c];
+        }
+        for (std::size_t half = 1; half < 8; half *= 2) {
+            for (std::size_t k = 0; k < 8; k++) {
+                if ((k & half) != 0) continue;
+                const float sum = x[k] + x[k + half];
+                x[k + half] = x[k] - x[k + half];
+                x[k] = sum;
+            }
+        }
+        for (std::size_t w = 0; w < 8; w++) out[w * n + c] = x[w];
+        const float four = larger(larger(larger(larger(-1e30f, x[0]), x[1]), x[2]), x[3]);
+        out[FIRST_FOUR * n + c] = four;
+        out[ALL * n + c] = larger(larger(larger(larger(four, x[4]), x[5]), x[6]), x[7]);
+        out[ONLY_LAST * n + c] = larger(-1e30f, x[7]);
+        out[SQUARES * n + c] = squares;
+    }
+}
+
 int32_t ov_find_candidates(const ov_specmap& map, double t_min, double t_max, double search_hz, double edge,
                            double z_min, int32_t max_out, ov_cand* out, double* median_out, double* sigma_out) {
-    SearchGrid grid;
-    if (!set_search_grid(map, t_min, t_max, search_hz, edge, grid)) return 0;
+    ov_grid grid;
+    if (!ov_search_grid(map, map.frame_chips, t_min, t_max, search_hz, edge, grid)) return 0;
     try {
         std::vector<float> scores(static_cast<std::size_t>(grid.n_rows) * grid.n_columns);
         if (map.pair_mode == 0) {
@@ -677,42 +652,50 @@ void try_hyp(const ov_baseband& bb, const ov_specmap& map, int32_t start, double
 
 int ov_refine(const ov_baseband& bb, const ov_specmap& map, const ov_cand& cand, double drift_max, double edge,
               ov_hyp& out) {
-    const int32_t min_chips = chips_needed(edge, map.frame_chips);
+    const int32_t min_chips = ov_chips_needed(edge, map.frame_chips);
     ov_hyp best{};
     best.metric = NO_METRIC;
+    const auto measure = [&](int32_t start, double f, double drift) {
+        try_hyp(bb, map, start, f, drift, min_chips, best);
+    };
+    if (ov_search_around(map, cand.pos * map.hop, cand.f, drift_max, best, measure) != 0) return -1;
+    out = best;
+    return 0;
+}
 
+int ov_search_around(const ov_specmap& map, int32_t start, double f, double drift_max, ov_hyp& best,
+                     const std::function<void(int32_t, double, double)>& measure) {
     const Steps coarse = coarse_start_steps(map.hop);
     for (int32_t d = -coarse.reach; d <= coarse.reach; d += coarse.step) {
-        for (int32_t i = -4; i <= 4; i++) {
-            try_hyp(bb, map, cand.pos * map.hop + d, cand.f + i * map.bin_hz / 4, 0, min_chips, best);
-        }
+        for (int32_t i = -4; i <= 4; i++) measure(start + d, f + i * map.bin_hz / 4, 0);
     }
     if (!(best.metric > -1e299)) return -1;
 
     // Each stage searches around what the stage before it found, not around its own running best.
     if (drift_max > 0) {
-        const int32_t start = best.start;
-        const double f = best.f;
+        const int32_t coarse_start = best.start;
+        const double coarse_f = best.f;
         const DriftSteps steps = drift_steps(map, drift_max);
         for (int32_t j = -steps.n; j <= steps.n; j++) {
             if (j == 0) continue;
-            for (int32_t i = -2; i <= 2; i++) {
-                try_hyp(bb, map, start, f + i * map.bin_hz / 4, j * steps.unit, min_chips, best);
-            }
+            for (int32_t i = -2; i <= 2; i++) measure(coarse_start, coarse_f + i * map.bin_hz / 4, j * steps.unit);
         }
     }
 
     const Steps fine = fine_start_steps(map.hop);
-    const int32_t start = best.start;
-    const double f = best.f;
+    const int32_t drift_start = best.start;
+    const double drift_f = best.f;
     const double drift = best.drift;
     for (int32_t d = -fine.reach; d <= fine.reach; d += fine.step) {
-        for (int32_t i = -2; i <= 2; i++) {
-            try_hyp(bb, map, start + d, f + i * map.bin_hz / 16, drift, min_chips, best);
-        }
+        for (int32_t i = -2; i <= 2; i++) measure(drift_start + d, drift_f + i * map.bin_hz / 16, drift);
     }
-    out = best;
     return 0;
+}
+
+int32_t ov_chips_needed(double edge, int32_t frame_chips) {
+    const double needed = std::ceil((1 - edge) * frame_chips);
+    if (std::isnan(needed)) return frame_chips;
+    return static_cast<int32_t>(std::clamp(needed, 0.0, frame_chips + 1.0));  // more than there are: never enough
 }
 
 int ov_fit_shift(const ov_baseband& bb, const ov_specmap& map, const ov_hyp& hyp, int32_t shift, double edge,
@@ -720,7 +703,7 @@ int ov_fit_shift(const ov_baseband& bb, const ov_specmap& map, const ov_hyp& hyp
     out = hyp;
     out.start = hyp.start + shift * map.chip_len;
     out.n_in = ov_chip_energies_sp(bb, map, out.start, out.f, out.drift, out.energy);
-    if (out.n_in < chips_needed(edge, map.frame_chips)) return -1;
+    if (out.n_in < ov_chips_needed(edge, map.frame_chips)) return -1;
     energies_to_soft(out.energy, map.pairs, out.noise, map.noise_rescale, out.soft);
     out.metric = layout_metric(map, out.soft);
     return 0;

@@ -10,7 +10,10 @@
 // may be negative (a frame that began before the block). No state; any thread.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <vector>
 
 #include "ovbb.h"
 
@@ -80,6 +83,57 @@ void ov_spectrogram_free(ov_specmap& map);
 // Sets the frame layout: ncoded chip pairs (at most OV_MAX_PAIRS) behind one leading chip.
 void ov_spec_frame(ov_specmap& map, int32_t ncoded, int32_t pair_mode);
 
+// The part of a map that is searched: frame starts (rows, possibly before the first) and columns.
+struct ov_grid {
+    int64_t first_row;
+    int64_t n_rows;
+    int32_t first_column;
+    std::size_t n_columns;
+};
+
+// Finds the grid for frames of `chips` chips. t_min, t_max, search_hz and edge as in ov_find_candidates. False when
+// there is no place to search.
+bool ov_search_grid(const ov_specmap& map, int32_t chips, double t_min, double t_max, double search_hz, double edge,
+                    ov_grid& grid);
+
+// Power in the chip after row r minus power in the chip that begins there, over the grid's columns; zeros where either
+// lies outside the map.
+void ov_pair_difference(const ov_specmap& map, const ov_grid& grid, int64_t r, float* out);
+
+// Correlations of one Walsh group with its eight words, by the map row in which the group begins.
+//
+// Pair g + 17j of a frame at row t compares the chips at rows t + (2g + 1)S + 34jS and S later (S rows a chip), so the
+// correlations of a group depend only on the row u = t + (2g + 1)S in which it begins, not on the frame: each row's
+// are formed once, kept while a frame can still use them, and shared by all groups, frames and known callsigns.
+class ov_group_rows {
+  public:
+    // Rows for frames that start in the grid, which must be asked for in ascending order of frame start.
+    ov_group_rows(const ov_specmap& map, const ov_grid& grid);
+
+    // Forms what frames up to start row t need.
+    void advance(int64_t t);
+
+    // One value for each column of the grid, of group g of a frame that starts in row t. A best is taken over numbers
+    // only and is at least -1e30.
+    const float* word(int64_t t, int32_t g, int32_t w) const { return row(t, g, static_cast<std::size_t>(w)); }
+    const float* best(int64_t t, int32_t g) const { return row(t, g, g == 0 ? ONLY_LAST : g == 1 ? FIRST_FOUR : ALL); }
+    const float* squares(int64_t t, int32_t g) const { return row(t, g, SQUARES); }  // sum of squared differences
+
+  private:
+    enum Kind : std::size_t { ONLY_LAST = 8, FIRST_FOUR, ALL, SQUARES, N_KINDS };  // behind the eight words
+
+    const float* row(int64_t t, int32_t g, std::size_t kind) const;
+    float* slot(int64_t u);
+    void form(int64_t u);
+
+    const ov_specmap& map_;
+    ov_grid grid_;
+    int64_t depth_;     // rows kept
+    int64_t next_row_;  // first row not formed yet
+    std::vector<float> rows_;
+    std::vector<float> differences_;
+};
+
 // Finds frame starts, strongest first, at most one within 7 chips and two chip bandwidths of another.
 //
 //   t_min, t_max   allowed start times, s
@@ -126,6 +180,15 @@ int ov_refine(const ov_baseband& bb, const ov_specmap& map, const ov_cand& cand,
 // holds what was measured).
 int ov_fit_shift(const ov_baseband& bb, const ov_specmap& map, const ov_hyp& hyp, int32_t shift, double edge,
                  ov_hyp& out);
+
+// The grid of ov_refine around a start sample and frequency: coarse in start and frequency, then drift, then fine.
+// measure(start, f, drift) tries one hypothesis and keeps it in best where it is better. Returns 0, or -1 when none of
+// the coarse stage was.
+int ov_search_around(const ov_specmap& map, int32_t start, double f, double drift_max, ov_hyp& best,
+                     const std::function<void(int32_t, double, double)>& measure);
+
+// Chips of a frame that must lie inside the baseband when a fraction `edge` of them may lie outside.
+int32_t ov_chips_needed(double edge, int32_t frame_chips);
 
 // SNR in dB in 2500 Hz of a decoded frame, -99 when nothing could be measured. `on` has one byte for each chip of the
 // frame, nonzero where the carrier is on. The result refers to key-down power.

@@ -1,0 +1,390 @@
+// Bits are bytes at the interfaces and 64-bit words inside, so that adding codewords and summing the cost of their
+// differences takes a few instructions a word. Scratch lives on the stack.
+#include "ldpc.h"
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <limits>
+#include <span>
+
+#include "ldpc_tables.h"
+
+using gf2::add_to;
+using gf2::get_bit;
+using gf2::set_bit;
+using gf2::sum_of;
+
+// Loading and encoding
+
+int ldpc_load(ldpc_code& code, int32_t n, int32_t k, const uint8_t* check_degree, const uint8_t* check_vars,
+              const uint64_t* generator, const uint8_t* pivot) {
+    if (k < 1 || n <= k || n > 192) return -1;
+    code = {};
+    code.n = n;
+    code.k = k;
+    code.m = n - k;
+    code.column_weight = 3;
+
+    const uint8_t* next = check_vars;
+    for (int32_t c = 0; c < code.m; ++c) {
+        code.check_degree[c] = check_degree[c];
+        for (int32_t e = 0; e < code.check_degree[c]; ++e) {
+            const int32_t v = *next++;
+            if (code.var_degree[v] == LDPC_MAX_VAR_DEGREE) return -1;
+            code.check_vars[c][e] = v;
+            code.var_checks[v][code.var_degree[v]++] = c;
+        }
+    }
+    for (int32_t i = 0; i < k; ++i) {
+        std::copy_n(generator + 3 * i, 3, code.generator[i].begin());
+        code.pivot[i] = pivot[i];
+    }
+    return 0;
+}
+
+void ldpc_encode(const ldpc_code& code, const uint8_t* message, uint8_t* codeword) {
+    ldpc_bits sum{};
+    for (int32_t i = 0; i < code.k; ++i) {
+        if (message[i] != 0) add_to(sum, code.generator[i]);
+    }
+    for (int32_t j = 0; j < code.n; ++j) codeword[j] = get_bit(sum, j);
+}
+
+int32_t ldpc_syndrome_weight(const ldpc_code& code, const uint8_t* bits) {
+    int32_t odd = 0;
+    for (int32_t c = 0; c < code.m; ++c) {
+        uint8_t parity = 0;
+        for (int32_t e = 0; e < code.check_degree[c]; ++e) parity ^= bits[code.check_vars[c][e]];
+        odd += parity & 1;
+    }
+    return odd;
+}
+
+// Construction
+
+namespace {
+
+constexpr int32_t GROWTH_LIMIT = 31;  // a check of this degree takes no more variables
+constexpr int32_t UNREACHED = -1;
+
+// Distances in edges from one variable. Variables and checks are the two kinds of nodes.
+struct Distances {
+    std::array<int32_t, LDPC_MAX_N> variable;
+    std::array<int32_t, LDPC_MAX_N> check;
+    int32_t shortest_cycle;  // met on the way; the shortest through `from` is never longer
+};
+
+Distances measure_distances(const ldpc_code& code, int32_t from) {
+    struct Node {
+        int32_t index, parent;
+        bool is_check;
+    };
+    Distances out;
+    out.variable.fill(UNREACHED);
+    out.check.fill(UNREACHED);
+    out.shortest_cycle = LDPC_NO_CYCLE;
+
+    std::array<Node, 2 * LDPC_MAX_N> queue;
+    size_t head = 0;
+    size_t tail = 0;
+    queue[tail++] = {from, UNREACHED, false};
+    out.variable[static_cast<size_t>(from)] = 0;
+    while (head < tail) {
+        const Node node = queue[head++];
+        auto& own = node.is_check ? out.check : out.variable;
+        auto& theirs = node.is_check ? out.variable : out.check;
+        const int32_t* neighbours = node.is_check ? code.check_vars[node.index] : code.var_checks[node.index];
+        const int32_t degree = node.is_check ? code.check_degree[node.index] : code.var_degree[node.index];
+        const int32_t distance = own[static_cast<size_t>(node.index)];
+        for (int32_t e = 0; e < degree; ++e) {
+            const int32_t next = neighbours[e];
+            int32_t& known = theirs[static_cast<size_t>(next)];
+            if (known == UNREACHED) {
+                known = distance + 1;
+                queue[tail++] = {next, node.index, !node.is_check};
+            } else if (next != node.parent) {
+                out.shortest_cycle = std::min(out.shortest_cycle, distance + known + 1);
+            }
+        }
+    }
+    return out;
+}
+
+int32_t measure_girth(const ldpc_code& code) {
+    int32_t girth = LDPC_NO_CYCLE;
+    for (int32_t v = 0; v < code.n; ++v) girth = std::min(girth, measure_distances(code, v).shortest_cycle);
+    return girth;
+}
+
+struct Xorshift {
+    uint32_t state;
+    uint32_t next() {
+        state ^= state << 13;
+        state ^= state >> 17;
+        state ^= state << 5;
+        return state;
+    }
+};
+
+// One of the checks that are allowed and of the smallest degree among those, drawn at random; UNREACHED when there is
+// none.
+template <class Allowed>
+int32_t draw_check(const ldpc_code& code, Xorshift& random, Allowed allowed) {
+    std::array<int32_t, LDPC_MAX_N> candidates;
+    uint32_t count = 0;
+    int32_t smallest = GROWTH_LIMIT;
+    for (int32_t c = 0; c < code.m; ++c) {
+        const int32_t degree = code.check_degree[c];
+        if (degree >= GROWTH_LIMIT || degree > smallest || !allowed(c)) continue;
+        if (degree < smallest) count = 0;
+        smallest = degree;
+        candidates[count++] = c;
+    }
+    return count == 0 ? UNREACHED : candidates[random.next() % count];
+}
+
+// The check for the next edge of variable v: the farthest, those out of reach before all others.
+int32_t choose_check(const ldpc_code& code, int32_t v, Xorshift& random) {
+    if (code.var_degree[v] == 0) return draw_check(code, random, [](int32_t) { return true; });
+
+    const Distances distances = measure_distances(code, v);
+    const auto checks = std::span(distances.check).first(static_cast<size_t>(code.m));
+    const bool all_reached = std::find(checks.begin(), checks.end(), UNREACHED) == checks.end();
+    const int32_t wanted = all_reached ? *std::max_element(checks.begin(), checks.end()) : UNREACHED;
+    const auto distance = [&](int32_t c) { return checks[static_cast<size_t>(c)]; };
+    const int32_t farthest = draw_check(code, random, [&](int32_t c) { return distance(c) == wanted; });
+    if (farthest != UNREACHED) return farthest;
+    return draw_check(code, random, [&](int32_t c) { return distance(c) != 1; });
+}
+
+void join(ldpc_code& code, int32_t v, int32_t c) {
+    code.check_vars[c][code.check_degree[c]++] = v;
+    int32_t* checks = code.var_checks[v];
+    int32_t* end = checks + code.var_degree[v]++;
+    int32_t* place = std::upper_bound(checks, end, c);
+    std::copy_backward(place, end, end + 1);
+    *place = c;
+}
+
+bool grow_graph(ldpc_code& code, uint32_t seed) {
+    Xorshift random{seed != 0 ? seed : 1};
+    for (int32_t v = 0; v < code.n; ++v) {
+        for (int32_t edge = 0; edge < code.column_weight; ++edge) {
+            const int32_t c = choose_check(code, v, random);
+            if (c == UNREACHED) return false;
+            join(code, v, c);
+        }
+    }
+    return true;
+}
+
+bool fill_generator(ldpc_code& code) {
+    std::array<ldpc_bits, LDPC_MAX_N> rows{};
+    for (int32_t c = 0; c < code.m; ++c) {
+        for (int32_t e = 0; e < code.check_degree[c]; ++e) {
+            set_bit(rows[static_cast<size_t>(c)], code.check_vars[c][e]);
+        }
+    }
+    return gf2::solve_checks(std::span(rows).first(static_cast<size_t>(code.m)), code.n, code.generator, code.pivot);
+}
+
+}  // namespace
+
+int ldpc_build(ldpc_code& code, int32_t n, int32_t k, int32_t column_weight, uint32_t seed) {
+    if (n > LDPC_MAX_N || k < 0 || n <= k) return -1;
+    if (column_weight < 1 || column_weight > LDPC_MAX_VAR_DEGREE || column_weight > n - k) return -1;
+
+    uint32_t attempt_seed = seed * 2654435761U + 12345U;
+    for (int32_t attempt = 0; attempt < 50; ++attempt, attempt_seed += 7919U) {
+        code = {};
+        code.n = n;
+        code.k = k;
+        code.m = n - k;
+        code.column_weight = column_weight;
+        if (!grow_graph(code, attempt_seed) || !fill_generator(code)) continue;
+        code.girth = measure_girth(code);
+        return 0;
+    }
+    return -1;
+}
+
+// Belief propagation
+
+namespace {
+
+constexpr size_t MAX_EDGES = size_t{LDPC_MAX_N} * LDPC_MAX_VAR_DEGREE;
+
+// Logarithms of likelihood ratios, positive for a 0: the opposite of the metrics' sign. What a variable tells a check
+// is its posterior less what the check told it, so one message an edge is kept.
+struct Beliefs {
+    std::array<double, LDPC_MAX_N> channel;
+    std::array<double, LDPC_MAX_N> posterior;
+    std::array<double, MAX_EDGES> from_check;  // edges of check 0, then of check 1, and so on
+};
+
+// A variable's message as the check's product takes it. The floor keeps the product divisible, and its positive sign
+// lets variables that know nothing settle on 0.
+double factor_of(double message) {
+    const double factor = std::tanh(0.5 * std::clamp(message, -30.0, 30.0));
+    return std::fabs(factor) < 1e-12 ? 1e-12 : factor;
+}
+
+// All checks answer the variables' beliefs of the last pass.
+void update_checks(const ldpc_code& code, Beliefs& beliefs) {
+    double* answers = beliefs.from_check.data();
+    std::array<double, LDPC_MAX_CHECK_DEGREE> factors;
+    for (int32_t c = 0; c < code.m; ++c) {
+        const auto vars = std::span(code.check_vars[c]).first(static_cast<size_t>(code.check_degree[c]));
+        double product = 1.0;
+        for (size_t e = 0; e < vars.size(); ++e) {
+            factors[e] = factor_of(beliefs.posterior[static_cast<size_t>(vars[e])] - answers[e]);
+            product *= factors[e];
+        }
+        for (size_t e = 0; e < vars.size(); ++e) {
+            answers[e] = 2.0 * std::atanh(std::clamp(product / factors[e], -0.999999, 0.999999));
+        }
+        answers += vars.size();
+    }
+}
+
+// Each variable adds up the answers of its checks, in increasing check order.
+void update_posteriors(const ldpc_code& code, Beliefs& beliefs) {
+    beliefs.posterior = beliefs.channel;
+    const double* answer = beliefs.from_check.data();
+    for (int32_t c = 0; c < code.m; ++c) {
+        for (int32_t e = 0; e < code.check_degree[c]; ++e) {
+            beliefs.posterior[static_cast<size_t>(code.check_vars[c][e])] += *answer++;
+        }
+    }
+}
+
+// True when the passes settled on a codeword.
+bool propagate_beliefs(const ldpc_code& code, const float* metrics, int32_t max_iterations, uint8_t* codeword) {
+    Beliefs beliefs;
+    beliefs.channel.fill(0.0);
+    for (int32_t v = 0; v < code.n; ++v) beliefs.channel[static_cast<size_t>(v)] = -static_cast<double>(metrics[v]);
+    beliefs.posterior = beliefs.channel;
+    beliefs.from_check.fill(0.0);
+
+    for (int32_t pass = 0; pass < max_iterations; ++pass) {
+        update_checks(code, beliefs);
+        update_posteriors(code, beliefs);
+        for (int32_t v = 0; v < code.n; ++v) codeword[v] = beliefs.posterior[static_cast<size_t>(v)] < 0.0;
+        if (ldpc_syndrome_weight(code, codeword) == 0) return true;
+    }
+    return false;
+}
+
+// Ordered statistics
+
+constexpr double INF = std::numeric_limits<double>::infinity();
+
+// The metrics taken apart.
+struct HardDecisions {
+    ldpc_bits bits{};                                // 1 where the metric is positive
+    std::array<double, LDPC_MAX_N> reliability{};    // |metric|
+    std::array<uint8_t, LDPC_MAX_N> by_reliability;  // variables, the most reliable first
+};
+
+// Order of two reliabilities, the larger first; what is not a number comes last.
+int cmp_rel(double a, double b) {
+    const double key_a = std::isnan(a) ? -1.0 : a;
+    const double key_b = std::isnan(b) ? -1.0 : b;
+    return (key_b > key_a) - (key_a > key_b);
+}
+
+HardDecisions decide(const ldpc_code& code, const float* metrics) {
+    HardDecisions out;
+    for (int32_t v = 0; v < code.n; ++v) {
+        if (metrics[v] > 0) set_bit(out.bits, v);
+        out.reliability[static_cast<size_t>(v)] = std::fabs(static_cast<double>(metrics[v]));
+    }
+    out.by_reliability = gf2::ALL_COLUMNS;
+    // Equal variables keep their order; std::stable_sort would ask for memory.
+    std::sort(out.by_reliability.begin(), out.by_reliability.begin() + code.n, [&](uint8_t a, uint8_t b) {
+        const int order = cmp_rel(out.reliability[a], out.reliability[b]);
+        return order != 0 ? order < 0 : a < b;
+    });
+    return out;
+}
+
+// Sum of the reliabilities where `differences` has a 1, in increasing order. Terms are never negative, so a sum that
+// has passed `limit` is returned as it stands.
+double cost_of(const ldpc_bits& differences, const std::array<double, LDPC_MAX_N>& reliability, double limit) {
+    double cost = 0.0;
+    for (size_t w = 0; w < differences.size(); ++w) {
+        for (uint64_t rest = differences[w]; rest != 0; rest &= rest - 1) {
+            cost += reliability[64 * w + static_cast<size_t>(std::countr_zero(rest))];
+            if (cost > limit) return cost;
+        }
+    }
+    return cost;
+}
+
+// The best candidate so far. Candidates are held by their differences from the hard decisions.
+struct Best {
+    const HardDecisions& hard;
+    ldpc_bits differences;
+    double cost;
+
+    // Of equal candidates the first stays; a cost that is not a number loses against any other.
+    void offer(const ldpc_bits& candidate) {
+        const double candidate_cost = cost_of(candidate, hard.reliability, cost);
+        if (!(candidate_cost < cost)) return;
+        cost = candidate_cost;
+        differences = candidate;
+    }
+};
+
+void search_ordered(const ldpc_code& code, const float* metrics, int32_t order, int32_t span, uint8_t* codeword) {
+    const HardDecisions hard = decide(code, metrics);
+    std::array<ldpc_bits, LDPC_MAX_N> storage;
+    std::array<uint8_t, LDPC_MAX_N> basis;
+    const size_t k = static_cast<size_t>(code.k);
+    const auto rows = std::span(storage).first(k);
+    std::copy_n(code.generator, k, rows.begin());
+    const size_t rank =
+        gf2::reduce_rows(rows, std::span(hard.by_reliability).first(static_cast<size_t>(code.n)), basis);
+
+    // Order 0: the codeword that agrees with the hard decisions in every basis column.
+    ldpc_bits start = hard.bits;
+    for (size_t r = 0; r < rank; ++r) {
+        if (get_bit(hard.bits, basis[r])) add_to(start, rows[r]);
+    }
+    const double start_cost = cost_of(start, hard.reliability, INF);
+    Best best{hard, start, std::isnan(start_cost) ? INF : start_cost};
+
+    if (order >= 1) {
+        for (const ldpc_bits& row : rows) best.offer(sum_of(start, row));
+    }
+    if (order >= 2) {
+        const size_t first = span >= 1 && span < code.k ? k - static_cast<size_t>(span) : 0;
+        for (size_t j1 = first; j1 < k; ++j1) {
+            const ldpc_bits flipped = sum_of(start, rows[j1]);
+            for (size_t j2 = j1 + 1; j2 < k; ++j2) best.offer(sum_of(flipped, rows[j2]));
+        }
+    }
+
+    const ldpc_bits result = sum_of(best.differences, hard.bits);
+    for (int32_t v = 0; v < code.n; ++v) codeword[v] = get_bit(result, v);
+}
+
+}  // namespace
+
+int ldpc_decode(const ldpc_code& code, const float* metrics, int32_t max_iterations, int32_t order, int32_t span,
+                uint8_t* codeword, uint8_t* message, double* cost, int32_t* status) {
+    const bool settled = propagate_beliefs(code, metrics, max_iterations, codeword);
+    if (!settled) {
+        if (order < 0) return -1;
+        search_ordered(code, metrics, order, span, codeword);
+    }
+
+    *status = settled ? 1 : 2;
+    *cost = 0.0;
+    for (int32_t v = 0; v < code.n; ++v) {
+        if ((codeword[v] != 0) != (metrics[v] > 0)) *cost += std::fabs(static_cast<double>(metrics[v]));
+    }
+    for (int32_t i = 0; i < code.k; ++i) message[i] = codeword[code.pivot[i]];
+    return 0;
+}

@@ -1,0 +1,265 @@
+// The 119 signs of a frame are 17 Walsh words of 7 pairs each. The correlations of a group with its eight words are
+// shared by all known callsigns, so a callsign costs 17 look-ups and additions a cell instead of 119. Peaks are found
+// while the map streams by: three rows of Z for each callsign are all that is kept.
+#include "ovcdeep.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <limits>
+#include <new>
+#include <numbers>
+#include <optional>
+#include <span>
+#include <vector>
+
+namespace {
+
+constexpr double NO_METRIC = -1e300;
+constexpr double SAME_FRAMES = 0.5;   // hits of one callsign this close in time
+constexpr double SAME_CHIP_HZ = 3.0;  // and frequency (in 1/chip) are one
+
+// The word of each group of a frame; nothing when the signs are no code words.
+using Words = std::array<uint8_t, OVC_GROUPS>;
+std::optional<Words> words_of(const ovc_known& known) {
+    Words words;
+    for (std::size_t g = 0; g < OVC_GROUPS; g++) {
+        const auto fits = [&](const auto& word) {
+            for (std::size_t j = 0; j < OVC_WORD_BITS; j++) {
+                if (known.signs[g + OVC_GROUPS * j] != (word[j] != 0 ? 1 : -1)) return false;
+            }
+            return true;
+        };
+        const auto found = std::find_if(OVC_WALSH.begin(), OVC_WALSH.end(), fits);
+        if (found == OVC_WALSH.end()) return std::nullopt;
+        words[g] = static_cast<uint8_t>(found - OVC_WALSH.begin());
+    }
+    return words;
+}
+
+int32_t cmp_hit(const ovc_deep_hit& a, const ovc_deep_hit& b) {
+    return (b.z > a.z) - (b.z < a.z);
+}
+
+// Strongest first; equal ones by callsign, position and column.
+bool hit_before(const ovc_deep_hit& a, const ovc_deep_hit& b) {
+    if (const int32_t order = cmp_hit(a, b); order != 0) return order < 0;
+    if (a.known != b.known) return a.known < b.known;
+    if (a.pos != b.pos) return a.pos < b.pos;
+    return a.column < b.column;
+}
+
+// The Z of every known callsign for three neighbouring start rows, and the peaks among them.
+class DeepSearch {
+  public:
+    DeepSearch(const ov_specmap& map, const ov_grid& grid, std::span<const ovc_known> known, double threshold)
+        : map_(map),
+          grid_(grid),
+          known_(known),
+          threshold_(threshold),
+          groups_(map, grid),
+          z_(known.size() * N_KEPT * grid.n_columns, std::numeric_limits<float>::quiet_NaN()),
+          norm_(grid.n_columns),
+          difference_(grid.n_columns) {
+        words_.reserve(known.size());
+        for (const ovc_known& entry : known) words_.push_back(words_of(entry));
+    }
+
+    std::vector<ovc_deep_hit> hits() {
+        for (int64_t i = 0; i < grid_.n_rows; i++) {
+            form_row(i);
+            if (i > 0) find_peaks(i - 1);
+        }
+        find_peaks(grid_.n_rows - 1);
+        return std::move(hits_);
+    }
+
+  private:
+    static constexpr int64_t N_KEPT = 3;
+
+    // Row i (from the grid's first) of a callsign.
+    float* row(std::size_t entry, int64_t i) {
+        return z_.data() + (entry * N_KEPT + static_cast<std::size_t>(i % N_KEPT)) * grid_.n_columns;
+    }
+
+    void form_row(int64_t i) {
+        const int64_t t = grid_.first_row + i;
+        const std::size_t n = grid_.n_columns;
+        groups_.advance(t);
+        std::fill(norm_.begin(), norm_.end(), 0.0f);
+        for (int32_t g = 0; g < OVC_GROUPS; g++) {
+            const float* const squares = groups_.squares(t, g);
+            for (std::size_t c = 0; c < n; c++) norm_[c] += squares[c];
+        }
+        for (float& norm : norm_) norm = norm > 0 ? 1 / std::sqrt(norm) : 0;
+
+        for (std::size_t entry = 0; entry < known_.size(); entry++) {
+            float* const z = row(entry, i);
+            std::fill_n(z, n, 0.0f);
+            if (words_[entry]) {
+                for (int32_t g = 0; g < OVC_GROUPS; g++) {
+                    const float* const word = groups_.word(t, g, (*words_[entry])[static_cast<std::size_t>(g)]);
+                    for (std::size_t c = 0; c < n; c++) z[c] += word[c];
+                }
+            } else {
+                add_pairs(known_[entry], t, z);
+            }
+            for (std::size_t c = 0; c < n; c++) z[c] *= norm_[c];
+        }
+    }
+
+    // Pair by pair, for signs that are no code words.
+    void add_pairs(const ovc_known& entry, int64_t t, float* z) {
+        for (int64_t k = 0; k < OVC_PAIRS; k++) {
+            ov_pair_difference(map_, grid_, t + (2 * k + 1) * map_.steps_per_chip, difference_.data());
+            const auto sign = static_cast<float>(entry.signs[k]);
+            for (std::size_t c = 0; c < grid_.n_columns; c++) z[c] += sign * difference_[c];
+        }
+    }
+
+    // Cells of row i that reach the threshold and are not below a neighbour. Row i + 1 has been formed, if there is
+    // one.
+    void find_peaks(int64_t i) {
+        for (std::size_t entry = 0; entry < known_.size(); entry++) {
+            const float* const z = row(entry, i);
+            for (std::size_t c = 0; c < grid_.n_columns; c++) {
+                if (z[c] >= threshold_ && is_peak(entry, i, c)) add_hit(entry, i, c, z[c]);
+            }
+        }
+    }
+
+    bool is_peak(std::size_t entry, int64_t i, std::size_t c) {
+        const float z = row(entry, i)[c];
+        const std::size_t left = c > 0 ? c - 1 : 0;
+        const std::size_t right = std::min(c + 1, grid_.n_columns - 1);
+        for (int64_t r = std::max<int64_t>(i - 1, 0); r <= std::min(i + 1, grid_.n_rows - 1); r++) {
+            const float* const other = row(entry, r);
+            if (std::any_of(other + left, other + right + 1, [&](float value) { return value > z; })) return false;
+        }
+        return true;
+    }
+
+    void add_hit(std::size_t entry, int64_t i, std::size_t c, float z) {
+        ovc_deep_hit hit;
+        hit.known = static_cast<int32_t>(entry);
+        hit.pos = static_cast<int32_t>(grid_.first_row + i);
+        hit.column = grid_.first_column + static_cast<int32_t>(c);
+        hit.t = static_cast<double>(map_.hop) * hit.pos / map_.rate;
+        hit.f = (hit.column - map_.half) * map_.bin_hz;
+        hit.z = z;
+        hits_.push_back(hit);
+    }
+
+    const ov_specmap& map_;
+    const ov_grid& grid_;
+    std::span<const ovc_known> known_;
+    double threshold_;
+    ov_group_rows groups_;
+    std::vector<std::optional<Words>> words_;
+    std::vector<float> z_;
+    std::vector<float> norm_;  // 1/sqrt(Σ d²) of the row in work
+    std::vector<float> difference_;
+    std::vector<ovc_deep_hit> hits_;
+};
+
+// Drops hits of a callsign that already has a stronger one in the same place.
+int32_t thin_out(const ov_specmap& map, std::span<const ovc_deep_hit> sorted, std::span<ovc_deep_hit> out) {
+    const double near_s = SAME_FRAMES * OVC_CHIPS * map.chip_s;
+    const double near_hz = SAME_CHIP_HZ / map.chip_s;
+    std::size_t kept = 0;
+    for (const ovc_deep_hit& hit : sorted) {
+        if (kept == out.size()) break;
+        const auto stronger = out.first(kept);
+        const bool taken = std::any_of(stronger.begin(), stronger.end(), [&](const ovc_deep_hit& k) {
+            return k.known == hit.known && std::fabs(k.t - hit.t) < near_s && std::fabs(k.f - hit.f) < near_hz;
+        });
+        if (!taken) out[kept++] = hit;
+    }
+    return static_cast<int32_t>(kept);
+}
+
+// Z of measured chip energies; pairs not wholly measured are left out.
+double energy_z(const float* energy, const int8_t* signs) {
+    double sum = 0;
+    double squares = 0;
+    for (int32_t k = 0; k < OVC_PAIRS; k++) {
+        const float first = energy[2 * k + 1];
+        const float second = energy[2 * k + 2];
+        if (first < 0 || second < 0) continue;
+        const double difference = second - first;
+        sum += signs[k] * difference;
+        squares += difference * difference;
+    }
+    return squares > 0 ? sum / std::sqrt(squares) : 0;
+}
+
+}  // namespace
+
+double ovc_deep_threshold(double trials, double pfa) {
+    const double p = (pfa > 0 ? pfa : 1e-6) / std::fmax(1.0, trials);
+    double low = 0;
+    double high = 40;
+    for (int32_t i = 0; i < 100; i++) {
+        const double middle = 0.5 * (low + high);
+        if (0.5 * std::erfc(middle / std::numbers::sqrt2) > p) {
+            low = middle;
+        } else {
+            high = middle;
+        }
+    }
+    return 0.5 * (low + high);
+}
+
+int32_t ovc_deep_search(const ov_specmap& map, const ovc_known* known, int32_t n_known, double t_min, double t_max,
+                        double search_hz, double guard, double pfa, int32_t max_hits, ovc_deep_hit* hits,
+                        double* threshold) {
+    if (n_known < 1) return 0;
+    ov_grid grid;
+    if (!ov_search_grid(map, OVC_CHIPS, t_min, t_max, search_hz, guard, grid)) return 0;
+
+    // About three independent places a chip of time and 1/chip of frequency.
+    const double trials = (3.0 * static_cast<double>(grid.n_rows) / map.steps_per_chip + 1) *
+                          (3.0 * static_cast<double>(grid.n_columns) * map.bin_hz * map.chip_s + 1) * n_known;
+    const double least_z = ovc_deep_threshold(trials, pfa);
+    if (threshold != nullptr) *threshold = least_z;
+
+    try {
+        std::vector<ovc_deep_hit> found =
+            DeepSearch(map, grid, {known, static_cast<std::size_t>(n_known)}, least_z).hits();
+        std::sort(found.begin(), found.end(), hit_before);
+        return thin_out(map, found, {hits, static_cast<std::size_t>(std::max(max_hits, 0))});
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
+}
+
+void try_deep(const ov_baseband& bb, const ov_specmap& map, const ovc_known& known, int32_t start, double f,
+              double drift, int32_t min_chips, ov_hyp& best) {
+    ov_hyp hyp{};
+    hyp.n_in = ov_chip_energies_sp(bb, map, start, f, drift, hyp.energy);
+    if (hyp.n_in < min_chips) return;
+    hyp.metric = energy_z(hyp.energy, known.signs);
+    if (!(hyp.metric > best.metric)) return;
+
+    hyp.start = start;
+    hyp.f = f;
+    hyp.drift = drift;
+    hyp.noise = ov_noise_at(map, f);
+    hyp.noise_rescale = map.noise_rescale;
+    hyp.spread_factor = map.spread_factor;
+    best = hyp;
+}
+
+int ovc_deep_refine(const ov_baseband& bb, const ov_specmap& map, const ovc_known& known, const ovc_deep_hit& hit,
+                    double drift_range, double guard, ov_hyp& hyp) {
+    const int32_t min_chips = ov_chips_needed(guard, OVC_CHIPS);
+    ov_hyp best{};
+    best.metric = NO_METRIC;
+    const auto measure = [&](int32_t start, double f, double drift) {
+        try_deep(bb, map, known, start, f, drift, min_chips, best);
+    };
+    if (ov_search_around(map, hit.pos * map.hop, hit.f, drift_range, best, measure) != 0) return -1;
+    energies_to_soft(best.energy, OVC_PAIRS, best.noise, map.noise_rescale, best.soft);
+    hyp = best;
+    return 0;
+}
