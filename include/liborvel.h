@@ -70,6 +70,86 @@ OVL_API double ovl_chip_seconds(void);
  */
 OVL_API int32_t ovl_encode(uint32_t proto, const char *call, const char *loc, uint8_t *out, int32_t cap);
 
+/* ---- Transmitter ------------------------------------------------------------------------------------------- */
+
+/* Kinds of steps. */
+enum {
+    OVL_TX_FRAME = 1,   /* one frame of a protocol */
+    OVL_TX_CARRIER = 2, /* steady carrier */
+    OVL_TX_PAUSE = 3    /* silence */
+};
+
+/* How a sequence sounds. Fill it with ovl_tx_settings_default() and change what differs. */
+typedef struct ovl_tx_settings {
+    int32_t sample_rate; /* Hz, 8000 to 384000; default 48000 */
+    double tone_hz;      /* above 0, below 0.45 of the sample rate; default 1500 */
+    double level;        /* peak amplitude, above 0, at most 1; default 0.5 */
+    double ramp_s;       /* length of a key transition, s, 0 to 0.05; default 0.005 */
+} ovl_tx_settings;
+
+/* One step of a sequence. Fields that its kind does not use are ignored. */
+typedef struct ovl_tx_step {
+    int32_t kind;       /* OVL_TX_ kind */
+    int32_t protocol;   /* frame: OVL_OPERA, OVL_ORVEL_S or OVL_ORVEL_L */
+    char call[16];      /* frame: callsign */
+    char locator[8];    /* ORVEL L frame: grid locator */
+    double seconds;     /* carrier or pause: 0.05 to 3600 */
+    int32_t keep_keyed; /* pause: nonzero keeps `keyed` of the progress raised; no effect on the audio */
+} ovl_tx_step;
+
+/* Where a transmission stands. */
+typedef struct ovl_tx_progress {
+    int32_t step;     /* step being rendered, -1 when there is none */
+    int32_t kind;     /* its kind, 0 when there is none */
+    int32_t chip;     /* chip of a frame step; -1 in carriers, pauses and the closing ramp */
+    int32_t chips;    /* chips of a frame step, else 0 */
+    double elapsed_s; /* rendered so far */
+    double total_s;   /* planned, closing ramp included; a stop in the closing ramp may take a little longer */
+    int32_t keyed;    /* 1 while the station should be keyed */
+    int32_t done;     /* 1 when a render has found nothing left, or nothing is prepared */
+} ovl_tx_progress;
+
+/* A transmitter: a prepared sequence and how far it has been rendered. Opaque. */
+typedef struct ovtx_state ovl_transmitter;
+
+/* Fills settings with the defaults. NULL is ignored. */
+OVL_API void ovl_tx_settings_default(ovl_tx_settings *settings);
+
+/* Makes a transmitter with nothing prepared, or returns NULL when memory is short. End it with ovl_tx_destroy(). */
+OVL_API ovl_transmitter *ovl_tx_create(void);
+
+/* Frees a transmitter. NULL is allowed. No other call may use it at the same time. */
+OVL_API void ovl_tx_destroy(ovl_transmitter *tx);
+
+/*
+ * Prepares a sequence of 1 to 64 steps, which are copied; a sequence under way is dropped. Must not overlap a render.
+ *
+ * Returns 0, or -1 with the transmitter rendering silence. Errors: "empty sequence", "too many steps (max 64)",
+ * "sample rate out of range (8000-384000 Hz)", "tone frequency out of range", "level out of range (0 < level <= 1)",
+ * "ramp out of range (0-50 ms)", "unknown protocol in a frame step", "cannot encode CALL LOCATOR", "carrier or pause
+ * duration out of range (0.05-3600 s)" (also when all steps are longer than 2^31 - 1 samples together), "unknown step
+ * kind", "out of memory".
+ */
+OVL_API int32_t ovl_tx_start(ovl_transmitter *tx, const ovl_tx_settings *settings, const ovl_tx_step *steps, int32_t n);
+
+/*
+ * Renders the next n samples into out: mono, at the sample rate of the settings, silence behind the end. Returns how
+ * many of them belong to the transmission; below n it has ended.
+ */
+OVL_API int32_t ovl_tx_render(ovl_transmitter *tx, float *out, int32_t n);
+
+/* Ends the transmission softly, with a ramp from the next rendered sample on. Any thread. NULL is ignored. */
+OVL_API void ovl_tx_stop(ovl_transmitter *tx);
+
+/* Lets the level glide to another value, above 0 and at most 1, within some 10 ms. Any thread. Returns 0 or -1. */
+OVL_API int32_t ovl_tx_set_level(ovl_transmitter *tx, double level);
+
+/* Tells where the transmission stands. Any thread; during a render fields may be a sample apart. NULL is ignored. */
+OVL_API void ovl_tx_status(const ovl_transmitter *tx, ovl_tx_progress *progress);
+
+/* Message of the last ovl_tx_start(): "" after a success. "no transmitter" when tx is NULL. */
+OVL_API const char *ovl_tx_last_error(const ovl_transmitter *tx);
+
 /* ---- Library ----------------------------------------------------------------------------------------------- */
 
 /* Version of the interface that this header describes: 5. */

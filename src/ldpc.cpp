@@ -72,7 +72,7 @@ constexpr int32_t UNREACHED = -1;
 struct Distances {
     std::array<int32_t, LDPC_MAX_N> variable;
     std::array<int32_t, LDPC_MAX_N> check;
-    int32_t shortest_cycle;  // met on the way; the shortest through `from` is never longer
+    int32_t shortest_cycle;  // met on the way, no longer than the shortest through that variable
 };
 
 Distances measure_distances(const ldpc_code& code, int32_t from) {

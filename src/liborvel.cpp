@@ -15,6 +15,7 @@
 #include "orvel.h"
 #include "ovcenc.h"
 #include "ovpipe.h"
+#include "ovtx.h"
 
 namespace {
 
@@ -237,4 +238,40 @@ int32_t ovl_decode_recent(ovl_decoder* decoder, const float* samples, int32_t n,
     recent.end_min = duration - recent_s;
     recent.end_max = duration;
     return ovl_decode(decoder, samples, n, rate, &recent, results, max_results);
+}
+
+void ovl_tx_settings_default(ovl_tx_settings* settings) {
+    if (settings != nullptr) *settings = {.sample_rate = 48000, .tone_hz = 1500.0, .level = 0.5, .ramp_s = 0.005};
+}
+
+ovl_transmitter* ovl_tx_create(void) {
+    return ovtx_create();
+}
+
+void ovl_tx_destroy(ovl_transmitter* tx) {
+    ovtx_destroy(tx);
+}
+
+int32_t ovl_tx_start(ovl_transmitter* tx, const ovl_tx_settings* settings, const ovl_tx_step* steps, int32_t n) {
+    return ovtx_start(tx, settings, steps, n);
+}
+
+int32_t ovl_tx_render(ovl_transmitter* tx, float* out, int32_t n) {
+    return ovtx_render(tx, out, n);
+}
+
+void ovl_tx_stop(ovl_transmitter* tx) {
+    ovtx_stop(tx);
+}
+
+int32_t ovl_tx_set_level(ovl_transmitter* tx, double level) {
+    return ovtx_set_level(tx, level);
+}
+
+void ovl_tx_status(const ovl_transmitter* tx, ovl_tx_progress* progress) {
+    ovtx_status(tx, progress);
+}
+
+const char* ovl_tx_last_error(const ovl_transmitter* tx) {
+    return ovtx_error(tx);
 }

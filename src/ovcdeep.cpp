@@ -57,9 +57,10 @@ class DeepSearch {
           grid_(grid),
           known_(known),
           threshold_(threshold),
-          groups_(map, grid),
+          groups_(map, grid, ov_group_rows::Squares::YES),
           z_(known.size() * N_KEPT * grid.n_columns, std::numeric_limits<float>::quiet_NaN()),
-          norm_(grid.n_columns),
+          squares_(grid.n_columns),
+          scale_(grid.n_columns),
           difference_(grid.n_columns) {
         words_.reserve(known.size());
         for (const ovc_known& entry : known) words_.push_back(words_of(entry));
@@ -86,12 +87,13 @@ class DeepSearch {
         const int64_t t = grid_.first_row + i;
         const std::size_t n = grid_.n_columns;
         groups_.advance(t);
-        std::fill(norm_.begin(), norm_.end(), 0.0f);
+        std::fill(squares_.begin(), squares_.end(), 0.0);
         for (int32_t g = 0; g < OVC_GROUPS; g++) {
-            const float* const squares = groups_.squares(t, g);
-            for (std::size_t c = 0; c < n; c++) norm_[c] += squares[c];
+            const double* const squares = groups_.squares(t, g);
+            for (std::size_t c = 0; c < n; c++) squares_[c] += squares[c];
         }
-        for (float& norm : norm_) norm = norm > 0 ? 1 / std::sqrt(norm) : 0;
+        std::transform(squares_.begin(), squares_.end(), scale_.begin(),
+                       [](double squares) { return squares > 0 ? static_cast<float>(1 / std::sqrt(squares)) : 0; });
 
         for (std::size_t entry = 0; entry < known_.size(); entry++) {
             float* const z = row(entry, i);
@@ -104,7 +106,7 @@ class DeepSearch {
             } else {
                 add_pairs(known_[entry], t, z);
             }
-            for (std::size_t c = 0; c < n; c++) z[c] *= norm_[c];
+            for (std::size_t c = 0; c < n; c++) z[c] *= scale_[c];
         }
     }
 
@@ -157,7 +159,8 @@ class DeepSearch {
     ov_group_rows groups_;
     std::vector<std::optional<Words>> words_;
     std::vector<float> z_;
-    std::vector<float> norm_;  // 1/sqrt(Σ d²) of the row in work
+    std::vector<double> squares_;  // Σ d² of the row in work
+    std::vector<float> scale_;     // and 1/sqrt of it
     std::vector<float> difference_;
     std::vector<ovc_deep_hit> hits_;
 };

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <new>
 #include <optional>
 #include <span>
@@ -30,8 +31,10 @@ constexpr double NO_SNR = -99.0;
 
 constexpr int64_t MIN_BASEBAND_RATE = 125;
 constexpr double MIN_CHIP_SAMPLES = 15.999999999;
-constexpr int64_t MAX_OVERSAMPLING = 4;       // baseband rate over input rate; a wider band would be empty
-constexpr int64_t OVERSAMPLING_FLOOR = 1000;  // Hz; below this the input rate sets no limit
+// A baseband far faster than the input is mostly empty band: its length is limited, or a careless search width or
+// sample rate would ask for all memory there is.
+constexpr int64_t FAR_FASTER = 4;       // times the input rate
+constexpr int64_t MAX_EMPTY = 1 << 22;  // samples
 
 constexpr int64_t CANDIDATES_LISTED = 50;  // for each candidate examined: most are shadows of stronger ones
 constexpr int32_t MAX_DEEP_HITS = 64;
@@ -53,18 +56,19 @@ double chip_seconds(const ov_params& params) {
 // ---- Samples to baseband ---------------------------------------------------------------------------------------
 
 // The lowest rate that holds the search band with room beside it and 16 samples a chip; nothing when the parameters
-// are no numbers or ask for far more than the input holds.
-std::optional<int32_t> baseband_rate(const ov_params& params, int32_t input_rate) {
+// are no numbers or ask for far more than the n samples of input hold.
+std::optional<int32_t> baseband_rate(const ov_params& params, int32_t n, int32_t input_rate) {
     const double chip = chip_seconds(params);
     const double need = 2.0 * (3.0 / chip + params.search_hz + 0.5 * params.spread_hz) + 40.0;
-    if (!(chip > 0) || !std::isfinite(chip) || !std::isfinite(need)) return std::nullopt;
+    if (!(chip > 0) || !std::isfinite(chip) || !std::isfinite(need) || input_rate < 1) return std::nullopt;
 
-    const int64_t limit = MAX_OVERSAMPLING * std::max<int64_t>(input_rate, OVERSAMPLING_FLOOR);
     int64_t rate = MIN_BASEBAND_RATE;
     while (static_cast<double>(rate) < need || static_cast<double>(rate) * chip < MIN_CHIP_SAMPLES) {
         rate *= 2;
-        if (rate > std::min<int64_t>(limit, std::numeric_limits<int32_t>::max())) return std::nullopt;
+        if (rate > std::numeric_limits<int32_t>::max()) return std::nullopt;
     }
+    const bool mostly_empty = rate > FAR_FASTER * input_rate;
+    if (mostly_empty && rate * n / input_rate > MAX_EMPTY) return std::nullopt;
     return static_cast<int32_t>(rate);
 }
 
@@ -135,7 +139,8 @@ StartWindow start_window(const ov_params& params, double frame_s) {
 
 // Candidates as found, and those of them that were examined.
 struct CandidateLists {
-    std::vector<ov_cand> found;
+    std::unique_ptr<ov_cand[]> found;
+    int32_t capacity;
     std::vector<ov_cand> examined;
 };
 
@@ -144,9 +149,9 @@ std::optional<CandidateLists> make_lists(const ov_params& params) {
     const int64_t capacity = CANDIDATES_LISTED * std::max(1, params.max_cands);
     if (capacity > std::numeric_limits<int32_t>::max()) return std::nullopt;
     try {
-        CandidateLists lists;
-        lists.found.resize(static_cast<std::size_t>(capacity));
-        lists.examined.reserve(static_cast<std::size_t>(capacity));
+        const auto size = static_cast<std::size_t>(capacity);
+        CandidateLists lists{std::make_unique_for_overwrite<ov_cand[]>(size), static_cast<int32_t>(capacity), {}};
+        lists.examined.reserve(size);
         return lists;
     } catch (const std::bad_alloc&) {
         return std::nullopt;
@@ -170,9 +175,9 @@ void search_candidates(const Search& search, const char* name, CandidateLists& l
     const StartWindow window = start_window(params, search.frame_s);
     double median = 0;
     double sigma = 0;
-    const int32_t listed = std::max(
-        0, ov_find_candidates(search.map, window.first, window.last, params.search_hz, params.chip_guard, params.z_min,
-                              static_cast<int32_t>(lists.found.size()), lists.found.data(), &median, &sigma));
+    const int32_t listed =
+        std::max(0, ov_find_candidates(search.map, window.first, window.last, params.search_hz, params.chip_guard,
+                                       params.z_min, lists.capacity, lists.found.get(), &median, &sigma));
     if (search.verbose()) {
         std::fprintf(stderr, "%s score map: median %.1f, sigma %.1f; %d candidate(s) above %.1f sigma\n", name, median,
                      sigma, listed, params.z_min);
@@ -647,7 +652,7 @@ void ov_params_default(ov_params& params) {
 
 int32_t ov_decode_real(const double* x, int32_t n, int32_t rate, const ov_params& params, ov_spot* spots,
                        int32_t max_spots) {
-    const auto out_rate = baseband_rate(params, rate);
+    const auto out_rate = baseband_rate(params, n, rate);
     ov_baseband bb;
     if (!out_rate || ov_baseband_real(x, n, rate, params.center_hz, *out_rate, bb) != 0) return -1;
     return run_and_free(bb, params, spots, max_spots);
@@ -655,7 +660,7 @@ int32_t ov_decode_real(const double* x, int32_t n, int32_t rate, const ov_params
 
 int32_t ov_decode_iq(const double* i, const double* q, int32_t n, int32_t rate, const ov_params& params, ov_spot* spots,
                      int32_t max_spots) {
-    const auto out_rate = baseband_rate(params, rate);
+    const auto out_rate = baseband_rate(params, n, rate);
     ov_baseband bb;
     if (!out_rate || ov_baseband_iq(i, q, n, rate, params.center_hz, *out_rate, bb) != 0) return -1;
     return run_and_free(bb, params, spots, max_spots);

@@ -193,7 +193,7 @@ void normalise(const ov_specmap& map) {
 // ---- Candidate search ------------------------------------------------------------------------------------------
 
 void score_groups(const ov_specmap& map, const ov_grid& grid, std::span<float> scores) {
-    ov_group_rows groups(map, grid);
+    ov_group_rows groups(map, grid, ov_group_rows::Squares::NO);
     for (int64_t i = 0; i < grid.n_rows; i++) {
         const int64_t t = grid.first_row + i;
         groups.advance(t);
@@ -503,27 +503,29 @@ void ov_pair_difference(const ov_specmap& map, const ov_grid& grid, int64_t r, f
     for (std::size_t c = 0; c < grid.n_columns; c++) out[c] = second[c] - first[c];
 }
 
-ov_group_rows::ov_group_rows(const ov_specmap& map, const ov_grid& grid)
+ov_group_rows::ov_group_rows(const ov_specmap& map, const ov_grid& grid, Squares squares)
     : map_(map),
       grid_(grid),
       depth_(2 * OVC_GROUPS * static_cast<int64_t>(map.steps_per_chip)),
       next_row_(grid.first_row + map.steps_per_chip),
       rows_(static_cast<std::size_t>(depth_) * N_KINDS * grid.n_columns),
+      squares_(squares == Squares::YES ? static_cast<std::size_t>(depth_) * grid.n_columns : 0),
       differences_(OVC_WORD_BITS * grid.n_columns) {}
 
 void ov_group_rows::advance(int64_t t) {
-    const int64_t last = t + (2 * OVC_GROUPS - 1) * static_cast<int64_t>(map_.steps_per_chip);
-    while (next_row_ <= last) form(next_row_++);
+    while (next_row_ <= group_row(t, OVC_GROUPS - 1)) form(next_row_++);
 }
 
-float* ov_group_rows::slot(int64_t u) {
-    return rows_.data() + static_cast<std::size_t>((u - grid_.first_row) % depth_) * N_KINDS * grid_.n_columns;
+int64_t ov_group_rows::group_row(int64_t t, int32_t g) const {
+    return t + (2 * g + 1) * static_cast<int64_t>(map_.steps_per_chip);
 }
 
 const float* ov_group_rows::row(int64_t t, int32_t g, std::size_t kind) const {
-    const int64_t u = t + (2 * g + 1) * static_cast<int64_t>(map_.steps_per_chip);
-    const auto index = static_cast<std::size_t>((u - grid_.first_row) % depth_);
-    return rows_.data() + (index * N_KINDS + kind) * grid_.n_columns;
+    return rows_.data() + (slot(group_row(t, g)) * N_KINDS + kind) * grid_.n_columns;
+}
+
+const double* ov_group_rows::squares(int64_t t, int32_t g) const {
+    return squares_.data() + slot(group_row(t, g)) * grid_.n_columns;
 }
 
 void ov_group_rows::form(int64_t u) {
@@ -532,18 +534,16 @@ void ov_group_rows::form(int64_t u) {
         ov_pair_difference(map_, grid_, u + 2 * OVC_GROUPS * j * map_.steps_per_chip,
                            differences_.data() + static_cast<std::size_t>(j) * n);
     }
-    float* const out = slot(u);
+    if (!squares_.empty()) form_squares(u);
+
+    float* const out = rows_.data() + slot(u) * N_KINDS * n;
     const float* const d = differences_.data();
     const auto larger = [](float a, float b) { return b > a ? b : a; };  // a where b is no number
     for (std::size_t c = 0; c < n; c++) {
         // Bit j of word w is the parity of w AND (j + 1), so the correlations are the negated Walsh-Hadamard transform
         // of 0 and the seven differences.
         std::array<float, 8> x = {0};
-        float squares = 0;
-        for (std::size_t j = 0; j < OVC_WORD_BITS; j++) {
-            x[j + 1] = -d[j * n + c];
-            squares += d[j * n + c] * d[j * n + c];
-        }
+        for (std::size_t j = 0; j < OVC_WORD_BITS; j++) x[j + 1] = -d[j * n + c];
         for (std::size_t half = 1; half < 8; half *= 2) {
             for (std::size_t k = 0; k < 8; k++) {
                 if ((k & half) != 0) continue;
@@ -557,7 +557,18 @@ void ov_group_rows::form(int64_t u) {
         out[FIRST_FOUR * n + c] = four;
         out[ALL * n + c] = larger(larger(larger(larger(four, x[4]), x[5]), x[6]), x[7]);
         out[ONLY_LAST * n + c] = larger(-1e30f, x[7]);
-        out[SQUARES * n + c] = squares;
+    }
+}
+
+void ov_group_rows::form_squares(int64_t u) {
+    const std::size_t n = grid_.n_columns;
+    double* const out = squares_.data() + slot(u) * n;
+    std::fill_n(out, n, 0.0);
+    for (std::size_t j = 0; j < OVC_WORD_BITS; j++) {
+        for (std::size_t c = 0; c < n; c++) {
+            const double difference = differences_[j * n + c];
+            out[c] += difference * difference;
+        }
     }
 }
 

@@ -107,8 +107,10 @@ void ov_pair_difference(const ov_specmap& map, const ov_grid& grid, int64_t r, f
 // are formed once, kept while a frame can still use them, and shared by all groups, frames and known callsigns.
 class ov_group_rows {
   public:
+    enum class Squares { NO, YES };
+
     // Rows for frames that start in the grid, which must be asked for in ascending order of frame start.
-    ov_group_rows(const ov_specmap& map, const ov_grid& grid);
+    ov_group_rows(const ov_specmap& map, const ov_grid& grid, Squares squares);
 
     // Forms what frames up to start row t need.
     void advance(int64_t t);
@@ -117,20 +119,26 @@ class ov_group_rows {
     // only and is at least -1e30.
     const float* word(int64_t t, int32_t g, int32_t w) const { return row(t, g, static_cast<std::size_t>(w)); }
     const float* best(int64_t t, int32_t g) const { return row(t, g, g == 0 ? ONLY_LAST : g == 1 ? FIRST_FOUR : ALL); }
-    const float* squares(int64_t t, int32_t g) const { return row(t, g, SQUARES); }  // sum of squared differences
+
+    // Sum of the group's squared differences, if wanted. In double: a float cannot hold the square of a power over the
+    // noise floor of digital silence.
+    const double* squares(int64_t t, int32_t g) const;
 
   private:
-    enum Kind : std::size_t { ONLY_LAST = 8, FIRST_FOUR, ALL, SQUARES, N_KINDS };  // behind the eight words
+    enum Kind : std::size_t { ONLY_LAST = 8, FIRST_FOUR, ALL, N_KINDS };  // behind the eight words
 
+    std::size_t slot(int64_t u) const { return static_cast<std::size_t>((u - grid_.first_row) % depth_); }
+    int64_t group_row(int64_t t, int32_t g) const;
     const float* row(int64_t t, int32_t g, std::size_t kind) const;
-    float* slot(int64_t u);
     void form(int64_t u);
+    void form_squares(int64_t u);
 
     const ov_specmap& map_;
     ov_grid grid_;
     int64_t depth_;     // rows kept
     int64_t next_row_;  // first row not formed yet
     std::vector<float> rows_;
+    std::vector<double> squares_;  // empty when not wanted
     std::vector<float> differences_;
 };
 

@@ -1,0 +1,18 @@
+// Reader for audio recordings: RIFF/WAVE with integer PCM of 8, 16, 24 or 32 bits, any number of channels.
+#pragma once
+
+#include <cstdint>
+
+// A recording mixed down to one signal.
+struct wav_audio {
+    uint32_t rate;     // sample rate, Hz
+    int32_t channels;  // channels in the file
+    int32_t bits;      // bits per sample in the file
+    double* samples;   // mean of the channels, full scale ±1; owned
+    int32_t count;     // samples
+};
+
+// Reads a whole recording. Returns 0, or -1 with a message on standard error and no samples. A data chunk that claims
+// more than the file holds is read as far as it goes, with a warning. Free the record with wav_free.
+int wav_read(const char* path, wav_audio& out);
+void wav_free(wav_audio& audio);
