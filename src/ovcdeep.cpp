@@ -188,7 +188,7 @@ double energy_z(const float* energy, const int8_t* signs) {
     for (int32_t k = 0; k < OVC_PAIRS; k++) {
         const float first = energy[2 * k + 1];
         const float second = energy[2 * k + 2];
-        if (first < 0 || second < 0) continue;
+        if (!(first >= 0 && second >= 0)) continue;
         const double difference = second - first;
         sum += signs[k] * difference;
         squares += difference * difference;
