@@ -216,7 +216,7 @@ typedef struct ovl_result {
 /*
  * Finds and decodes all frames in a block of audio.
  *
- *   samples       n mono samples at any scale; all must be finite
+ *   samples       n mono samples, all finite; full scale is usually 1, but anything from 1e-12 to 1e12 will do
  *   n             number of samples, at least 1; a frame may hang over either edge of the block by a fifth
  *   rate          sample rate, Hz; 8000, 12000, 16000, 24000, 32000, 48000, 96000 and 192000 are all served, as is
  *                 every rate whose quotient with 125 Hz times a power of two has no prime factor above 7

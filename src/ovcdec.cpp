@@ -56,7 +56,8 @@ struct Twin {
     std::array<uint8_t, 4> masks;
 };
 
-// All patterns of two to four groups that the two checksums cannot see. Group 0 is fixed and never among them.
+// Patterns of two to four groups that the two checksums cannot see; a few hold only where a zero checksum byte was
+// replaced. Group 0 is fixed and never among them.
 constexpr std::array<Twin, 153> OVC_TWINS = {{
     {2, {1, 6, 0, 0}, {3, 5, 0, 0}},    {2, {2, 7, 0, 0}, {3, 5, 0, 0}},    {2, {3, 8, 0, 0}, {3, 5, 0, 0}},
     {2, {4, 9, 0, 0}, {3, 5, 0, 0}},    {3, {1, 12, 13, 0}, {2, 1, 6, 0}},  {3, {2, 6, 7, 0}, {6, 1, 2, 0}},

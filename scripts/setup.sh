@@ -1,0 +1,37 @@
+# Shell functions of ./demo, ./test and .ci/run; to be sourced with the repository as working directory.
+
+BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libfftw3-dev libcli11-dev nlohmann-json3-dev)
+TEST_PACKAGES=(libgtest-dev libsndfile1-dev sox ffmpeg libbenchmark-dev)
+CHECK_PACKAGES=(clang clang-format clang-tidy cppcheck)
+
+# need_packages PACKAGE...: installs those that are missing. Asks nothing; when all are there it does nothing and
+# needs no network.
+need_packages() {
+    local missing=() package
+    for package in "$@"; do
+        if [[ $(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null) != installed ]]; then
+            missing+=("$package")
+        fi
+    done
+    if ((${#missing[@]} == 0)); then return 0; fi
+
+    local root=()
+    if [[ $(id -u) -ne 0 ]]; then
+        if ! command -v sudo >/dev/null; then
+            echo "These packages are missing, and only root can install them: ${missing[*]}" >&2
+            return 1
+        fi
+        root=(sudo)
+    fi
+    echo "Installing ${missing[*]}"
+    "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+    "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}
+
+# build PRESET [CMAKE OPTION...]: configures and builds build/PRESET.
+build() {
+    local preset=$1
+    shift
+    cmake --preset "$preset" "$@"
+    cmake --build --preset "$preset"
+}

@@ -1,0 +1,549 @@
+// The orvel command as its user meets it: the built program, run on files.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "liborvel.h"
+#include "process.h"
+#include "recordings.h"
+
+namespace {
+
+using Arguments = std::vector<std::string>;
+using ::testing::AssertionFailure;
+using ::testing::AssertionResult;
+using ::testing::AssertionSuccess;
+
+std::string shipped(const std::string& name) {
+    return std::string(ORVEL_RECORDINGS) + "/" + name;
+}
+
+// Where protocols do not matter: the search for OPERA alone takes a fraction of the time.
+const std::string OPERA = "--protocols=opera";
+
+ProcessResult orvel(Arguments arguments, const ProcessInput& input = {}) {
+    arguments.insert(arguments.begin(), ORVEL_COMMAND);
+    return run_process(arguments, input);
+}
+
+// One line on standard error, which holds all of the texts.
+AssertionResult one_line_with(const ProcessResult& result, const Arguments& texts) {
+    const auto lines = lines_of(result.err);
+    if (lines.size() != 1) return AssertionFailure() << lines.size() << " lines on standard error:\n" << result.err;
+    if (!lines[0].starts_with("orvel: ")) return AssertionFailure() << lines[0];
+    for (const std::string& text : texts) {
+        if (lines[0].find(text) == std::string::npos) return AssertionFailure() << lines[0] << " lacks " << text;
+    }
+    return AssertionSuccess();
+}
+
+AssertionResult usage_error_with(const Arguments& arguments, const Arguments& texts) {
+    const ProcessResult result = orvel(arguments);
+    if (result.status != 2) return AssertionFailure() << "exit status " << result.status << "\n" << result.err;
+    if (!result.out.empty()) return AssertionFailure() << "output: " << result.out;
+    return one_line_with(result, texts);
+}
+
+// A row of the table. Protocol names hold a blank.
+struct Row {
+    double time, freq, drift, snr;
+    std::string protocol, call, locator;
+};
+Row parse_row(const std::string& line) {
+    static const std::regex pattern(
+        R"(^ *(-?\d+\.\d{3})  +(-?\d+\.\d\d)  +([+-]\d+\.\d{3})  +([+-]\d+\.\d)  (OPERA 05)  +(\w+)  +(-)$)");
+    std::smatch match;
+    if (!std::regex_match(line, match, pattern)) {
+        ADD_FAILURE() << "no row of the table: " << line;
+        return {};
+    }
+    return {std::stod(match[1]),
+            std::stod(match[2]),
+            std::stod(match[3]),
+            std::stod(match[4]),
+            match[5],
+            match[6],
+            match[7]};
+}
+
+std::vector<nlohmann::json> truth_of(const std::string& name) {
+    std::vector<nlohmann::json> stations;
+    std::ifstream file(shipped(name + ".jsonl"));
+    for (std::string line; std::getline(file, line);) stations.push_back(nlohmann::json::parse(line));
+    EXPECT_FALSE(stations.empty());
+    return stations;
+}
+
+// A directory for the files of one test.
+class Command : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string name = (std::filesystem::temp_directory_path() / "orvel-test-XXXXXX").string();
+        ASSERT_NE(mkdtemp(name.data()), nullptr);
+        directory_ = name;
+    }
+    void TearDown() override { std::filesystem::remove_all(directory_); }
+
+    std::string path(const std::string& name) const { return (directory_ / name).string(); }
+    std::string write(const std::string& name, const std::string& bytes) const {
+        std::ofstream(path(name), std::ios::binary) << bytes;
+        return path(name);
+    }
+
+  private:
+    std::filesystem::path directory_;
+};
+
+template <class T>
+void append(std::string& bytes, T value) {
+    std::array<char, sizeof value> raw{};
+    std::memcpy(raw.data(), &value, sizeof value);
+    bytes.append(raw.data(), raw.size());
+}
+
+// A WAVE file of the given format around some bytes of samples.
+std::string wave_file(uint16_t tag, uint16_t channels, uint32_t rate, uint16_t bits, const std::string& data) {
+    std::string bytes = "RIFF";
+    append(bytes, static_cast<uint32_t>(36 + data.size()));
+    bytes += "WAVEfmt ";
+    append(bytes, uint32_t{16});
+    append(bytes, tag);
+    append(bytes, channels);
+    append(bytes, rate);
+    append(bytes, rate * channels * bits / 8);
+    append(bytes, static_cast<uint16_t>(channels * bits / 8));
+    append(bytes, bits);
+    bytes += "data";
+    append(bytes, static_cast<uint32_t>(data.size()));
+    return bytes + data;
+}
+
+// ---- Spots ----------------------------------------------------------------------------------------------------------
+
+TEST_F(Command, TableShowsTheTruthOfEveryShippedRecording) {
+    for (const Recording& recording : shipped_recordings()) {
+        Arguments arguments = {"decode", shipped(recording.name + ".wav")};
+        if (recording.iq) arguments.emplace_back("--iq");
+        const ProcessResult result = orvel(arguments);
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(result.err, "");
+
+        const auto lines = lines_of(result.out);
+        ASSERT_FALSE(lines.empty());
+        EXPECT_EQ(lines[0], "   time s  frequency Hz  drift Hz/s  SNR dB  protocol  callsign  locator");
+        std::map<std::string, Row> rows;
+        double last_time = -1e9;
+        for (std::size_t k = 1; k < lines.size(); ++k) {
+            const Row row = parse_row(lines[k]);
+            EXPECT_TRUE(rows.emplace(row.call, row).second) << row.call << " twice";
+            EXPECT_LE(last_time, row.time) << "rows are not in order of time";
+            last_time = row.time;
+        }
+        const auto truth = truth_of(recording.name);
+        EXPECT_EQ(rows.size(), truth.size());
+        for (const auto& station : truth) {
+            const std::string call = station.at("call");
+            ASSERT_TRUE(rows.contains(call)) << call << " in " << recording.name;
+            EXPECT_NEAR(rows[call].time, station.at("t_start"), 0.006) << call;
+            EXPECT_NEAR(rows[call].freq, station.at("freq_hz"), 0.5) << call;
+            EXPECT_NEAR(rows[call].drift, station.at("drift_hz_s"), 0.033) << call;
+            EXPECT_NEAR(rows[call].snr, station.at("snr_db"), 3) << call;
+        }
+    }
+}
+
+TEST_F(Command, JsonAgreesWithTheTable) {
+    const std::string file = shipped("audio-crowded.wav");
+    const auto rows = lines_of(orvel({"decode", file}).out);
+    const ProcessResult result = orvel({"decode", "--json", file});
+    EXPECT_EQ(result.status, 0);
+    const auto objects = lines_of(result.out);
+    ASSERT_EQ(objects.size(), rows.size() - 1);
+    ASSERT_FALSE(objects.empty());
+    for (std::size_t k = 0; k < objects.size(); ++k) {
+        const Row row = parse_row(rows[k + 1]);
+        const auto object = nlohmann::json::parse(objects[k]);
+        EXPECT_EQ(object.at("file"), file);
+        EXPECT_NEAR(object.at("t_start"), row.time, 0.00051);
+        EXPECT_NEAR(object.at("t_end").get<double>() - object.at("t_start").get<double>(), 30.592, 1e-9);
+        EXPECT_NEAR(object.at("freq_hz"), row.freq, 0.0051);
+        EXPECT_NEAR(object.at("drift_hz_s"), row.drift, 0.00051);
+        EXPECT_NEAR(object.at("snr_db"), row.snr, 0.051);
+        EXPECT_EQ(object.at("protocol"), row.protocol);
+        EXPECT_EQ(object.at("call"), row.call);
+        EXPECT_EQ(object.at("locator"), "");
+        EXPECT_EQ(object.at("deep"), false);
+    }
+}
+
+TEST_F(Command, SeveralFilesAreToldApart) {
+    const std::string first = shipped("audio-crowded.wav");
+    const std::string second = shipped("audio-edges.wav");
+    const std::string expected =
+        first + ":\n" + orvel({"decode", first}).out + "\n" + second + ":\n" + orvel({"decode", second}).out;
+    EXPECT_EQ(orvel({"decode", first, second}).out, expected);
+
+    std::map<std::string, int> spots;
+    for (const std::string& line : lines_of(orvel({"decode", "--json", first, second}).out)) {
+        ++spots[nlohmann::json::parse(line).at("file")];
+    }
+    EXPECT_EQ(spots[first], static_cast<int>(truth_of("audio-crowded").size()));
+    EXPECT_EQ(spots[second], static_cast<int>(truth_of("audio-edges").size()));
+}
+
+// The callsigns of a decode with --json, and their times.
+std::map<std::string, double> decoded(const Arguments& arguments) {
+    Arguments all = {"decode", OPERA, "--json"};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    const ProcessResult result = orvel(all);
+    EXPECT_EQ(result.status, 0) << result.err;
+    std::map<std::string, double> calls;
+    for (const std::string& line : lines_of(result.out)) {
+        const auto object = nlohmann::json::parse(line);
+        calls.emplace(object.at("call"), object.at("freq_hz"));
+    }
+    return calls;
+}
+
+TEST_F(Command, CenterAndSearchLimitTheBand) {
+    const auto calls = decoded({"--center", "1400", "--search", "60", shipped("audio-crowded.wav")});
+    EXPECT_TRUE(calls.contains("DL1QXA"));  // at 1380 Hz
+    EXPECT_TRUE(calls.contains("G4QZB"));   // at 1437.5 Hz
+    EXPECT_EQ(calls.size(), 2U);
+}
+
+TEST_F(Command, CenterMayBeNegativeInIq) {
+    const auto calls = decoded({"--iq", "--center", "-120", "--search", "30", shipped("iq-slow.wav")});
+    EXPECT_EQ(calls.size(), 1U);
+    ASSERT_TRUE(calls.contains("OK2QJB"));
+    EXPECT_NEAR(calls.at("OK2QJB"), -120, 0.5);
+}
+
+TEST_F(Command, KnownOnlyAcceptsTheKnownCallsigns) {
+    const std::string file = shipped("audio-crowded.wav");
+    EXPECT_EQ(decoded({file}).size(), 5U);
+    const auto calls = decoded({"--known-only", "--known", "g4qzb, K2QRX,K9ZZZ", file});
+    EXPECT_EQ(calls.size(), 2U);
+    EXPECT_TRUE(calls.contains("G4QZB"));
+    EXPECT_TRUE(calls.contains("K2QRX"));
+
+    const std::string list = write("known.txt", "# heard lately\nDL1QXA OH3QKJ  # two on a line\r\n\nK9ZZZ\n");
+    const auto from_file = decoded({"--known-only", "--known-file", list, file});
+    EXPECT_EQ(from_file.size(), 2U);
+    EXPECT_TRUE(from_file.contains("DL1QXA"));
+    EXPECT_TRUE(from_file.contains("OH3QKJ"));
+
+    EXPECT_EQ(decoded({"--known-only", "--known", "G4QZB", "--known-file", list, file}).size(), 3U);
+}
+
+// A recording with one station of each protocol, 80 Hz apart. (One callsign is reported once at a time, whatever the
+// protocol.)
+std::string three_protocols() {
+    Scene scene;
+    scene.rate = 8000;
+    scene.seconds = 50;
+    scene.seed = 11;
+    double frequency = 1420;
+    for (const auto& [protocol, call] :
+         {std::pair(OVL_OPERA, "G4QZB"), std::pair(OVL_ORVEL_S, "K2QRX"), std::pair(OVL_ORVEL_L, "DL1QXA")}) {
+        Station station;
+        const int32_t room = ovl_frame_chips(protocol);
+        station.chips.resize(static_cast<std::size_t>(room));
+        EXPECT_EQ(ovl_encode(protocol, call, "JO31", station.chips.data(), room), room);
+        station.t_start = 2;
+        station.freq_hz = frequency;
+        station.snr_db = -14;
+        scene.stations.push_back(station);
+        frequency += 80;
+    }
+    std::string samples;
+    for (const double sample : render_real(scene)) append(samples, static_cast<int16_t>(std::lround(32768 * sample)));
+    return wave_file(1, 1, 8000, 16, samples);
+}
+
+// Protocol, callsign and locator of what a decode finds.
+std::vector<std::string> protocols_found(const Arguments& arguments) {
+    Arguments all = {"decode", "--json"};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    std::vector<std::string> protocols;
+    for (const std::string& line : lines_of(orvel(all).out)) {
+        const auto object = nlohmann::json::parse(line);
+        protocols.push_back(object.at("protocol").get<std::string>() + " " + object.at("call").get<std::string>() +
+                            object.at("locator").get<std::string>());
+    }
+    std::sort(protocols.begin(), protocols.end());
+    return protocols;
+}
+
+TEST_F(Command, ProtocolsAreChosenByName) {
+    const std::string file = write("three.wav", three_protocols());
+    const std::vector<std::string> all = {"OPERA 05 G4QZB", "ORVEL L DL1QXAJO31", "ORVEL S K2QRX"};
+    EXPECT_EQ(protocols_found({file}), all);
+    EXPECT_EQ(protocols_found({"--protocols", "all", file}), all);
+    EXPECT_EQ(protocols_found({"--protocols", "opera,orvel-s,orvel-l", file}), all);
+    EXPECT_EQ(protocols_found({"--protocols", "opera", file}), std::vector{all[0]});
+    EXPECT_EQ(protocols_found({"--protocols", "orvel-s", file}), std::vector{all[2]});
+    EXPECT_EQ(protocols_found({"--protocols", "orvel-l", file}), std::vector{all[1]});
+
+    const std::string table = orvel({"decode", "--protocols", "orvel-l", file}).out;
+    EXPECT_TRUE(std::regex_search(table, std::regex(R"(ORVEL L +DL1QXA +JO31\n)"))) << table;
+}
+
+TEST_F(Command, KnownCallsignsAreFoundBelowTheOrdinaryThreshold) {
+    Scene scene;
+    scene.rate = 8000;
+    scene.seconds = 40;
+    scene.seed = 11;
+    scene.stations.push_back({opera_chips("G4QZB"), 3, 1500, 0, -25, 0});
+    std::string samples;
+    for (const double sample : render_real(scene)) append(samples, static_cast<int16_t>(std::lround(32768 * sample)));
+    const std::string file = write("weak.wav", wave_file(1, 1, 8000, 16, samples));
+    EXPECT_EQ(orvel({"decode", "--json", file}).out, "");
+    const ProcessResult result = orvel({"decode", "--json", "--known", "K2QRX,G4QZB", file});
+    ASSERT_EQ(lines_of(result.out).size(), 1U) << result.out;
+    const auto object = nlohmann::json::parse(result.out);
+    EXPECT_EQ(object.at("call"), "G4QZB");
+    EXPECT_EQ(object.at("deep"), true);
+}
+
+TEST_F(Command, VerbosePrintsTheDiagnosticsToStandardError) {
+    const std::string file = shipped("audio-crowded.wav");
+    const ProcessResult result = orvel({"decode", "-v", file});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_TRUE(result.err.starts_with("Baseband: 500 Hz around 1500.00 Hz")) << result.err;
+    EXPECT_NE(result.err.find("Classic score map: "), std::string::npos) << result.err;
+    EXPECT_EQ(result.out, orvel({"decode", file}).out);
+    EXPECT_EQ(orvel({"decode", "--verbose", file}).err, result.err);
+}
+
+TEST_F(Command, ARecordingWithoutStationsHasNoSpots) {
+    std::string samples;
+    Random random(5);
+    for (int k = 0; k < 8000 * 40; ++k) append(samples, static_cast<int16_t>(1000 * random.normal()));
+    const std::string file = write("noise.wav", wave_file(1, 1, 8000, 16, samples));
+    EXPECT_EQ(lines_of(orvel({"decode", file}).out).size(), 1U);
+    EXPECT_EQ(orvel({"decode", "--json", file}).out, "");
+    EXPECT_EQ(orvel({"decode", file}).status, 0);
+}
+
+TEST_F(Command, FileNamesThatAreNoUtf8MakeValidJson) {
+    const std::string file = path("recording-\xff.wav");
+    std::filesystem::copy_file(shipped("audio-crowded.wav"), file);
+    const ProcessResult result = orvel({"decode", "--json", file});
+    EXPECT_EQ(result.status, 0);
+    for (const std::string& line : lines_of(result.out)) EXPECT_TRUE(nlohmann::json::accept(line)) << line;
+    EXPECT_EQ(lines_of(result.out).size(), truth_of("audio-crowded").size());
+}
+
+// ---- Files that cannot be used --------------------------------------------------------------------------------------
+
+TEST_F(Command, AMissingFileIsOneLineAndTheOthersAreDecoded) {
+    const std::string good = shipped("audio-crowded.wav");
+    const ProcessResult result = orvel({"decode", OPERA, "--json", "no-such.wav", good});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_TRUE(one_line_with(result, {"cannot read 'no-such.wav'", "No such file"}));
+    EXPECT_EQ(result.out, orvel({"decode", OPERA, "--json", good}).out);
+
+    const ProcessResult reversed = orvel({"decode", OPERA, "--json", good, "no-such.wav"});
+    EXPECT_EQ(reversed.status, 1);
+    EXPECT_EQ(reversed.out, result.out);
+}
+
+TEST_F(Command, EveryBrokenFileIsOneLineThatNamesItAndTheReason) {
+    const std::string good = shipped("audio-crowded.wav");
+    const std::string second(16000, '\0');
+    const std::map<std::string, std::string> reasons = {
+        {write("empty.wav", ""), "not a valid RIFF/WAVE file"},
+        {write("text.wav", "This is no recording at all.\n"), "not a valid RIFF/WAVE file"},
+        {write("header.wav", wave_file(1, 1, 8000, 16, "").substr(0, 36)), "missing fmt or data chunk"},
+        {write("silent.wav", wave_file(1, 1, 8000, 16, "")), "no usable audio data"},
+        {write("float.wav", wave_file(3, 1, 8000, 32, second)), "unsupported audio format 3"},
+        {write("12bit.wav", wave_file(1, 1, 8000, 12, second)), "unsupported bit depth 12"},
+        {write("no-channels.wav", wave_file(1, 0, 8000, 16, second)), "invalid channel count"},
+        {path(""), "directory"},
+        {write("short.wav", wave_file(1, 1, 8000, 16, second.substr(0, 200))), "too short"},
+        {write("rate.wav", wave_file(1, 1, 11000, 16, second)), "sample rate of 11000 Hz is not served"},
+        {write("no-rate.wav", wave_file(1, 1, 0, 16, second)), "sample rate of 0 Hz is not served"},
+        {write("huge-rate.wav", wave_file(1, 1, 4294967295U, 16, second)), "4294967295 Hz is not served"},
+    };
+    for (const auto& [file, reason] : reasons) {
+        const ProcessResult result = orvel({"decode", OPERA, "--json", file, good});
+        EXPECT_EQ(result.status, 1) << file;
+        EXPECT_TRUE(one_line_with(result, {"'" + file + "'", reason}));
+        EXPECT_EQ(lines_of(result.out).size(), truth_of("audio-crowded").size()) << file;
+    }
+}
+
+TEST_F(Command, BrokenIqIsOneLineThatNamesTheFileAndTheReason) {
+    std::string nan;
+    for (int k = 0; k < 8000; ++k) append(nan, k == 4001 ? std::numeric_limits<float>::quiet_NaN() : 0.1F);
+    const std::map<std::string, std::string> reasons = {
+        {shipped("audio-edges.wav"), "1 channel(s)"},
+        {write("nan.wav", wave_file(3, 2, 4000, 32, nan)), "not finite"},
+        {write("empty.wav", ""), "not a valid RIFF/RF64 WAVE file"},
+    };
+    for (const auto& [file, reason] : reasons) {
+        const ProcessResult result = orvel({"decode", "--iq", file});
+        EXPECT_EQ(result.status, 1) << file;
+        EXPECT_TRUE(one_line_with(result, {"'" + file + "'", reason}));
+        EXPECT_EQ(result.out, "");
+    }
+}
+
+TEST_F(Command, ATruncatedFileIsDecodedAsFarAsItGoesWithAWarning) {
+    std::ifstream whole(shipped("audio-crowded.wav"), std::ios::binary);
+    std::stringstream bytes;
+    bytes << whole.rdbuf();
+    const std::string file = write("cut.wav", bytes.str().substr(0, 44 + 2 * 8000 * 34));
+    const ProcessResult result = orvel({"decode", "--json", file});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_TRUE(one_line_with(result, {"'" + file + "'", "truncating"}));
+    EXPECT_NE(result.out.find("DL1QXA"), std::string::npos);
+}
+
+TEST_F(Command, ASearchWiderThanTheRecordingIsOneLine) {
+    const std::string file = shipped("audio-crowded.wav");
+    const ProcessResult result = orvel({"decode", "--search", "1e12", file});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_TRUE(one_line_with(result, {"'" + file + "'", "search band"}));
+}
+
+// ---- Usage ----------------------------------------------------------------------------------------------------------
+
+TEST_F(Command, HelpAndVersionSucceed) {
+    EXPECT_EQ(orvel({"--version"}).out, "orvel 1.6.1\n");
+    EXPECT_EQ(orvel({"--version"}).status, 0);
+    EXPECT_EQ(orvel({"--help"}).status, 0);
+    EXPECT_NE(orvel({"--help"}).out.find("decode"), std::string::npos);
+    const ProcessResult help = orvel({"decode", "--help"});
+    EXPECT_EQ(help.status, 0);
+    for (const char* option : {"--iq", "--center", "--search", "--spread", "--protocols", "--known", "--known-file",
+                               "--known-only", "--json", "--verbose"}) {
+        EXPECT_NE(help.out.find(option), std::string::npos) << option;
+    }
+}
+
+TEST_F(Command, NoArgumentsShowTheHelp) {
+    const ProcessResult result = orvel({});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, orvel({"--help"}).out);
+}
+
+TEST_F(Command, WrongUsageIsOneLineAndStatusTwo) {
+    const std::string file = shipped("audio-crowded.wav");
+    EXPECT_TRUE(usage_error_with({"decode"}, {"FILE"}));
+    EXPECT_TRUE(usage_error_with({"--json"}, {}));
+    EXPECT_TRUE(usage_error_with({"dance"}, {}));
+    EXPECT_TRUE(usage_error_with({"decode", "--no-such-option", file}, {"--no-such-option"}));
+    EXPECT_TRUE(usage_error_with({"decode", "--protocols", "opera,morse", file}, {"--protocols", "'morse'"}));
+    EXPECT_TRUE(usage_error_with({"decode", "--protocols", ",", file}, {"--protocols"}));
+    EXPECT_TRUE(usage_error_with({"decode", file, "--center"}, {"--center"}));
+}
+
+TEST_F(Command, NumbersMustBeFiniteAndWidthsNotNegative) {
+    const std::string file = shipped("audio-crowded.wav");
+    for (const char* option : {"--center", "--search", "--spread"}) {
+        for (const char* value : {"nan", "inf", "-inf", "1e999", "12x", "", "0x10", "1,5", " 7"}) {
+            EXPECT_TRUE(usage_error_with({"decode", option, value, file}, {option})) << option << " " << value;
+        }
+    }
+    for (const char* option : {"--search", "--spread"}) {
+        EXPECT_TRUE(usage_error_with({"decode", option, "-1", file}, {option, "'-1'"}));
+        EXPECT_EQ(orvel({"decode", OPERA, option, "0", file}).status, 0) << option;
+    }
+    EXPECT_EQ(orvel({"decode", OPERA, "--center", "-1.5e2", file}).status, 0);
+}
+
+TEST_F(Command, KnownCallsignsAreChecked) {
+    const std::string file = shipped("audio-crowded.wav");
+    EXPECT_TRUE(usage_error_with({"decode", "--known-only", file}, {"--known-only", "--known"}));
+    EXPECT_TRUE(usage_error_with({"decode", "--known-only", "--known", " , ", file}, {"--known-only"}));
+    EXPECT_TRUE(usage_error_with({"decode", "--known", "DL1QXA,DL1QXA/P", file}, {"--known", "'DL1QXA/P'"}));
+    EXPECT_TRUE(usage_error_with({"decode", "--known-file", "no-such.txt", file}, {"--known-file", "'no-such.txt'"}));
+    EXPECT_TRUE(usage_error_with({"decode", "--known-file", path(""), file}, {"--known-file"}));
+    EXPECT_TRUE(usage_error_with({"decode", "--known-file", write("bad.txt", "K1AB\nhello\n"), file},
+                                 {"--known-file", "'hello'"}));
+
+    std::string calls;
+    for (char a = 'A'; a <= 'P'; ++a) {
+        for (char b = 'A'; b <= 'P'; ++b) calls += std::string("K1") + a + b + ",";
+    }
+    EXPECT_EQ(orvel({"decode", OPERA, "--known", calls, file}).status, 0);
+    EXPECT_TRUE(usage_error_with({"decode", "--known", calls + "K1ZZ", file}, {"too many known callsigns (max 256)"}));
+}
+
+// ---- Surroundings ---------------------------------------------------------------------------------------------------
+
+TEST_F(Command, OutputThatCannotBeWrittenIsAFailure) {
+    const std::string file = shipped("audio-crowded.wav");
+    ProcessInput closed;
+    closed.stdout_closed_pipe = true;
+    ProcessInput full;
+    full.stdout_file = "/dev/full";
+    for (const ProcessInput& input : {closed, full}) {
+        for (const Arguments& arguments : {Arguments{"decode", file},
+                                           {"decode", "--json", file, file},
+                                           {"--help"},
+                                           {"--version"},
+                                           {"decode", "--help"}}) {
+            const ProcessResult result = orvel(arguments, input);
+            EXPECT_EQ(result.status, 1);
+            EXPECT_TRUE(one_line_with(result, {"cannot write"}));
+        }
+    }
+}
+
+TEST_F(Command, NumbersHaveADecimalPointUnderEveryLocale) {
+    // A locale of our own with a decimal comma, as none need be installed.
+    const std::string source =
+        write("comma", "LC_NUMERIC\ndecimal_point \",\"\nthousands_sep \".\"\ngrouping 3\nEND LC_NUMERIC\n");
+    run_process({"/usr/bin/localedef", "-c", "-i", source, path("xx_XX")});
+    ProcessInput comma;
+    comma.environment = {{"LOCPATH", path("")}, {"LC_ALL", "xx_XX"}, {"LANG", "xx_XX"}};
+    ASSERT_EQ(run_process({"/usr/bin/printf", "%.1f", "0"}, comma).out, "0,0") << "the locale is not in force";
+
+    const std::string file = shipped("audio-crowded.wav");
+    const Arguments table = {"decode", OPERA, "--center", "1500.5", file};
+    const Arguments json = {"decode", OPERA, "--json", "--center", "1500.5", file};
+    EXPECT_EQ(orvel(table, comma).out, orvel(table).out);
+    EXPECT_EQ(orvel(json, comma).out, orvel(json).out);
+    EXPECT_NE(orvel(table, comma).out.find("DL1QXA"), std::string::npos);
+}
+
+// ---- The shared library from C -------------------------------------------------------------------------------------
+
+TEST_F(Command, AProgramInCDecodesThroughTheSharedLibrary) {
+    std::ifstream whole(shipped("audio-crowded.wav"), std::ios::binary);
+    std::stringstream bytes;
+    bytes << whole.rdbuf();
+    ProcessInput input;
+    input.stdin_file = write("samples.raw", bytes.str().substr(44));
+    const ProcessResult result = run_process({ORVEL_C_EXAMPLE, "8000"}, input);
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(lines_of(result.out).size(), truth_of("audio-crowded").size());
+    for (const auto& station : truth_of("audio-crowded")) {
+        EXPECT_NE(result.out.find(station.at("call").get<std::string>()), std::string::npos) << station;
+    }
+
+    const ProcessResult nothing = run_process({ORVEL_C_EXAMPLE, "8000"});
+    EXPECT_EQ(nothing.status, 1);
+    EXPECT_EQ(nothing.err, "decode_raw: invalid argument\n");
+}
+
+}  // namespace

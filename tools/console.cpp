@@ -1,0 +1,85 @@
+#include "console.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+
+namespace {
+
+// The number that the whole text stands for, if it is one and finite.
+std::optional<double> parse_finite(const std::string& text) {
+    const char* end = text.data() + text.size();
+    const char* begin = text.data();
+    if (text.size() > 1 && text[0] == '+' && text[1] != '-') ++begin;
+    double value = 0;
+    const auto [stop, error] = std::from_chars(begin, end, value);
+    if (error != std::errc() || stop != end || !std::isfinite(value)) return std::nullopt;
+    return value;
+}
+
+}  // namespace
+
+void print_error(const std::string& message) {
+    std::fprintf(stderr, "orvel: %s\n", message.c_str());
+}
+
+void print(std::string_view text) {
+    std::fwrite(text.data(), 1, text.size(), stdout);
+}
+
+bool flush_output() {
+    static bool reported = false;
+    errno = 0;
+    const bool flushed = std::fflush(stdout) == 0;
+    const int reason = errno;
+    if (flushed && std::ferror(stdout) == 0) return true;
+    if (!reported) {
+        print_error(std::string("cannot write the output") + (reason != 0 ? ": " : "") +
+                    (reason != 0 ? std::strerror(reason) : ""));
+    }
+    reported = true;
+    return false;
+}
+
+std::string format(const char* pattern, ...) {
+    std::va_list arguments;
+    va_start(arguments, pattern);
+    std::va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(nullptr, 0, pattern, arguments);
+    va_end(arguments);
+    std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+    std::vsnprintf(text.data(), text.size() + 1, pattern, again);
+    va_end(again);
+    return text;
+}
+
+CLI::Validator finite_number() {
+    return {[](const std::string& text) {
+                return parse_finite(text) ? std::string() : "'" + text + "' is not a finite number";
+            },
+            ""};
+}
+
+CLI::Validator width() {
+    return {[](const std::string& text) {
+                const auto value = parse_finite(text);
+                return value && *value >= 0 ? std::string() : "'" + text + "' is not a finite number of 0 or more";
+            },
+            ""};
+}
+
+std::vector<std::string> split_list(std::string_view text) {
+    constexpr std::string_view SEPARATORS = ", ;\t\r\n\v\f";
+    std::vector<std::string> parts;
+    for (std::size_t begin = text.find_first_not_of(SEPARATORS); begin != std::string_view::npos;) {
+        const std::size_t end = text.find_first_of(SEPARATORS, begin);
+        parts.emplace_back(text.substr(begin, end - begin));
+        begin = text.find_first_not_of(SEPARATORS, end);
+    }
+    return parts;
+}

@@ -1,0 +1,33 @@
+// What every subcommand says to its user: exit statuses, error lines, checked output, checks of option values.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <string>
+#include <string_view>
+#include <vector>
+
+enum ExitStatus : int {
+    EXIT_DONE = 0,    // all went well
+    EXIT_FAILED = 1,  // some input could not be used, or the output could not be written
+    EXIT_USAGE = 2    // a wrong option, value or combination
+};
+
+// "orvel: <message>" and a line feed on standard error.
+void print_error(const std::string& message);
+
+// Writes text to standard output. All output goes through here; whether it arrived is asked once, by flush_output.
+void print(std::string_view text);
+
+// Pushes out what was printed. False, with an error line the first time, when some of it could not be written: a full
+// disk or a pipe that nobody reads.
+bool flush_output();
+
+// printf into a string. Numbers have a decimal point in every locale, as the command never leaves the "C" locale.
+[[gnu::format(printf, 1, 2)]] std::string format(const char* pattern, ...);
+
+// Checks for option values: the whole text must be a finite number (not below 0).
+CLI::Validator finite_number();
+CLI::Validator width();
+
+// The parts of a list between commas and blanks; empty parts are dropped.
+std::vector<std::string> split_list(std::string_view text);
