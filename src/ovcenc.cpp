@@ -35,7 +35,7 @@ int32_t character_value(char c) {
 uint16_t crc16_text(std::span<const uint8_t> bits) {
     uint32_t crc = 0;
     for (const uint8_t bit : bits) {
-        uint32_t character = bit != 0 ? '1' : '0';
+        uint32_t character = bit != 0 ? 0x31 : 0x30;  // "1" or "0"
         for (int32_t k = 0; k < 8; k++, character >>= 1) {
             const bool feedback = ((character ^ crc) & 1) != 0;
             crc >>= 1;

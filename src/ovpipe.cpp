@@ -140,21 +140,21 @@ StartWindow start_window(const ov_params& params, double frame_s) {
 // Candidates as found, and those of them that were examined.
 struct CandidateLists {
     std::unique_ptr<ov_cand[]> found;
-    int32_t capacity;
+    int32_t capacity = 0;
     std::vector<ov_cand> examined;
 };
 
-// Nothing when memory is short.
-std::optional<CandidateLists> make_lists(const ov_params& params) {
+// False when memory is short.
+bool make_lists(const ov_params& params, CandidateLists& lists) {
     const int64_t capacity = CANDIDATES_LISTED * std::max(1, params.max_cands);
-    if (capacity > std::numeric_limits<int32_t>::max()) return std::nullopt;
+    if (capacity > std::numeric_limits<int32_t>::max()) return false;
     try {
-        const auto size = static_cast<std::size_t>(capacity);
-        CandidateLists lists{std::make_unique_for_overwrite<ov_cand[]>(size), static_cast<int32_t>(capacity), {}};
-        lists.examined.reserve(size);
-        return lists;
+        lists.found = std::make_unique_for_overwrite<ov_cand[]>(static_cast<std::size_t>(capacity));
+        lists.capacity = static_cast<int32_t>(capacity);
+        lists.examined.reserve(static_cast<std::size_t>(capacity));
+        return true;
     } catch (const std::bad_alloc&) {
-        return std::nullopt;
+        return false;
     }
 }
 
@@ -682,10 +682,10 @@ int32_t run(const ov_baseband& bb, const ov_params& params, ov_spot* spots, int3
 
     SpotList found(spots, 0, max_spots);
     {
-        std::optional<CandidateLists> lists = make_lists(params);
-        if (!lists) return -1;
+        CandidateLists lists;
+        if (!make_lists(params, lists)) return -1;
         const bool opera = (params.protocols & OVL_OPERA) != 0;
-        if (opera) search_opera(search, *lists, found);
+        if (opera) search_opera(search, lists, found);
         if (opera && params.deep_search != 0 && params.n_known > 0 && !found.is_full()) search_known(search, found);
     }
     for (int32_t mode = 0; mode < 2; mode++) {
@@ -714,10 +714,10 @@ int32_t run_orvel(const ov_baseband& bb, const ov_specmap& map, const ov_params&
     const Search search{bb, layout, params, chip_s, frame_s, drift_range};
 
     SpotList found(spots, n, max_spots);
-    std::optional<CandidateLists> lists = make_lists(params);
-    if (!lists) return n;
+    CandidateLists lists;
+    if (!make_lists(params, lists)) return n;
     search_candidates(
-        search, traits.name, *lists, found,
+        search, traits.name, lists, found,
         [&](const ov_cand& cand) { return overlaps_spot(search, traits.protocol, found, cand); },
         [&](const ov_cand& cand, int32_t number) { examine_orvel(search, traits, cand, number, found); });
     return found.count();

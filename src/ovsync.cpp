@@ -104,7 +104,8 @@ bool set_frequency_grid(double search_hz, double spread_hz, ov_specmap& map) {
 
     const double wanted = std::ceil((2.0 / map.chip_s + search_hz) / map.bin_hz) + margin;
     if (std::isnan(wanted)) return false;
-    const double half = 2.0 * (map.spread + wanted) < map.nfft ? wanted : (map.nfft - 1) / 2 - map.spread;
+    const int32_t widest = (map.nfft - 1) / 2 - map.spread;
+    const double half = 2.0 * (map.spread + wanted) < map.nfft ? wanted : widest;
     if (half < 1) return false;
     map.half = static_cast<int32_t>(half);
     map.nbins = 2 * map.half + 1;

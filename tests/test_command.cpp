@@ -66,7 +66,7 @@ struct Row {
 };
 Row parse_row(const std::string& line) {
     static const std::regex pattern(
-        R"(^ *(-?\d+\.\d{3})  +(-?\d+\.\d\d)  +([+-]\d+\.\d{3})  +([+-]\d+\.\d)  (OPERA 05)  +(\w+)  +(-)$)");
+        R"(^ *(-?\d+\.\d{3})  +(-?\d+\.\d\d)  +([+-]\d+\.\d{3})  +([+-]\d+\.\d)  (OPERA 05|ORVEL S|ORVEL L)  +(\w+)  +(-|\w+)$)");
     std::smatch match;
     if (!std::regex_match(line, match, pattern)) {
         ADD_FAILURE() << "no row of the table: " << line;
@@ -159,6 +159,9 @@ TEST_F(Command, TableShowsTheTruthOfEveryShippedRecording) {
         for (const auto& station : truth) {
             const std::string call = station.at("call");
             ASSERT_TRUE(rows.contains(call)) << call << " in " << recording.name;
+            EXPECT_EQ(rows[call].protocol, station.at("protocol")) << call;
+            const std::string locator = station.at("locator");
+            EXPECT_EQ(rows[call].locator, locator.empty() ? "-" : locator) << call;
             EXPECT_NEAR(rows[call].time, station.at("t_start"), 0.006) << call;
             EXPECT_NEAR(rows[call].freq, station.at("freq_hz"), 0.5) << call;
             EXPECT_NEAR(rows[call].drift, station.at("drift_hz_s"), 0.033) << call;

@@ -64,7 +64,7 @@ bool is_like(const std::string& text, const std::string& pattern) {
     return holds_like(text, "^" + pattern + "$");
 }
 
-// ---- Scenes ------------------------------------------------------------------------------------------------------
+// ---- Scenes --------------------------------------------------------------------------------------------------------
 
 // Frequencies are offsets from the centre.
 Station opera(const std::string& call, double t, double offset_hz, double snr_db, double drift = 0) {
@@ -523,8 +523,7 @@ class Model {
     double opera_s_;
 };
 
-// ---- Decodes
-// ---------------------------------------------------------------------------------------------------------
+// ---- Decodes -------------------------------------------------------------------------------------------------------
 
 struct Decoded {
     int32_t count = 0;
@@ -615,8 +614,7 @@ std::vector<float> soft_of(const std::vector<uint8_t>& chips) {
     return soft;
 }
 
-// ---- Parameters and entry points
-// ---------------------------------------------------------------------------------------
+// ---- Parameters and entry points -----------------------------------------------------------------------------------
 
 TEST(Params, DefaultsAreTheDocumentedOnes) {
     ov_params p;
@@ -796,8 +794,7 @@ TEST(EntryPoints, RealAndAnalyticSamplesGiveTheSameSpotsUpToTheBandEdges) {
     }
 }
 
-// ---- Helpers of the run
-// --------------------------------------------------------------------------------------------------
+// ---- Helpers of the run --------------------------------------------------------------------------------------------
 
 TEST(TrimCall, TakesBlanksFromBothEnds) {
     const std::vector<std::pair<std::string, std::string>> cases = {
@@ -854,8 +851,7 @@ TEST(FrameConsistency, ANoiseThatIsNotPositiveCountsAsNextToNone) {
     }
 }
 
-// ---- The run
-// -----------------------------------------------------------------------------------------------------------
+// ---- The run -------------------------------------------------------------------------------------------------------
 
 TEST(Run, DecodesAStationOfEachProtocolInOrderOfStart) {
     const Block block(58, 11,
@@ -1375,8 +1371,51 @@ TEST(Run, DriftRangeIsTwoColumnsOverAFrameUnlessGiven) {
     }
 }
 
-// ---- Known callsigns
-// -----------------------------------------------------------------------------------------------------
+// A callsign that is refused leaves all its candidates to be examined, but for those much weaker than an earlier one.
+TEST(Run, CandidatesInTheShadowOfAStrongerOneAreSkipped) {
+    const Block block(40, 33, {opera("QQ0XYZ", 4, 0, -8)});
+    const Decoded out = decode(block, verbose_params(OVL_OPERA, 60));
+    EXPECT_EQ(out.count, 0);
+    EXPECT_GT(out.lines_with("Candidate "), 2u);
+    EXPECT_LT(out.lines_with("Candidate "), 40u);
+}
+
+// 3 chip bandwidths are 23.4 Hz, 0.9 frames 27.5 s.
+TEST(Run, CandidatesOnASpotAreSkipped) {
+    const Block beside(40, 35, {opera("F5NQL", 4, -0.9, -6), opera("OH1ABC", 4.5, 21.48, -6.3)});
+    const Decoded out = decode(beside, verbose_params(OVL_OPERA));
+    EXPECT_TRUE(out.find("F5NQL") != nullptr);
+    EXPECT_FALSE(out.says(" f=1521.48 Hz ->")) << "22.4 Hz beside the spot";
+
+    const Block behind(64, 36, {opera("F5NQL", 3, 0, -6), opera("OH1ABC", 3 + 0.85 * FRAME_S, 0, -6.2)});
+    EXPECT_EQ(decode(behind, verbose_params(OVL_OPERA)).calls(), Calls{"F5NQL"});
+    const Block later(64, 36, {opera("F5NQL", 3, 0, -6), opera("OH1ABC", 3 + 0.95 * FRAME_S, 0, -6.2)});
+    EXPECT_EQ(decode(later, verbose_params(OVL_OPERA)).calls(), (Calls{"F5NQL", "OH1ABC"}));
+}
+
+TEST(Run, TheDriftRangeFollowsFromTheLengthOfTheFrame) {
+    // A step is half a column over 239 chips. Two columns over a frame of 61.184 op are a rounding error more than four
+    // steps, which makes five.
+    const Block fast(40, 37, {opera("F5NQL", 4, 0, -3, 0.16)});
+    ov_params params = verbose_params(OVL_OPERA, 1);
+    EXPECT_NEAR(decode(fast, params).spots.at(0).drift, 5 * 0.5 * 500 / 256 / FRAME_S, 1e-6);
+    const Block faster(40, 37, {opera("F5NQL", 4, 0, -3, 0.19)});
+    for (const ov_spot& spot : decode(faster, params).spots) EXPECT_LT(spot.drift, 0.165);
+    params.drift_max = 0.2;
+    EXPECT_NEAR(decode(faster, params).spots.at(0).drift, 0.19, 0.03);
+
+    Station station = orvel_l("F5NQL", "JN18", 2, 0, -3);
+    station.drift_hz_s = 0.13;  // beyond two columns over the longer frame
+    const Block block(46, 34, {station});
+    params = verbose_params(OVL_ORVEL_L, 2);
+    decode(block, params);
+    params.drift_max = 0.2;
+    const Decoded out = decode(block, params);
+    ASSERT_EQ(out.count, 1);
+    EXPECT_NEAR(out.spots[0].drift, 0.13, 0.03);
+}
+
+// ---- Known callsigns -----------------------------------------------------------------------------------------------
 
 TEST(DeepSearch, FindsKnownCallsignsBelowTheThreshold) {
     const Block block(40, 22, {opera("F5NQL", 4, -60, -19), opera("OH1ABC", 5, 80, -17)});
@@ -1475,8 +1514,7 @@ TEST(DeepSearch, TakesAtMostSixtyFourHits) {
     EXPECT_LE(out.count, 64);
 }
 
-// ---- ORVEL
-// ---------------------------------------------------------------------------------------------------------------
+// ---- ORVEL ---------------------------------------------------------------------------------------------------------
 
 TEST(Orvel, TheStageThatReadTheFrameIsItsRank) {
     std::set<int32_t> stages;
@@ -1540,8 +1578,7 @@ TEST(Orvel, ALocatorOfFourCharactersStaysOne) {
     EXPECT_TRUE(out.says("chips=321/321 : F5NQL JN18 (BP, SNR "));
 }
 
-// ---- Two protocols in one place
-// ---------------------------------------------------------------------------------------------
+// ---- Two protocols in one place ------------------------------------------------------------------------------------
 
 // An OPERA and an ORVEL S station; both decode when searched for alone.
 Decoded decode_pair(double opera_offset, double orvel_offset, double opera_t, double orvel_t, double opera_db,

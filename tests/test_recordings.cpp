@@ -25,7 +25,6 @@ constexpr double FREQUENCY_TOLERANCE_HZ = 0.5;
 constexpr double DRIFT_TOLERANCE_HZ_S = 0.032;  // one step of the decoder's search
 constexpr double SNR_TOLERANCE_DB = 1;
 constexpr double SNR_LOSS_DB = 2;  // what the other stations leave of themselves counts as noise
-constexpr double FRAME_SECONDS = OVC_CHIPS * CHIP_SECONDS;
 
 std::string path_of(const Recording& recording) {
     return DIRECTORY / (recording.name + ".wav");
@@ -34,17 +33,21 @@ std::string path_of(const Recording& recording) {
 // Each station of the recording is found once, at its place, and nothing else is.
 struct Found {
     std::string call;
+    int32_t protocol;
+    std::string locator;
     double t_start, freq_hz, drift_hz_s, snr_db;
 };
 void expect_truth(const std::vector<Found>& found, const Recording& recording) {
-    EXPECT_EQ(found.size(), recording.calls.size());
+    EXPECT_EQ(found.size(), recording.senders.size());
     for (const Found& spot : found) {
         std::size_t k = 0;
-        while (k < recording.calls.size() && recording.calls[k] != spot.call) ++k;
-        if (k == recording.calls.size()) {
+        while (k < recording.senders.size() && recording.senders[k].call != spot.call) ++k;
+        if (k == recording.senders.size()) {
             ADD_FAILURE() << spot.call << " is not in " << recording.name;
             continue;
         }
+        EXPECT_EQ(static_cast<uint32_t>(spot.protocol), recording.senders[k].protocol) << spot.call;
+        EXPECT_EQ(spot.locator, recording.senders[k].locator) << spot.call;
         const Station& station = recording.scene.stations[k];
         EXPECT_NEAR(spot.t_start, station.t_start, TIME_TOLERANCE_S) << spot.call;
         EXPECT_NEAR(spot.freq_hz, station.freq_hz, FREQUENCY_TOLERANCE_HZ) << spot.call;
@@ -52,10 +55,10 @@ void expect_truth(const std::vector<Found>& found, const Recording& recording) {
         EXPECT_LE(spot.snr_db, station.snr_db + SNR_TOLERANCE_DB) << spot.call;
         EXPECT_GE(spot.snr_db, station.snr_db - SNR_TOLERANCE_DB - SNR_LOSS_DB) << spot.call;
     }
-    for (const std::string& call : recording.calls) {
+    for (const Sender& sender : recording.senders) {
         const auto times =
-            std::count_if(found.begin(), found.end(), [&](const Found& spot) { return spot.call == call; });
-        EXPECT_EQ(times, 1) << call << " in " << recording.name;
+            std::count_if(found.begin(), found.end(), [&](const Found& spot) { return spot.call == sender.call; });
+        EXPECT_EQ(times, 1) << sender.call << " in " << recording.name;
     }
 }
 
@@ -99,16 +102,18 @@ TEST(Recordings, TruthFilesTellWhatTheGeneratorPutIn) {
         std::ifstream file(DIRECTORY / (recording.name + ".jsonl"));
         std::size_t k = 0;
         for (std::string line; std::getline(file, line); ++k) {
-            ASSERT_LT(k, recording.calls.size()) << recording.name;
+            ASSERT_LT(k, recording.senders.size()) << recording.name;
             const Station& station = recording.scene.stations[k];
             const auto truth = nlohmann::json::parse(line);
-            EXPECT_EQ(truth.at("call"), recording.calls[k]);
+            EXPECT_EQ(truth.at("call"), recording.senders[k].call);
+            EXPECT_EQ(truth.at("protocol"), ovl_proto_name(recording.senders[k].protocol));
+            EXPECT_EQ(truth.at("locator"), recording.senders[k].locator);
             EXPECT_EQ(truth.at("t_start"), station.t_start);
             EXPECT_EQ(truth.at("freq_hz"), station.freq_hz);
             EXPECT_EQ(truth.at("drift_hz_s"), station.drift_hz_s);
             EXPECT_EQ(truth.at("snr_db"), station.snr_db);
         }
-        EXPECT_EQ(k, recording.calls.size()) << recording.name;
+        EXPECT_EQ(k, recording.senders.size()) << recording.name;
     }
 }
 
@@ -132,10 +137,10 @@ TEST(Recordings, AudioDecodesToItsTruthThroughThePublicInterface) {
 
         std::vector<Found> found;
         for (const ovl_result& result : results) {
-            EXPECT_EQ(result.protocol, OVL_OPERA);
-            EXPECT_STREQ(result.locator, "");
-            EXPECT_NEAR(result.t_end - result.t_start, FRAME_SECONDS, 1e-9);
-            found.push_back({result.call, result.t_start, result.freq_hz, result.drift_hz_s, result.snr_db});
+            const int32_t chips = ovl_frame_chips(static_cast<uint32_t>(result.protocol));
+            EXPECT_NEAR(result.t_end - result.t_start, chips * CHIP_SECONDS, 1e-9);
+            found.push_back({result.call, result.protocol, result.locator, result.t_start, result.freq_hz,
+                             result.drift_hz_s, result.snr_db});
         }
         expect_truth(found, recording);
     }
@@ -157,7 +162,9 @@ TEST(Recordings, IqDecodesToItsTruth) {
         spots.resize(static_cast<std::size_t>(count));
 
         std::vector<Found> found;
-        for (const ov_spot& spot : spots) found.push_back({spot.call, spot.t, spot.freq, spot.drift, spot.snr});
+        for (const ov_spot& spot : spots) {
+            found.push_back({spot.call, spot.protocol, spot.locator, spot.t, spot.freq, spot.drift, spot.snr});
+        }
         expect_truth(found, recording);
     }
 }

@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "liborvel.h"
 #include "recordings.h"
 
 namespace {
@@ -35,10 +36,13 @@ void write_samples(const Recording& recording, const std::filesystem::path& path
 
 void write_truth(const Recording& recording, const std::filesystem::path& path) {
     std::ofstream file(path);
-    for (std::size_t k = 0; k < recording.calls.size(); ++k) {
+    for (std::size_t k = 0; k < recording.senders.size(); ++k) {
         const Station& station = recording.scene.stations[k];
         nlohmann::ordered_json line;
-        line["call"] = recording.calls[k];
+        const Sender& sender = recording.senders[k];
+        line["call"] = sender.call;
+        line["protocol"] = ovl_proto_name(sender.protocol);
+        line["locator"] = sender.locator;
         line["t_start"] = station.t_start;
         line["freq_hz"] = station.freq_hz;
         line["drift_hz_s"] = station.drift_hz_s;

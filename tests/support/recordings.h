@@ -8,12 +8,19 @@
 
 #include "siggen.h"
 
+// Who sends a station's frame, and how.
+struct Sender {
+    std::string call;
+    uint32_t protocol;    // OVL_ id
+    std::string locator;  // of an ORVEL L frame
+};
+
 struct Recording {
-    std::string name;                // of the files, without ".wav" and ".jsonl"
-    bool iq;                         // stereo I/Q; else mono audio
-    int32_t bits;                    // 8 or 16
-    Scene scene;                     // frequencies within the search band that `orvel decode` has by default
-    std::vector<std::string> calls;  // callsign of each station of the scene
+    std::string name;             // of the files, without ".wav" and ".jsonl"
+    bool iq;                      // stereo I/Q; else mono audio
+    int32_t bits;                 // 8 or 16
+    Scene scene;                  // frequencies within the search band that `orvel decode` has by default
+    std::vector<Sender> senders;  // of each station of the scene
 };
 
 std::vector<Recording> shipped_recordings();
