@@ -307,6 +307,67 @@ TEST_F(Command, ProtocolsAreChosenByName) {
     EXPECT_TRUE(std::regex_search(table, std::regex(R"(ORVEL L +DL1QXA +JO31\n)"))) << table;
 }
 
+// ---- orvel encode ---------------------------------------------------------------------------------------------------
+
+std::string chips_as_text(uint32_t protocol, const char* call, const char* locator) {
+    std::vector<uint8_t> chips(static_cast<std::size_t>(ovl_frame_chips(protocol)));
+    EXPECT_GT(ovl_encode(protocol, call, locator, chips.data(), static_cast<int32_t>(chips.size())), 0);
+    std::string text;
+    for (const uint8_t chip : chips) text += static_cast<char>('0' + chip);
+    return text;
+}
+
+TEST_F(Command, EncodePrintsTheChipsOfAFrame) {
+    EXPECT_EQ(orvel({"encode", "G4QZB"}).out, chips_as_text(OVL_OPERA, "G4QZB", nullptr) + "\n");
+    EXPECT_EQ(orvel({"encode", "g4qzb", "--protocol", "orvel-s"}).out,
+              chips_as_text(OVL_ORVEL_S, "G4QZB", nullptr) + "\n");
+    const std::string long_frame = chips_as_text(OVL_ORVEL_L, "G4QZB", "IO91");
+    EXPECT_EQ(orvel({"encode", "G4QZB", "io91"}).out, long_frame + "\n");
+
+    const auto object = nlohmann::json::parse(orvel({"encode", "G4QZB", "IO91", "--json"}).out);
+    EXPECT_EQ(object.at("protocol"), "ORVEL L");
+    EXPECT_EQ(object.at("call"), "G4QZB");
+    EXPECT_EQ(object.at("locator"), "IO91");
+    EXPECT_EQ(object.at("chip_seconds"), 0.128);
+    EXPECT_EQ(object.at("chips"), long_frame);
+}
+
+TEST_F(Command, EncodeDrawsAFrameWithinEightyColumns) {
+    ASSERT_EQ(setenv("LC_ALL", "C", 1), 0);
+    const auto lines = lines_of(orvel({"encode", "G4QZB", "--draw"}).out);
+    ASSERT_EQ(unsetenv("LC_ALL"), 0);
+    ASSERT_EQ(lines.size(), 1U + 4U);
+    EXPECT_EQ(lines[0], "OPERA 05  G4QZB: 239 chips of 0.128 s, 30.592 s, 120 on");
+    std::string drawn;
+    for (std::size_t k = 1; k < lines.size(); ++k) {
+        EXPECT_LE(lines[k].size(), 80U);
+        EXPECT_NEAR(std::stod(lines[k]), 8.192 * static_cast<double>(k - 1), 1e-9);
+        drawn += lines[k].substr(lines[k].find('s') + 3);
+    }
+    std::replace(drawn.begin(), drawn.end(), '#', '1');
+    std::replace(drawn.begin(), drawn.end(), '.', '0');
+    EXPECT_EQ(drawn, chips_as_text(OVL_OPERA, "G4QZB", nullptr));
+}
+
+TEST_F(Command, EncodeRefusesWhatNoFrameCarries) {
+    for (const Arguments& arguments : std::vector<Arguments>{{"encode"},
+                                                             {"encode", ""},
+                                                             {"encode", "G4/QZB"},
+                                                             {"encode", "G4QZB", "ZZ99"},
+                                                             {"encode", "G4QZB", "IO9"},
+                                                             {"encode", "G4QZB", "--protocol", "orvel-l"},
+                                                             {"encode", "G4QZB", "IO91", "--protocol", "opera"},
+                                                             {"encode", "G4QZB", "--protocol", "morse"},
+                                                             {"encode", "G4QZB", "--draw", "--json"}}) {
+        const ProcessResult result = orvel(arguments);
+        EXPECT_EQ(result.status, 2) << result.err;
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(lines_of(result.err).size(), 1U) << result.err;
+    }
+}
+
+// ---- More of orvel decode -------------------------------------------------------------------------------------------
+
 TEST_F(Command, KnownCallsignsAreFoundBelowTheOrdinaryThreshold) {
     Scene scene;
     scene.rate = 8000;

@@ -29,6 +29,46 @@ std::vector<ovl_result> decode(const Block& block) {
     return results;
 }
 
+// In a process of its own, as ctest runs it, this is what loads the codes.
+TEST(Threads, FirstUseOfTheCodesMayBeInSeveralAtOnce) {
+    std::vector<std::vector<uint8_t>> frames(8, std::vector<uint8_t>(321));
+    std::vector<std::thread> threads;
+    for (std::vector<uint8_t>& frame : frames) {
+        threads.emplace_back([&frame] { EXPECT_EQ(ovl_encode(OVL_ORVEL_L, "K1ABC", "FN42", frame.data(), 321), 321); });
+    }
+    for (std::thread& thread : threads) thread.join();
+    for (const std::vector<uint8_t>& frame : frames) EXPECT_TRUE(frame == frames.front());
+}
+
+TEST(Threads, ATransmissionIsControlledAndWatchedWhileItIsRendered) {
+    const std::unique_ptr<ovl_transmitter, void (*)(ovl_transmitter*)> tx(ovl_tx_create(), ovl_tx_destroy);
+    ovl_tx_settings settings;
+    ovl_tx_settings_default(&settings);
+    ovl_tx_step step{};
+    step.kind = OVL_TX_CARRIER;
+    step.seconds = 3600;
+    ASSERT_EQ(ovl_tx_start(tx.get(), &settings, &step, 1), 0);
+
+    std::thread renderer([&] {
+        std::vector<float> buffer(480);
+        while (ovl_tx_render(tx.get(), buffer.data(), 480) == 480) {
+        }
+    });
+    double elapsed = 0;
+    for (int32_t i = 1; i <= 1000; ++i) {
+        EXPECT_EQ(ovl_tx_set_level(tx.get(), i / 1000.0), 0);
+        ovl_tx_progress progress;
+        ovl_tx_status(tx.get(), &progress);
+        EXPECT_GE(progress.elapsed_s, elapsed);
+        elapsed = progress.elapsed_s;
+    }
+    ovl_tx_stop(tx.get());
+    renderer.join();
+    ovl_tx_progress progress;
+    ovl_tx_status(tx.get(), &progress);
+    EXPECT_EQ(progress.done, 1);
+}
+
 TEST(Threads, DecodersAtWorkAtOnceFindWhatTheyFindAlone) {
     std::vector<Block> blocks;
     for (const Recording& recording : shipped_recordings()) {
