@@ -2,7 +2,7 @@
 
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libfftw3-dev libcli11-dev nlohmann-json3-dev)
 TEST_PACKAGES=(libgtest-dev libsndfile1-dev sox ffmpeg libbenchmark-dev)
-CHECK_PACKAGES=(clang clang-format clang-tidy cppcheck)
+CHECK_PACKAGES=(clang libclang-rt-dev clang-format clang-tidy cppcheck)
 
 # need_packages PACKAGE...: installs those that are missing. Asks nothing; when all are there it does nothing and
 # needs no network.
