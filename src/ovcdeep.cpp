@@ -37,6 +37,25 @@ std::optional<Words> words_of(const ovc_known& known) {
     return words;
 }
 
+// Scaled sum of 17 rows, some columns at a time: their sums stay in registers.
+using WordRows = std::array<const float*, OVC_GROUPS>;
+void sum_words(const WordRows& rows, std::span<const float> scale, float* z) {
+    constexpr std::size_t WIDTH = 16;
+    std::size_t c = 0;
+    for (; c + WIDTH <= scale.size(); c += WIDTH) {
+        std::array<float, WIDTH> sums{};
+        for (const float* row : rows) {
+            for (std::size_t k = 0; k < WIDTH; k++) sums[k] += row[c + k];
+        }
+        for (std::size_t k = 0; k < WIDTH; k++) z[c + k] = sums[k] * scale[c + k];
+    }
+    for (; c < scale.size(); c++) {
+        float sum = 0;
+        for (const float* row : rows) sum += row[c];
+        z[c] = sum * scale[c];
+    }
+}
+
 int32_t cmp_hit(const ovc_deep_hit& a, const ovc_deep_hit& b) {
     return (b.z > a.z) - (b.z < a.z);
 }
@@ -96,27 +115,27 @@ class DeepSearch {
                        [](double squares) { return squares > 0 ? static_cast<float>(1 / std::sqrt(squares)) : 0; });
 
         for (std::size_t entry = 0; entry < known_.size(); entry++) {
-            float* const z = row(entry, i);
-            std::fill_n(z, n, 0.0f);
             if (words_[entry]) {
-                for (int32_t g = 0; g < OVC_GROUPS; g++) {
-                    const float* const word = groups_.word(t, g, (*words_[entry])[static_cast<std::size_t>(g)]);
-                    for (std::size_t c = 0; c < n; c++) z[c] += word[c];
+                WordRows rows;
+                for (std::size_t g = 0; g < OVC_GROUPS; g++) {
+                    rows[g] = groups_.word(t, static_cast<int32_t>(g), (*words_[entry])[g]);
                 }
+                sum_words(rows, scale_, row(entry, i));
             } else {
-                add_pairs(known_[entry], t, z);
+                sum_pairs(known_[entry], t, row(entry, i));
             }
-            for (std::size_t c = 0; c < n; c++) z[c] *= scale_[c];
         }
     }
 
     // Pair by pair, for signs that are no code words.
-    void add_pairs(const ovc_known& entry, int64_t t, float* z) {
+    void sum_pairs(const ovc_known& entry, int64_t t, float* z) {
+        std::fill_n(z, grid_.n_columns, 0.0f);
         for (int64_t k = 0; k < OVC_PAIRS; k++) {
             ov_pair_difference(map_, grid_, t + (2 * k + 1) * map_.steps_per_chip, difference_.data());
             const auto sign = static_cast<float>(entry.signs[k]);
             for (std::size_t c = 0; c < grid_.n_columns; c++) z[c] += sign * difference_[c];
         }
+        for (std::size_t c = 0; c < grid_.n_columns; c++) z[c] *= scale_[c];
     }
 
     // Cells of row i that reach the threshold and are not below a neighbour. Row i + 1 has been formed, if there is
