@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdio>
 #include <limits>
+#include <memory>
 #include <new>
 #include <numbers>
 
@@ -144,9 +145,9 @@ bool next_amplitude(ovtx_state& tx, int32_t p, float& amplitude) {
 }  // namespace
 
 ovtx_state* ovtx_create() {
-    auto* tx = new (std::nothrow) ovtx_state{};
-    if (tx != nullptr) tx->finished = 1;
-    return tx;
+    std::unique_ptr<ovtx_state> tx(new (std::nothrow) ovtx_state{});
+    if (tx) tx->finished = 1;
+    return tx.release();
 }
 
 void ovtx_destroy(ovtx_state* tx) {
