@@ -150,6 +150,124 @@ OVL_API void ovl_tx_status(const ovl_transmitter *tx, ovl_tx_progress *progress)
 /* Message of the last ovl_tx_start(): "" after a success. "no transmitter" when tx is NULL. */
 OVL_API const char *ovl_tx_last_error(const ovl_transmitter *tx);
 
+/* ---- Audio devices ----------------------------------------------------------------------------------------- */
+
+/* Device number for capture without a sound card; the host feeds samples with ovl_audio_push(). */
+#define OVL_AUDIO_NONE (-2)
+
+/* A sound device, as PortAudio describes it. */
+typedef struct ovl_audio_device {
+    char name[128];            /* "" when it has none */
+    char host_api[32];         /* sound system that serves it, "ALSA" for one */
+    int32_t input_channels;    /* at most; 0 = no input */
+    int32_t output_channels;   /* at most; 0 = no output */
+    double default_rate;       /* Hz */
+    int32_t is_default_input;  /* 0 or 1 */
+    int32_t is_default_output; /* 0 or 1 */
+} ovl_audio_device;
+
+/* How capture is doing. The levels are those of the last tenth of a second, in dB of full scale, not below -120. */
+typedef struct ovl_audio_stats {
+    double peak_db;    /* highest magnitude */
+    double rms_db;     /* root of the mean square */
+    double captured_s; /* seconds captured since the start */
+    double latency_s;  /* delay of the input as the sound system states it */
+    int32_t overflows; /* times that input was lost */
+    int32_t rate;      /* Hz, of the captured samples; 0 = not capturing */
+} ovl_audio_stats;
+
+/*
+ * Capture and playback: at most one of each at a time. Opaque.
+ *
+ * ovl_audio_last(), ovl_audio_input_stats() and the calls that ask about the output may come from any thread at any
+ * moment. Starting, stopping and destroying must not overlap another call for the same object, nor starting or stopping
+ * another one.
+ */
+typedef struct ova_state ovl_audio;
+
+/* 1: the library has been built with audio support. */
+OVL_API int32_t ovl_audio_available(void);
+
+/*
+ * Number of sound devices, 0 when there are none or the sound system cannot be initialised. The first call that needs
+ * the devices looks for them; the list then holds until the process ends.
+ */
+OVL_API int32_t ovl_audio_device_count(void);
+
+/* Describes device `index`, 0 to the count - 1. Returns 0, or -1 with info untouched when there is none. */
+OVL_API int32_t ovl_audio_device_info(int32_t index, ovl_audio_device *info);
+
+/* Makes an audio object that does nothing yet, or returns NULL when memory is short. */
+OVL_API ovl_audio *ovl_audio_create(void);
+
+/* Ends capture and playback and frees the object. NULL is allowed. */
+OVL_API void ovl_audio_destroy(ovl_audio *audio);
+
+/*
+ * Starts capture, ending one under way. Audio is kept as one channel at rate / D, with D = rate / 11025 rounded down
+ * (at least 1): 12000 Hz from 48000 Hz.
+ *
+ *   device    0 to the count - 1; -1 = the default input device; OVL_AUDIO_NONE
+ *   rate      sample rate of the device, Hz; 0 or less = its default; 8000 to 384000 with OVL_AUDIO_NONE
+ *   seconds   of audio kept, at least 1; 0 or less = 60
+ *
+ * Returns 0, or -1. Errors: "rate out of range (8000-384000 Hz)", "PortAudio initialization failed", "no such input
+ * device", "out of memory", "cannot open the input device: REASON".
+ */
+OVL_API int32_t ovl_audio_start_input(ovl_audio *audio, int32_t device, int32_t rate, double seconds);
+
+/* Ends capture; what was captured is gone. NULL is ignored. */
+OVL_API void ovl_audio_stop_input(ovl_audio *audio);
+
+/*
+ * Captures samples of the host, with OVL_AUDIO_NONE: `frames` times `channels` (1 to 16) interleaved samples, of which
+ * the mean over the channels is kept. Returns frames, or -1; while a sound card is captured the error is "push needs
+ * device OVL_AUDIO_NONE". One thread at a time.
+ */
+OVL_API int32_t ovl_audio_push(ovl_audio *audio, const float *samples, int32_t frames, int32_t channels);
+
+/*
+ * Copies the newest captured samples, at most n and at most what is kept, oldest first. Returns how many; 0 when not
+ * capturing.
+ */
+OVL_API int32_t ovl_audio_last(ovl_audio *audio, float *out, int32_t n);
+
+/* Tells how capture is doing. NULL is ignored. */
+OVL_API void ovl_audio_input_stats(const ovl_audio *audio, ovl_audio_stats *stats);
+
+/*
+ * Plays a prepared transmitter on a device with outputs (-1 = the default output device). The transmitter must not be
+ * started anew or destroyed before playback is stopped; stop, level and status are allowed.
+ *
+ *   start_time   when the first sample leaves the sound card, seconds since 1970-01-01 UTC; 0 or less = at once. When
+ *                the time has passed the transmission is late, not cut
+ *
+ * Returns 0, or -1. Errors: "no transmit sequence prepared", "PortAudio initialization failed", "no such output
+ * device", "cannot open the output device: REASON".
+ */
+OVL_API int32_t ovl_audio_start_output_at(ovl_audio *audio, int32_t device, ovl_transmitter *tx, double start_time);
+
+/* The same with start_time 0. */
+OVL_API int32_t ovl_audio_start_output(ovl_audio *audio, int32_t device, ovl_transmitter *tx);
+
+/* Delay of the output in seconds, as the sound system states it. 0 for NULL. */
+OVL_API double ovl_audio_output_latency(const ovl_audio *audio);
+
+/* When the first sample of the transmission left, or will leave, the sound card; 0 while that is not settled. */
+OVL_API double ovl_audio_output_started(const ovl_audio *audio);
+
+/* 1 while playback runs; 0 soon after the transmission has ended. */
+OVL_API int32_t ovl_audio_output_active(const ovl_audio *audio);
+
+/* Ends playback. For an end without a click stop the transmitter first and wait for it. NULL is ignored. */
+OVL_API void ovl_audio_stop_output(ovl_audio *audio);
+
+/*
+ * Message of the last ovl_audio_start_ call: "" after a success; or of a push that was refused since. "no audio" for
+ * NULL.
+ */
+OVL_API const char *ovl_audio_last_error(const ovl_audio *audio);
+
 /* ---- Library ----------------------------------------------------------------------------------------------- */
 
 /* Version of the interface that this header describes: 5. */

@@ -1,6 +1,6 @@
 # Shell functions of ./demo, ./test and .ci/run; to be sourced with the repository as working directory.
 
-BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libfftw3-dev libcli11-dev nlohmann-json3-dev)
+BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libfftw3-dev portaudio19-dev libcli11-dev nlohmann-json3-dev)
 TEST_PACKAGES=(libgtest-dev libsndfile1-dev sox ffmpeg libbenchmark-dev)
 CHECK_PACKAGES=(clang libclang-rt-dev clang-format clang-tidy cppcheck)
 

@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "orvel.h"
+#include "ovaudio.h"
 #include "ovcenc.h"
 #include "ovpipe.h"
 #include "ovtx.h"
@@ -274,4 +275,72 @@ void ovl_tx_status(const ovl_transmitter* tx, ovl_tx_progress* progress) {
 
 const char* ovl_tx_last_error(const ovl_transmitter* tx) {
     return ovtx_error(tx);
+}
+
+int32_t ovl_audio_available(void) {
+    return ova_available();
+}
+
+int32_t ovl_audio_device_count(void) {
+    return ova_device_count();
+}
+
+int32_t ovl_audio_device_info(int32_t index, ovl_audio_device* info) {
+    return ova_device_info(index, info);
+}
+
+ovl_audio* ovl_audio_create(void) {
+    return ova_create();
+}
+
+void ovl_audio_destroy(ovl_audio* audio) {
+    ova_destroy(audio);
+}
+
+int32_t ovl_audio_start_input(ovl_audio* audio, int32_t device, int32_t rate, double seconds) {
+    return ova_start_input(audio, device, rate, seconds);
+}
+
+void ovl_audio_stop_input(ovl_audio* audio) {
+    ova_stop_input(audio);
+}
+
+int32_t ovl_audio_push(ovl_audio* audio, const float* samples, int32_t frames, int32_t channels) {
+    return ova_push(audio, samples, frames, channels);
+}
+
+int32_t ovl_audio_last(ovl_audio* audio, float* out, int32_t n) {
+    return ova_last(audio, out, n);
+}
+
+void ovl_audio_input_stats(const ovl_audio* audio, ovl_audio_stats* stats) {
+    ova_input_stats(audio, stats);
+}
+
+int32_t ovl_audio_start_output_at(ovl_audio* audio, int32_t device, ovl_transmitter* tx, double start_time) {
+    return ova_start_output_at(audio, device, tx, start_time);
+}
+
+int32_t ovl_audio_start_output(ovl_audio* audio, int32_t device, ovl_transmitter* tx) {
+    return ova_start_output(audio, device, tx);
+}
+
+double ovl_audio_output_latency(const ovl_audio* audio) {
+    return ova_output_latency(audio);
+}
+
+double ovl_audio_output_started(const ovl_audio* audio) {
+    return ova_output_started(audio);
+}
+
+int32_t ovl_audio_output_active(const ovl_audio* audio) {
+    return ova_output_active(audio);
+}
+
+void ovl_audio_stop_output(ovl_audio* audio) {
+    ova_stop_output(audio);
+}
+
+const char* ovl_audio_last_error(const ovl_audio* audio) {
+    return ova_error(audio);
 }
