@@ -49,7 +49,7 @@ Scene make_scene(double seconds, const std::vector<ovc_known>& known) {
         station.chips.assign(std::begin(known[i].chips), std::end(known[i].chips));
         station.t_start = 5 + 20.0 * static_cast<double>(i);
         station.freq_hz = 1400 + 70.0 * static_cast<double>(i);
-        station.snr_db = -24.5;
+        station.snr_db = -22.0;
         scene.stations.push_back(station);
     }
     return scene;

@@ -1,5 +1,6 @@
 // The 119 signs of a frame are 17 Walsh words of 7 pairs each. The correlations of a group with its eight words are
-// shared by all known callsigns, so a callsign costs 17 look-ups and additions a cell instead of 119. Peaks are found
+// shared by all known callsigns, so a callsign costs 17 look-ups and additions a cell instead of 119. A few columns are
+// worked on at a time: the correlations that all callsigns choose from then fit the first-level cache. Peaks are found
 // while the map streams by: three rows of Z for each callsign are all that is kept.
 #include "ovcdeep.h"
 
@@ -19,7 +20,15 @@ constexpr double NO_METRIC = -1e300;
 constexpr double SAME_FRAMES = 0.5;   // hits of one callsign this close in time
 constexpr double SAME_CHIP_HZ = 3.0;  // and frequency (in 1/chip) are one
 
-// The word of each group of a frame; nothing when the signs are no code words.
+// Values of some neighbouring columns.
+constexpr std::size_t LANES = 16;
+using Lanes = std::array<float, LANES>;
+
+// Correlation of each group with each word, for some columns.
+constexpr std::size_t N_WORDS = OVC_WALSH.size();
+using WordTable = std::array<Lanes, OVC_GROUPS * N_WORDS>;
+
+// The places of a frame's words in a table; nothing when its signs are no code words.
 using Words = std::array<uint8_t, OVC_GROUPS>;
 std::optional<Words> words_of(const ovc_known& known) {
     Words words;
@@ -32,28 +41,17 @@ std::optional<Words> words_of(const ovc_known& known) {
         };
         const auto found = std::find_if(OVC_WALSH.begin(), OVC_WALSH.end(), fits);
         if (found == OVC_WALSH.end()) return std::nullopt;
-        words[g] = static_cast<uint8_t>(found - OVC_WALSH.begin());
+        words[g] = static_cast<uint8_t>(g * N_WORDS + static_cast<std::size_t>(found - OVC_WALSH.begin()));
     }
     return words;
 }
 
-// Scaled sum of 17 rows, some columns at a time: their sums stay in registers.
-using WordRows = std::array<const float*, OVC_GROUPS>;
-void sum_words(const WordRows& rows, std::span<const float> scale, float* z) {
-    constexpr std::size_t WIDTH = 16;
-    std::size_t c = 0;
-    for (; c + WIDTH <= scale.size(); c += WIDTH) {
-        std::array<float, WIDTH> sums{};
-        for (const float* row : rows) {
-            for (std::size_t k = 0; k < WIDTH; k++) sums[k] += row[c + k];
-        }
-        for (std::size_t k = 0; k < WIDTH; k++) z[c + k] = sums[k] * scale[c + k];
+Lanes sum_words(const WordTable& table, const Words& words) {
+    Lanes sums{};
+    for (const uint8_t word : words) {
+        for (std::size_t k = 0; k < LANES; k++) sums[k] += table[word][k];
     }
-    for (; c < scale.size(); c++) {
-        float sum = 0;
-        for (const float* row : rows) sum += row[c];
-        z[c] = sum * scale[c];
-    }
+    return sums;
 }
 
 int32_t cmp_hit(const ovc_deep_hit& a, const ovc_deep_hit& b) {
@@ -78,6 +76,7 @@ class DeepSearch {
           threshold_(threshold),
           groups_(map, grid, ov_group_rows::Squares::YES),
           z_(known.size() * N_KEPT * grid.n_columns, std::numeric_limits<float>::quiet_NaN()),
+          highest_(known.size() * N_KEPT),
           squares_(grid.n_columns),
           scale_(grid.n_columns),
           difference_(grid.n_columns) {
@@ -97,51 +96,82 @@ class DeepSearch {
   private:
     static constexpr int64_t N_KEPT = 3;
 
-    // Row i (from the grid's first) of a callsign.
-    float* row(std::size_t entry, int64_t i) {
-        return z_.data() + (entry * N_KEPT + static_cast<std::size_t>(i % N_KEPT)) * grid_.n_columns;
+    std::size_t slot(std::size_t entry, int64_t i) const {
+        return entry * N_KEPT + static_cast<std::size_t>(i % N_KEPT);
     }
+
+    // Row i (from the grid's first) of a callsign, and the highest Z in it.
+    float* row(std::size_t entry, int64_t i) { return z_.data() + slot(entry, i) * grid_.n_columns; }
+    float& highest(std::size_t entry, int64_t i) { return highest_[slot(entry, i)]; }
 
     void form_row(int64_t i) {
         const int64_t t = grid_.first_row + i;
-        const std::size_t n = grid_.n_columns;
         groups_.advance(t);
+        form_scale(t);
+        for (std::size_t entry = 0; entry < known_.size(); entry++) {
+            highest(entry, i) = 0;
+            if (!words_[entry]) sum_pairs(entry, i);
+        }
+        for (std::size_t first = 0; first < grid_.n_columns; first += LANES) sum_columns(i, first);
+    }
+
+    void form_scale(int64_t t) {
         std::fill(squares_.begin(), squares_.end(), 0.0);
         for (int32_t g = 0; g < OVC_GROUPS; g++) {
             const double* const squares = groups_.squares(t, g);
-            for (std::size_t c = 0; c < n; c++) squares_[c] += squares[c];
+            for (std::size_t c = 0; c < squares_.size(); c++) squares_[c] += squares[c];
         }
         std::transform(squares_.begin(), squares_.end(), scale_.begin(),
                        [](double squares) { return squares > 0 ? static_cast<float>(1 / std::sqrt(squares)) : 0; });
+    }
+
+    // Z of row i for all callsigns of code words, in the columns from `first` on that a table holds.
+    void sum_columns(int64_t i, std::size_t first) {
+        const std::size_t width = std::min(LANES, grid_.n_columns - first);
+        WordTable table;
+        for (std::size_t g = 0; g < OVC_GROUPS; g++) {
+            for (std::size_t w = 0; w < N_WORDS; w++) {
+                const float* const source =
+                    groups_.word(grid_.first_row + i, static_cast<int32_t>(g), static_cast<int32_t>(w)) + first;
+                Lanes& lanes = table[g * N_WORDS + w];
+                std::fill(std::copy_n(source, width, lanes.begin()), lanes.end(), 0.0f);
+            }
+        }
+        Lanes scale{};
+        std::copy_n(scale_.begin() + static_cast<std::ptrdiff_t>(first), width, scale.begin());
 
         for (std::size_t entry = 0; entry < known_.size(); entry++) {
-            if (words_[entry]) {
-                WordRows rows;
-                for (std::size_t g = 0; g < OVC_GROUPS; g++) {
-                    rows[g] = groups_.word(t, static_cast<int32_t>(g), (*words_[entry])[g]);
-                }
-                sum_words(rows, scale_, row(entry, i));
-            } else {
-                sum_pairs(known_[entry], t, row(entry, i));
-            }
+            if (!words_[entry]) continue;
+            Lanes z = sum_words(table, *words_[entry]);
+            for (std::size_t k = 0; k < LANES; k++) z[k] *= scale[k];
+            std::copy_n(z.begin(), width, row(entry, i) + first);
+            note_highest(z, highest(entry, i));
         }
     }
 
-    // Pair by pair, for signs that are no code words.
-    void sum_pairs(const ovc_known& entry, int64_t t, float* z) {
+    // Z of row i, pair by pair, for signs that are no code words.
+    void sum_pairs(std::size_t entry, int64_t i) {
+        float* const z = row(entry, i);
         std::fill_n(z, grid_.n_columns, 0.0f);
         for (int64_t k = 0; k < OVC_PAIRS; k++) {
-            ov_pair_difference(map_, grid_, t + (2 * k + 1) * map_.steps_per_chip, difference_.data());
-            const auto sign = static_cast<float>(entry.signs[k]);
+            ov_pair_difference(map_, grid_, grid_.first_row + i + (2 * k + 1) * map_.steps_per_chip,
+                               difference_.data());
+            const auto sign = static_cast<float>(known_[entry].signs[k]);
             for (std::size_t c = 0; c < grid_.n_columns; c++) z[c] += sign * difference_[c];
         }
         for (std::size_t c = 0; c < grid_.n_columns; c++) z[c] *= scale_[c];
+        note_highest(std::span(z, grid_.n_columns), highest(entry, i));
+    }
+
+    static void note_highest(std::span<const float> z, float& highest) {
+        for (const float value : z) highest = value > highest ? value : highest;
     }
 
     // Cells of row i that reach the threshold and are not below a neighbour. Row i + 1 has been formed, if there is
     // one.
     void find_peaks(int64_t i) {
         for (std::size_t entry = 0; entry < known_.size(); entry++) {
+            if (!(highest(entry, i) >= threshold_)) continue;
             const float* const z = row(entry, i);
             for (std::size_t c = 0; c < grid_.n_columns; c++) {
                 if (z[c] >= threshold_ && is_peak(entry, i, c)) add_hit(entry, i, c, z[c]);
@@ -178,6 +208,7 @@ class DeepSearch {
     ov_group_rows groups_;
     std::vector<std::optional<Words>> words_;
     std::vector<float> z_;
+    std::vector<float> highest_;
     std::vector<double> squares_;  // Σ d² of the row in work
     std::vector<float> scale_;     // and 1/sqrt of it
     std::vector<float> difference_;
