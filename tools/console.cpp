@@ -1,5 +1,7 @@
 #include "console.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -82,4 +84,21 @@ std::vector<std::string> split_list(std::string_view text) {
         begin = text.find_first_not_of(SEPARATORS, end);
     }
     return parts;
+}
+
+StatusLine::StatusLine() : terminal_(isatty(STDERR_FILENO) != 0) {}
+
+StatusLine::~StatusLine() {
+    clear();
+}
+
+void StatusLine::show(const std::string& text) {
+    if (!terminal_) return;
+    std::fprintf(stderr, "\r%s\033[K", text.c_str());
+    shown_ = true;
+}
+
+void StatusLine::clear() {
+    if (shown_) std::fputs("\r\033[K", stderr);
+    shown_ = false;
 }

@@ -31,3 +31,19 @@ CLI::Validator width();
 
 // The parts of a list between commas and blanks; empty parts are dropped.
 std::vector<std::string> split_list(std::string_view text);
+
+// Standard error's last line, rewritten in place; nothing where that is no terminal.
+class StatusLine {
+  public:
+    StatusLine();
+    StatusLine(const StatusLine&) = delete;
+    StatusLine& operator=(const StatusLine&) = delete;
+    ~StatusLine();
+
+    void show(const std::string& text);
+    void clear();  // before other output
+
+  private:
+    bool terminal_;
+    bool shown_ = false;
+};

@@ -4,12 +4,12 @@
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "console.h"
+#include "json.h"
 #include "liborvel.h"
 #include "protocols.h"
 
@@ -93,7 +93,7 @@ int encode(const Options& options) {
         object["locator"] = options.locator;
         object["chip_seconds"] = ovl_chip_seconds();
         object["chips"] = chip_text(chips);
-        print(object.dump() + "\n");
+        print(json_line(object));
     } else if (options.draw) {
         draw_frame(proto, options, chips);
     } else {

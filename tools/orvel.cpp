@@ -7,8 +7,12 @@
 
 #include "console.h"
 #include "decode.h"
+#include "devices.h"
 #include "encode.h"
 #include "liborvel.h"
+#include "listen.h"
+#include "render.h"
+#include "send.h"
 
 namespace {
 
@@ -19,6 +23,10 @@ int run_command(int argc, char** argv) {
     app.require_subcommand(1);
     add_decode(app, status);
     add_encode(app, status);
+    add_render(app, status);
+    add_devices(app, status);
+    add_send(app, status);
+    add_listen(app, status);
 
     if (argc < 2) {
         std::fputs(app.help().c_str(), stderr);

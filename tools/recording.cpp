@@ -1,7 +1,5 @@
 #include "recording.h"
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -9,57 +7,10 @@
 #include <string_view>
 #include <vector>
 
+#include "captured_stderr.h"
 #include "console.h"
 
 namespace {
-
-// Standard error of the process, kept in a file for the life of the object. The readers print their messages
-// themselves, some of them without the name of the file.
-class CapturedStderr {
-  public:
-    CapturedStderr() : file_(std::tmpfile()) {
-        std::fflush(stderr);
-        saved_ = dup(STDERR_FILENO);
-        if (file_ && saved_ >= 0) dup2(fileno(file_), STDERR_FILENO);
-    }
-    CapturedStderr(const CapturedStderr&) = delete;
-    CapturedStderr& operator=(const CapturedStderr&) = delete;
-    ~CapturedStderr() {
-        restore();
-        if (file_) std::fclose(file_);
-    }
-
-    // Gives standard error back and returns the lines that went into the file.
-    std::vector<std::string> lines() {
-        restore();
-        std::vector<std::string> lines;
-        if (!file_) return lines;
-        std::rewind(file_);
-        std::string line;
-        for (int c = std::fgetc(file_); c != EOF; c = std::fgetc(file_)) {
-            if (c != '\n') {
-                line += static_cast<char>(c);
-                continue;
-            }
-            lines.push_back(line);
-            line.clear();
-        }
-        if (!line.empty()) lines.push_back(line);
-        return lines;
-    }
-
-  private:
-    void restore() {
-        if (saved_ < 0) return;
-        std::fflush(stderr);
-        dup2(saved_, STDERR_FILENO);
-        close(saved_);
-        saved_ = -1;
-    }
-
-    std::FILE* file_;
-    int saved_ = -1;
-};
 
 // Why the file cannot be opened, or an empty text when it can.
 std::string open_problem(const std::string& path) {

@@ -1,0 +1,456 @@
+// Audio from either source goes through the library's capture ring; every few seconds the ring's newest minute is
+// decoded for frames that have just ended.
+#include "listen.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "audio.h"
+#include "console.h"
+#include "json.h"
+#include "patience.h"
+#include "search.h"
+#include "spotlog.h"
+#include "spots.h"
+#include "utc.h"
+
+namespace {
+
+constexpr double BLOCK_S = 60;     // decoded at a time; the longest frame is 41 s
+constexpr double SHORTEST_S = 20;  // less cannot hold enough of a frame
+constexpr double POLL_S = 0.05;
+constexpr double STALL_S = 5;        // without a captured sample: the device stands still
+constexpr double RETRY_S = 5;        // between attempts to open it again
+constexpr double CLOSE_S = 3;        // time that a device gets to close
+constexpr double COMPLAIN_S = 60;    // between reports of lost input
+constexpr double READ_S = 0.25;      // of standard input at a time
+constexpr double CLOCK_LEAK = 2e-4;  // the most that a sound card's clock is wrong
+constexpr double CLOCK_JUMP_S = 1;   // more than buffers explain: samples were lost
+constexpr int32_t MAX_CHANNELS = 16;
+constexpr int32_t MIN_RATE = 8000;
+constexpr int32_t MAX_RATE = 384000;
+constexpr int MAX_RESULTS = 64;
+
+// The command line, as typed.
+struct Options {
+    SearchOptions search;
+    std::string device;
+    int32_t rate = 0;
+    bool from_stdin = false;
+    std::string sample_format = "s16";
+    int32_t channels = 1;
+    std::string start;
+    double every_s = 4;
+    bool json = false;
+};
+
+struct DestroyDecoder {
+    void operator()(ovl_decoder* decoder) const noexcept { ovl_destroy(decoder); }
+};
+using DecoderPtr = std::unique_ptr<ovl_decoder, DestroyDecoder>;
+
+ov_spot to_spot(const ovl_result& result, double block_utc) {
+    ov_spot spot{};
+    std::copy(std::begin(result.call), std::end(result.call), spot.call);
+    std::copy(std::begin(result.locator), std::end(result.locator), spot.locator);
+    spot.protocol = result.protocol;
+    spot.deep = result.deep;
+    spot.t = block_utc + result.t_start;
+    spot.freq = result.freq_hz;
+    spot.snr = result.snr_db;
+    spot.drift = result.drift_hz_s;
+    return spot;
+}
+
+// Tells when captured samples were on the air. Buffers arrive late by more or less; the one that came soonest is right.
+class SampleClock {
+  public:
+    // captured_s of audio have arrived by now.
+    void observe(double captured_s, double now) {
+        const double begin = now - captured_s;
+        const bool credible = std::fabs(begin - begin_) <= CLOCK_JUMP_S;
+        begin_ = credible ? std::min(begin, begin_ + CLOCK_LEAK * (now - observed_)) : begin;
+        observed_ = now;
+    }
+    double utc(double captured_s) const { return begin_ + captured_s; }
+
+  private:
+    double begin_ = HUGE_VAL;  // UTC of the first sample
+    double observed_ = 0;
+};
+
+// Decodes the ring again and again and prints the spots.
+class Listener {
+  public:
+    Listener(const Options& options, ovl_audio* audio) : options_(options), audio_(audio), decoder_(ovl_create()) {
+        if (!decoder_) throw std::bad_alloc();
+        ovl_settings_default(&settings_);
+        settings_.protocols = protocol_mask(options.search);
+        settings_.center_hz = options.search.center_hz.value_or(settings_.center_hz);
+        settings_.search_hz = options.search.search_hz;
+        settings_.spread_hz = options.search.spread_hz;
+        settings_.known_only = options.search.known_only ? 1 : 0;
+        std::string list;
+        for (const ovc_known& known : known_callsigns(options.search)) list += std::string(known.display) + " ";
+        ovl_set_known(decoder_.get(), list.c_str());
+        if (!options.json) print(spot_header(format("%22s", "UTC")));
+    }
+
+    // Looks at the ring if it is time. newest_utc: when its last sample was on the air.
+    void look(const ovl_audio_stats& stats, double newest_utc) {
+        if (stats.captured_s < next_look_s_) return;
+        next_look_s_ = stats.captured_s + options_.every_s;
+        look_now(stats, newest_utc, false);
+        log_.release(newest_utc - options_.every_s, [this](const ov_spot& spot) { print_spot(spot); });
+    }
+
+    // The same at the end of the audio: frames may hang over it.
+    void finish(const ovl_audio_stats& stats, double newest_utc) {
+        look_now(stats, newest_utc, true);
+        log_.release(HUGE_VAL, [this](const ov_spot& spot) { print_spot(spot); });
+    }
+
+    // Capture has begun anew.
+    void restart() { next_look_s_ = SHORTEST_S; }
+
+    int64_t printed() const { return printed_; }
+    StatusLine& line() { return line_; }
+
+  private:
+    void look_now(const ovl_audio_stats& stats, double newest_utc, bool last) {
+        block_.resize(static_cast<std::size_t>(BLOCK_S * stats.rate));
+        const int32_t n = ovl_audio_last(audio_, block_.data(), static_cast<int32_t>(block_.size()));
+        const double seconds = static_cast<double>(n) / std::max(stats.rate, 1);
+        if (seconds < SHORTEST_S) return;
+
+        std::array<ovl_result, MAX_RESULTS> results;
+        const double recent_s = 2 * options_.every_s;
+        int32_t count = 0;
+        if (last) {
+            ovl_settings settings = settings_;
+            settings.end_min = seconds - recent_s;
+            count = ovl_decode(decoder_.get(), block_.data(), n, stats.rate, &settings, results.data(), MAX_RESULTS);
+        } else {
+            count = ovl_decode_recent(decoder_.get(), block_.data(), n, stats.rate, &settings_, recent_s,
+                                      results.data(), MAX_RESULTS);
+        }
+        if (count < 0) {
+            complain(ovl_last_error(decoder_.get()));
+            return;
+        }
+        complaint_.clear();
+        std::vector<ov_spot> spots;
+        std::transform(results.begin(), results.begin() + count, std::back_inserter(spots),
+                       [&](const ovl_result& result) { return to_spot(result, newest_utc - seconds); });
+        log_.add(spots);
+    }
+
+    // Says once what is wrong until it is right again.
+    void complain(const std::string& text) {
+        if (text == complaint_) return;
+        complaint_ = text;
+        line_.clear();
+        print_error(text);
+    }
+
+    void print_spot(const ov_spot& spot) {
+        line_.clear();
+        if (options_.json) {
+            nlohmann::ordered_json object;
+            object["utc_start"] = utc_text(spot.t, 2);
+            object["utc_end"] = utc_text(spot_end(spot), 2);
+            add_spot(object, spot);
+            print(json_line(object));
+        } else {
+            print(spot_row(utc_text(spot.t, 1), spot));
+        }
+        flush_output();
+        printed_++;
+    }
+
+    const Options& options_;
+    ovl_audio* audio_;
+    DecoderPtr decoder_;
+    ovl_settings settings_{};
+    std::vector<float> block_;
+    SpotLog log_;
+    StatusLine line_;
+    std::string complaint_;
+    double next_look_s_ = SHORTEST_S;
+    int64_t printed_ = 0;
+};
+
+void show_level(Listener& listener, const ovl_audio_stats& stats, double now) {
+    listener.line().show(format("%s  level %.1f dB, peak %.1f dB, %lld spots", utc_text(now, 0).c_str(), stats.rms_db,
+                                stats.peak_db, static_cast<long long>(listener.printed())));
+}
+
+// ---- From a sound device --------------------------------------------------------------------------------------------
+
+// Capture from a device. A device that stands still, as some do for good while they call themselves active, is closed
+// and opened again, by a thread of its own: either call may hang.
+class Capture {
+  public:
+    Capture(ovl_audio* audio, int32_t device, int32_t rate) : audio_(audio), device_(device), rate_(rate) {}
+
+    bool open() { return ovl_audio_start_input(audio_, device_, rate_, BLOCK_S + 1) == 0; }
+
+    // How capture is doing; nothing while the device is being opened again. `restarted` turns true when it has been.
+    std::optional<ovl_audio_stats> stats(StatusLine& line, bool& restarted) {
+        const double now = utc_now();
+        if (reopening_) {
+            if (!reopening_->done()) return std::nullopt;
+            if (!*opened_) {
+                if (now < retry_at_) return std::nullopt;
+                reopen(now);
+                return std::nullopt;
+            }
+            reopening_.reset();
+            restarted = true;
+            progress_at_ = now;
+            seen_s_ = 0;
+            line.clear();
+            print_error("audio again");
+        }
+        ovl_audio_stats stats;
+        ovl_audio_input_stats(audio_, &stats);
+        if (stats.captured_s != seen_s_ || progress_at_ == 0) {
+            seen_s_ = stats.captured_s;
+            progress_at_ = now;
+        }
+        if (now - progress_at_ > STALL_S) {
+            line.clear();
+            print_error(format("no audio for %.0f s, opening the device again", STALL_S));
+            reopen(now);
+            return std::nullopt;
+        }
+        return stats;
+    }
+
+    // Ends capture; the process when even that hangs.
+    void close() {
+        if (!reopening_) reopening_ = Background([audio = audio_] { ovl_audio_stop_input(audio); });
+        if (reopening_->wait(CLOSE_S)) return;
+        print_error("the input device does not close");
+        flush_output();
+        std::_Exit(EXIT_FAILED);
+    }
+
+  private:
+    void reopen(double now) {
+        retry_at_ = now + RETRY_S;
+        opened_ = std::make_shared<std::atomic<bool>>(false);
+        reopening_ = Background([audio = audio_, device = device_, rate = rate_, opened = opened_] {
+            *opened = ovl_audio_start_input(audio, device, rate, BLOCK_S + 1) == 0;
+        });
+    }
+
+    ovl_audio* audio_;
+    int32_t device_;
+    int32_t rate_;
+    double seen_s_ = 0;
+    double progress_at_ = 0;
+    double retry_at_ = 0;
+    std::optional<Background> reopening_;
+    std::shared_ptr<std::atomic<bool>> opened_;
+};
+
+// Reports lost input, now and then.
+class OverflowReport {
+  public:
+    void see(const ovl_audio_stats& stats, double now, StatusLine& line) {
+        if (stats.overflows < reported_) reported_ = 0;  // capture has begun anew
+        if (stats.overflows == reported_ || now - reported_at_ < COMPLAIN_S) return;
+        line.clear();
+        print_error(format("input was lost (%d times more)", stats.overflows - reported_));
+        reported_ = stats.overflows;
+        reported_at_ = now;
+    }
+
+  private:
+    int32_t reported_ = 0;
+    double reported_at_ = 0;
+};
+
+// Seconds captured and the newest sample must belong together: asked for until no buffer came between.
+int listen_to_device(const Options& options, ovl_audio* audio) {
+    const int32_t device = find_device(options.device, Direction::INPUT);
+    Listener listener(options, audio);
+    Capture capture(audio, device, options.rate);
+    if (!capture.open()) {
+        print_error(ovl_audio_last_error(audio));
+        return EXIT_FAILED;
+    }
+    SampleClock clock;
+    OverflowReport overflows;
+    while (!interrupted()) {
+        nap(POLL_S);
+        bool restarted = false;
+        const auto stats = capture.stats(listener.line(), restarted);
+        if (restarted) {
+            clock = {};
+            listener.restart();
+        }
+        if (!stats) continue;
+        const double now = utc_now();
+        clock.observe(stats->captured_s, now);
+        listener.look(*stats, clock.utc(stats->captured_s));
+        overflows.see(*stats, now, listener.line());
+        show_level(listener, *stats, now);
+        if (!flush_output()) break;
+    }
+    capture.close();
+    return flush_output() ? EXIT_DONE : EXIT_FAILED;
+}
+
+// ---- From standard input --------------------------------------------------------------------------------------------
+
+// Samples of standard input, as they come.
+class RawInput {
+  public:
+    explicit RawInput(const Options& options)
+        : is_float_(options.sample_format == "float"),
+          frame_bytes_((is_float_ ? sizeof(float) : sizeof(int16_t)) * static_cast<std::size_t>(options.channels)),
+          bytes_(frame_bytes_ * static_cast<std::size_t>(READ_S * options.rate)) {}
+
+    // Waits for samples. False at the end of the input, after an interrupt, or when it cannot be read.
+    bool read(std::vector<float>& samples) {
+        samples.clear();
+        while (samples.empty() && !interrupted()) {
+            pollfd ready{STDIN_FILENO, POLLIN, 0};
+            if (poll(&ready, 1, 100) == 0) continue;
+            const ssize_t got = ::read(STDIN_FILENO, bytes_.data() + held_, bytes_.size() - held_);
+            if (got < 0 && errno == EINTR) continue;
+            if (got < 0) {
+                print_error(std::string("cannot read standard input: ") + std::strerror(errno));
+                failed_ = true;
+            }
+            if (got <= 0) return false;
+            held_ += static_cast<std::size_t>(got);
+            convert(samples);
+        }
+        return !samples.empty();
+    }
+    bool failed() const { return failed_; }
+
+  private:
+    // Takes the whole frames that are held; what is not a number becomes silence.
+    void convert(std::vector<float>& samples) {
+        const std::size_t used = held_ - held_ % frame_bytes_;
+        for (std::size_t at = 0; at < used; at += is_float_ ? sizeof(float) : sizeof(int16_t)) {
+            float value = 0;
+            if (is_float_) {
+                value = std::bit_cast<float>(little_endian<uint32_t>(at));
+            } else {
+                value = static_cast<float>(static_cast<int16_t>(little_endian<uint16_t>(at))) / 32768.0f;
+            }
+            samples.push_back(std::isfinite(value) ? value : 0.0f);
+        }
+        std::copy(bytes_.begin() + static_cast<std::ptrdiff_t>(used),
+                  bytes_.begin() + static_cast<std::ptrdiff_t>(held_), bytes_.begin());
+        held_ -= used;
+    }
+
+    template <class Integer>
+    Integer little_endian(std::size_t at) const {
+        Integer value = 0;
+        for (std::size_t i = sizeof(Integer); i-- > 0;) value = static_cast<Integer>((value << 8) | bytes_[at + i]);
+        return value;
+    }
+
+    bool is_float_;
+    std::size_t frame_bytes_;
+    std::vector<uint8_t> bytes_;
+    std::size_t held_ = 0;
+    bool failed_ = false;
+};
+
+int listen_to_stdin(const Options& options, ovl_audio* audio) {
+    std::optional<double> start;
+    if (!options.start.empty()) {
+        start = parse_utc(options.start, utc_now());
+        if (!start) throw CLI::ValidationError("--start: '" + options.start + "' is no UTC time");
+    }
+    Listener listener(options, audio);
+    if (ovl_audio_start_input(audio, OVL_AUDIO_NONE, options.rate, BLOCK_S + 1) != 0) {
+        print_error(ovl_audio_last_error(audio));
+        return EXIT_FAILED;
+    }
+    RawInput input(options);
+    SampleClock clock;
+    ovl_audio_stats stats{};
+    const auto newest_utc = [&] { return start ? *start + stats.captured_s : clock.utc(stats.captured_s); };
+    std::vector<float> samples;
+    while (input.read(samples)) {
+        ovl_audio_push(audio, samples.data(), static_cast<int32_t>(samples.size()) / options.channels,
+                       options.channels);
+        ovl_audio_input_stats(audio, &stats);
+        const double now = utc_now();
+        clock.observe(stats.captured_s, now);
+        listener.look(stats, newest_utc());
+        show_level(listener, stats, start ? newest_utc() : now);
+        if (!flush_output()) return EXIT_FAILED;
+    }
+    listener.finish(stats, newest_utc());
+    return flush_output() && !input.failed() ? EXIT_DONE : EXIT_FAILED;
+}
+
+int listen(Options& options) {
+    if (options.sample_format != "s16" && options.sample_format != "float") {
+        throw CLI::ValidationError("--format: '" + options.sample_format + "' is not one of s16, float");
+    }
+    if (options.from_stdin && options.rate == 0) options.rate = 48000;
+    if (options.rate != 0 && (options.rate < MIN_RATE || options.rate > MAX_RATE)) {
+        throw CLI::ValidationError("--rate: 8000 to 384000 Hz");
+    }
+    const AudioObject audio = make_audio();
+    watch_interrupts();
+    return options.from_stdin ? listen_to_stdin(options, audio.get()) : listen_to_device(options, audio.get());
+}
+
+}  // namespace
+
+void add_listen(CLI::App& app, int& status) {
+    CLI::App* sub = app.add_subcommand("listen", "Decode beacons as they come, from a sound device or standard input");
+    const auto options = std::make_shared<Options>();
+    CLI::Option* device =
+        sub->add_option("--device", options->device, "Number of the device or a part of its name [the default input]")
+            ->type_name("DEVICE");
+    sub->add_option("--rate", options->rate, "Sample rate [the device's; of standard input 48000]")->type_name("HZ");
+    CLI::Option* raw =
+        sub->add_flag("--stdin", options->from_stdin, "Take raw little-endian samples from standard input")
+            ->excludes(device);
+    sub->add_option("--format", options->sample_format, "Samples of standard input: s16 (16-bit) or float [s16]")
+        ->type_name("FORMAT")
+        ->needs(raw);
+    sub->add_option("--channels", options->channels, "Channels of standard input, of which the mean is taken [1]")
+        ->type_name("N")
+        ->check(CLI::Range(1, MAX_CHANNELS))
+        ->needs(raw);
+    sub->add_option(
+           "--start", options->start,
+           "UTC time of the first sample of standard input: 12:00[:00] or 2026-03-01T12:00[:00]Z [as it comes]")
+        ->type_name("TIME")
+        ->needs(raw);
+    sub->add_option("--every", options->every_s,
+                    "Decode so often; a spot comes one to two such lengths after its frame [4]")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1.0, 15.0));
+    add_search_options(*sub, options->search, "1500");
+    sub->add_flag("--json", options->json, "Print one JSON object a line");
+    sub->footer("Runs until Ctrl-C or the end of standard input. Times are UTC.");
+    sub->callback([options, &status] { status = listen(*options); });
+}

@@ -1,0 +1,56 @@
+#include "patience.h"
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <thread>
+#include <utility>
+
+namespace {
+
+constexpr double TICK_S = 0.02;
+
+volatile std::sig_atomic_t interrupt_flag = 0;
+
+extern "C" void note_interrupt(int signal) {
+    interrupt_flag = 1;
+    std::signal(signal, SIG_DFL);
+}
+
+double steady_now() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+}  // namespace
+
+void watch_interrupts() {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) std::signal(signal, note_interrupt);
+}
+
+bool interrupted() {
+    return interrupt_flag != 0;
+}
+
+void sleep_seconds(double seconds) {
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+}
+
+void nap(double seconds) {
+    const double end = steady_now() + seconds;
+    for (double left = seconds; left > 0 && !interrupted(); left = end - steady_now()) {
+        sleep_seconds(std::min(left, TICK_S));
+    }
+}
+
+Background::Background(std::function<void()> call) : done_(std::make_shared<std::atomic<bool>>(false)) {
+    std::thread([done = done_, call = std::move(call)] {
+        call();
+        *done = true;
+    }).detach();
+}
+
+bool Background::wait(double seconds) const {
+    const double end = steady_now() + seconds;
+    while (!done() && steady_now() < end) sleep_seconds(TICK_S);
+    return done();
+}

@@ -1,0 +1,203 @@
+#include "send.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "audio.h"
+#include "console.h"
+#include "patience.h"
+#include "steps.h"
+#include "utc.h"
+
+namespace {
+
+constexpr double OPEN_AHEAD_S = 2;     // the device is opened this long before the start
+constexpr double LEAST_AHEAD_S = 0.5;  // a slot nearer than this is left to the next
+constexpr double POLL_S = 0.1;
+constexpr double STALL_S = 5;  // without a sample rendered: the device stands still
+constexpr double CLOSE_S = 3;  // time that a device gets to close
+
+// The command line, as typed.
+struct Options {
+    StepOptions steps;
+    std::string device;
+    std::string at;
+    std::string every;
+    std::string offset;
+    int32_t times = 0;
+};
+
+// When to send: once, or in slots.
+struct Schedule {
+    double start = 0;                // of the first transmission, UTC; 0 = at once
+    std::optional<double> period_s;  // between slots
+    double offset_s = 0;
+    int32_t times = 1;  // 0 = without end
+};
+
+Schedule make_schedule(const Options& options, double total_s) {
+    Schedule schedule;
+    if (!options.at.empty()) {
+        const auto start = parse_utc(options.at, utc_now());
+        if (!start)
+            throw CLI::ValidationError("--at: '" + options.at +
+                                       "' is no UTC time like 12:00:00 or 2026-03-01T12:00:00Z");
+        if (*start < utc_now()) throw CLI::ValidationError("--at: " + utc_text(*start, 0) + " has passed");
+        schedule.start = *start;
+    }
+    if (options.every.empty()) return schedule;
+
+    schedule.period_s = parse_duration(options.every);
+    if (!schedule.period_s)
+        throw CLI::ValidationError("--every: '" + options.every + "' is no length like 600, 10m or 1h");
+    if (*schedule.period_s < total_s + LEAST_AHEAD_S) {
+        throw CLI::ValidationError(format("--every: the transmission takes %.1f s", total_s));
+    }
+    if (!options.offset.empty()) {
+        const auto offset = parse_duration(options.offset);
+        if (!offset) throw CLI::ValidationError("--offset: '" + options.offset + "' is no length like 30 or 1m");
+        schedule.offset_s = *offset;
+    }
+    schedule.times = options.times;
+    schedule.start = next_slot(utc_now() + LEAST_AHEAD_S, *schedule.period_s, schedule.offset_s);
+    return schedule;
+}
+
+// ---- The line that tells how it goes --------------------------------------------------------------------------------
+
+std::string step_text(const StepOptions& options, const ovl_tx_progress& progress) {
+    if (progress.step < 0) return "";
+    std::string text = options.steps[static_cast<std::size_t>(progress.step)];
+    if (progress.chip >= 0) text += format("  chip %d of %d", progress.chip + 1, progress.chips);
+    return text;
+}
+
+// ---- Sending --------------------------------------------------------------------------------------------------------
+
+enum class Outcome { SENT, STOPPED, FAILED };
+
+// Follows a transmission to its end, which Ctrl-C brings about with a soft ramp.
+Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const StepOptions& options, double start) {
+    StatusLine line;
+    ovl_tx_progress progress{};
+    double moved_at = std::max(utc_now(), start);
+    double elapsed_s = 0;
+    bool stopping = false;
+    while (ovl_audio_output_active(audio) != 0) {
+        if (interrupted() && !stopping) {
+            stopping = true;
+            if (ovl_audio_output_started(audio) == 0) return Outcome::STOPPED;
+            ovl_tx_stop(tx);
+        }
+        ovl_tx_status(tx, &progress);
+        const double now = utc_now();
+        if (progress.elapsed_s != elapsed_s || progress.done != 0) moved_at = std::max(now, moved_at);
+        elapsed_s = progress.elapsed_s;
+        if (now - moved_at > STALL_S) {
+            print_error("the output device stands still");
+            return Outcome::FAILED;
+        }
+        if (ovl_audio_output_started(audio) == 0) {
+            line.show(format("waiting for %s", utc_text(start, 0).c_str()));
+        } else {
+            line.show(format("%s  %.1f s of %.1f s", stopping ? "stopping" : step_text(options, progress).c_str(),
+                             progress.elapsed_s, progress.total_s));
+        }
+        if (stopping) {
+            sleep_seconds(POLL_S);
+        } else {
+            nap(POLL_S);
+        }
+    }
+    ovl_tx_status(tx, &progress);
+    if (progress.done == 0) {
+        print_error("the output device has gone");
+        return Outcome::FAILED;
+    }
+    return stopping ? Outcome::STOPPED : Outcome::SENT;
+}
+
+// Sends once; start 0 = at once.
+Outcome send_once(ovl_audio* audio, ovl_transmitter* tx, int32_t device, const StepOptions& options, double start) {
+    if (start > 0) {
+        StatusLine line;
+        line.show(format("waiting for %s", utc_text(start, 0).c_str()));
+        while (!interrupted() && utc_now() < start - OPEN_AHEAD_S) {
+            nap(std::min(start - OPEN_AHEAD_S - utc_now(), 1.0));  // in small steps: the wall clock may be set
+        }
+        if (interrupted()) return Outcome::STOPPED;
+    }
+    start_transmitter(tx, options);
+    if (ovl_audio_start_output_at(audio, device, tx, start) != 0) {
+        print_error(ovl_audio_last_error(audio));
+        return Outcome::FAILED;
+    }
+    const Outcome outcome = follow(audio, tx, options, start);
+    const double started = ovl_audio_output_started(audio);
+    const Background closing([audio] { ovl_audio_stop_output(audio); });
+    if (!closing.wait(CLOSE_S)) {
+        print_error("the output device does not close");
+        flush_output();
+        std::_Exit(EXIT_FAILED);
+    }
+    if (started > 0) {
+        print(format("%s  %s\n", utc_text(started, 3).c_str(),
+                     outcome == Outcome::SENT      ? "sent"
+                     : outcome == Outcome::STOPPED ? "stopped"
+                                                   : "failed"));
+    }
+    return outcome;
+}
+
+int send(const Options& options) {
+    const TransmitterPtr tx = make_transmitter();
+    start_transmitter(tx.get(), options.steps);  // what cannot be sent is refused before any waiting
+    Schedule schedule = make_schedule(options, total_seconds(tx.get()));
+    const int32_t device = find_device(options.device, Direction::OUTPUT);
+    const AudioObject audio = make_audio();
+    watch_interrupts();
+
+    int status = EXIT_DONE;
+    for (int32_t n = 0; schedule.times == 0 || n < schedule.times; n++) {
+        const Outcome outcome = send_once(audio.get(), tx.get(), device, options.steps, schedule.start);
+        if (!flush_output()) return EXIT_FAILED;
+        if (outcome != Outcome::SENT) status = EXIT_FAILED;
+        if (outcome == Outcome::STOPPED || interrupted()) break;
+        if (!schedule.period_s) break;
+        const double next = std::max(utc_now() + LEAST_AHEAD_S, schedule.start + *schedule.period_s / 2);
+        schedule.start = next_slot(next, *schedule.period_s, schedule.offset_s);
+    }
+    return status;
+}
+
+}  // namespace
+
+void add_send(CLI::App& app, int& status) {
+    CLI::App* sub = app.add_subcommand("send", "Play a transmission on a sound device");
+    const auto options = std::make_shared<Options>();
+    add_step_options(*sub, options->steps);
+    sub->add_option("--device", options->device, "Number of the device or a part of its name [the default output]")
+        ->type_name("DEVICE");
+    CLI::Option* at =
+        sub->add_option("--at", options->at, "Start at a UTC time: 12:00[:00] or 2026-03-01T12:00[:00]Z [now]")
+            ->type_name("TIME");
+    CLI::Option* every = sub->add_option("--every", options->every,
+                                         "Start again and again, at whole multiples of PERIOD in UTC (10m: at 00:00, "
+                                         "00:10, …)")
+                             ->type_name("PERIOD")
+                             ->excludes(at);
+    sub->add_option("--offset", options->offset, "Start so much later in each period [0]")
+        ->type_name("LENGTH")
+        ->needs(every);
+    sub->add_option("--times", options->times, "Number of transmissions [without end]")
+        ->type_name("N")
+        ->check(CLI::PositiveNumber)
+        ->needs(every);
+    sub->footer(step_help() +
+                "\n\nCtrl-C ends a transmission with a soft ramp. Lengths are seconds, or have s, m or h behind them.");
+    sub->callback([options, &status] { status = send(*options); });
+}

@@ -1,0 +1,44 @@
+#include "spotlog.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "spots.h"
+
+namespace {
+
+constexpr double SAME_S = 10;   // a station cannot send two frames this close in time
+constexpr double SAME_HZ = 15;  // and frequency
+constexpr double REMEMBER_S = 300;
+
+bool same_frame(const ov_spot& a, const ov_spot& b) {
+    return a.protocol == b.protocol && std::strcmp(a.call, b.call) == 0 && std::strcmp(a.locator, b.locator) == 0 &&
+           std::fabs(a.t - b.t) < SAME_S && std::fabs(a.freq - b.freq) < SAME_HZ;
+}
+
+}  // namespace
+
+void SpotLog::add(const std::vector<ov_spot>& found) {
+    for (const ov_spot& spot : found) {
+        const auto known = std::find_if(entries_.begin(), entries_.end(),
+                                        [&](const Entry& entry) { return same_frame(entry.spot, spot); });
+        if (known == entries_.end()) {
+            entries_.push_back({spot, false});
+        } else if (!known->released) {
+            known->spot = spot;  // the later look saw more of the frame
+        }
+    }
+}
+
+void SpotLog::release(double utc, const std::function<void(const ov_spot&)>& take) {
+    std::stable_sort(entries_.begin(), entries_.end(),
+                     [](const Entry& a, const Entry& b) { return spot_end(a.spot) < spot_end(b.spot); });
+    for (Entry& entry : entries_) {
+        if (entry.released || spot_end(entry.spot) > utc) continue;
+        entry.released = true;
+        take(entry.spot);
+    }
+    std::erase_if(entries_,
+                  [&](const Entry& entry) { return entry.released && spot_end(entry.spot) < utc - REMEMBER_S; });
+}
