@@ -357,6 +357,28 @@ OVL_API int32_t ovl_decode_recent(ovl_decoder *decoder, const float *samples, in
                                   const ovl_settings *settings, double recent_s, ovl_result *results,
                                   int32_t max_results);
 
+/* A frequency at which something is keyed. */
+typedef struct ov_hit {
+    double freq_hz; /* Hz */
+    double z;       /* distance from the median of all frequencies, sigma */
+} ov_hit;
+
+/*
+ * Tells whether and where in the band something is being keyed at the chip rate, in the newest seconds of a block: much
+ * cheaper than decoding it. A steady carrier does not count.
+ *
+ *   samples, n, rate   as for ovl_decode(); at least 4000 Hz
+ *   settings           center_hz and search_hz say where; hits lie within search_hz + 5 Hz of the centre
+ *   seconds            how much of the block's end to look at, at least 3
+ *   z_min              least z of a hit; noise alone seldom reaches 6
+ *   out                room for max_out (at least 1) hits, strongest first, at least 15 Hz apart
+ *
+ * Returns the number of hits, 0 also when the block is shorter than about half of `seconds`; -1 for a bad argument or
+ * when memory is short. Any thread.
+ */
+OVL_API int32_t ovl_keyed(const float *samples, int32_t n, int32_t rate, const ovl_settings *settings, double seconds,
+                          double z_min, ov_hit *out, int32_t max_out);
+
 #ifdef __cplusplus
 }
 #endif

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <new>
 #include <string>
@@ -16,6 +17,7 @@
 #include "ovaudio.h"
 #include "ovcenc.h"
 #include "ovpipe.h"
+#include "ovscan.h"
 #include "ovtx.h"
 
 namespace {
@@ -27,6 +29,17 @@ constexpr std::size_t MAX_TOKEN = 15;   // characters of a known callsign that a
 constexpr uint32_t ALL_PROTOCOLS = OVL_OPERA | OVL_ORVEL_S | OVL_ORVEL_L;
 constexpr double CHIP_SECONDS = 0.128;
 constexpr double CHIP_PER_OP = 0.256;  // chip length in seconds for each unit of the speed number
+
+// What ovl_keyed() looks at.
+constexpr int32_t MAX_KEYED = 64;
+constexpr int32_t MIN_KEYED_RATE = 4000;  // Hz
+constexpr double MIN_KEYED_SECONDS = 3;
+constexpr double KEYED_EXTRA_S = 0.256;       // two chips beyond the seconds asked for
+constexpr double MIN_KEYED_HALF_WIDTH = 300;  // Hz: the median needs bins without a signal
+constexpr double MIN_KEYED_HZ = 100;
+constexpr double KEYED_SEPARATION_HZ = 15;
+constexpr double KEYED_MARGIN_HZ = 5;    // beyond the band asked for
+constexpr double KEYED_VARIANCE = 0.85;  // keying varies the power more than a carrier with noise
 
 bool is_separator(char c) {
     return c == ',' || c == ';' || std::isspace(static_cast<unsigned char>(c)) != 0;
@@ -239,6 +252,36 @@ int32_t ovl_decode_recent(ovl_decoder* decoder, const float* samples, int32_t n,
     recent.end_min = duration - recent_s;
     recent.end_max = duration;
     return ovl_decode(decoder, samples, n, rate, &recent, results, max_results);
+}
+
+int32_t ovl_keyed(const float* samples, int32_t n, int32_t rate, const ovl_settings* settings, double seconds,
+                  double z_min, ov_hit* out, int32_t max_out) {
+    if (samples == nullptr || settings == nullptr || out == nullptr || max_out < 1 || rate < MIN_KEYED_RATE ||
+        !(seconds >= MIN_KEYED_SECONDS)) {
+        return -1;
+    }
+    const auto newest = static_cast<int32_t>(std::fmin(std::floor((KEYED_EXTRA_S + seconds) * rate), std::max(n, 0)));
+    const auto chips =
+        static_cast<int32_t>(std::fmin(std::floor(seconds / CHIP_SECONDS), std::numeric_limits<int32_t>::max() - 8));
+    if (std::floor((chips / 2 + 8) * CHIP_SECONDS * rate) > newest) return 0;
+
+    const std::unique_ptr<double[]> block(new (std::nothrow) double[static_cast<std::size_t>(newest)]);
+    if (!block) return -1;
+    std::copy_n(samples + (n - newest), newest, block.get());
+
+    const double half = std::fmax(settings->search_hz, MIN_KEYED_HALF_WIDTH);
+    const double f_lo = std::fmax(settings->center_hz - half, MIN_KEYED_HZ);
+    std::array<ov_hit, MAX_KEYED> hits;
+    const int32_t count =
+        ov_scan_w(block.get(), nullptr, newest, rate, CHIP_SECONDS, f_lo, settings->center_hz + half, z_min,
+                  KEYED_SEPARATION_HZ, MAX_KEYED, hits.data(), nullptr, chips, KEYED_VARIANCE, 0);
+    if (count < 0) return -1;
+    int32_t written = 0;
+    for (int32_t i = 0; i < count && written < max_out; i++) {
+        const ov_hit& hit = hits[static_cast<std::size_t>(i)];
+        if (std::fabs(hit.freq_hz - settings->center_hz) <= KEYED_MARGIN_HZ + settings->search_hz) out[written++] = hit;
+    }
+    return written;
 }
 
 void ovl_tx_settings_default(ovl_tx_settings* settings) {

@@ -20,6 +20,7 @@
 #include "orvel.h"
 #include "ovcdec.h"
 #include "ovcdeep.h"
+#include "ovscan.h"
 
 namespace {
 
@@ -47,6 +48,9 @@ constexpr double SAME_PLACE_FRAMES = 0.9;
 constexpr double SHADOW_Z = 0.75;  // a candidate this much weaker than its neighbour is its shadow
 constexpr double DUPLICATE_FRAMES = 0.5;
 constexpr double OVERLAP_FRAMES = 0.5;
+constexpr double TILE_SEARCH_HZ = 20;  // of a wide decode, on each side
+constexpr double TILE_SEPARATION_HZ = 30;
+constexpr int32_t MAX_TILE_SPOTS = 16;
 constexpr double OFF_PER_CONTRAST = 0.05;  // keying leaks this share of the ON energy into OFF chips
 
 double chip_seconds(const ov_params& params) {
@@ -257,6 +261,11 @@ double time_overlap(double t1, double length1, double t2, double length2) {
 
 int32_t cmp_spot_dt(const ov_spot& a, const ov_spot& b) {
     return (a.t > b.t) - (a.t < b.t);
+}
+
+void sort_by_time(const SpotList& found) {
+    const std::span<ov_spot> all = found.found();
+    std::stable_sort(all.begin(), all.end(), [](const ov_spot& a, const ov_spot& b) { return cmp_spot_dt(a, b) < 0; });
 }
 
 // ---- OPERA -----------------------------------------------------------------------------------------------------
@@ -619,6 +628,42 @@ void remove_overlaps(const Search& search, SpotList& spots) {
     spots.shrink(kept);
 }
 
+// ---- Wide decode -----------------------------------------------------------------------------------------------
+
+struct SpectrumOwner {
+    ov_spectrum spectrum{};
+    SpectrumOwner() = default;
+    SpectrumOwner(const SpectrumOwner&) = delete;
+    SpectrumOwner& operator=(const SpectrumOwner&) = delete;
+    ~SpectrumOwner() { ov_spectrum_free(spectrum); }
+};
+
+// A copy of the parameters for one of several tiles.
+ov_params tile_params(const ov_params& params, int32_t tiles) {
+    ov_params tile = params;
+    tile.search_hz = TILE_SEARCH_HZ + 0.5 * params.spread_hz;
+    tile.deep_pfa = params.deep_pfa / tiles;
+    return tile;
+}
+
+// Adds the spots of a tile. A station may show in two of them: of the same frame an ordinary decode stays rather than a
+// deep one, and of two ordinary ones the stronger.
+void merge_spots(std::span<const ov_spot> tile, double op, SpotList& found) {
+    for (const ov_spot& spot : tile) {
+        if (found.is_full()) return;
+        const std::span<ov_spot> known = found.found();
+        const auto same = std::find_if(known.begin(), known.end(), [&](const ov_spot& other) {
+            return std::strcmp(other.call, spot.call) == 0 &&
+                   std::fabs(other.t - spot.t) < DUPLICATE_FRAMES * FRAME_PER_OP * op;
+        });
+        if (same == known.end()) {
+            found.push_back(spot);
+        } else if (spot.deep == 0 && (same->deep != 0 || spot.snr > same->snr)) {
+            *same = spot;
+        }
+    }
+}
+
 }  // namespace
 
 void ov_params_default(ov_params& params) {
@@ -666,6 +711,44 @@ int32_t ov_decode_iq(const double* i, const double* q, int32_t n, int32_t rate, 
     return run_and_free(bb, params, spots, max_spots);
 }
 
+int32_t ov_decode_wide(const double* i, const double* q, int32_t n, int32_t rate, const ov_params& params,
+                       double z_scan, int32_t max_tiles, ov_spot* spots, int32_t max_spots) {
+    const std::unique_ptr<ov_hit[]> tiles(new (std::nothrow) ov_hit[static_cast<std::size_t>(std::max(1, max_tiles))]);
+    if (!tiles) return -1;
+    const int32_t n_tiles = ov_scan(i, q, n, rate, chip_seconds(params), params.center_hz - params.search_hz,
+                                    params.center_hz + params.search_hz, z_scan, TILE_SEPARATION_HZ, max_tiles,
+                                    tiles.get(), nullptr, params.verbose);
+    if (n_tiles < 0) return -1;
+    if (params.verbose != 0) {
+        std::fprintf(stderr, "Scan: %d frequenc%s above %.1f sigma\n", n_tiles, n_tiles == 1 ? "y" : "ies", z_scan);
+    }
+    if (n_tiles == 0) return 0;
+
+    const ov_params tile = tile_params(params, n_tiles);
+    const auto out_rate = baseband_rate(tile, n, rate);
+    SpectrumOwner owner;
+    if (!out_rate) return -1;
+    if ((q != nullptr ? ov_spectrum_iq(i, q, n, rate, *out_rate, owner.spectrum)
+                      : ov_spectrum_real(i, n, rate, *out_rate, owner.spectrum)) != 0) {
+        return -1;
+    }
+
+    SpotList found(spots, 0, max_spots);
+    for (int32_t k = 0; k < n_tiles && !found.is_full(); k++) {
+        const ov_hit& hit = tiles[static_cast<std::size_t>(k)];
+        if (params.verbose != 0) {
+            std::fprintf(stderr, "--- tile %d/%d: %.1f Hz (scan z=%.1f)\n", k + 1, n_tiles, hit.freq_hz, hit.z);
+        }
+        ov_baseband bb;
+        if (ov_baseband_extract(owner.spectrum, hit.freq_hz, bb) != 0) continue;
+        std::array<ov_spot, MAX_TILE_SPOTS> local;
+        const int32_t count = run_and_free(bb, tile, local.data(), MAX_TILE_SPOTS);
+        merge_spots({local.data(), static_cast<std::size_t>(std::max(0, count))}, params.op, found);
+    }
+    sort_by_time(found);
+    return found.count();
+}
+
 int32_t run(const ov_baseband& bb, const ov_params& params, ov_spot* spots, int32_t max_spots) {
     MapOwner owner;
     const double chip_s = chip_seconds(params);
@@ -696,8 +779,7 @@ int32_t run(const ov_baseband& bb, const ov_params& params, ov_spot* spots, int3
     }
     remove_overlaps(search, found);
 
-    const std::span<ov_spot> all = found.found();
-    std::stable_sort(all.begin(), all.end(), [](const ov_spot& a, const ov_spot& b) { return cmp_spot_dt(a, b) < 0; });
+    sort_by_time(found);
     return found.count();
 }
 

@@ -71,7 +71,19 @@ int32_t ov_decode_real(const double* x, int32_t n, int32_t rate, const ov_params
 int32_t ov_decode_iq(const double* i, const double* q, int32_t n, int32_t rate, const ov_params& params, ov_spot* spots,
                      int32_t max_spots);
 
-// The same for a baseband that was already cut.
+// Decodes a band far wider than one search: scans it for keyed frequencies and decodes a narrow tile around each. q is
+// null for real samples.
+//
+//   params      center_hz ± search_hz is the whole band; the false-alarm probability of the deep search is shared out
+//               over the tiles
+//   z_scan      least z of a keyed frequency, sigma
+//   max_tiles   most frequencies to look at, strongest first
+// Returns the number of spots, ordered by start time; one callsign is reported once in half an OPERA frame. -1 when the
+// scan or the spectrum fails; a tile that cannot be decoded gives no spots.
+int32_t ov_decode_wide(const double* i, const double* q, int32_t n, int32_t rate, const ov_params& params,
+                       double z_scan, int32_t max_tiles, ov_spot* spots, int32_t max_spots);
+
+// ov_decode_iq for a baseband that was already cut.
 int32_t run(const ov_baseband& bb, const ov_params& params, ov_spot* spots, int32_t max_spots);
 
 // Decodes one ORVEL mode (0 = S, 1 = L) on the score map of a run and appends to its n spots; drift_range is the run's

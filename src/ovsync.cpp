@@ -12,6 +12,7 @@
 #include <span>
 #include <vector>
 
+#include "median.h"
 #include "ovcdec.h"
 #include "ovfft.h"
 
@@ -42,24 +43,13 @@ constexpr double NO_SNR = -99.0;
 
 // ---- Medians ---------------------------------------------------------------------------------------------------
 
-// Ascending, NaN behind every number: the order stays total on hostile input.
-int32_t cmp_float(float a, float b) {
-    if (std::isnan(a) || std::isnan(b))
-        return static_cast<int32_t>(std::isnan(a)) - static_cast<int32_t>(std::isnan(b));
-    return (a > b) - (a < b);
-}
-
-bool float_less(float a, float b) {
-    return cmp_float(a, b) < 0;
-}
-
 // Median of values that may be reordered.
 float median_in_place(std::span<float> values) {
     if (values.empty()) return 0;
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end(), float_less);
-    if (values.size() % 2 == 1) return *middle;
-    return (*std::max_element(values.begin(), middle, float_less) + *middle) * 0.5f;
+    const float upper = upper_median(values);
+    if (values.size() % 2 == 1) return upper;
+    const auto below = values.first(values.size() / 2);
+    return (*std::max_element(below.begin(), below.end(), float_less) + upper) * 0.5f;
 }
 
 // ---- Score map -------------------------------------------------------------------------------------------------
@@ -745,8 +735,6 @@ double ov_estimate_snr_bb(const ov_baseband& bb, const ov_specmap& map, const ov
     if (powers.size() < MIN_SNR_SAMPLES) return ov_estimate_snr(hyp, on, chip_s);
 
     // The upper middle value for an even count, not the mean of two.
-    const auto middle = powers.begin() + static_cast<std::ptrdiff_t>(powers.size() / 2);
-    std::nth_element(powers.begin(), middle, powers.end(), float_less);
-    const double noise = *middle / 0.6931472;
+    const double noise = upper_median(powers) / 0.6931472;
     return snr_from_ratio((on_mean - noise) / noise, chip_s);
 }

@@ -1,0 +1,323 @@
+// Windows overlap by three quarters, so that some are in step with the chips; those a whole chip apart form one of four
+// interleaved phases, and a run stays within its phase. Bins are worked on a few at a time, side by side.
+#include "ovscan.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <complex>
+#include <cstdio>
+#include <new>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <vector>
+
+#include "median.h"
+#include "ovfft.h"
+
+namespace {
+
+using Complex = std::complex<double>;
+
+constexpr double LN2 = 0.6931472;         // median of exponentially distributed powers / their mean
+constexpr double SIGMA_PER_MAD = 1.4826;  // standard deviation / median absolute deviation of a normal distribution
+constexpr float NOISE_FLOOR = 1e-30f;
+constexpr int32_t FRAME_RUN = 238;  // jumps of an OPERA frame
+constexpr int32_t MIN_RUN = 16;     // chips
+constexpr int32_t MIN_WINDOW = 8;   // samples
+constexpr int64_t MIN_WINDOWS = 32;
+constexpr int64_t MIN_BINS = 5;
+constexpr int64_t PHASES = 4;  // windows a chip
+constexpr int64_t NOISE_WINDOWS = 2000;
+constexpr int64_t NOISE_MARGIN = 16;  // bins each side over which the noise is smoothed
+constexpr double JUMP_SHARE = 0.7;    // of the power of a keyed carrier that its jumps carry at least
+
+// Windows and bins of one scan.
+struct Grid {
+    int32_t window;  // samples in a window, L
+    int64_t windows;
+    int64_t first;  // lowest bin
+    int64_t bins;
+    double bin_hz;
+
+    std::size_t size() const { return static_cast<std::size_t>(windows * bins); }
+};
+
+std::optional<Grid> make_grid(bool is_complex, int32_t n, int32_t rate, double win_s, double f_lo, double f_hi) {
+    const double length = win_s * rate;
+    if (!(length < n) || !(length > 0)) return std::nullopt;
+    Grid grid{};
+    grid.window = static_cast<int32_t>(std::lround(length));
+    if (grid.window < MIN_WINDOW) return std::nullopt;
+    const double hop = grid.window / static_cast<double>(PHASES);
+    grid.windows = static_cast<int64_t>(std::floor((n - grid.window) / hop)) + 1;
+    if (grid.windows < MIN_WINDOWS) return std::nullopt;
+
+    grid.bin_hz = rate / (2.0 * grid.window);
+    const double lowest = is_complex ? 1.0 - grid.window : 1.0;
+    const double low = std::max(lowest, std::ceil(f_lo / grid.bin_hz));
+    const double high = std::min(grid.window - 1.0, std::floor(f_hi / grid.bin_hz));
+    if (std::isnan(f_lo) || std::isnan(f_hi) || high - low + 1 < MIN_BINS) return std::nullopt;
+    grid.first = static_cast<int64_t>(low);
+    grid.bins = static_cast<int64_t>(high - low) + 1;
+    return grid;
+}
+
+// Powers of all windows, one row each. False when memory is short.
+bool fill_powers(const double* re, const double* im, const Grid& grid, std::span<float> powers) {
+    const int32_t nfft = 2 * grid.window;
+    const auto in = fftw_array<Complex>(nfft);
+    const auto out = fftw_array<Complex>(nfft);
+    if (!in || !out) return false;
+    const FftwPlan plan = plan_complex(nfft, in.get(), out.get(), FFTW_FORWARD);
+    if (!plan) return false;
+
+    std::fill(in.get() + grid.window, in.get() + nfft, Complex{});
+    float* power = powers.data();
+    for (int64_t w = 0; w < grid.windows; w++) {
+        const auto start = static_cast<int64_t>(std::lround(static_cast<double>(w) * grid.window / PHASES));
+        for (int64_t k = 0; k < grid.window; k++) {
+            in[static_cast<std::size_t>(k)] = {re[start + k], im != nullptr ? im[start + k] : 0.0};
+        }
+        fftw_execute(plan.get());
+        for (int64_t bin = grid.first; bin < grid.first + grid.bins; bin++) {
+            *power++ = static_cast<float>(std::norm(out[static_cast<std::size_t>(bin < 0 ? nfft + bin : bin)]));
+        }
+    }
+    return true;
+}
+
+// Some neighbouring bins, side by side.
+constexpr std::size_t LANES = 16;
+template <class T>
+using Lanes = std::array<T, LANES>;
+
+// Noise of every bin: the median of its powers, smoothed by the median over its neighbours.
+std::vector<float> noise_of(const Grid& grid, std::span<const float> powers) {
+    const auto bins = static_cast<std::size_t>(grid.bins);
+    const auto step = static_cast<std::size_t>(grid.windows > NOISE_WINDOWS ? grid.windows / NOISE_WINDOWS : 1);
+    const std::size_t count = (static_cast<std::size_t>(grid.windows) + step - 1) / step;
+    std::vector<float> samples(LANES * count);
+    std::vector<float> levels(bins);
+    for (std::size_t first = 0; first < bins; first += LANES) {
+        const std::size_t width = std::min(LANES, bins - first);
+        for (std::size_t i = 0; i < count; i++) {
+            const float* const source = powers.data() + i * step * bins + first;
+            for (std::size_t k = 0; k < width; k++) samples[k * count + i] = source[k];
+        }
+        for (std::size_t k = 0; k < width; k++) {
+            levels[first + k] = static_cast<float>(upper_median(std::span(samples).subspan(k * count, count)) / LN2);
+        }
+    }
+
+    constexpr auto MARGIN = static_cast<std::size_t>(NOISE_MARGIN);
+    std::vector<float> noise(bins);
+    std::vector<float> near;
+    for (std::size_t k = 0; k < bins; k++) {
+        const std::size_t low = k > MARGIN ? k - MARGIN : 0;
+        const std::size_t high = std::min(k + MARGIN, bins - 1);
+        near.assign(levels.begin() + static_cast<std::ptrdiff_t>(low),
+                    levels.begin() + static_cast<std::ptrdiff_t>(high) + 1);
+        const float level = upper_median(near);
+        noise[k] = level > 0 ? level : NOISE_FLOOR;
+    }
+    return noise;
+}
+
+// ---- Jump statistic ---------------------------------------------------------------------------------------------
+
+// Sums over chips of one phase, for some bins.
+struct Sums {
+    Lanes<double> power{};   // Σ x
+    Lanes<double> square{};  // Σ x²
+    Lanes<double> jump{};    // Σ j
+
+    void add(const Lanes<float>& x, const Lanes<float>& next) {
+        for (std::size_t k = 0; k < LANES; k++) {
+            const double value = x[k];
+            power[k] += value;
+            square[k] += value * value;
+            jump[k] += std::fabs(next[k] - x[k]);
+        }
+    }
+    Sums operator+(const Sums& other) const {
+        Sums sum;
+        for (std::size_t k = 0; k < LANES; k++) {
+            sum.power[k] = power[k] + other.power[k];
+            sum.square[k] = square[k] + other.square[k];
+            sum.jump[k] = jump[k] + other.jump[k];
+        }
+        return sum;
+    }
+};
+
+// The best mean jump of some bins over all runs.
+//
+// A run slides along its phase. Were its sums updated by adding what enters and subtracting what leaves, the rounding
+// of one strong burst would stay in them for good. So nothing is subtracted: the phase is cut into blocks of one run's
+// length, and each run is the end of one block, summed from behind, and the beginning of the next.
+class JumpSearch {
+  public:
+    JumpSearch(const Grid& grid, std::span<const float> powers, std::span<const float> noise, int32_t run_chips,
+               double var_min)
+        : grid_(grid), powers_(powers), noise_(noise), run_chips_(std::max(run_chips, MIN_RUN)), var_min_(var_min) {}
+
+    // The statistic of the bins from `first` on.
+    Lanes<float> best(std::size_t first) {
+        first_ = first;
+        width_ = std::min(LANES, static_cast<std::size_t>(grid_.bins) - first);
+        best_.fill(0);
+        for (int64_t phase = 0; phase < PHASES; phase++) search_phase(phase);
+        Lanes<float> statistic;
+        std::transform(best_.begin(), best_.end(), statistic.begin(),
+                       [](double value) { return static_cast<float>(value); });
+        return statistic;
+    }
+
+  private:
+    void search_phase(int64_t phase) {
+        const int64_t chips = (grid_.windows + PHASES - 1 - phase) / PHASES;
+        const int64_t run = run_chips_ < chips ? run_chips_ : chips - 1;
+        if (run < MIN_RUN) return;
+        load(phase, chips);
+
+        ends_.resize(static_cast<std::size_t>(run));
+        const int64_t jumps = chips - 1;
+        for (int64_t block = 0; block + run <= jumps; block += run) {
+            // Ends of this block, from one chip to all of it, then the runs that reach into the next block.
+            Sums sum;
+            for (int64_t i = run; i-- > 0;) {
+                sum.add(chips_[at(block + i)], chips_[at(block + i + 1)]);
+                ends_[at(i)] = sum;
+            }
+            judge(ends_.front(), run);
+            sum = {};
+            for (int64_t i = 1; i < run && block + run + i <= jumps; i++) {
+                sum.add(chips_[at(block + run + i - 1)], chips_[at(block + run + i)]);
+                judge(ends_[at(i)] + sum, run);
+            }
+        }
+    }
+
+    static std::size_t at(int64_t index) { return static_cast<std::size_t>(index); }
+
+    // Chip powers of one phase in units of noise; lanes past the last bin stay 0.
+    void load(int64_t phase, int64_t chips) {
+        chips_.assign(at(chips), Lanes<float>{});
+        for (int64_t i = 0; i < chips; i++) {
+            const float* const row = powers_.data() + at(phase + PHASES * i) * at(grid_.bins) + first_;
+            for (std::size_t k = 0; k < width_; k++) chips_[at(i)][k] = row[k] / noise_[first_ + k];
+        }
+    }
+
+    void judge(const Sums& sums, int64_t run) {
+        const auto length = static_cast<double>(run);
+        for (std::size_t k = 0; k < LANES; k++) {
+            const double jump = sums.jump[k] / length;
+            if (!(jump > best_[k]) || !(sums.jump[k] >= JUMP_SHARE * sums.power[k])) continue;
+            if (var_min_ > 0) {
+                const double mean = sums.power[k] / length;
+                const double variance = sums.square[k] / length - mean * mean;
+                if (!(mean > 0) || !(variance / (mean * mean) >= var_min_)) continue;
+            }
+            best_[k] = jump;
+        }
+    }
+
+    const Grid& grid_;
+    std::span<const float> powers_;
+    std::span<const float> noise_;
+    int64_t run_chips_;
+    double var_min_;
+    std::size_t first_ = 0;
+    std::size_t width_ = 0;
+    Lanes<double> best_{};
+    std::vector<Lanes<float>> chips_;
+    std::vector<Sums> ends_;
+};
+
+// ---- Hits -------------------------------------------------------------------------------------------------------
+
+int32_t cmp_hit(const ov_hit& a, const ov_hit& b) {
+    return (b.z > a.z) - (b.z < a.z);
+}
+
+// On a flat top the rightmost bin is the peak.
+bool is_peak(std::span<const float> statistic, std::size_t k) {
+    const bool last = k + 1 == statistic.size();
+    if (k > 0 && !(statistic[k] >= statistic[k - 1])) return false;
+    return last || statistic[k] > statistic[k + 1];
+}
+
+// Copies the strongest hits that are far enough from each other.
+int32_t thin_out(std::span<const ov_hit> sorted, double min_sep_hz, std::span<ov_hit> out) {
+    std::size_t kept = 0;
+    for (const ov_hit& hit : sorted) {
+        if (kept == out.size()) break;
+        const auto stronger = out.first(kept);
+        const bool apart = std::all_of(stronger.begin(), stronger.end(), [&](const ov_hit& other) {
+            return std::fabs(other.freq_hz - hit.freq_hz) >= min_sep_hz;
+        });
+        if (apart) out[kept++] = hit;
+    }
+    return static_cast<int32_t>(kept);
+}
+
+}  // namespace
+
+int32_t ov_scan_w(const double* re, const double* im, int32_t n, int32_t rate, double win_s, double f_lo, double f_hi,
+                  double z_min, double min_sep_hz, int32_t max_hits, ov_hit* hits, int32_t* nbins_out,
+                  int32_t run_chips, double var_min, int32_t verbose) {
+    const auto grid = make_grid(im != nullptr, n, rate, win_s, f_lo, f_hi);
+    if (!grid) return -1;
+    if (nbins_out != nullptr) *nbins_out = static_cast<int32_t>(grid->bins);
+    try {
+        std::vector<float> powers(grid->size());
+        if (!fill_powers(re, im, *grid, powers)) return -1;
+        const std::vector<float> noise = noise_of(*grid, powers);
+
+        std::vector<float> statistic(noise.size());
+        JumpSearch search(*grid, powers, noise, run_chips, var_min);
+        for (std::size_t first = 0; first < statistic.size(); first += LANES) {
+            const Lanes<float> best = search.best(first);
+            std::copy_n(best.begin(), std::min(LANES, statistic.size() - first),
+                        statistic.begin() + static_cast<std::ptrdiff_t>(first));
+        }
+
+        std::vector<float> sorted = statistic;
+        const float median = upper_median(sorted);
+        for (float& value : sorted) value = std::fabs(value - median);
+        double sigma = SIGMA_PER_MAD * upper_median(sorted);
+        if (!(sigma > 0)) sigma = 1e-9;
+        if (verbose != 0) {
+            std::fprintf(stderr,
+                         "Scan: %ld bins of %.2f Hz from %.0f to %.0f Hz, %ld windows; jump statistic median %.3f, "
+                         "sigma %.4f\n",
+                         static_cast<long>(grid->bins), grid->bin_hz, static_cast<double>(grid->first) * grid->bin_hz,
+                         static_cast<double>(grid->first + grid->bins - 1) * grid->bin_hz,
+                         static_cast<long>(grid->windows), static_cast<double>(median), sigma);
+        }
+
+        std::vector<ov_hit> found;
+        for (std::size_t k = 0; k < statistic.size(); k++) {
+            const double z = (static_cast<double>(statistic[k]) - static_cast<double>(median)) / sigma;
+            if (!(z >= z_min) || !is_peak(statistic, k)) continue;
+            found.push_back({static_cast<double>(grid->first + static_cast<int64_t>(k)) * grid->bin_hz, z});
+        }
+        std::stable_sort(found.begin(), found.end(),
+                         [](const ov_hit& a, const ov_hit& b) { return cmp_hit(a, b) < 0; });
+        if (max_hits < 1) return 0;
+        return thin_out(found, min_sep_hz, {hits, static_cast<std::size_t>(max_hits)});
+    } catch (const std::bad_alloc&) {
+        return -1;
+    } catch (const std::length_error&) {
+        return -1;
+    }
+}
+
+int32_t ov_scan(const double* re, const double* im, int32_t n, int32_t rate, double win_s, double f_lo, double f_hi,
+                double z_min, double min_sep_hz, int32_t max_hits, ov_hit* hits, int32_t* nbins_out, int32_t verbose) {
+    return ov_scan_w(re, im, n, rate, win_s, f_lo, f_hi, z_min, min_sep_hz, max_hits, hits, nbins_out, FRAME_RUN, 0,
+                     verbose);
+}
