@@ -209,7 +209,7 @@ OVL_API void ovl_audio_destroy(ovl_audio *audio);
  *
  *   device    0 to the count - 1; -1 = the default input device; OVL_AUDIO_NONE
  *   rate      sample rate of the device, Hz; 0 or less = its default; 8000 to 384000 with OVL_AUDIO_NONE
- *   seconds   of audio kept, at least 1; 0 or less = 60
+ *   seconds   of audio kept, at least 1; 0 or less = 60; more than 2^31 - 1 samples are out of memory
  *
  * Returns 0, or -1. Errors: "rate out of range (8000-384000 Hz)", "PortAudio initialization failed", "no such input
  * device", "out of memory", "cannot open the input device: REASON".

@@ -149,26 +149,29 @@ void measure_level(ova_state& a, float y) {
 }
 
 float filtered(const ova_state& a) {
+    const float* const delay = a.delay.get();
     const float* tap = a.taps.get() + a.n_taps;
     double sum = 0;
-    for (int32_t i = a.delay_index; i < a.n_taps; i++) sum += static_cast<double>(a.delay[i]) * *--tap;
-    for (int32_t i = 0; i < a.delay_index; i++) sum += static_cast<double>(a.delay[i]) * *--tap;
+    for (int32_t i = a.delay_index; i < a.n_taps; i++) sum += static_cast<double>(delay[i]) * *--tap;
+    for (int32_t i = 0; i < a.delay_index; i++) sum += static_cast<double>(delay[i]) * *--tap;
     return static_cast<float>(sum);
 }
 
 // The one writer of the ring.
 void feed(ova_state& a, const float* samples, int64_t frames, int32_t channels) {
+    float* const delay = a.delay.get();
+    float* const ring = a.ring.get();
     int64_t total = a.total.load(std::memory_order_relaxed);
     for (int64_t frame = 0; frame < frames; frame++) {
         float sum = 0;
         for (int32_t channel = 0; channel < channels; channel++) sum += *samples++;
-        a.delay[a.delay_index] = sum / static_cast<float>(channels);
+        delay[a.delay_index] = sum / static_cast<float>(channels);
         if (++a.delay_index == a.n_taps) a.delay_index = 0;
         if (++a.decimation_count < a.decimation) continue;
 
         a.decimation_count = 0;
         const float y = filtered(a);
-        std::atomic_ref(a.ring[total % a.ring_length]).store(y, std::memory_order_relaxed);
+        std::atomic_ref(ring[total % a.ring_length]).store(y, std::memory_order_relaxed);
         total++;
         measure_level(a, y);
     }
@@ -197,7 +200,17 @@ int out_cb(const void*, void* output, unsigned long frames, const PaStreamCallba
         const double stream_s = time != nullptr ? time->currentTime : 0;
         first = ova_place_start(a, n, dac_s, stream_s, now_seconds());
     }
-    return ova_fill_output(a, static_cast<float*>(output), n, first) ? paContinue : paComplete;
+    if (ova_fill_output(a, static_cast<float*>(output), n, first)) return paContinue;
+    a.drain -= n;
+    return a.drain >= 0 ? paContinue : paComplete;
+}
+
+// Frames that a stream must go on behind the end of what is to be heard. With ALSA PortAudio drops what is still queued
+// when a stream completes: the closing ramp and some of the last chip.
+int64_t frames_to_drain(const PaDeviceInfo& device, double latency_s, int32_t rate) {
+    const PaHostApiInfo* api = Pa_GetHostApiInfo(device.hostApi);
+    if (api == nullptr || api->type != paALSA || !(latency_s >= 0 && latency_s < MAX_LATENCY)) return 0;
+    return static_cast<int64_t>(std::ceil(latency_s * rate)) * 2;
 }
 
 }  // namespace
@@ -268,7 +281,11 @@ int32_t ova_start_input(ova_state* a, int32_t device, int32_t rate, double secon
     const PaDeviceInfo* info = find_device(device);
     if (info == nullptr || info->maxInputChannels < 1) return fail(*a, "no such input device");
 
-    if (rate <= 0) rate = static_cast<int32_t>(info->defaultSampleRate);
+    if (rate <= 0) {
+        const double usual = info->defaultSampleRate;
+        if (!(usual >= 1 && usual <= std::numeric_limits<int32_t>::max())) return fail(*a, "no such input device");
+        rate = static_cast<int32_t>(usual);
+    }
     a->input_channels = info->maxInputChannels >= 2 ? 2 : 1;
     if (!setup_capture(*a, rate, seconds)) {
         free_capture(*a);
@@ -314,9 +331,10 @@ int32_t ova_last(ova_state* a, float* out, int32_t n) {
     if (a == nullptr || a->started == 0 || out == nullptr || n < 1) return 0;
     const int64_t total = a->total.load(std::memory_order_acquire);
     const int64_t count = std::min({static_cast<int64_t>(n), total, a->ring_length});
+    float* const ring = a->ring.get();
     int64_t slot = (total - count) % a->ring_length;
     for (int64_t i = 0; i < count; i++) {
-        out[i] = std::atomic_ref(a->ring[slot]).load(std::memory_order_relaxed);
+        out[i] = std::atomic_ref(ring[slot]).load(std::memory_order_relaxed);
         if (++slot == a->ring_length) slot = 0;
     }
     return static_cast<int32_t>(count);
@@ -345,6 +363,7 @@ int32_t ova_start_output_at(ova_state* a, int32_t device, ovtx_state* tx, double
     a->output_started = 0;
     a->output_latency = 0;
     a->actual_start = 0;
+    a->drain = 0;
     a->start_time = t0;
     const int32_t rate = ovtx_rate(tx);
     if (rate <= 0) return fail(*a, "no transmit sequence prepared");
@@ -365,6 +384,7 @@ int32_t ova_start_output_at(ova_state* a, int32_t device, ovtx_state* tx, double
         a->output.reset(stream);
         const PaStreamInfo* opened = Pa_GetStreamInfo(stream);
         a->output_latency = opened != nullptr ? opened->outputLatency : 0;
+        a->drain = frames_to_drain(*info, a->output_latency, rate);
         error = Pa_StartStream(stream);
     }
     if (error != paNoError) {

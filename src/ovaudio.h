@@ -57,6 +57,7 @@ struct ova_state {
     double start_time;                    // wanted, s since 1970-01-01 UTC; otherwise than above 0: at once
     std::atomic<int32_t> output_started;  // the first sample has been placed
     double output_latency;                // s, as the stream reports it
+    int64_t drain;                        // frames of silence to go on with behind the end
     std::atomic<double> actual_start;     // s since 1970-01-01 UTC, once started
     std::unique_ptr<void, OvaCloseStream> output;
 

@@ -18,16 +18,12 @@
 #include <utility>
 #include <vector>
 
+#include "command.h"
 #include "liborvel.h"
 #include "process.h"
 #include "recordings.h"
 
 namespace {
-
-using Arguments = std::vector<std::string>;
-using ::testing::AssertionFailure;
-using ::testing::AssertionResult;
-using ::testing::AssertionSuccess;
 
 std::string shipped(const std::string& name) {
     return std::string(ORVEL_RECORDINGS) + "/" + name;
@@ -35,29 +31,6 @@ std::string shipped(const std::string& name) {
 
 // Where protocols do not matter: the search for OPERA alone takes a fraction of the time.
 const std::string OPERA = "--protocols=opera";
-
-ProcessResult orvel(Arguments arguments, const ProcessInput& input = {}) {
-    arguments.insert(arguments.begin(), ORVEL_COMMAND);
-    return run_process(arguments, input);
-}
-
-// One line on standard error, which holds all of the texts.
-AssertionResult one_line_with(const ProcessResult& result, const Arguments& texts) {
-    const auto lines = lines_of(result.err);
-    if (lines.size() != 1) return AssertionFailure() << lines.size() << " lines on standard error:\n" << result.err;
-    if (!lines[0].starts_with("orvel: ")) return AssertionFailure() << lines[0];
-    for (const std::string& text : texts) {
-        if (lines[0].find(text) == std::string::npos) return AssertionFailure() << lines[0] << " lacks " << text;
-    }
-    return AssertionSuccess();
-}
-
-AssertionResult usage_error_with(const Arguments& arguments, const Arguments& texts) {
-    const ProcessResult result = orvel(arguments);
-    if (result.status != 2) return AssertionFailure() << "exit status " << result.status << "\n" << result.err;
-    if (!result.out.empty()) return AssertionFailure() << "output: " << result.out;
-    return one_line_with(result, texts);
-}
 
 // A row of the table. Protocol names hold a blank.
 struct Row {
@@ -89,49 +62,7 @@ std::vector<nlohmann::json> truth_of(const std::string& name) {
     return stations;
 }
 
-// A directory for the files of one test.
-class Command : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        std::string name = (std::filesystem::temp_directory_path() / "orvel-test-XXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        directory_ = name;
-    }
-    void TearDown() override { std::filesystem::remove_all(directory_); }
-
-    std::string path(const std::string& name) const { return (directory_ / name).string(); }
-    std::string write(const std::string& name, const std::string& bytes) const {
-        std::ofstream(path(name), std::ios::binary) << bytes;
-        return path(name);
-    }
-
-  private:
-    std::filesystem::path directory_;
-};
-
-template <class T>
-void append(std::string& bytes, T value) {
-    std::array<char, sizeof value> raw{};
-    std::memcpy(raw.data(), &value, sizeof value);
-    bytes.append(raw.data(), raw.size());
-}
-
-// A WAVE file of the given format around some bytes of samples.
-std::string wave_file(uint16_t tag, uint16_t channels, uint32_t rate, uint16_t bits, const std::string& data) {
-    std::string bytes = "RIFF";
-    append(bytes, static_cast<uint32_t>(36 + data.size()));
-    bytes += "WAVEfmt ";
-    append(bytes, uint32_t{16});
-    append(bytes, tag);
-    append(bytes, channels);
-    append(bytes, rate);
-    append(bytes, rate * channels * bits / 8);
-    append(bytes, static_cast<uint16_t>(channels * bits / 8));
-    append(bytes, bits);
-    bytes += "data";
-    append(bytes, static_cast<uint32_t>(data.size()));
-    return bytes + data;
-}
+class Command : public TestWithFiles {};
 
 // ---- Spots ----------------------------------------------------------------------------------------------------------
 
@@ -414,6 +345,15 @@ TEST_F(Command, FileNamesThatAreNoUtf8MakeValidJson) {
     EXPECT_EQ(lines_of(result.out).size(), truth_of("audio-crowded").size());
 }
 
+TEST_F(Command, SamplesThatAreNoNumbersCountAsSilence) {
+    std::string samples;
+    for (int k = 0; k < 8000; ++k) append(samples, k == 4001 ? std::numeric_limits<float>::quiet_NaN() : 0.1F);
+    const ProcessResult result =
+        orvel({"decode", "--iq", "--json", write("nan.wav", wave_file(3, 2, 4000, 32, samples))});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_TRUE(one_line_with(result, {"nan.wav", "not finite numbers; they count as silence"}));
+}
+
 // ---- Files that cannot be used --------------------------------------------------------------------------------------
 
 TEST_F(Command, AMissingFileIsOneLineAndTheOthersAreDecoded) {
@@ -436,12 +376,9 @@ TEST_F(Command, EveryBrokenFileIsOneLineThatNamesItAndTheReason) {
         {write("text.wav", "This is no recording at all.\n"), "not a valid RIFF/WAVE file"},
         {write("header.wav", wave_file(1, 1, 8000, 16, "").substr(0, 36)), "missing fmt or data chunk"},
         {write("silent.wav", wave_file(1, 1, 8000, 16, "")), "no usable audio data"},
-        {write("float.wav", wave_file(3, 1, 8000, 32, second)), "unsupported audio format 3"},
-        {write("12bit.wav", wave_file(1, 1, 8000, 12, second)), "unsupported bit depth 12"},
         {write("no-channels.wav", wave_file(1, 0, 8000, 16, second)), "invalid channel count"},
         {path(""), "directory"},
         {write("short.wav", wave_file(1, 1, 8000, 16, second.substr(0, 200))), "too short"},
-        {write("rate.wav", wave_file(1, 1, 11000, 16, second)), "sample rate of 11000 Hz is not served"},
         {write("no-rate.wav", wave_file(1, 1, 0, 16, second)), "sample rate of 0 Hz is not served"},
         {write("huge-rate.wav", wave_file(1, 1, 4294967295U, 16, second)), "4294967295 Hz is not served"},
     };
@@ -454,11 +391,8 @@ TEST_F(Command, EveryBrokenFileIsOneLineThatNamesItAndTheReason) {
 }
 
 TEST_F(Command, BrokenIqIsOneLineThatNamesTheFileAndTheReason) {
-    std::string nan;
-    for (int k = 0; k < 8000; ++k) append(nan, k == 4001 ? std::numeric_limits<float>::quiet_NaN() : 0.1F);
     const std::map<std::string, std::string> reasons = {
-        {shipped("audio-edges.wav"), "1 channel(s)"},
-        {write("nan.wav", wave_file(3, 2, 4000, 32, nan)), "not finite"},
+        {shipped("audio-edges.wav"), "I/Q needs two channels, it has 1"},
         {write("empty.wav", ""), "not a valid RIFF/RF64 WAVE file"},
     };
     for (const auto& [file, reason] : reasons) {
@@ -574,14 +508,7 @@ TEST_F(Command, OutputThatCannotBeWrittenIsAFailure) {
 }
 
 TEST_F(Command, NumbersHaveADecimalPointUnderEveryLocale) {
-    // A locale of our own with a decimal comma, as none need be installed.
-    const std::string source =
-        write("comma", "LC_NUMERIC\ndecimal_point \",\"\nthousands_sep \".\"\ngrouping 3\nEND LC_NUMERIC\n");
-    run_process({"/usr/bin/localedef", "-c", "-i", source, path("xx_XX")});
-    ProcessInput comma;
-    comma.environment = {{"LOCPATH", path("")}, {"LC_ALL", "xx_XX"}, {"LANG", "xx_XX"}};
-    ASSERT_EQ(run_process({"/usr/bin/printf", "%.1f", "0"}, comma).out, "0,0") << "the locale is not in force";
-
+    const ProcessInput comma = decimal_comma();
     const std::string file = shipped("audio-crowded.wav");
     const Arguments table = {"decode", OPERA, "--center", "1500.5", file};
     const Arguments json = {"decode", OPERA, "--json", "--center", "1500.5", file};

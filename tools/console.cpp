@@ -10,21 +10,6 @@
 #include <cstring>
 #include <optional>
 
-namespace {
-
-// The number that the whole text stands for, if it is one and finite.
-std::optional<double> parse_finite(const std::string& text) {
-    const char* end = text.data() + text.size();
-    const char* begin = text.data();
-    if (text.size() > 1 && text[0] == '+' && text[1] != '-') ++begin;
-    double value = 0;
-    const auto [stop, error] = std::from_chars(begin, end, value);
-    if (error != std::errc() || stop != end || !std::isfinite(value)) return std::nullopt;
-    return value;
-}
-
-}  // namespace
-
 void print_error(const std::string& message) {
     std::fprintf(stderr, "orvel: %s\n", message.c_str());
 }
@@ -58,6 +43,16 @@ std::string format(const char* pattern, ...) {
     std::vsnprintf(text.data(), text.size() + 1, pattern, again);
     va_end(again);
     return text;
+}
+
+std::optional<double> parse_finite(const std::string& text) {
+    const char* end = text.data() + text.size();
+    const char* begin = text.data();
+    if (text.size() > 1 && text[0] == '+' && text[1] != '-') ++begin;
+    double value = 0;
+    const auto [stop, error] = std::from_chars(begin, end, value);
+    if (error != std::errc() || stop != end || !std::isfinite(value)) return std::nullopt;
+    return value;
 }
 
 CLI::Validator finite_number() {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -24,6 +25,9 @@ bool flush_output();
 
 // printf into a string. Numbers have a decimal point in every locale, as the command never leaves the "C" locale.
 [[gnu::format(printf, 1, 2)]] std::string format(const char* pattern, ...);
+
+// The number that the whole text stands for, if it is one and finite.
+std::optional<double> parse_finite(const std::string& text);
 
 // Checks for option values: the whole text must be a finite number (not below 0).
 CLI::Validator finite_number();

@@ -3,33 +3,49 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <limits>
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
+#include "blocks.h"
 #include "console.h"
 #include "json.h"
 #include "liborvel.h"
-#include "ovbb.h"
 #include "ovcenc.h"
 #include "ovpipe.h"
+#include "progress.h"
 #include "recording.h"
 #include "search.h"
+#include "spotlog.h"
 #include "spots.h"
 
 namespace {
 
+constexpr double EDGE_S = 10;                 // a frame may begin so long before its block, and a little more
 constexpr double CANDIDATES_PER_MINUTE = 30;  // the library's default suits a block of a minute
 constexpr double SPOTS_PER_MINUTE = 64;       // as the library reports from a block
+constexpr double SCAN_Z = 6;                  // noise alone seldom reaches it
+constexpr int32_t MAX_TILES = 1000;           // in a block
+constexpr double OVERLAP_S = 50;              // of blocks: the longest frame and a little more
+constexpr double LEAST_BLOCK_S = 90;
+constexpr double MOST_BLOCK_S = 300;
+constexpr double BLOCK_SAMPLES = 1.8e7;
 
 // The command line, as typed.
 struct Options {
     std::vector<std::string> files;
-    bool iq = false;
+    RecordingOptions recording;
     SearchOptions search;
+    bool wide = false;
+    std::string band;
+    double scan_z = SCAN_Z;
+    std::optional<double> block_s;
+    unsigned jobs = 0;
     bool json = false;
     bool verbose = false;
 };
@@ -37,7 +53,7 @@ struct Options {
 ov_params decode_params(const Options& options, const std::vector<ovc_known>& known) {
     ov_params params;
     ov_params_default(params);
-    params.center_hz = options.search.center_hz.value_or(options.iq ? 0.0 : params.center_hz);
+    params.center_hz = options.search.center_hz.value_or(options.recording.iq ? 0.0 : params.center_hz);
     params.search_hz = options.search.search_hz;
     params.spread_hz = options.search.spread_hz;
     params.protocols = protocol_mask(options.search);
@@ -48,90 +64,125 @@ ov_params decode_params(const Options& options, const std::vector<ovc_known>& kn
     return params;
 }
 
-// ---- Output --------------------------------------------------------------------------------------------------------
-
-void print_table(const std::vector<ov_spot>& spots) {
-    print(spot_header(format("%9s", "time s")));
-    for (const ov_spot& spot : spots) print(spot_row(format("%9s", cell(spot.t, 3).c_str()), spot));
+// The whole of a wide decode's band as centre and half-width: what --band says, or all that the sample rate holds.
+void set_band(const Options& options, const Recording& recording, ov_params& params) {
+    const Band whole = {options.recording.iq ? -0.5 * recording.rate() : 0.0, 0.5 * recording.rate()};
+    const Band band = options.band.empty() ? whole : parse_band(options.band);
+    params.center_hz = 0.5 * (band.low_hz + band.high_hz);
+    params.search_hz = 0.5 * (band.high_hz - band.low_hz);
 }
 
-void print_json(const std::string& file, const std::vector<ov_spot>& spots) {
-    for (const ov_spot& spot : spots) {
-        nlohmann::ordered_json object;
-        object["file"] = file;
-        object["t_start"] = spot.t;
-        object["t_end"] = spot_end(spot);
-        add_spot(object, spot);
-        print(json_line(object));
+// ---- Output --------------------------------------------------------------------------------------------------------
+
+void print_spot(const Options& options, const std::string& file, const ov_spot& spot) {
+    if (!options.json) {
+        print(spot_row(format("%9s", cell(spot.t, 3).c_str()), spot));
+        return;
     }
+    nlohmann::ordered_json object;
+    object["file"] = file;
+    object["t_start"] = spot.t;
+    object["t_end"] = spot_end(spot);
+    add_spot(object, spot);
+    print(json_line(object));
 }
 
 // ---- Decoding ------------------------------------------------------------------------------------------------------
 
-// The samples of a recording: audio, or I/Q when q is not null.
-struct Block {
-    const double* x = nullptr;
-    const double* q = nullptr;
-    int32_t n = 0;
-    uint32_t rate = 0;
-};
-
-// Baseband rates are 125 Hz times a power of two, so that the lowest tells whether an input rate fits any of them.
-bool rate_served(uint32_t rate) {
-    int32_t nfft = 0;
-    int32_t nout = 0;
-    return rate >= 1 && rate <= static_cast<uint32_t>(std::numeric_limits<int32_t>::max()) &&
-           choose_sizes(1, static_cast<int32_t>(rate), 125, nfft, nout) == 0;
-}
-
 // Why the pipeline refused a block.
-std::string refusal(const Block& block) {
-    if (!rate_served(block.rate)) return format("its sample rate of %u Hz is not served", block.rate);
-    const auto finite = [](double sample) { return std::isfinite(sample); };
-    if (!std::all_of(block.x, block.x + block.n, finite) ||
-        (block.q && !std::all_of(block.q, block.q + block.n, finite))) {
-        return "it holds samples that are not finite numbers";
-    }
-    const double seconds = static_cast<double>(block.n) / block.rate;
+std::string refusal(const Stretch& block, int32_t rate) {
+    const double seconds = static_cast<double>(block.x.size()) / rate;
     if (seconds < ovl_chip_seconds()) return format("it is too short (%.3f s, a chip is 0.128 s)", seconds);
     return "the search band does not fit the recording, or memory is short";
 }
 
-// Decodes a block. A long recording gets as many candidates a minute as a short one.
-std::optional<std::vector<ov_spot>> decode_block(const Block& block, ov_params params) {
-    if (!rate_served(block.rate)) return std::nullopt;
-    const auto rate = static_cast<int32_t>(block.rate);
-    const double minutes = std::max(1.0, std::ceil(static_cast<double>(block.n) / rate / 60));
+// Decodes a block; nothing when the pipeline refuses it. A long block gets as many candidates a minute as a short one.
+std::optional<std::vector<ov_spot>> decode_block(const Stretch& block, int32_t rate, const Options& options,
+                                                 ov_params params) {
+    const double minutes = std::max(1.0, std::ceil(static_cast<double>(block.x.size()) / rate / 60));
     params.max_cands = static_cast<int32_t>(std::min(CANDIDATES_PER_MINUTE * minutes, 1e6));
-    std::vector<ov_spot> spots(static_cast<std::size_t>(std::min(SPOTS_PER_MINUTE * minutes, 1e6)));
+    std::vector<ov_spot> spots(
+        static_cast<std::size_t>(std::min(SPOTS_PER_MINUTE * minutes + (options.wide ? MAX_TILES : 0), 1e6)));
     const auto room = static_cast<int32_t>(spots.size());
-    const int32_t count = block.q ? ov_decode_iq(block.x, block.q, block.n, rate, params, spots.data(), room)
-                                  : ov_decode_real(block.x, block.n, rate, params, spots.data(), room);
+    const auto n = static_cast<int32_t>(block.x.size());
+    const double* const x = block.x.data();
+    const double* const q = block.q.empty() ? nullptr : block.q.data();
+    int32_t count = 0;
+    if (options.wide) {
+        count = ov_decode_wide(x, q, n, rate, params, options.scan_z, MAX_TILES, spots.data(), room);
+    } else if (q != nullptr) {
+        count = ov_decode_iq(x, q, n, rate, params, spots.data(), room);
+    } else {
+        count = ov_decode_real(x, n, rate, params, spots.data(), room);
+    }
     if (count < 0) return std::nullopt;
     spots.resize(static_cast<std::size_t>(count));
+    for (ov_spot& spot : spots) spot.t += block.begin_s;
     return spots;
 }
 
-// Reads and decodes one file; nothing, with a line on standard error, when that fails.
-std::optional<std::vector<ov_spot>> decode_file(const std::string& path, bool iq, const ov_params& params) {
-    AudioPtr audio;
-    IqPtr recording;
-    Block block;
-    if (iq) {
-        recording = read_iq(path);
-        if (!recording) return std::nullopt;
-        block = {recording->i, recording->q, recording->count, recording->rate};
-    } else {
-        audio = read_audio(path);
-        if (!audio) return std::nullopt;
-        block = {audio->samples, nullptr, audio->count, audio->rate};
+double block_seconds(const Options& options, int32_t rate) {
+    return options.block_s.value_or(std::clamp(BLOCK_SAMPLES / rate, LEAST_BLOCK_S, MOST_BLOCK_S));
+}
+
+// Decodes one file and prints its spots in order of time, behind a heading as soon as something could be decoded.
+// False, with a line on standard error, when some of it could not be, or the output not be written.
+bool decode_recording(Recording& recording, const std::string& path, const Options& options, ov_params params,
+                      const std::function<void()>& heading) {
+    if (options.wide) set_band(options, recording, params);
+    const auto blocks = cut_blocks(recording.seconds(), block_seconds(options, recording.rate()), OVERLAP_S);
+    std::vector<std::vector<ov_spot>> found(blocks.size());
+    std::vector<std::string> problems(blocks.size());
+    const auto work = [&](std::size_t k) {
+        const auto block = recording.read(blocks[k].begin_s, blocks[k].length_s);
+        if (!block) {
+            problems[k] = "it cannot be read";
+            return;
+        }
+        auto spots = decode_block(*block, recording.rate(), options, params);
+        if (spots)
+            found[k] = std::move(*spots);
+        else
+            problems[k] = refusal(*block, recording.rate());
+    };
+
+    Progress progress("'" + path + "'", recording.seconds());
+    SpotLog log(SpotLog::Order::START);
+    std::size_t printed = 0;
+    std::string problem;
+    bool headed = false;
+    const auto print_until = [&](double time_s) {
+        log.release(time_s, [&](const ov_spot& spot) {
+            progress.clear();
+            print_spot(options, path, spot);
+            printed++;
+        });
+        return flush_output();
+    };
+    const auto use = [&](std::size_t k) {
+        if (problem.empty()) problem = problems[k];
+        if (problems[k].empty() && !std::exchange(headed, true)) heading();
+        log.add(found[k]);
+        found[k] = {};
+        // What starts later may come again, and better, from the next block.
+        const bool last = k + 1 == blocks.size();
+        if (!print_until(last ? HUGE_VAL : blocks[k + 1].begin_s - EDGE_S)) return false;
+        progress.show(blocks[k].begin_s + blocks[k].length_s, printed);
+        return true;
+    };
+    const unsigned jobs = options.verbose ? 1 : options.jobs;  // what each block says stays together
+    in_order(blocks.size(), jobs, work, use);
+    if (!problem.empty()) {
+        progress.clear();
+        print_error("cannot decode '" + path + "': " + problem);
     }
-    auto spots = decode_block(block, params);
-    if (!spots) print_error("cannot decode '" + path + "': " + refusal(block));
-    return spots;
+    return problem.empty();
 }
 
-int decode(const Options& options) {
+int decode(Options& options) {
+    if (options.wide && options.search.center_hz) throw CLI::ValidationError("--center: --wide has --band instead");
+    if (!options.band.empty()) parse_band(options.band);
+    if (options.jobs == 0) options.jobs = std::max(1u, std::thread::hardware_concurrency());
     const std::vector<ovc_known> known = known_callsigns(options.search);
     const ov_params params = decode_params(options, known);
 
@@ -139,18 +190,18 @@ int decode(const Options& options) {
     bool first = true;
     for (const std::string& path : options.files) {
         if (options.verbose && options.files.size() > 1) print_error("'" + path + "'");
-        const auto spots = decode_file(path, options.iq, params);
-        if (!spots) {
+        const auto recording = open_recording(path, options.recording);
+        if (!recording) {
             status = EXIT_FAILED;
             continue;
         }
-        if (options.json) {
-            print_json(path, *spots);
-        } else {
+        const auto heading = [&] {
+            if (options.json) return;
             if (options.files.size() > 1) print((first ? "" : "\n") + path + ":\n");
-            print_table(*spots);
-        }
-        first = false;
+            print(spot_header(format("%9s", "time s")));
+            first = false;
+        };
+        if (!decode_recording(*recording, path, options, params, heading)) status = EXIT_FAILED;
         if (!flush_output()) return EXIT_FAILED;
     }
     return status;
@@ -161,9 +212,25 @@ int decode(const Options& options) {
 void add_decode(CLI::App& app, int& status) {
     CLI::App* sub = app.add_subcommand("decode", "Decode the beacons in recordings");
     const auto options = std::make_shared<Options>();
-    sub->add_option("FILE", options->files, "WAV recordings: integer PCM of any number of channels")->required();
-    sub->add_flag("--iq", options->iq, "The recordings are I/Q: two channels, integer or 32-bit float, RIFF or RF64");
+    sub->add_option("FILE", options->files, "Recordings: WAV, FLAC, Ogg, AIFF, W64 and what else libsndfile reads")
+        ->required();
+    add_recording_options(*sub, options->recording);
+    CLI::Option* wide = sub->add_flag("--wide", options->wide, "Search the whole band of the recording, or --band");
+    sub->add_option("--band", options->band, "Band of a wide search, as -20000:20000 [all that the sample rate holds]")
+        ->type_name("LO:HI")
+        ->needs(wide);
+    sub->add_option("--min-z", options->scan_z, "Keyed carriers of a wide search stand out so many sigma [6]")
+        ->type_name("SIGMA")
+        ->check(finite_number())
+        ->needs(wide);
     add_search_options(*sub, options->search, "1500; with --iq 0");
+    sub->add_option("--block", options->block_s,
+                    "Work through longer recordings in overlapping blocks of so many seconds, 60 to 3600 [by rate]")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(60.0, 3600.0));
+    sub->add_option("--jobs", options->jobs, "Blocks to decode at once [one for each core]")
+        ->type_name("N")
+        ->check(CLI::Range(1, 256));
     sub->add_flag("--json", options->json, "Print one JSON object a line");
     sub->add_flag("-v,--verbose", options->verbose, "Print what the decoder did to standard error");
     sub->footer("Times are seconds from the start of the file, SNRs refer to the mean power of the frame in 2500 Hz.");

@@ -13,6 +13,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,6 +23,7 @@
 #include "console.h"
 #include "json.h"
 #include "patience.h"
+#include "recording.h"
 #include "search.h"
 #include "spotlog.h"
 #include "spots.h"
@@ -32,17 +34,16 @@ namespace {
 constexpr double BLOCK_S = 60;     // decoded at a time; the longest frame is 41 s
 constexpr double SHORTEST_S = 20;  // less cannot hold enough of a frame
 constexpr double POLL_S = 0.05;
-constexpr double STALL_S = 5;        // without a captured sample: the device stands still
-constexpr double RETRY_S = 5;        // between attempts to open it again
-constexpr double CLOSE_S = 3;        // time that a device gets to close
-constexpr double COMPLAIN_S = 60;    // between reports of lost input
-constexpr double READ_S = 0.25;      // of standard input at a time
-constexpr double CLOCK_LEAK = 2e-4;  // the most that a sound card's clock is wrong
-constexpr double CLOCK_JUMP_S = 1;   // more than buffers explain: samples were lost
+constexpr double STALL_S = 5;      // without a captured sample: the device stands still
+constexpr double RETRY_S = 5;      // between attempts to open it again
+constexpr double CLOSE_S = 3;      // time that a device gets to close
+constexpr double COMPLAIN_S = 60;  // between reports of lost input
+constexpr double READ_S = 0.25;    // of standard input at a time
 constexpr int32_t MAX_CHANNELS = 16;
 constexpr int32_t MIN_RATE = 8000;
 constexpr int32_t MAX_RATE = 384000;
 constexpr int MAX_RESULTS = 64;
+constexpr int32_t MAX_TRIES = 3;
 
 // The command line, as typed.
 struct Options {
@@ -62,37 +63,44 @@ struct DestroyDecoder {
 };
 using DecoderPtr = std::unique_ptr<ovl_decoder, DestroyDecoder>;
 
-ov_spot to_spot(const ovl_result& result, double block_utc) {
+ov_spot to_spot(const ovl_result& result, double block_s) {
     ov_spot spot{};
     std::copy(std::begin(result.call), std::end(result.call), spot.call);
     std::copy(std::begin(result.locator), std::end(result.locator), spot.locator);
     spot.protocol = result.protocol;
     spot.deep = result.deep;
-    spot.t = block_utc + result.t_start;
+    spot.t = block_s + result.t_start;
     spot.freq = result.freq_hz;
     spot.snr = result.snr_db;
     spot.drift = result.drift_hz_s;
     return spot;
 }
 
-// Tells when captured samples were on the air. Buffers arrive late by more or less; the one that came soonest is right.
+// Tells when captured samples were on the air. Buffers arrive late by more or less: of those of the last seconds the
+// one that came soonest is right.
 class SampleClock {
   public:
     // captured_s of audio have arrived by now.
     void observe(double captured_s, double now) {
+        if (captured_s <= 0) return;  // a device may take seconds to begin
         const double begin = now - captured_s;
-        const bool credible = std::fabs(begin - begin_) <= CLOCK_JUMP_S;
-        begin_ = credible ? std::min(begin, begin_ + CLOCK_LEAK * (now - observed_)) : begin;
-        observed_ = now;
+        if (now - since_ > WINDOW_S) {
+            before_ = recent_;
+            recent_ = begin;
+            since_ = now;
+        }
+        recent_ = std::min(recent_, begin);
     }
-    double utc(double captured_s) const { return begin_ + captured_s; }
+    double utc(double captured_s) const { return std::min(before_, recent_) + captured_s; }
 
   private:
-    double begin_ = HUGE_VAL;  // UTC of the first sample
-    double observed_ = 0;
+    static constexpr double WINDOW_S = 5;
+    double recent_ = HUGE_VAL;  // UTC of the first sample, as the last window has it
+    double before_ = HUGE_VAL;  // and the one before
+    double since_ = 0;
 };
 
-// Decodes the ring again and again and prints the spots.
+// Decodes the ring again and again and prints the spots. All is reckoned in captured seconds until it is printed.
 class Listener {
   public:
     Listener(const Options& options, ovl_audio* audio) : options_(options), audio_(audio), decoder_(ovl_create()) {
@@ -109,31 +117,54 @@ class Listener {
         if (!options.json) print(spot_header(format("%22s", "UTC")));
     }
 
-    // Looks at the ring if it is time. newest_utc: when its last sample was on the air.
-    void look(const ovl_audio_stats& stats, double newest_utc) {
+    // Tells when the last of so many captured seconds was on the air.
+    using Clock = std::function<double(double)>;
+
+    // Looks at the ring if it is time.
+    void look(const ovl_audio_stats& stats, const Clock& utc) {
         if (stats.captured_s < next_look_s_) return;
         next_look_s_ = stats.captured_s + options_.every_s;
-        look_now(stats, newest_utc, false);
-        log_.release(newest_utc - options_.every_s, [this](const ov_spot& spot) { print_spot(spot); });
+        look_now(false);
+        release(stats.captured_s - options_.every_s, utc);
     }
 
     // The same at the end of the audio: frames may hang over it.
-    void finish(const ovl_audio_stats& stats, double newest_utc) {
-        look_now(stats, newest_utc, true);
-        log_.release(HUGE_VAL, [this](const ov_spot& spot) { print_spot(spot); });
+    void finish(const Clock& utc) {
+        look_now(true);
+        release(HUGE_VAL, utc);
     }
 
     // Capture has begun anew.
-    void restart() { next_look_s_ = SHORTEST_S; }
+    void restart(const Clock& utc) {
+        release(HUGE_VAL, utc);
+        log_ = SpotLog(SpotLog::Order::END);
+        next_look_s_ = SHORTEST_S;
+    }
 
     int64_t printed() const { return printed_; }
     StatusLine& line() { return line_; }
 
   private:
-    void look_now(const ovl_audio_stats& stats, double newest_utc, bool last) {
-        block_.resize(static_cast<std::size_t>(BLOCK_S * stats.rate));
-        const int32_t n = ovl_audio_last(audio_, block_.data(), static_cast<int32_t>(block_.size()));
-        const double seconds = static_cast<double>(n) / std::max(stats.rate, 1);
+    // Copies the newest minute. Returns how many seconds had been captured with its last sample.
+    double copy_block() {
+        ovl_audio_stats before;
+        ovl_audio_stats after;
+        int32_t tries = 0;
+        do {
+            ovl_audio_input_stats(audio_, &before);
+            rate_ = before.rate;
+            block_.resize(static_cast<std::size_t>(BLOCK_S * rate_));
+            const int32_t n = ovl_audio_last(audio_, block_.data(), static_cast<int32_t>(block_.size()));
+            block_.resize(static_cast<std::size_t>(n));
+            ovl_audio_input_stats(audio_, &after);
+        } while (after.captured_s != before.captured_s && ++tries < MAX_TRIES);  // a buffer came between
+        return after.captured_s;
+    }
+
+    void look_now(bool last) {
+        const double captured_s = copy_block();
+        const auto n = static_cast<int32_t>(block_.size());
+        const double seconds = static_cast<double>(n) / std::max(rate_, 1);
         if (seconds < SHORTEST_S) return;
 
         std::array<ovl_result, MAX_RESULTS> results;
@@ -142,10 +173,10 @@ class Listener {
         if (last) {
             ovl_settings settings = settings_;
             settings.end_min = seconds - recent_s;
-            count = ovl_decode(decoder_.get(), block_.data(), n, stats.rate, &settings, results.data(), MAX_RESULTS);
+            count = ovl_decode(decoder_.get(), block_.data(), n, rate_, &settings, results.data(), MAX_RESULTS);
         } else {
-            count = ovl_decode_recent(decoder_.get(), block_.data(), n, stats.rate, &settings_, recent_s,
-                                      results.data(), MAX_RESULTS);
+            count = ovl_decode_recent(decoder_.get(), block_.data(), n, rate_, &settings_, recent_s, results.data(),
+                                      MAX_RESULTS);
         }
         if (count < 0) {
             complain(ovl_last_error(decoder_.get()));
@@ -154,7 +185,7 @@ class Listener {
         complaint_.clear();
         std::vector<ov_spot> spots;
         std::transform(results.begin(), results.begin() + count, std::back_inserter(spots),
-                       [&](const ovl_result& result) { return to_spot(result, newest_utc - seconds); });
+                       [&](const ovl_result& result) { return to_spot(result, captured_s - seconds); });
         log_.add(spots);
     }
 
@@ -164,6 +195,14 @@ class Listener {
         complaint_ = text;
         line_.clear();
         print_error(text);
+    }
+
+    // Prints the frames that ended up to so many captured seconds.
+    void release(double captured_s, const Clock& utc) {
+        log_.release(captured_s, [&](ov_spot spot) {
+            spot.t = utc(spot.t);
+            print_spot(spot);
+        });
     }
 
     void print_spot(const ov_spot& spot) {
@@ -186,7 +225,8 @@ class Listener {
     DecoderPtr decoder_;
     ovl_settings settings_{};
     std::vector<float> block_;
-    SpotLog log_;
+    int32_t rate_ = 0;
+    SpotLog log_{SpotLog::Order::END};
     StatusLine line_;
     std::string complaint_;
     double next_look_s_ = SHORTEST_S;
@@ -196,6 +236,15 @@ class Listener {
 void show_level(Listener& listener, const ovl_audio_stats& stats, double now) {
     listener.line().show(format("%s  level %.1f dB, peak %.1f dB, %lld spots", utc_text(now, 0).c_str(), stats.rms_db,
                                 stats.peak_db, static_cast<long long>(listener.printed())));
+}
+
+// Whether the decoder can work with the rate of the captured samples.
+bool check_rate(ovl_audio* audio) {
+    ovl_audio_stats stats;
+    ovl_audio_input_stats(audio, &stats);
+    if (rate_served(static_cast<uint32_t>(stats.rate))) return true;
+    print_error(format("audio captured at %d Hz cannot be decoded; another --rate may do", stats.rate));
+    return false;
 }
 
 // ---- From a sound device --------------------------------------------------------------------------------------------
@@ -285,29 +334,30 @@ class OverflowReport {
     double reported_at_ = 0;
 };
 
-// Seconds captured and the newest sample must belong together: asked for until no buffer came between.
 int listen_to_device(const Options& options, ovl_audio* audio) {
     const int32_t device = find_device(options.device, Direction::INPUT);
-    Listener listener(options, audio);
     Capture capture(audio, device, options.rate);
     if (!capture.open()) {
         print_error(ovl_audio_last_error(audio));
         return EXIT_FAILED;
     }
+    if (!check_rate(audio)) return EXIT_FAILED;
+    Listener listener(options, audio);
     SampleClock clock;
+    const auto utc = [&](double captured_s) { return clock.utc(captured_s); };
     OverflowReport overflows;
     while (!interrupted()) {
         nap(POLL_S);
         bool restarted = false;
         const auto stats = capture.stats(listener.line(), restarted);
         if (restarted) {
+            listener.restart(utc);
             clock = {};
-            listener.restart();
         }
         if (!stats) continue;
         const double now = utc_now();
         clock.observe(stats->captured_s, now);
-        listener.look(*stats, clock.utc(stats->captured_s));
+        listener.look(*stats, utc);
         overflows.see(*stats, now, listener.line());
         show_level(listener, *stats, now);
         if (!flush_output()) break;
@@ -331,7 +381,7 @@ class RawInput {
         samples.clear();
         while (samples.empty() && !interrupted()) {
             pollfd ready{STDIN_FILENO, POLLIN, 0};
-            if (poll(&ready, 1, 100) == 0) continue;
+            if (poll(&ready, 1, 100) <= 0) continue;
             const ssize_t got = ::read(STDIN_FILENO, bytes_.data() + held_, bytes_.size() - held_);
             if (got < 0 && errno == EINTR) continue;
             if (got < 0) {
@@ -384,15 +434,16 @@ int listen_to_stdin(const Options& options, ovl_audio* audio) {
         start = parse_utc(options.start, utc_now());
         if (!start) throw CLI::ValidationError("--start: '" + options.start + "' is no UTC time");
     }
-    Listener listener(options, audio);
     if (ovl_audio_start_input(audio, OVL_AUDIO_NONE, options.rate, BLOCK_S + 1) != 0) {
         print_error(ovl_audio_last_error(audio));
         return EXIT_FAILED;
     }
+    if (!check_rate(audio)) return EXIT_FAILED;
+    Listener listener(options, audio);
     RawInput input(options);
     SampleClock clock;
     ovl_audio_stats stats{};
-    const auto newest_utc = [&] { return start ? *start + stats.captured_s : clock.utc(stats.captured_s); };
+    const auto utc = [&](double captured_s) { return start ? *start + captured_s : clock.utc(captured_s); };
     std::vector<float> samples;
     while (input.read(samples)) {
         ovl_audio_push(audio, samples.data(), static_cast<int32_t>(samples.size()) / options.channels,
@@ -400,11 +451,11 @@ int listen_to_stdin(const Options& options, ovl_audio* audio) {
         ovl_audio_input_stats(audio, &stats);
         const double now = utc_now();
         clock.observe(stats.captured_s, now);
-        listener.look(stats, newest_utc());
-        show_level(listener, stats, start ? newest_utc() : now);
+        listener.look(stats, utc);
+        show_level(listener, stats, utc(stats.captured_s));
         if (!flush_output()) return EXIT_FAILED;
     }
-    listener.finish(stats, newest_utc());
+    listener.finish(utc);
     return flush_output() && !input.failed() ? EXIT_DONE : EXIT_FAILED;
 }
 
@@ -448,6 +499,7 @@ void add_listen(CLI::App& app, int& status) {
     sub->add_option("--every", options->every_s,
                     "Decode so often; a spot comes one to two such lengths after its frame [4]")
         ->type_name("SECONDS")
+        ->check(finite_number())
         ->check(CLI::Range(1.0, 15.0));
     add_search_options(*sub, options->search, "1500");
     sub->add_flag("--json", options->json, "Print one JSON object a line");

@@ -12,6 +12,7 @@
 #include "liborvel.h"
 #include "listen.h"
 #include "render.h"
+#include "scan.h"
 #include "send.h"
 
 namespace {
@@ -24,6 +25,7 @@ int run_command(int argc, char** argv) {
     add_decode(app, status);
     add_encode(app, status);
     add_render(app, status);
+    add_scan(app, status);
     add_devices(app, status);
     add_send(app, status);
     add_listen(app, status);

@@ -2,7 +2,10 @@
 
 #include <sndfile.h>
 
+#include <algorithm>
 #include <array>
+#include <cmath>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -26,12 +29,21 @@ struct CloseSound {
 };
 using SoundPtr = std::unique_ptr<SNDFILE, CloseSound>;
 
+// 16-bit samples rounded to the nearest: libsndfile's own conversion cuts them off.
+int16_t to_s16(float sample) {
+    return static_cast<int16_t>(std::clamp(std::lround(sample * 32768.0), -32768L, 32767L));
+}
+
 // Writes all that the transmitter has to say. False when the file takes no more.
-bool write_all(SNDFILE* file, ovl_transmitter* tx) {
+bool write_all(SNDFILE* file, ovl_transmitter* tx, bool s16) {
     std::array<float, BLOCK> block;
+    std::array<int16_t, BLOCK> rounded;
     for (;;) {
         const int32_t rendered = ovl_tx_render(tx, block.data(), BLOCK);
-        if (sf_write_float(file, block.data(), rendered) != rendered) return false;
+        std::transform(block.begin(), block.end(), rounded.begin(), to_s16);
+        const sf_count_t written =
+            s16 ? sf_write_short(file, rounded.data(), rendered) : sf_write_float(file, block.data(), rendered);
+        if (written != rendered) return false;
         if (rendered < BLOCK) return true;
     }
 }
@@ -52,17 +64,18 @@ int render(const Options& options) {
     const TransmitterPtr tx = make_transmitter();
     start_transmitter(tx.get(), options.steps);
 
+    const bool s16 = options.sample_format == "s16";
+
     // Files of more than 4 GB become RF64.
     SF_INFO info{};
     info.samplerate = options.steps.rate;
     info.channels = 1;
-    info.format = SF_FORMAT_RF64 | (options.sample_format == "s16" ? SF_FORMAT_PCM_16 : SF_FORMAT_FLOAT);
+    info.format = SF_FORMAT_RF64 | (s16 ? SF_FORMAT_PCM_16 : SF_FORMAT_FLOAT);
     SoundPtr file(sf_open(options.output.c_str(), SFM_WRITE, &info));
     if (!file) return failure(options.output, sf_strerror(nullptr));
     sf_command(file.get(), SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
-    sf_command(file.get(), SFC_SET_CLIPPING, nullptr, SF_TRUE);
 
-    if (!write_all(file.get(), tx.get())) return failure(options.output, sf_strerror(file.get()));
+    if (!write_all(file.get(), tx.get(), s16)) return failure(options.output, sf_strerror(file.get()));
     if (const int error = sf_close(file.release()); error != 0) {
         return failure(options.output, sf_error_number(error));
     }

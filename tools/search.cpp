@@ -76,3 +76,13 @@ std::vector<ovc_known> known_callsigns(const SearchOptions& options) {
     }
     return known;
 }
+
+Band parse_band(const std::string& text) {
+    const std::size_t colon = text.find(':');
+    const auto low = parse_finite(text.substr(0, colon));
+    const auto high = colon == std::string::npos ? std::nullopt : parse_finite(text.substr(colon + 1));
+    if (!low || !high || !(*low < *high)) {
+        throw CLI::ValidationError("--band: '" + text + "' is not LO:HI with LO below HI");
+    }
+    return {*low, *high};
+}

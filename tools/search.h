@@ -26,3 +26,11 @@ void add_search_options(CLI::App& sub, SearchOptions& options, const std::string
 // Values of the options; each throws CLI::ValidationError, which ends the command as wrong usage.
 int32_t protocol_mask(const SearchOptions& options);
 std::vector<ovc_known> known_callsigns(const SearchOptions& options);
+
+// A band of frequencies, Hz.
+struct Band {
+    double low_hz, high_hz;
+};
+
+// "LO:HI" with LO below HI. Throws CLI::ValidationError.
+Band parse_band(const std::string& text);

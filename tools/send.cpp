@@ -58,7 +58,7 @@ Schedule make_schedule(const Options& options, double total_s) {
         throw CLI::ValidationError(format("--every: the transmission takes %.1f s", total_s));
     }
     if (!options.offset.empty()) {
-        const auto offset = parse_duration(options.offset);
+        const auto offset = options.offset == "0" ? std::optional(0.0) : parse_duration(options.offset);
         if (!offset) throw CLI::ValidationError("--offset: '" + options.offset + "' is no length like 30 or 1m");
         schedule.offset_s = *offset;
     }

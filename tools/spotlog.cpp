@@ -17,6 +17,12 @@ bool same_frame(const ov_spot& a, const ov_spot& b) {
            std::fabs(a.t - b.t) < SAME_S && std::fabs(a.freq - b.freq) < SAME_HZ;
 }
 
+// An ordinary decode counts more than one that had to know the callsign.
+bool saw_less(const ov_spot& spot, const ov_spot& other) {
+    if (spot.deep != other.deep) return spot.deep != 0;
+    return spot.chips_ok < other.chips_ok;
+}
+
 }  // namespace
 
 void SpotLog::add(const std::vector<ov_spot>& found) {
@@ -25,20 +31,24 @@ void SpotLog::add(const std::vector<ov_spot>& found) {
                                         [&](const Entry& entry) { return same_frame(entry.spot, spot); });
         if (known == entries_.end()) {
             entries_.push_back({spot, false});
-        } else if (!known->released) {
-            known->spot = spot;  // the later look saw more of the frame
+        } else if (!known->released && !saw_less(spot, known->spot)) {
+            known->spot = spot;
         }
     }
 }
 
-void SpotLog::release(double utc, const std::function<void(const ov_spot&)>& take) {
+double SpotLog::time_of(const ov_spot& spot) const {
+    return order_ == Order::START ? spot.t : spot_end(spot);
+}
+
+void SpotLog::release(double time, const std::function<void(const ov_spot&)>& take) {
     std::stable_sort(entries_.begin(), entries_.end(),
-                     [](const Entry& a, const Entry& b) { return spot_end(a.spot) < spot_end(b.spot); });
+                     [this](const Entry& a, const Entry& b) { return time_of(a.spot) < time_of(b.spot); });
     for (Entry& entry : entries_) {
-        if (entry.released || spot_end(entry.spot) > utc) continue;
+        if (entry.released || time_of(entry.spot) > time) continue;
         entry.released = true;
         take(entry.spot);
     }
     std::erase_if(entries_,
-                  [&](const Entry& entry) { return entry.released && spot_end(entry.spot) < utc - REMEMBER_S; });
+                  [&](const Entry& entry) { return entry.released && time_of(entry.spot) < time - REMEMBER_S; });
 }

@@ -1,4 +1,4 @@
-// The spots of a sliding block: each of them once, in the order in which the frames ended.
+// The spots of blocks that overlap: each of them once, in order of time.
 #pragma once
 
 #include <functional>
@@ -6,20 +6,26 @@
 
 #include "ovpipe.h"
 
-// A frame is found again in every look at the block as long as it is recent, each time with values a little different.
-// Spots are held back until no look can bring an earlier one, and remembered until none can bring them again.
+// A frame is found again in every block that holds it, each time with values a little different. Spots are held back
+// until no block can bring an earlier one, and remembered until none can bring them again.
 class SpotLog {
   public:
-    // Takes what one look found; times are UTC.
+    enum class Order { START, END };  // of the frames
+    explicit SpotLog(Order order) : order_(order) {}
+
+    // Takes what was found in one block. Of a frame found before, what saw more of it stays.
     void add(const std::vector<ov_spot>& found);
 
-    // Hands out the spots of frames that ended up to `utc`, and forgets those that ended long before.
-    void release(double utc, const std::function<void(const ov_spot&)>& take);
+    // Hands out the spots of frames that started (or ended) up to `time`, and forgets those from long before.
+    void release(double time, const std::function<void(const ov_spot&)>& take);
 
   private:
     struct Entry {
         ov_spot spot;
         bool released;
     };
+    double time_of(const ov_spot& spot) const;
+
+    Order order_;
     std::vector<Entry> entries_;
 };

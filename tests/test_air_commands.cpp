@@ -1,0 +1,790 @@
+// The commands of orvel that touch the air, as their user meets them: the built program, without sound devices.
+#include <gtest/gtest.h>
+#include <sndfile.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <limits>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "command.h"
+#include "liborvel.h"
+#include "process.h"
+#include "siggen.h"
+
+namespace {
+
+// Where protocols do not matter: the search for OPERA alone takes a fraction of the time.
+const std::string OPERA = "--protocols=opera";
+const std::string MIDNIGHT = "--start=2026-01-01T00:00:00Z";
+constexpr double PATIENCE_S = 60;  // much longer than anything takes, also under a sanitizer
+
+using AirCommands = TestWithFiles;
+
+// ---- orvel render --------------------------------------------------------------------------------------------------
+
+struct Sound {
+    SF_INFO info{};
+    std::vector<float> samples;  // full scale 1
+};
+
+Sound read_sound(const std::string& path) {
+    Sound sound;
+    const std::unique_ptr<SNDFILE, decltype(&sf_close)> file(sf_open(path.c_str(), SFM_READ, &sound.info), sf_close);
+    if (!file) throw std::runtime_error(path + ": " + sf_strerror(nullptr));
+    sound.samples.resize(static_cast<std::size_t>(sound.info.frames * sound.info.channels));
+    EXPECT_EQ(sf_readf_float(file.get(), sound.samples.data(), sound.info.frames), sound.info.frames);
+    return sound;
+}
+
+ovl_tx_step frame(int32_t protocol, const char* call, const char* locator = "") {
+    ovl_tx_step step{};
+    step.kind = OVL_TX_FRAME;
+    step.protocol = protocol;
+    std::strcpy(step.call, call);
+    std::strcpy(step.locator, locator);
+    return step;
+}
+
+ovl_tx_step lasting(int32_t kind, double seconds) {
+    ovl_tx_step step{};
+    step.kind = kind;
+    step.seconds = seconds;
+    return step;
+}
+
+// What the library renders for the steps.
+std::vector<float> rendered(const ovl_tx_settings& settings, const std::vector<ovl_tx_step>& steps) {
+    const std::unique_ptr<ovl_transmitter, decltype(&ovl_tx_destroy)> tx(ovl_tx_create(), ovl_tx_destroy);
+    EXPECT_EQ(ovl_tx_start(tx.get(), &settings, steps.data(), static_cast<int32_t>(steps.size())), 0);
+    std::vector<float> samples;
+    std::vector<float> block(10007);
+    for (auto n = static_cast<int32_t>(block.size()); n == static_cast<int32_t>(block.size());) {
+        n = ovl_tx_render(tx.get(), block.data(), n);
+        samples.insert(samples.end(), block.begin(), block.begin() + n);
+    }
+    return samples;
+}
+
+TEST_F(AirCommands, ARenderedFloatFileIsWhatTheTransmitterRenders) {
+    const std::string file = path("float.wav");
+    const ProcessResult result =
+        orvel({"render", "carrier=0.5", "opera=K2QRX", "pause=0.25", "orvel-l=DL1QXA,JO31", "-o", file, "--format",
+               "float", "--rate", "11025", "--tone", "1234.5", "--level", "0.75", "--ramp", "0.01"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out + result.err, "");
+    const Sound sound = read_sound(file);
+    EXPECT_EQ(sound.info.samplerate, 11025);
+    EXPECT_EQ(sound.info.channels, 1);
+    EXPECT_EQ(sound.info.format & SF_FORMAT_SUBMASK, SF_FORMAT_FLOAT);
+    EXPECT_EQ(sound.samples, rendered({11025, 1234.5, 0.75, 0.01},
+                                      {lasting(OVL_TX_CARRIER, 0.5), frame(OVL_OPERA, "K2QRX"),
+                                       lasting(OVL_TX_PAUSE, 0.25), frame(OVL_ORVEL_L, "DL1QXA", "JO31")}));
+}
+
+TEST_F(AirCommands, ARenderedFileHasSixteenBitsRoundedToTheNearest) {
+    const std::string file = path("s16.wav");
+    const ProcessResult result = orvel({"render", "--output", file, "carrier=0.5", "orvel-s=K2QRX"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out + result.err, "");
+    const Sound sound = read_sound(file);
+    EXPECT_EQ(sound.info.samplerate, 48000);
+    EXPECT_EQ(sound.info.channels, 1);
+    EXPECT_EQ(sound.info.format & SF_FORMAT_SUBMASK, SF_FORMAT_PCM_16);
+    const std::vector<float> expected =
+        rendered({48000, 1500, 0.5, 0.005}, {lasting(OVL_TX_CARRIER, 0.5), frame(OVL_ORVEL_S, "K2QRX")});
+    ASSERT_EQ(sound.samples.size(), expected.size());
+    double worst = 0;
+    for (std::size_t k = 0; k < expected.size(); k++) {
+        worst = std::max(worst, 32768.0 * std::fabs(sound.samples[k] - expected[k]));
+    }
+    EXPECT_LE(worst, 0.5) << "least significant bits";
+}
+
+TEST_F(AirCommands, FullLevelDoesNotWrapAround) {
+    const std::string file = path("loud.wav");
+    ASSERT_EQ(orvel({"render", "carrier=1", "--level", "1", "--rate", "12000", "-o", file}).status, 0);
+    const Sound sound = read_sound(file);
+    const std::vector<float> expected = rendered({12000, 1500, 1, 0.005}, {lasting(OVL_TX_CARRIER, 1)});
+    ASSERT_EQ(sound.samples.size(), expected.size());
+    double worst = 0;
+    for (std::size_t k = 0; k < expected.size(); k++) {
+        worst = std::max(worst, 32768.0 * std::fabs(sound.samples[k] - expected[k]));
+    }
+    EXPECT_LE(worst, 1) << "least significant bits";
+    EXPECT_GT(*std::max_element(expected.begin(), expected.end()), 0.999F);
+}
+
+std::vector<float> raw_floats(const std::string& path) {
+    std::vector<float> samples(std::filesystem::file_size(path) / sizeof(float));
+    std::ifstream(path, std::ios::binary)
+        .read(reinterpret_cast<char*>(samples.data()), static_cast<std::streamsize>(sizeof(float) * samples.size()));
+    return samples;
+}
+
+TEST_F(AirCommands, OtherProgramsReadARenderedFile) {
+    for (const char* const format : {"s16", "float"}) {
+        const std::string file = path(std::string(format) + ".wav");
+        ASSERT_EQ(orvel({"render", "carrier=0.5", "--rate", "12000", "-o", file, "--format", format}).status, 0);
+        const std::vector<float> expected = read_sound(file).samples;
+
+        const std::string by_ffmpeg = path(std::string("ffmpeg-") + format);
+        const ProcessResult converted =
+            run_process({"/usr/bin/ffmpeg", "-v", "error", "-i", file, "-f", "f32le", by_ffmpeg});
+        EXPECT_EQ(converted.status, 0) << converted.err;
+        EXPECT_EQ(converted.err, "");
+        EXPECT_EQ(raw_floats(by_ffmpeg), expected) << format;
+
+        const std::string by_sox = path(std::string("sox-") + format);
+        const ProcessResult copied = run_process(
+            {"/usr/bin/sox", "-D", file, "-t", "raw", "-e", "floating-point", "-b", "32", "-L", "-c", "1", by_sox});
+        EXPECT_EQ(copied.status, 0) << copied.err;
+        const std::vector<float> samples = raw_floats(by_sox);  // that went through fixed point
+        ASSERT_EQ(samples.size(), expected.size());
+        for (std::size_t k = 0; k < samples.size(); k++) ASSERT_NEAR(samples[k], expected[k], 1e-6) << format;
+    }
+}
+
+TEST_F(AirCommands, ARenderedSequenceIsDecoded) {
+    const std::string file = path("all.wav");
+    ASSERT_EQ(orvel({"render", "pause=5", "opera=K2QRX", "pause=10", "orvel-s=G4QZB", "pause=10", "orvel-l=DL1QXA,JO31",
+                     "pause=5", "--rate", "8000", "-o", file})
+                  .status,
+              0);
+    const ProcessResult result = orvel({"decode", "--json", "--search=50", file});
+    EXPECT_EQ(result.status, 0);
+    const auto lines = lines_of(result.out);
+    ASSERT_EQ(lines.size(), 3U) << result.out;
+    const double chip = ovl_chip_seconds();
+    const double second = 5 + chip * ovl_frame_chips(OVL_OPERA) + 10;
+    const double third = second + chip * ovl_frame_chips(OVL_ORVEL_S) + 10;
+    const std::vector<std::tuple<const char*, const char*, const char*, double>> expected = {
+        {"OPERA 05", "K2QRX", "", 5}, {"ORVEL S", "G4QZB", "", second}, {"ORVEL L", "DL1QXA", "JO31", third}};
+    for (std::size_t k = 0; k < lines.size(); k++) {
+        const auto object = nlohmann::json::parse(lines[k]);
+        const auto& [protocol, call, locator, start] = expected[k];
+        EXPECT_EQ(object.at("protocol"), protocol);
+        EXPECT_EQ(object.at("call"), call);
+        EXPECT_EQ(object.at("locator"), locator);
+        EXPECT_NEAR(object.at("t_start"), start, 0.02);
+        EXPECT_NEAR(object.at("freq_hz"), 1500, 0.1);
+    }
+}
+
+TEST_F(AirCommands, WhatCannotBeRenderedIsWrongUsage) {
+    const std::string file = path("refused.wav");
+    const std::vector<std::pair<Arguments, std::string>> refusals = {
+        {{}, "STEP"},
+        {{"morse=K2QRX"}, "'morse=K2QRX': a step is one of opera, orvel-s, orvel-l, carrier, pause"},
+        {{"carrier=1", "K2QRX"}, "'K2QRX': a step is NAME=VALUE"},
+        {{"opera=G4/QZB"}, "cannot encode G4/QZB"},
+        {{"orvel-l=G4QZB"}, "an ORVEL L frame needs a locator"},
+        {{"opera=G4QZB,IO91"}, "OPERA 05 frames carry no locator"},
+        {{"orvel-l=G4QZB,ZZ99"}, "cannot encode G4QZB ZZ99"},
+        {{"carrier=x"}, "'carrier=x': seconds expected behind the '='"},
+        {{"carrier=0.01"}, "carrier or pause duration out of range (0.05-3600 s)"},
+        {{"pause=-1"}, "carrier or pause duration out of range (0.05-3600 s)"},
+        {{"carrier=1", "--rate", "7999"}, "sample rate out of range (8000-384000 Hz)"},
+        {{"carrier=1", "--rate", "384001"}, "sample rate out of range (8000-384000 Hz)"},
+        {{"carrier=1", "--rate", "12k"}, "--rate"},
+        {{"carrier=1", "--rate", "99999999999"}, "--rate"},
+        {{"carrier=1", "--tone", "0"}, "tone frequency out of range"},
+        {{"carrier=1", "--tone", "21600"}, "tone frequency out of range"},
+        {{"carrier=1", "--tone", "nan"}, "--tone: 'nan' is not a finite number"},
+        {{"carrier=1", "--level", "0"}, "level out of range (0 < level <= 1)"},
+        {{"carrier=1", "--level", "1.01"}, "level out of range (0 < level <= 1)"},
+        {{"carrier=1", "--level", "inf"}, "--level: 'inf' is not a finite number"},
+        {{"carrier=1", "--ramp", "0.051"}, "ramp out of range (0-50 ms)"},
+        {{"carrier=1", "--ramp", "-0.001"}, "ramp out of range (0-50 ms)"},
+        {{"carrier=1", "--ramp", ""}, "--ramp: '' is not a finite number"},
+        {{"carrier=1", "--format", "mp3"}, "--format: 'mp3' is not one of s16, float"},
+    };
+    for (const auto& [arguments, text] : refusals) {
+        Arguments all = {"render", "-o", file};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        EXPECT_TRUE(usage_error_with(all, {text})) << text;
+        EXPECT_FALSE(std::filesystem::exists(file)) << text;
+    }
+    EXPECT_TRUE(usage_error_with({"render", "carrier=1"}, {"--output"}));
+    Arguments many(65, "pause=1");
+    many.insert(many.begin(), {"render", "-o", file});
+    EXPECT_TRUE(usage_error_with(many, {"too many steps (max 64)"}));
+    many.pop_back();
+    EXPECT_EQ(orvel(many).status, 0);
+}
+
+TEST_F(AirCommands, AFileThatCannotBeWrittenIsAFailureWithTheReason) {
+    const std::string missing = path("no/such/file.wav");
+    const std::vector<std::pair<std::string, std::string>> failures = {
+        {"/dev/full", "No space left on device"}, {missing, "No such file or directory"}, {path(""), "directory"}};
+    for (const auto& [file, reason] : failures) {
+        for (const char* const format : {"s16", "float"}) {
+            const ProcessResult result = orvel({"render", "carrier=1", "-o", file, "--format", format});
+            EXPECT_EQ(result.status, 1) << file;
+            EXPECT_EQ(result.out, "");
+            EXPECT_TRUE(one_line_with(result, {"cannot write '" + file + "'", reason}));
+        }
+    }
+}
+
+// ---- orvel listen: audio -------------------------------------------------------------------------------------------
+
+Station station(uint32_t protocol, const char* call, const char* locator, double t, double freq, double snr,
+                double drift = 0) {
+    Station result;
+    result.chips.resize(static_cast<std::size_t>(ovl_frame_chips(protocol)));
+    EXPECT_GT(ovl_encode(protocol, call, locator, result.chips.data(), ovl_frame_chips(protocol)), 0) << call;
+    result.t_start = t;
+    result.freq_hz = freq;
+    result.drift_hz_s = drift;
+    result.snr_db = snr;
+    return result;
+}
+
+std::vector<int16_t> quantised(const Scene& scene) {
+    std::vector<int16_t> samples;
+    for (const double x : render_real(scene)) samples.push_back(static_cast<int16_t>(std::lround(32768 * x)));
+    return samples;
+}
+
+std::string s16_bytes(const std::vector<int16_t>& samples) {
+    return {reinterpret_cast<const char*>(samples.data()), 2 * samples.size()};
+}
+
+std::string float_bytes(const std::vector<float>& samples) {
+    return {reinterpret_cast<const char*>(samples.data()), 4 * samples.size()};
+}
+
+std::vector<float> as_float(const std::vector<int16_t>& samples) {
+    std::vector<float> result;
+    for (const int16_t sample : samples) result.push_back(static_cast<float>(sample) / 32768);
+    return result;
+}
+
+// One OPERA frame within 40 s.
+Scene short_scene(int32_t rate = 12000) {
+    Scene scene;
+    scene.rate = rate;
+    scene.seconds = 40;
+    scene.seed = 3;
+    scene.stations = {station(OVL_OPERA, "K2QRX", "", 3, 1480, -12)};
+    return scene;
+}
+const std::vector<int16_t>& short_audio() {
+    static const std::vector<int16_t> samples = quantised(short_scene());
+    return samples;
+}
+
+// `orvel listen` on these bytes, in as few looks as it can be told.
+ProcessResult listen(const std::string& file, const Arguments& options, const std::string& every = "15",
+                     ProcessInput input = {}) {
+    input.stdin_file = file;
+    Arguments all = {"listen", "--stdin", "--every", every};
+    all.insert(all.end(), options.begin(), options.end());
+    return orvel(all, input);
+}
+
+struct Heard {
+    std::string call, protocol, locator;
+    double start = 0;  // s after midnight
+    double end = 0;
+    double freq = 0;
+};
+
+// Seconds after midnight of a time near 2026-01-01; such a time has two decimals.
+double seconds_of(const std::string& text) {
+    static const std::regex pattern(R"(^(2025-12-31|2026-01-01)T(\d\d):(\d\d):(\d\d\.\d\d)Z$)");
+    std::smatch match;
+    if (!std::regex_match(text, match, pattern)) {
+        ADD_FAILURE() << "no such time: " << text;
+        return 0;
+    }
+    return (match[1] == "2025-12-31" ? -86400 : 0) + 3600 * std::stod(match[2]) + 60 * std::stod(match[3]) +
+           std::stod(match[4]);
+}
+
+Heard heard_in(const std::string& line) {
+    const auto object = nlohmann::ordered_json::parse(line);
+    Arguments names;
+    for (const auto& [name, value] : object.items()) names.push_back(name);
+    EXPECT_EQ(names, (Arguments{"utc_start", "utc_end", "freq_hz", "drift_hz_s", "snr_db", "protocol", "call",
+                                "locator", "deep"}));
+    EXPECT_TRUE(object.at("freq_hz").is_number());
+    EXPECT_TRUE(object.at("drift_hz_s").is_number());
+    EXPECT_TRUE(object.at("snr_db").is_number() || object.at("snr_db").is_null());
+    EXPECT_TRUE(object.at("deep").is_boolean());
+    return {object.at("call"),
+            object.at("protocol"),
+            object.at("locator"),
+            seconds_of(object.at("utc_start")),
+            seconds_of(object.at("utc_end")),
+            object.at("freq_hz")};
+}
+
+std::vector<Heard> all_heard(const std::string& output) {
+    std::vector<Heard> heard;
+    for (const std::string& line : lines_of(output)) heard.push_back(heard_in(line));
+    return heard;
+}
+
+testing::AssertionResult is_the_short_scene(const ProcessResult& result) {
+    if (result.status != 0) return testing::AssertionFailure() << "exit status " << result.status << result.err;
+    if (!result.err.empty()) return testing::AssertionFailure() << result.err;
+    const auto heard = all_heard(result.out);
+    if (heard.size() != 1 || heard[0].call != "K2QRX" || std::fabs(heard[0].start - 3) > 0.1 ||
+        std::fabs(heard[0].freq - 1480) > 0.5) {
+        return testing::AssertionFailure() << result.out;
+    }
+    return testing::AssertionSuccess();
+}
+
+// ---- orvel listen: spots -------------------------------------------------------------------------------------------
+
+TEST_F(AirCommands, ListeningFindsWhatTheDecoderFindsEachFrameOnceInOrderOfItsEnd) {
+    Scene scene;
+    scene.rate = 12000;
+    scene.seconds = 240;
+    scene.seed = 20260101;
+    scene.stations = {
+        station(OVL_OPERA, "K2QRX", "", 5, 1450, -17),
+        station(OVL_OPERA, "G4QZB", "", 12, 1525, -16, 0.05),
+        station(OVL_ORVEL_L, "DL1QXA", "JO31", 31, 1560, -17),
+        station(OVL_OPERA, "OK2QJB", "", 72, 1425, -15),
+        station(OVL_ORVEL_S, "SM5QAB", "", 72.1, 1540, -16),  // ends with the one before
+        station(OVL_OPERA, "K2QRX", "", 110, 1450, -17),      // the first one again
+        station(OVL_ORVEL_S, "K2QRX", "", 145, 1510, -16),    // and in another protocol
+        station(OVL_ORVEL_L, "G4QZB", "IO91", 160, 1440, -17),
+        station(OVL_OPERA, "OH2QQ", "", 212, 1500, -14),  // hangs over the end
+    };
+    const std::vector<std::tuple<std::string, std::string, double>> truth = {
+        {"K2QRX", "OPERA 05", 5},   {"G4QZB", "OPERA 05", 12},   {"DL1QXA", "ORVEL L", 31},
+        {"OK2QJB", "OPERA 05", 72}, {"SM5QAB", "ORVEL S", 72.1}, {"K2QRX", "OPERA 05", 110},
+        {"K2QRX", "ORVEL S", 145},  {"G4QZB", "ORVEL L", 160},   {"OH2QQ", "OPERA 05", 212}};
+    const std::string samples = s16_bytes(quantised(scene));
+
+    const ProcessResult result =
+        listen(write("audio.raw", samples), {"--rate=12000", MIDNIGHT, "--json", "--search=80"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "");
+    const auto heard = all_heard(result.out);
+    EXPECT_TRUE(std::is_sorted(heard.begin(), heard.end(), [](const Heard& a, const Heard& b) {
+        return a.end < b.end;
+    })) << result.out;
+    const auto times_heard = [&](const std::string& call, const std::string& protocol, double start) {
+        return std::count_if(heard.begin(), heard.end(), [&](const Heard& spot) {
+            return spot.call == call && spot.protocol == protocol && std::fabs(spot.start - start) <= 0.1;
+        });
+    };
+    for (const auto& [call, protocol, start] : truth) EXPECT_EQ(times_heard(call, protocol, start), 1) << call;
+
+    const ProcessResult decoded =
+        orvel({"decode", "--json", "--search=80", write("audio.wav", wave_file(1, 1, 12000, 16, samples))});
+    EXPECT_GE(lines_of(decoded.out).size(), truth.size() - 2) << decoded.out;
+    for (const std::string& line : lines_of(decoded.out)) {
+        const auto object = nlohmann::json::parse(line);
+        EXPECT_EQ(times_heard(object.at("call"), object.at("protocol"), object.at("t_start")), 1) << line;
+    }
+    EXPECT_EQ(heard.size(), truth.size()) << result.out;
+    for (const Heard& spot : heard) {
+        EXPECT_EQ(spot.locator.empty(), spot.protocol != "ORVEL L") << spot.call;
+        const double length = spot.protocol == "ORVEL L" ? ovl_chip_seconds() * ovl_frame_chips(OVL_ORVEL_L)
+                                                         : ovl_chip_seconds() * ovl_frame_chips(OVL_OPERA);
+        EXPECT_NEAR(spot.end - spot.start, length, 0.011) << spot.call;
+    }
+}
+
+TEST_F(AirCommands, EveryFormOfTheSameSamplesGivesTheSameSpots) {
+    const std::vector<int16_t>& mono = short_audio();
+    const std::vector<float> floats = as_float(mono);
+    std::vector<int16_t> stereo;
+    std::vector<float> stereo_floats;
+    std::vector<int16_t> sixteen;
+    for (std::size_t k = 0; k < mono.size(); k++) {  // the mean over the channels is always the same
+        stereo.insert(stereo.end(), {0, static_cast<int16_t>(2 * mono[k])});
+        stereo_floats.insert(stereo_floats.end(), {3 * floats[k], -floats[k]});
+        sixteen.insert(sixteen.end(), 16, mono[k]);
+    }
+    const ProcessResult expected =
+        listen(write("mono.raw", s16_bytes(mono)), {"--rate=12000", MIDNIGHT, "--json", OPERA});
+    EXPECT_TRUE(is_the_short_scene(expected));
+    const std::vector<std::pair<std::string, Arguments>> forms = {
+        {float_bytes(floats), {"--format", "float"}},
+        {s16_bytes(stereo), {"--format=s16", "--channels", "2"}},
+        {float_bytes(stereo_floats), {"--format=float", "--channels=2"}},
+        {s16_bytes(sixteen), {"--channels=16"}},
+        {s16_bytes(mono) + "x", {}},  // half a sample, half a frame behind the end
+        {float_bytes(stereo_floats) + "seven b", {"--format=float", "--channels=2"}},
+    };
+    for (const auto& [bytes, options] : forms) {
+        Arguments all = {"--rate=12000", MIDNIGHT, "--json", OPERA};
+        all.insert(all.end(), options.begin(), options.end());
+        const ProcessResult result = listen(write("form.raw", bytes), all);
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(result.err, "");
+        EXPECT_EQ(result.out, expected.out) << ::testing::PrintToString(options);
+    }
+}
+
+TEST_F(AirCommands, ANoisyAndAFreeChannelAreBothHeard) {
+    Scene clean = short_scene();
+    clean.noise = false;
+    const std::vector<int16_t> right = quantised(clean);
+    std::vector<int16_t> both;
+    for (std::size_t k = 0; k < right.size(); k++) both.insert(both.end(), {short_audio()[k], right[k]});
+    EXPECT_TRUE(is_the_short_scene(
+        listen(write("both.raw", s16_bytes(both)), {"--rate=12000", "--channels=2", MIDNIGHT, "--json", OPERA})));
+}
+
+TEST_F(AirCommands, TheRatesOfSoundCardsAreServed) {
+    for (const int32_t rate : {8000, 44100, 48000}) {
+        Arguments options = {MIDNIGHT, "--json", OPERA};
+        if (rate != 48000) options.push_back("--rate=" + std::to_string(rate));  // that is the default
+        const std::string file = write("rate.raw", s16_bytes(quantised(short_scene(rate))));
+        EXPECT_TRUE(is_the_short_scene(listen(file, options))) << rate;
+    }
+}
+
+TEST_F(AirCommands, SamplesThatAreNoNumbersAreSilence) {
+    std::vector<float> broken = as_float(short_audio());
+    std::vector<float> silent = broken;
+    const std::vector<float> none = {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
+                                     -std::numeric_limits<float>::infinity()};
+    for (std::size_t k = 0; k < broken.size(); k += k % 5000 < 20 ? 1 : 997) {
+        broken[k] = none[k % 3];
+        silent[k] = 0;
+    }
+    const Arguments options = {"--rate=12000", "--format=float", MIDNIGHT, "--json", OPERA};
+    const ProcessResult result = listen(write("broken.raw", float_bytes(broken)), options);
+    EXPECT_TRUE(is_the_short_scene(result));
+    EXPECT_EQ(result.out, listen(write("silent.raw", float_bytes(silent)), options).out);
+}
+
+TEST_F(AirCommands, TheTableShowsWhatJsonShows) {
+    const std::string file = write("audio.raw", s16_bytes(short_audio()));
+    const auto lines = lines_of(listen(file, {"--rate=12000", MIDNIGHT, OPERA}).out);
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0], "                   UTC  frequency Hz  drift Hz/s  SNR dB  protocol  callsign  locator");
+    EXPECT_TRUE(std::regex_match(
+        lines[1],
+        std::regex(
+            R"(2026-01-01T00:00:0[23]\.\dZ  +14(79|80)\.\d\d  +[+-]0\.\d{3}  +-1[123]\.\d  OPERA 05  K2QRX     -)")))
+        << lines[1];
+}
+
+TEST_F(AirCommands, LittleOrNoAudioHasNoSpots) {
+    const std::vector<int16_t>& audio = short_audio();
+    std::vector<std::string> inputs = {"", "x", s16_bytes({1}), s16_bytes(std::vector<int16_t>(12000 * 40, 0))};
+    for (const int seconds : {1, 10, 19, 20, 22}) inputs.push_back(s16_bytes(audio).substr(0, 24000U * seconds));
+    for (const std::string& bytes : inputs) {
+        for (const Arguments& start : {Arguments{MIDNIGHT}, {}}) {
+            Arguments options = {"--rate=12000", OPERA};
+            options.insert(options.end(), start.begin(), start.end());
+            const std::string file = write("little.raw", bytes);
+            const ProcessResult table = listen(file, options);
+            EXPECT_EQ(table.status, 0);
+            EXPECT_EQ(table.err, "") << bytes.size();
+            EXPECT_EQ(lines_of(table.out).size(), 1U) << table.out;
+        }
+        const ProcessResult json = listen(write("little.raw", bytes), {"--rate=12000", OPERA, "--json"});
+        EXPECT_EQ(json.status, 0);
+        EXPECT_EQ(json.out + json.err, "") << bytes.size();
+    }
+}
+
+TEST_F(AirCommands, WithoutAStartTheNewestSampleHasJustCome) {
+    const std::string file = write("audio.raw", s16_bytes(short_audio()));
+    const auto now = [] {
+        return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    };
+    const double before = now();
+    const ProcessResult result = listen(file, {"--rate=12000", OPERA, "--json"});
+    const double after = now();
+    ASSERT_EQ(lines_of(result.out).size(), 1U) << result.out;
+    std::tm time{};
+    const std::string text = nlohmann::json::parse(result.out).at("utc_start");
+    ASSERT_NE(strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &time), nullptr) << text;
+    const auto start = static_cast<double>(timegm(&time));
+    EXPECT_GE(start, before - 37 - 1.5);  // the frame begins 37 s before the newest sample
+    EXPECT_LE(start, after - 37 + 1.5);
+}
+
+TEST_F(AirCommands, AFileWithoutAStartGivesEachFrameOnce) {
+    Scene scene = short_scene();
+    scene.seconds = 100;
+    scene.stations.push_back(station(OVL_OPERA, "K2QRX", "", 55, 1480, -12));
+    const std::string file = write("audio.raw", s16_bytes(quantised(scene)));
+    for (const char* every : {"4", "15"}) {
+        const ProcessResult result = listen(file, {"--rate=12000", OPERA, "--json"}, every);
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(lines_of(result.out).size(), 2U) << "every " << every << "\n" << result.out;
+    }
+}
+
+TEST_F(AirCommands, ListeningToKnownCallsignsOnly) {
+    const std::string file = write("audio.raw", s16_bytes(short_audio()));
+    const Arguments common = {"--rate=12000", MIDNIGHT, OPERA, "--json", "--known-only", "--known"};
+    Arguments other = common;
+    other.emplace_back("G4QZB");
+    EXPECT_EQ(listen(file, other).out, "");
+    Arguments both = common;
+    both.emplace_back("G4QZB,K2QRX");
+    EXPECT_TRUE(is_the_short_scene(listen(file, both)));
+}
+
+TEST_F(AirCommands, ADecimalCommaInTheEnvironmentChangesNothing) {
+    const ProcessInput comma = decimal_comma();
+    const std::string file = write("audio.raw", s16_bytes(short_audio()));
+    for (const char* const json : {"--json", "--known-file=/dev/null"}) {
+        const Arguments options = {"--rate=12000", MIDNIGHT, OPERA, "--center", "1490.5", json};
+        const ProcessResult result = listen(file, options, "15", comma);
+        EXPECT_EQ(result.out, listen(file, options).out);
+        EXPECT_NE(result.out.find("K2QRX"), std::string::npos);
+    }
+    const Arguments render = {"render", "carrier=0.5", "--tone=1400.5", "--ramp=0.01", "--format=float", "-o"};
+    Arguments with_comma = render;
+    with_comma.push_back(path("comma.wav"));
+    Arguments with_point = render;
+    with_point.push_back(path("point.wav"));
+    EXPECT_EQ(orvel(with_comma, comma).status, 0);
+    EXPECT_EQ(orvel(with_point).status, 0);
+    EXPECT_EQ(read_sound(path("comma.wav")).samples, read_sound(path("point.wav")).samples);
+}
+
+// ---- orvel listen: while it runs -----------------------------------------------------------------------------------
+
+Arguments listening(const Arguments& options) {
+    Arguments all = {"listen", "--stdin", "--rate=12000", OPERA};
+    all.insert(all.end(), options.begin(), options.end());
+    return orvel_arguments(all);
+}
+
+TEST_F(AirCommands, SpotsComeWhileTheInputIsOpen) {
+    RunningProcess process(listening({MIDNIGHT, "--json"}));
+    const std::string bytes = s16_bytes(short_audio());
+    // The frame has ended at 33.6 s. What comes with it makes the look at 36 s, and at 40 s nothing older can come.
+    ASSERT_TRUE(process.write(bytes.substr(0, 24000 * 33)));
+    EXPECT_FALSE(process.read_line(0.5)) << "before its end";
+    ASSERT_TRUE(process.write(bytes.substr(24000 * 33) + std::string(24000, '\0')));
+    const auto line = process.read_line(PATIENCE_S);
+    ASSERT_TRUE(line);
+    const Heard heard = heard_in(*line);
+    EXPECT_EQ(heard.call, "K2QRX");
+    EXPECT_NEAR(heard.start, 3, 0.1);
+    EXPECT_FALSE(process.wait(0.2)) << "it ended before its input";
+    process.close_stdin();
+    EXPECT_EQ(process.read_rest(PATIENCE_S), "");
+    const auto result = process.wait(PATIENCE_S);
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->status, 0);
+    EXPECT_EQ(result->err, "");
+}
+
+TEST_F(AirCommands, SamplesMayComeInPiecesOfAnySize) {
+    RunningProcess process(listening({MIDNIGHT, "--json", "--every=15"}));
+    const std::string bytes = s16_bytes(short_audio());
+    std::size_t at = 0;
+    for (const std::size_t size : {1U, 1U, 3U, 997U, 1U, 4095U}) {
+        ASSERT_TRUE(process.write(bytes.substr(at, size)));
+        at += size;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    for (; at < bytes.size(); at += 12345) ASSERT_TRUE(process.write(bytes.substr(at, 12345)));
+    process.close_stdin();
+    const std::string out = process.read_rest(PATIENCE_S);
+    auto result = process.wait(PATIENCE_S);
+    ASSERT_TRUE(result);
+    result->out = out;
+    EXPECT_TRUE(is_the_short_scene(*result));
+}
+
+TEST_F(AirCommands, CtrlCEndsListeningWithWhatWasDecoded) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        RunningProcess process(listening({MIDNIGHT}));
+        ASSERT_TRUE(process.write(s16_bytes(short_audio()).substr(0, 24000 * 37)));
+        ASSERT_TRUE(process.read_line(PATIENCE_S)) << "no header";
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));  // until it has read all
+        process.send_signal(signal);
+        const auto line = process.read_line(PATIENCE_S / 6);
+        ASSERT_TRUE(line) << "nothing after the signal";
+        EXPECT_NE(line->find("K2QRX"), std::string::npos) << *line;
+        EXPECT_EQ(process.read_rest(PATIENCE_S), "");
+        const auto result = process.wait(PATIENCE_S);
+        ASSERT_TRUE(result);
+        EXPECT_EQ(result->status, 0);
+        EXPECT_EQ(result->err, "");
+    }
+}
+
+TEST_F(AirCommands, CtrlCEndsListeningToSilence) {
+    for (const bool with_samples : {true, false}) {
+        RunningProcess process(listening({"--json"}));
+        ASSERT_TRUE(process.write(std::string(with_samples ? 1000 : 0, '\0')));
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        process.send_signal(SIGINT);
+        const auto result = process.wait(PATIENCE_S / 6);
+        ASSERT_TRUE(result) << "it waits for more input";
+        EXPECT_EQ(result->status, 0);
+        EXPECT_EQ(result->err, "");
+    }
+}
+
+TEST_F(AirCommands, OutputThatCannotBeWrittenEndsListening) {
+    ProcessInput closed;
+    closed.stdout_closed_pipe = true;
+    ProcessInput full;
+    full.stdout_file = "/dev/full";
+    const std::string audio = s16_bytes(short_audio()) + std::string(24000, '\0');
+    for (const ProcessInput& input : {closed, full}) {
+        for (const Arguments& options : {Arguments{MIDNIGHT}, {MIDNIGHT, "--json"}}) {
+            RunningProcess process(listening(options), input);
+            process.write(audio);                          // the table's header fails long before its end
+            const auto result = process.wait(PATIENCE_S);  // the input stays open
+            ASSERT_TRUE(result) << ::testing::PrintToString(options);
+            EXPECT_EQ(result->status, 1);
+            EXPECT_TRUE(one_line_with(*result, {"cannot write"}));
+        }
+        const ProcessResult result = listen(write("audio.raw", audio), {"--rate=12000", OPERA, "--json"}, "15", input);
+        EXPECT_EQ(result.status, 1);
+        EXPECT_TRUE(one_line_with(result, {"cannot write"}));
+    }
+}
+
+TEST_F(AirCommands, InputThatCannotBeReadIsAFailure) {
+    const ProcessResult result = listen(path(""), {"--json"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_TRUE(one_line_with(result, {"cannot read standard input", "directory"}));
+}
+
+TEST_F(AirCommands, WrongOptionsOfListenAreWrongUsage) {
+    const std::vector<std::pair<Arguments, Arguments>> wrong = {
+        {{"--stdin", "--rate", "7999"}, {"--rate", "8000 to 384000"}},
+        {{"--stdin", "--rate", "384001"}, {"--rate", "8000 to 384000"}},
+        {{"--stdin", "--rate", "-1"}, {"--rate"}},
+        {{"--rate", "7999"}, {"--rate"}},
+        {{"--stdin", "--rate", "x"}, {"--rate"}},
+        {{"--stdin", "--channels", "0"}, {"--channels"}},
+        {{"--stdin", "--channels", "17"}, {"--channels"}},
+        {{"--channels", "2"}, {"--channels", "--stdin"}},
+        {{"--stdin", "--format", "x"}, {"--format", "'x'"}},
+        {{"--stdin", "--format", "S16"}, {"--format", "'S16'"}},
+        {{"--format", "float"}, {"--format", "--stdin"}},
+        {{"--stdin", "--start", "garbage"}, {"--start", "'garbage'"}},
+        {{"--stdin", "--start", "2026-02-30T12:00"}, {"--start", "'2026-02-30T12:00'"}},
+        {{"--start", "12:00"}, {"--start", "--stdin"}},
+        {{"--stdin", "--device", "1"}, {"--device", "--stdin"}},
+        {{"--stdin", "--every", "0"}, {"--every"}},
+        {{"--stdin", "--every", "-4"}, {"--every"}},
+        {{"--stdin", "--every", "nan"}, {"--every"}},
+        {{"--stdin", "--every", "inf"}, {"--every"}},
+        {{"--stdin", "--every", "100"}, {"--every"}},
+        {{"--stdin", "--protocols", "morse"}, {"--protocols", "'morse'"}},
+        {{"--stdin", "--known-only"}, {"--known-only"}},
+        {{"--stdin", "--known", "G4/QZB"}, {"--known", "'G4/QZB'"}},
+        {{"--stdin", "--center", "nan"}, {"--center"}},
+        {{"--stdin", "--search", "-1"}, {"--search"}},
+        {{"--stdin", "extra"}, {"extra"}},
+    };
+    for (const auto& [options, texts] : wrong) {
+        Arguments all = {"listen"};
+        all.insert(all.end(), options.begin(), options.end());
+        EXPECT_TRUE(usage_error_with(all, texts)) << ::testing::PrintToString(options);
+    }
+}
+
+// ---- Without sound devices -----------------------------------------------------------------------------------------
+
+ProcessInput on(const SoundlessMachine& machine) {
+    ProcessInput input;
+    input.environment = machine.environment();
+    return input;
+}
+
+TEST_F(AirCommands, AMachineWithoutSoundHasNoDevices) {
+    const SoundlessMachine machine;
+    const ProcessResult table = orvel({"devices"}, on(machine));
+    EXPECT_EQ(table.status, 0);
+    EXPECT_EQ(table.out, "");
+    EXPECT_TRUE(one_line_with(table, {"there is no sound device"}));
+    const ProcessResult json = orvel({"devices", "--json"}, on(machine));
+    EXPECT_EQ(json.status, 0);
+    EXPECT_EQ(json.out + json.err, "");
+}
+
+TEST_F(AirCommands, AMachineWithoutSoundNeitherSendsNorListens) {
+    const SoundlessMachine machine;
+    for (const Arguments& when : {Arguments{}, {"--every", "1s", "--times", "1"}}) {
+        Arguments all = {"send", "carrier=0.1"};
+        all.insert(all.end(), when.begin(), when.end());
+        const ProcessResult sent = orvel(all, on(machine));
+        EXPECT_EQ(sent.status, 1);
+        EXPECT_EQ(sent.out, "");
+        EXPECT_TRUE(one_line_with(sent, {"no such output device"}));
+    }
+    const ProcessResult heard = orvel({"listen", "--json"}, on(machine));
+    EXPECT_EQ(heard.status, 1);
+    EXPECT_EQ(heard.out, "");
+    EXPECT_TRUE(one_line_with(heard, {"no such input device"}));
+    const ProcessResult table = orvel({"listen"}, on(machine));
+    EXPECT_EQ(table.status, 1);
+    EXPECT_TRUE(one_line_with(table, {"no such input device"}));
+}
+
+TEST_F(AirCommands, ADeviceThatIsNotThereIsWrongUsage) {
+    const SoundlessMachine machine;
+    for (const char* const device : {"0", "99", "-1", "radio"}) {
+        EXPECT_TRUE(usage_error_with({"send", "carrier=0.1", std::string("--device=") + device},
+                                     {"--device", "no output device", device}, on(machine)));
+        EXPECT_TRUE(usage_error_with({"listen", "--json", std::string("--device=") + device},
+                                     {"--device", "no input device", device}, on(machine)));
+    }
+}
+
+TEST_F(AirCommands, WhatCannotBeSentIsWrongUsage) {
+    const SoundlessMachine machine;
+    const std::vector<std::pair<Arguments, Arguments>> wrong = {
+        {{}, {"STEP"}},
+        {{"opera"}, {"'opera': a step is NAME=VALUE"}},
+        {{"carrier=0.01"}, {"carrier or pause duration out of range"}},
+        {{"carrier=1", "--level", "2"}, {"level out of range"}},
+        {{"carrier=1", "--at", "garbage"}, {"--at", "'garbage'"}},
+        {{"carrier=1", "--at", "24:00"}, {"--at", "'24:00'"}},
+        {{"carrier=1", "--at", "2026-02-30T12:00"}, {"--at", "'2026-02-30T12:00'"}},
+        {{"carrier=1", "--at", "2020-01-01T00:00:00Z"}, {"--at", "2020-01-01T00:00:00Z has passed"}},
+        {{"carrier=1", "--every", "garbage"}, {"--every", "'garbage'"}},
+        {{"carrier=1", "--every", "0"}, {"--every", "'0'"}},
+        {{"carrier=1", "--every", "-10m"}, {"--every", "'-10m'"}},
+        {{"carrier=1", "--every", "nan"}, {"--every", "'nan'"}},
+        {{"carrier=1", "--every", "1s"}, {"--every", "takes 1.0 s"}},
+        {{"opera=K2QRX", "--every", "30s"}, {"--every", "takes 30.6 s"}},
+        {{"carrier=1", "--offset", "10"}, {"--offset", "--every"}},
+        {{"carrier=1", "--times", "2"}, {"--times", "--every"}},
+        {{"carrier=1", "--at", "12:00", "--every", "10m"}, {"--at", "--every"}},
+        {{"carrier=1", "--every", "10m", "--offset", "x"}, {"--offset", "'x'"}},
+        {{"carrier=1", "--every", "10m", "--offset", "-1"}, {"--offset", "'-1'"}},
+        {{"carrier=1", "--every", "10m", "--times", "0"}, {"--times"}},
+        {{"carrier=1", "--every", "10m", "--times", "-1"}, {"--times"}},
+        {{"carrier=1", "--every", "10m", "--times", "x"}, {"--times"}},
+    };
+    for (const auto& [options, texts] : wrong) {
+        Arguments all = {"send"};
+        all.insert(all.end(), options.begin(), options.end());
+        EXPECT_TRUE(usage_error_with(all, texts, on(machine))) << ::testing::PrintToString(options);
+    }
+}
+
+}  // namespace

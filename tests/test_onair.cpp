@@ -1,0 +1,192 @@
+// orvel devices, send and listen over a real sound server, which also stands still, dies and comes back.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "command.h"
+#include "utc.h"
+
+namespace {
+
+void sleep_s(double seconds) {
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+}
+
+bool holds_within(double seconds, const std::function<bool()>& condition) {
+    const double end = utc_now() + seconds;
+    while (!condition()) {
+        if (utc_now() > end) return false;
+        sleep_s(0.05);
+    }
+    return true;
+}
+
+class OnAir : public TestWithFiles {
+  protected:
+    void SetUp() override {
+        if (!SoundServer::installed()) GTEST_SKIP() << "pulseaudio is not installed";
+        alarm(170);  // a hanging command must not hang the suite
+        server_ = std::make_unique<SoundServer>();
+    }
+    void TearDown() override { alarm(0); }
+
+    // The command beside the test; what it says on standard error goes into a file.
+    std::unique_ptr<RunningProcess> begin(const Arguments& arguments) const {
+        Arguments shell = {"/bin/sh", "-c", "exec \"$@\" 2>" + path("messages"), "sh"};
+        const Arguments command = orvel_arguments(arguments);
+        shell.insert(shell.end(), command.begin(), command.end());
+        return std::make_unique<RunningProcess>(shell, surroundings());
+    }
+    ProcessInput surroundings() const {
+        ProcessInput input;
+        input.environment = server_->environment();
+        return input;
+    }
+    std::string messages() const {
+        std::ostringstream text;
+        text << std::ifstream(path("messages")).rdbuf();
+        return text.str();
+    }
+    bool says(const std::string& text, double seconds) const {
+        return holds_within(seconds, [&] { return messages().find(text) != std::string::npos; });
+    }
+
+    std::unique_ptr<SoundServer> server_;
+};
+
+// Exit status, -2 when the command does not end.
+int end_of(RunningProcess& process, double seconds) {
+    const auto result = process.wait(seconds);
+    return result ? result->status : -2;
+}
+
+TEST_F(OnAir, DevicesAreListed) {
+    const ProcessResult table = orvel({"devices"}, surroundings());
+    EXPECT_EQ(table.status, 0);
+    EXPECT_NE(table.out.find("default input"), std::string::npos) << table.out;
+    EXPECT_NE(table.out.find("default output"), std::string::npos) << table.out;
+    EXPECT_EQ(table.err, "") << "what the sound systems say is kept back";
+
+    int inputs = 0;
+    int outputs = 0;
+    for (const std::string& line : lines_of(orvel({"devices", "--json"}, surroundings()).out)) {
+        const auto device = nlohmann::json::parse(line);
+        EXPECT_FALSE(device.at("name").get<std::string>().empty());
+        EXPECT_EQ(device.at("system"), "ALSA");
+        EXPECT_GT(device.at("default_rate").get<double>(), 0);
+        EXPECT_GE(device.at("input_channels").get<int>() + device.at("output_channels").get<int>(), 1);
+        inputs += device.at("default_input").get<bool>() ? 1 : 0;
+        outputs += device.at("default_output").get<bool>() ? 1 : 0;
+    }
+    EXPECT_EQ(inputs, 1);
+    EXPECT_EQ(outputs, 1);
+}
+
+// The sound server stands still for longer than a buffer could explain, then a frame is sent; then the server dies and
+// comes back. Listening goes on through all of it.
+TEST_F(OnAir, WhatIsSentIsHeardAndAStalledInputIsOpenedAgain) {
+    const auto listener = begin({"listen", "--json", "--every", "2"});
+    sleep_s(4);
+    server_->pause();
+    ASSERT_TRUE(says("orvel: no audio for 5 s, opening the device again\n", 12)) << messages();
+    server_->resume();
+    ASSERT_TRUE(says("orvel: audio again\n", 12)) << messages();
+
+    const double start = std::ceil(utc_now()) + 4;
+    const ProcessResult sent =
+        orvel({"send", "--at", utc_text(start, 0), "--tone", "1455", "orvel-s=K2QRX"}, surroundings());
+    EXPECT_EQ(sent.status, 0) << sent.err;
+    EXPECT_EQ(sent.out, utc_text(start, 3) + "  sent\n");
+
+    const auto line = listener->read_line(15);
+    ASSERT_TRUE(line.has_value()) << messages();
+    const auto spot = nlohmann::json::parse(*line);
+    EXPECT_EQ(spot.at("call"), "K2QRX");
+    EXPECT_EQ(spot.at("protocol"), "ORVEL S");
+    EXPECT_NEAR(spot.at("freq_hz").get<double>(), 1455, 0.3);
+    const auto heard = parse_utc(spot.at("utc_start").get<std::string>(), 0);
+    ASSERT_TRUE(heard.has_value());
+    EXPECT_NEAR(*heard, start, 0.2);
+
+    std::ofstream(path("messages"), std::ios::trunc).close();
+    server_->crash();
+    ASSERT_TRUE(says("no audio for 5 s", 12)) << messages();
+    server_->restart();
+    ASSERT_TRUE(says("audio again", 20)) << messages();
+
+    listener->send_signal(SIGINT);
+    EXPECT_EQ(end_of(*listener, 6), 0);
+    EXPECT_EQ(listener->read_rest(1), "") << "the frame was printed once";
+}
+
+TEST_F(OnAir, CtrlCEndsListeningToADeviceThatStandsStill) {
+    const auto listener = begin({"listen"});
+    sleep_s(4);
+    server_->pause();
+    listener->send_signal(SIGINT);
+    EXPECT_EQ(end_of(*listener, 8), 1);
+    EXPECT_NE(messages().find("the input device does not close"), std::string::npos) << messages();
+    server_->resume();
+}
+
+TEST_F(OnAir, CtrlCEndsATransmission) {
+    const auto sender = begin({"send", "carrier=20"});
+    sleep_s(2);
+    const double interrupt = utc_now();
+    sender->send_signal(SIGINT);
+    const auto line = sender->read_line(5);
+    ASSERT_TRUE(line.has_value()) << messages();
+    EXPECT_NE(line->find("  stopped"), std::string::npos) << *line;
+    EXPECT_EQ(end_of(*sender, 3), 1);
+    EXPECT_LT(utc_now() - interrupt, 3);
+}
+
+TEST_F(OnAir, AScheduleIsKept) {
+    const ProcessResult sent =
+        orvel({"send", "--every", "4", "--offset", "1", "--times", "2", "carrier=0.5"}, surroundings());
+    EXPECT_EQ(sent.status, 0) << sent.err;
+    const auto lines = lines_of(sent.out);
+    ASSERT_EQ(lines.size(), 2u) << sent.out;
+    double previous = 0;
+    for (const std::string& line : lines) {
+        const auto start = parse_utc(line.substr(0, line.find(' ')), 0);
+        ASSERT_TRUE(start.has_value()) << line;
+        EXPECT_NEAR(std::remainder(*start - 1, 4), 0, 0.002) << line;
+        if (previous > 0) {
+            EXPECT_NEAR(*start - previous, 4, 0.002);
+        }
+        previous = *start;
+        EXPECT_TRUE(line.ends_with("  sent")) << line;
+    }
+}
+
+TEST_F(OnAir, AnOutputThatDiesIsToldOf) {
+    const auto sender = begin({"send", "carrier=30"});
+    sleep_s(2);
+    server_->crash();
+    EXPECT_EQ(end_of(*sender, 15), 1);
+    EXPECT_NE(messages().find("orvel: the output device"), std::string::npos) << messages();
+}
+
+TEST_F(OnAir, AnOutputThatStandsStillIsToldOf) {
+    const auto sender = begin({"send", "carrier=30"});
+    sleep_s(2);
+    server_->pause();
+    EXPECT_EQ(end_of(*sender, 20), 1);
+    EXPECT_NE(messages().find("orvel: the output device stands still"), std::string::npos) << messages();
+    server_->resume();
+}
+
+}  // namespace

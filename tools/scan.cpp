@@ -1,0 +1,114 @@
+#include "scan.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "blocks.h"
+#include "console.h"
+#include "json.h"
+#include "liborvel.h"
+#include "ovscan.h"
+#include "recording.h"
+#include "search.h"
+#include "spots.h"
+
+namespace {
+
+constexpr double SCAN_Z = 6;             // noise alone seldom reaches it
+constexpr double SEPARATION_HZ = 15;     // of two frequencies
+constexpr int32_t MAX_HITS = 1000;       // in a block
+constexpr int32_t FRAME_RUN = 238;       // chips
+constexpr double KEYED_VARIANCE = 0.85;  // a carrier with noise varies less
+
+// The command line, as typed.
+struct Options {
+    std::vector<std::string> files;
+    RecordingOptions recording;
+    std::string band;
+    double min_z = SCAN_Z;
+    double block_s = 60;
+    bool json = false;
+};
+
+void print_hits(const Options& options, const std::string& file, const BlockSpan& block,
+                const std::vector<ov_hit>& hits) {
+    for (const ov_hit& hit : hits) {
+        if (!options.json) {
+            print(format("%9s  %9s  %12s  %7s\n", cell(block.begin_s, 1).c_str(),
+                         cell(block.begin_s + block.length_s, 1).c_str(), cell(hit.freq_hz, 1).c_str(),
+                         cell(hit.z, 1).c_str()));
+            continue;
+        }
+        nlohmann::ordered_json object;
+        object["file"] = file;
+        object["t_from"] = block.begin_s;
+        object["t_to"] = block.begin_s + block.length_s;
+        object["freq_hz"] = hit.freq_hz;
+        object["z"] = hit.z;
+        print(json_line(object));
+    }
+}
+
+bool scan_recording(Recording& recording, const std::string& path, const Options& options) {
+    const Band whole = {options.recording.iq ? -0.5 * recording.rate() : 0.0, 0.5 * recording.rate()};
+    const Band band = options.band.empty() ? whole : parse_band(options.band);
+    for (const BlockSpan& block : cut_blocks(recording.seconds(), options.block_s, 0)) {
+        const auto samples = recording.read(block.begin_s, block.length_s);
+        if (!samples) return false;
+        std::vector<ov_hit> hits(MAX_HITS);
+        const int32_t count = ov_scan_w(samples->x.data(), samples->q.empty() ? nullptr : samples->q.data(),
+                                        static_cast<int32_t>(samples->x.size()), recording.rate(), ovl_chip_seconds(),
+                                        band.low_hz, band.high_hz, options.min_z, SEPARATION_HZ, MAX_HITS, hits.data(),
+                                        nullptr, FRAME_RUN, KEYED_VARIANCE, 0);
+        if (count < 0) {
+            print_error("cannot scan '" + path + "': it is too short, the band does not fit it, or memory is short");
+            return false;
+        }
+        hits.resize(static_cast<std::size_t>(count));
+        print_hits(options, path, {samples->begin_s, block.length_s}, hits);
+        if (!flush_output()) return false;
+    }
+    return true;
+}
+
+int scan(const Options& options) {
+    if (!options.band.empty()) parse_band(options.band);
+    int status = EXIT_DONE;
+    bool first = true;
+    for (const std::string& path : options.files) {
+        const auto recording = open_recording(path, options.recording);
+        if (!recording) {
+            status = EXIT_FAILED;
+            continue;
+        }
+        if (!options.json) {
+            if (options.files.size() > 1) print((first ? "" : "\n") + path + ":\n");
+            print(format("%9s  %9s  %12s  %7s\n", "from s", "to s", "frequency Hz", "z"));
+        }
+        first = false;
+        if (!scan_recording(*recording, path, options)) status = EXIT_FAILED;
+        if (!flush_output()) return EXIT_FAILED;
+    }
+    return status;
+}
+
+}  // namespace
+
+void add_scan(CLI::App& app, int& status) {
+    CLI::App* sub = app.add_subcommand("scan", "List the frequencies at which recordings hold something keyed");
+    const auto options = std::make_shared<Options>();
+    sub->add_option("FILE", options->files, "Recordings, as of decode")->required();
+    add_recording_options(*sub, options->recording);
+    sub->add_option("--band", options->band, "Band, as -20000:20000 [all that the sample rate holds]")
+        ->type_name("LO:HI");
+    sub->add_option("--min-z", options->min_z, "Least distance from the median of all frequencies [6]")
+        ->type_name("SIGMA")
+        ->check(finite_number());
+    sub->add_option("--block", options->block_s, "Seconds looked at together, 10 to 3600 [60]")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(10.0, 3600.0));
+    sub->add_flag("--json", options->json, "Print one JSON object a line");
+    sub->callback([options, &status] { status = scan(*options); });
+}
