@@ -9,6 +9,8 @@
 #include <span>
 
 #include "ldpc_tables.h"
+#include "multiversion.h"
+#include "vecmath.h"
 
 using gf2::add_to;
 using gf2::get_bit;
@@ -220,42 +222,55 @@ constexpr size_t MAX_EDGES = size_t{LDPC_MAX_N} * LDPC_MAX_VAR_DEGREE;
 struct Beliefs {
     std::array<double, LDPC_MAX_N> channel;
     std::array<double, LDPC_MAX_N> posterior;
-    std::array<double, MAX_EDGES> from_check;  // edges of check 0, then of check 1, and so on
+    // By edge: those of check 0, then of check 1, and so on.
+    size_t n_edges;
+    std::array<int32_t, MAX_EDGES> variable;
+    std::array<double, MAX_EDGES> from_check;
+    std::array<double, MAX_EDGES> factor;   // the variable's message as the check's product takes it
+    std::array<double, MAX_EDGES> product;  // of all factors of the edge's check
 };
 
-// A variable's message as the check's product takes it. The floor keeps the product divisible, and its positive sign
-// lets variables that know nothing settle on 0.
-double factor_of(double message) {
-    const double factor = std::tanh(0.5 * std::clamp(message, -30.0, 30.0));
-    return std::fabs(factor) < 1e-12 ? 1e-12 : factor;
+// The floor keeps the product divisible, and its positive sign lets variables that know nothing settle on 0.
+ORVEL_MULTIVERSION void fill_factors(Beliefs& beliefs) {
+    for (size_t e = 0; e < beliefs.n_edges; ++e) {
+        const double message = beliefs.factor[e];
+        const double low = message < -30.0 ? -30.0 : message;
+        const double factor = vecmath::tanh_half(low > 30.0 ? 30.0 : low);
+        beliefs.factor[e] = std::fabs(factor) < 1e-12 ? 1e-12 : factor;
+    }
+}
+
+ORVEL_MULTIVERSION void fill_answers(Beliefs& beliefs) {
+    for (size_t e = 0; e < beliefs.n_edges; ++e) {
+        const double ratio = beliefs.product[e] / beliefs.factor[e];
+        const double low = ratio < -0.999999 ? -0.999999 : ratio;
+        beliefs.from_check[e] = vecmath::two_atanh(low > 0.999999 ? 0.999999 : low);
+    }
 }
 
 // All checks answer the variables' beliefs of the last pass.
 void update_checks(const ldpc_code& code, Beliefs& beliefs) {
-    double* answers = beliefs.from_check.data();
-    std::array<double, LDPC_MAX_CHECK_DEGREE> factors;
-    for (int32_t c = 0; c < code.m; ++c) {
-        const auto vars = std::span(code.check_vars[c]).first(static_cast<size_t>(code.check_degree[c]));
-        double product = 1.0;
-        for (size_t e = 0; e < vars.size(); ++e) {
-            factors[e] = factor_of(beliefs.posterior[static_cast<size_t>(vars[e])] - answers[e]);
-            product *= factors[e];
-        }
-        for (size_t e = 0; e < vars.size(); ++e) {
-            answers[e] = 2.0 * std::atanh(std::clamp(product / factors[e], -0.999999, 0.999999));
-        }
-        answers += vars.size();
+    for (size_t e = 0; e < beliefs.n_edges; ++e) {
+        beliefs.factor[e] = beliefs.posterior[static_cast<size_t>(beliefs.variable[e])] - beliefs.from_check[e];
     }
+    fill_factors(beliefs);
+    size_t first = 0;
+    for (int32_t c = 0; c < code.m; ++c) {
+        const size_t end = first + static_cast<size_t>(code.check_degree[c]);
+        double product = 1.0;
+        for (size_t e = first; e < end; ++e) product *= beliefs.factor[e];
+        std::fill(beliefs.product.begin() + static_cast<ptrdiff_t>(first),
+                  beliefs.product.begin() + static_cast<ptrdiff_t>(end), product);
+        first = end;
+    }
+    fill_answers(beliefs);
 }
 
 // Each variable adds up the answers of its checks, in increasing check order.
-void update_posteriors(const ldpc_code& code, Beliefs& beliefs) {
+void update_posteriors(Beliefs& beliefs) {
     beliefs.posterior = beliefs.channel;
-    const double* answer = beliefs.from_check.data();
-    for (int32_t c = 0; c < code.m; ++c) {
-        for (int32_t e = 0; e < code.check_degree[c]; ++e) {
-            beliefs.posterior[static_cast<size_t>(code.check_vars[c][e])] += *answer++;
-        }
+    for (size_t e = 0; e < beliefs.n_edges; ++e) {
+        beliefs.posterior[static_cast<size_t>(beliefs.variable[e])] += beliefs.from_check[e];
     }
 }
 
@@ -265,11 +280,17 @@ bool propagate_beliefs(const ldpc_code& code, const float* metrics, int32_t max_
     beliefs.channel.fill(0.0);
     for (int32_t v = 0; v < code.n; ++v) beliefs.channel[static_cast<size_t>(v)] = -static_cast<double>(metrics[v]);
     beliefs.posterior = beliefs.channel;
-    beliefs.from_check.fill(0.0);
+    beliefs.n_edges = 0;
+    for (int32_t c = 0; c < code.m; ++c) {
+        for (int32_t e = 0; e < code.check_degree[c]; ++e) {
+            beliefs.from_check[beliefs.n_edges] = 0.0;
+            beliefs.variable[beliefs.n_edges++] = code.check_vars[c][e];
+        }
+    }
 
     for (int32_t pass = 0; pass < max_iterations; ++pass) {
         update_checks(code, beliefs);
-        update_posteriors(code, beliefs);
+        update_posteriors(beliefs);
         for (int32_t v = 0; v < code.n; ++v) codeword[v] = beliefs.posterior[static_cast<size_t>(v)] < 0.0;
         if (ldpc_syndrome_weight(code, codeword) == 0) return true;
     }

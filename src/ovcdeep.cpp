@@ -246,6 +246,25 @@ double energy_z(const float* energy, const int8_t* signs) {
     return squares > 0 ? sum / std::sqrt(squares) : 0;
 }
 
+// Replaces best by a measured hypothesis that has enough chips and a strictly higher Z.
+void judge_deep(const ov_specmap& map, const ovc_known& known, const ov_measured& measured, int32_t min_chips,
+                ov_hyp& best) {
+    if (measured.n_in < min_chips) return;
+    const double z = energy_z(measured.energy, known.signs);
+    if (!(z > best.metric)) return;
+
+    best = {};
+    std::copy_n(measured.energy, map.frame_chips, best.energy);
+    best.start = measured.start;
+    best.f = measured.f;
+    best.drift = measured.drift;
+    best.metric = z;
+    best.noise = ov_noise_at(map, measured.f);
+    best.n_in = measured.n_in;
+    best.noise_rescale = map.noise_rescale;
+    best.spread_factor = map.spread_factor;
+}
+
 }  // namespace
 
 double ovc_deep_threshold(double trials, double pfa) {
@@ -288,19 +307,9 @@ int32_t ovc_deep_search(const ov_specmap& map, const ovc_known* known, int32_t n
 
 void try_deep(const ov_baseband& bb, const ov_specmap& map, const ovc_known& known, int32_t start, double f,
               double drift, int32_t min_chips, ov_hyp& best) {
-    ov_hyp hyp{};
-    hyp.n_in = ov_chip_energies_sp(bb, map, start, f, drift, hyp.energy);
-    if (hyp.n_in < min_chips) return;
-    hyp.metric = energy_z(hyp.energy, known.signs);
-    if (!(hyp.metric > best.metric)) return;
-
-    hyp.start = start;
-    hyp.f = f;
-    hyp.drift = drift;
-    hyp.noise = ov_noise_at(map, f);
-    hyp.noise_rescale = map.noise_rescale;
-    hyp.spread_factor = map.spread_factor;
-    best = hyp;
+    std::array<float, OV_MAX_CHIPS> energy;
+    const int32_t n_in = ov_chip_energies_sp(bb, map, start, f, drift, energy.data());
+    judge_deep(map, known, {start, f, drift, energy.data(), n_in}, min_chips, best);
 }
 
 int ovc_deep_refine(const ov_baseband& bb, const ov_specmap& map, const ovc_known& known, const ovc_deep_hit& hit,
@@ -308,10 +317,8 @@ int ovc_deep_refine(const ov_baseband& bb, const ov_specmap& map, const ovc_know
     const int32_t min_chips = ov_chips_needed(guard, OVC_CHIPS);
     ov_hyp best{};
     best.metric = NO_METRIC;
-    const auto measure = [&](int32_t start, double f, double drift) {
-        try_deep(bb, map, known, start, f, drift, min_chips, best);
-    };
-    if (ov_search_around(map, hit.pos * map.hop, hit.f, drift_range, best, measure) != 0) return -1;
+    const auto judge = [&](const ov_measured& measured) { judge_deep(map, known, measured, min_chips, best); };
+    if (ov_search_around(bb, map, hit.pos * map.hop, hit.f, drift_range, best, judge) != 0) return -1;
     energies_to_soft(best.energy, OVC_PAIRS, best.noise, map.noise_rescale, best.soft);
     hyp = best;
     return 0;

@@ -12,6 +12,7 @@
 #include <span>
 #include <vector>
 
+#include "chipmeter.h"
 #include "median.h"
 #include "ovcdec.h"
 #include "ovfft.h"
@@ -348,6 +349,64 @@ DriftSteps drift_steps(const ov_specmap& map, double drift_max) {
     return {static_cast<int32_t>(n), unit};
 }
 
+StartGrid starts_around(int32_t start, const Steps& steps) {
+    return {start - steps.reach, 2 * steps.reach / steps.step + 1, steps.step};
+}
+
+// Measures hypotheses and hands them to a judge, start by start.
+class HypothesisGrid {
+  public:
+    HypothesisGrid(const ov_baseband& bb, const ov_specmap& map, const std::function<void(const ov_measured&)>& judge)
+        : bb_(bb), map_(map), judge_(judge), meter_(bb, map.chip_len, map.frame_chips) {}
+
+    // The starts with 2·n + 1 frequencies step_hz apart around f.
+    void measure(const StartGrid& starts, double f, int32_t n, double step_hz, double drift) {
+        freqs_.clear();
+        for (int32_t i = -n; i <= n; i++) freqs_.push_back(f + i * step_hz);
+        if (map_.spread == 0) meter_.measure(starts, freqs_, drift);
+        for (int32_t s = 0; s < starts.count; s++) {
+            for (std::size_t i = 0; i < freqs_.size(); i++) judge_at(starts, s, i, drift);
+        }
+    }
+
+  private:
+    void judge_at(const StartGrid& starts, int32_t s, std::size_t i, double drift) {
+        if (map_.spread == 0) {
+            judge_({starts.at(s), freqs_[i], drift, meter_.energies(s, i), meter_.measured(s)});
+            return;
+        }
+        std::array<float, OV_MAX_CHIPS> energy;
+        const int32_t n_in = ov_chip_energies_sp(bb_, map_, starts.at(s), freqs_[i], drift, energy.data());
+        judge_({starts.at(s), freqs_[i], drift, energy.data(), n_in});
+    }
+
+    const ov_baseband& bb_;
+    const ov_specmap& map_;
+    const std::function<void(const ov_measured&)>& judge_;
+    ChipMeter meter_;
+    std::vector<double> freqs_;
+};
+
+// Replaces best by a measured hypothesis that has enough chips and scores strictly higher.
+void judge_hyp(const ov_specmap& map, const ov_measured& measured, int32_t min_chips, ov_hyp& best) {
+    if (measured.n_in < min_chips) return;
+    ov_hyp hyp{};
+    std::copy_n(measured.energy, map.frame_chips, hyp.energy);
+    hyp.n_in = measured.n_in;
+    hyp.noise = ov_noise_at(map, measured.f);
+    energies_to_soft(hyp.energy, map.pairs, hyp.noise, map.noise_rescale, hyp.soft);
+    hyp.metric = layout_metric(map, hyp.soft);
+    if (!(hyp.metric > best.metric)) return;
+
+    hyp.start = measured.start;
+    hyp.f = measured.f;
+    hyp.drift = measured.drift;
+    hyp.noise_rescale = map.noise_rescale;
+    hyp.spread_factor = map.spread_factor;
+    hyp.nchips = map.frame_chips;
+    best = hyp;
+}
+
 // ---- SNR -------------------------------------------------------------------------------------------------------
 
 double snr_from_ratio(double ratio, double chip_s) {
@@ -635,21 +694,9 @@ double ov_noise_at(const ov_specmap& map, double f) {
 
 void try_hyp(const ov_baseband& bb, const ov_specmap& map, int32_t start, double f, double drift, int32_t min_chips,
              ov_hyp& best) {
-    ov_hyp hyp{};
-    hyp.n_in = ov_chip_energies_sp(bb, map, start, f, drift, hyp.energy);
-    if (hyp.n_in < min_chips) return;
-    hyp.noise = ov_noise_at(map, f);
-    energies_to_soft(hyp.energy, map.pairs, hyp.noise, map.noise_rescale, hyp.soft);
-    hyp.metric = layout_metric(map, hyp.soft);
-    if (!(hyp.metric > best.metric)) return;
-
-    hyp.start = start;
-    hyp.f = f;
-    hyp.drift = drift;
-    hyp.noise_rescale = map.noise_rescale;
-    hyp.spread_factor = map.spread_factor;
-    hyp.nchips = map.frame_chips;
-    best = hyp;
+    std::array<float, OV_MAX_CHIPS> energy;
+    const int32_t n_in = ov_chip_energies_sp(bb, map, start, f, drift, energy.data());
+    judge_hyp(map, {start, f, drift, energy.data(), n_in}, min_chips, best);
 }
 
 int ov_refine(const ov_baseband& bb, const ov_specmap& map, const ov_cand& cand, double drift_max, double edge,
@@ -657,41 +704,33 @@ int ov_refine(const ov_baseband& bb, const ov_specmap& map, const ov_cand& cand,
     const int32_t min_chips = ov_chips_needed(edge, map.frame_chips);
     ov_hyp best{};
     best.metric = NO_METRIC;
-    const auto measure = [&](int32_t start, double f, double drift) {
-        try_hyp(bb, map, start, f, drift, min_chips, best);
-    };
-    if (ov_search_around(map, cand.pos * map.hop, cand.f, drift_max, best, measure) != 0) return -1;
+    const auto judge = [&](const ov_measured& measured) { judge_hyp(map, measured, min_chips, best); };
+    if (ov_search_around(bb, map, cand.pos * map.hop, cand.f, drift_max, best, judge) != 0) return -1;
     out = best;
     return 0;
 }
 
-int ov_search_around(const ov_specmap& map, int32_t start, double f, double drift_max, ov_hyp& best,
-                     const std::function<void(int32_t, double, double)>& measure) {
-    const Steps coarse = coarse_start_steps(map.hop);
-    for (int32_t d = -coarse.reach; d <= coarse.reach; d += coarse.step) {
-        for (int32_t i = -4; i <= 4; i++) measure(start + d, f + i * map.bin_hz / 4, 0);
-    }
-    if (!(best.metric > -1e299)) return -1;
+int ov_search_around(const ov_baseband& bb, const ov_specmap& map, int32_t start, double f, double drift_max,
+                     ov_hyp& best, const std::function<void(const ov_measured&)>& judge) {
+    try {
+        HypothesisGrid grid(bb, map, judge);
+        grid.measure(starts_around(start, coarse_start_steps(map.hop)), f, 4, map.bin_hz / 4, 0);
+        if (!(best.metric > -1e299)) return -1;
 
-    // Each stage searches around what the stage before it found, not around its own running best.
-    if (drift_max > 0) {
-        const int32_t coarse_start = best.start;
-        const double coarse_f = best.f;
-        const DriftSteps steps = drift_steps(map, drift_max);
-        for (int32_t j = -steps.n; j <= steps.n; j++) {
-            if (j == 0) continue;
-            for (int32_t i = -2; i <= 2; i++) measure(coarse_start, coarse_f + i * map.bin_hz / 4, j * steps.unit);
+        // Each stage searches around what the stage before it found, not around its own running best.
+        if (drift_max > 0) {
+            const StartGrid coarse_start{best.start, 1, 1};
+            const double coarse_f = best.f;
+            const DriftSteps steps = drift_steps(map, drift_max);
+            for (int32_t j = -steps.n; j <= steps.n; j++) {
+                if (j != 0) grid.measure(coarse_start, coarse_f, 2, map.bin_hz / 4, j * steps.unit);
+            }
         }
+        grid.measure(starts_around(best.start, fine_start_steps(map.hop)), best.f, 2, map.bin_hz / 16, best.drift);
+        return 0;
+    } catch (const std::bad_alloc&) {
+        return -1;
     }
-
-    const Steps fine = fine_start_steps(map.hop);
-    const int32_t drift_start = best.start;
-    const double drift_f = best.f;
-    const double drift = best.drift;
-    for (int32_t d = -fine.reach; d <= fine.reach; d += fine.step) {
-        for (int32_t i = -2; i <= 2; i++) measure(drift_start + d, drift_f + i * map.bin_hz / 16, drift);
-    }
-    return 0;
 }
 
 int32_t ov_chips_needed(double edge, int32_t frame_chips) {

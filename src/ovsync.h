@@ -189,11 +189,20 @@ int ov_refine(const ov_baseband& bb, const ov_specmap& map, const ov_cand& cand,
 int ov_fit_shift(const ov_baseband& bb, const ov_specmap& map, const ov_hyp& hyp, int32_t shift, double edge,
                  ov_hyp& out);
 
+// One measured hypothesis of ov_search_around: its place and the energies of its chips, of which n_in are measured.
+struct ov_measured {
+    int32_t start;
+    double f;
+    double drift;
+    const float* energy;
+    int32_t n_in;
+};
+
 // The grid of ov_refine around a start sample and frequency: coarse in start and frequency, then drift, then fine.
-// measure(start, f, drift) tries one hypothesis and keeps it in best where it is better. Returns 0, or -1 when none of
-// the coarse stage was.
-int ov_search_around(const ov_specmap& map, int32_t start, double f, double drift_max, ov_hyp& best,
-                     const std::function<void(int32_t, double, double)>& measure);
+// judge(hypothesis) keeps one in best where it is better. Returns 0, or -1 when none of the coarse stage was, or memory
+// is short.
+int ov_search_around(const ov_baseband& bb, const ov_specmap& map, int32_t start, double f, double drift_max,
+                     ov_hyp& best, const std::function<void(const ov_measured&)>& judge);
 
 // Chips of a frame that must lie inside the baseband when a fraction `edge` of them may lie outside.
 int32_t ov_chips_needed(double edge, int32_t frame_chips);

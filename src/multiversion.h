@@ -1,0 +1,38 @@
+// ORVEL_MULTIVERSION before a function makes it several times over, for plain x86-64, AVX2 and AVX-512; the loader
+// takes the one that the machine can run. All of them give the same results: none may fuse a multiplication with an
+// addition. Elsewhere, and under sanitizers, which are not yet set up when the loader chooses, there is one function.
+#pragma once
+
+#include <cstddef>
+#include <cstring>
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
+#define ORVEL_ONE_VERSION
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define ORVEL_ONE_VERSION
+#endif
+
+#if defined(__x86_64__) && defined(__gnu_linux__) && defined(__GNUC__) && !defined(ORVEL_ONE_VERSION)
+#define ORVEL_MULTIVERSION __attribute__((target_clones("default", "avx2", "avx512f")))
+#else
+#define ORVEL_MULTIVERSION
+#endif
+
+// Some numbers side by side. The compiler makes of them what registers the machine has.
+inline constexpr std::size_t DOUBLES = 8;
+inline constexpr std::size_t FLOATS = 16;
+using Doubles8 [[gnu::vector_size(DOUBLES * sizeof(double))]] = double;
+using Floats16 [[gnu::vector_size(FLOATS * sizeof(float))]] = float;
+
+inline void load(Doubles8& out, const double* from) {
+    std::memcpy(&out, from, sizeof out);
+}
+inline void load(Floats16& out, const float* from) {
+    std::memcpy(&out, from, sizeof out);
+}
+inline void store(const Floats16& values, float* to) {
+    std::memcpy(to, &values, sizeof values);
+}
