@@ -74,7 +74,7 @@ class DeepSearch {
           grid_(grid),
           known_(known),
           threshold_(threshold),
-          groups_(map, grid, ov_group_rows::Squares::YES),
+          groups_(map, grid, ov_group_rows::Keep::WORDS),
           z_(known.size() * N_KEPT * grid.n_columns, std::numeric_limits<float>::quiet_NaN()),
           highest_(known.size() * N_KEPT),
           squares_(grid.n_columns),

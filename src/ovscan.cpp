@@ -15,6 +15,7 @@
 
 #include "median.h"
 #include "ovfft.h"
+#include "runsums.h"
 
 namespace {
 
@@ -113,13 +114,10 @@ std::vector<float> noise_of(const Grid& grid, std::span<const float> powers) {
 
     constexpr auto MARGIN = static_cast<std::size_t>(NOISE_MARGIN);
     std::vector<float> noise(bins);
-    std::vector<float> near;
     for (std::size_t k = 0; k < bins; k++) {
         const std::size_t low = k > MARGIN ? k - MARGIN : 0;
         const std::size_t high = std::min(k + MARGIN, bins - 1);
-        near.assign(levels.begin() + static_cast<std::ptrdiff_t>(low),
-                    levels.begin() + static_cast<std::ptrdiff_t>(high) + 1);
-        const float level = upper_median(near);
+        const float level = upper_median(std::span(levels).subspan(low, high - low + 1));
         noise[k] = level > 0 ? level : NOISE_FLOOR;
     }
     return noise;
@@ -153,10 +151,6 @@ struct Sums {
 };
 
 // The best mean jump of some bins over all runs.
-//
-// A run slides along its phase. Were its sums updated by adding what enters and subtracting what leaves, the rounding
-// of one strong burst would stay in them for good. So nothing is subtracted: the phase is cut into blocks of one run's
-// length, and each run is the end of one block, summed from behind, and the beginning of the next.
 class JumpSearch {
   public:
     JumpSearch(const Grid& grid, std::span<const float> powers, std::span<const float> noise, int32_t run_chips,
@@ -182,22 +176,9 @@ class JumpSearch {
         if (run < MIN_RUN) return;
         load(phase, chips);
 
-        ends_.resize(static_cast<std::size_t>(run));
-        const int64_t jumps = chips - 1;
-        for (int64_t block = 0; block + run <= jumps; block += run) {
-            // Ends of this block, from one chip to all of it, then the runs that reach into the next block.
-            Sums sum;
-            for (int64_t i = run; i-- > 0;) {
-                sum.add(chips_[at(block + i)], chips_[at(block + i + 1)]);
-                ends_[at(i)] = sum;
-            }
-            judge(ends_.front(), run);
-            sum = {};
-            for (int64_t i = 1; i < run && block + run + i <= jumps; i++) {
-                sum.add(chips_[at(block + run + i - 1)], chips_[at(block + run + i)]);
-                judge(ends_[at(i)] + sum, run);
-            }
-        }
+        sum_runs(
+            chips - 1, run, ends_, [&](Sums& sums, int64_t i) { sums.add(chips_[at(i)], chips_[at(i + 1)]); },
+            [&](int64_t, const Sums& sums) { judge(sums, run); }, [](const Sums& a, const Sums& b) { return a + b; });
     }
 
     static std::size_t at(int64_t index) { return static_cast<std::size_t>(index); }
@@ -285,10 +266,11 @@ int32_t ov_scan_w(const double* re, const double* im, int32_t n, int32_t rate, d
                         statistic.begin() + static_cast<std::ptrdiff_t>(first));
         }
 
-        std::vector<float> sorted = statistic;
-        const float median = upper_median(sorted);
-        for (float& value : sorted) value = std::fabs(value - median);
-        double sigma = SIGMA_PER_MAD * upper_median(sorted);
+        const float median = upper_median(statistic);
+        std::vector<float> deviations(statistic.size());
+        std::transform(statistic.begin(), statistic.end(), deviations.begin(),
+                       [median](float value) { return std::fabs(value - median); });
+        double sigma = SIGMA_PER_MAD * upper_median(deviations);
         if (!(sigma > 0)) sigma = 1e-9;
         if (verbose != 0) {
             std::fprintf(stderr,

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
 #include <memory>
 #include <new>
 #include <numbers>
@@ -14,8 +15,10 @@
 
 #include "chipmeter.h"
 #include "median.h"
+#include "multiversion.h"
 #include "ovcdec.h"
 #include "ovfft.h"
+#include "runsums.h"
 
 namespace {
 
@@ -41,17 +44,6 @@ constexpr int32_t MIN_SNR_CHIP_SAMPLES = 16;
 constexpr int32_t SNR_GUARD_BINS = 15;  // bins each side of the carrier that are not noise
 constexpr std::size_t MIN_SNR_SAMPLES = 200;
 constexpr double NO_SNR = -99.0;
-
-// ---- Medians ---------------------------------------------------------------------------------------------------
-
-// Median of values that may be reordered.
-float median_in_place(std::span<float> values) {
-    if (values.empty()) return 0;
-    const float upper = upper_median(values);
-    if (values.size() % 2 == 1) return upper;
-    const auto below = values.first(values.size() / 2);
-    return (*std::max_element(below.begin(), below.end(), float_less) + upper) * 0.5f;
-}
 
 // ---- Score map -------------------------------------------------------------------------------------------------
 
@@ -156,16 +148,15 @@ void fill_noise(const ov_specmap& map) {
             for (std::size_t c = 0; c < width; c++) samples[c * rows + i] = source[c];
         }
         for (std::size_t c = 0; c < width; c++) {
-            levels[first + c] = median_in_place(std::span(samples).subspan(c * rows, rows)) / LN2;
+            levels[first + c] = median_value(std::span(samples).subspan(c * rows, rows)) / LN2;
         }
     }
 
     const auto margin = static_cast<std::size_t>(resolution(map.chip_len).margin);
-    std::vector<float> scratch(2 * margin + 1);
     for (std::size_t b = 0; b < columns; b++) {
         const std::size_t first = b > margin ? b - margin : 0;
         const std::size_t last = std::min(b + margin, columns - 1);
-        const float level = median_of(levels.data() + first, static_cast<int32_t>(last - first + 1), scratch.data());
+        const float level = median_value(std::span(levels).subspan(first, last - first + 1));
         map.noise[b] = level > 0 ? level : NOISE_FLOOR;
     }
 }
@@ -184,26 +175,128 @@ void normalise(const ov_specmap& map) {
 
 // ---- Candidate search ------------------------------------------------------------------------------------------
 
-void score_groups(const ov_specmap& map, const ov_grid& grid, std::span<float> scores) {
-    ov_group_rows groups(map, grid, ov_group_rows::Squares::NO);
-    for (int64_t i = 0; i < grid.n_rows; i++) {
-        const int64_t t = grid.first_row + i;
-        groups.advance(t);
-        float* const out = scores.data() + static_cast<std::size_t>(i) * grid.n_columns;
-        for (int32_t g = 0; g < OVC_GROUPS; g++) {
-            const float* const best = groups.best(t, g);
-            for (std::size_t c = 0; c < grid.n_columns; c++) out[c] += best[c];
+// Correlations of a group with the eight words, for some columns: bit j of word w is the parity of w AND (j + 1), so
+// they are the negated Walsh-Hadamard transform of 0 and the seven differences, which lie `stride` apart.
+using EightWords = std::array<Floats16, 8>;
+inline void correlate(const float* differences, std::size_t stride, EightWords& x) {
+    x[0] = Floats16{};
+    for (std::size_t j = 0; j < OVC_WORD_BITS; j++) {
+        load(x[j + 1], differences + j * stride);
+        x[j + 1] = -x[j + 1];
+    }
+    for (std::size_t half = 1; half < x.size(); half *= 2) {
+        for (std::size_t k = 0; k < x.size(); k++) {
+            if ((k & half) != 0) continue;
+            const Floats16 sum = x[k] + x[k + half];
+            x[k + half] = x[k] - x[k + half];
+            x[k] = sum;
         }
     }
 }
 
-void score_pairs(const ov_specmap& map, const ov_grid& grid, std::span<float> scores) {
-    std::vector<float> difference(grid.n_columns);
+// n is a multiple of 16, here and in the next.
+ORVEL_MULTIVERSION void correlate_words(const float* differences, std::size_t n, float* words) {
+    for (std::size_t c = 0; c < n; c += FLOATS) {
+        EightWords x;
+        correlate(differences + c, n, x);
+        for (std::size_t w = 0; w < x.size(); w++) store(x[w], words + w * n + c);
+    }
+}
+
+// The best of the last word alone, of the first four, and of all.
+ORVEL_MULTIVERSION void correlate_best(const float* differences, std::size_t n, float* last, float* four, float* all) {
+    const Floats16 lowest = Floats16{} - 1e30f;
+    for (std::size_t c = 0; c < n; c += FLOATS) {
+        EightWords x;
+        correlate(differences + c, n, x);
+        Floats16 best = lowest;
+        for (std::size_t w = 0; w < x.size(); w++) {
+            best = x[w] > best ? x[w] : best;  // unchanged where x is no number
+            if (w == 3) store(best, four + c);
+        }
+        store(best, all + c);
+        best = x[7] > lowest ? x[7] : lowest;
+        store(best, last + c);
+    }
+}
+
+ORVEL_MULTIVERSION void subtract(const float* a, const float* b, std::size_t n, float* out) {
+    for (std::size_t c = 0; c < n; c++) out[c] = a[c] - b[c];
+}
+
+// Sums of 17 rows, in their order.
+using GroupRows = std::array<const float*, OVC_GROUPS>;
+ORVEL_MULTIVERSION void sum_groups(const GroupRows& rows, std::size_t n, float* out) {
+    for (std::size_t c = 0; c < n; c += FLOATS) {
+        Floats16 sum{};
+        for (const float* row : rows) {
+            Floats16 values;
+            load(values, row + c);
+            sum += values;
+        }
+        std::memcpy(out + c, &sum, std::min(FLOATS, n - c) * sizeof(float));
+    }
+}
+
+void score_groups(const ov_specmap& map, const ov_grid& grid, std::span<float> scores) {
+    ov_group_rows groups(map, grid, ov_group_rows::Keep::BEST);
     for (int64_t i = 0; i < grid.n_rows; i++) {
-        float* const out = scores.data() + static_cast<std::size_t>(i) * grid.n_columns;
-        for (int64_t k = 0; k < map.pairs; k++) {
-            ov_pair_difference(map, grid, grid.first_row + i + (2 * k + 1) * map.steps_per_chip, difference.data());
-            for (std::size_t c = 0; c < grid.n_columns; c++) out[c] += std::fabs(difference[c]);
+        const int64_t t = grid.first_row + i;
+        groups.advance(t);
+        GroupRows rows;
+        for (int32_t g = 0; g < OVC_GROUPS; g++) rows[static_cast<std::size_t>(g)] = groups.best(t, g);
+        sum_groups(rows, grid.n_columns, scores.data() + static_cast<std::size_t>(i) * grid.n_columns);
+    }
+}
+
+// Some columns of a row of the score, in double precision.
+constexpr std::size_t SUM_COLUMNS = 16;
+using ColumnSums = std::array<double, SUM_COLUMNS>;
+
+// Adds |power in the chip after row u − power in the chip that begins there| for `width` columns; nothing where either
+// lies outside the map.
+[[gnu::always_inline]] inline void add_difference(const ov_specmap& map, int64_t u, std::size_t column,
+                                                  std::size_t width, ColumnSums& sums) {
+    if (u < 0 || u + map.steps_per_chip >= map.npos) return;
+    const auto stride = static_cast<std::size_t>(map.nbins);
+    const float* const first = map.power + static_cast<std::size_t>(u) * stride + column;
+    const float* const second = first + static_cast<std::size_t>(map.steps_per_chip) * stride;
+    if (width == SUM_COLUMNS) {  // a fixed count of columns can be added at once
+        for (std::size_t c = 0; c < SUM_COLUMNS; c++) sums[c] += static_cast<double>(std::fabs(second[c] - first[c]));
+    } else {
+        for (std::size_t c = 0; c < width; c++) sums[c] += static_cast<double>(std::fabs(second[c] - first[c]));
+    }
+}
+
+// Scores of some columns, of frames that start in rows t, t + 2S, …: pair k of the frame in row t compares the chips at
+// row t + (2k + 1)S, so that neighbouring scores of this sequence have all but one of their terms in common.
+ORVEL_MULTIVERSION void score_columns(const ov_specmap& map, const ov_grid& grid, int64_t residue, std::size_t column,
+                                      std::size_t width, std::vector<ColumnSums>& ends, float* scores) {
+    const int64_t stride = 2 * static_cast<int64_t>(map.steps_per_chip);
+    const int64_t starts = (grid.n_rows - residue + stride - 1) / stride;
+    const int64_t first_row = grid.first_row + residue + map.steps_per_chip;
+    const auto source = static_cast<std::size_t>(grid.first_column) + column;
+    sum_runs(
+        starts + map.pairs - 1, map.pairs, ends,
+        [&](ColumnSums& sums, int64_t i) { add_difference(map, first_row + i * stride, source, width, sums); },
+        [&](int64_t i, const ColumnSums& sums) {
+            float* const out = scores + static_cast<std::size_t>(residue + i * stride) * grid.n_columns + column;
+            for (std::size_t c = 0; c < width; c++) out[c] = static_cast<float>(sums[c]);
+        },
+        [](const ColumnSums& a, const ColumnSums& b) {
+            ColumnSums sum;
+            for (std::size_t c = 0; c < SUM_COLUMNS; c++) sum[c] = a[c] + b[c];
+            return sum;
+        });
+}
+
+void score_pairs(const ov_specmap& map, const ov_grid& grid, std::span<float> scores) {
+    const int64_t residues = std::min(2 * static_cast<int64_t>(map.steps_per_chip), grid.n_rows);
+    std::vector<ColumnSums> ends;
+    for (std::size_t column = 0; column < grid.n_columns; column += SUM_COLUMNS) {
+        const std::size_t width = std::min(SUM_COLUMNS, grid.n_columns - column);
+        for (int64_t residue = 0; residue < residues; residue++) {
+            score_columns(map, grid, residue, column, width, ends, scores.data());
         }
     }
 }
@@ -220,9 +313,9 @@ ScoreStatistics score_statistics(std::span<const float> scores) {
     for (int64_t i = 0; i < n; i++)
         sample[static_cast<std::size_t>(i)] = scores[static_cast<std::size_t>(i * total / n)];
 
-    const float median = median_in_place(sample);
+    const float median = median_value(sample);
     for (float& value : sample) value = std::fabs(value - median);
-    const double sigma = SIGMA_PER_MAD * median_in_place(sample);
+    const double sigma = SIGMA_PER_MAD * median_value(sample);
     return {median, sigma > 0 ? sigma : 1e-9};
 }
 
@@ -481,10 +574,8 @@ std::vector<float> noise_powers(const ov_baseband& bb, int32_t chip_len, const o
 
 }  // namespace
 
-float median_of(const float* values, int32_t n, float* scratch) {
-    if (n < 1) return 0;
-    std::copy_n(values, n, scratch);
-    return median_in_place({scratch, static_cast<std::size_t>(n)});
+float median_of(const float* values, int32_t n, float* /*scratch*/) {
+    return median_value({values, static_cast<std::size_t>(std::max(n, 0))});
 }
 
 int ov_spectrogram(const ov_baseband& bb, double chip_s, double search_hz, double spread_hz, ov_specmap& out) {
@@ -550,17 +641,20 @@ void ov_pair_difference(const ov_specmap& map, const ov_grid& grid, int64_t r, f
     }
     const float* first = map.power + static_cast<std::ptrdiff_t>(r) * map.nbins + grid.first_column;
     const float* second = first + static_cast<std::ptrdiff_t>(map.steps_per_chip) * map.nbins;
-    for (std::size_t c = 0; c < grid.n_columns; c++) out[c] = second[c] - first[c];
+    subtract(second, first, grid.n_columns, out);
 }
 
-ov_group_rows::ov_group_rows(const ov_specmap& map, const ov_grid& grid, Squares squares)
+ov_group_rows::ov_group_rows(const ov_specmap& map, const ov_grid& grid, Keep keep)
     : map_(map),
       grid_(grid),
+      keep_(keep),
+      stride_((grid.n_columns + FLOATS - 1) / FLOATS * FLOATS),
+      kinds_(keep == Keep::BEST ? static_cast<std::size_t>(N_BEST) : OVC_WALSH.size()),
       depth_(2 * OVC_GROUPS * static_cast<int64_t>(map.steps_per_chip)),
       next_row_(grid.first_row + map.steps_per_chip),
-      rows_(static_cast<std::size_t>(depth_) * N_KINDS * grid.n_columns),
-      squares_(squares == Squares::YES ? static_cast<std::size_t>(depth_) * grid.n_columns : 0),
-      differences_(OVC_WORD_BITS * grid.n_columns) {}
+      rows_(static_cast<std::size_t>(depth_) * kinds_ * stride_),
+      squares_(keep == Keep::WORDS ? static_cast<std::size_t>(depth_) * grid.n_columns : 0),
+      differences_(OVC_WORD_BITS * stride_) {}
 
 void ov_group_rows::advance(int64_t t) {
     while (next_row_ <= group_row(t, OVC_GROUPS - 1)) form(next_row_++);
@@ -571,7 +665,7 @@ int64_t ov_group_rows::group_row(int64_t t, int32_t g) const {
 }
 
 const float* ov_group_rows::row(int64_t t, int32_t g, std::size_t kind) const {
-    return rows_.data() + (slot(group_row(t, g)) * N_KINDS + kind) * grid_.n_columns;
+    return rows_.data() + (slot(group_row(t, g)) * kinds_ + kind) * stride_;
 }
 
 const double* ov_group_rows::squares(int64_t t, int32_t g) const {
@@ -579,34 +673,17 @@ const double* ov_group_rows::squares(int64_t t, int32_t g) const {
 }
 
 void ov_group_rows::form(int64_t u) {
-    const std::size_t n = grid_.n_columns;
     for (int64_t j = 0; j < OVC_WORD_BITS; j++) {
         ov_pair_difference(map_, grid_, u + 2 * OVC_GROUPS * j * map_.steps_per_chip,
-                           differences_.data() + static_cast<std::size_t>(j) * n);
+                           differences_.data() + static_cast<std::size_t>(j) * stride_);
     }
-    if (!squares_.empty()) form_squares(u);
-
-    float* const out = rows_.data() + slot(u) * N_KINDS * n;
-    const float* const d = differences_.data();
-    const auto larger = [](float a, float b) { return b > a ? b : a; };  // a where b is no number
-    for (std::size_t c = 0; c < n; c++) {
-        // Bit j of word w is the parity of w AND (j + 1), so the correlations are the negated Walsh-Hadamard transform
-        // of 0 and the seven differences.
-        std::array<float, 8> x = {0};
-        for (std::size_t j = 0; j < OVC_WORD_BITS; j++) x[j + 1] = -d[j * n + c];
-        for (std::size_t half = 1; half < 8; half *= 2) {
-            for (std::size_t k = 0; k < 8; k++) {
-                if ((k & half) != 0) continue;
-                const float sum = x[k] + x[k + half];
-                x[k + half] = x[k] - x[k + half];
-                x[k] = sum;
-            }
-        }
-        for (std::size_t w = 0; w < 8; w++) out[w * n + c] = x[w];
-        const float four = larger(larger(larger(larger(-1e30f, x[0]), x[1]), x[2]), x[3]);
-        out[FIRST_FOUR * n + c] = four;
-        out[ALL * n + c] = larger(larger(larger(larger(four, x[4]), x[5]), x[6]), x[7]);
-        out[ONLY_LAST * n + c] = larger(-1e30f, x[7]);
+    float* const out = rows_.data() + slot(u) * kinds_ * stride_;
+    if (keep_ == Keep::BEST) {
+        correlate_best(differences_.data(), stride_, out + ONLY_LAST * stride_, out + FIRST_FOUR * stride_,
+                       out + ALL * stride_);
+    } else {
+        correlate_words(differences_.data(), stride_, out);
+        form_squares(u);
     }
 }
 
@@ -616,7 +693,7 @@ void ov_group_rows::form_squares(int64_t u) {
     std::fill_n(out, n, 0.0);
     for (std::size_t j = 0; j < OVC_WORD_BITS; j++) {
         for (std::size_t c = 0; c < n; c++) {
-            const double difference = differences_[j * n + c];
+            const double difference = differences_[j * stride_ + c];
             out[c] += difference * difference;
         }
     }

@@ -107,25 +107,28 @@ void ov_pair_difference(const ov_specmap& map, const ov_grid& grid, int64_t r, f
 // are formed once, kept while a frame can still use them, and shared by all groups, frames and known callsigns.
 class ov_group_rows {
   public:
-    enum class Squares { NO, YES };
+    enum class Keep {
+        BEST,  // the best correlation
+        WORDS  // the correlation with each word, and the sum of the squared differences
+    };
 
     // Rows for frames that start in the grid, which must be asked for in ascending order of frame start.
-    ov_group_rows(const ov_specmap& map, const ov_grid& grid, Squares squares);
+    ov_group_rows(const ov_specmap& map, const ov_grid& grid, Keep keep);
 
     // Forms what frames up to start row t need.
     void advance(int64_t t);
 
-    // One value for each column of the grid, of group g of a frame that starts in row t. A best is taken over numbers
-    // only and is at least -1e30.
+    // One value for each column of the grid, and zeros up to a multiple of 16 columns, of group g of a frame that
+    // starts in row t. A best is taken over numbers only and is at least -1e30.
     const float* word(int64_t t, int32_t g, int32_t w) const { return row(t, g, static_cast<std::size_t>(w)); }
     const float* best(int64_t t, int32_t g) const { return row(t, g, g == 0 ? ONLY_LAST : g == 1 ? FIRST_FOUR : ALL); }
 
-    // Sum of the group's squared differences, if wanted. In double: a float cannot hold the square of a power over the
-    // noise floor of digital silence.
+    // Sum of the group's squared differences. In double: a float cannot hold the square of a power over the noise floor
+    // of digital silence.
     const double* squares(int64_t t, int32_t g) const;
 
   private:
-    enum Kind : std::size_t { ONLY_LAST = 8, FIRST_FOUR, ALL, N_KINDS };  // behind the eight words
+    enum Best : std::size_t { ONLY_LAST, FIRST_FOUR, ALL, N_BEST };  // words that a group may have
 
     std::size_t slot(int64_t u) const { return static_cast<std::size_t>((u - grid_.first_row) % depth_); }
     int64_t group_row(int64_t t, int32_t g) const;
@@ -135,10 +138,13 @@ class ov_group_rows {
 
     const ov_specmap& map_;
     ov_grid grid_;
-    int64_t depth_;     // rows kept
-    int64_t next_row_;  // first row not formed yet
+    Keep keep_;
+    std::size_t stride_;  // columns, rounded up
+    std::size_t kinds_;   // rows kept of each
+    int64_t depth_;       // rows kept
+    int64_t next_row_;    // first row not formed yet
     std::vector<float> rows_;
-    std::vector<double> squares_;  // empty when not wanted
+    std::vector<double> squares_;
     std::vector<float> differences_;
 };
 
