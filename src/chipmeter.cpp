@@ -8,12 +8,17 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <complex>
 #include <cstddef>
 #include <numbers>
 
 #include "multiversion.h"
 
 namespace {
+
+inline double total(const Doubles8& x) {
+    return ((x[0] + x[4]) + (x[2] + x[6])) + ((x[1] + x[5]) + (x[3] + x[7]));
+}
 
 // Σ (re + j·im)·(phasor_re + j·phasor_im) over n samples.
 struct Sum {
@@ -35,11 +40,7 @@ inline Sum dot(const double* re, const double* im, const double* phasor_re, cons
         sum_re += x_re * p_re - x_im * p_im;
         sum_im += x_re * p_im + x_im * p_re;
     }
-    Sum sum{0, 0};
-    for (std::size_t j = 0; j < DOUBLES; j++) {
-        sum.re += sum_re[j];
-        sum.im += sum_im[j];
-    }
+    Sum sum{total(sum_re), total(sum_im)};
     for (; k < n; k++) {
         sum.re += re[k] * phasor_re[k] - im[k] * phasor_im[k];
         sum.im += re[k] * phasor_im[k] + im[k] * phasor_re[k];
@@ -49,52 +50,59 @@ inline Sum dot(const double* re, const double* im, const double* phasor_re, cons
 
 constexpr std::size_t MAX_STARTS = 16;
 
-// Energies of one chip at all starts, for one frequency; `stride` floats apart.
-ORVEL_MULTIVERSION void sum_windows(const double* re, const double* im, const double* phasor_re,
-                                    const double* phasor_im, std::size_t chip_len, std::size_t count, std::size_t step,
-                                    float* out, std::size_t stride) {
-    const std::size_t reach = (count - 1) * step;  // from the first start to the last
-    const Sum common = dot(re + reach, im + reach, phasor_re + reach, phasor_im + reach, chip_len - reach);
-    const auto add = [&](Sum& sum, std::size_t k) {
-        sum.re += re[k] * phasor_re[k] - im[k] * phasor_im[k];
-        sum.im += re[k] * phasor_im[k] + im[k] * phasor_re[k];
-    };
+// Where the energies of one chip go: by frequency, then by start.
+struct Output {
+    float* energy;
+    std::size_t freq_stride, start_stride;
+};
 
-    // The earlier a window starts, the more samples it has before the common part, and the fewer behind it.
-    std::array<Sum, MAX_STARTS> before;
-    Sum sum{0, 0};
-    for (std::size_t i = count, k = reach; i-- > 0;) {
-        while (k > i * step) add(sum, --k);
-        before[i] = sum;
-    }
-    Sum behind{0, 0};
-    for (std::size_t i = 0, k = 0; i < count; i++) {
-        for (; k < i * step; k++) add(behind, chip_len + k);
-        const double total_re = before[i].re + common.re + behind.re;
-        const double total_im = before[i].im + common.im + behind.im;
-        out[i * stride] = static_cast<float>(total_re * total_re + total_im * total_im);
+// Energies of one chip at all starts and frequencies. A row of phasors for each frequency spans all the windows.
+ORVEL_MULTIVERSION void sum_windows(const double* re, const double* im, const double* phasor_re,
+                                    const double* phasor_im, std::size_t chip_len, std::size_t n_freqs,
+                                    std::size_t n_starts, std::size_t step, const Output& out) {
+    const std::size_t reach = (n_starts - 1) * step;  // from the first start to the last
+    for (std::size_t f = 0; f < n_freqs; f++, phasor_re += chip_len + reach, phasor_im += chip_len + reach) {
+        const Sum common = dot(re + reach, im + reach, phasor_re + reach, phasor_im + reach, chip_len - reach);
+        const auto add = [&](Sum& sum, std::size_t k) {
+            sum.re += re[k] * phasor_re[k] - im[k] * phasor_im[k];
+            sum.im += re[k] * phasor_im[k] + im[k] * phasor_re[k];
+        };
+
+        // The earlier a window starts, the more samples it has before the common part, and the fewer behind it.
+        std::array<Sum, MAX_STARTS> before;
+        Sum sum{0, 0};
+        for (std::size_t i = n_starts, k = reach; i-- > 0;) {
+            while (k > i * step) add(sum, --k);
+            before[i] = sum;
+        }
+        Sum behind{0, 0};
+        for (std::size_t i = 0, k = 0; i < n_starts; i++) {
+            for (; k < i * step; k++) add(behind, chip_len + k);
+            const double total_re = before[i].re + common.re + behind.re;
+            const double total_im = before[i].im + common.im + behind.im;
+            out.energy[f * out.freq_stride + i * out.start_stride] =
+                static_cast<float>(total_re * total_re + total_im * total_im);
+        }
     }
 }
 
 // e^(−jk·turn) for k = 0 … n − 1. Four at a time: each is the fourth before it, turned.
 ORVEL_MULTIVERSION void turn_table(double turn, std::size_t n, double* re, double* im) {
     constexpr std::size_t STRIDE = 4;
-    std::array<double, STRIDE> now_re;
-    std::array<double, STRIDE> now_im;
-    for (std::size_t j = 0; j < STRIDE; j++) {
-        now_re[j] = std::cos(static_cast<double>(j) * turn);
-        now_im[j] = -std::sin(static_cast<double>(j) * turn);
-    }
-    const double step_re = std::cos(STRIDE * turn);
-    const double step_im = -std::sin(STRIDE * turn);
+    const std::complex<double> once(std::cos(turn), -std::sin(turn));
+    const std::complex<double> twice = once * once;
+    const std::complex<double> thrice = twice * once;
+    const std::complex<double> step = twice * twice;
+    std::array<double, STRIDE> now_re = {1, once.real(), twice.real(), thrice.real()};
+    std::array<double, STRIDE> now_im = {0, once.imag(), twice.imag(), thrice.imag()};
     for (std::size_t k = 0; k < n; k += STRIDE) {
         for (std::size_t j = 0; j < STRIDE; j++) {
             if (k + j < n) {
                 re[k + j] = now_re[j];
                 im[k + j] = now_im[j];
             }
-            const double next_re = now_re[j] * step_re - now_im[j] * step_im;
-            now_im[j] = now_re[j] * step_im + now_im[j] * step_re;
+            const double next_re = now_re[j] * step.real() - now_im[j] * step.imag();
+            now_im[j] = now_re[j] * step.imag() + now_im[j] * step.real();
             now_re[j] = next_re;
         }
     }
@@ -132,10 +140,8 @@ void ChipMeter::measure(const StartGrid& starts, std::span<const double> freqs, 
         const double from_middle_s = (chip + 0.5 - nchips_ / 2.0) * chip_len_ / bb_.rate;
         load_chip(first, 2 * std::numbers::pi * drift * from_middle_s / bb_.rate);
         float* const out = energies_.data() + chip;
-        for (std::size_t f = 0; f < freqs.size(); f++) {
-            sum_windows(re_.data(), im_.data(), phasor_re_.data() + f * width_, phasor_im_.data() + f * width_,
-                        chip_len, n_starts_, step, out + f * nchips, frame);
-        }
+        sum_windows(re_.data(), im_.data(), phasor_re_.data(), phasor_im_.data(), chip_len, freqs.size(), n_starts_,
+                    step, {out, nchips, frame});
         for (std::size_t i = 0; i < n_starts_; i++) {
             const int64_t begin = first + static_cast<int64_t>(i * step);
             if (begin >= 0 && begin + chip_len_ <= bb_.n) {

@@ -375,22 +375,29 @@ int32_t thin_out(const ov_specmap& map, std::span<const ov_cand> sorted, std::sp
 
 // ---- Hypotheses ------------------------------------------------------------------------------------------------
 
-// |Σ x[k]·e^(−jθk)|² over n samples. The phasor is advanced by one rotation a sample.
-double tone_energy(const Complex* x, int32_t n, double theta) {
-    const double rotate_re = std::cos(-theta);
-    const double rotate_im = std::sin(-theta);
-    double phasor_re = 1;
-    double phasor_im = 0;
-    double sum_re = 0;
-    double sum_im = 0;
-    for (int32_t k = 0; k < n; k++) {
-        sum_re += x[k].real() * phasor_re - x[k].imag() * phasor_im;
-        sum_im += x[k].real() * phasor_im + x[k].imag() * phasor_re;
-        const double next_re = phasor_re * rotate_re - phasor_im * rotate_im;
-        phasor_im = phasor_re * rotate_im + phasor_im * rotate_re;
-        phasor_re = next_re;
+// |Σ x[k]·e^(−jθk)|² over n samples. Four phasors take turns, each advanced by four rotations a time: one alone would
+// have to wait for its own last product.
+double tone_energy(const Complex* x, int32_t n, const Complex& rotation) {
+    constexpr int32_t TURNS = 4;
+    const Complex square = rotation * rotation;
+    const Complex fourth = square * square;
+    std::array<double, TURNS> phasor_re = {1, rotation.real(), square.real(), (square * rotation).real()};
+    std::array<double, TURNS> phasor_im = {0, rotation.imag(), square.imag(), (square * rotation).imag()};
+    std::array<double, TURNS> sum_re{};
+    std::array<double, TURNS> sum_im{};
+    for (int32_t first = 0; first < n; first += TURNS) {
+        for (std::size_t j = 0; j < TURNS; j++) {
+            const Complex sample = first + static_cast<int32_t>(j) < n ? x[first + static_cast<int32_t>(j)] : Complex{};
+            sum_re[j] += sample.real() * phasor_re[j] - sample.imag() * phasor_im[j];
+            sum_im[j] += sample.real() * phasor_im[j] + sample.imag() * phasor_re[j];
+            const double next_re = phasor_re[j] * fourth.real() - phasor_im[j] * fourth.imag();
+            phasor_im[j] = phasor_re[j] * fourth.imag() + phasor_im[j] * fourth.real();
+            phasor_re[j] = next_re;
+        }
     }
-    return sum_re * sum_re + sum_im * sum_im;
+    const double re = (sum_re[0] + sum_re[2]) + (sum_re[1] + sum_re[3]);
+    const double im = (sum_im[0] + sum_im[2]) + (sum_im[1] + sum_im[3]);
+    return re * re + im * im;
 }
 
 // Frequency of a window of a drifting frame that has frequency f in its middle.
@@ -728,6 +735,8 @@ int32_t ov_chip_energies(const ov_baseband& bb, int32_t chip_len, int32_t nchips
                          float* out) {
     const DriftLine line(bb.rate, start, nchips, chip_len, f, drift);
     int32_t measured = 0;
+    double last_theta = NAN;
+    Complex rotation;
     for (int32_t c = 0; c < nchips; c++) {
         const int64_t s = start + static_cast<int64_t>(c) * chip_len;
         if (s < 0 || s + chip_len > bb.n) {
@@ -735,7 +744,9 @@ int32_t ov_chip_energies(const ov_baseband& bb, int32_t chip_len, int32_t nchips
             continue;
         }
         const double theta = 2 * std::numbers::pi * line.at(static_cast<double>(s)) / bb.rate;
-        out[c] = static_cast<float>(tone_energy(bb.samples + s, chip_len, theta));
+        if (theta != last_theta) rotation = {std::cos(theta), -std::sin(theta)};  // without drift once for all
+        last_theta = theta;
+        out[c] = static_cast<float>(tone_energy(bb.samples + s, chip_len, rotation));
         measured++;
     }
     return measured;
