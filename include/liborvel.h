@@ -256,7 +256,10 @@ OVL_API double ovl_audio_output_latency(const ovl_audio *audio);
 /* When the first sample of the transmission left, or will leave, the sound card; 0 while that is not settled. */
 OVL_API double ovl_audio_output_started(const ovl_audio *audio);
 
-/* 1 while playback runs; 0 soon after the transmission has ended. */
+/*
+ * 1 while playback runs; 0 soon after the transmission has ended: with the next buffer, or with ALSA, which would drop
+ * what is still queued, when all has been heard.
+ */
 OVL_API int32_t ovl_audio_output_active(const ovl_audio *audio);
 
 /* Ends playback. For an end without a click stop the transmitter first and wait for it. NULL is ignored. */
@@ -365,7 +368,7 @@ typedef struct ov_hit {
 
 /*
  * Tells whether and where in the band something is being keyed at the chip rate, in the newest seconds of a block: much
- * cheaper than decoding it. A steady carrier does not count.
+ * cheaper than decoding it. A steady carrier does not count, but beside a very strong one its leakage may.
  *
  *   samples, n, rate   as for ovl_decode(); at least 4000 Hz
  *   settings           center_hz and search_hz say where; hits lie within search_hz + 5 Hz of the centre

@@ -67,7 +67,7 @@ class Command : public TestWithFiles {};
 // ---- Spots ----------------------------------------------------------------------------------------------------------
 
 TEST_F(Command, TableShowsTheTruthOfEveryShippedRecording) {
-    for (const Recording& recording : shipped_recordings()) {
+    for (const ShippedRecording& recording : shipped_recordings()) {
         Arguments arguments = {"decode", shipped(recording.name + ".wav")};
         if (recording.iq) arguments.emplace_back("--iq");
         const ProcessResult result = orvel(arguments);

@@ -26,7 +26,7 @@ constexpr double DRIFT_TOLERANCE_HZ_S = 0.032;  // one step of the decoder's sea
 constexpr double SNR_TOLERANCE_DB = 1;
 constexpr double SNR_LOSS_DB = 2;  // what the other stations leave of themselves counts as noise
 
-std::string path_of(const Recording& recording) {
+std::string path_of(const ShippedRecording& recording) {
     return DIRECTORY / (recording.name + ".wav");
 }
 
@@ -37,7 +37,7 @@ struct Found {
     std::string locator;
     double t_start, freq_hz, drift_hz_s, snr_db;
 };
-void expect_truth(const std::vector<Found>& found, const Recording& recording) {
+void expect_truth(const std::vector<Found>& found, const ShippedRecording& recording) {
     EXPECT_EQ(found.size(), recording.senders.size());
     for (const Found& spot : found) {
         std::size_t k = 0;
@@ -70,7 +70,7 @@ TEST(Recordings, TakeAtMostTwoMegabytes) {
 
 TEST(Recordings, AreAllOfTheGeneratorsAndNoOthers) {
     std::vector<std::string> expected;
-    for (const Recording& recording : shipped_recordings()) {
+    for (const ShippedRecording& recording : shipped_recordings()) {
         expected.push_back(recording.name + ".jsonl");
         expected.push_back(recording.name + ".wav");
     }
@@ -82,7 +82,7 @@ TEST(Recordings, AreAllOfTheGeneratorsAndNoOthers) {
 }
 
 TEST(Recordings, EqualWhatTheGeneratorMakesAnewSampleBySample) {
-    for (const Recording& recording : shipped_recordings()) {
+    for (const ShippedRecording& recording : shipped_recordings()) {
         SF_INFO info{};
         const std::unique_ptr<SNDFILE, int (*)(SNDFILE*)> file(sf_open(path_of(recording).c_str(), SFM_READ, &info),
                                                                sf_close);
@@ -98,7 +98,7 @@ TEST(Recordings, EqualWhatTheGeneratorMakesAnewSampleBySample) {
 }
 
 TEST(Recordings, TruthFilesTellWhatTheGeneratorPutIn) {
-    for (const Recording& recording : shipped_recordings()) {
+    for (const ShippedRecording& recording : shipped_recordings()) {
         std::ifstream file(DIRECTORY / (recording.name + ".jsonl"));
         std::size_t k = 0;
         for (std::string line; std::getline(file, line); ++k) {
@@ -118,7 +118,7 @@ TEST(Recordings, TruthFilesTellWhatTheGeneratorPutIn) {
 }
 
 TEST(Recordings, AudioDecodesToItsTruthThroughThePublicInterface) {
-    for (const Recording& recording : shipped_recordings()) {
+    for (const ShippedRecording& recording : shipped_recordings()) {
         if (recording.iq) continue;
         wav_audio audio{};
         ASSERT_EQ(wav_read(path_of(recording).c_str(), audio), 0);
@@ -147,7 +147,7 @@ TEST(Recordings, AudioDecodesToItsTruthThroughThePublicInterface) {
 }
 
 TEST(Recordings, IqDecodesToItsTruth) {
-    for (const Recording& recording : shipped_recordings()) {
+    for (const ShippedRecording& recording : shipped_recordings()) {
         if (!recording.iq) continue;
         iq_recording pairs{};
         ASSERT_EQ(iq_read(path_of(recording).c_str(), pairs), 0);

@@ -1,6 +1,8 @@
-// What the orvel command is made of, piece by piece: times, steps, the log of spots, checks of options, patience.
+// What the orvel command is made of, piece by piece: times, steps, the log of spots, checks of options, patience,
+// blocks, progress.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -8,14 +10,21 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <numeric>
+#include <regex>
+#include <set>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "blocks.h"
 #include "console.h"
 #include "liborvel.h"
 #include "patience.h"
+#include "progress.h"
 #include "spotlog.h"
 #include "spots.h"
 #include "steps.h"
@@ -636,6 +645,204 @@ TEST(Sleep, TakesItsTime) {
     EXPECT_GE(slept, 0.1);
     EXPECT_LT(slept, 3);
     EXPECT_FALSE(interrupted());
+}
+
+// ---- Blocks ---------------------------------------------------------------------------------------------------------
+
+TEST(Blocks, ARecordingNotMuchLongerThanABlockIsOne) {
+    for (const double seconds : {0.0, 0.1, 59.0, 60.0, 74.9, 75.0}) {
+        const auto blocks = cut_blocks(seconds, 60, 50);
+        ASSERT_EQ(blocks.size(), 1U) << seconds;
+        EXPECT_EQ(blocks[0].begin_s, 0);
+        EXPECT_EQ(blocks[0].length_s, seconds);
+    }
+    EXPECT_EQ(cut_blocks(75.1, 60, 50).size(), 3U);
+}
+
+TEST(Blocks, CoverARecordingWithTheOverlapThatIsAskedFor) {
+    for (const double block_s : {60.0, 90.0, 120.0, 299.7}) {
+        for (const double overlap_s : {0.0, 10.0, 50.0}) {
+            for (const double seconds : {400.0, 400.1, 470.0, 600.0, 1234.567, 86400.0}) {
+                const auto blocks = cut_blocks(seconds, block_s, overlap_s);
+                ASSERT_GE(blocks.size(), 2U);
+                EXPECT_EQ(blocks.front().begin_s, 0);
+                EXPECT_NEAR(blocks.back().begin_s + block_s, seconds, 1e-6);
+                for (std::size_t k = 0; k < blocks.size(); k++) {
+                    EXPECT_EQ(blocks[k].length_s, block_s) << "the last one, too, is as long as the others";
+                    EXPECT_GE(blocks[k].begin_s, 0);
+                    if (k == 0) continue;
+                    EXPECT_GT(blocks[k].begin_s, blocks[k - 1].begin_s);
+                    EXPECT_GE(blocks[k - 1].begin_s + block_s - blocks[k].begin_s, overlap_s - 1e-6);
+                }
+                const double fewest = std::ceil((seconds - block_s) / (block_s - overlap_s) - 1e-6) + 1;
+                EXPECT_EQ(static_cast<double>(blocks.size()), fewest) << seconds << " " << block_s << " " << overlap_s;
+            }
+        }
+    }
+}
+
+void pause_ms(int milliseconds) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+TEST(WorkInOrder, IsUsedInOrderOnTheCallingThreadWhateverItTakes) {
+    constexpr std::size_t COUNT = 24;
+    for (const unsigned threads : {0U, 1U, 3U, 24U, 100U}) {
+        std::vector<std::atomic<int>> worked(COUNT);
+        std::vector<std::size_t> used;
+        std::mutex lock;
+        std::set<std::thread::id> workers;
+        in_order(
+            COUNT, threads,
+            [&](std::size_t k) {
+                pause_ms(static_cast<int>((COUNT - k) % 5));
+                const std::lock_guard guard(lock);
+                workers.insert(std::this_thread::get_id());
+                ++worked[k];
+            },
+            [&, caller = std::this_thread::get_id()](std::size_t k) {
+                EXPECT_EQ(std::this_thread::get_id(), caller);
+                EXPECT_EQ(worked[k], 1) << "used before the work had ended";
+                used.push_back(k);
+                return true;
+            });
+        std::vector<std::size_t> expected(COUNT);
+        std::iota(expected.begin(), expected.end(), 0U);
+        EXPECT_EQ(used, expected) << threads;
+        for (const auto& times : worked) EXPECT_EQ(times, 1);
+        EXPECT_LE(workers.size(), std::max(threads, 1U));
+    }
+}
+
+TEST(WorkInOrder, ThreadsWorkAtTheSameTime) {
+    std::atomic<int> begun = 0;
+    std::atomic<bool> met = true;
+    in_order(
+        3, 3,
+        [&](std::size_t) {
+            ++begun;
+            const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+            while (begun < 3 && std::chrono::steady_clock::now() < end) pause_ms(1);
+            if (begun < 3) met = false;
+        },
+        [](std::size_t) { return true; });
+    EXPECT_TRUE(met);
+}
+
+TEST(WorkInOrder, NothingToDoIsNoTrouble) {
+    for (const unsigned threads : {0U, 1U, 8U}) {
+        int calls = 0;
+        in_order(
+            0, threads, [&](std::size_t) { ++calls; },
+            [&](std::size_t) {
+                ++calls;
+                return true;
+            });
+        EXPECT_EQ(calls, 0);
+    }
+}
+
+TEST(WorkInOrder, EndsEarlyWhenItsUserHasEnough) {
+    for (const unsigned threads : {1U, 4U}) {
+        std::atomic<std::size_t> worked = 0;
+        std::atomic<int> at_work = 0;
+        std::size_t used = 0;
+        in_order(
+            100000, threads,
+            [&](std::size_t) {
+                ++at_work;
+                pause_ms(1);
+                ++worked;
+                --at_work;
+            },
+            [&](std::size_t k) {
+                used++;
+                return k < 3;
+            });
+        EXPECT_EQ(used, 4U);
+        EXPECT_EQ(at_work, 0) << "it is left with work under way";
+        EXPECT_LT(worked, 50000U);
+    }
+}
+
+TEST(WorkInOrder, WhatWorkThrowsIsThrown) {
+    for (const unsigned threads : {1U, 4U}) {
+        std::vector<std::size_t> used;
+        std::atomic<std::size_t> worked = 0;
+        const auto call = [&] {
+            in_order(
+                100000, threads,
+                [&](std::size_t k) {
+                    if (k == 5) throw std::runtime_error("no more");
+                    pause_ms(1);
+                    ++worked;
+                },
+                [&](std::size_t k) {
+                    used.push_back(k);
+                    return true;
+                });
+        };
+        try {
+            call();
+            ADD_FAILURE() << "nothing thrown";
+        } catch (const std::runtime_error& error) {
+            EXPECT_STREQ(error.what(), "no more");
+        }
+        EXPECT_LE(used.size(), 5U);
+        for (std::size_t k = 0; k < used.size(); k++) EXPECT_EQ(used[k], k);
+        EXPECT_LT(worked, 50000U);
+    }
+}
+
+TEST(WorkInOrder, WhatItsUserThrowsIsThrown) {
+    std::atomic<int> at_work = 0;
+    const auto call = [&] {
+        in_order(
+            50, 4,
+            [&](std::size_t) {
+                ++at_work;
+                pause_ms(1);
+                --at_work;
+            },
+            [&](std::size_t k) {
+                if (k == 2) throw std::out_of_range("full");
+                return true;
+            });
+    };
+    EXPECT_THROW(call(), std::out_of_range);
+    EXPECT_EQ(at_work, 0);
+}
+
+// ---- Progress -------------------------------------------------------------------------------------------------------
+
+// With single blanks: how wide the columns are does not matter.
+std::string progress(double done_s, double seconds, double elapsed_s, std::size_t spots) {
+    return std::regex_replace(progress_text(done_s, seconds, elapsed_s, spots), std::regex(" +"), " ");
+}
+
+TEST(ProgressText, ShowsShareSpeedRestAndSpots) {
+    EXPECT_EQ(progress(600, 1200, 600 / 38.5, 17), "##########.......... 50 % 38.5 x real time 0:16 left 17 spots");
+    EXPECT_EQ(progress(300, 1200, 100, 2), "#####............... 25 % 3.0 x real time 5:00 left 2 spots");
+    EXPECT_EQ(progress(36, 86400, 9, 0), ".................... 0 % 4.0 x real time 359:51 left 0 spots");
+}
+
+TEST(ProgressText, BeginsWithoutSpeedAndEndsWithNothingLeft) {
+    EXPECT_EQ(progress(0, 1200, 0, 0), ".................... 0 % 0 spots");
+    EXPECT_EQ(progress(0, 1200, 5, 0), ".................... 0 % 0 spots");
+    EXPECT_EQ(progress(60, 1200, 0, 3), "#................... 5 % 3 spots");
+    EXPECT_EQ(progress(1200, 1200, 48, 3), "#################### 100 % 25.0 x real time 0:00 left 3 spots");
+    EXPECT_EQ(progress(1300, 1200, 52, 3), "#################### 100 % 25.0 x real time 0:00 left 3 spots");
+}
+
+TEST(ProgressText, OneSpotIsNoSpots) {
+    EXPECT_EQ(progress(0, 1200, 0, 1), ".................... 0 % 1 spot");
+    EXPECT_TRUE(progress(600, 1200, 10, 1).ends_with(" 1 spot"));
+    EXPECT_TRUE(progress(600, 1200, 10, 21).ends_with(" 21 spots"));
+}
+
+TEST(ProgressText, AJobOfNoLengthIsDone) {
+    EXPECT_EQ(progress(0, 0, 0, 0), "#################### 100 % 0 spots");
+    EXPECT_EQ(progress(0, 0, 1, 0), "#################### 100 % 0 spots");
 }
 
 }  // namespace

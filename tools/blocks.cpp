@@ -10,10 +10,14 @@ namespace {
 
 constexpr double STRETCH = 1.25;  // a recording up to so many blocks long is one
 
-// Joins its threads whatever happens.
+// Sends its threads home and joins them, whatever happens.
 class Crew {
   public:
+    explicit Crew(std::atomic<bool>& end) : end_(end) {}
+    Crew(const Crew&) = delete;
+    Crew& operator=(const Crew&) = delete;
     ~Crew() {
+        end_ = true;
         for (std::thread& thread : threads_) thread.join();
     }
     template <class Call>
@@ -22,6 +26,7 @@ class Crew {
     }
 
   private:
+    std::atomic<bool>& end_;
     std::vector<std::thread> threads_;
 };
 
@@ -64,7 +69,7 @@ void in_order(std::size_t count, unsigned threads, const std::function<void(std:
     };
 
     {
-        Crew crew;
+        Crew crew(end);
         const std::size_t size = std::min<std::size_t>(std::max(threads, 1u), count);
         for (std::size_t i = 0; i < size; i++) crew.add(labour);
         for (std::size_t k = 0; k < count; k++) {
@@ -74,7 +79,6 @@ void in_order(std::size_t count, unsigned threads, const std::function<void(std:
             guard.unlock();
             if (!use(k)) break;
         }
-        end = true;
     }
     if (failure) std::rethrow_exception(failure);
 }

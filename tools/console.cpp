@@ -8,9 +8,25 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <optional>
+#include <utility>
+
+namespace {
+
+std::mutex error_lock;
+bool status_shown = false;
+
+// The lock must be held.
+void clear_status() {
+    if (std::exchange(status_shown, false)) std::fputs("\r\033[K", stderr);
+}
+
+}  // namespace
 
 void print_error(const std::string& message) {
+    const std::lock_guard guard(error_lock);
+    clear_status();
     std::fprintf(stderr, "orvel: %s\n", message.c_str());
 }
 
@@ -89,11 +105,12 @@ StatusLine::~StatusLine() {
 
 void StatusLine::show(const std::string& text) {
     if (!terminal_) return;
+    const std::lock_guard guard(error_lock);
     std::fprintf(stderr, "\r%s\033[K", text.c_str());
-    shown_ = true;
+    status_shown = true;
 }
 
 void StatusLine::clear() {
-    if (shown_) std::fputs("\r\033[K", stderr);
-    shown_ = false;
+    const std::lock_guard guard(error_lock);
+    clear_status();
 }

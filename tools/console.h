@@ -36,7 +36,8 @@ CLI::Validator width();
 // The parts of a list between commas and blanks; empty parts are dropped.
 std::vector<std::string> split_list(std::string_view text);
 
-// Standard error's last line, rewritten in place; nothing where that is no terminal.
+// Standard error's last line, rewritten in place; nothing where that is no terminal. Errors clear it first. There is
+// one at a time.
 class StatusLine {
   public:
     StatusLine();
@@ -49,5 +50,4 @@ class StatusLine {
 
   private:
     bool terminal_;
-    bool shown_ = false;
 };

@@ -42,7 +42,7 @@ struct Options {
     RecordingOptions recording;
     SearchOptions search;
     bool wide = false;
-    std::string band;
+    std::optional<std::string> band;
     double scan_z = SCAN_Z;
     std::optional<double> block_s;
     unsigned jobs = 0;
@@ -67,7 +67,7 @@ ov_params decode_params(const Options& options, const std::vector<ovc_known>& kn
 // The whole of a wide decode's band as centre and half-width: what --band says, or all that the sample rate holds.
 void set_band(const Options& options, const Recording& recording, ov_params& params) {
     const Band whole = {options.recording.iq ? -0.5 * recording.rate() : 0.0, 0.5 * recording.rate()};
-    const Band band = options.band.empty() ? whole : parse_band(options.band);
+    const Band band = options.band ? parse_band(*options.band) : whole;
     params.center_hz = 0.5 * (band.low_hz + band.high_hz);
     params.search_hz = 0.5 * (band.high_hz - band.low_hz);
 }
@@ -139,6 +139,7 @@ bool decode_recording(Recording& recording, const std::string& path, const Optio
             problems[k] = "it cannot be read";
             return;
         }
+        if (k > 0 && block->x.empty()) return;  // the file ends before its header says
         auto spots = decode_block(*block, recording.rate(), options, params);
         if (spots)
             found[k] = std::move(*spots);
@@ -161,7 +162,10 @@ bool decode_recording(Recording& recording, const std::string& path, const Optio
     };
     const auto use = [&](std::size_t k) {
         if (problem.empty()) problem = problems[k];
-        if (problems[k].empty() && !std::exchange(headed, true)) heading();
+        if (problems[k].empty() && !std::exchange(headed, true)) {
+            progress.clear();
+            heading();
+        }
         log.add(found[k]);
         found[k] = {};
         // What starts later may come again, and better, from the next block.
@@ -181,7 +185,7 @@ bool decode_recording(Recording& recording, const std::string& path, const Optio
 
 int decode(Options& options) {
     if (options.wide && options.search.center_hz) throw CLI::ValidationError("--center: --wide has --band instead");
-    if (!options.band.empty()) parse_band(options.band);
+    if (options.band) parse_band(*options.band);
     if (options.jobs == 0) options.jobs = std::max(1u, std::thread::hardware_concurrency());
     const std::vector<ovc_known> known = known_callsigns(options.search);
     const ov_params params = decode_params(options, known);
@@ -227,6 +231,7 @@ void add_decode(CLI::App& app, int& status) {
     sub->add_option("--block", options->block_s,
                     "Work through longer recordings in overlapping blocks of so many seconds, 60 to 3600 [by rate]")
         ->type_name("SECONDS")
+        ->check(finite_number())
         ->check(CLI::Range(60.0, 3600.0));
     sub->add_option("--jobs", options->jobs, "Blocks to decode at once [one for each core]")
         ->type_name("N")

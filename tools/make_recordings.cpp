@@ -20,7 +20,7 @@ struct CloseSound {
     void operator()(SNDFILE* file) const noexcept { sf_close(file); }
 };
 
-void write_samples(const Recording& recording, const std::filesystem::path& path) {
+void write_samples(const ShippedRecording& recording, const std::filesystem::path& path) {
     SF_INFO info{};
     info.samplerate = recording.scene.rate;
     info.channels = recording.iq ? 2 : 1;
@@ -34,7 +34,7 @@ void write_samples(const Recording& recording, const std::filesystem::path& path
     }
 }
 
-void write_truth(const Recording& recording, const std::filesystem::path& path) {
+void write_truth(const ShippedRecording& recording, const std::filesystem::path& path) {
     std::ofstream file(path);
     for (std::size_t k = 0; k < recording.senders.size(); ++k) {
         const Station& station = recording.scene.stations[k];
@@ -61,7 +61,7 @@ int main(int argc, char** argv) {
     }
     try {
         const std::filesystem::path directory = argv[1];
-        for (const Recording& recording : shipped_recordings()) {
+        for (const ShippedRecording& recording : shipped_recordings()) {
             write_samples(recording, directory / (recording.name + ".wav"));
             write_truth(recording, directory / (recording.name + ".jsonl"));
         }

@@ -22,5 +22,5 @@ class Progress {
     StatusLine line_;
 };
 
-// "##########..........   50 %   38.5 x real time   0:12 left   17 spots"; `elapsed_s` is what done_s took.
+// "##########..........   50 %   38.5 x real time  0:12 left  17 spots"; `elapsed_s` is what done_s took.
 std::string progress_text(double done_s, double seconds, double elapsed_s, std::size_t spots);

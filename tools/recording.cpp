@@ -169,11 +169,23 @@ RecordingPtr open_with_reader(const std::string& path, const RecordingOptions& o
     return recording;
 }
 
+constexpr sf_count_t UNKNOWN_FRAMES = sf_count_t{1} << 48;  // more is no length but the lack of one
+
+// Frames of a file that was written into a pipe, or cut off, and does not say: all of it is read.
+sf_count_t count_frames(SNDFILE* file, int channels) {
+    std::vector<short> piece(static_cast<std::size_t>(channels) << 14);
+    sf_count_t frames = 0;
+    while (const sf_count_t got = sf_readf_short(file, piece.data(), 1 << 14)) frames += got;
+    return frames;
+}
+
 // libsndfile. An empty owner when it refuses the file, or, after saying so, when the channels do not fit.
 RecordingPtr open_with_sndfile(const std::string& path, const RecordingOptions& options, bool& refused) {
     SF_INFO info{};
     SoundPtr file(sf_open(path.c_str(), SFM_READ, &info));
-    if (!file || info.samplerate < 1 || info.channels < 1 || info.frames < 1) return nullptr;
+    if (!file || info.samplerate < 1 || info.channels < 1) return nullptr;
+    if (info.frames > UNKNOWN_FRAMES) info.frames = count_frames(file.get(), info.channels);
+    if (info.frames < 1) return nullptr;
     const int32_t needed = options.channel > 0 ? options.channel + (options.iq ? 1 : 0) : (options.iq ? 2 : 1);
     const bool ambiguous = options.iq && options.channel == 0 && info.channels != 2;
     refused = info.channels < needed || ambiguous;
@@ -265,6 +277,15 @@ bool Recording::convert(std::vector<double>& samples) const {
 
 namespace {
 
+// Whether libsndfile finds floating-point samples in a file. The library's readers take those of the extensible format
+// for integers.
+bool holds_floats(const std::string& path) {
+    SF_INFO info{};
+    const SoundPtr file(sf_open(path.c_str(), SFM_READ, &info));
+    const int samples = info.format & SF_FORMAT_SUBMASK;
+    return file && (samples == SF_FORMAT_FLOAT || samples == SF_FORMAT_DOUBLE);
+}
+
 // Opens a file by whatever can.
 RecordingPtr open_file(const std::string& path, const RecordingOptions& options) {
     if (const std::string problem = open_problem(path); !problem.empty()) {
@@ -274,7 +295,7 @@ RecordingPtr open_file(const std::string& path, const RecordingOptions& options)
     std::error_code error;
     const std::uintmax_t bytes = std::filesystem::file_size(path, error);
     std::string reason;
-    const bool small = options.channel == 0 && (error || bytes <= SMALL_FILE);
+    const bool small = options.channel == 0 && (error || bytes <= SMALL_FILE) && !holds_floats(path);
     if (small) {
         if (auto recording = open_with_reader(path, options, reason)) return recording;
     }

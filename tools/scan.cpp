@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,7 +27,7 @@ constexpr double KEYED_VARIANCE = 0.85;  // a carrier with noise varies less
 struct Options {
     std::vector<std::string> files;
     RecordingOptions recording;
-    std::string band;
+    std::optional<std::string> band;
     double min_z = SCAN_Z;
     double block_s = 60;
     bool json = false;
@@ -53,10 +54,11 @@ void print_hits(const Options& options, const std::string& file, const BlockSpan
 
 bool scan_recording(Recording& recording, const std::string& path, const Options& options) {
     const Band whole = {options.recording.iq ? -0.5 * recording.rate() : 0.0, 0.5 * recording.rate()};
-    const Band band = options.band.empty() ? whole : parse_band(options.band);
+    const Band band = options.band ? parse_band(*options.band) : whole;
     for (const BlockSpan& block : cut_blocks(recording.seconds(), options.block_s, 0)) {
         const auto samples = recording.read(block.begin_s, block.length_s);
         if (!samples) return false;
+        if (block.begin_s > 0 && samples->x.empty()) return true;  // the file ends before its header says
         std::vector<ov_hit> hits(MAX_HITS);
         const int32_t count = ov_scan_w(samples->x.data(), samples->q.empty() ? nullptr : samples->q.data(),
                                         static_cast<int32_t>(samples->x.size()), recording.rate(), ovl_chip_seconds(),
@@ -74,7 +76,7 @@ bool scan_recording(Recording& recording, const std::string& path, const Options
 }
 
 int scan(const Options& options) {
-    if (!options.band.empty()) parse_band(options.band);
+    if (options.band) parse_band(*options.band);
     int status = EXIT_DONE;
     bool first = true;
     for (const std::string& path : options.files) {
@@ -108,6 +110,7 @@ void add_scan(CLI::App& app, int& status) {
         ->check(finite_number());
     sub->add_option("--block", options->block_s, "Seconds looked at together, 10 to 3600 [60]")
         ->type_name("SECONDS")
+        ->check(finite_number())
         ->check(CLI::Range(10.0, 3600.0));
     sub->add_flag("--json", options->json, "Print one JSON object a line");
     sub->callback([options, &status] { status = scan(*options); });

@@ -26,9 +26,9 @@ std::vector<uint8_t> chips_of(const Entry& entry) {
     return chips;
 }
 
-Recording recording(std::string name, bool iq, int32_t bits, int32_t rate, double seconds, uint64_t seed,
-                    const std::vector<Entry>& entries) {
-    Recording made{std::move(name), iq, bits, {}, {}};
+ShippedRecording recording(std::string name, bool iq, int32_t bits, int32_t rate, double seconds, uint64_t seed,
+                           const std::vector<Entry>& entries) {
+    ShippedRecording made{std::move(name), iq, bits, {}, {}};
     made.scene.rate = rate;
     made.scene.seconds = seconds;
     made.scene.seed = seed;
@@ -44,7 +44,7 @@ Recording recording(std::string name, bool iq, int32_t bits, int32_t rate, doubl
 
 }  // namespace
 
-std::vector<Recording> shipped_recordings() {
+std::vector<ShippedRecording> shipped_recordings() {
     return {
         // A full band: from plainly audible down to far below the noise, all overlapping in time.
         recording("audio-crowded", false, 16, 8000, 45, 101,
@@ -83,7 +83,7 @@ std::vector<Recording> shipped_recordings() {
     };
 }
 
-std::vector<int16_t> quantised_samples(const Recording& recording) {
+std::vector<int16_t> quantised_samples(const ShippedRecording& recording) {
     std::vector<double> samples;
     if (recording.iq) {
         const IqSamples pairs = render_iq(recording.scene);

@@ -15,7 +15,7 @@ struct Sender {
     std::string locator;  // of an ORVEL L frame
 };
 
-struct Recording {
+struct ShippedRecording {
     std::string name;             // of the files, without ".wav" and ".jsonl"
     bool iq;                      // stereo I/Q; else mono audio
     int32_t bits;                 // 8 or 16
@@ -23,8 +23,8 @@ struct Recording {
     std::vector<Sender> senders;  // of each station of the scene
 };
 
-std::vector<Recording> shipped_recordings();
+std::vector<ShippedRecording> shipped_recordings();
 
 // Samples of a recording at 16 bits, I/Q interleaved; those of an 8 bit recording are multiples of 256. The strongest
 // moment is far below full scale.
-std::vector<int16_t> quantised_samples(const Recording& recording);
+std::vector<int16_t> quantised_samples(const ShippedRecording& recording);
