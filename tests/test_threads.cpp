@@ -71,7 +71,7 @@ TEST(Threads, ATransmissionIsControlledAndWatchedWhileItIsRendered) {
 
 TEST(Threads, DecodersAtWorkAtOnceFindWhatTheyFindAlone) {
     std::vector<Block> blocks;
-    for (const Recording& recording : shipped_recordings()) {
+    for (const ShippedRecording& recording : shipped_recordings()) {
         if (!recording.iq) blocks.push_back({to_float(render_real(recording.scene)), recording.scene.rate});
     }
     std::vector<std::vector<ovl_result>> alone;
