@@ -343,6 +343,37 @@ double cost_of(const ldpc_bits& differences, const std::array<double, LDPC_MAX_N
     return cost;
 }
 
+// Sums of reliabilities over all values of each byte of a codeword: a cost costs one look-up a byte. Its terms are
+// added in another order than cost_of adds them, so it can only tell what is far from good enough.
+class CostTable {
+  public:
+    CostTable(const std::array<double, LDPC_MAX_N>& reliability, int32_t n)
+        : n_bytes_((static_cast<size_t>(n) + 7) / 8) {
+        for (size_t b = 0; b < n_bytes_; ++b) {
+            sums_[b][0] = 0.0;
+            for (size_t value = 1; value < N_VALUES; ++value) {
+                const auto lowest = static_cast<size_t>(std::countr_zero(value));
+                sums_[b][value] = sums_[b][value & (value - 1)] + reliability[8 * b + lowest];
+            }
+        }
+    }
+
+    // False only when the cost is above the limit.
+    bool may_reach(const ldpc_bits& differences, double limit) const {
+        constexpr double ROUNDING = 1e-12;  // far more than the order of the terms can make
+        std::array<double, 2> cost{};       // two sums: neither waits for the other
+        for (size_t b = 0; b < n_bytes_; ++b) {
+            cost[b % 2] += sums_[b][(differences[b / 8] >> (8 * (b % 8))) & (N_VALUES - 1)];
+        }
+        return !(cost[0] + cost[1] > limit * (1 + ROUNDING));
+    }
+
+  private:
+    static constexpr size_t N_VALUES = 256;
+    size_t n_bytes_;
+    std::array<std::array<double, N_VALUES>, LDPC_MAX_N / 8> sums_;
+};
+
 // The best candidate so far. Candidates are held by their differences from the hard decisions.
 struct Best {
     const HardDecisions& hard;
@@ -380,10 +411,14 @@ void search_ordered(const ldpc_code& code, const float* metrics, int32_t order, 
         for (const ldpc_bits& row : rows) best.offer(sum_of(start, row));
     }
     if (order >= 2) {
+        const CostTable table(hard.reliability, code.n);
         const size_t first = span >= 1 && span < code.k ? k - static_cast<size_t>(span) : 0;
         for (size_t j1 = first; j1 < k; ++j1) {
             const ldpc_bits flipped = sum_of(start, rows[j1]);
-            for (size_t j2 = j1 + 1; j2 < k; ++j2) best.offer(sum_of(flipped, rows[j2]));
+            for (size_t j2 = j1 + 1; j2 < k; ++j2) {
+                const ldpc_bits candidate = sum_of(flipped, rows[j2]);
+                if (table.may_reach(candidate, best.cost)) best.offer(candidate);
+            }
         }
     }
 
