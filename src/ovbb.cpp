@@ -31,6 +31,16 @@ bool all_finite(const double* x, int32_t n) {
     return std::all_of(x, x + std::max(n, 0), [](double v) { return std::isfinite(v); });
 }
 
+// Copies samples; false when one of them is not finite.
+bool copy_finite(const double* x, int32_t n, double* out) {
+    double zero = 0;  // stays 0 as long as all are finite
+    for (int32_t k = 0; k < n; k++) {
+        out[k] = x[k];
+        zero += x[k] * 0.0;
+    }
+    return zero == 0;
+}
+
 // Everything in the record but the bins themselves.
 int describe(int32_t n, int32_t rate, int32_t out_rate, bool is_complex, ov_spectrum& out) {
     ov_spectrum spectrum{};
@@ -68,15 +78,16 @@ int choose_sizes(int32_t n, int32_t rate, int32_t out_rate, int32_t& nfft, int32
 int ov_spectrum_real(const double* x, int32_t n, int32_t rate, int32_t out_rate, ov_spectrum& out) {
     out = {};
     ov_spectrum spectrum;
-    if (describe(n, rate, out_rate, false, spectrum) != 0 || !all_finite(x, n)) return -1;
+    if (describe(n, rate, out_rate, false, spectrum) != 0) return -1;
 
-    const auto padded = fftw_array<double>(spectrum.nfft);
+    // In place: touching as much memory again would take longer than the transform.
     auto bins = fftw_array<Complex>(spectrum.nbins);
-    if (!padded || !bins) return -1;
-    double* const end = std::copy(x, x + std::max(n, 0), padded.get());
-    std::fill(end, padded.get() + spectrum.nfft, 0.0);
+    if (!bins) return -1;
+    auto* const samples = reinterpret_cast<double*>(bins.get());
+    if (!copy_finite(x, n, samples)) return -1;
+    std::fill(samples + std::max(n, 0), samples + spectrum.nfft, 0.0);
 
-    const FftwPlan plan = plan_real_forward(spectrum.nfft, padded.get(), bins.get());
+    const FftwPlan plan = plan_real_forward(spectrum.nfft, samples, bins.get());
     if (!plan) return -1;
     fftw_execute(plan.get());
 

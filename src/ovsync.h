@@ -186,7 +186,7 @@ void try_hyp(const ov_baseband& bb, const ov_specmap& map, int32_t start, double
 //
 //   drift_max   half-range of the drift, Hz/s; 0 or less = none
 //   edge        fraction of the chips that may lie outside the baseband
-// Returns 0, or -1 with out untouched when no hypothesis had enough chips inside.
+// Returns 0, or -1 with out untouched when no hypothesis had enough chips inside or memory is short.
 int ov_refine(const ov_baseband& bb, const ov_specmap& map, const ov_cand& cand, double drift_max, double edge,
               ov_hyp& out);
 
