@@ -15,8 +15,8 @@
 
 namespace {
 
-constexpr double OPEN_AHEAD_S = 2;     // the device is opened this long before the start
-constexpr double LEAST_AHEAD_S = 0.5;  // a slot nearer than this is left to the next
+constexpr double OPEN_AHEAD_S = 2;   // the device is opened this long before the start
+constexpr double LEAST_AHEAD_S = 1;  // a slot nearer than this is left to the next: opening a device takes time
 constexpr double POLL_S = 0.1;
 constexpr double STALL_S = 5;  // without a sample rendered: the device stands still
 constexpr double CLOSE_S = 3;  // time that a device gets to close
