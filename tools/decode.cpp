@@ -176,10 +176,7 @@ bool decode_recording(Recording& recording, const std::string& path, const Optio
     };
     const unsigned jobs = options.verbose ? 1 : options.jobs;  // what each block says stays together
     in_order(blocks.size(), jobs, work, use);
-    if (!problem.empty()) {
-        progress.clear();
-        print_error("cannot decode '" + path + "': " + problem);
-    }
+    if (!problem.empty()) print_error("cannot decode '" + path + "': " + problem);
     return problem.empty();
 }
 

@@ -17,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "audio.h"
@@ -193,7 +194,6 @@ class Listener {
     void complain(const std::string& text) {
         if (text == complaint_) return;
         complaint_ = text;
-        line_.clear();
         print_error(text);
     }
 
@@ -258,31 +258,30 @@ class Capture {
     bool open() { return ovl_audio_start_input(audio_, device_, rate_, BLOCK_S + 1) == 0; }
 
     // How capture is doing; nothing while the device is being opened again. `restarted` turns true when it has been.
-    std::optional<ovl_audio_stats> stats(StatusLine& line, bool& restarted) {
-        const double now = utc_now();
+    std::optional<ovl_audio_stats> stats(bool& restarted) {
+        const double now = monotonic_now();
         if (reopening_) {
             if (!reopening_->done()) return std::nullopt;
             if (!*opened_) {
-                if (now < retry_at_) return std::nullopt;
-                reopen(now);
+                if (now >= retry_at_) reopen(now);
                 return std::nullopt;
             }
             reopening_.reset();
             restarted = true;
             progress_at_ = now;
             seen_s_ = 0;
-            line.clear();
-            print_error("audio again");
         }
         ovl_audio_stats stats;
         ovl_audio_input_stats(audio_, &stats);
-        if (stats.captured_s != seen_s_ || progress_at_ == 0) {
+        if (stats.captured_s != seen_s_) {
             seen_s_ = stats.captured_s;
             progress_at_ = now;
+            if (std::exchange(stalled_, false)) print_error("audio again");
         }
         if (now - progress_at_ > STALL_S) {
-            line.clear();
-            print_error(format("no audio for %.0f s, opening the device again", STALL_S));
+            if (!std::exchange(stalled_, true)) {
+                print_error(format("no audio for %.0f s, opening the device again", STALL_S));
+            }
             reopen(now);
             return std::nullopt;
         }
@@ -291,8 +290,8 @@ class Capture {
 
     // Ends capture; the process when even that hangs.
     void close() {
-        if (!reopening_) reopening_ = Background([audio = audio_] { ovl_audio_stop_input(audio); });
-        if (reopening_->wait(CLOSE_S)) return;
+        const bool idle = !reopening_ || reopening_->wait(CLOSE_S);
+        if (idle && Background([audio = audio_] { ovl_audio_stop_input(audio); }).wait(CLOSE_S)) return;
         print_error("the input device does not close");
         flush_output();
         std::_Exit(EXIT_FAILED);
@@ -311,8 +310,9 @@ class Capture {
     int32_t device_;
     int32_t rate_;
     double seen_s_ = 0;
-    double progress_at_ = 0;
+    double progress_at_ = monotonic_now();
     double retry_at_ = 0;
+    bool stalled_ = false;  // and said so
     std::optional<Background> reopening_;
     std::shared_ptr<std::atomic<bool>> opened_;
 };
@@ -320,10 +320,9 @@ class Capture {
 // Reports lost input, now and then.
 class OverflowReport {
   public:
-    void see(const ovl_audio_stats& stats, double now, StatusLine& line) {
+    void see(const ovl_audio_stats& stats, double now) {
         if (stats.overflows < reported_) reported_ = 0;  // capture has begun anew
         if (stats.overflows == reported_ || now - reported_at_ < COMPLAIN_S) return;
-        line.clear();
         print_error(format("input was lost (%d times more)", stats.overflows - reported_));
         reported_ = stats.overflows;
         reported_at_ = now;
@@ -349,7 +348,7 @@ int listen_to_device(const Options& options, ovl_audio* audio) {
     while (!interrupted()) {
         nap(POLL_S);
         bool restarted = false;
-        const auto stats = capture.stats(listener.line(), restarted);
+        const auto stats = capture.stats(restarted);
         if (restarted) {
             listener.restart(utc);
             clock = {};
@@ -358,7 +357,7 @@ int listen_to_device(const Options& options, ovl_audio* audio) {
         const double now = utc_now();
         clock.observe(stats->captured_s, now);
         listener.look(*stats, utc);
-        overflows.see(*stats, now, listener.line());
+        overflows.see(*stats, now);
         show_level(listener, *stats, now);
         if (!flush_output()) break;
     }

@@ -17,10 +17,6 @@ extern "C" void note_interrupt(int signal) {
     std::signal(signal, SIG_DFL);
 }
 
-double steady_now() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
 }  // namespace
 
 void watch_interrupts() {
@@ -31,13 +27,17 @@ bool interrupted() {
     return interrupt_flag != 0;
 }
 
+double monotonic_now() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
 void sleep_seconds(double seconds) {
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }
 
 void nap(double seconds) {
-    const double end = steady_now() + seconds;
-    for (double left = seconds; left > 0 && !interrupted(); left = end - steady_now()) {
+    const double end = monotonic_now() + seconds;
+    for (double left = seconds; left > 0 && !interrupted(); left = end - monotonic_now()) {
         sleep_seconds(std::min(left, TICK_S));
     }
 }
@@ -50,7 +50,7 @@ Background::Background(std::function<void()> call) : done_(std::make_shared<std:
 }
 
 bool Background::wait(double seconds) const {
-    const double end = steady_now() + seconds;
-    while (!done() && steady_now() < end) sleep_seconds(TICK_S);
+    const double end = monotonic_now() + seconds;
+    while (!done() && monotonic_now() < end) sleep_seconds(TICK_S);
     return done();
 }

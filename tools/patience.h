@@ -10,6 +10,9 @@
 void watch_interrupts();
 bool interrupted();
 
+// Seconds of a clock that nobody sets.
+double monotonic_now();
+
 // Sleep: whatever the user does, or at most until an interrupt.
 void sleep_seconds(double seconds);
 void nap(double seconds);
