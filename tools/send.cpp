@@ -55,7 +55,8 @@ Schedule make_schedule(const Options& options, double total_s) {
     if (!schedule.period_s)
         throw CLI::ValidationError("--every: '" + options.every + "' is no length like 600, 10m or 1h");
     if (*schedule.period_s < total_s + LEAST_AHEAD_S) {
-        throw CLI::ValidationError(format("--every: the transmission takes %.1f s", total_s));
+        throw CLI::ValidationError(format(
+            "--every: the transmission takes %.1f s, and %.0f s must lie between two of them", total_s, LEAST_AHEAD_S));
     }
     if (!options.offset.empty()) {
         const auto offset = options.offset == "0" ? std::optional(0.0) : parse_duration(options.offset);
