@@ -1,10 +1,14 @@
 #include "decode.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <new>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -35,6 +39,8 @@ constexpr double OVERLAP_S = 50;              // of blocks: the longest frame an
 constexpr double LEAST_BLOCK_S = 90;
 constexpr double MOST_BLOCK_S = 300;
 constexpr double BLOCK_SAMPLES = 1.8e7;
+constexpr double MOST_SAMPLES = 1.5e9;  // a block may be a quarter longer, and its samples count in 32 bits
+constexpr double BYTES_A_SAMPLE = 60;   // that a wide decode of I/Q takes
 
 // The command line, as typed.
 struct Options {
@@ -122,7 +128,18 @@ std::optional<std::vector<ov_spot>> decode_block(const Stretch& block, int32_t r
 }
 
 double block_seconds(const Options& options, int32_t rate) {
-    return options.block_s.value_or(std::clamp(BLOCK_SAMPLES / rate, LEAST_BLOCK_S, MOST_BLOCK_S));
+    const double wanted = options.block_s.value_or(std::clamp(BLOCK_SAMPLES / rate, LEAST_BLOCK_S, MOST_BLOCK_S));
+    return std::min(wanted, MOST_SAMPLES / rate);
+}
+
+// Blocks to work on at once: as many as asked for, or one for each core as long as half of the memory holds them.
+unsigned jobs_for(const Options& options, double block_samples) {
+    if (options.verbose) return 1;  // what each block says stays together
+    if (options.jobs > 0) return options.jobs;
+    const double memory =
+        0.5 * static_cast<double>(sysconf(_SC_PHYS_PAGES)) * static_cast<double>(sysconf(_SC_PAGESIZE));
+    const double fit = std::clamp(memory / (BYTES_A_SAMPLE * std::max(block_samples, 1.0)), 1.0, 256.0);
+    return std::min(std::max(1u, std::thread::hardware_concurrency()), static_cast<unsigned>(fit));
 }
 
 // Decodes one file and prints its spots in order of time, behind a heading as soon as something could be decoded.
@@ -133,18 +150,26 @@ bool decode_recording(Recording& recording, const std::string& path, const Optio
     const auto blocks = cut_blocks(recording.seconds(), block_seconds(options, recording.rate()), OVERLAP_S);
     std::vector<std::vector<ov_spot>> found(blocks.size());
     std::vector<std::string> problems(blocks.size());
+    std::vector<char> decoded(blocks.size(), 0);
+    std::atomic<bool> ended = false;  // the file does before its header says
     const auto work = [&](std::size_t k) {
+        if (ended) return;
         const auto block = recording.read(blocks[k].begin_s, blocks[k].length_s);
         if (!block) {
             problems[k] = "it cannot be read";
             return;
         }
-        if (k > 0 && block->x.empty()) return;  // the file ends before its header says
+        if (k > 0 && block->x.empty()) {
+            ended = true;
+            return;
+        }
         auto spots = decode_block(*block, recording.rate(), options, params);
-        if (spots)
+        decoded[k] = spots ? 1 : 0;
+        if (spots) {
             found[k] = std::move(*spots);
-        else
+        } else {
             problems[k] = refusal(*block, recording.rate());
+        }
     };
 
     Progress progress("'" + path + "'", recording.seconds());
@@ -162,7 +187,7 @@ bool decode_recording(Recording& recording, const std::string& path, const Optio
     };
     const auto use = [&](std::size_t k) {
         if (problem.empty()) problem = problems[k];
-        if (problems[k].empty() && !std::exchange(headed, true)) {
+        if (decoded[k] != 0 && !std::exchange(headed, true)) {
             progress.clear();
             heading();
         }
@@ -174,16 +199,14 @@ bool decode_recording(Recording& recording, const std::string& path, const Optio
         progress.show(blocks[k].begin_s + blocks[k].length_s, printed);
         return true;
     };
-    const unsigned jobs = options.verbose ? 1 : options.jobs;  // what each block says stays together
-    in_order(blocks.size(), jobs, work, use);
+    in_order(blocks.size(), jobs_for(options, blocks.front().length_s * recording.rate()), work, use);
     if (!problem.empty()) print_error("cannot decode '" + path + "': " + problem);
     return problem.empty();
 }
 
-int decode(Options& options) {
+int decode(const Options& options) {
     if (options.wide && options.search.center_hz) throw CLI::ValidationError("--center: --wide has --band instead");
     if (options.band) parse_band(*options.band);
-    if (options.jobs == 0) options.jobs = std::max(1u, std::thread::hardware_concurrency());
     const std::vector<ovc_known> known = known_callsigns(options.search);
     const ov_params params = decode_params(options, known);
 
@@ -202,7 +225,12 @@ int decode(Options& options) {
             print(spot_header(format("%9s", "time s")));
             first = false;
         };
-        if (!decode_recording(*recording, path, options, params, heading)) status = EXIT_FAILED;
+        try {
+            if (!decode_recording(*recording, path, options, params, heading)) status = EXIT_FAILED;
+        } catch (const std::bad_alloc&) {
+            print_error("cannot decode '" + path + "': memory is short");
+            status = EXIT_FAILED;
+        }
         if (!flush_output()) return EXIT_FAILED;
     }
     return status;

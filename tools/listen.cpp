@@ -2,12 +2,12 @@
 // decoded for frames that have just ended.
 #include "listen.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <bit>
 #include <cerrno>
 #include <cmath>
@@ -15,6 +15,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -37,12 +38,14 @@ constexpr double SHORTEST_S = 20;  // less cannot hold enough of a frame
 constexpr double POLL_S = 0.05;
 constexpr double STALL_S = 5;      // without a captured sample: the device stands still
 constexpr double RETRY_S = 5;      // between attempts to open it again
+constexpr double STUCK_S = 60;     // a device that takes longer to open never will
 constexpr double CLOSE_S = 3;      // time that a device gets to close
 constexpr double COMPLAIN_S = 60;  // between reports of lost input
 constexpr double READ_S = 0.25;    // of standard input at a time
 constexpr int32_t MAX_CHANNELS = 16;
 constexpr int32_t MIN_RATE = 8000;
 constexpr int32_t MAX_RATE = 384000;
+constexpr double DAY_S = 86400;
 constexpr int MAX_RESULTS = 64;
 constexpr int32_t MAX_TRIES = 3;
 
@@ -101,20 +104,31 @@ class SampleClock {
     double since_ = 0;
 };
 
+// What is searched for, as the library takes it.
+struct SearchFor {
+    ovl_settings settings;
+    std::string known;
+};
+
+SearchFor search_for(const SearchOptions& options) {
+    SearchFor search;
+    ovl_settings_default(&search.settings);
+    search.settings.protocols = protocol_mask(options);
+    search.settings.center_hz = options.center_hz.value_or(search.settings.center_hz);
+    search.settings.search_hz = options.search_hz;
+    search.settings.spread_hz = options.spread_hz;
+    search.settings.known_only = options.known_only ? 1 : 0;
+    for (const ovc_known& known : known_callsigns(options)) search.known += std::string(known.display) + " ";
+    return search;
+}
+
 // Decodes the ring again and again and prints the spots. All is reckoned in captured seconds until it is printed.
 class Listener {
   public:
-    Listener(const Options& options, ovl_audio* audio) : options_(options), audio_(audio), decoder_(ovl_create()) {
+    Listener(const Options& options, const SearchFor& search, ovl_audio* audio)
+        : options_(options), audio_(audio), decoder_(ovl_create()), settings_(search.settings) {
         if (!decoder_) throw std::bad_alloc();
-        ovl_settings_default(&settings_);
-        settings_.protocols = protocol_mask(options.search);
-        settings_.center_hz = options.search.center_hz.value_or(settings_.center_hz);
-        settings_.search_hz = options.search.search_hz;
-        settings_.spread_hz = options.search.spread_hz;
-        settings_.known_only = options.search.known_only ? 1 : 0;
-        std::string list;
-        for (const ovc_known& known : known_callsigns(options.search)) list += std::string(known.display) + " ";
-        ovl_set_known(decoder_.get(), list.c_str());
+        ovl_set_known(decoder_.get(), search.known.c_str());
         if (!options.json) print(spot_header(format("%22s", "UTC")));
     }
 
@@ -135,11 +149,15 @@ class Listener {
         release(HUGE_VAL, utc);
     }
 
+    // Prints what is held back; nothing more can be captured.
+    void give_up(const Clock& utc) { release(HUGE_VAL, utc); }
+
     // Capture has begun anew.
     void restart(const Clock& utc) {
-        release(HUGE_VAL, utc);
+        give_up(utc);
         log_ = SpotLog(SpotLog::Order::END);
         next_look_s_ = SHORTEST_S;
+        looked_s_ = 0;
     }
 
     int64_t printed() const { return printed_; }
@@ -169,7 +187,9 @@ class Listener {
         if (seconds < SHORTEST_S) return;
 
         std::array<ovl_result, MAX_RESULTS> results;
-        const double recent_s = 2 * options_.every_s;
+        // Twice over, and all that has come since the last look, should that have taken long.
+        const double recent_s = std::max(2 * options_.every_s, captured_s - looked_s_ + options_.every_s);
+        looked_s_ = captured_s;
         int32_t count = 0;
         if (last) {
             ovl_settings settings = settings_;
@@ -223,13 +243,14 @@ class Listener {
     const Options& options_;
     ovl_audio* audio_;
     DecoderPtr decoder_;
-    ovl_settings settings_{};
+    ovl_settings settings_;
     std::vector<float> block_;
     int32_t rate_ = 0;
     SpotLog log_{SpotLog::Order::END};
     StatusLine line_;
     std::string complaint_;
     double next_look_s_ = SHORTEST_S;
+    double looked_s_ = 0;  // captured at the last look
     int64_t printed_ = 0;
 };
 
@@ -261,11 +282,17 @@ class Capture {
     std::optional<ovl_audio_stats> stats(bool& restarted) {
         const double now = monotonic_now();
         if (reopening_) {
-            if (!reopening_->done()) return std::nullopt;
+            if (!reopening_->done()) {
+                if (now > retry_at_ + STUCK_S) end("the input device does not answer");
+                return std::nullopt;
+            }
             if (!*opened_) {
+                const std::string reason = ovl_audio_last_error(audio_);
+                if (std::exchange(reason_, reason) != reason) print_error(reason);
                 if (now >= retry_at_) reopen(now);
                 return std::nullopt;
             }
+            reason_.clear();
             reopening_.reset();
             restarted = true;
             progress_at_ = now;
@@ -292,12 +319,19 @@ class Capture {
     void close() {
         const bool idle = !reopening_ || reopening_->wait(CLOSE_S);
         if (idle && Background([audio = audio_] { ovl_audio_stop_input(audio); }).wait(CLOSE_S)) return;
-        print_error("the input device does not close");
+        end("the input device does not close");
+    }
+
+    bool reopening() const { return reopening_.has_value(); }
+
+  private:
+    // Ends the process, in which a call into the sound system hangs.
+    [[noreturn]] static void end(const std::string& reason) {
+        print_error(reason);
         flush_output();
         std::_Exit(EXIT_FAILED);
     }
 
-  private:
     void reopen(double now) {
         retry_at_ = now + RETRY_S;
         opened_ = std::make_shared<std::atomic<bool>>(false);
@@ -313,6 +347,7 @@ class Capture {
     double progress_at_ = monotonic_now();
     double retry_at_ = 0;
     bool stalled_ = false;  // and said so
+    std::string reason_;    // why the device did not open
     std::optional<Background> reopening_;
     std::shared_ptr<std::atomic<bool>> opened_;
 };
@@ -333,15 +368,18 @@ class OverflowReport {
     double reported_at_ = 0;
 };
 
-int listen_to_device(const Options& options, ovl_audio* audio) {
+int listen_to_device(const Options& options, const SearchFor& search, ovl_audio* audio) {
     const int32_t device = find_device(options.device, Direction::INPUT);
     Capture capture(audio, device, options.rate);
     if (!capture.open()) {
         print_error(ovl_audio_last_error(audio));
         return EXIT_FAILED;
     }
-    if (!check_rate(audio)) return EXIT_FAILED;
-    Listener listener(options, audio);
+    if (!check_rate(audio)) {
+        capture.close();
+        return EXIT_FAILED;
+    }
+    Listener listener(options, search, audio);
     SampleClock clock;
     const auto utc = [&](double captured_s) { return clock.utc(captured_s); };
     OverflowReport overflows;
@@ -361,6 +399,12 @@ int listen_to_device(const Options& options, ovl_audio* audio) {
         show_level(listener, *stats, now);
         if (!flush_output()) break;
     }
+    if (capture.reopening()) {
+        listener.give_up(utc);
+    } else {
+        listener.finish(utc);
+    }
+    flush_output();
     capture.close();
     return flush_output() ? EXIT_DONE : EXIT_FAILED;
 }
@@ -427,10 +471,10 @@ class RawInput {
     bool failed_ = false;
 };
 
-int listen_to_stdin(const Options& options, ovl_audio* audio) {
+int listen_to_stdin(const Options& options, const SearchFor& search, ovl_audio* audio) {
     std::optional<double> start;
     if (!options.start.empty()) {
-        start = parse_utc(options.start, utc_now());
+        start = parse_utc(options.start, utc_now() - DAY_S);  // a time of day is the last such one
         if (!start) throw CLI::ValidationError("--start: '" + options.start + "' is no UTC time");
     }
     if (ovl_audio_start_input(audio, OVL_AUDIO_NONE, options.rate, BLOCK_S + 1) != 0) {
@@ -438,7 +482,7 @@ int listen_to_stdin(const Options& options, ovl_audio* audio) {
         return EXIT_FAILED;
     }
     if (!check_rate(audio)) return EXIT_FAILED;
-    Listener listener(options, audio);
+    Listener listener(options, search, audio);
     RawInput input(options);
     SampleClock clock;
     ovl_audio_stats stats{};
@@ -451,7 +495,7 @@ int listen_to_stdin(const Options& options, ovl_audio* audio) {
         const double now = utc_now();
         clock.observe(stats.captured_s, now);
         listener.look(stats, utc);
-        show_level(listener, stats, utc(stats.captured_s));
+        show_level(listener, stats, stats.captured_s > 0 ? utc(stats.captured_s) : now);
         if (!flush_output()) return EXIT_FAILED;
     }
     listener.finish(utc);
@@ -466,9 +510,11 @@ int listen(Options& options) {
     if (options.rate != 0 && (options.rate < MIN_RATE || options.rate > MAX_RATE)) {
         throw CLI::ValidationError("--rate: 8000 to 384000 Hz");
     }
+    const SearchFor search = search_for(options.search);
     const AudioObject audio = make_audio();
     watch_interrupts();
-    return options.from_stdin ? listen_to_stdin(options, audio.get()) : listen_to_device(options, audio.get());
+    return options.from_stdin ? listen_to_stdin(options, search, audio.get())
+                              : listen_to_device(options, search, audio.get());
 }
 
 }  // namespace
@@ -490,9 +536,9 @@ void add_listen(CLI::App& app, int& status) {
         ->type_name("N")
         ->check(CLI::Range(1, MAX_CHANNELS))
         ->needs(raw);
-    sub->add_option(
-           "--start", options->start,
-           "UTC time of the first sample of standard input: 12:00[:00] or 2026-03-01T12:00[:00]Z [as it comes]")
+    sub->add_option("--start", options->start,
+                    "UTC time of the first sample of standard input: 12:00[:00] (the last such) or "
+                    "2026-03-01T12:00[:00]Z [as it comes]")
         ->type_name("TIME")
         ->needs(raw);
     sub->add_option("--every", options->every_s,

@@ -20,7 +20,9 @@ extern "C" void note_interrupt(int signal) {
 }  // namespace
 
 void watch_interrupts() {
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) std::signal(signal, note_interrupt);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        if (std::signal(signal, note_interrupt) == SIG_IGN) std::signal(signal, SIG_IGN);  // as under nohup
+    }
 }
 
 bool interrupted() {

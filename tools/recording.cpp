@@ -131,6 +131,7 @@ class SoundRecording : public Recording {
 
 // ---- Opening --------------------------------------------------------------------------------------------------------
 
+constexpr double LONGEST_S = 4e7;                // more than a year is a mistake
 constexpr std::uintmax_t SMALL_FILE = 32 << 20;  // bytes that may well be held in memory
 
 using RecordingPtr = std::unique_ptr<Recording>;
@@ -232,9 +233,11 @@ std::optional<Stretch> Recording::read(double begin_s, double length_s) {
                                               std::max<int64_t>(frames_ - first, 0));
     Stretch stretch;
     stretch.begin_s = static_cast<double>(first) / file_rate_;
-    const std::lock_guard guard(lock_);
-    read_frames(first, count, stretch);
-    if (static_cast<int64_t>(stretch.x.size()) < count && !std::exchange(told_short_, true)) {
+    {
+        const std::lock_guard guard(lock_);
+        read_frames(first, count, stretch);
+    }
+    if (static_cast<int64_t>(stretch.x.size()) < count && !told_short_.exchange(true)) {
         print_error("'" + path_ + "' ends before its header says");
     }
     silence_wrong_samples(stretch);
@@ -254,7 +257,7 @@ void Recording::silence_wrong_samples(Stretch& stretch) {
             wrong = true;
         }
     }
-    if (wrong && !std::exchange(told_wrong_samples_, true)) {
+    if (wrong && !told_wrong_samples_.exchange(true)) {
         print_error("'" + path_ + "' holds samples that are not finite numbers; they count as silence");
     }
 }
@@ -317,6 +320,10 @@ RecordingPtr open_file(const std::string& path, const RecordingOptions& options)
 
 std::unique_ptr<Recording> open_recording(const std::string& path, const RecordingOptions& options) {
     auto recording = open_file(path, options);
+    if (recording && recording->rate() != 0 && recording->seconds() > LONGEST_S) {
+        refuse(path, format("it claims to last %.0f days", recording->seconds() / 86400));
+        return nullptr;
+    }
     if (recording && recording->rate() == 0) {
         print_error(
             format("cannot decode '%s': its sample rate of %u Hz is not served", path.c_str(), recording->file_rate()));

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -57,9 +58,9 @@ class Recording {
     uint32_t file_rate_;
     int64_t frames_;
     int32_t rate_;
-    std::mutex lock_;
-    bool told_wrong_samples_ = false;
-    bool told_short_ = false;
+    std::mutex lock_;  // of the file
+    std::atomic<bool> told_wrong_samples_ = false;
+    std::atomic<bool> told_short_ = false;
 };
 
 // Opens a recording. An empty owner, with one line on standard error that names the file and the reason, when it cannot

@@ -1,7 +1,9 @@
 #include "scan.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <vector>
@@ -17,6 +19,7 @@
 
 namespace {
 
+constexpr double MOST_SAMPLES = 1.5e9;   // a block may be a quarter longer, and its samples count in 32 bits
 constexpr double SCAN_Z = 6;             // noise alone seldom reaches it
 constexpr double SEPARATION_HZ = 15;     // of two frequencies
 constexpr int32_t MAX_HITS = 1000;       // in a block
@@ -55,7 +58,8 @@ void print_hits(const Options& options, const std::string& file, const BlockSpan
 bool scan_recording(Recording& recording, const std::string& path, const Options& options) {
     const Band whole = {options.recording.iq ? -0.5 * recording.rate() : 0.0, 0.5 * recording.rate()};
     const Band band = options.band ? parse_band(*options.band) : whole;
-    for (const BlockSpan& block : cut_blocks(recording.seconds(), options.block_s, 0)) {
+    for (const BlockSpan& block :
+         cut_blocks(recording.seconds(), std::min(options.block_s, MOST_SAMPLES / recording.rate()), 0)) {
         const auto samples = recording.read(block.begin_s, block.length_s);
         if (!samples) return false;
         if (block.begin_s > 0 && samples->x.empty()) return true;  // the file ends before its header says
@@ -69,7 +73,8 @@ bool scan_recording(Recording& recording, const std::string& path, const Options
             return false;
         }
         hits.resize(static_cast<std::size_t>(count));
-        print_hits(options, path, {samples->begin_s, block.length_s}, hits);
+        const double length_s = static_cast<double>(samples->x.size()) / recording.rate();
+        print_hits(options, path, {samples->begin_s, length_s}, hits);
         if (!flush_output()) return false;
     }
     return true;
@@ -90,7 +95,12 @@ int scan(const Options& options) {
             print(format("%9s  %9s  %12s  %7s\n", "from s", "to s", "frequency Hz", "z"));
         }
         first = false;
-        if (!scan_recording(*recording, path, options)) status = EXIT_FAILED;
+        try {
+            if (!scan_recording(*recording, path, options)) status = EXIT_FAILED;
+        } catch (const std::bad_alloc&) {
+            print_error("cannot scan '" + path + "': memory is short");
+            status = EXIT_FAILED;
+        }
         if (!flush_output()) return EXIT_FAILED;
     }
     return status;

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "audio.h"
 #include "console.h"
@@ -59,7 +60,7 @@ Schedule make_schedule(const Options& options, double total_s) {
             "--every: the transmission takes %.1f s, and %.0f s must lie between two of them", total_s, LEAST_AHEAD_S));
     }
     if (!options.offset.empty()) {
-        const auto offset = options.offset == "0" ? std::optional(0.0) : parse_duration(options.offset);
+        const auto offset = parse_duration(options.offset, true);
         if (!offset) throw CLI::ValidationError("--offset: '" + options.offset + "' is no length like 30 or 1m");
         schedule.offset_s = *offset;
     }
@@ -85,8 +86,9 @@ enum class Outcome { SENT, STOPPED, FAILED };
 Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const StepOptions& options, double start) {
     StatusLine line;
     ovl_tx_progress progress{};
-    double moved_at = std::max(utc_now(), start);
+    double moved_at = monotonic_now();
     double elapsed_s = 0;
+    bool done = false;
     bool stopping = false;
     while (ovl_audio_output_active(audio) != 0) {
         if (interrupted() && !stopping) {
@@ -95,8 +97,10 @@ Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const StepOptions& options
             ovl_tx_stop(tx);
         }
         ovl_tx_status(tx, &progress);
-        const double now = utc_now();
-        if (progress.elapsed_s != elapsed_s || progress.done != 0) moved_at = std::max(now, moved_at);
+        const double now = monotonic_now();
+        const bool waiting = ovl_audio_output_started(audio) == 0 && utc_now() < start;
+        const bool ended = progress.done != 0 && !std::exchange(done, true);
+        if (waiting || ended || progress.elapsed_s != elapsed_s) moved_at = now;
         elapsed_s = progress.elapsed_s;
         if (now - moved_at > STALL_S) {
             print_error("the output device stands still");

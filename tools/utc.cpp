@@ -98,7 +98,7 @@ std::optional<double> parse_utc(const std::string& text, double now) {
     return time ? std::optional(*date + *time) : std::nullopt;
 }
 
-std::optional<double> parse_duration(const std::string& text) {
+std::optional<double> parse_duration(const std::string& text, bool zero_allowed) {
     double value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (error != std::errc()) return std::nullopt;
@@ -110,7 +110,8 @@ std::optional<double> parse_duration(const std::string& text) {
     } else if (!unit.empty() && unit != "s") {
         return std::nullopt;
     }
-    return value > 0 && value <= MAX_DURATION_S ? std::optional(value) : std::nullopt;
+    const bool enough = zero_allowed ? value >= 0 : value > 0;
+    return enough && value <= MAX_DURATION_S ? std::optional(value) : std::nullopt;
 }
 
 double next_slot(double earliest, double period, double offset) {

@@ -14,8 +14,9 @@ std::string utc_text(double utc, int decimals);
 // now. Nothing when it is neither.
 std::optional<double> parse_utc(const std::string& text, double now);
 
-// Seconds of a length like "90", "90s", "10m" or "1.5h". Nothing when it is none, or not above 0.
-std::optional<double> parse_duration(const std::string& text);
+// Seconds of a length like "90", "90s", "10m" or "1.5h". Nothing when it is none, is negative, or is 0 where that is
+// not allowed.
+std::optional<double> parse_duration(const std::string& text, bool zero_allowed = false);
 
 // First of the times offset + k · period since midnight 1970-01-01 that is at `earliest` or later.
 double next_slot(double earliest, double period, double offset);
