@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <limits>
 #include <map>
@@ -627,6 +628,33 @@ TEST_F(AirCommands, CtrlCEndsListeningWithWhatWasDecoded) {
         EXPECT_EQ(result->status, 0);
         EXPECT_EQ(result->err, "");
     }
+}
+
+TEST_F(AirCommands, AnIgnoredHangUpStaysIgnored) {
+    Arguments all = {"/bin/sh", "-c", "trap '' HUP; exec \"$@\"", "sh"};
+    const Arguments command = listening({"--json"});
+    all.insert(all.end(), command.begin(), command.end());
+    RunningProcess process(all);
+    ASSERT_TRUE(process.write(std::string(1000, '\0')));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    process.send_signal(SIGHUP);
+    EXPECT_FALSE(process.wait(1)) << "the end of a terminal ended it";
+    process.send_signal(SIGINT);
+    EXPECT_TRUE(process.wait(PATIENCE_S / 6));
+}
+
+TEST_F(AirCommands, ATimeOfDayIsTheLastSuchTime) {
+    const auto clock = std::chrono::system_clock::now() - std::chrono::minutes(10);
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(clock);
+    std::array<char, 32> start{};
+    std::strftime(start.data(), start.size(), "%Y-%m-%dT%H:%M:%S", std::gmtime(&seconds));
+    const std::string date_and_time = start.data();
+    const std::string file = write("short.raw", s16_bytes(short_audio()));
+    const ProcessResult by_time =
+        listen(file, {"--json", "--rate", "12000", "--start", date_and_time.substr(date_and_time.find('T') + 1)});
+    const ProcessResult by_date = listen(file, {"--json", "--rate", "12000", "--start", date_and_time});
+    EXPECT_EQ(lines_of(by_date.out).size(), 1u) << by_date.err;
+    EXPECT_EQ(by_time.out, by_date.out);
 }
 
 TEST_F(AirCommands, CtrlCEndsListeningToSilence) {

@@ -131,6 +131,18 @@ TEST_F(OnAir, WhatIsSentIsHeardAndAStalledInputIsOpenedAgain) {
     EXPECT_EQ(listener->read_rest(1), "") << "the frame was printed once";
 }
 
+TEST_F(OnAir, CtrlCPrintsWhatWasHeardSinceTheLastLook) {
+    const auto listener = begin({"listen", "--json", "--every", "15", "--protocols", "opera"});
+    sleep_s(3);
+    EXPECT_EQ(orvel({"send", "opera=DL1QXA"}, surroundings()).status, 0);
+    sleep_s(0.5);
+    listener->send_signal(SIGINT);
+    const auto line = listener->read_line(5);
+    ASSERT_TRUE(line.has_value()) << messages();
+    EXPECT_EQ(nlohmann::json::parse(*line).at("call"), "DL1QXA");
+    EXPECT_EQ(end_of(*listener, 5), 0);
+}
+
 TEST_F(OnAir, CtrlCEndsListeningToADeviceThatStandsStill) {
     const auto listener = begin({"listen"});
     sleep_s(4);
