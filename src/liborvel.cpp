@@ -263,7 +263,8 @@ int32_t ovl_keyed(const float* samples, int32_t n, int32_t rate, const ovl_setti
     const auto newest = static_cast<int32_t>(std::fmin(std::floor((KEYED_EXTRA_S + seconds) * rate), std::max(n, 0)));
     const auto chips =
         static_cast<int32_t>(std::fmin(std::floor(seconds / CHIP_SECONDS), std::numeric_limits<int32_t>::max() - 8));
-    if (std::floor((chips / 2 + 8) * CHIP_SECONDS * rate) > newest) return 0;
+    const int32_t least_chips = chips / 2 + 8;
+    if (std::floor(least_chips * CHIP_SECONDS * rate) > newest) return 0;
 
     const std::unique_ptr<double[]> block(new (std::nothrow) double[static_cast<std::size_t>(newest)]);
     if (!block) return -1;

@@ -84,9 +84,10 @@ bool make_taps(ova_state& a) {
 
     constexpr double PI = std::numbers::pi;
     const double cutoff = CUTOFF * a.capture_rate / a.device_rate;
+    const int32_t middle = order / 2;
     double sum = 0;
     for (int32_t i = 0; i <= order; i++) {
-        const double x = i - order / 2;
+        const double x = i - middle;
         const double sinc = x == 0 ? 2 * cutoff : std::sin(2 * PI * cutoff * x) / (PI * x);
         const double turn = 2 * PI * i / order;
         ideal[static_cast<std::size_t>(i)] = sinc * (0.42 - 0.5 * std::cos(turn) + 0.08 * std::cos(2 * turn));

@@ -489,7 +489,8 @@ TEST_F(AirCommands, TheTableShowsWhatJsonShows) {
 TEST_F(AirCommands, LittleOrNoAudioHasNoSpots) {
     const std::vector<int16_t>& audio = short_audio();
     std::vector<std::string> inputs = {"", "x", s16_bytes({1}), s16_bytes(std::vector<int16_t>(12000 * 40, 0))};
-    for (const int seconds : {1, 10, 19, 20, 22}) inputs.push_back(s16_bytes(audio).substr(0, 24000U * seconds));
+    for (const std::size_t seconds : {1U, 10U, 19U, 20U, 22U})
+        inputs.push_back(s16_bytes(audio).substr(0, 24000U * seconds));
     for (const std::string& bytes : inputs) {
         for (const Arguments& start : {Arguments{MIDNIGHT}, {}}) {
             Arguments options = {"--rate=12000", OPERA};

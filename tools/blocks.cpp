@@ -36,7 +36,8 @@ std::vector<BlockSpan> cut_blocks(double seconds, double block_s, double overlap
     if (seconds <= STRETCH * block_s) return {{0, seconds}};
     std::vector<BlockSpan> blocks;
     const double step = block_s - overlap_s;
-    for (double begin = 0;; begin += step) {
+    while (true) {
+        const double begin = static_cast<double>(blocks.size()) * step;
         if (begin + block_s >= seconds) {
             blocks.push_back({seconds - block_s, block_s});
             return blocks;

@@ -39,8 +39,10 @@ void sleep_seconds(double seconds) {
 
 void nap(double seconds) {
     const double end = monotonic_now() + seconds;
-    for (double left = seconds; left > 0 && !interrupted(); left = end - monotonic_now()) {
+    double left = seconds;
+    while (left > 0 && !interrupted()) {
         sleep_seconds(std::min(left, TICK_S));
+        left = end - monotonic_now();
     }
 }
 
