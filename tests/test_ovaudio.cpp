@@ -738,8 +738,9 @@ double rms_db(const std::vector<float>& samples) {
 double tone_db(const std::vector<float>& samples, double frequency) {
     std::complex<double> sum = 0;
     for (std::size_t i = 0; i < samples.size(); i++) {
-        sum += std::polar(static_cast<double>(samples[i]), -2 * std::numbers::pi * frequency * static_cast<double>(i) /
-                                                               static_cast<double>(samples.size()));
+        sum += static_cast<double>(samples[i]) *
+               std::polar(1.0, -2 * std::numbers::pi * frequency * static_cast<double>(i) /
+                                   static_cast<double>(samples.size()));
     }
     return 20 * std::log10(2 * std::abs(sum) / static_cast<double>(samples.size()) + 1e-30);
 }
