@@ -208,7 +208,7 @@ Spots scanned(const Arguments& arguments) {
 
 // orvel where 2 GB are all the memory: what asks for it without end must not take that of the machine.
 ProcessResult orvel_within_memory(const Arguments& arguments) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef ORVEL_SANITIZED
     return orvel(arguments);  // sanitizers reserve more
 #else
     Arguments all = {"/bin/sh", "-c", "ulimit -v 2000000; exec \"$0\" \"$@\""};
