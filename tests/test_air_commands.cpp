@@ -756,7 +756,7 @@ TEST_F(AirCommands, AMachineWithoutSoundHasNoDevices) {
 
 TEST_F(AirCommands, AMachineWithoutSoundNeitherSendsNorListens) {
     const SoundlessMachine machine;
-    for (const Arguments& when : {Arguments{}, {"--every", "2s", "--times", "1"}}) {
+    for (const Arguments& when : {Arguments{}, {"--every", "6s", "--times", "1"}}) {
         Arguments all = {"send", "carrier=0.1"};
         all.insert(all.end(), when.begin(), when.end());
         const ProcessResult sent = orvel(all, on(machine));

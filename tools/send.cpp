@@ -16,8 +16,8 @@
 
 namespace {
 
-constexpr double OPEN_AHEAD_S = 2;   // the device is opened this long before the start
-constexpr double LEAST_AHEAD_S = 1;  // a slot nearer than this is left to the next: opening a device takes time
+constexpr double OPEN_AHEAD_S = 3;  // the device is opened this long before the start: on a busy machine it takes long
+constexpr double LATE_S = 0.05;     // a transmission later than this is told of
 constexpr double POLL_S = 0.1;
 constexpr double STALL_S = 5;  // without a sample rendered: the device stands still
 constexpr double CLOSE_S = 3;  // time that a device gets to close
@@ -55,9 +55,9 @@ Schedule make_schedule(const Options& options, double total_s) {
     schedule.period_s = parse_duration(options.every);
     if (!schedule.period_s)
         throw CLI::ValidationError("--every: '" + options.every + "' is no length like 600, 10m or 1h");
-    if (*schedule.period_s < total_s + LEAST_AHEAD_S) {
+    if (*schedule.period_s < total_s + OPEN_AHEAD_S) {
         throw CLI::ValidationError(format(
-            "--every: the transmission takes %.1f s, and %.0f s must lie between two of them", total_s, LEAST_AHEAD_S));
+            "--every: the transmission takes %.1f s, and %.0f s must lie between two of them", total_s, OPEN_AHEAD_S));
     }
     if (!options.offset.empty()) {
         const auto offset = parse_duration(options.offset, true);
@@ -65,7 +65,6 @@ Schedule make_schedule(const Options& options, double total_s) {
         schedule.offset_s = *offset;
     }
     schedule.times = options.times;
-    schedule.start = next_slot(utc_now() + LEAST_AHEAD_S, *schedule.period_s, schedule.offset_s);
     return schedule;
 }
 
@@ -149,6 +148,7 @@ Outcome send_once(ovl_audio* audio, ovl_transmitter* tx, int32_t device, const S
         flush_output();
         std::_Exit(EXIT_FAILED);
     }
+    if (start > 0 && started > start + LATE_S) print_error(format("started %.2f s late", started - start));
     if (started > 0) {
         print(format("%s  %s\n", utc_text(started, 3).c_str(),
                      outcome == Outcome::SENT      ? "sent"
@@ -165,6 +165,8 @@ int send(const Options& options) {
     const int32_t device = find_device(options.device, Direction::OUTPUT);
     const AudioObject audio = make_audio();
     watch_interrupts();
+    // Only now: looking for the devices takes time too.
+    if (schedule.period_s) schedule.start = next_slot(utc_now() + OPEN_AHEAD_S, *schedule.period_s, schedule.offset_s);
 
     int status = EXIT_DONE;
     for (int32_t n = 0; schedule.times == 0 || n < schedule.times; n++) {
@@ -173,7 +175,7 @@ int send(const Options& options) {
         if (outcome != Outcome::SENT) status = EXIT_FAILED;
         if (outcome == Outcome::STOPPED || interrupted()) break;
         if (!schedule.period_s) break;
-        const double next = std::max(utc_now() + LEAST_AHEAD_S, schedule.start + *schedule.period_s / 2);
+        const double next = std::max(utc_now() + OPEN_AHEAD_S, schedule.start + *schedule.period_s / 2);
         schedule.start = next_slot(next, *schedule.period_s, schedule.offset_s);
     }
     return status;
