@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <cstdint>
 #include <limits>
 
@@ -22,9 +23,11 @@ float value_of(uint32_t key) {
     return std::bit_cast<float>((key & SIGN) != 0 ? key & ~SIGN : ~key);
 }
 
-// How many values are at or below a limit. A chunk at a time, so that the counts fit beside the values.
+// Values are counted a chunk at a time, so that the counts fit beside the values.
+constexpr std::size_t CHUNK = 1 << 20;
+
+// How many values are at or below a limit.
 ORVEL_MULTIVERSION std::size_t count_up_to(const float* values, std::size_t n, float limit) {
-    constexpr std::size_t CHUNK = 1 << 20;
     std::size_t total = 0;
     for (std::size_t first = 0; first < n; first += CHUNK) {
         const std::size_t end = std::min(first + CHUNK, n);
@@ -33,6 +36,29 @@ ORVEL_MULTIVERSION std::size_t count_up_to(const float* values, std::size_t n, f
         total += static_cast<std::size_t>(count);
     }
     return total;
+}
+
+// How many values are below a limit, and the greatest of them; -infinity when there is none.
+struct Below {
+    std::size_t count;
+    float greatest;
+};
+ORVEL_MULTIVERSION Below find_below(const float* values, std::size_t n, float limit) {
+    constexpr float NONE = -std::numeric_limits<float>::infinity();
+    Below below{0, NONE};
+    for (std::size_t first = 0; first < n; first += CHUNK) {
+        const std::size_t end = std::min(first + CHUNK, n);
+        int32_t count = 0;
+        float greatest = NONE;
+        for (std::size_t i = first; i < end; i++) {
+            const float value = values[i] < limit ? values[i] : NONE;
+            count += values[i] < limit ? 1 : 0;
+            greatest = value > greatest ? value : greatest;
+        }
+        below.count += static_cast<std::size_t>(count);
+        below.greatest = std::max(below.greatest, greatest);
+    }
+    return below;
 }
 
 }  // namespace
@@ -56,6 +82,9 @@ float select_rank(std::span<const float> values, std::size_t rank) {
 float median_value(std::span<const float> values) {
     if (values.empty()) return 0;
     const float upper = upper_median(values);
-    if (values.size() % 2 == 1) return upper;
-    return (select_rank(values, values.size() / 2 - 1) + upper) * 0.5f;
+    if (values.size() % 2 == 1 || std::isnan(upper)) return upper;
+    // The other middle value is the next one below, unless as many are equal to the upper one.
+    const Below below = find_below(values.data(), values.size(), upper);
+    const float lower = below.count == values.size() / 2 ? below.greatest : upper;
+    return (lower + upper) * 0.5f;
 }
