@@ -33,6 +33,9 @@ inline void load(Doubles8& out, const double* from) {
 inline void load(Floats16& out, const float* from) {
     std::memcpy(&out, from, sizeof out);
 }
+inline double sum_of(const Doubles8& x) {
+    return ((x[0] + x[4]) + (x[2] + x[6])) + ((x[1] + x[5]) + (x[3] + x[7]));
+}
 inline void store(const Floats16& values, float* to) {
     std::memcpy(to, &values, sizeof values);
 }

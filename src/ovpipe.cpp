@@ -549,7 +549,33 @@ void accept_orvel(const Search& search, const OrvelMode& mode, const ov_spot& sp
     if (!duplicate) spots.push_back(spot);
 }
 
-void examine_orvel(const Search& search, const OrvelMode& mode, const ov_cand& cand, int32_t number, SpotList& spots) {
+// Fits that were read in vain. Candidates of one frame are often whole chips apart, and then share most of their fits.
+class ReadInVain {
+  public:
+    void add(const ov_hyp& hyp, Verdict verdict) {
+        newest_[count_++ % newest_.size()] = {hyp.start, hyp.f, hyp.drift, verdict};
+    }
+    std::optional<Verdict> find(const ov_hyp& hyp) const {
+        const auto end = newest_.begin() + static_cast<std::ptrdiff_t>(std::min(count_, newest_.size()));
+        const auto same = std::find_if(newest_.begin(), end, [&](const Entry& entry) {
+            return entry.start == hyp.start && entry.f == hyp.f && entry.drift == hyp.drift;
+        });
+        return same == end ? std::nullopt : std::optional(same->verdict);
+    }
+
+  private:
+    // All that the measurement of a fit depends on, and so all that reading it depends on.
+    struct Entry {
+        int32_t start;
+        double f, drift;
+        Verdict verdict;
+    };
+    std::array<Entry, 512> newest_;
+    std::size_t count_ = 0;
+};
+
+void examine_orvel(const Search& search, const OrvelMode& mode, const ov_cand& cand, int32_t number,
+                   ReadInVain& in_vain, SpotList& spots) {
     ov_hyp hyp;
     if (ov_refine(search.bb, search.map, cand, search.drift_range, search.params.chip_guard, hyp) != 0) return;
     std::vector<Fit> fits = fit_shifts(search, hyp);
@@ -557,13 +583,17 @@ void examine_orvel(const Search& search, const OrvelMode& mode, const ov_cand& c
 
     Verdict lowest = Verdict::NO_FRAME;
     for (const Fit& fit : fits) {
-        ov_spot spot;
-        const Verdict verdict = read_fit(search, mode, cand, fit, spot);
-        if (verdict == Verdict::ACCEPTED) {
-            accept_orvel(search, mode, spot, number, spots);
-            return;
+        std::optional<Verdict> verdict = in_vain.find(fit.hyp);
+        if (!verdict) {
+            ov_spot spot;
+            verdict = read_fit(search, mode, cand, fit, spot);
+            if (*verdict == Verdict::ACCEPTED) {
+                accept_orvel(search, mode, spot, number, spots);
+                return;
+            }
+            in_vain.add(fit.hyp, *verdict);
         }
-        lowest = std::min(lowest, verdict);
+        lowest = std::min(lowest, *verdict);
     }
     if (search.verbose()) {
         std::fprintf(stderr, "%s candidate %d: z=%.1f t=%.3f s f=%.2f Hz : %s\n", mode.name, number, cand.z, cand.t,
@@ -798,10 +828,11 @@ int32_t run_orvel(const ov_baseband& bb, const ov_specmap& map, const ov_params&
     SpotList found(spots, n, max_spots);
     CandidateLists lists;
     if (!make_lists(params, lists)) return n;
+    ReadInVain in_vain;
     search_candidates(
         search, traits.name, lists, found,
         [&](const ov_cand& cand) { return overlaps_spot(search, traits.protocol, found, cand); },
-        [&](const ov_cand& cand, int32_t number) { examine_orvel(search, traits, cand, number, found); });
+        [&](const ov_cand& cand, int32_t number) { examine_orvel(search, traits, cand, number, in_vain, found); });
     return found.count();
 }
 

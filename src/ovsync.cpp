@@ -375,28 +375,45 @@ int32_t thin_out(const ov_specmap& map, std::span<const ov_cand> sorted, std::sp
 
 // ---- Hypotheses ------------------------------------------------------------------------------------------------
 
-// |Σ x[k]·e^(−jθk)|² over n samples. Four phasors take turns, each advanced by four rotations a time: one alone would
-// have to wait for its own last product.
-double tone_energy(const Complex* x, int32_t n, const Complex& rotation) {
-    constexpr int32_t TURNS = 4;
-    const Complex square = rotation * rotation;
-    const Complex fourth = square * square;
-    std::array<double, TURNS> phasor_re = {1, rotation.real(), square.real(), (square * rotation).real()};
-    std::array<double, TURNS> phasor_im = {0, rotation.imag(), square.imag(), (square * rotation).imag()};
-    std::array<double, TURNS> sum_re{};
-    std::array<double, TURNS> sum_im{};
-    for (int32_t first = 0; first < n; first += TURNS) {
-        for (std::size_t j = 0; j < TURNS; j++) {
-            const Complex sample = first + static_cast<int32_t>(j) < n ? x[first + static_cast<int32_t>(j)] : Complex{};
-            sum_re[j] += sample.real() * phasor_re[j] - sample.imag() * phasor_im[j];
-            sum_im[j] += sample.real() * phasor_im[j] + sample.imag() * phasor_re[j];
-            const double next_re = phasor_re[j] * fourth.real() - phasor_im[j] * fourth.imag();
-            phasor_im[j] = phasor_re[j] * fourth.imag() + phasor_im[j] * fourth.real();
-            phasor_re[j] = next_re;
-        }
+// |Σ x[k]·e^(−jθk)|² over n samples. Several phasors take turns, each advanced by as many rotations a time: one alone
+// would have to wait for its own last product.
+ORVEL_MULTIVERSION double tone_energy(const Complex* x, int32_t n, const Complex& rotation) {
+    Doubles8 phasor_re;
+    Doubles8 phasor_im;
+    Complex turn = 1;
+    for (std::size_t j = 0; j < DOUBLES; j++) {
+        phasor_re[j] = turn.real();
+        phasor_im[j] = turn.imag();
+        turn *= rotation;
     }
-    const double re = (sum_re[0] + sum_re[2]) + (sum_re[1] + sum_re[3]);
-    const double im = (sum_im[0] + sum_im[2]) + (sum_im[1] + sum_im[3]);
+    Doubles8 sum_re{};
+    Doubles8 sum_im{};
+    const auto add = [&](const Doubles8& x_re, const Doubles8& x_im) {
+        sum_re += x_re * phasor_re - x_im * phasor_im;
+        sum_im += x_re * phasor_im + x_im * phasor_re;
+        const Doubles8 next_re = phasor_re * turn.real() - phasor_im * turn.imag();
+        phasor_im = phasor_re * turn.imag() + phasor_im * turn.real();
+        phasor_re = next_re;
+    };
+    const auto count = static_cast<std::size_t>(n);
+    std::size_t k = 0;
+    for (; k + DOUBLES <= count; k += DOUBLES) {
+        Doubles8 front;
+        Doubles8 back;
+        std::memcpy(&front, x + k, sizeof front);
+        std::memcpy(&back, x + k + DOUBLES / 2, sizeof back);
+        add(__builtin_shufflevector(front, back, 0, 2, 4, 6, 8, 10, 12, 14),
+            __builtin_shufflevector(front, back, 1, 3, 5, 7, 9, 11, 13, 15));
+    }
+    Doubles8 rest_re{};
+    Doubles8 rest_im{};
+    for (std::size_t j = 0; k + j < count; j++) {
+        rest_re[j] = x[k + j].real();
+        rest_im[j] = x[k + j].imag();
+    }
+    add(rest_re, rest_im);
+    const double re = sum_of(sum_re);
+    const double im = sum_of(sum_im);
     return re * re + im * im;
 }
 
@@ -457,7 +474,11 @@ StartGrid starts_around(int32_t start, const Steps& steps) {
 class HypothesisGrid {
   public:
     HypothesisGrid(const ov_baseband& bb, const ov_specmap& map, const std::function<void(const ov_measured&)>& judge)
-        : bb_(bb), map_(map), judge_(judge), meter_(bb, map.chip_len, map.frame_chips) {}
+        : bb_(bb),
+          map_(map),
+          judge_(judge),
+          meter_(bb, map.chip_len, map.frame_chips),
+          drift_meter_(bb, map.chip_len, map.frame_chips) {}
 
     // The starts with 2·n + 1 frequencies step_hz apart around f.
     void measure(const StartGrid& starts, double f, int32_t n, double step_hz, double drift) {
@@ -466,6 +487,22 @@ class HypothesisGrid {
         if (map_.spread == 0) meter_.measure(starts, freqs_, drift);
         for (int32_t s = 0; s < starts.count; s++) {
             for (std::size_t i = 0; i < freqs_.size(); i++) judge_at(starts, s, i, drift);
+        }
+    }
+
+    // One start with the frequencies and drifts of the grid.
+    void measure_drifts(int32_t start, const DriftGrid& grid) {
+        const bool together = map_.spread == 0 && drift_meter_.measure(start, grid);
+        for (int32_t j = -grid.n_drifts; j <= grid.n_drifts; j++) {
+            if (j == 0) continue;
+            if (!together) {
+                measure({start, 1, 1}, grid.f, grid.n_freqs, grid.step_hz, j * grid.unit);
+                continue;
+            }
+            for (int32_t i = -grid.n_freqs; i <= grid.n_freqs; i++) {
+                judge_({start, grid.f + i * grid.step_hz, j * grid.unit, drift_meter_.energies(i, j),
+                        drift_meter_.measured()});
+            }
         }
     }
 
@@ -484,6 +521,7 @@ class HypothesisGrid {
     const ov_specmap& map_;
     const std::function<void(const ov_measured&)>& judge_;
     ChipMeter meter_;
+    DriftMeter drift_meter_;
     std::vector<double> freqs_;
 };
 
@@ -807,12 +845,8 @@ int ov_search_around(const ov_baseband& bb, const ov_specmap& map, int32_t start
 
         // Each stage searches around what the stage before it found, not around its own running best.
         if (drift_max > 0) {
-            const StartGrid coarse_start{best.start, 1, 1};
-            const double coarse_f = best.f;
             const DriftSteps steps = drift_steps(map, drift_max);
-            for (int32_t j = -steps.n; j <= steps.n; j++) {
-                if (j != 0) grid.measure(coarse_start, coarse_f, 2, map.bin_hz / 4, j * steps.unit);
-            }
+            grid.measure_drifts(best.start, {best.f, map.bin_hz / 4, 2, steps.unit, steps.n});
         }
         grid.measure(starts_around(best.start, fine_start_steps(map.hop)), best.f, 2, map.bin_hz / 16, best.drift);
         return 0;

@@ -206,6 +206,49 @@ TEST_F(ChipEnergies, OfNeighboursEqualTheDefinition) {
     }
 }
 
+TEST_F(ChipEnergies, OfManyDriftsEqualTheDefinition) {
+    struct Case {
+        int32_t chip_len, nchips, start;
+        DriftGrid grid;
+    };
+    // The last but one turns by 5.4 within half a window, close to the limit.
+    for (const Case& c : {Case{64, 50, 100, {1.2, 0.5, 2, 0.03, 12}}, Case{64, 62, -130, {-200, 0.5, 2, 0.03, 3}},
+                          Case{64, 62, 900, {249, 0.5, 0, 0.1, 4}}, Case{7, 321, 2000, {3, 1, 1, 0.7, 2}},
+                          Case{4, 239, 3900, {0, 1, 3, 0, 1}}, Case{128, 31, 7, {-11, 1, 4, 0.35, 2}},
+                          Case{100, 20, 0, {80, 0.5, 2, 0.2, 0}}}) {
+        SCOPED_TRACE(std::to_string(c.chip_len) + " samples from " + std::to_string(c.start));
+        DriftMeter meter(bb_, c.chip_len, c.nchips);
+        ASSERT_TRUE(meter.measure(50, {0, 0.1, 3, 0.01, 20}));  // of another shape: its memory is used again
+        ASSERT_TRUE(meter.measure(c.start, c.grid));
+        int32_t inside = 0;
+        for (int32_t chip = 0; chip < c.nchips; chip++) {
+            const int64_t first = c.start + int64_t{chip} * c.chip_len;
+            inside += first >= 0 && first + c.chip_len <= N ? 1 : 0;
+        }
+        EXPECT_EQ(meter.measured(), inside);
+        for (int32_t j = -c.grid.n_drifts; j <= c.grid.n_drifts; j++) {
+            if (j == 0) continue;
+            for (int32_t i = -c.grid.n_freqs; i <= c.grid.n_freqs; i++) {
+                for (int32_t chip = 0; chip < c.nchips; chip++) {
+                    const double expected = defined_energy(samples_, RATE, c.chip_len, c.nchips, c.start,
+                                                           c.grid.f + i * c.grid.step_hz, j * c.grid.unit, chip);
+                    const double energy = static_cast<double>(meter.energies(i, j)[chip]);
+                    ASSERT_NEAR(energy, expected, 1e-6 * std::fabs(expected) + 1e-9) << i << " " << j << " " << chip;
+                    ASSERT_EQ(energy == -1, expected < 0);
+                }
+            }
+        }
+    }
+}
+
+TEST_F(ChipEnergies, OfDriftsTooFarApartAreNotMeasuredTogether) {
+    DriftMeter meter(bb_, 64, 50);
+    EXPECT_FALSE(meter.measure(0, {0, 5, 4, 0.01, 2})) << "frequencies";
+    EXPECT_FALSE(meter.measure(0, {0, 0.5, 2, 1, 12})) << "drifts";
+    EXPECT_FALSE(meter.measure(0, {0, std::numeric_limits<double>::quiet_NaN(), 2, 1, 12}));
+    EXPECT_FALSE(meter.measure(0, {0, 0.5, 2, std::numeric_limits<double>::infinity(), 12}));
+}
+
 TEST_F(ChipEnergies, OneByOneEqualTheDefinition) {
     for (const int32_t chip_len : {1, 2, 3, 4, 5, 63, 64}) {
         for (const double drift : {0.0, 0.9}) {
