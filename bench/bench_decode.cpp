@@ -2,8 +2,12 @@
 // forward transform of the block, one cut back, one transform for each row of the score map.
 //
 //     bench_decode [seconds of audio] [sample rate]      default 60 12000
+//     bench_decode growth                                from 30 s to 30 min: time, and memory beyond the samples
 #include <fftw3.h>
+#include <malloc.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -130,6 +134,74 @@ Scene busy_scene(double seconds, int32_t rate, int32_t n_stations) {
     return scene;
 }
 
+// ---- Growth with the length of a block -------------------------------------------------------------------------
+
+double peak_memory_mb() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_maxrss) / 1024;
+}
+
+double resident_mb() {
+    long pages = 0;
+    long resident = 0;
+    if (std::FILE* const file = std::fopen("/proc/self/statm", "r")) {
+        if (std::fscanf(file, "%ld %ld", &pages, &resident) != 2) resident = 0;
+        std::fclose(file);
+    }
+    return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1024 * 1024);
+}
+
+double map_cells_a_second(int32_t rate) {
+    ov_params params;
+    ov_params_default(params);
+    const std::vector<double> block = render_real(noise_scene(31, rate));
+    ov_baseband bb{};
+    ov_specmap map{};
+    ov_baseband_real(block.data(), static_cast<int32_t>(block.size()), rate, params.center_hz, 500, bb);
+    ov_spectrogram(bb, 0.256 * params.op, params.search_hz, params.spread_hz, map);
+    const double cells = map.nbins * map.rate / map.hop;
+    ov_spectrogram_free(map);
+    ov_baseband_free(bb);
+    return cells;
+}
+
+// One decode of a block of noise by the C interface, in a process of its own, whose peak starts anew.
+void report_growth(double seconds, int32_t rate, double cells_a_second) {
+    std::fflush(stdout);
+    malloc_trim(0);
+    const pid_t child = fork();
+    if (child != 0) {
+        int status = 0;
+        waitpid(child, &status, 0);
+        return;
+    }
+    const auto n = static_cast<std::size_t>(seconds * rate);
+    std::vector<float> samples(n);
+    Random random(2);
+    for (float& sample : samples) sample = static_cast<float>(random.normal());
+    ovl_decoder* const decoder = ovl_create();
+    ovl_settings settings;
+    ovl_settings_default(&settings);
+    const double before_mb = resident_mb();
+    const double start = cpu_seconds();
+    const int32_t found = ovl_decode(decoder, samples.data(), static_cast<int32_t>(n), rate, &settings, nullptr, 0);
+    const double decode_s = cpu_seconds() - start;
+    const double limit_mb = (4 * cells_a_second * seconds * 2 + 16 * static_cast<double>(n)) / (1024 * 1024);
+    std::printf("%9.0f %12.1f %14.3f %12.1f %12.1f%s\n", seconds, 1e3 * decode_s, 1e3 * decode_s / seconds,
+                peak_memory_mb() - before_mb, limit_mb, found < 0 ? "   not decoded!" : "");
+    std::fflush(stdout);
+    _exit(0);
+}
+
+void report_growth() {
+    const int32_t rate = 12000;
+    const double cells_a_second = map_cells_a_second(rate);
+    std::printf("noise at 12000 Hz; the limit is 8 bytes a map cell and 16 bytes a sample\n");
+    std::printf("%9s %12s %14s %12s %12s\n", "seconds", "CPU ms", "CPU ms / s", "peak MB", "limit MB");
+    for (const double seconds : {30.0, 60.0, 120.0, 300.0, 600.0, 1800.0}) report_growth(seconds, rate, cells_a_second);
+}
+
 void report(const char* name, const Stages& s, double floor_s) {
     std::printf("%-22s %9.1f %9.1f %9.1f %9.1f %9.1f %9.1f\n", name, 1e3 * s.baseband, 1e3 * s.map, 1e3 * s.search,
                 1e3 * (s.all - s.baseband - s.map - s.search), 1e3 * s.all, s.all / floor_s);
@@ -138,6 +210,10 @@ void report(const char* name, const Stages& s, double floor_s) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc > 1 && std::string(argv[1]) == "growth") {
+        report_growth();
+        return 0;
+    }
     const double seconds = argc > 1 ? std::atof(argv[1]) : 60;
     const int32_t rate = argc > 2 ? std::atoi(argv[2]) : 12000;
     if (!(seconds >= 31) || rate < 4000) {
@@ -155,8 +231,6 @@ int main(int argc, char** argv) {
     report("noise", measure(noise, rate, params), floor_s);
     report("ten stations", measure(busy, rate, params), floor_s);
 
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    std::printf("peak memory of this program: %.0f MB\n", static_cast<double>(usage.ru_maxrss) / 1024);
+    std::printf("peak memory of this program: %.0f MB\n", peak_memory_mb());
     return 0;
 }
