@@ -6,14 +6,8 @@
 #include <string>
 
 #include "console.h"
-#include "decode.h"
-#include "devices.h"
-#include "encode.h"
 #include "liborvel.h"
-#include "listen.h"
-#include "render.h"
-#include "scan.h"
-#include "send.h"
+#include "subcommands.h"
 
 namespace {
 
@@ -22,13 +16,7 @@ int run_command(int argc, char** argv) {
     CLI::App app("Encoder and decoder for slow, weak radio beacons", "orvel");
     app.set_version_flag("--version", std::string("orvel ") + ovl_version());
     app.require_subcommand(1);
-    add_decode(app, status);
-    add_encode(app, status);
-    add_render(app, status);
-    add_scan(app, status);
-    add_devices(app, status);
-    add_send(app, status);
-    add_listen(app, status);
+    add_subcommands(app, status);
 
     if (argc < 2) {
         std::fputs(app.help().c_str(), stderr);

@@ -1,0 +1,19 @@
+#include "subcommands.h"
+
+#include "decode.h"
+#include "devices.h"
+#include "encode.h"
+#include "listen.h"
+#include "render.h"
+#include "scan.h"
+#include "send.h"
+
+void add_subcommands(CLI::App& app, int& status) {
+    add_decode(app, status);
+    add_encode(app, status);
+    add_render(app, status);
+    add_scan(app, status);
+    add_devices(app, status);
+    add_send(app, status);
+    add_listen(app, status);
+}
