@@ -1,0 +1,318 @@
+// The manual pages and the completion files beside what the command's own help says: each option of each subcommand is
+// in all of them, and nothing else is. The subcommands, too, are those that the help lists.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "command.h"
+
+namespace {
+
+using Names = std::set<std::string>;
+
+std::string contents(const std::string& path) {
+    std::ifstream file(path);
+    EXPECT_TRUE(file) << path;
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+std::vector<std::string> words_of(const std::string& text) {
+    std::istringstream stream(text);
+    return {std::istream_iterator<std::string>(stream), {}};
+}
+
+// ---- The command's help -------------------------------------------------------------------------------------------
+
+// Help of a subcommand, or of the command for "".
+std::string help_of(const std::string& subcommand) {
+    const ProcessResult result = orvel(subcommand.empty() ? Arguments{"--help"} : Arguments{subcommand, "--help"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    return result.out;
+}
+
+Arguments subcommands() {
+    static const Arguments names = [] {
+        Arguments found;
+        bool listed = false;
+        for (const std::string& line : lines_of(help_of(""))) {
+            if (listed && line.starts_with("  ") && line[2] != ' ') found.push_back(words_of(line).front());
+            if (line == "Subcommands:") listed = true;
+        }
+        return found;
+    }();
+    EXPECT_GE(names.size(), 7);
+    return names;
+}
+
+// The subcommands, and "" for the command itself.
+Arguments all_commands() {
+    Arguments commands = subcommands();
+    commands.insert(commands.begin(), "");
+    return commands;
+}
+
+// What the help lists: names of an option and of its value, "" for a flag.
+std::map<std::string, std::string> options_of(const std::string& subcommand) {
+    static const std::regex pattern(R"(^  (-[^ ]+)(?: ([A-Z][A-Z:]*))?(?: .*)?$)");
+    static const std::regex type(R"(:(INT|UINT|FLOAT|TEXT|POSITIVE|NONNEGATIVE)$)");  // as checks add it
+    std::map<std::string, std::string> options;
+    std::smatch match;
+    for (const std::string& line : lines_of(help_of(subcommand))) {
+        if (!std::regex_match(line, match, pattern)) continue;
+        std::istringstream names(match[1]);
+        for (std::string name; std::getline(names, name, ',');) {
+            options[name] = std::regex_replace(match[2].str(), type, "");
+        }
+    }
+    EXPECT_TRUE(options.contains("--help")) << subcommand;
+    return options;
+}
+
+Names names_of(const std::map<std::string, std::string>& options) {
+    Names names;
+    for (const auto& [name, value] : options) names.insert(name);
+    return names;
+}
+
+// ---- Manual pages -------------------------------------------------------------------------------------------------
+
+std::string page_of(const std::string& subcommand) {
+    return ORVEL_MAN "/orvel" + (subcommand.empty() ? "" : "-" + subcommand) + ".1";
+}
+
+// The lines of one section of a page.
+std::vector<std::string> section(const std::string& page, const std::string& heading) {
+    std::vector<std::string> lines;
+    bool inside = false;
+    for (const std::string& line : lines_of(contents(page))) {
+        if (line.starts_with(".Sh")) inside = line == ".Sh " + heading;
+        if (inside) lines.push_back(line);
+    }
+    EXPECT_FALSE(lines.empty()) << page << " has no " << heading;
+    return lines;
+}
+
+// The options of a line of macros like "It Fl o , Fl -output Ar FILE", each with its value.
+void add_options(const std::string& line, std::map<std::string, std::string>& options) {
+    std::vector<std::string> names;
+    std::string value;
+    const std::vector<std::string> words = words_of(line);
+    for (std::size_t k = 0; k + 1 < words.size(); k++) {
+        if (words[k] == "Fl" || words[k] == ".Fl") names.push_back("-" + words[k + 1]);
+        if (words[k] == "Ar") value = words[k + 1];
+    }
+    for (const std::string& name : names) options[name] = value;
+}
+
+TEST(ManualPages, AreThereForEverySubcommandAndNothingElse) {
+    Names expected = {"orvel.1"};
+    for (const std::string& subcommand : subcommands()) expected.insert("orvel-" + subcommand + ".1");
+    Names found;
+    for (const auto& entry : std::filesystem::directory_iterator(ORVEL_MAN)) found.insert(entry.path().filename());
+    EXPECT_EQ(found, expected);
+}
+
+TEST(ManualPages, DescribeTheOptionsThatTheHelpShowsWithTheirValues) {
+    for (const std::string& subcommand : all_commands()) {
+        std::map<std::string, std::string> described;
+        for (const std::string& line : section(page_of(subcommand), "DESCRIPTION")) {
+            if (line.starts_with(".It Fl")) add_options(line, described);
+        }
+        EXPECT_EQ(described, options_of(subcommand)) << page_of(subcommand);
+    }
+}
+
+TEST(ManualPages, ShowTheSameOptionsInTheirSynopsis) {
+    for (const std::string& subcommand : all_commands()) {
+        std::map<std::string, std::string> shown;
+        for (const std::string& line : section(page_of(subcommand), "SYNOPSIS")) add_options(line, shown);
+        EXPECT_EQ(shown, options_of(subcommand)) << page_of(subcommand);
+    }
+}
+
+TEST(ManualPages, ListEverySubcommandOnTheMainPage) {
+    Names listed;
+    Names referred;
+    for (const std::string& line : section(page_of(""), "DESCRIPTION")) {
+        if (line.starts_with(".It Cm ")) listed.insert(words_of(line).at(2));
+    }
+    for (const std::string& line : section(page_of(""), "SEE ALSO")) {
+        if (line.starts_with(".Xr orvel-")) referred.insert(words_of(line).at(1).substr(6));
+    }
+    const Arguments names = subcommands();
+    EXPECT_EQ(listed, Names(names.begin(), names.end()));
+    EXPECT_EQ(referred, Names(names.begin(), names.end()));
+}
+
+TEST(ManualPages, HaveExamplesAndExitStatuses) {
+    for (const std::string& subcommand : all_commands()) {
+        const auto statuses = section(page_of(subcommand), "EXIT STATUS");
+        for (const char* status : {".It 0", ".It 1", ".It 2"}) {
+            EXPECT_EQ(std::count(statuses.begin(), statuses.end(), status), 1) << page_of(subcommand) << status;
+        }
+        // Each example is a command line whose options exist.
+        int32_t examples = 0;
+        for (const std::string& line : section(page_of(subcommand), "EXAMPLES")) {
+            const std::size_t begin = line.find("orvel ");
+            if (line.starts_with(".Xr") || begin == std::string::npos) continue;
+            examples++;
+            const auto words = words_of(line.substr(begin, line.find('|', begin) - begin));
+            const auto options = options_of(words.at(1));
+            for (const std::string& word : words) {
+                if (word.starts_with("-") && word != "-") {
+                    EXPECT_TRUE(options.contains(word)) << line;
+                }
+            }
+        }
+        EXPECT_GE(examples, 1) << page_of(subcommand);
+    }
+}
+
+TEST(ManualPages, AreCleanMdoc) {
+    for (const std::string& subcommand : all_commands()) {
+        const ProcessResult lint = run_process({"/usr/bin/mandoc", "-T", "lint", "-W", "warning", page_of(subcommand)});
+        EXPECT_EQ(lint.status, 0) << lint.out << lint.err;
+    }
+}
+
+// ---- bash -----------------------------------------------------------------------------------------------------------
+
+class Completion : public TestWithFiles {
+  protected:
+    // What bash offers for the last of some words.
+    Names offered_by_bash(const Arguments& words) const {
+        std::string line;
+        for (const std::string& word : words) line += " '" + word + "'";
+        const std::string script = "source '" ORVEL_COMPLETIONS "/orvel'; cd '" + path("") + "'; COMP_WORDS=(orvel" +
+                                   line + "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); " +
+                                   "complete -p orvel >/dev/null && _orvel && printf '%s\\n' \"${COMPREPLY[@]}\"";
+        const ProcessResult result = run_process({"/bin/bash", "--norc", "-c", script});
+        EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_EQ(result.err, "");
+        return lines_as_set(result.out);
+    }
+
+    // What fish offers for the end of a command line.
+    Names offered_by_fish(const std::string& line) const {
+        const std::string script =
+            "source '" ORVEL_COMPLETIONS "/orvel.fish'; cd '" + path("") + "'; complete -C '" + line + "'";
+        const ProcessResult result = run_process({"/usr/bin/fish", "--no-config", "-c", script});
+        EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_EQ(result.err, "");
+        return lines_as_set(std::regex_replace(result.out, std::regex("\t[^\n]*"), ""));  // without descriptions
+    }
+
+    // The arguments that zsh's completion gives to _arguments for a subcommand.
+    std::vector<std::string> zsh_arguments(const std::string& subcommand) const {
+        const std::string script =
+            "emulate -L zsh; function _describe { print -rl -- $subcommands }; "
+            "function _arguments { [[ $1 == -C ]] && { state=" +
+            std::string(subcommand.empty() ? "subcommand" : "argument") + "; [[ -z '" + subcommand +
+            "' ]] || return 0 }; print -rl -- \"$@\" }; words=('" + subcommand +
+            "'); source '" ORVEL_COMPLETIONS "/_orvel'";
+        const ProcessResult result = run_process({"/usr/bin/zsh", "-f", "-c", script});
+        EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_EQ(result.err, "");
+        return lines_of(result.out);
+    }
+
+    static Names lines_as_set(const std::string& text) {
+        const auto lines = lines_of(text);
+        Names names(lines.begin(), lines.end());
+        names.erase("");
+        return names;
+    }
+};
+
+Names operator|(Names a, const Names& b) {
+    a.insert(b.begin(), b.end());
+    return a;
+}
+
+TEST_F(Completion, OfBashOffersTheSubcommandsAndTheirOptions) {
+    const Arguments names = subcommands();
+    EXPECT_EQ(offered_by_bash({""}), Names(names.begin(), names.end()) | names_of(options_of("")));
+    for (const std::string& subcommand : names) {
+        EXPECT_EQ(offered_by_bash({subcommand, "-"}), names_of(options_of(subcommand))) << subcommand;
+    }
+    EXPECT_EQ(offered_by_bash({"dec"}), Names{"decode"});
+    EXPECT_EQ(offered_by_bash({"decode", "--iq", "--known-"}), (Names{"--known-file", "--known-only"}));
+}
+
+TEST_F(Completion, OfBashOffersValues) {
+    write("a.wav", "");
+    write("b c.wav", "");
+    EXPECT_EQ(offered_by_bash({"render", "--format", ""}), (Names{"s16", "float"}));
+    EXPECT_EQ(offered_by_bash({"render", "--format", "=", "f"}), Names{"float"});
+    EXPECT_EQ(offered_by_bash({"render", "--format", "="}), (Names{"s16", "float"}));
+    EXPECT_EQ(offered_by_bash({"encode", "--protocol", "orvel-"}), (Names{"orvel-s", "orvel-l"}));
+    EXPECT_EQ(offered_by_bash({"listen", "--protocols", "opera,orvel-l,a"}), Names{"opera,orvel-l,all"});
+    EXPECT_EQ(offered_by_bash({"send", "or"}), (Names{"orvel-s=", "orvel-l="}));
+    EXPECT_EQ(offered_by_bash({"decode", ""}), (Names{"a.wav", "b c.wav"}));
+    EXPECT_EQ(offered_by_bash({"decode", "--known-file", "a"}), Names{"a.wav"});
+    EXPECT_EQ(offered_by_bash({"render", "-o", "b"}), Names{"b c.wav"});
+    EXPECT_EQ(offered_by_bash({"decode", "--center", ""}), Names{});
+    EXPECT_EQ(offered_by_bash({"encode", ""}), Names{});
+}
+
+TEST_F(Completion, OfFishOffersTheSubcommandsAndTheirOptions) {
+    const Arguments names = subcommands();
+    EXPECT_EQ(offered_by_fish("orvel "), Names(names.begin(), names.end()));
+    EXPECT_EQ(offered_by_fish("orvel --"), (Names{"--help", "--version"}));
+    for (const std::string& subcommand : names) {
+        Names expected = names_of(options_of(subcommand));
+        EXPECT_EQ(offered_by_fish("orvel " + subcommand + " --") | offered_by_fish("orvel " + subcommand + " -"),
+                  expected)
+            << subcommand;
+    }
+}
+
+TEST_F(Completion, OfFishOffersValues) {
+    write("a.wav", "");
+    EXPECT_EQ(offered_by_fish("orvel render --format "), (Names{"s16", "float"}));
+    EXPECT_EQ(offered_by_fish("orvel encode --protocol "), (Names{"opera", "orvel-s", "orvel-l"}));
+    EXPECT_EQ(offered_by_fish("orvel decode --center "), Names{});
+    EXPECT_EQ(offered_by_fish("orvel decode a"), Names{"a.wav"});
+    EXPECT_EQ(offered_by_fish("orvel render -o a"), Names{"a.wav"});
+    EXPECT_EQ(offered_by_fish("orvel send orvel-"), (Names{"orvel-s=", "orvel-l="}));
+}
+
+TEST_F(Completion, OfZshOffersTheSubcommandsAndTheirOptions) {
+    // Specifications are "(exclusions)name[explanation]:message:action", of which the first part may be missing.
+    static const std::regex specification(R"(^(?:\([^)]*\))?(-[-a-z]+)\[.*)");
+    for (const std::string& subcommand : all_commands()) {
+        Names offered;
+        std::smatch match;
+        for (const std::string& line : zsh_arguments(subcommand)) {
+            if (std::regex_match(line, match, specification)) offered.insert(match[1]);
+        }
+        EXPECT_EQ(offered, names_of(options_of(subcommand))) << subcommand;
+    }
+    Names offered;
+    for (const std::string& line : zsh_arguments("")) {
+        const std::size_t colon = line.find(':');
+        if (colon != std::string::npos && line.find_first_of("*1([-") != 0) offered.insert(line.substr(0, colon));
+    }
+    const Arguments names = subcommands();
+    EXPECT_EQ(offered, Names(names.begin(), names.end()));
+}
+
+TEST_F(Completion, FilesAreSyntacticallyRight) {
+    for (const Arguments& check : {Arguments{"/bin/bash", "-n", ORVEL_COMPLETIONS "/orvel"},
+                                   {"/usr/bin/zsh", "-n", ORVEL_COMPLETIONS "/_orvel"},
+                                   {"/usr/bin/fish", "--no-execute", ORVEL_COMPLETIONS "/orvel.fish"}}) {
+        const ProcessResult result = run_process(check);
+        EXPECT_EQ(result.status, 0) << check[0] << result.err;
+    }
+}
+
+}  // namespace
