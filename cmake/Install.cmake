@@ -73,6 +73,9 @@ set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/debian/compress.cmake)
 set(CPACK_COMPONENTS_ALL library development)
 set(package_of_library liborvel1)
 set(package_of_development liborvel-dev)
@@ -81,29 +84,29 @@ set(package_of_command orvel)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME ${package_of_library})
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/postinst
     ${PROJECT_SOURCE_DIR}/cmake/debian/postrm)
-set(CPACK_DEBIAN_LIBRARY_DESCRIPTION "Decoder for slow, weak radio beacons (shared library)
- Finds and decodes OPERA and ORVEL frames in a block of audio: who sent, when, at
- which frequency and how strong. Also renders, plays and captures them.")
+set(CPACK_DEBIAN_LIBRARY_DESCRIPTION
+"Finds and decodes OPERA and ORVEL frames in a block of audio: who sent, when,
+at which frequency and how strong. Also renders, plays and captures them.
+This package holds the shared library.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${package_of_development})
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "${package_of_library} (= ${PROJECT_VERSION}), libfftw3-dev, portaudio19-dev")
-set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "Decoder for slow, weak radio beacons (development files)
- Headers for C and C++, the static library, what pkg-config and CMake need, and
- examples with recordings.")
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
+"This package holds the headers for C and C++, the static library, what
+pkg-config and CMake need, and examples with recordings.")
 
 if(ORVEL_BUILD_TOOLS)
     list(APPEND CPACK_COMPONENTS_ALL command)
     set(CPACK_DEBIAN_COMMAND_PACKAGE_NAME ${package_of_command})
     set(CPACK_DEBIAN_COMMAND_PACKAGE_SECTION hamradio)
     set(CPACK_DEBIAN_COMMAND_PACKAGE_SHLIBDEPS ON)
-    set(CPACK_DEBIAN_COMMAND_DESCRIPTION "Decoder for slow, weak radio beacons (command)
- Decodes recordings and what a sound card hears, and encodes, renders and sends
- OPERA and ORVEL frames.")
+    set(CPACK_DEBIAN_COMMAND_DESCRIPTION
+"This package holds the command, which decodes recordings and what a sound card
+hears, and which encodes, renders and sends OPERA and ORVEL frames.")
 endif()
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)
     install(FILES cmake/debian/copyright DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package_of_${component}}

@@ -3,6 +3,7 @@
 //
 //     make_completions DIRECTORY      writes orvel (bash), _orvel (zsh) and orvel.fish there
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -47,8 +48,8 @@ struct Subcommand {
 // ---- What the command has ------------------------------------------------------------------------------------------
 
 std::vector<std::string> protocol_words() {
-    std::vector<std::string> words;
-    for (const Protocol& protocol : PROTOCOLS) words.emplace_back(protocol.name);
+    std::vector<std::string> words(PROTOCOLS.size());
+    std::transform(PROTOCOLS.begin(), PROTOCOLS.end(), words.begin(), [](const Protocol& p) { return p.name; });
     return words;
 }
 
@@ -163,8 +164,8 @@ std::string bash_offer(const Offer& offer) {
 }
 
 std::string bash_completion(const std::vector<Subcommand>& subcommands, const std::vector<Option>& common) {
-    std::vector<std::string> names;
-    for (const Subcommand& subcommand : subcommands) names.push_back(subcommand.name);
+    std::vector<std::string> names(subcommands.size());
+    std::transform(subcommands.begin(), subcommands.end(), names.begin(), [](const Subcommand& s) { return s.name; });
 
     std::string text = R"(# bash completion of orvel, generated from its options
 
