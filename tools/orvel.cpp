@@ -39,8 +39,10 @@ int run_command(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Writing into a pipe that nobody reads is then an error like any other, not the end of the process.
+    // Writing into a pipe that nobody reads, or more than a file may hold, is then an error like any other, not the end
+    // of the process.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     try {
         return run_command(argc, argv);
     } catch (const std::bad_alloc&) {
