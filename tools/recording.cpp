@@ -22,17 +22,23 @@
 
 namespace {
 
-// Why the file cannot be opened, or an empty text when it can.
+// Why the file cannot be opened and read, or an empty text when it can. Pipes are told by their kind: opening one would
+// wait for its writer, and take from it what the next opening lacks.
 std::string open_problem(const std::string& path) {
     std::error_code error;
-    if (std::filesystem::is_directory(path, error)) return "it is a directory";
+    const auto kind = std::filesystem::status(path, error).type();
+    if (kind == std::filesystem::file_type::directory) return "it is a directory";
+    if (kind == std::filesystem::file_type::fifo) return "it is a pipe, not a file";
     std::FILE* file = std::fopen(path.c_str(), "rb");
     if (!file) return std::strerror(errno);
+    errno = 0;
+    std::fgetc(file);
+    const int reason = std::ferror(file) != 0 ? errno : 0;
     std::fclose(file);
-    return {};
+    return reason != 0 ? std::strerror(reason) : "";
 }
 
-// A reader's line as this command says it: without the reader's name, and always with the name of the file.
+// A reader's line as this command says it: without the reader's name, and always with the (printable) name of the file.
 std::string reader_message(const std::string& line, const std::string& path) {
     std::string text = line;
     for (const std::string_view prefix : {"wav_read: ", "iq_read: "}) {
