@@ -3,8 +3,10 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
+#include <string_view>
 #include <vector>
 
 // Standard error of the process, kept in a file for the life of the object. Serves around
@@ -23,26 +25,33 @@ class CapturedStderr {
         if (file_) std::fclose(file_);
     }
 
-    // Gives standard error back and returns the lines that went into the file.
-    std::vector<std::string> lines() {
+    // Gives standard error back and returns the lines that went into the file, with `name`, which may hold line feeds,
+    // as `shown`, which does not.
+    std::vector<std::string> lines(std::string_view name, std::string_view shown) {
         restore();
-        std::vector<std::string> lines;
-        if (!file_) return lines;
-        std::rewind(file_);
-        std::string line;
-        for (int c = std::fgetc(file_); c != EOF; c = std::fgetc(file_)) {
-            if (c != '\n') {
-                line += static_cast<char>(c);
-                continue;
-            }
-            lines.push_back(line);
-            line.clear();
+        std::string text = content();
+        for (std::size_t at = text.find(name); !name.empty() && at != std::string::npos;
+             at = text.find(name, at + shown.size())) {
+            text.replace(at, name.size(), shown);
         }
-        if (!line.empty()) lines.push_back(line);
+        std::vector<std::string> lines;
+        for (std::size_t begin = 0; begin < text.size();) {
+            const std::size_t end = std::min(text.find('\n', begin), text.size());
+            lines.push_back(text.substr(begin, end - begin));
+            begin = end + 1;
+        }
         return lines;
     }
 
   private:
+    std::string content() {
+        std::string text;
+        if (!file_) return text;
+        std::rewind(file_);
+        for (int c = std::fgetc(file_); c != EOF; c = std::fgetc(file_)) text += static_cast<char>(c);
+        return text;
+    }
+
     void restore() {
         if (saved_ < 0) return;
         std::fflush(stderr);

@@ -24,10 +24,28 @@ void clear_status() {
 
 }  // namespace
 
+std::string printable(std::string_view text) {
+    std::string shown;
+    for (const char c : text) {
+        if (c == '\n') {
+            shown += "\\n";
+        } else if (c == '\r') {
+            shown += "\\r";
+        } else if (c == '\t') {
+            shown += "\\t";
+        } else if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') {
+            shown += format("\\x%02x", static_cast<unsigned>(c));
+        } else {
+            shown += c;
+        }
+    }
+    return shown;
+}
+
 void print_error(const std::string& message) {
     const std::lock_guard guard(error_lock);
     clear_status();
-    std::fprintf(stderr, "orvel: %s\n", message.c_str());
+    std::fprintf(stderr, "orvel: %s\n", printable(message).c_str());
 }
 
 void print(std::string_view text) {
@@ -106,7 +124,7 @@ StatusLine::~StatusLine() {
 void StatusLine::show(const std::string& text) {
     if (!terminal_) return;
     const std::lock_guard guard(error_lock);
-    std::fprintf(stderr, "\r%s\033[K", text.c_str());
+    std::fprintf(stderr, "\r%s\033[K", printable(text).c_str());
     status_shown = true;
 }
 

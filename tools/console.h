@@ -13,7 +13,11 @@ enum ExitStatus : int {
     EXIT_USAGE = 2    // a wrong option, value or combination
 };
 
-// "orvel: <message>" and a line feed on standard error.
+// The same text with "\n", "\x1b" and so on in place of control characters, which a file's name may hold: one line, and
+// nothing that moves a terminal's cursor.
+std::string printable(std::string_view text);
+
+// "orvel: <message>" and a line feed on standard error; the message as printable() has it.
 void print_error(const std::string& message);
 
 // Writes text to standard output. All output goes through here; whether it arrived is asked once, by flush_output.

@@ -221,7 +221,7 @@ int decode(const Options& options) {
         }
         const auto heading = [&] {
             if (options.json) return;
-            if (options.files.size() > 1) print((first ? "" : "\n") + path + ":\n");
+            if (options.files.size() > 1) print((first ? "" : "\n") + printable(path) + ":\n");
             print(spot_header(format("%9s", "time s")));
             first = false;
         };

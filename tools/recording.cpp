@@ -167,11 +167,12 @@ RecordingPtr open_with_reader(const std::string& path, const RecordingOptions& o
         }
         wav_free(read);
     }
-    const std::vector<std::string> lines = messages.lines();
+    const std::string shown = printable(path);
+    const std::vector<std::string> lines = messages.lines(path, shown);
     if (recording) {
-        for (const std::string& line : lines) print_error(reader_message(line, path));
+        for (const std::string& line : lines) print_error(reader_message(line, shown));
     } else {
-        reason = lines.empty() ? "cannot read '" + path + "'" : reader_message(lines.back(), path);
+        reason = lines.empty() ? "cannot read '" + path + "'" : reader_message(lines.back(), shown);
     }
     return recording;
 }

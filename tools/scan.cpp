@@ -91,7 +91,7 @@ int scan(const Options& options) {
             continue;
         }
         if (!options.json) {
-            if (options.files.size() > 1) print((first ? "" : "\n") + path + ":\n");
+            if (options.files.size() > 1) print((first ? "" : "\n") + printable(path) + ":\n");
             print(format("%9s  %9s  %12s  %7s\n", "from s", "to s", "frequency Hz", "z"));
         }
         first = false;
