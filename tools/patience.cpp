@@ -19,9 +19,16 @@ extern "C" void note_interrupt(int signal) {
 
 }  // namespace
 
+// A call that waits ends with the signal: output whose reader does not read would hold up the end for good.
 void watch_interrupts() {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        if (std::signal(signal, note_interrupt) == SIG_IGN) std::signal(signal, SIG_IGN);  // as under nohup
+        struct sigaction action {};
+        sigaction(signal, nullptr, &action);
+        if (action.sa_handler == SIG_IGN) continue;  // as under nohup
+        action = {};
+        action.sa_handler = note_interrupt;
+        action.sa_flags = 0;  // no SA_RESTART
+        sigaction(signal, &action, nullptr);
     }
 }
 
