@@ -35,7 +35,7 @@ constexpr double PATIENCE_S = 120;
 constexpr double SHORT_HOURS = 0.1;
 constexpr bool MEMORY_TELLS = false;  // it is the sanitizer's
 #else
-constexpr double SHORT_HOURS = 0.5;
+constexpr double SHORT_HOURS = 0.4;
 constexpr bool MEMORY_TELLS = true;
 #endif
 
@@ -58,7 +58,7 @@ double frame_seconds(const Frame& frame) {
     return CHIP_SECONDS * (frame.protocol == "ORVEL L" ? 321 : 239);
 }
 
-// What is on the air: frames every few minutes, from far below what can be read to strong.
+// What is on the air: frames every few minutes, from the edge of what can be read to strong.
 class Air {
   public:
     explicit Air(double seconds) {
