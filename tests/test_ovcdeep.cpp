@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
-#include <new>
 #include <numbers>
 #include <optional>
 #include <string>
@@ -19,79 +18,9 @@
 #include <vector>
 
 #include "deep_model.h"
+#include "failing_memory.h"
 #include "siggen.h"
 #include "sync_model.h"
-
-// ---- Counted memory ----------------------------------------------------------------------------------------------
-
-namespace {
-
-// Bytes in use through operator new, the most there ever were, and how many more requests succeed.
-struct Memory {
-    std::size_t live = 0;
-    std::size_t peak = 0;
-    int64_t requests_left = -1;  // negative = no limit
-};
-Memory memory;
-
-constexpr std::size_t HEADER = alignof(std::max_align_t);
-
-void* take_memory(std::size_t size) noexcept {
-    if (memory.requests_left == 0) return nullptr;
-    if (memory.requests_left > 0) --memory.requests_left;
-    void* const block = std::malloc(size + HEADER);
-    if (block == nullptr) return nullptr;
-    *static_cast<std::size_t*>(block) = size;
-    memory.live += size;
-    memory.peak = std::max(memory.peak, memory.live);
-    return static_cast<std::byte*>(block) + HEADER;
-}
-
-void give_memory(void* p) noexcept {
-    if (p == nullptr) return;
-    void* const block = static_cast<std::byte*>(p) - HEADER;
-    memory.live -= *static_cast<std::size_t*>(block);
-    std::free(block);
-}
-
-void* take_or_throw(std::size_t size) {
-    void* const p = take_memory(size);
-    if (p == nullptr) throw std::bad_alloc();
-    return p;
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    return take_or_throw(size);
-}
-void* operator new[](std::size_t size) {
-    return take_or_throw(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return take_memory(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return take_memory(size);
-}
-void operator delete(void* p) noexcept {
-    give_memory(p);
-}
-void operator delete[](void* p) noexcept {
-    give_memory(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    give_memory(p);
-}
-void operator delete[](void* p, std::size_t) noexcept {
-    give_memory(p);
-}
-void operator delete(void* p, const std::nothrow_t&) noexcept {
-    give_memory(p);
-}
-void operator delete[](void* p, const std::nothrow_t&) noexcept {
-    give_memory(p);
-}
 
 namespace {
 
@@ -106,11 +35,10 @@ constexpr double UNWRITTEN = -77;
 // Bytes that a call needs at its worst.
 template <class Call>
 std::size_t peak_memory(Call call) {
-    const std::size_t before = memory.live;
-    memory.peak = before;
-    call();
-    EXPECT_EQ(memory.live, before);
-    return memory.peak - before;
+    FailingMemory memory;
+    memory.watch(call);
+    EXPECT_EQ(memory.live_blocks(), 0);
+    return memory.peak_bytes();
 }
 
 // ---- Maps and callsigns ------------------------------------------------------------------------------------------
@@ -706,18 +634,15 @@ TEST(DeepSearchMemory, ShortageIsReportedAndEverythingFreed) {
     map.randomise(18);
     const auto known = known_entries(random, 2);
     std::vector<ovc_deep_hit> room(100000);
-    int32_t refused = 0;
-    int32_t count = -1;
-    for (int64_t allowed = 0; count < 0; ++allowed) {
-        ASSERT_LT(allowed, 1000);
-        const std::size_t before = memory.live;
-        memory.requests_left = allowed;
-        count = ovc_deep_search(map.map, known.data(), 2, -1e9, 1e9, 1e9, 0.2, 1e9, 100000, room.data(), nullptr);
-        memory.requests_left = -1;
-        EXPECT_EQ(memory.live, before);
-        EXPECT_TRUE(count == -1 || count > 100);
-        refused += count == -1 ? 1 : 0;
-    }
+    const auto search = [&] {
+        return ovc_deep_search(map.map, known.data(), 2, -1e9, 1e9, 1e9, 0.2, 1e9, 100000, room.data(), nullptr);
+    };
+    const int32_t found = search();
+    EXPECT_GT(found, 100);
+    const int64_t refused = refuse_each_request([&](FailingMemory& memory) {
+        const int32_t count = memory.watch(search);
+        EXPECT_EQ(count, memory.has_refused() ? -1 : found);
+    });
     EXPECT_GT(refused, 5);
 }
 

@@ -2,7 +2,6 @@
 // the keyed detection that hosts call.
 #include "ovscan.h"
 
-#include <fftw3.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,102 +9,16 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 #include <limits>
-#include <new>
 #include <numbers>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "failing_memory.h"
 #include "liborvel.h"
 #include "scan_model.h"
 #include "siggen.h"
-
-// ---- Memory on demand ----------------------------------------------------------------------------------------------
-
-namespace {
-
-// Blocks held through operator new and fftw_malloc, and how many more requests succeed.
-struct Memory {
-    int64_t live = 0;
-    int64_t requests_left = -1;  // negative = no limit
-};
-Memory memory;
-
-bool may_have() noexcept {
-    if (memory.requests_left == 0) return false;
-    if (memory.requests_left > 0) --memory.requests_left;
-    return true;
-}
-
-void* take_memory(std::size_t size) noexcept {
-    if (!may_have()) return nullptr;
-    void* const block = std::malloc(size > 0 ? size : 1);
-    if (block != nullptr) ++memory.live;
-    return block;
-}
-
-void* take_or_throw(std::size_t size) {
-    void* const block = take_memory(size);
-    if (block == nullptr) throw std::bad_alloc();
-    return block;
-}
-
-void give_memory(void* block) noexcept {
-    if (block != nullptr) --memory.live;
-    std::free(block);
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    return take_or_throw(size);
-}
-void* operator new[](std::size_t size) {
-    return take_or_throw(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return take_memory(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return take_memory(size);
-}
-void operator delete(void* block) noexcept {
-    give_memory(block);
-}
-void operator delete[](void* block) noexcept {
-    give_memory(block);
-}
-void operator delete(void* block, std::size_t) noexcept {
-    give_memory(block);
-}
-void operator delete[](void* block, std::size_t) noexcept {
-    give_memory(block);
-}
-void operator delete(void* block, const std::nothrow_t&) noexcept {
-    give_memory(block);
-}
-void operator delete[](void* block, const std::nothrow_t&) noexcept {
-    give_memory(block);
-}
-
-extern "C" {
-void* __real_fftw_malloc(std::size_t size);
-void __real_fftw_free(void* block);
-void* __wrap_fftw_malloc(std::size_t size);
-void __wrap_fftw_free(void* block);
-
-void* __wrap_fftw_malloc(std::size_t size) {
-    if (!may_have()) return nullptr;
-    ++memory.live;
-    return __real_fftw_malloc(size);
-}
-void __wrap_fftw_free(void* block) {
-    if (block != nullptr) --memory.live;
-    __real_fftw_free(block);
-}
-}
 
 namespace {
 
@@ -615,18 +528,19 @@ TEST(FrequencyScan, ARunIsAtMostOneChipShorterThanTheRecording) {
 TEST(FrequencyScan, WithoutMemoryItFailsAndKeepsNothing) {
     const Input input = busy_band();
     std::vector<ov_hit> hits(100);
-    const int64_t before = memory.live;
-    int32_t count = -1;
-    int64_t requests = 0;
-    for (; requests < 1000 && count < 0; ++requests) {
-        memory.requests_left = requests;
-        count = ov_scan_w(input.re.data(), input.im.data(), input.n(), input.rate, input.win_s, input.f_lo, input.f_hi,
-                          6, 0, 100, hits.data(), nullptr, 238, 0, 0);
-        memory.requests_left = -1;
-        ASSERT_EQ(memory.live, before) << "after " << requests << " requests";
-    }
-    EXPECT_GE(count, 3);
-    EXPECT_GT(requests, 6);
+    const auto scan_now = [&] {
+        return ov_scan_w(input.re.data(), input.im.data(), input.n(), input.rate, input.win_s, input.f_lo, input.f_hi,
+                         6, 0, 100, hits.data(), nullptr, 238, 0, 0);
+    };
+    const int32_t found = scan_now();
+    EXPECT_GE(found, 3);
+    int64_t failures = 0;
+    refuse_each_request([&](FailingMemory& memory) {
+        const int32_t count = memory.watch(scan_now);
+        EXPECT_TRUE(count == found || (count == -1 && memory.has_refused())) << count;
+        failures += count == -1 ? 1 : 0;
+    });
+    EXPECT_GT(failures, 2 * 6);
 }
 
 // ---- What is keyed and what is not
@@ -966,17 +880,18 @@ TEST(Keyed, WithoutMemoryItFailsAndKeepsNothing) {
     const std::vector<float> x = beacon_scene(10, {beacon(-1, 1523, 0)}, 4000);
     const ovl_settings settings = settings_at(1500, 200);
     std::array<ov_hit, 64> hits;
-    const int64_t before = memory.live;
-    int32_t count = -1;
-    int64_t requests = 0;
-    for (; requests < 1000 && count < 0; ++requests) {
-        memory.requests_left = requests;
-        count = ovl_keyed(x.data(), static_cast<int32_t>(x.size()), 4000, &settings, 8, 6, hits.data(), 64);
-        memory.requests_left = -1;
-        ASSERT_EQ(memory.live, before) << "after " << requests << " requests";
-    }
-    EXPECT_GE(count, 1);
-    EXPECT_GT(requests, 7);
+    const auto look = [&] {
+        return ovl_keyed(x.data(), static_cast<int32_t>(x.size()), 4000, &settings, 8, 6, hits.data(), 64);
+    };
+    const int32_t found = look();
+    EXPECT_GE(found, 1);
+    int64_t failures = 0;
+    refuse_each_request([&](FailingMemory& memory) {
+        const int32_t count = memory.watch(look);
+        EXPECT_TRUE(count == found || (count == -1 && memory.has_refused())) << count;
+        failures += count == -1 ? 1 : 0;
+    });
+    EXPECT_GT(failures, 2 * 7);
 }
 
 }  // namespace

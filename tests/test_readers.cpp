@@ -25,6 +25,7 @@
 #include <utility>
 #include <vector>
 
+#include "failing_memory.h"
 #include "iqread.h"
 #include "wavread.h"
 
@@ -39,8 +40,7 @@ struct Countdown {
 };
 
 struct Faults {
-    Countdown read, seek, tell, allocation;
-    std::size_t largest_allocation = 0;
+    Countdown read, seek, tell;
 };
 Faults faults;
 
@@ -53,8 +53,6 @@ int __real_fseeko(std::FILE* file, off_t offset, int whence);
 int __wrap_fseeko(std::FILE* file, off_t offset, int whence);
 off_t __real_ftello(std::FILE* file);
 off_t __wrap_ftello(std::FILE* file);
-void* __real_malloc(std::size_t size);
-void* __wrap_malloc(std::size_t size);
 
 std::size_t __wrap_fread(void* to, std::size_t size, std::size_t n, std::FILE* file) {
     const std::size_t got = __real_fread(to, size, n, file);
@@ -65,10 +63,6 @@ int __wrap_fseeko(std::FILE* file, off_t offset, int whence) {
 }
 off_t __wrap_ftello(std::FILE* file) {
     return faults.tell.strikes() ? -1 : __real_ftello(file);
-}
-void* __wrap_malloc(std::size_t size) {
-    faults.largest_allocation = std::max(faults.largest_allocation, size);
-    return faults.allocation.strikes() ? nullptr : __real_malloc(size);
 }
 }
 
@@ -296,11 +290,13 @@ TEST(WavReader, ReadsAsManyChannelsAsTheFieldHolds) {
 }
 
 TEST(WavReader, TakesNoMoreMemoryThanTheFileHolds) {
-    faults.largest_allocation = 0;
-    const Bytes bytes = riff(fmt(1, 65535, 32), chunk_claiming("data", no_size, Bytes(4 * 65535)));
-    EXPECT_EQ(read_bytes(wav, bytes).a, Values{0});
-    EXPECT_LT(faults.largest_allocation, 1'000'000U);
-    EXPECT_GE(faults.largest_allocation, 4 * 65535U);
+    const TempPath path;
+    path.write(riff(fmt(1, 65535, 32), chunk_claiming("data", no_size, Bytes(4 * 65535))));
+    FailingMemory memory;
+    const Outcome outcome = memory.watch([&] { return wav(path.c_str()); });
+    EXPECT_EQ(outcome.a, Values{0});
+    EXPECT_LT(memory.largest_request(), 1'000'000U);
+    EXPECT_GE(memory.largest_request(), 4 * 65535U);
 }
 
 TEST(IqReader, FillsTheRecordOfAPlainFile) {
@@ -780,16 +776,25 @@ class FailingCalls : public testing::Test {
 TEST_F(FailingCalls, AllocationGivesTheMessageOfTheWavReader) {
     const TempPath path;
     path.write(riff(stereo, data(7)));
-    for (int n = 1; n <= 2; ++n) {
+    const int64_t refused = refuse_each_request([&](FailingMemory& memory) {
         wav_audio audio = used_wav_record();
         testing::internal::CaptureStderr();
-        faults.allocation.left = n;
-        EXPECT_EQ(wav_read(path.c_str(), audio), -1);
-        faults.allocation.left = 0;
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), "wav_read: memory allocation failed (1 samples)\n");
-        EXPECT_EQ(audio.samples, nullptr);
-        EXPECT_EQ(audio.count, 0);
-    }
+        const int result = memory.watch([&] { return wav_read(path.c_str(), audio); });
+        const std::string messages = testing::internal::GetCapturedStderr();
+        if (memory.has_refused()) {
+            EXPECT_EQ(result, -1);
+            EXPECT_EQ(messages, "wav_read: memory allocation failed (1 samples)\n");
+            EXPECT_EQ(audio.samples, nullptr);
+            EXPECT_EQ(audio.count, 0);
+        } else {
+            EXPECT_EQ(result, 0);
+            EXPECT_EQ(messages, "");
+            ASSERT_EQ(audio.count, 1);
+            EXPECT_EQ(audio.samples[0], as_sample(7));
+        }
+        wav_free(audio);
+    });
+    EXPECT_EQ(refused, 2);
 }
 
 TEST_F(FailingCalls, TheLongestFileIsTooMuchForMemoryOnly) {
@@ -798,8 +803,8 @@ TEST_F(FailingCalls, TheLongestFileIsTooMuchForMemoryOnly) {
     path.write_sparse(start, static_cast<int64_t>(start.size()) + INT32_MAX);
     wav_audio audio = used_wav_record();
     testing::internal::CaptureStderr();
-    faults.allocation.left = 1;
-    EXPECT_EQ(wav_read(path.c_str(), audio), -1);
+    FailingMemory memory(1, Refuses::ALL_FURTHER);
+    EXPECT_EQ(memory.watch([&] { return wav_read(path.c_str(), audio); }), -1);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "wav_read: memory allocation failed (2147483647 samples)\n");
     EXPECT_EQ(audio.samples, nullptr);
 }
@@ -807,18 +812,26 @@ TEST_F(FailingCalls, TheLongestFileIsTooMuchForMemoryOnly) {
 TEST_F(FailingCalls, AllocationGivesTheMessageOfTheIqReader) {
     const TempPath path;
     path.write(riff(stereo, chunk("data", join(frame(7), frame(8)))));
-    for (int n = 1; n <= 3; ++n) {
+    const int64_t refused = refuse_each_request([&](FailingMemory& memory) {
         iq_recording recording = used_iq_record();
         testing::internal::CaptureStderr();
-        faults.allocation.left = n;
-        EXPECT_EQ(iq_read(path.c_str(), recording), -1);
-        faults.allocation.left = 0;
-        EXPECT_EQ(testing::internal::GetCapturedStderr(),
-                  "iq_read: memory allocation failed (2 samples per channel)\n");
-        EXPECT_EQ(recording.i, nullptr);
-        EXPECT_EQ(recording.q, nullptr);
-        EXPECT_EQ(recording.count, 0);
-    }
+        const int result = memory.watch([&] { return iq_read(path.c_str(), recording); });
+        const std::string messages = testing::internal::GetCapturedStderr();
+        if (memory.has_refused()) {
+            EXPECT_EQ(result, -1);
+            EXPECT_EQ(messages, "iq_read: memory allocation failed (2 samples per channel)\n");
+            EXPECT_EQ(recording.i, nullptr);
+            EXPECT_EQ(recording.q, nullptr);
+            EXPECT_EQ(recording.count, 0);
+        } else {
+            EXPECT_EQ(result, 0);
+            EXPECT_EQ(messages, "");
+            ASSERT_EQ(recording.count, 2);
+            EXPECT_EQ(recording.i[1], as_sample(8));
+        }
+        iq_free(recording);
+    });
+    EXPECT_EQ(refused, 3);
 }
 
 // A file of fmt and data is positioned behind fmt, at the end, back, and at the data.
