@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <new>
 #include <numbers>
@@ -318,7 +319,7 @@ int ovc_deep_refine(const ov_baseband& bb, const ov_specmap& map, const ovc_know
     ov_hyp best{};
     best.metric = NO_METRIC;
     const auto judge = [&](const ov_measured& measured) { judge_deep(map, known, measured, min_chips, best); };
-    if (ov_search_around(bb, map, hit.pos * map.hop, hit.f, drift_range, best, judge) != 0) return -1;
+    if (ov_search_around(bb, map, hit.pos * map.hop, hit.f, drift_range, best, std::ref(judge)) != 0) return -1;
     energies_to_soft(best.energy, OVC_PAIRS, best.noise, map.noise_rescale, best.soft);
     hyp = best;
     return 0;

@@ -831,7 +831,7 @@ int ov_refine(const ov_baseband& bb, const ov_specmap& map, const ov_cand& cand,
     ov_hyp best{};
     best.metric = NO_METRIC;
     const auto judge = [&](const ov_measured& measured) { judge_hyp(map, measured, min_chips, best); };
-    if (ov_search_around(bb, map, cand.pos * map.hop, cand.f, drift_max, best, judge) != 0) return -1;
+    if (ov_search_around(bb, map, cand.pos * map.hop, cand.f, drift_max, best, std::ref(judge)) != 0) return -1;
     out = best;
     return 0;
 }

@@ -104,7 +104,8 @@ void ov_pair_difference(const ov_specmap& map, const ov_grid& grid, int64_t r, f
 //
 // Pair g + 17j of a frame at row t compares the chips at rows t + (2g + 1)S + 34jS and S later (S rows a chip), so the
 // correlations of a group depend only on the row u = t + (2g + 1)S in which it begins, not on the frame: each row's
-// are formed once, kept while a frame can still use them, and shared by all groups, frames and known callsigns.
+// are formed once, kept while a frame can still use them, and shared by all groups, frames and known callsigns. Making
+// one throws std::bad_alloc when memory is short.
 class ov_group_rows {
   public:
     enum class Keep {
@@ -205,8 +206,8 @@ struct ov_measured {
 };
 
 // The grid of ov_refine around a start sample and frequency: coarse in start and frequency, then drift, then fine.
-// judge(hypothesis) keeps one in best where it is better. Returns 0, or -1 when none of the coarse stage was, or memory
-// is short.
+// judge(hypothesis) keeps one in best where it is better; where making a std::function of it could ask for memory, pass
+// it by std::ref. Returns 0, or -1 when none of the coarse stage was, or memory is short.
 int ov_search_around(const ov_baseband& bb, const ov_specmap& map, int32_t start, double f, double drift_max,
                      ov_hyp& best, const std::function<void(const ov_measured&)>& judge);
 
