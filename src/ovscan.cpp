@@ -175,9 +175,10 @@ class JumpSearch {
         const int64_t run = run_chips_ < chips ? run_chips_ : chips - 1;
         if (run < MIN_RUN) return;
         load(phase, chips);
+        ends_.resize(at(run));
 
         sum_runs(
-            chips - 1, run, ends_, [&](Sums& sums, int64_t i) { sums.add(chips_[at(i)], chips_[at(i + 1)]); },
+            chips - 1, run, ends_.data(), [&](Sums& sums, int64_t i) { sums.add(chips_[at(i)], chips_[at(i + 1)]); },
             [&](int64_t, const Sums& sums) { judge(sums, run); }, [](const Sums& a, const Sums& b) { return a + b; });
     }
 

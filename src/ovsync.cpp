@@ -271,7 +271,7 @@ using ColumnSums = std::array<double, SUM_COLUMNS>;
 // Scores of some columns, of frames that start in rows t, t + 2S, …: pair k of the frame in row t compares the chips at
 // row t + (2k + 1)S, so that neighbouring scores of this sequence have all but one of their terms in common.
 ORVEL_MULTIVERSION void score_columns(const ov_specmap& map, const ov_grid& grid, int64_t residue, std::size_t column,
-                                      std::size_t width, std::vector<ColumnSums>& ends, float* scores) {
+                                      std::size_t width, ColumnSums* ends, float* scores) noexcept {
     const int64_t stride = 2 * static_cast<int64_t>(map.steps_per_chip);
     const int64_t starts = (grid.n_rows - residue + stride - 1) / stride;
     const int64_t first_row = grid.first_row + residue + map.steps_per_chip;
@@ -292,11 +292,11 @@ ORVEL_MULTIVERSION void score_columns(const ov_specmap& map, const ov_grid& grid
 
 void score_pairs(const ov_specmap& map, const ov_grid& grid, std::span<float> scores) {
     const int64_t residues = std::min(2 * static_cast<int64_t>(map.steps_per_chip), grid.n_rows);
-    std::vector<ColumnSums> ends;
+    std::vector<ColumnSums> ends(static_cast<std::size_t>(map.pairs));
     for (std::size_t column = 0; column < grid.n_columns; column += SUM_COLUMNS) {
         const std::size_t width = std::min(SUM_COLUMNS, grid.n_columns - column);
         for (int64_t residue = 0; residue < residues; residue++) {
-            score_columns(map, grid, residue, column, width, ends, scores.data());
+            score_columns(map, grid, residue, column, width, ends.data(), scores.data());
         }
     }
 }

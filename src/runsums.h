@@ -5,32 +5,29 @@
 // run's length, and each run is the end of one block, summed from behind, and the beginning of the next.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
-#include <vector>
 
 // For every run of `run` terms (at least 1) out of n, in order:
 //
 //   add(sum, i)    adds term i to a sum, which begins as Sum{}
 //   use(i, sum)    takes the sum of the run that begins with term i
 //   join(a, b)     the sum of two sums
-//   ends           working memory
-// Inlined always, so that it is made for the machine that its caller is made for.
+//   ends           working memory of `run` sums
+// Asks for no memory itself. Inlined always, so that it is made for the machine that its caller is made for.
 template <class Sum, class Add, class Use, class Join>
-[[gnu::always_inline]] inline void sum_runs(int64_t n, int64_t run, std::vector<Sum>& ends, const Add& add,
-                                            const Use& use, const Join& join) {
-    ends.resize(static_cast<std::size_t>(run));
+[[gnu::always_inline]] inline void sum_runs(int64_t n, int64_t run, Sum* ends, const Add& add, const Use& use,
+                                            const Join& join) {
     for (int64_t block = 0; block + run <= n; block += run) {
         Sum sum{};
         for (int64_t i = run; i-- > 0;) {
             add(sum, block + i);
-            ends[static_cast<std::size_t>(i)] = sum;
+            ends[i] = sum;
         }
         use(block, sum);
         sum = Sum{};
         for (int64_t i = 1; i < run && block + i + run <= n; i++) {
             add(sum, block + run + i - 1);
-            use(block + i, join(ends[static_cast<std::size_t>(i)], sum));
+            use(block + i, join(ends[i], sum));
         }
     }
 }

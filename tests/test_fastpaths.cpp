@@ -113,12 +113,12 @@ TEST(VectorMaths, WhatIsNoNumberStaysNone) {
 // ---- Runs -----------------------------------------------------------------------------------------------------------
 
 TEST(RunSums, EveryRunIsSummedOnceAndInOrder) {
-    std::vector<int64_t> ends;
+    std::vector<int64_t> ends(11);
     for (int64_t n = 0; n < 40; n++) {
         for (int64_t run = 1; run < 12; run++) {
             std::vector<int64_t> sums;
             sum_runs(
-                n, run, ends, [](int64_t& sum, int64_t i) { sum += int64_t{1} << i; },
+                n, run, ends.data(), [](int64_t& sum, int64_t i) { sum += int64_t{1} << i; },
                 [&](int64_t i, int64_t sum) {
                     ASSERT_EQ(i, static_cast<int64_t>(sums.size()));
                     sums.push_back(sum);
@@ -135,9 +135,9 @@ TEST(RunSums, EveryRunIsSummedOnceAndInOrder) {
 TEST(RunSums, AHugeTermLeavesNothingBehind) {
     std::vector<double> terms(1000, 0.1);
     terms[300] = 1e30;
-    std::vector<double> ends;
+    std::vector<double> ends(119);
     sum_runs(
-        1000, 119, ends, [&](double& sum, int64_t i) { sum += terms[static_cast<std::size_t>(i)]; },
+        1000, 119, ends.data(), [&](double& sum, int64_t i) { sum += terms[static_cast<std::size_t>(i)]; },
         [&](int64_t i, double sum) {
             const bool without = i > 300 || i + 119 <= 300;
             ASSERT_NEAR(sum, without ? 11.9 : 1e30, without ? 1e-12 : 1e15) << i;
