@@ -628,32 +628,28 @@ void print_map(const Search& search) {
     }
 }
 
-// Where two protocols decoded something at the same place, the one with less contrast was a phantom of the other.
+// Where two protocols decoded something at the same place, the one with less contrast was a phantom of the other. It is
+// marked by a protocol that does not exist: memory for marks might be short, and the phantom would stay.
 void remove_overlaps(const Search& search, SpotList& spots) {
+    constexpr int32_t DROPPED = 0;
     const std::span<ov_spot> found = spots.found();
-    std::vector<bool> dropped;
-    try {
-        dropped.resize(found.size());
-    } catch (const std::bad_alloc&) {
-        return;
-    }
     for (std::size_t i = 0; i < found.size(); i++) {
         for (std::size_t j = i + 1; j < found.size(); j++) {
             const ov_spot& a = found[i];
             const ov_spot& b = found[j];
-            if (dropped[i] || dropped[j] || a.protocol == b.protocol) continue;
+            if (a.protocol == DROPPED || b.protocol == DROPPED || a.protocol == b.protocol) continue;
             if (!(std::fabs(a.freq - b.freq) < search.same_place_hz())) continue;
             const double length_a = frame_seconds(search.params, a.protocol);
             const double length_b = frame_seconds(search.params, b.protocol);
             if (!(time_overlap(a.t, length_a, b.t, length_b) > OVERLAP_FRAMES * std::fmin(length_a, length_b))) {
                 continue;
             }
-            dropped[a.contrast < b.contrast ? i : j] = true;
+            found[a.contrast < b.contrast ? i : j].protocol = DROPPED;
         }
     }
     std::size_t kept = 0;
     for (std::size_t i = 0; i < found.size(); i++) {
-        if (!dropped[i]) found[kept++] = found[i];
+        if (found[i].protocol != DROPPED) found[kept++] = found[i];
     }
     spots.shrink(kept);
 }
