@@ -21,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "failing_memory.h"
 #include "liborvel.h"
 #include "siggen.h"
 
@@ -1111,6 +1112,31 @@ TEST_F(CaptureStream, NeedsMemory) {
         EXPECT_TRUE(sound->streams.empty());
         EXPECT_FALSE(audio->taps || audio->delay || audio->ring);
     }
+}
+
+TEST_F(CaptureStream, WithoutMemoryOpensNothingAndWorksAfterwards) {
+    sound->open_error = paDeviceUnavailable;  // asks for no memory
+    EXPECT_EQ(refuse_each_request([&](FailingMemory& memory) {
+                  const int32_t result =
+                      memory.watch([&] { return ovl_audio_start_input(audio.get(), HEADSET, 48000, 1); });
+                  EXPECT_EQ(result, -1);
+                  EXPECT_STREQ(ovl_audio_last_error(audio.get()),
+                               memory.has_refused() ? "out of memory"
+                                                    : "cannot open the input device: The device is out for lunch");
+                  EXPECT_TRUE(sound->streams.empty());
+              }),
+              4);
+    sound->open_error = paNoError;
+    EXPECT_EQ(ovl_audio_start_input(audio.get(), HEADSET, 48000, 1), 0);
+    EXPECT_EQ(ova_input_rate(audio.get()), 12000);
+}
+
+TEST_F(CaptureStream, AsksForNoMemoryToLookAtDevices) {
+    FailingMemory memory(1, Refuses::ALL_FURTHER);
+    ovl_audio_device info;
+    EXPECT_GT(memory.watch([] { return ovl_audio_device_count(); }), 0);
+    EXPECT_EQ(memory.watch([&] { return ovl_audio_device_info(HEADSET, &info); }), 0);
+    EXPECT_EQ(memory.requests(), 0);
 }
 
 TEST_F(CaptureStream, ThatCannotBeOpenedSaysWhy) {
