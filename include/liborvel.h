@@ -347,7 +347,8 @@ typedef struct ovl_result {
  *
  * Returns the number of records written, or -1 with no record written. Errors: "invalid argument", "no protocol
  * selected", "out of memory", "known_only needs a list of known callsigns (ovl_set_known)", "block too short or
- * invalid for decoding".
+ * invalid for decoding". When memory runs short only after the block has been taken in, the last of these is the error,
+ * or the frames that could not be examined are missing.
  */
 OVL_API int32_t ovl_decode(ovl_decoder *decoder, const float *samples, int32_t n, int32_t rate,
                            const ovl_settings *settings, ovl_result *results, int32_t max_results);
