@@ -1,7 +1,8 @@
 // ORVEL_MULTIVERSION before a function makes it several times over, for plain x86-64, AVX2 and AVX-512; the loader
 // takes the one that the machine can run. All of them give the same results: none may fuse a multiplication with an
 // addition. It must not throw, whatever it is declared: calls of it count as calls that do not, so that an exception
-// would end the process. Elsewhere, and under sanitizers, which are not yet set up when the loader chooses, there is one function.
+// would end the process. Elsewhere, and under sanitizers, which are not yet set up when the loader chooses, there is
+// one function.
 #pragma once
 
 #include <cstddef>
