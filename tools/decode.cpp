@@ -1,82 +1,29 @@
 #include "decode.h"
 
-#include <unistd.h>
-
-#include <algorithm>
-#include <atomic>
-#include <cmath>
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <new>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
-#include "blocks.h"
 #include "console.h"
+#include "decoding.h"
 #include "json.h"
-#include "liborvel.h"
 #include "ovcenc.h"
 #include "ovpipe.h"
 #include "progress.h"
 #include "recording.h"
 #include "search.h"
-#include "spotlog.h"
 #include "spots.h"
 
 namespace {
 
-constexpr double EDGE_S = 10;                 // a frame may begin so long before its block, and a little more
-constexpr double CANDIDATES_PER_MINUTE = 30;  // the library's default suits a block of a minute
-constexpr double SPOTS_PER_MINUTE = 64;       // as the library reports from a block
-constexpr double SCAN_Z = 6;                  // noise alone seldom reaches it
-constexpr int32_t MAX_TILES = 1000;           // in a block
-constexpr double OVERLAP_S = 50;              // of blocks: the longest frame and a little more
-constexpr double LEAST_BLOCK_S = 90;
-constexpr double MOST_BLOCK_S = 300;
-constexpr double BLOCK_SAMPLES = 1.8e7;
-constexpr double MOST_SAMPLES = 1.5e9;  // a block may be a quarter longer, and its samples count in 32 bits
-constexpr double BYTES_A_SAMPLE = 60;   // that a wide decode of I/Q takes
-
 // The command line, as typed.
-struct Options {
+struct Options : DecodingOptions {
     std::vector<std::string> files;
-    RecordingOptions recording;
-    SearchOptions search;
-    bool wide = false;
-    std::optional<std::string> band;
-    double scan_z = SCAN_Z;
-    std::optional<double> block_s;
-    unsigned jobs = 0;
     bool json = false;
-    bool verbose = false;
 };
-
-ov_params decode_params(const Options& options, const std::vector<ovc_known>& known) {
-    ov_params params;
-    ov_params_default(params);
-    params.center_hz = options.search.center_hz.value_or(options.recording.iq ? 0.0 : params.center_hz);
-    params.search_hz = options.search.search_hz;
-    params.spread_hz = options.search.spread_hz;
-    params.protocols = protocol_mask(options.search);
-    params.known = known.empty() ? nullptr : known.data();
-    params.n_known = static_cast<int32_t>(known.size());
-    params.known_only = options.search.known_only ? 1 : 0;
-    params.verbose = options.verbose ? 1 : 0;
-    return params;
-}
-
-// The whole of a wide decode's band as centre and half-width: what --band says, or all that the sample rate holds.
-void set_band(const Options& options, const Recording& recording, ov_params& params) {
-    const Band whole = {options.recording.iq ? -0.5 * recording.rate() : 0.0, 0.5 * recording.rate()};
-    const Band band = options.band ? parse_band(*options.band) : whole;
-    params.center_hz = 0.5 * (band.low_hz + band.high_hz);
-    params.search_hz = 0.5 * (band.high_hz - band.low_hz);
-}
 
 // ---- Output --------------------------------------------------------------------------------------------------------
 
@@ -95,113 +42,23 @@ void print_spot(const Options& options, const std::string& file, const ov_spot& 
 
 // ---- Decoding ------------------------------------------------------------------------------------------------------
 
-// Why the pipeline refused a block.
-std::string refusal(const Stretch& block, int32_t rate) {
-    const double seconds = static_cast<double>(block.x.size()) / rate;
-    if (seconds < ovl_chip_seconds()) return format("it is too short (%.3f s, a chip is 0.128 s)", seconds);
-    return "the search band does not fit the recording, or memory is short";
-}
-
-// Decodes a block; nothing when the pipeline refuses it. A long block gets as many candidates a minute as a short one.
-std::optional<std::vector<ov_spot>> decode_block(const Stretch& block, int32_t rate, const Options& options,
-                                                 ov_params params) {
-    const double minutes = std::max(1.0, std::ceil(static_cast<double>(block.x.size()) / rate / 60));
-    params.max_cands = static_cast<int32_t>(std::min(CANDIDATES_PER_MINUTE * minutes, 1e6));
-    std::vector<ov_spot> spots(
-        static_cast<std::size_t>(std::min(SPOTS_PER_MINUTE * minutes + (options.wide ? MAX_TILES : 0), 1e6)));
-    const auto room = static_cast<int32_t>(spots.size());
-    const auto n = static_cast<int32_t>(block.x.size());
-    const double* const x = block.x.data();
-    const double* const q = block.q.empty() ? nullptr : block.q.data();
-    int32_t count = 0;
-    if (options.wide) {
-        count = ov_decode_wide(x, q, n, rate, params, options.scan_z, MAX_TILES, spots.data(), room);
-    } else if (q != nullptr) {
-        count = ov_decode_iq(x, q, n, rate, params, spots.data(), room);
-    } else {
-        count = ov_decode_real(x, n, rate, params, spots.data(), room);
-    }
-    if (count < 0) return std::nullopt;
-    spots.resize(static_cast<std::size_t>(count));
-    for (ov_spot& spot : spots) spot.t += block.begin_s;
-    return spots;
-}
-
-double block_seconds(const Options& options, int32_t rate) {
-    const double wanted = options.block_s.value_or(std::clamp(BLOCK_SAMPLES / rate, LEAST_BLOCK_S, MOST_BLOCK_S));
-    return std::min(wanted, MOST_SAMPLES / rate);
-}
-
-// Blocks to work on at once: as many as asked for, or one for each core as long as half of the memory holds them.
-unsigned jobs_for(const Options& options, double block_samples) {
-    if (options.verbose) return 1;  // what each block says stays together
-    if (options.jobs > 0) return options.jobs;
-    const double memory =
-        0.5 * static_cast<double>(sysconf(_SC_PHYS_PAGES)) * static_cast<double>(sysconf(_SC_PAGESIZE));
-    const double fit = std::clamp(memory / (BYTES_A_SAMPLE * std::max(block_samples, 1.0)), 1.0, 256.0);
-    return std::min(std::max(1u, std::thread::hardware_concurrency()), static_cast<unsigned>(fit));
-}
-
 // Decodes one file and prints its spots in order of time, behind a heading as soon as something could be decoded.
 // False, with a line on standard error, when some of it could not be, or the output not be written.
-bool decode_recording(Recording& recording, const std::string& path, const Options& options, ov_params params,
-                      const std::function<void()>& heading) {
-    if (options.wide) set_band(options, recording, params);
-    const auto blocks = cut_blocks(recording.seconds(), block_seconds(options, recording.rate()), OVERLAP_S);
-    std::vector<std::vector<ov_spot>> found(blocks.size());
-    std::vector<std::string> problems(blocks.size());
-    std::vector<char> decoded(blocks.size(), 0);
-    std::atomic<bool> ended = false;  // the file does before its header says
-    const auto work = [&](std::size_t k) {
-        if (ended) return;
-        const auto block = recording.read(blocks[k].begin_s, blocks[k].length_s);
-        if (!block) {
-            problems[k] = "it cannot be read";
-            return;
-        }
-        if (k > 0 && block->x.empty()) {
-            ended = true;
-            return;
-        }
-        auto spots = decode_block(*block, recording.rate(), options, params);
-        decoded[k] = spots ? 1 : 0;
-        if (spots) {
-            found[k] = std::move(*spots);
-        } else {
-            problems[k] = refusal(*block, recording.rate());
-        }
-    };
-
+bool decode_file(Recording& recording, const std::string& path, const Options& options, const ov_params& params,
+                 const std::function<void()>& heading) {
     Progress progress("'" + path + "'", recording.seconds());
-    SpotLog log(SpotLog::Order::START);
-    std::size_t printed = 0;
-    std::string problem;
-    bool headed = false;
-    const auto print_until = [&](double time_s) {
-        log.release(time_s, [&](const ov_spot& spot) {
-            progress.clear();
-            print_spot(options, path, spot);
-            printed++;
-        });
-        return flush_output();
+    SpotTaker taker;
+    taker.begin = [&] {
+        progress.clear();
+        heading();
     };
-    const auto use = [&](std::size_t k) {
-        if (problem.empty()) problem = problems[k];
-        if (decoded[k] != 0 && !std::exchange(headed, true)) {
-            progress.clear();
-            heading();
-        }
-        log.add(found[k]);
-        found[k] = {};
-        // What starts later may come again, and better, from the next block.
-        const bool last = k + 1 == blocks.size();
-        if (!print_until(last ? HUGE_VAL : blocks[k + 1].begin_s - EDGE_S)) return false;
-        progress.show(blocks[k].begin_s + blocks[k].length_s, printed);
-        return true;
+    taker.take = [&](const ov_spot& spot) {
+        progress.clear();
+        print_spot(options, path, spot);
     };
-    in_order(blocks.size(), jobs_for(options, blocks.front().length_s * recording.rate()), work, use);
-    if (!problem.empty()) print_error("cannot decode '" + path + "': " + problem);
-    return problem.empty();
+    taker.progress = [&](double done_s, std::size_t spots) { progress.show(done_s, spots); };
+    taker.go_on = flush_output;
+    return decode_recording(recording, path, options, params, 0, recording.seconds(), taker);
 }
 
 int decode(const Options& options) {
@@ -226,7 +83,7 @@ int decode(const Options& options) {
             first = false;
         };
         try {
-            if (!decode_recording(*recording, path, options, params, heading)) status = EXIT_FAILED;
+            if (!decode_file(*recording, path, options, params, heading)) status = EXIT_FAILED;
         } catch (const std::bad_alloc&) {
             print_error("cannot decode '" + path + "': memory is short");
             status = EXIT_FAILED;

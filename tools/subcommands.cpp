@@ -7,11 +7,13 @@
 #include "render.h"
 #include "scan.h"
 #include "send.h"
+#include "simulate.h"
 
 void add_subcommands(CLI::App& app, int& status) {
     add_decode(app, status);
     add_encode(app, status);
     add_render(app, status);
+    add_simulate(app, status);
     add_scan(app, status);
     add_devices(app, status);
     add_send(app, status);

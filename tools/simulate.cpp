@@ -1,0 +1,194 @@
+#include "simulate.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "console.h"
+#include "simscene.h"
+#include "simstations.h"
+#include "soundwriter.h"
+
+namespace {
+
+constexpr double TAIL_S = 2;  // behind the last frame
+constexpr double MOST_SECONDS = 7 * 86400;
+constexpr std::size_t MOST_STATIONS = 1000;
+
+// The command line, as typed.
+struct Options {
+    std::vector<std::string> stations;
+    std::string stations_file;
+    std::string output;
+    std::string truth;
+    std::optional<double> seconds;
+    int32_t rate = 12000;
+    bool iq = false;
+    uint64_t seed = 1;
+    double noise_db = -26;
+    bool no_noise = false;
+    std::vector<std::string> carriers;
+    std::string impulses;
+    std::string sample_format = "s16";
+};
+
+SoundWriter::Container container_of(const Options& options) {
+    std::string extension = std::filesystem::path(options.output).extension().string();
+    std::transform(extension.begin(), extension.end(), extension.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    if (extension == ".wav") return SoundWriter::Container::WAV;
+    if (extension != ".flac") {
+        throw CLI::ValidationError("--output: '" + options.output + "' does not end in .wav or .flac");
+    }
+    if (options.sample_format == "float") throw CLI::ValidationError("--format: FLAC has no floating-point samples");
+    return SoundWriter::Container::FLAC;
+}
+
+// The two numbers of "A,B".
+std::pair<double, double> parse_pair(const std::string& option, const std::string& text, const char* names) {
+    const std::size_t comma = text.find(',');
+    const auto first = parse_finite(text.substr(0, comma));
+    const auto second = comma == std::string::npos ? std::nullopt : parse_finite(text.substr(comma + 1));
+    if (!first || !second) throw CLI::ValidationError(option + ": '" + text + "' is not " + names);
+    return {*first, *second};
+}
+
+void check_level(const std::string& option, double level_db) {
+    if (std::abs(level_db) > 100) throw CLI::ValidationError(option + ": DB is out of range (-100 to 100)");
+}
+
+// Whether all frequencies from low to high fit the band that the sample rate holds.
+bool in_band(const Options& options, double low_hz, double high_hz) {
+    return low_hz > (options.iq ? -0.5 * options.rate : 0.0) && high_hz < 0.5 * options.rate;
+}
+
+std::vector<SimStation> all_stations(const Options& options) {
+    const double default_freq_hz = options.iq ? 0 : 1500;
+    std::vector<SimStation> stations;
+    if (!options.stations_file.empty()) stations = read_stations(options.stations_file, default_freq_hz);
+    for (const std::string& text : options.stations) stations.push_back(parse_station(text, default_freq_hz));
+    if (stations.size() > MOST_STATIONS) throw CLI::ValidationError("too many stations (max 1000)");
+    for (const SimStation& station : stations) {
+        const double swing = std::abs(station.drift_hz_s) * station.length_s() / 2;
+        if (!in_band(options, station.freq_hz - swing, station.freq_hz + swing)) {
+            throw CLI::ValidationError(format("%s at %g Hz does not fit the sample rate of %d Hz", station.call.c_str(),
+                                              station.freq_hz, options.rate));
+        }
+    }
+    return stations;
+}
+
+SimScene scene_of(const Options& options) {
+    SimScene scene;
+    scene.rate = options.rate;
+    scene.iq = options.iq;
+    scene.seed = options.seed;
+    scene.noise = !options.no_noise;
+    scene.noise_rms = std::pow(10, options.noise_db / 20);
+    scene.stations = all_stations(options);
+    for (const std::string& text : options.carriers) {
+        const auto [freq_hz, snr_db] = parse_pair("--carrier", text, "HZ,DB");
+        check_level("--carrier", snr_db);
+        if (!in_band(options, freq_hz, freq_hz)) {
+            throw CLI::ValidationError(
+                format("--carrier: %g Hz does not fit the sample rate of %d Hz", freq_hz, options.rate));
+        }
+        scene.carriers.push_back({freq_hz, snr_db});
+    }
+    if (!options.impulses.empty()) {
+        const auto [per_second, level_db] = parse_pair("--impulses", options.impulses, "RATE,DB");
+        check_level("--impulses", level_db);
+        if (!(per_second > 0 && per_second <= 10000)) {
+            throw CLI::ValidationError("--impulses: RATE is out of range (above 0, at most 10000)");
+        }
+        scene.impulses = SimImpulses{per_second, level_db};
+    }
+
+    double end_s = 0;
+    for (const SimStation& station : scene.stations) end_s = std::max(end_s, station.t_start + station.length_s());
+    if (!options.seconds && end_s <= 0) throw CLI::ValidationError("no station to end with: --seconds is needed");
+    scene.seconds = options.seconds.value_or(end_s + TAIL_S);
+    if (scene.seconds > MOST_SECONDS || scene.frames() < 1) {
+        throw CLI::ValidationError("--seconds: the recording is empty or longer than a week");
+    }
+    return scene;
+}
+
+bool write_truth(const std::string& path, const SimScene& scene) {
+    errno = 0;
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    for (const SimStation& station : scene.stations) file << truth_line(station);
+    if (file.flush()) return true;
+    print_error("cannot write '" + path + "': " + (errno != 0 ? std::strerror(errno) : "it takes no more"));
+    return false;
+}
+
+int simulate(const Options& options) {
+    const bool s16 = parse_sample_format(options.sample_format);
+    const SoundWriter::Container container = container_of(options);
+    const SimScene scene = scene_of(options);
+    const std::string truth = options.truth.empty()
+                                  ? std::filesystem::path(options.output).replace_extension(".jsonl").string()
+                                  : options.truth;
+
+    SoundWriter file(options.output, container, scene.rate, scene.iq ? 2 : 1, s16);
+    SceneSource source(scene);
+    while (true) {
+        const auto samples = source.next();
+        if (samples.empty() || !file.write(samples)) break;
+    }
+    if (!file.close()) return EXIT_FAILED;
+    if (file.clipped() > 0) {
+        print_error(format("'%s': %lld samples beyond full scale were clipped; a lower --noise leaves room",
+                           options.output.c_str(), static_cast<long long>(file.clipped())));
+    }
+    return write_truth(truth, scene) ? EXIT_DONE : EXIT_FAILED;
+}
+
+}  // namespace
+
+void add_simulate(CLI::App& app, int& status) {
+    CLI::App* sub = app.add_subcommand("simulate", "Write a recording of simulated stations, and the truth about it");
+    const auto options = std::make_shared<Options>();
+    sub->add_option("STATION", options->stations, "Stations, as opera=K2QRX,freq=1450,snr=-18,start=3.5");
+    sub->add_option("--stations", options->stations_file,
+                    "File of stations: one JSON object a line, or an array, with the fields of a truth file")
+        ->type_name("FILE");
+    sub->add_option("-o,--output", options->output, "Recording to write: .wav or .flac")->required()->type_name("FILE");
+    sub->add_option("--truth", options->truth, "Truth to write: one JSON object a station [FILE with .jsonl]")
+        ->type_name("FILE");
+    sub->add_option("--seconds", options->seconds, "Length of the recording [2 s more than the last frame]")
+        ->type_name("SECONDS")
+        ->check(finite_number());
+    sub->add_option("--rate", options->rate, "Sample rate, 1000 to 384000 [12000]")
+        ->type_name("HZ")
+        ->check(CLI::Range(1000, 384000));
+    sub->add_flag("--iq", options->iq, "Write I/Q: two channels; frequencies count from the centre of the band");
+    sub->add_option("--format", options->sample_format, "Samples of the file: s16 (16-bit) or float [s16]")
+        ->type_name("FORMAT");
+    sub->add_option("--seed", options->seed, "Of the random numbers: equal seeds give equal files [1]")->type_name("N");
+    sub->add_option("--noise", options->noise_db, "Rms of the noise in dB of full scale, -120 to 0 [-26]")
+        ->type_name("DB")
+        ->check(finite_number())
+        ->check(CLI::Range(-120.0, 0.0));
+    sub->add_flag("--no-noise", options->no_noise, "Leave the noise out; all the rest stays as strong as it is");
+    sub->add_option("--carrier", options->carriers,
+                    "Steady carrier at HZ, DB over the noise in 2500 Hz; may be given again")
+        ->type_name("HZ,DB")
+        ->expected(1)
+        ->take_all();
+    sub->add_option("--impulses", options->impulses,
+                    "So many clicks a second in the mean, which begin DB over the rms of the noise")
+        ->type_name("RATE,DB");
+    sub->footer(station_help());
+    sub->callback([options, &status] { status = simulate(*options); });
+}

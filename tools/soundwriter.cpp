@@ -1,0 +1,74 @@
+#include "soundwriter.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cmath>
+#include <string_view>
+
+#include "console.h"
+
+namespace {
+
+// libsndfile says "System error : No space left on device." where a reason is enough.
+std::string plain_reason(std::string reason) {
+    constexpr std::string_view PREFIX = "System error : ";
+    if (reason.starts_with(PREFIX)) reason.erase(0, PREFIX.size());
+    if (reason.ends_with('.')) reason.pop_back();
+    return reason;
+}
+
+}  // namespace
+
+bool parse_sample_format(const std::string& text) {
+    if (text != "s16" && text != "float") {
+        throw CLI::ValidationError("--format: '" + text + "' is not one of s16, float");
+    }
+    return text == "s16";
+}
+
+SoundWriter::SoundWriter(const std::string& path, Container container, int32_t rate, int32_t channels, bool s16)
+    : path_(path), s16_(s16) {
+    SF_INFO info{};
+    info.samplerate = rate;
+    info.channels = channels;
+    info.format =
+        (container == Container::FLAC ? SF_FORMAT_FLAC : SF_FORMAT_RF64) | (s16 ? SF_FORMAT_PCM_16 : SF_FORMAT_FLOAT);
+    file_.reset(sf_open(path.c_str(), SFM_WRITE, &info));
+    if (!file_) {
+        problem_ = plain_reason(sf_strerror(nullptr));
+        return;
+    }
+    sf_command(file_.get(), SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
+    // It would hold the time of writing.
+    sf_command(file_.get(), SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
+}
+
+// 16-bit samples are rounded to the nearest: libsndfile's own conversion cuts them off.
+bool SoundWriter::write(std::span<const float> samples) {
+    if (!problem_.empty()) return false;
+    const auto count = static_cast<sf_count_t>(samples.size());
+    sf_count_t written = 0;
+    if (s16_) {
+        rounded_.clear();
+        for (const float sample : samples) {
+            const double value = std::round(static_cast<double>(sample) * 32768.0);
+            if (value < -32768 || value > 32768) clipped_++;
+            rounded_.push_back(static_cast<int16_t>(std::clamp(value, -32768.0, 32767.0)));
+        }
+        written = sf_write_short(file_.get(), rounded_.data(), count);
+    } else {
+        written = sf_write_float(file_.get(), samples.data(), count);
+    }
+    if (written != count) problem_ = plain_reason(sf_strerror(file_.get()));
+    return written == count;
+}
+
+bool SoundWriter::close() {
+    if (file_) {
+        const int error = sf_close(file_.release());
+        if (error != 0 && problem_.empty()) problem_ = plain_reason(sf_error_number(error));
+    }
+    if (problem_.empty()) return true;
+    print_error("cannot write '" + path_ + "': " + problem_);
+    return false;
+}

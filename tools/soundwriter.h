@@ -1,0 +1,42 @@
+// Sound files as the command writes them: the same samples always make the same file, and errors come as one line.
+#pragma once
+
+#include <sndfile.h>
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+// "s16" or "float"; throws CLI::ValidationError for anything else. True for s16.
+bool parse_sample_format(const std::string& text);
+
+class SoundWriter {
+  public:
+    enum class Container { WAV, FLAC };  // a WAV file of more than 4 GB becomes RF64
+
+    // Opens a file for samples of full scale 1. Only WAV files hold floating-point samples. Whether that worked, and
+    // what follows, is asked once: by close.
+    SoundWriter(const std::string& path, Container container, int32_t rate, int32_t channels, bool s16);
+
+    // Interleaved samples, whole frames of them. False when the file takes no more.
+    bool write(std::span<const float> samples);
+
+    // Finishes the file. False, with a line on standard error, when it could not be opened or written.
+    bool close();
+
+    int64_t clipped() const { return clipped_; }  // 16-bit samples beyond full scale so far
+
+  private:
+    struct CloseSound {
+        void operator()(SNDFILE* file) const noexcept { sf_close(file); }
+    };
+
+    std::string path_;
+    std::unique_ptr<SNDFILE, CloseSound> file_;
+    bool s16_;
+    std::string problem_;
+    int64_t clipped_ = 0;
+    std::vector<int16_t> rounded_;
+};
