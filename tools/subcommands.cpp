@@ -4,6 +4,7 @@
 #include "devices.h"
 #include "encode.h"
 #include "listen.h"
+#include "plot.h"
 #include "render.h"
 #include "scan.h"
 #include "send.h"
@@ -14,6 +15,7 @@ void add_subcommands(CLI::App& app, int& status) {
     add_encode(app, status);
     add_render(app, status);
     add_simulate(app, status);
+    add_plot(app, status);
     add_scan(app, status);
     add_devices(app, status);
     add_send(app, status);
