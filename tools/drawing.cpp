@@ -32,8 +32,13 @@ using Align = TextStyle::Align;
 
 // Cuts a text that is too wide, at a whole character, and says so by an ellipsis.
 std::string shortened(Canvas& canvas, std::string text, double size, bool bold, double room) {
-    if (canvas.text_width(text, size, bold) <= room) return text;
+    constexpr std::size_t MOST_BYTES = 500;  // far more than fits any picture
     const auto continues = [](char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; };
+    if (text.size() > MOST_BYTES) {
+        text.resize(MOST_BYTES);
+    } else if (canvas.text_width(text, size, bold) <= room) {
+        return text;
+    }
     while (!text.empty() && canvas.text_width(text + "…", size, bold) > room) {
         while (text.size() > 1 && continues(text.back())) text.pop_back();
         text.pop_back();
@@ -159,7 +164,8 @@ int32_t draw_frames(Canvas& canvas, const PictureLayout& layout, const Scale& sc
         const std::vector<Point> corners = frame_outline(spot, scale.view, scale.area);
         canvas.polygon(corners, SHADOW, 3.5);
         canvas.polygon(corners, WHITE, 1.5);
-        wishes.push_back({bounds(corners), canvas.text_width(label_text(spot), size) + 0.8 * size, 1.45 * size});
+        wishes.push_back({bounds(corners), canvas.text_width(label_text(spot), size) + 0.8 * size, 1.45 * size,
+                          canvas.text_width(spot.call, size) + 0.8 * size});
     }
     canvas.unclip();
 
@@ -179,7 +185,8 @@ int32_t draw_frames(Canvas& canvas, const PictureLayout& layout, const Scale& sc
                         {x, above ? wishes[k].frame.top : wishes[k].frame.bottom()}, WHITE, 1);
         }
         canvas.fill(box, LABEL_GROUND);
-        canvas.text({box.left + 0.4 * size, box.top + 1.08 * size}, label_text(spots[k]), {size, WHITE});
+        canvas.text({box.left + 0.4 * size, box.top + 1.08 * size},
+                    places[k].shortened ? spots[k].call : label_text(spots[k]), {size, WHITE});
     }
     return left_out;
 }

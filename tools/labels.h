@@ -8,14 +8,16 @@
 struct LabelWish {
     Box frame;             // what is to be labelled
     double width, height;  // of the label
+    double short_width;    // of a shorter one, for want of room
 };
 
 struct LabelPlace {
     bool placed = false;
+    bool shortened = false;
     bool away = false;  // not beside its frame: a line should lead there
     Box box;
 };
 
-// Places each label near its frame, within the area and on no other label; on no frame either as long as there is room.
-// Wishes come in order of importance: the last ones are left out where nothing is free.
+// Places each label near its frame, within the area, on no other label and on no frame. Wishes come in order of
+// importance: the last ones are shortened or left out where nothing is free.
 std::vector<LabelPlace> place_labels(const Box& area, const std::vector<LabelWish>& wishes);

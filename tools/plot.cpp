@@ -31,6 +31,7 @@ namespace {
 constexpr double LONGEST_FRAME_S = 42;  // and a little more
 constexpr double AROUND = 1.1;          // the search is shown with a little around it
 constexpr double DAY_S = 86400;
+constexpr double MOST_DB = 300;  // that levels can be apart
 
 // The command line, as typed.
 struct Options : DecodingOptions {
@@ -76,6 +77,9 @@ Plan make_plan(const Options& options) {
             plan.range_db = parse_band(options.range);
         } catch (const CLI::ValidationError&) {
             throw CLI::ValidationError("--range: '" + options.range + "' is not LO:HI with LO below HI");
+        }
+        if (std::max(std::abs(plan.range_db->low_hz), std::abs(plan.range_db->high_hz)) > MOST_DB) {
+            throw CLI::ValidationError("--range: LO and HI lie between -300 and 300");
         }
     }
     if (options.from_s && options.to_s && !(*options.from_s < *options.to_s)) {

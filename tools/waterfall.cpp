@@ -4,6 +4,7 @@
 #include <cmath>
 #include <complex>
 #include <cstddef>
+#include <iterator>
 #include <limits>
 #include <new>
 #include <numbers>
@@ -54,10 +55,11 @@ class Spectra {
 
     // Adds the spectrum of the window that begins with sample `first` of a stretch; it may reach out of it.
     void add(const Stretch& stretch, int64_t first) {
+        const auto size = static_cast<int64_t>(stretch.x.size());
+        if (first >= size || first + static_cast<int64_t>(window_.size()) <= 0) return;
         std::fill_n(bins_.get(), length_, 0.0);
         if (real_) std::fill_n(real_.get(), length_, 0.0);
         double weight = 0;
-        const auto size = static_cast<int64_t>(stretch.x.size());
         for (std::size_t k = 0; k < window_.size(); k++) {
             const int64_t sample = first + static_cast<int64_t>(k);
             if (sample < 0 || sample >= size) continue;
@@ -164,13 +166,13 @@ LevelRange robust_range(const PowerGrid& grid) {
     constexpr double MOST_DB = 30;
     std::vector<float> levels;
     std::copy_if(grid.db.begin(), grid.db.end(), std::back_inserter(levels), [](float x) { return std::isfinite(x); });
-    if (levels.empty()) return {0, -5, LEAST_DB};
+    if (levels.empty()) return {0, -3, LEAST_DB};
     const auto quantile = [&](double share) {
         const auto place = levels.begin() + static_cast<std::ptrdiff_t>(share * static_cast<double>(levels.size() - 1));
         std::nth_element(levels.begin(), place, levels.end());
         return static_cast<double>(*place);
     };
     const double median = quantile(0.5);
-    const double low = std::clamp(quantile(0.1), median - 8, median - 2);
+    const double low = std::clamp(quantile(0.1), median - 3, median - 1);
     return {median, low, std::clamp(quantile(0.998), median + LEAST_DB, median + MOST_DB)};
 }
