@@ -97,7 +97,8 @@ TEST(FrameLabels, CoverNeitherEachOtherNorFrames) {
             EXPECT_EQ(places[k].box.width, places[k].shortened ? 55 : 110);
             for (std::size_t other = 0; other < places.size(); other++) {
                 EXPECT_FALSE(places[k].box.overlaps(wishes[other].frame));
-                if (other != k && places[other].placed) EXPECT_FALSE(places[k].box.overlaps(places[other].box));
+                if (other == k || !places[other].placed) continue;
+                EXPECT_FALSE(places[k].box.overlaps(places[other].box));
             }
         }
     }
@@ -141,7 +142,8 @@ TEST_F(Pictures, PowerLiesWhereTheSignalIs) {
         ASSERT_TRUE(grid);
         for (int32_t column = 0; column < 60; column++) {
             for (int32_t row = 0; row < 101; row++) {
-                if (std::abs(row - 50) > 6) EXPECT_LT(grid->at(column, row), grid->at(column, 50) - 15);
+                if (std::abs(row - 50) <= 6) continue;
+                EXPECT_LT(grid->at(column, row), grid->at(column, 50) - 15);
             }
             EXPECT_GT(grid->at(column, 50), grid->at(column, 49) - 0.5);
         }
@@ -293,7 +295,7 @@ TEST_F(Pictures, WithoutDecodingNothingIsOutlined) {
 
 TEST_F(Pictures, EveryFormatIsWhatItsNameSays) {
     const std::string file = recording();
-    for (const std::string& name : {"x.PDF", "x.png", "x.svg", "chips.pdf", "chips.png", "chips.svg"}) {
+    for (const std::string name : {"x.PDF", "x.png", "x.svg", "chips.pdf", "chips.png", "chips.svg"}) {
         Arguments arguments = {"plot",         file,      "-o",  path(name), "--title",
                                "a < b & \xff", "--width", "500", "--height", "300"};
         if (name[0] == 'c') arguments.push_back("--chips=dl1qxa");
@@ -317,7 +319,7 @@ TEST_F(Pictures, RecordingsOfIqAndWideBandsAreDrawn) {
     const auto wide = orvel({"plot", "--iq", "--wide", path("iq.wav"), "-o", path("wide.svg"), "--start", "11:59:50"});
     ASSERT_EQ(wide.status, 0) << wide.err;
     const std::string svg = bytes_of("wide.svg");
-    for (const std::string& text : {">K2QRX  ", ">DL1QXA  ", "frequency, kHz<", ">UTC<", ">12:00:00<"}) {
+    for (const std::string text : {">K2QRX  ", ">DL1QXA  ", "frequency, kHz<", ">UTC<", ">12:00:00<"}) {
         EXPECT_NE(svg.find(text), std::string::npos) << text;
     }
     const auto part =

@@ -35,7 +35,8 @@ int render(const Options& options) {
     const TransmitterPtr tx = make_transmitter();
     start_transmitter(tx.get(), options.steps);
 
-    SoundWriter file(options.output, SoundWriter::Container::WAV, options.steps.rate, 1, s16);
+    const auto frames = static_cast<int64_t>(total_seconds(tx.get()) * options.steps.rate);
+    SoundWriter file(options.output, {SoundWriter::Container::WAV, options.steps.rate, 1, s16, frames});
     write_all(file, tx.get());
     return file.close() ? EXIT_DONE : EXIT_FAILED;
 }

@@ -140,7 +140,7 @@ int simulate(const Options& options) {
                                   ? std::filesystem::path(options.output).replace_extension(".jsonl").string()
                                   : options.truth;
 
-    SoundWriter file(options.output, container, scene.rate, scene.iq ? 2 : 1, s16);
+    SoundWriter file(options.output, {container, scene.rate, scene.iq ? 2 : 1, s16, scene.frames()});
     SceneSource source(scene);
     while (true) {
         const auto samples = source.next();

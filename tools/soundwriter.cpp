@@ -17,6 +17,13 @@ std::string plain_reason(std::string reason) {
     return reason;
 }
 
+int container_of(const SoundWriter::Format& format) {
+    constexpr double MOST_BYTES = 4.2e9;  // of a WAV file's samples: it counts its bytes in 32 bits
+    if (format.container == SoundWriter::Container::FLAC) return SF_FORMAT_FLAC;
+    const double bytes = static_cast<double>(format.frames) * format.channels * (format.s16 ? 2 : 4);
+    return bytes < MOST_BYTES ? SF_FORMAT_WAV : SF_FORMAT_RF64;
+}
+
 }  // namespace
 
 bool parse_sample_format(const std::string& text) {
@@ -26,20 +33,17 @@ bool parse_sample_format(const std::string& text) {
     return text == "s16";
 }
 
-SoundWriter::SoundWriter(const std::string& path, Container container, int32_t rate, int32_t channels, bool s16)
-    : path_(path), s16_(s16) {
+SoundWriter::SoundWriter(const std::string& path, const Format& format) : path_(path), s16_(format.s16) {
     SF_INFO info{};
-    info.samplerate = rate;
-    info.channels = channels;
-    info.format =
-        (container == Container::FLAC ? SF_FORMAT_FLAC : SF_FORMAT_RF64) | (s16 ? SF_FORMAT_PCM_16 : SF_FORMAT_FLOAT);
+    info.samplerate = format.rate;
+    info.channels = format.channels;
+    info.format = container_of(format) | (s16_ ? SF_FORMAT_PCM_16 : SF_FORMAT_FLOAT);
     file_.reset(sf_open(path.c_str(), SFM_WRITE, &info));
     if (!file_) {
         problem_ = plain_reason(sf_strerror(nullptr));
         return;
     }
-    sf_command(file_.get(), SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
-    // It would hold the time of writing.
+    // It would hold the time of writing. Only of RF64 files libsndfile does not leave it out.
     sf_command(file_.get(), SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
 }
 

@@ -14,11 +14,16 @@ bool parse_sample_format(const std::string& text);
 
 class SoundWriter {
   public:
-    enum class Container { WAV, FLAC };  // a WAV file of more than 4 GB becomes RF64
+    enum class Container { WAV, FLAC };
+    struct Format {
+        Container container;
+        int32_t rate, channels;
+        bool s16;        // else floating-point samples, which only WAV files hold
+        int64_t frames;  // that will be written: a WAV file of more than 4 GB is RF64
+    };
 
-    // Opens a file for samples of full scale 1. Only WAV files hold floating-point samples. Whether that worked, and
-    // what follows, is asked once: by close.
-    SoundWriter(const std::string& path, Container container, int32_t rate, int32_t channels, bool s16);
+    // Opens a file for samples of full scale 1. Whether that worked, and what follows, is asked once: by close.
+    SoundWriter(const std::string& path, const Format& format);
 
     // Interleaved samples, whole frames of them. False when the file takes no more.
     bool write(std::span<const float> samples);
