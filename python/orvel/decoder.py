@@ -1,0 +1,283 @@
+"""Decoding of real audio."""
+
+from __future__ import annotations
+
+import ctypes
+import threading
+import weakref
+from collections.abc import Iterable
+from dataclasses import dataclass
+from types import TracebackType
+
+from . import _checks as checks
+from ._errors import OrvelError
+from ._library import lib
+from ._records import HitRecord, ResultRecord, SettingsRecord
+from .protocols import Protocol
+
+_MOST_SPOTS = 64  # that the library reports from one block
+_MOST_HITS = 64
+_LEAST_SCAN_RATE = 4000  # Hz
+_LEAST_SCAN_S = 3
+_ANY_END = -1e9  # the library's words for no limit
+_NO_END = -1.0
+_NOT_MEASURED_DB = -99.0  # or lower, by the share of chips that are on
+
+
+@dataclass(frozen=True)
+class Search:
+    """What to look for in a block. Raises TypeError or ValueError for a field that makes no sense."""
+
+    protocols: Protocol = Protocol.ALL
+    """One protocol or several."""
+    center_hz: float = 1500.0
+    """Centre of the frequency search, Hz."""
+    search_hz: float = 200.0
+    """Half-width of the frequency search, Hz, at least 0."""
+    spread_hz: float = 0.0
+    """Width over which the energy of a spread signal is summed, Hz; 0 = off."""
+    deep_search: bool = True
+    """Also search below the ordinary threshold for known callsigns."""
+    known_only: bool = False
+    """Accept only known callsigns."""
+    end_min: float | None = None
+    """Earliest end of an accepted frame, seconds from the first sample."""
+    end_max: float | None = None
+    """Latest end of an accepted frame, seconds from the first sample, at least 0."""
+
+    def __post_init__(self) -> None:
+        checks.whole_number(self.protocols, "protocols", 0, Protocol.ALL.value)
+        checks.real_number(self.center_hz, "center_hz")
+        checks.real_number(self.search_hz, "search_hz", 0)
+        checks.real_number(self.spread_hz, "spread_hz", 0)
+        if self.end_min is not None:
+            checks.real_number(self.end_min, "end_min")
+        if self.end_max is not None:
+            checks.real_number(self.end_max, "end_max", 0)
+
+    def record(self) -> SettingsRecord:
+        """The settings of the C interface."""
+        return SettingsRecord(
+            protocols=int(self.protocols),
+            center_hz=self.center_hz,
+            search_hz=self.search_hz,
+            spread_hz=self.spread_hz,
+            deep_search=bool(self.deep_search),
+            known_only=bool(self.known_only),
+            end_min=_ANY_END if self.end_min is None else self.end_min,
+            end_max=_NO_END if self.end_max is None else self.end_max,
+        )
+
+
+@dataclass(frozen=True)
+class Spot:
+    """One decoded frame. Times are seconds from the first sample of the block."""
+
+    call: str
+    """Callsign."""
+    locator: str
+    """Grid locator of an ORVEL L frame, otherwise ""."""
+    protocol: Protocol
+    """How it was sent."""
+    deep: bool
+    """Whether only the search for known callsigns found it."""
+    t_start: float
+    """Start of the frame, s; negative when it began before the block."""
+    t_end: float
+    """End of the frame, s."""
+    freq_hz: float
+    """Carrier frequency in the middle of the frame, Hz."""
+    snr_db: float | None
+    """Mean power over the frame against noise in 2500 Hz, dB; None when it was not measured."""
+    drift_hz_s: float
+    """Frequency drift, Hz/s."""
+
+
+@dataclass(frozen=True)
+class Hit:
+    """A frequency at which something is keyed."""
+
+    freq_hz: float
+    """Hz."""
+    z: float
+    """Distance from the median of all frequencies, sigma."""
+
+
+def _spot(record: ResultRecord) -> Spot:
+    return Spot(
+        call=record.call.decode("ascii", "replace"),
+        locator=record.locator.decode("ascii", "replace"),
+        protocol=Protocol(record.protocol),
+        deep=record.deep != 0,
+        t_start=record.t_start,
+        t_end=record.t_end,
+        freq_hz=record.freq_hz,
+        snr_db=None if record.snr_db <= _NOT_MEASURED_DB else record.snr_db,
+        drift_hz_s=record.drift_hz_s,
+    )
+
+
+def _float_pointer(samples: checks.Float32Array) -> ctypes._Pointer[ctypes.c_float]:
+    return samples.ctypes.data_as(ctypes.POINTER(ctypes.c_float))
+
+
+class Decoder:
+    """A decoder with its list of known callsigns and its working memory, for many blocks.
+
+        with orvel.Decoder(known=["K2QRX"]) as decoder:
+            spots = decoder.decode(samples, 12000)
+
+    Calls of several threads for one decoder take turns. Separate decoders work at once: the interpreter's lock is
+    released while the library decodes.
+    """
+
+    def __init__(self, known: str | Iterable[str] = (), search: Search = Search()) -> None:
+        """Make a decoder; see set_known() for `known`. `search` is what its calls look for unless told otherwise."""
+        handle = lib.ovl_create()
+        if handle is None:
+            raise MemoryError("no memory for a decoder")
+        self._handle: int | None = handle
+        self._end = weakref.finalize(self, lib.ovl_destroy, handle)
+        self._lock = threading.Lock()
+        self.search = search
+        self.set_known(known)
+
+    def close(self) -> None:
+        """Free the decoder's memory. It may be called again."""
+        with self._lock:
+            self._handle = None
+            self._end()
+
+    def __enter__(self) -> Decoder:
+        return self
+
+    def __exit__(
+        self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None
+    ) -> None:
+        self.close()
+
+    def _open_handle(self) -> int:
+        if self._handle is None:
+            raise ValueError("the decoder is closed")
+        return self._handle
+
+    def _error(self, handle: int) -> OrvelError:
+        message: bytes = lib.ovl_last_error(handle)
+        return OrvelError(message.decode("utf-8", "replace"))
+
+    def set_known(self, calls: str | Iterable[str]) -> int:
+        """Replace the list of known callsigns; return how many there are now.
+
+        calls   callsigns, or one text with callsigns between blanks, commas or semicolons; empty = none
+
+        What is no callsign of the protocols is left out. Raises OrvelError at the 257th; the first 256 stay in use.
+        """
+        if isinstance(calls, str):
+            calls = [calls]
+        known = b" ".join(checks.text(call, "a known callsign") for call in calls)
+        with self._lock:
+            handle = self._open_handle()
+            count: int = lib.ovl_set_known(handle, known)
+            if count < 0:
+                raise self._error(handle)
+            return count
+
+    def decode(self, samples: object, rate: checks.Rate, search: Search | None = None) -> list[Spot]:
+        """Find and decode all frames in a block of audio.
+
+        samples   shape (n,), real floats, all finite; full scale usually 1, anything from 1e-12 to 1e12 will do
+        rate      sample rate, a whole number of Hz: 8000, 12000, 48000, 192000 and most others in use
+        search    what to look for, instead of the decoder's own
+
+        Returns at most 64 spots in order of start time; a frame may hang over either edge of the block by a fifth.
+        Raises TypeError or ValueError for an array of another kind, OrvelError for a block too short or a search that
+        does not fit it.
+        """
+        return self._decode(samples, rate, search, None)
+
+    def decode_recent(
+        self, samples: object, rate: checks.Rate, recent_s: float, search: Search | None = None
+    ) -> list[Spot]:
+        """Decode only frames that end within the last recent_s seconds (above 0) of a block.
+
+        For a sliding buffer that is decoded again and again. The limits of the search on a frame's end are not used;
+        otherwise as decode().
+        """
+        recent = checks.real_number(recent_s, "recent_s")
+        if recent <= 0:
+            raise ValueError(f"recent_s is {recent}; it must be above 0")
+        return self._decode(samples, rate, search, recent)
+
+    def _decode(self, samples: object, rate: checks.Rate, search: Search | None, recent_s: float | None) -> list[Spot]:
+        block = checks.real_samples(samples)
+        hertz = checks.sample_rate(rate)
+        settings = ctypes.byref((self.search if search is None else search).record())
+        results = (ResultRecord * _MOST_SPOTS)()
+        data = _float_pointer(block)
+        with self._lock:
+            handle = self._open_handle()
+            if recent_s is None:
+                count = lib.ovl_decode(handle, data, block.size, hertz, settings, results, _MOST_SPOTS)
+            else:
+                count = lib.ovl_decode_recent(
+                    handle, data, block.size, hertz, settings, recent_s, results, _MOST_SPOTS
+                )
+            if count < 0:
+                raise self._error(handle)
+        return [_spot(record) for record in results[:count]]
+
+
+def decode(
+    samples: object,
+    rate: checks.Rate,
+    *,
+    known: str | Iterable[str] = (),
+    protocols: Protocol = Protocol.ALL,
+    center_hz: float = 1500.0,
+    search_hz: float = 200.0,
+    spread_hz: float = 0.0,
+    deep_search: bool = True,
+    known_only: bool = False,
+    end_min: float | None = None,
+    end_max: float | None = None,
+) -> list[Spot]:
+    """Find and decode all frames in a block of audio.
+
+    As Decoder(known).decode(samples, rate, Search(protocols, …)): see there.
+    """
+    search = Search(protocols, center_hz, search_hz, spread_hz, deep_search, known_only, end_min, end_max)
+    with Decoder(known, search) as decoder:
+        return decoder.decode(samples, rate)
+
+
+def scan(
+    samples: object,
+    rate: checks.Rate,
+    *,
+    seconds: float = 30.0,
+    z_min: float = 6.0,
+    center_hz: float = 1500.0,
+    search_hz: float = 200.0,
+) -> list[Hit]:
+    """Tell whether and where in the band something is keyed at the chip rate, much cheaper than decoding.
+
+    samples, rate         as for decode(); rate at least 4000 Hz
+    seconds               how much of the block's end to look at, at least 3
+    z_min                 least z of a hit; noise alone seldom reaches 6
+    center_hz, search_hz  where; hits lie within search_hz + 5 Hz of the centre
+
+    Returns at most 64 hits, strongest first, at least 15 Hz apart; none when the block is shorter than about half of
+    `seconds`. A steady carrier does not count, but beside a very strong one its leakage may. Raises as decode().
+    """
+    block = checks.real_samples(samples)
+    hertz = checks.whole_number(rate, "rate", _LEAST_SCAN_RATE)
+    newest_s = checks.real_number(seconds, "seconds", _LEAST_SCAN_S)
+    least_z = checks.real_number(z_min, "z_min")
+    settings = Search(center_hz=center_hz, search_hz=search_hz).record()
+    hits = (HitRecord * _MOST_HITS)()
+    count = lib.ovl_keyed(
+        _float_pointer(block), block.size, hertz, ctypes.byref(settings), newest_s, least_z, hits, _MOST_HITS
+    )
+    if count < 0:
+        raise OrvelError("the band cannot be scanned: it lies beyond half the sample rate, or memory is short")
+    return [Hit(hit.freq_hz, hit.z) for hit in hits[:count]]

@@ -1,0 +1,137 @@
+"""Decoding of I/Q.
+
+The library takes real audio. A slice of the band is brought into the audio range as the library itself cuts its bands:
+the block is transformed once, the bins around the wanted centre are copied to where they would lie in the spectrum of
+audio, and that is transformed back. Only those bins are taken, so nothing else of the band can appear in the audio: no
+mirror image of a station at the opposite frequency, and no alias. One second is always a whole number of bins, so
+amplitudes, times and, but for the centre's rounding to a bin, which is accounted for, frequencies stay what they are;
+so do SNRs, as the noise is halved together with the power of a tone.
+"""
+
+from __future__ import annotations
+
+import math
+from collections.abc import Iterable
+from dataclasses import dataclass, replace
+from typing import Any
+
+import numpy as np
+import numpy.typing as npt
+
+from . import _checks as checks
+from .decoder import Decoder, Search, Spot
+from .protocols import Protocol
+
+# Beside a search of ±s the library looks at less than ±(2 s + spread + 87 Hz), for what noise there is.
+_MARGIN_HZ = 100.0
+_LEAST_AUDIO_CENTER_HZ = 1500
+_GAP_HZ = 100  # between the slice and 0 Hz, at least
+_ROOM = 1.05  # of the audio's band beyond the slice
+_AUDIO_RATES = (8000, 12000, 16000, 24000, 32000, 48000, 96000, 192000, 384000)
+_MOST_RATE = 100_000_000  # Hz: a block of a second is then a gigabyte and a half
+
+
+@dataclass(frozen=True, eq=False)
+class Slice:
+    """A slice of a band as real audio."""
+
+    samples: checks.Float32Array
+    """Shape (n,); a tone of amplitude A in the I/Q is one of amplitude A here."""
+    rate: int
+    """Sample rate, Hz."""
+    center_hz: float
+    """Where the slice's centre lies in the audio, Hz."""
+    offset_hz: float
+    """Frequency in the I/Q minus frequency in the audio, Hz."""
+
+
+def _smooth_seconds(seconds: float) -> int:
+    """The least whole number that is not below `seconds` and has no prime factor above 7."""
+    number = max(1, math.ceil(seconds))
+    while True:
+        rest = number
+        for prime in (2, 3, 5, 7):
+            while rest % prime == 0:
+                rest //= prime
+        if rest == 1:
+            return number
+        number += 1
+
+
+def cut_slice(iq: object, rate: checks.Rate, *, center_hz: float = 0.0, half_width_hz: float = 500.0) -> Slice:
+    """Bring the slice center_hz ± half_width_hz of I/Q into the audio range.
+
+    iq             shape (n,), complex, I + jQ, all finite
+    rate           sample rate, a whole number of Hz
+    center_hz      centre of the slice, relative to the receiver's centre, from -rate/2 to rate/2
+    half_width_hz  above 0, at most 91 kHz. Where the slice reaches past half the rate it wraps round, as the spectrum
+                   of sampled I/Q does
+
+    Returns audio at the lowest usual rate that holds the slice; nothing of the I/Q outside the slice is in it.
+    """
+    block = checks.iq_samples(iq)
+    hertz = checks.whole_number(rate, "rate", 1, _MOST_RATE)
+    center = checks.real_number(center_hz, "center_hz")
+    half_width = checks.real_number(half_width_hz, "half_width_hz")
+    if abs(center) > hertz / 2:
+        raise ValueError(f"center_hz is {center:g}; I/Q at {hertz} Hz reaches from {-hertz / 2:g} to {hertz / 2:g} Hz")
+    if half_width <= 0:
+        raise ValueError(f"half_width_hz is {half_width:g}; it must be above 0")
+
+    audio_center = max(_LEAST_AUDIO_CENTER_HZ, math.ceil(half_width) + _GAP_HZ)
+    audio_rate = next((r for r in _AUDIO_RATES if r >= 2 * _ROOM * (audio_center + half_width)), None)
+    if audio_rate is None:
+        raise ValueError(f"half_width_hz is {half_width:g}; no audio rate holds so wide a slice")
+
+    seconds = _smooth_seconds(block.size / hertz)
+    spectrum: npt.NDArray[Any] = np.fft.fft(block, hertz * seconds)
+    center_bin = round(center * seconds)
+    reach = math.floor(half_width * seconds)
+    n_audio = audio_rate * seconds
+    audio = np.zeros(n_audio // 2 + 1, dtype=np.complex128)
+    first = audio_center * seconds - reach
+    bins = np.arange(center_bin - reach, center_bin + reach + 1)
+    # In the real signal each tone has half of its amplitude here and half at the negative frequency.
+    audio[first : first + bins.size] = spectrum[bins % spectrum.size] * (0.5 * n_audio / spectrum.size)
+    kept = max(1, block.size * audio_rate // hertz)
+    samples = checks.to_float32(np.fft.irfft(audio, n_audio)[:kept])
+    return Slice(samples, audio_rate, float(audio_center), center_bin / seconds - audio_center)
+
+
+def decode_iq(
+    iq: object,
+    rate: checks.Rate,
+    *,
+    known: str | Iterable[str] = (),
+    protocols: Protocol = Protocol.ALL,
+    center_hz: float = 0.0,
+    search_hz: float = 200.0,
+    spread_hz: float = 0.0,
+    deep_search: bool = True,
+    known_only: bool = False,
+    end_min: float | None = None,
+    end_max: float | None = None,
+) -> list[Spot]:
+    """Find and decode all frames in a slice of I/Q.
+
+    iq         shape (n,), complex, I + jQ, all finite
+    rate       sample rate, a whole number of Hz; low ones, as 1000 Hz, will do
+    center_hz  centre of the search relative to the receiver's centre, Hz; may be negative
+    search_hz  half-width of the search; the search must lie within -rate/2 to rate/2
+
+    The rest is as for decode(); frequencies of the spots are relative to the receiver's centre. Raises TypeError for
+    real samples, ValueError for a search beyond the band, otherwise as decode().
+    """
+    search = Search(protocols, center_hz, search_hz, spread_hz, deep_search, known_only, end_min, end_max)
+    hertz = checks.sample_rate(rate)
+    if abs(search.center_hz) + search.search_hz > hertz / 2:
+        raise ValueError(
+            f"the search from {center_hz - search_hz:g} to {center_hz + search_hz:g} Hz reaches beyond the I/Q, "
+            f"{-hertz / 2:g} to {hertz / 2:g} Hz"
+        )
+    half_width = 2 * search.search_hz + search.spread_hz + _MARGIN_HZ
+    part = cut_slice(iq, hertz, center_hz=search.center_hz, half_width_hz=half_width)
+    in_audio = replace(search, center_hz=search.center_hz - part.offset_hz)
+    with Decoder(known, in_audio) as decoder:
+        spots = decoder.decode(part.samples, part.rate)
+    return [replace(spot, freq_hz=spot.freq_hz + part.offset_hz) for spot in spots]
