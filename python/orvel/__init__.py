@@ -17,6 +17,7 @@ from .decoder import Decoder, Hit, Search, Spot, decode, scan
 from .iq import Slice, cut_slice, decode_iq
 from .protocols import CHIP_SECONDS, Protocol, encode
 from .transmit import Carrier, Frame, Pause, Progress, Step, Transmitter, TransmitSettings, render
+from .wide import decode_wide
 
 __all__ = [
     "CHIP_SECONDS",
@@ -43,6 +44,7 @@ __all__ = [
     "cut_slice",
     "decode",
     "decode_iq",
+    "decode_wide",
     "devices",
     "encode",
     "library_path",

@@ -58,6 +58,53 @@ def _smooth_seconds(seconds: float) -> int:
         number += 1
 
 
+def search_half_width(search: Search) -> float:
+    """Half-width of the slice that serves a search, Hz."""
+    return 2 * search.search_hz + search.spread_hz + _MARGIN_HZ
+
+
+class Band:
+    """A block of I/Q, transformed once, from which slices are cut; checked as cut_slice() says."""
+
+    def __init__(self, iq: object, rate: checks.Rate) -> None:
+        block = checks.iq_samples(iq)
+        self._rate = checks.whole_number(rate, "rate", 1, _MOST_RATE)
+        self._n = block.size
+        self._seconds = _smooth_seconds(block.size / self._rate)
+        self._spectrum: npt.NDArray[Any] = np.fft.fft(block, self._rate * self._seconds)
+
+    def wrapped(self, freq_hz: float) -> float:
+        """The same frequency of sampled I/Q from -rate/2 up to rate/2."""
+        return (freq_hz + self._rate / 2) % self._rate - self._rate / 2
+
+    def cut(self, center_hz: float, half_width_hz: float) -> Slice:
+        """As cut_slice()."""
+        center = checks.real_number(center_hz, "center_hz")
+        half_width = checks.real_number(half_width_hz, "half_width_hz")
+        edge = self._rate / 2
+        if abs(center) > edge:
+            raise ValueError(f"center_hz is {center:g}; I/Q at {self._rate} Hz reaches from {-edge:g} to {edge:g} Hz")
+        if half_width <= 0:
+            raise ValueError(f"half_width_hz is {half_width:g}; it must be above 0")
+        audio_center = max(_LEAST_AUDIO_CENTER_HZ, math.ceil(half_width) + _GAP_HZ)
+        rate = next((r for r in _AUDIO_RATES if r >= 2 * _ROOM * (audio_center + half_width)), None)
+        if rate is None:
+            raise ValueError(f"half_width_hz is {half_width:g}; no audio rate holds so wide a slice")
+
+        seconds, spectrum = self._seconds, self._spectrum
+        center_bin = round(center * seconds)
+        reach = math.floor(half_width * seconds)
+        n_audio = rate * seconds
+        audio = np.zeros(n_audio // 2 + 1, dtype=np.complex128)
+        first = audio_center * seconds - reach
+        bins = np.arange(center_bin - reach, center_bin + reach + 1)
+        # In the real signal each tone has half of its amplitude here and half at the negative frequency.
+        audio[first : first + bins.size] = spectrum[bins % spectrum.size] * (0.5 * n_audio / spectrum.size)
+        kept = max(1, self._n * rate // self._rate)
+        samples = checks.to_float32(np.fft.irfft(audio, n_audio)[:kept])
+        return Slice(samples, rate, float(audio_center), center_bin / seconds - audio_center)
+
+
 def cut_slice(iq: object, rate: checks.Rate, *, center_hz: float = 0.0, half_width_hz: float = 500.0) -> Slice:
     """Bring the slice center_hz ± half_width_hz of I/Q into the audio range.
 
@@ -69,33 +116,7 @@ def cut_slice(iq: object, rate: checks.Rate, *, center_hz: float = 0.0, half_wid
 
     Returns audio at the lowest usual rate that holds the slice; nothing of the I/Q outside the slice is in it.
     """
-    block = checks.iq_samples(iq)
-    hertz = checks.whole_number(rate, "rate", 1, _MOST_RATE)
-    center = checks.real_number(center_hz, "center_hz")
-    half_width = checks.real_number(half_width_hz, "half_width_hz")
-    if abs(center) > hertz / 2:
-        raise ValueError(f"center_hz is {center:g}; I/Q at {hertz} Hz reaches from {-hertz / 2:g} to {hertz / 2:g} Hz")
-    if half_width <= 0:
-        raise ValueError(f"half_width_hz is {half_width:g}; it must be above 0")
-
-    audio_center = max(_LEAST_AUDIO_CENTER_HZ, math.ceil(half_width) + _GAP_HZ)
-    audio_rate = next((r for r in _AUDIO_RATES if r >= 2 * _ROOM * (audio_center + half_width)), None)
-    if audio_rate is None:
-        raise ValueError(f"half_width_hz is {half_width:g}; no audio rate holds so wide a slice")
-
-    seconds = _smooth_seconds(block.size / hertz)
-    spectrum: npt.NDArray[Any] = np.fft.fft(block, hertz * seconds)
-    center_bin = round(center * seconds)
-    reach = math.floor(half_width * seconds)
-    n_audio = audio_rate * seconds
-    audio = np.zeros(n_audio // 2 + 1, dtype=np.complex128)
-    first = audio_center * seconds - reach
-    bins = np.arange(center_bin - reach, center_bin + reach + 1)
-    # In the real signal each tone has half of its amplitude here and half at the negative frequency.
-    audio[first : first + bins.size] = spectrum[bins % spectrum.size] * (0.5 * n_audio / spectrum.size)
-    kept = max(1, block.size * audio_rate // hertz)
-    samples = checks.to_float32(np.fft.irfft(audio, n_audio)[:kept])
-    return Slice(samples, audio_rate, float(audio_center), center_bin / seconds - audio_center)
+    return Band(iq, rate).cut(center_hz, half_width_hz)
 
 
 def decode_iq(
@@ -129,9 +150,9 @@ def decode_iq(
             f"the search from {center_hz - search_hz:g} to {center_hz + search_hz:g} Hz reaches beyond the I/Q, "
             f"{-hertz / 2:g} to {hertz / 2:g} Hz"
         )
-    half_width = 2 * search.search_hz + search.spread_hz + _MARGIN_HZ
-    part = cut_slice(iq, hertz, center_hz=search.center_hz, half_width_hz=half_width)
+    band = Band(iq, hertz)
+    part = band.cut(search.center_hz, search_half_width(search))
     in_audio = replace(search, center_hz=search.center_hz - part.offset_hz)
     with Decoder(known, in_audio) as decoder:
         spots = decoder.decode(part.samples, part.rate)
-    return [replace(spot, freq_hz=spot.freq_hz + part.offset_hz) for spot in spots]
+    return [replace(spot, freq_hz=band.wrapped(spot.freq_hz + part.offset_hz)) for spot in spots]
