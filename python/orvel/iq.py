@@ -28,7 +28,7 @@ _LEAST_AUDIO_CENTER_HZ = 1500
 _GAP_HZ = 100  # between the slice and 0 Hz, at least
 _ROOM = 1.05  # of the audio's band beyond the slice
 _AUDIO_RATES = (8000, 12000, 16000, 24000, 32000, 48000, 96000, 192000, 384000)
-_MOST_RATE = 100_000_000  # Hz: a block of a second is then a gigabyte and a half
+_MOST_RATE = 20_000_000  # Hz: the spectrum of a second then takes a third of a gigabyte
 
 
 @dataclass(frozen=True, eq=False)
@@ -109,7 +109,7 @@ def cut_slice(iq: object, rate: checks.Rate, *, center_hz: float = 0.0, half_wid
     """Bring the slice center_hz ± half_width_hz of I/Q into the audio range.
 
     iq             shape (n,), complex, I + jQ, all finite
-    rate           sample rate, a whole number of Hz
+    rate           sample rate, a whole number of Hz, at most 20 MHz
     center_hz      centre of the slice, relative to the receiver's centre, from -rate/2 to rate/2
     half_width_hz  above 0, at most 91 kHz. Where the slice reaches past half the rate it wraps round, as the spectrum
                    of sampled I/Q does

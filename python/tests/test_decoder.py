@@ -233,7 +233,7 @@ def test_one_decoder_serves_threads_in_turn(block: Any) -> None:
 
 
 def test_other_threads_run_while_the_library_decodes() -> None:
-    samples = np.random.default_rng(5).normal(size=4 * 60 * 8000).astype(np.float32)
+    samples = np.random.default_rng(5).normal(size=8 * 60 * 8000).astype(np.float32)
     span: list[float] = []
 
     def decode() -> None:

@@ -119,5 +119,7 @@ def test_a_search_beyond_the_band_is_refused(below: Any) -> None:
         orvel.cut_slice(below, RATE, half_width_hz=92000)
     with pytest.raises(ValueError, match="rate is 0"):
         orvel.decode_iq(below, 0)
+    with pytest.raises(ValueError, match="rate is 20000001"):
+        orvel.decode_iq(below[:100], 20000001)
     with pytest.raises(orvel.OrvelError, match="block too short"):
         orvel.decode_iq(below[:100], RATE)
