@@ -1,0 +1,204 @@
+"""Every command line that the documents show is one that works.
+
+    test_commands.py ORVEL BUILD
+
+Command lines are the lines of code blocks that begin with a command (COMMANDS); two blanks end one and begin a remark.
+They run in a scratch directory that has the files of which they speak. What needs a sound device has its options
+checked only; what would build or install is in NOT_RUN, with the reason. Lines behind "$ " in docs/formats.md are not
+looked at here but in test_formats.py.
+"""
+
+import json
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+ORVEL = BUILD = pathlib.Path()
+
+COMMANDS = ("orvel", "sox", "cc", "cmake", "ctest", "git", "sudo", "apt-get", "python3", "pip")
+PATHS = ("./", "build/", "examples/", "scripts/", ".ci/")
+
+# Command lines that are not run, and why. Each is looked at by test_what_is_not_run_exists.
+NOT_RUN = (
+    (r"\./demo|\./test|\.ci/run", "install packages and build everything"),
+    (r"cmake --(preset|build|install) .*", "build what this test is a part of"),
+    (r"cpack .*|ctest .*", "run the suite that this test is a part of"),
+    (r"git .*", "change the repository"),
+    (r"(sudo )?apt(-get)? .*", "install packages"),
+    (r"(python3 -m )?pip .*|python3 .*", "ask for packages that this test cannot count on"),
+    (r"scripts/\w[\w-]*( .*)?", "take minutes, or need a build of their own"),
+)
+
+# These talk to a sound device. With a device that does not exist they tell whether everything else is right.
+NEED_A_DEVICE = r"orvel (send|listen)\b(?!.*--stdin)(?!.*--help)"
+NO_DEVICE = "no device has this name"
+
+# Recordings under the names that the documents give them.
+FILES = {
+    "audio.wav": "audio-crowded.wav",
+    "capture.wav": "iq-narrow.wav",
+    "band.wav": "iq-narrow.wav",
+    "recording.wav": "audio-modes.wav",
+}
+
+
+def pages():
+    found = [ROOT / name for name in ("README.md", "CONTRIBUTING.md", "CHANGELOG.md", "bench/README.md")]
+    found += sorted((ROOT / "docs").rglob("*.md")) + sorted((ROOT / "python").rglob("*.md"))
+    return [page for page in found if page.exists()]
+
+
+def manual_pages():
+    return sorted(ROOT.glob("man/*.1*")) + sorted((ROOT / "docs").rglob("*.1"))
+
+
+def code_blocks(page):
+    """The code blocks of a Markdown page as lists of lines; those of other languages than the shell's are left out."""
+    block, language = [], None
+    for line in page.read_text(encoding="utf-8").splitlines() + [""]:
+        fence = re.match(r"\s*```\s*(\w*)", line)
+        if fence and language is None:
+            language, block = fence[1], []
+        elif fence:
+            if language in ("", "sh", "bash", "console", "text"):
+                yield block
+            language, block = None, []
+        elif language is not None:
+            block.append(line)
+        elif line.startswith("    "):
+            block.append(line[4:])
+        elif block and line.strip():
+            yield block
+            block = []
+    if block:
+        yield block
+
+
+def is_command(line):
+    return line.startswith(PATHS) or line.split(" ")[0] in COMMANDS
+
+
+def without_remark(line):
+    return re.split(r" {2,}|\s+# ", line.strip())[0].removesuffix(" …")
+
+
+def command_lines():
+    """(page, command line, output shown) of all pages; the output is None where none is shown."""
+    found = []
+    for page in pages():
+        last = None
+        for block in code_blocks(page):
+            block = [line for line in block if line.strip()]
+            commands = [line for line in block if is_command(line)]
+            if last is not None and block and not commands and block[0].startswith(" "):
+                last[2] = block  # a table of numbers behind the command that prints it
+            found += [[page.name, without_remark(line), None] for line in commands]
+            last = found[-1] if len(commands) == len(block) == 1 else None
+    for page in manual_pages():
+        examples = re.search(r"\n\.SH \"?EXAMPLES\"?\n(.*?)(\n\.SH|\Z)", page.read_text(encoding="utf-8"), re.DOTALL)
+        for line in examples[1].splitlines() if examples else []:
+            line = re.sub(r"^\.B[R]? ", "", line).replace("\\-", "-").replace("\\&", "")
+            if is_command(line):
+                found.append([page.name, without_remark(line), None])
+    return found
+
+
+def reason_not_to_run(command):
+    return next((reason for pattern, reason in NOT_RUN if re.fullmatch(pattern, command)), None)
+
+
+class Commands(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.scratch = pathlib.Path(tempfile.mkdtemp(prefix="orvel-docs-"))
+        scratch = cls.scratch
+        shutil.copytree(ROOT / "examples", scratch / "examples")
+        for name in ("docs", "include", "src"):
+            (scratch / name).symlink_to(ROOT / name)
+        for build in ("demo", "release"):
+            (scratch / "build" / build).parent.mkdir(exist_ok=True)
+            (scratch / "build" / build).symlink_to(BUILD)
+        for name, recording in FILES.items():
+            shutil.copy(ROOT / "examples" / "recordings" / recording, scratch / name)
+        subprocess.run(["sox", scratch / "audio.wav", scratch / "audio.flac"], check=True)
+        (scratch / "friends.txt").write_text("# friends\nK2QRX G4QZB\n", encoding="ascii")
+        (scratch / "bin").mkdir()
+        (scratch / "bin" / "orvel").symlink_to(ORVEL)
+
+    @classmethod
+    def tearDownClass(cls):
+        shutil.rmtree(cls.scratch)
+
+    def run_line(self, line):
+        paths = str(self.scratch / "bin") + os.pathsep + os.environ["PATH"]
+        environment = dict(os.environ, PATH=paths, LD_LIBRARY_PATH=str(BUILD))
+        return subprocess.run(
+            ["bash", "-o", "pipefail", "-c", line],
+            cwd=self.scratch,
+            env=environment,
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            text=True,
+            timeout=180,
+            check=False,
+        )
+
+    def test_every_command_line_works(self):
+        ran = 0
+        for page, command, shown in command_lines():
+            if reason_not_to_run(command) or re.match(NEED_A_DEVICE, command):
+                continue
+            with self.subTest(page=page, command=command):
+                done = self.run_line(command)
+                self.assertEqual(done.returncode, 0, done.stderr)
+                if shown is not None:
+                    self.assertEqual(done.stdout.splitlines(), shown)
+                ran += 1
+        self.assertGreater(ran, 15)
+
+    def test_what_needs_a_sound_device_has_valid_options(self):
+        checked = 0
+        for page, command, _ in command_lines():
+            if not re.match(NEED_A_DEVICE, command):
+                continue
+            with self.subTest(page=page, command=command):
+                done = self.run_line(re.sub(r" --device \S+", "", command) + " --device '%s'" % NO_DEVICE)
+                self.assertRegex(done.stderr, r"--device: no (in|out)put device '%s'" % NO_DEVICE)
+                checked += 1
+        self.assertGreater(checked, 3)
+
+    def test_options_that_do_not_exist_would_be_noticed(self):
+        for command in ("orvel send --evry 10m opera=K2QRX", "orvel listen --jsn", "orvel send opera=K2QR1"):
+            done = self.run_line(command + " --device '%s'" % NO_DEVICE)
+            self.assertNotIn("--device", done.stderr)
+            self.assertEqual(done.returncode, 2)
+
+    def test_what_is_not_run_exists(self):
+        presets = json.loads((ROOT / "CMakePresets.json").read_text(encoding="utf-8"))
+        names = {kind: {preset["name"] for preset in presets[kind]} for kind in presets if kind.endswith("Presets")}
+        for page, command, _ in command_lines():
+            if reason_not_to_run(command) is None:
+                continue
+            with self.subTest(page=page, command=command):
+                if command.startswith(PATHS):
+                    program = ROOT / command.split(" ")[0]
+                    self.assertTrue(os.access(program, os.X_OK), program)
+                for kind, pattern in (
+                    ("configurePresets", r"cmake --preset (\S+)"),
+                    ("buildPresets", r"cmake --build --preset (\S+)"),
+                    ("testPresets", r"ctest --preset (\S+)"),
+                ):
+                    if used := re.match(pattern, command):
+                        self.assertIn(used[1], names[kind])
+
+
+if __name__ == "__main__":
+    ORVEL, BUILD = map(pathlib.Path, sys.argv[1:3])
+    del sys.argv[1:3]
+    unittest.main()
