@@ -29,6 +29,7 @@ static void interrupt(int signal_number) {
 /* What was printed lately: the same frame is found in several decodes. */
 struct reported {
     char call[8];
+    int32_t protocol;
     double t_start;
 };
 
@@ -38,17 +39,24 @@ struct listener {
     float *buffer;
     int32_t room;
     struct reported reported[MAX_REPORTED];
-    int32_t n_reported;
+    int64_t n_reported;
 };
 
-static int is_new(struct listener *l, const char *call, double t_start) {
-    const int32_t kept = l->n_reported < MAX_REPORTED ? l->n_reported : MAX_REPORTED;
+/* Whether no such frame was printed that starts less than half a frame away. */
+static int is_new(struct listener *l, const ovl_result *result, double t_start) {
+    const double half_frame_s = (result->t_end - result->t_start) / 2;
+    const int64_t kept = l->n_reported < MAX_REPORTED ? l->n_reported : MAX_REPORTED;
     struct reported *entry;
-    for (int32_t k = 0; k < kept; k++) {
-        if (strcmp(l->reported[k].call, call) == 0 && fabs(l->reported[k].t_start - t_start) < 5) return 0;
+    for (int64_t k = 0; k < kept; k++) {
+        entry = &l->reported[k];
+        if (entry->protocol == result->protocol && strcmp(entry->call, result->call) == 0 &&
+            fabs(entry->t_start - t_start) < half_frame_s) {
+            return 0;
+        }
     }
     entry = &l->reported[l->n_reported++ % MAX_REPORTED];
-    memcpy(entry->call, call, sizeof entry->call);
+    memcpy(entry->call, result->call, sizeof entry->call);
+    entry->protocol = result->protocol;
     entry->t_start = t_start;
     return 1;
 }
@@ -62,6 +70,7 @@ static int decode(struct listener *l) {
     int32_t count;
     double block_start;
 
+    /* What comes in between the two calls shifts times by a buffer of the sound system at most. */
     ovl_audio_input_stats(l->audio, &stats);
     n = ovl_audio_last(l->audio, l->buffer, l->room);
     if (n < stats.rate) return 0; /* less than a second: nothing to find yet */
@@ -75,7 +84,7 @@ static int decode(struct listener *l) {
     }
     for (int32_t k = 0; k < count; k++) {
         const double t_start = block_start + results[k].t_start;
-        if (!is_new(l, results[k].call, t_start)) continue;
+        if (!is_new(l, &results[k], t_start)) continue;
         printf("%8.2f s  %8.2f Hz  %+5.1f dB  %-8s  %s %s\n", t_start, results[k].freq_hz, results[k].snr_db,
                ovl_proto_name((uint32_t)results[k].protocol), results[k].call, results[k].locator);
         fflush(stdout);
