@@ -46,6 +46,8 @@ configure_file(cmake/liborvel.pc.in ${generated}/liborvel.pc @ONLY)
 install(FILES ${generated}/liborvel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
 install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
+# Beside the examples as in the tree: the encoder in Python reads its codes there.
+install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT development PATTERN Doxyfile.in EXCLUDE)
 
 # ---- The command --------------------------------------------------------------------------------------------------
 
