@@ -330,7 +330,7 @@ typedef struct ovl_result {
     double t_start;    /* start of the frame; negative when it began before the block */
     double t_end;      /* end of the frame */
     double freq_hz;    /* carrier frequency in the middle of the frame, Hz */
-    double snr_db;     /* mean power over the frame against noise in 2500 Hz, dB; -99 when not measured */
+    double snr_db;     /* mean power over the frame against noise in 2500 Hz, dB; -99 or less: not measured */
     double drift_hz_s; /* frequency drift, Hz/s */
 } ovl_result;
 

@@ -38,7 +38,7 @@ class RunningProcess {
     std::optional<std::string> read_line(double seconds);  // without line feed; nothing when none comes in time
     std::string read_rest(double seconds);                 // up to the end of the output
     void send_signal(int signal);
-    pid_t pid() const { return pid_; }  // 0 when it has ended
+    pid_t pid() const { return pid_; }                  // 0 when it has ended
     std::optional<ProcessResult> wait(double seconds);  // nothing when the program does not end; `out` is not filled
 
   private:
