@@ -291,13 +291,13 @@ TEST_F(Completion, OfFishOffersValues) {
 }
 
 TEST_F(Completion, OfZshOffersTheSubcommandsAndTheirOptions) {
-    // Specifications are "(exclusions)name[explanation]:message:action", of which the first part may be missing.
-    static const std::regex specification(R"(^(?:\([^)]*\))?(-[-a-z]+)\[.*)");
+    // Each is "(exclusions)name[explanation]:message:action", of which the first part may be missing.
+    static const std::regex option_form(R"(^(?:\([^)]*\))?(-[-a-z]+)\[.*)");
     for (const std::string& subcommand : all_commands()) {
         Names offered;
         std::smatch match;
         for (const std::string& line : zsh_arguments(subcommand)) {
-            if (std::regex_match(line, match, specification)) offered.insert(match[1]);
+            if (std::regex_match(line, match, option_form)) offered.insert(match[1]);
         }
         EXPECT_EQ(offered, names_of(options_of(subcommand))) << subcommand;
     }
