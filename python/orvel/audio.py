@@ -9,12 +9,12 @@ import weakref
 from collections.abc import Sequence
 from dataclasses import dataclass
 from datetime import datetime
-from types import TracebackType
 
 import numpy as np
 
 from . import _checks as checks
 from ._errors import OrvelError
+from ._handle import Handle
 from ._library import lib
 from ._records import AudioDeviceRecord, AudioStatsRecord
 from .transmit import Progress, Step, Transmitter, TransmitSettings
@@ -110,7 +110,7 @@ def _error(handle: int) -> OrvelError:
     return OrvelError(message.decode("utf-8", "replace"))
 
 
-class Capture:
+class Capture(Handle):
     """Audio captured from a sound device, or pushed by the program; it runs from construction to close().
 
         with orvel.Capture() as capture, orvel.Decoder() as decoder:
@@ -121,6 +121,8 @@ class Capture:
 
     All methods may be called from any thread.
     """
+
+    _name = "capture"
 
     rate: int
     """Sample rate of the captured audio, Hz: the device's divided by a whole number, 12000 from 48000."""
@@ -138,7 +140,7 @@ class Capture:
         hertz = 0 if rate is None else checks.sample_rate(rate)
         kept_s = checks.real_number(seconds, "seconds", 1)
         handle = _create()
-        self._handle: int | None = handle
+        self._handle = handle
         self._end = weakref.finalize(self, _destroy, handle)
         self._lock = threading.Lock()
         with _devices_lock:
@@ -151,19 +153,6 @@ class Capture:
         with self._lock:
             self._handle = None
             self._end()
-
-    def __enter__(self) -> Capture:
-        return self
-
-    def __exit__(
-        self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None
-    ) -> None:
-        self.close()
-
-    def _open_handle(self) -> int:
-        if self._handle is None:
-            raise ValueError("the capture is closed")
-        return self._handle
 
     def last(self, n: int) -> checks.Float32Array:
         """The newest captured samples, at most n and at most what is kept, oldest first: shape (≤ n,), float32."""
@@ -212,7 +201,7 @@ def _end_player(audio: int, transmitter: Transmitter) -> None:
     transmitter.close()
 
 
-class Player:
+class Player(Handle):
     """A transmission played on a sound device; it runs from construction to its end or close().
 
         with orvel.Player(orvel.Frame("K2QRX"), at=datetime(2030, 1, 1, 12, tzinfo=timezone.utc)) as player:
@@ -220,6 +209,8 @@ class Player:
 
     All methods may be called from any thread.
     """
+
+    _name = "player"
 
     def __init__(
         self,
@@ -248,7 +239,7 @@ class Player:
             start_time = checks.real_number(at, "at")
         self._transmitter = Transmitter(steps, settings)
         handle = _create()
-        self._handle: int | None = handle
+        self._handle = handle
         self._end = weakref.finalize(self, _end_player, handle, self._transmitter)
         self._lock = threading.Lock()
         with _devices_lock:
@@ -261,19 +252,6 @@ class Player:
         with self._lock:
             self._handle = None
             self._end()
-
-    def __enter__(self) -> Player:
-        return self
-
-    def __exit__(
-        self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None
-    ) -> None:
-        self.close()
-
-    def _open_handle(self) -> int:
-        if self._handle is None:
-            raise ValueError("the player is closed")
-        return self._handle
 
     @property
     def active(self) -> bool:

@@ -7,10 +7,10 @@ import threading
 import weakref
 from collections.abc import Iterable
 from dataclasses import dataclass
-from types import TracebackType
 
 from . import _checks as checks
 from ._errors import OrvelError
+from ._handle import Handle
 from ._library import lib
 from ._records import HitRecord, ResultRecord, SettingsRecord
 from .protocols import Protocol
@@ -121,7 +121,7 @@ def _float_pointer(samples: checks.Float32Array) -> ctypes._Pointer[ctypes.c_flo
     return samples.ctypes.data_as(ctypes.POINTER(ctypes.c_float))
 
 
-class Decoder:
+class Decoder(Handle):
     """A decoder with its list of known callsigns and its working memory, for many blocks.
 
         with orvel.Decoder(known=["K2QRX"]) as decoder:
@@ -131,12 +131,14 @@ class Decoder:
     released while the library decodes.
     """
 
+    _name = "decoder"
+
     def __init__(self, known: str | Iterable[str] = (), search: Search = Search()) -> None:
         """Make a decoder; see set_known() for `known`. `search` is what its calls look for unless told otherwise."""
         handle = lib.ovl_create()
         if handle is None:
             raise MemoryError("no memory for a decoder")
-        self._handle: int | None = handle
+        self._handle = handle
         self._end = weakref.finalize(self, lib.ovl_destroy, handle)
         self._lock = threading.Lock()
         self.search = search
@@ -147,19 +149,6 @@ class Decoder:
         with self._lock:
             self._handle = None
             self._end()
-
-    def __enter__(self) -> Decoder:
-        return self
-
-    def __exit__(
-        self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None
-    ) -> None:
-        self.close()
-
-    def _open_handle(self) -> int:
-        if self._handle is None:
-            raise ValueError("the decoder is closed")
-        return self._handle
 
     def _error(self, handle: int) -> OrvelError:
         message: bytes = lib.ovl_last_error(handle)

@@ -7,12 +7,12 @@ import threading
 import weakref
 from collections.abc import Sequence
 from dataclasses import dataclass
-from types import TracebackType
 
 import numpy as np
 
 from . import _checks as checks
 from ._errors import OrvelError
+from ._handle import Handle
 from ._library import lib
 from ._records import TxProgressRecord, TxSettingsRecord, TxStepRecord
 from .protocols import Protocol, choose_protocol
@@ -105,7 +105,7 @@ def _step_record(step: object) -> TxStepRecord:
     raise TypeError(f"a step is {step!r}; Frame, Carrier or Pause is needed")
 
 
-class Transmitter:
+class Transmitter(Handle):
     """A sequence of steps that is rendered piece by piece.
 
         with orvel.Transmitter([orvel.Carrier(1), orvel.Pause(1), orvel.Frame("K2QRX")]) as transmitter:
@@ -114,6 +114,8 @@ class Transmitter:
 
     stop(), set_level() and progress() may be called from any thread at any moment; renders take turns.
     """
+
+    _name = "transmitter"
 
     def __init__(self, steps: Step | Sequence[Step], settings: TransmitSettings = TransmitSettings()) -> None:
         """Prepare 1 to 64 steps. Raises OrvelError for settings or steps that the library refuses."""
@@ -128,7 +130,7 @@ class Transmitter:
         handle = lib.ovl_tx_create()
         if handle is None:
             raise MemoryError("no memory for a transmitter")
-        self._handle: int | None = handle
+        self._handle = handle
         self._end = weakref.finalize(self, lib.ovl_tx_destroy, handle)
         self._life = threading.Lock()  # held while the handle is used briefly, or freed
         self._rendering = threading.Lock()
@@ -142,19 +144,6 @@ class Transmitter:
         with self._rendering, self._life:
             self._handle = None
             self._end()
-
-    def __enter__(self) -> Transmitter:
-        return self
-
-    def __exit__(
-        self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None
-    ) -> None:
-        self.close()
-
-    def _open_handle(self) -> int:
-        if self._handle is None:
-            raise ValueError("the transmitter is closed")
-        return self._handle
 
     def render(self, n: int) -> checks.Float32Array:
         """Render the next n samples, at least 1: mono, at the rate of the settings.
