@@ -32,9 +32,12 @@ std::vector<std::string> words_of(const std::string& text) {
 
 // ---- The command's help -------------------------------------------------------------------------------------------
 
-// Help of a subcommand, or of the command for "".
-std::string help_of(const std::string& subcommand) {
-    const ProcessResult result = orvel(subcommand.empty() ? Arguments{"--help"} : Arguments{subcommand, "--help"});
+// Help of a subcommand, or of the command for "", where $COLUMNS is as given.
+std::string help_of(const std::string& subcommand, const std::string& columns = "80") {
+    ProcessInput input;
+    input.environment = {{"COLUMNS", columns}};
+    const ProcessResult result =
+        orvel(subcommand.empty() ? Arguments{"--help"} : Arguments{subcommand, "--help"}, input);
     EXPECT_EQ(result.status, 0) << result.err;
     return result.out;
 }
@@ -60,20 +63,18 @@ Arguments all_commands() {
     return commands;
 }
 
-constexpr const char* OPTIONAL_VALUE = "=";  // behind an equals sign, or none: "--chips{1}" in the help
+constexpr const char* OPTIONAL_VALUE = "=";  // before the name of a value that may be missing: "--chips[=FRAME]"
 
-// What the help lists: names of an option and of its value, "" for a flag.
+// What the help lists: names of an option and of its value, "" for a flag. What continues a description is further in.
 std::map<std::string, std::string> options_of(const std::string& subcommand) {
-    static const std::regex pattern(R"(^  (-[^ {]+)(\{[^}]*\})?(?: ([A-Z][A-Z:,]*))?(?: .*)?$)");
-    static const std::regex type(R"(:(INT|UINT|FLOAT|TEXT|POSITIVE|NONNEGATIVE)$)");  // as checks add it
+    static const std::regex pattern(R"(^  (-[^ =\[]+)(?:\[(=[A-Z]+)\]| ([A-Z][A-Z:,]*))?(?:  .*)?$)");
     std::map<std::string, std::string> options;
     std::smatch match;
     for (const std::string& line : lines_of(help_of(subcommand))) {
-        if (!std::regex_match(line, match, pattern)) continue;
+        if (!line.starts_with("  -")) continue;
+        EXPECT_TRUE(std::regex_match(line, match, pattern)) << line;
         std::istringstream names(match[1]);
-        for (std::string name; std::getline(names, name, ',');) {
-            options[name] = match[2].matched ? OPTIONAL_VALUE : std::regex_replace(match[3].str(), type, "");
-        }
+        for (std::string name; std::getline(names, name, ',');) options[name] = match[2].str() + match[3].str();
     }
     EXPECT_TRUE(options.contains("--help")) << subcommand;
     return options;
@@ -83,6 +84,110 @@ Names names_of(const std::map<std::string, std::string>& options) {
     Names names;
     for (const auto& [name, value] : options) names.insert(name);
     return names;
+}
+
+// Columns of the widest line, in characters of UTF-8. A line of one word does not count: words stay whole.
+std::ptrdiff_t widest_line(const std::string& text) {
+    std::ptrdiff_t widest = 0;
+    for (const std::string& line : lines_of(text)) {
+        if (words_of(line).size() == 1) continue;
+        const auto begins = [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; };
+        widest = std::max(widest, std::count_if(line.begin(), line.end(), begins));
+    }
+    return widest;
+}
+
+// A text with one blank around each of its words.
+std::string in_one_line(const std::string& text) {
+    std::string line = " ";
+    for (const std::string& word : words_of(text)) line += word + " ";
+    return line;
+}
+
+TEST(Help, IsAsWideAsTheSurroundingsSay) {
+    // What is no width from 40 to 1000 is not believed; nothing is narrower than 60 or wider than 120.
+    const std::map<std::string, std::ptrdiff_t> widths = {{"80", 80},    {"120", 120}, {"97", 97},   {"40", 60},
+                                                          {"1000", 120}, {"39", 80},   {"1001", 80}, {"", 80},
+                                                          {"-97", 80},   {"97x", 80},  {"wide", 80}};
+    for (const auto& [columns, width] : widths) {
+        std::ptrdiff_t widest = 0;
+        for (const std::string& subcommand : all_commands()) {
+            widest = std::max(widest, widest_line(help_of(subcommand, columns)));
+        }
+        EXPECT_LE(widest, width) << "COLUMNS=" << columns;
+        EXPECT_GT(widest, width - 4) << "COLUMNS=" << columns;
+    }
+}
+
+TEST(Help, IsAsWideAsTheTerminal) {
+    for (const std::ptrdiff_t width : {72, 101}) {
+        ProcessInput input;
+        input.environment = {{"COLUMNS", "90"}};
+        const std::string script = "stty cols " + std::to_string(width) + " && '" ORVEL_COMMAND "' decode --help";
+        const ProcessResult result = run_process({"/usr/bin/script", "-qec", script, "/dev/null"}, input);
+        EXPECT_EQ(result.status, 0) << result.out << result.err;
+        const std::ptrdiff_t widest = widest_line(std::regex_replace(result.out, std::regex("\r"), ""));
+        EXPECT_LE(widest, width) << result.out;
+        EXPECT_GT(widest, width - 10) << result.out;
+    }
+}
+
+TEST(Help, BreaksLinesBetweenWordsAndLosesNone) {
+    for (const std::string& subcommand : all_commands()) {
+        const std::string words = in_one_line(help_of(subcommand, "120"));
+        EXPECT_EQ(in_one_line(help_of(subcommand, "60")), words);
+        EXPECT_EQ(in_one_line(help_of(subcommand, "80")), words);
+    }
+    // The completions have the descriptions whole.
+    static const std::regex option(R"(.* -n '(?:__fish_seen_subcommand_from )?([a-z_]+)'.* -d '(.*)')");
+    int32_t descriptions = 0;
+    for (const std::string& line : lines_of(contents(ORVEL_COMPLETIONS "/orvel.fish"))) {
+        std::smatch match;
+        if (!std::regex_match(line, match, option)) continue;
+        descriptions++;
+        const std::string description = std::regex_replace(match[2].str(), std::regex(R"(\\(.))"), "$1");
+        const std::string help = in_one_line(help_of(match[1] == "__fish_use_subcommand" ? "" : match[1].str()));
+        EXPECT_NE(help.find(in_one_line(description)), std::string::npos) << line;
+    }
+    EXPECT_GT(descriptions, 70);
+}
+
+TEST(Help, GoesOnUnderTheDescription) {
+    const std::string help = help_of("listen");
+    EXPECT_NE(help.find("\n  --start TIME          UTC time of the first sample of standard input:\n"
+                        "                        12:00[:00] (the last such) or"),
+              std::string::npos)
+        << help;
+    // A table in a footer likewise.
+    EXPECT_NE(help_of("simulate")
+                  .find("\n  ,fading=NAME          Watterson channel: good (spread 0.1 Hz, delay 0.5 ms),\n"
+                        "                        moderate (0.5, 1), poor (1, 2)\n"
+                        "  ,spread=HZ            its Doppler spread"),
+              std::string::npos);
+}
+
+TEST(Help, SaysInWordsWhatDescriptionsLeaveUnsaid) {
+    const std::string decode = in_one_line(help_of("decode"));
+    for (const char* text :
+         {"FILE... Recordings: ", " --channel N Channel ", " [mean] (1 to 1024) ",
+          " [all that the sample rate holds] (needs --wide) ", "so many seconds, 60 to 3600 [by rate] -"}) {
+        EXPECT_NE(decode.find(text), std::string::npos) << text << "\n" << decode;
+    }
+    EXPECT_NE(in_one_line(help_of("send"))
+                  .find(" --times N Number of transmissions [without end] "
+                        "(above 0; needs --every) "),
+              std::string::npos);
+    EXPECT_NE(in_one_line(help_of("encode")).find(" (not with --json) "), std::string::npos);
+    EXPECT_NE(in_one_line(help_of("render")).find(" -o,--output FILE WAV file to write (required) "),
+              std::string::npos);
+    EXPECT_NE(help_of("plot").find("\n  --chips[=FRAME]       Draw"), std::string::npos);
+    for (const std::string& subcommand : all_commands()) {
+        const std::string help = help_of(subcommand);
+        for (const char* text : {"REQUIRED", "Needs:", "Excludes:", "TEXT ", ":INT", ":FLOAT", " in [", "{"}) {
+            if (subcommand == "plot" && text == std::string("TEXT ")) continue;  // the value of --title
+            EXPECT_EQ(help.find(text), std::string::npos) << text << "\n" << help;
+        }
+    }
 }
 
 // ---- Manual pages -------------------------------------------------------------------------------------------------
@@ -107,12 +212,12 @@ std::vector<std::string> section(const std::string& page, const std::string& hea
 // its value.
 void add_options(const std::string& line, std::map<std::string, std::string>& options) {
     std::vector<std::string> names;
-    std::string value;
+    std::string equals, value;
     const std::vector<std::string> words = words_of(line);
     for (std::size_t k = 0; k + 1 < words.size(); k++) {
         if (words[k] == "Fl" || words[k] == ".Fl") names.push_back("-" + words[k + 1]);
-        if (words[k] == OPTIONAL_VALUE) value = OPTIONAL_VALUE;
-        if (words[k] == "Ar" && value != OPTIONAL_VALUE) value = words[k + 1];
+        if (words[k] == OPTIONAL_VALUE) equals = OPTIONAL_VALUE;
+        if (words[k] == "Ar") value = equals + words[k + 1];
     }
     for (const std::string& name : names) options[name] = value;
 }

@@ -2,10 +2,12 @@
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <exception>
+#include <memory>
 #include <new>
 #include <string>
 
 #include "console.h"
+#include "help.h"
 #include "liborvel.h"
 #include "subcommands.h"
 
@@ -16,6 +18,7 @@ int run_command(int argc, char** argv) {
     CLI::App app("Encoder and decoder for slow, weak radio beacons", "orvel");
     app.set_version_flag("--version", std::string("orvel ") + ovl_version());
     app.require_subcommand(1);
+    app.formatter(std::make_shared<HelpFormatter>());  // before the subcommands, which inherit it
     add_subcommands(app, status);
 
     if (argc < 2) {

@@ -223,7 +223,7 @@ void add_plot(CLI::App& app, int& status) {
         ->type_name("FILE");
     sub->add_flag("--chips{1}", options->chips,
                   "Draw the chips of one frame: --chips=K2QRX, or --chips=2 for the second that decode lists [1]")
-        ->type_name("");
+        ->type_name("FRAME");
     add_recording_options(*sub, options->recording);
     sub->add_option("--from", options->from_s, "First second to show [0]")
         ->type_name("SECONDS")
