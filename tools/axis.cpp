@@ -19,7 +19,7 @@ std::vector<double> multiples(double low, double high, double step) {
     constexpr double SLACK = 1e-9;
     const double first = std::ceil(low / step - SLACK);
     const double last = std::floor(high / step + SLACK);
-    for (double index = first; index <= last && values.size() < 1000; index++) values.push_back(index * step);
+    for (int32_t k = 0; k < 1000 && first + k <= last; k++) values.push_back((first + k) * step);
     return values;
 }
 

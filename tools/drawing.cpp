@@ -263,10 +263,11 @@ void draw_energy_axis(Canvas& canvas, double size, const ChipRow& row) {
         canvas.text({row.area.left - 0.5 * size, y + 0.33 * size}, label, {0.9 * size, INK, Align::RIGHT});
     };
     tick(0, "0");
-    for (int step = 0; step < 12; step++, decade *= 10) {
+    for (int step = 0; step < 12; step++) {
         for (const double factor : {1.0, 2.0, 5.0}) {
             if (std::sqrt(factor * decade) < row.most) tick(factor * decade, cell(factor * decade, 0));
         }
+        decade *= 10;
     }
 }
 

@@ -11,10 +11,7 @@
 class GaussianSource {
   public:
     // Streams of one seed are independent of each other.
-    GaussianSource(uint64_t seed, uint32_t stream) {
-        std::seed_seq sequence{static_cast<uint32_t>(seed), static_cast<uint32_t>(seed >> 32), stream};
-        engine_.seed(sequence);
-    }
+    GaussianSource(uint64_t seed, uint32_t stream) : engine_(make_engine(seed, stream)) {}
 
     double uniform() { return static_cast<double>(engine_() >> 11) * 0x1p-53; }  // in [0, 1)
 
@@ -38,6 +35,11 @@ class GaussianSource {
     }
 
   private:
+    static std::mt19937_64 make_engine(uint64_t seed, uint32_t stream) {
+        std::seed_seq sequence{static_cast<uint32_t>(seed), static_cast<uint32_t>(seed >> 32), stream};
+        return std::mt19937_64(sequence);
+    }
+
     std::mt19937_64 engine_;
     double spare_ = 0;
     bool has_spare_ = false;
