@@ -69,14 +69,20 @@ class Air {
         const auto pick = [this](const auto& from) {
             return from[static_cast<std::size_t>(random_.integer(0, static_cast<int32_t>(from.size()) - 1))];
         };
+        // A station has one transmitter: of those drawn, who is on the air already lets the next one go.
+        const auto pick_free = [&](double t) {
+            auto k = static_cast<std::size_t>(random_.integer(0, static_cast<int32_t>(calls.size()) - 1));
+            while (is_busy(calls[k], t)) k = (k + 1) % calls.size();
+            return calls[k];
+        };
         for (double t = 15; t < seconds; t += random_.uniform(30, 240)) {
             const double low_hz = random_.uniform(1330, 1480);
             const uint32_t protocol = pick(PROTOCOLS);
-            const std::string call = pick(calls);
+            const std::string call = pick_free(t);
             send(protocol, call, pick(LOCATORS), t, low_hz, random_.uniform(-25, -8));
             const int32_t chance = random_.integer(0, 5);
             if (chance == 0) {  // another one at the same time
-                send(pick(PROTOCOLS), pick(calls), pick(LOCATORS), t + random_.uniform(-10, 20),
+                send(pick(PROTOCOLS), pick_free(t), pick(LOCATORS), t + random_.uniform(-10, 20),
                      low_hz + random_.uniform(60, 190), random_.uniform(-25, -8));
             } else if (chance == 1) {  // the same again, as soon as can be
                 t += frame_seconds(frames_.back()) + random_.uniform(1, 5);
@@ -107,6 +113,13 @@ class Air {
     }
 
   private:
+    bool is_busy(const std::string& call, double t) const {
+        constexpr double NEAR_S = 62;  // the longest frame, and what another one is put off by at most
+        return std::any_of(frames_.begin(), frames_.end(), [&](const Frame& frame) {
+            return frame.call == call && std::fabs(frame.start - t) < NEAR_S;
+        });
+    }
+
     void send(uint32_t protocol, const std::string& call, const std::string& locator, double t, double freq,
               double snr) {
         Station station;
@@ -160,6 +173,20 @@ auto times_in(const std::vector<Frame>& frames, const Frame& wanted) {
     return std::count_if(frames.begin(), frames.end(), [&](const Frame& frame) { return same_frame(frame, wanted); });
 }
 
+// A look of the listener leaves out what ended before, and may meet the rest of it. A fragment of a strong OPERA frame
+// passes the short CRC by chance now and then, once in the first day that was listened through; none is forgiven in a
+// run shorter than this.
+constexpr double HOURS_PER_FALSE_DECODE = 6;
+
+// Whether a frame that nobody sent can be such a fragment: at the place of a stronger one, beside it in time.
+bool may_be_left_over(const std::vector<Frame>& sent, const Frame& frame) {
+    constexpr double SAME_PLACE_HZ = 3 / CHIP_SECONDS;
+    return frame.protocol == ovl_proto_name(OVL_OPERA) && std::any_of(sent.begin(), sent.end(), [&](const Frame& real) {
+               return real.snr > frame.snr && std::fabs(real.freq - frame.freq) < SAME_PLACE_HZ &&
+                      real.start < frame.start + frame_seconds(frame) && frame.start < real.start + frame_seconds(real);
+           });
+}
+
 double hours_wanted() {
     const char* const text = std::getenv("ORVEL_HOURS");
     return text == nullptr ? SHORT_HOURS : std::clamp(std::atof(text), 0.1, LONGEST_HOURS);
@@ -191,7 +218,7 @@ using Days = TestWithFiles;
 // Every frame that the decoder of recordings finds is printed once, in order of the frames' ends. The two search
 // different blocks: what one finds at the edge of readability may escape the other. Held against each other are:
 //   found in the recording    printed exactly once, without exception
-//   printed                   somebody sent it, and then
+//   printed                   somebody sent it, and then; but see may_be_left_over
 //   sent well readable        found by both
 TEST_F(Days, ListeningPrintsWhatTheRecordingHoldsOnceAtTheRightTimeInMemoryThatStaysFlat) {
     const auto minutes = static_cast<int64_t>(std::ceil(60 * hours_wanted()));
@@ -260,10 +287,19 @@ TEST_F(Days, ListeningPrintsWhatTheRecordingHoldsOnceAtTheRightTimeInMemoryThatS
               << found.size() << " found in the recording, " << printed.size() << " printed" << std::endl;
 
     for (const Frame& frame : found) EXPECT_EQ(times_in(printed, frame), 1) << frame;
+    std::size_t false_decodes = 0;
     for (const Frame& frame : printed) {
-        EXPECT_EQ(times_in(air.frames(), frame), 1) << "nobody sent " << frame;
         EXPECT_EQ(times_in(printed, frame), 1) << "twice: " << frame;
+        const auto sent = times_in(air.frames(), frame);
+        if (sent == 0 && may_be_left_over(air.frames(), frame)) {
+            std::cout << "nobody sent " << frame << std::endl;
+            false_decodes++;
+        } else {
+            EXPECT_EQ(sent, 1) << "nobody sent " << frame;
+        }
     }
+    std::cout << false_decodes << " false decodes" << std::endl;
+    EXPECT_LE(false_decodes, static_cast<std::size_t>(seconds / HOUR_S / HOURS_PER_FALSE_DECODE));
     std::size_t readable = 0;
     for (const Frame& sent : air.frames()) {
         if (sent.snr < -16 || sent.start + frame_seconds(sent) > seconds) continue;
