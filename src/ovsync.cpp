@@ -378,8 +378,8 @@ int32_t thin_out(const ov_specmap& map, std::span<const ov_cand> sorted, std::sp
 // |Σ x[k]·e^(−jθk)|² over n samples. Several phasors take turns, each advanced by as many rotations a time: one alone
 // would have to wait for its own last product.
 ORVEL_MULTIVERSION double tone_energy(const Complex* x, int32_t n, const Complex& rotation) {
-    Doubles8 phasor_re;
-    Doubles8 phasor_im;
+    Doubles8 phasor_re{};
+    Doubles8 phasor_im{};
     Complex turn = 1;
     for (std::size_t j = 0; j < DOUBLES; j++) {
         phasor_re[j] = turn.real();
