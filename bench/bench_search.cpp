@@ -6,12 +6,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <string>
 #include <vector>
 
-#include "liborvel.h"
 #include "orvel.h"
 #include "ovpipe.h"
+#include "scenes.h"
 #include "siggen.h"
 #include "sync_model.h"
 
@@ -25,27 +24,6 @@ double cpu_seconds() {
     timespec now{};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
     return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
-}
-
-Scene make_scene(double seconds) {
-    Scene scene;
-    scene.rate = RATE;
-    scene.seconds = seconds;
-    Random random(3);
-    for (int32_t i = 0; i < 10; i++) {
-        const uint32_t protocol = 1u << (i % 3);
-        const auto n_chips = static_cast<std::size_t>(ovl_frame_chips(protocol));
-        std::string call = random.callsign();
-        std::erase(call, ' ');
-        Station station;
-        station.chips.resize(n_chips);
-        ovl_encode(protocol, call.c_str(), "JO62", station.chips.data(), static_cast<int32_t>(n_chips));
-        station.t_start = random.uniform(0, std::max(0.0, seconds - 42));
-        station.freq_hz = 1320 + 36.0 * i;
-        station.snr_db = random.uniform(-22, -12);
-        scene.stations.push_back(station);
-    }
-    return scene;
 }
 
 // Differences of single-precision scores in the last bits may turn two neighbours round: the same number of candidates,
@@ -93,7 +71,7 @@ int main(int argc, char** argv) {
     }
     ov_params params;
     ov_params_default(params);
-    const std::vector<double> audio = render_real(make_scene(seconds));
+    const std::vector<double> audio = render_real(busy_scene(seconds, RATE, 10));
     ov_baseband bb{};
     ov_specmap map{};
     if (ov_baseband_real(audio.data(), static_cast<int32_t>(audio.size()), RATE, params.center_hz, 500, bb) != 0 ||
