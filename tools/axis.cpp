@@ -36,7 +36,7 @@ double round_step(double low, double high, int32_t most) {
 std::string number_text(double value, int decimals) {
     if (std::abs(value) < 0.5 * std::pow(10.0, -decimals)) value = 0;
     std::array<char, 64> text{};
-    std::snprintf(text.data(), text.size(), "%.*f", decimals, std::abs(value));
+    std::snprintf(text.data(), text.size(), "%.*f", decimals, std::fabs(value));
     return (value < 0 ? MINUS : "") + std::string(text.data());
 }
 
