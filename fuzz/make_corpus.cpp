@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <vector>
 
 #include "decode_settings.h"
@@ -84,17 +85,20 @@ class Seed {
         return part(Part::ANYTHING).integer(place, 0, n - 1).integer(edge, 0, 15);
     }
 
-    // A search in an ordinary block.
-    Seed& settings(double center_hz, double search_hz, int32_t rate, int32_t protocols = 7, bool known_only = false) {
+    // A search in an ordinary block, of frames that end between two times.
+    Seed& settings(double center_hz, double search_hz, int32_t rate, int32_t protocols = 7, bool known_only = false,
+                   std::optional<double> end_min = {}, std::optional<double> end_max = {}) {
         flag(protocols != 7);
         if (protocols != 7) raw(protocols);
-        return mostly(center_hz, 0, std::clamp(rate, 1, 8000) / 2.0)
+        mostly(center_hz, 0, std::clamp(rate, 1, 8000) / 2.0)
             .mostly(search_hz, 0, MAX_SEARCH_HZ)
             .flag(false)
             .integer(2, 0, 2)
             .integer(known_only ? 7 : 0, 0, 7)
-            .flag(false)
-            .flag(false);
+            .flag(end_min.has_value());
+        if (end_min) mostly(*end_min, -10, 60);
+        flag(end_max.has_value());
+        return end_max ? mostly(*end_max, -1, 60) : *this;
     }
 
     void save(const std::string& fuzzer, const std::string& seed) const { write(fuzzer, seed, bytes_); }
@@ -241,6 +245,12 @@ void blocks() {
         .part(Part::END);
     whole(crowded.settings(60, 24, RATE, 1));
     crowded.settings(62, 6, RATE, 3).flag(true).flag(true).mostly(4, 0, 60).save("decode", "crowded_then_recent");
+
+    // The one and then the other.
+    Seed windows = decode_block("", 11500);
+    windows.noise(7, 0.2).frame(0, "K2QRX", "", 1, 45, 1, RATE).frame(0, "G4QZB", "", 12, 75, 1, RATE).part(Part::END);
+    whole(windows.settings(60, 24, RATE, 1, false, 38, {}));
+    whole(windows.settings(60, 24, RATE, 1, false, {}, 36)).save("decode", "windows");
 
     Seed over_the_edge = decode_block("", 7000);
     over_the_edge.noise(4, 0.2).frame(0, "DL1QXA", "", -5, 60, 1, RATE).part(Part::END);
