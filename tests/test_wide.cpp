@@ -379,6 +379,14 @@ TEST(WideDecode, WithoutTilesOrRoomThereAreNoSpots) {
               0);
 }
 
+TEST(WideDecode, WithTooLittleRoomATileGivesItsFirstSpots) {
+    const IqSamples iq = render(66, 1000, 4, {opera("AA1AA", 1, 0, -8), opera("BB2BB", 34, 5, -5)});
+    ASSERT_EQ(calls(decode(iq, 1000, opera_band(0, 450), 20)), (std::vector<std::string>{"AA1AA", "BB2BB"}));
+    const Outcome cut = decode(iq, 1000, opera_band(0, 450), 20, 1, 1);
+    expect_equal(cut, model(iq, 1000, opera_band(0, 450), 20, 1, 1));
+    EXPECT_EQ(calls(cut), (std::vector<std::string>{"AA1AA"}));
+}
+
 TEST(WideDecode, TellsWhatTheScanFoundAndWhichTileItLooksAt) {
     const IqSamples iq = three_strengths();
     ov_params params = opera_band(0, 900);
