@@ -408,6 +408,23 @@ TEST_F(AirCommands, ListeningFindsWhatTheDecoderFindsEachFrameOnceInOrderOfItsEn
     }
 }
 
+// Where a look does not see the whole of a strong frame, what it sees of it hides a weaker one that follows.
+TEST_F(AirCommands, AWeakFrameIsHeardThatFollowsAStrongOne) {
+    Scene scene;
+    scene.rate = 8000;
+    scene.seconds = 85;
+    scene.seed = 2;
+    scene.stations = {station(OVL_ORVEL_S, "K2QRX", "", 8.5, 1359, -8.5, 0.03),
+                      station(OVL_ORVEL_S, "K2QRX", "", 40.5, 1359, -18.7, 0.03)};
+    const ProcessResult result = listen(write("audio.raw", s16_bytes(quantised(scene))),
+                                        {"--rate=8000", MIDNIGHT, "--json", "--center=1360", "--search=30"}, "4");
+    EXPECT_EQ(result.status, 0);
+    const auto heard = all_heard(result.out);
+    ASSERT_EQ(heard.size(), 2u) << result.out;
+    EXPECT_NEAR(heard[0].start, 8.5, 0.1);
+    EXPECT_NEAR(heard[1].start, 40.5, 0.1);
+}
+
 TEST_F(AirCommands, EveryFormOfTheSameSamplesGivesTheSameSpots) {
     const std::vector<int16_t>& mono = short_audio();
     const std::vector<float> floats = as_float(mono);

@@ -16,11 +16,11 @@
 
 namespace {
 
-constexpr double EDGE_S = 10;                 // a frame may begin so long before its block, and a little more
-constexpr double CANDIDATES_PER_MINUTE = 30;  // the library's default suits a block of a minute
-constexpr double SPOTS_PER_MINUTE = 64;       // as the library reports from a block
-constexpr int32_t MAX_TILES = 1000;           // in a block
-constexpr double OVERLAP_S = 50;              // of blocks: the longest frame and a little more
+constexpr double EDGE_S = 10;  // a frame may begin so long before its block, and a little more
+constexpr double CANDIDATES_PER_MINUTE = 120;
+constexpr double SPOTS_PER_MINUTE = 64;  // as the library reports from a block
+constexpr int32_t MAX_TILES = 1000;      // in a block
+constexpr double OVERLAP_S = 50;         // of blocks: the longest frame and a little more
 constexpr double LEAST_BLOCK_S = 90;
 constexpr double MOST_BLOCK_S = 300;
 constexpr double BLOCK_SAMPLES = 1.8e7;
@@ -41,13 +41,17 @@ std::string refusal(const Stretch& block, int32_t rate) {
     return "the search band does not fit the recording, or memory is short";
 }
 
-// Decodes a block; nothing when the pipeline refuses it. A long block gets as many candidates a minute as a short one.
+double started_minutes(double seconds) {
+    return std::max(1.0, std::ceil(seconds / 60));
+}
+
+// Decodes a block; nothing when the pipeline refuses it.
 std::optional<std::vector<ov_spot>> decode_block(const Stretch& block, int32_t rate, const DecodingOptions& options,
                                                  ov_params params) {
-    const double minutes = std::max(1.0, std::ceil(static_cast<double>(block.x.size()) / rate / 60));
-    params.max_cands = static_cast<int32_t>(std::min(CANDIDATES_PER_MINUTE * minutes, 1e6));
-    std::vector<ov_spot> spots(
-        static_cast<std::size_t>(std::min(SPOTS_PER_MINUTE * minutes + (options.wide ? MAX_TILES : 0), 1e6)));
+    const double seconds = static_cast<double>(block.x.size()) / rate;
+    params.max_cands = candidates_to_examine(seconds);
+    std::vector<ov_spot> spots(static_cast<std::size_t>(
+        std::min(SPOTS_PER_MINUTE * started_minutes(seconds) + (options.wide ? MAX_TILES : 0), 1e6)));
     const auto room = static_cast<int32_t>(spots.size());
     const auto n = static_cast<int32_t>(block.x.size());
     const double* const x = block.x.data();
@@ -95,6 +99,10 @@ ov_params decode_params(const DecodingOptions& options, const std::vector<ovc_kn
     params.known_only = options.search.known_only ? 1 : 0;
     params.verbose = options.verbose ? 1 : 0;
     return params;
+}
+
+int32_t candidates_to_examine(double seconds) {
+    return static_cast<int32_t>(std::min(CANDIDATES_PER_MINUTE * started_minutes(seconds), 1e6));
 }
 
 Band whole_band(const DecodingOptions& options, const Recording& recording) {

@@ -28,6 +28,10 @@ struct DecodingOptions {
 // `known` must outlive the result. Throws CLI::ValidationError.
 ov_params decode_params(const DecodingOptions& options, const std::vector<ovc_known>& known);
 
+// How many candidates of each protocol to examine in a block of so many seconds. A strong frame comes with a dozen
+// others at its sides; the library's 30, for a minute, are used up by three such frames.
+int32_t candidates_to_examine(double seconds);
+
 // All that the sample rate of a recording holds.
 Band whole_band(const DecodingOptions& options, const Recording& recording);
 

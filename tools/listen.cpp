@@ -1,5 +1,5 @@
-// Audio from either source goes through the library's capture ring; every few seconds the ring's newest minute is
-// decoded for frames that have just ended.
+// Audio from either source goes through the library's capture ring; every few seconds what the ring holds is decoded,
+// and the frames that have just ended are taken.
 #include "listen.h"
 
 #include <poll.h>
@@ -23,6 +23,7 @@
 
 #include "audio.h"
 #include "console.h"
+#include "decoding.h"
 #include "json.h"
 #include "patience.h"
 #include "recording.h"
@@ -33,7 +34,7 @@
 
 namespace {
 
-constexpr double BLOCK_S = 60;     // decoded at a time; the longest frame is 41 s
+constexpr double BLOCK_S = 90;     // decoded at a time: two of the longest frames, and what came since the last look
 constexpr double SHORTEST_S = 20;  // less cannot hold enough of a frame
 constexpr double POLL_S = 0.05;
 constexpr double STALL_S = 5;      // without a captured sample: the device stands still
@@ -46,7 +47,7 @@ constexpr int32_t MAX_CHANNELS = 16;
 constexpr int32_t MIN_RATE = 8000;
 constexpr int32_t MAX_RATE = 384000;
 constexpr double DAY_S = 86400;
-constexpr int MAX_RESULTS = 64;
+constexpr int32_t MAX_SPOTS = 256;
 constexpr int32_t MAX_TRIES = 3;
 
 // The command line, as typed.
@@ -61,24 +62,6 @@ struct Options {
     double every_s = 4;
     bool json = false;
 };
-
-struct DestroyDecoder {
-    void operator()(ovl_decoder* decoder) const noexcept { ovl_destroy(decoder); }
-};
-using DecoderPtr = std::unique_ptr<ovl_decoder, DestroyDecoder>;
-
-ov_spot to_spot(const ovl_result& result, double block_s) {
-    ov_spot spot{};
-    std::copy(std::begin(result.call), std::end(result.call), spot.call);
-    std::copy(std::begin(result.locator), std::end(result.locator), spot.locator);
-    spot.protocol = result.protocol;
-    spot.deep = result.deep;
-    spot.t = block_s + result.t_start;
-    spot.freq = result.freq_hz;
-    spot.snr = result.snr_db;
-    spot.drift = result.drift_hz_s;
-    return spot;
-}
 
 // Tells when captured samples were on the air. Buffers arrive late by more or less: of those of the last seconds the
 // one that came soonest is right.
@@ -104,31 +87,11 @@ class SampleClock {
     double since_ = 0;
 };
 
-// What is searched for, as the library takes it.
-struct SearchFor {
-    ovl_settings settings;
-    std::string known;
-};
-
-SearchFor search_for(const SearchOptions& options) {
-    SearchFor search;
-    ovl_settings_default(&search.settings);
-    search.settings.protocols = protocol_mask(options);
-    search.settings.center_hz = options.center_hz.value_or(search.settings.center_hz);
-    search.settings.search_hz = options.search_hz;
-    search.settings.spread_hz = options.spread_hz;
-    search.settings.known_only = options.known_only ? 1 : 0;
-    for (const ovc_known& known : known_callsigns(options)) search.known += std::string(known.display) + " ";
-    return search;
-}
-
 // Decodes the ring again and again and prints the spots. All is reckoned in captured seconds until it is printed.
 class Listener {
   public:
-    Listener(const Options& options, const SearchFor& search, ovl_audio* audio)
-        : options_(options), audio_(audio), decoder_(ovl_create()), settings_(search.settings) {
-        if (!decoder_) throw std::bad_alloc();
-        ovl_set_known(decoder_.get(), search.known.c_str());
+    Listener(const Options& options, const ov_params& params, ovl_audio* audio)
+        : options_(options), audio_(audio), params_(params) {
         if (!options.json) print(spot_header(format("%22s", "UTC")));
     }
 
@@ -164,7 +127,7 @@ class Listener {
     StatusLine& line() { return line_; }
 
   private:
-    // Copies the newest minute. Returns how many seconds had been captured with its last sample.
+    // Copies what the ring holds. Returns how many seconds had been captured with its last sample.
     double copy_block() {
         ovl_audio_stats before;
         ovl_audio_stats after;
@@ -182,32 +145,38 @@ class Listener {
 
     void look_now(bool last) {
         const double captured_s = copy_block();
-        const auto n = static_cast<int32_t>(block_.size());
-        const double seconds = static_cast<double>(n) / std::max(rate_, 1);
+        const double seconds = static_cast<double>(block_.size()) / std::max(rate_, 1);
         if (seconds < SHORTEST_S) return;
-
-        std::array<ovl_result, MAX_RESULTS> results;
-        // Twice over, and all that has come since the last look, should that have taken long.
-        const double recent_s = std::max(2 * options_.every_s, captured_s - looked_s_ + options_.every_s);
-        looked_s_ = captured_s;
-        int32_t count = 0;
-        if (last) {
-            ovl_settings settings = settings_;
-            settings.end_min = seconds - recent_s;
-            count = ovl_decode(decoder_.get(), block_.data(), n, rate_, &settings, results.data(), MAX_RESULTS);
-        } else {
-            count = ovl_decode_recent(decoder_.get(), block_.data(), n, rate_, &settings_, recent_s, results.data(),
-                                      MAX_RESULTS);
-        }
-        if (count < 0) {
-            complain(ovl_last_error(decoder_.get()));
+        auto spots = decode_block(seconds, last);
+        if (!spots) {
+            complain("block too short or invalid for decoding");
             return;
         }
         complaint_.clear();
-        std::vector<ov_spot> spots;
-        std::transform(results.begin(), results.begin() + count, std::back_inserter(spots),
-                       [&](const ovl_result& result) { return to_spot(result, captured_s - seconds); });
-        log_.add(spots);
+
+        // Twice over, and all that has come since the last look, should that have taken long.
+        const double recent_s = std::max(2 * options_.every_s, captured_s - looked_s_ + options_.every_s);
+        looked_s_ = captured_s;
+        std::erase_if(*spots, [&](const ov_spot& spot) { return spot_end(spot) < seconds - recent_s; });
+        for (ov_spot& spot : *spots) spot.t += captured_s - seconds;
+        log_.add(*spots);
+    }
+
+    // The whole block is decoded, though all but the newest frames were found before: a strong frame hides the phantoms
+    // that parts of it would be, and where it stays out of sight they are taken for frames or hide a weaker one that
+    // follows. For the same reason ovl_decode_recent() is not enough: it examines too few candidates to get past those
+    // of ten strong frames.
+    std::optional<std::vector<ov_spot>> decode_block(double seconds, bool last) {
+        samples_.assign(block_.begin(), block_.end());
+        ov_params params = params_;
+        params.max_cands = candidates_to_examine(seconds);
+        if (!last) params.end_max = seconds;
+        std::vector<ov_spot> spots(MAX_SPOTS);
+        const int32_t count = ov_decode_real(samples_.data(), static_cast<int32_t>(samples_.size()), rate_, params,
+                                             spots.data(), MAX_SPOTS);
+        if (count < 0) return std::nullopt;
+        spots.resize(static_cast<std::size_t>(count));
+        return spots;
     }
 
     // Says once what is wrong until it is right again.
@@ -242,9 +211,9 @@ class Listener {
 
     const Options& options_;
     ovl_audio* audio_;
-    DecoderPtr decoder_;
-    ovl_settings settings_;
+    ov_params params_;
     std::vector<float> block_;
+    std::vector<double> samples_;  // of the block, as the decoder takes them
     int32_t rate_ = 0;
     SpotLog log_{SpotLog::Order::END};
     StatusLine line_;
@@ -368,7 +337,7 @@ class OverflowReport {
     double reported_at_ = 0;
 };
 
-int listen_to_device(const Options& options, const SearchFor& search, ovl_audio* audio) {
+int listen_to_device(const Options& options, const ov_params& params, ovl_audio* audio) {
     const int32_t device = find_device(options.device, Direction::INPUT);
     Capture capture(audio, device, options.rate);
     if (!capture.open()) {
@@ -379,7 +348,7 @@ int listen_to_device(const Options& options, const SearchFor& search, ovl_audio*
         capture.close();
         return EXIT_FAILED;
     }
-    Listener listener(options, search, audio);
+    Listener listener(options, params, audio);
     SampleClock clock;
     const auto utc = [&](double captured_s) { return clock.utc(captured_s); };
     OverflowReport overflows;
@@ -471,7 +440,7 @@ class RawInput {
     bool failed_ = false;
 };
 
-int listen_to_stdin(const Options& options, const SearchFor& search, ovl_audio* audio) {
+int listen_to_stdin(const Options& options, const ov_params& params, ovl_audio* audio) {
     std::optional<double> start;
     if (!options.start.empty()) {
         start = parse_utc(options.start, utc_now() - DAY_S);  // a time of day is the last such one
@@ -482,7 +451,7 @@ int listen_to_stdin(const Options& options, const SearchFor& search, ovl_audio* 
         return EXIT_FAILED;
     }
     if (!check_rate(audio)) return EXIT_FAILED;
-    Listener listener(options, search, audio);
+    Listener listener(options, params, audio);
     RawInput input(options);
     SampleClock clock;
     ovl_audio_stats stats{};
@@ -510,11 +479,14 @@ int listen(Options& options) {
     if (options.rate != 0 && (options.rate < MIN_RATE || options.rate > MAX_RATE)) {
         throw CLI::ValidationError("--rate: 8000 to 384000 Hz");
     }
-    const SearchFor search = search_for(options.search);
+    DecodingOptions decoding;
+    decoding.search = options.search;
+    const std::vector<ovc_known> known = known_callsigns(options.search);
+    const ov_params params = decode_params(decoding, known);
     const AudioObject audio = make_audio();
     watch_interrupts();
-    return options.from_stdin ? listen_to_stdin(options, search, audio.get())
-                              : listen_to_device(options, search, audio.get());
+    return options.from_stdin ? listen_to_stdin(options, params, audio.get())
+                              : listen_to_device(options, params, audio.get());
 }
 
 }  // namespace
