@@ -408,6 +408,26 @@ TEST_F(AirCommands, ListeningFindsWhatTheDecoderFindsEachFrameOnceInOrderOfItsEn
     }
 }
 
+// Each strong frame brings candidates at its sides, which must not keep the decoder from looking at others.
+TEST_F(AirCommands, TenStrongStationsAtOnceAreAllFound) {
+    Scene scene;
+    scene.rate = 8000;
+    scene.seconds = 90;
+    scene.seed = 1;
+    scene.stations = {
+        station(OVL_OPERA, "K2QRX", "", 5, 1350, -10),        station(OVL_OPERA, "DL1QXA", "", 20, 1385, -12),
+        station(OVL_OPERA, "G4QZB", "", 40, 1420, -15),       station(OVL_ORVEL_S, "OH3QKJ", "", 10, 1455, -12),
+        station(OVL_ORVEL_S, "F5QVB", "", 30, 1490, -14),     station(OVL_ORVEL_S, "SM5QAB", "", 50, 1525, -16),
+        station(OVL_ORVEL_L, "OK2QJB", "JO70", 3, 1560, -13), station(OVL_ORVEL_L, "JA1QX", "PM95", 25, 1590, -12),
+        station(OVL_ORVEL_L, "VK2QQ", "QF56", 45, 1620, -15), station(OVL_OPERA, "ZL2QX", "", 55, 1650, -14),
+    };
+    const std::string samples = s16_bytes(quantised(scene));
+    const ProcessResult decoded = orvel({"decode", "--json", write("audio.wav", wave_file(1, 1, 8000, 16, samples))});
+    EXPECT_EQ(lines_of(decoded.out).size(), scene.stations.size()) << decoded.out;
+    const ProcessResult result = listen(write("audio.raw", samples), {"--rate=8000", MIDNIGHT, "--json"});
+    EXPECT_EQ(all_heard(result.out).size(), scene.stations.size()) << result.out;
+}
+
 // Where a look does not see the whole of a strong frame, what it sees of it hides a weaker one that follows.
 TEST_F(AirCommands, AWeakFrameIsHeardThatFollowsAStrongOne) {
     Scene scene;
