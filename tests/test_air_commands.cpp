@@ -423,9 +423,15 @@ TEST_F(AirCommands, TenStrongStationsAtOnceAreAllFound) {
     };
     const std::string samples = s16_bytes(quantised(scene));
     const ProcessResult decoded = orvel({"decode", "--json", write("audio.wav", wave_file(1, 1, 8000, 16, samples))});
-    EXPECT_EQ(lines_of(decoded.out).size(), scene.stations.size()) << decoded.out;
     const ProcessResult result = listen(write("audio.raw", samples), {"--rate=8000", MIDNIGHT, "--json"});
-    EXPECT_EQ(all_heard(result.out).size(), scene.stations.size()) << result.out;
+    const std::vector<std::string> all = {"DL1QXA", "F5QVB",  "G4QZB",  "JA1QX", "K2QRX",
+                                          "OH3QKJ", "OK2QJB", "SM5QAB", "VK2QQ", "ZL2QX"};
+    for (const std::string& out : {decoded.out, result.out}) {
+        std::vector<std::string> calls;
+        for (const std::string& line : lines_of(out)) calls.push_back(nlohmann::json::parse(line).at("call"));
+        std::sort(calls.begin(), calls.end());
+        EXPECT_EQ(calls, all) << out;
+    }
 }
 
 // Where a look does not see the whole of a strong frame, what it sees of it hides a weaker one that follows.
