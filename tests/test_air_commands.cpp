@@ -438,7 +438,7 @@ TEST_F(AirCommands, TenStrongStationsAtOnceAreAllFound) {
 TEST_F(AirCommands, AWeakFrameIsHeardThatFollowsAStrongOne) {
     Scene scene;
     scene.rate = 8000;
-    scene.seconds = 85;
+    scene.seconds = 125;
     scene.seed = 2;
     scene.stations = {station(OVL_ORVEL_S, "K2QRX", "", 8.5, 1359, -8.5, 0.03),
                       station(OVL_ORVEL_S, "K2QRX", "", 40.5, 1359, -18.7, 0.03)};
@@ -449,6 +449,23 @@ TEST_F(AirCommands, AWeakFrameIsHeardThatFollowsAStrongOne) {
     ASSERT_EQ(heard.size(), 2u) << result.out;
     EXPECT_NEAR(heard[0].start, 8.5, 0.1);
     EXPECT_NEAR(heard[1].start, 40.5, 0.1);
+}
+
+// In the first look behind the end of the weak frame, at 44 s, the other has begun.
+TEST_F(AirCommands, AWeakFrameIsHeardThatAStrongOneFollows) {
+    Scene scene;
+    scene.rate = 8000;
+    scene.seconds = 100;
+    scene.seed = 2;
+    scene.stations = {station(OVL_OPERA, "K2QRX", "", 9.7, 1359, -22.5),
+                      station(OVL_OPERA, "K2QRX", "", 41.9, 1359, -10.5)};
+    const ProcessResult result = listen(write("audio.raw", s16_bytes(quantised(scene))),
+                                        {"--rate=8000", MIDNIGHT, "--json", "--center=1360", "--search=30"}, "4");
+    EXPECT_EQ(result.status, 0);
+    const auto heard = all_heard(result.out);
+    ASSERT_EQ(heard.size(), 2u) << result.out;
+    EXPECT_NEAR(heard[0].start, 9.7, 0.1);
+    EXPECT_NEAR(heard[1].start, 41.9, 0.1);
 }
 
 TEST_F(AirCommands, EveryFormOfTheSameSamplesGivesTheSameSpots) {
@@ -618,24 +635,37 @@ Arguments listening(const Arguments& options) {
 }
 
 TEST_F(AirCommands, SpotsComeWhileTheInputIsOpen) {
-    RunningProcess process(listening({MIDNIGHT, "--json"}));
-    const std::string bytes = s16_bytes(short_audio());
-    // The frame has ended at 33.6 s. What comes with it makes the look at 36 s, and at 40 s nothing older can come.
-    ASSERT_TRUE(process.write(bytes.substr(0, 24000 * 33)));
-    EXPECT_FALSE(process.read_line(0.5)) << "before its end";
-    ASSERT_TRUE(process.write(bytes.substr(24000 * 33) + std::string(24000, '\0')));
-    const auto line = process.read_line(PATIENCE_S);
-    ASSERT_TRUE(line);
-    const Heard heard = heard_in(*line);
-    EXPECT_EQ(heard.call, "K2QRX");
-    EXPECT_NEAR(heard.start, 3, 0.1);
-    EXPECT_FALSE(process.wait(0.2)) << "it ended before its input";
-    process.close_stdin();
-    EXPECT_EQ(process.read_rest(PATIENCE_S), "");
-    const auto result = process.wait(PATIENCE_S);
-    ASSERT_TRUE(result);
-    EXPECT_EQ(result->status, 0);
-    EXPECT_EQ(result->err, "");
+    // The frame has ended at 33.6 s. It is taken at the next look after it has settled, and printed at the one after
+    // that, when nothing older can come. There is a look every fourth second, or a little later.
+    struct Case {
+        Arguments options;
+        std::size_t printed_s;
+    };
+    const std::array<Case, 3> cases = {{{{}, 80}, {{"--settle=0"}, 40}, {{"--settle=10"}, 48}}};
+    Scene scene = short_scene();
+    scene.seconds = 84;
+    const std::string bytes = s16_bytes(quantised(scene));
+    for (const auto& [options, printed_s] : cases) {
+        SCOPED_TRACE(::testing::PrintToString(options));
+        Arguments all = {MIDNIGHT, "--json"};
+        all.insert(all.end(), options.begin(), options.end());
+        RunningProcess process(listening(all));
+        ASSERT_TRUE(process.write(bytes.substr(0, 24000 * (printed_s - 1))));
+        EXPECT_FALSE(process.read_line(0.5)) << "before its time";
+        ASSERT_TRUE(process.write(bytes.substr(24000 * (printed_s - 1), 24000 * 5)));
+        const auto line = process.read_line(PATIENCE_S);
+        ASSERT_TRUE(line);
+        const Heard heard = heard_in(*line);
+        EXPECT_EQ(heard.call, "K2QRX");
+        EXPECT_NEAR(heard.start, 3, 0.1);
+        EXPECT_FALSE(process.wait(0.2)) << "it ended before its input";
+        process.close_stdin();
+        EXPECT_EQ(process.read_rest(PATIENCE_S), "");
+        const auto result = process.wait(PATIENCE_S);
+        ASSERT_TRUE(result);
+        EXPECT_EQ(result->status, 0);
+        EXPECT_EQ(result->err, "");
+    }
 }
 
 TEST_F(AirCommands, SamplesMayComeInPiecesOfAnySize) {
@@ -721,7 +751,7 @@ TEST_F(AirCommands, OutputThatCannotBeWrittenEndsListening) {
     full.stdout_file = "/dev/full";
     const std::string audio = s16_bytes(short_audio()) + std::string(24000, '\0');
     for (const ProcessInput& input : {closed, full}) {
-        for (const Arguments& options : {Arguments{MIDNIGHT}, {MIDNIGHT, "--json"}}) {
+        for (const Arguments& options : {Arguments{MIDNIGHT}, {MIDNIGHT, "--json", "--settle=0"}}) {
             RunningProcess process(listening(options), input);
             process.write(audio);                          // the table's header fails long before its end
             const auto result = process.wait(PATIENCE_S);  // the input stays open
@@ -764,6 +794,9 @@ TEST_F(AirCommands, WrongOptionsOfListenAreWrongUsage) {
         {{"--stdin", "--every", "nan"}, {"--every"}},
         {{"--stdin", "--every", "inf"}, {"--every"}},
         {{"--stdin", "--every", "100"}, {"--every"}},
+        {{"--stdin", "--settle", "-1"}, {"--settle"}},
+        {{"--stdin", "--settle", "61"}, {"--settle"}},
+        {{"--stdin", "--settle", "nan"}, {"--settle"}},
         {{"--stdin", "--protocols", "morse"}, {"--protocols", "'morse'"}},
         {{"--stdin", "--known-only"}, {"--known-only"}},
         {{"--stdin", "--known", "G4/QZB"}, {"--known", "'G4/QZB'"}},

@@ -34,7 +34,8 @@
 
 namespace {
 
-constexpr double BLOCK_S = 90;     // decoded at a time: two of the longest frames, and what came since the last look
+constexpr double CONTEXT_S = 90;   // decoded before what is taken: two of the longest frames, and some
+constexpr double SETTLE_S = 42;    // the longest frame, and some
 constexpr double SHORTEST_S = 20;  // less cannot hold enough of a frame
 constexpr double POLL_S = 0.05;
 constexpr double STALL_S = 5;      // without a captured sample: the device stands still
@@ -60,8 +61,17 @@ struct Options {
     int32_t channels = 1;
     std::string start;
     double every_s = 4;
+    double settle_s = SETTLE_S;
     bool json = false;
 };
+
+// How much is decoded at a time.
+double block_seconds(const Options& options) {
+    return CONTEXT_S + options.settle_s;
+}
+double ring_seconds(const Options& options) {
+    return block_seconds(options) + 1;
+}
 
 // Tells when captured samples were on the air. Buffers arrive late by more or less: of those of the last seconds the
 // one that came soonest is right.
@@ -103,21 +113,17 @@ class Listener {
         if (stats.captured_s < next_look_s_) return;
         next_look_s_ = stats.captured_s + options_.every_s;
         look_now(false);
-        release(stats.captured_s - options_.every_s, utc);
+        release(stats.captured_s - options_.settle_s - options_.every_s, utc);
     }
 
-    // The same at the end of the audio: frames may hang over it.
+    // The same at the end of the audio: nothing settles any more, and frames may hang over it.
     void finish(const Clock& utc) {
         look_now(true);
         release(HUGE_VAL, utc);
     }
 
-    // Prints what is held back; nothing more can be captured.
-    void give_up(const Clock& utc) { release(HUGE_VAL, utc); }
-
     // Capture has begun anew.
-    void restart(const Clock& utc) {
-        give_up(utc);
+    void restart() {
         log_ = SpotLog(SpotLog::Order::END);
         next_look_s_ = SHORTEST_S;
         looked_s_ = 0;
@@ -135,7 +141,7 @@ class Listener {
         do {
             ovl_audio_input_stats(audio_, &before);
             rate_ = before.rate;
-            block_.resize(static_cast<std::size_t>(BLOCK_S * rate_));
+            block_.resize(static_cast<std::size_t>(block_seconds(options_) * rate_));
             const int32_t n = ovl_audio_last(audio_, block_.data(), static_cast<int32_t>(block_.size()));
             block_.resize(static_cast<std::size_t>(n));
             ovl_audio_input_stats(audio_, &after);
@@ -154,18 +160,21 @@ class Listener {
         }
         complaint_.clear();
 
-        // Twice over, and all that has come since the last look, should that have taken long.
+        // Twice over, and all that has settled since the last look, should that have taken long.
         const double recent_s = std::max(2 * options_.every_s, captured_s - looked_s_ + options_.every_s);
         looked_s_ = captured_s;
-        std::erase_if(*spots, [&](const ov_spot& spot) { return spot_end(spot) < seconds - recent_s; });
+        const double settled = seconds - options_.settle_s;
+        std::erase_if(*spots, [&](const ov_spot& spot) {
+            return spot_end(spot) < settled - recent_s || (!last && spot_end(spot) > settled);
+        });
         for (ov_spot& spot : *spots) spot.t += captured_s - seconds;
         log_.add(*spots);
     }
 
-    // The whole block is decoded, though all but the newest frames were found before: a strong frame hides the phantoms
-    // that parts of it would be, and where it stays out of sight they are taken for frames or hide a weaker one that
-    // follows. For the same reason ovl_decode_recent() is not enough: it examines too few candidates to get past those
-    // of ten strong frames.
+    // The whole block is decoded, though few of its frames are wanted: a strong frame hides the phantoms that parts of
+    // it would be, and where it is not seen from its beginning to its end they are taken for frames or hide a weaker
+    // one before or behind it. For the same reason ovl_decode_recent() is not enough: it examines too few candidates to
+    // get past those of ten strong frames.
     std::optional<std::vector<ov_spot>> decode_block(double seconds, bool last) {
         samples_.assign(block_.begin(), block_.end());
         ov_params params = params_;
@@ -243,31 +252,39 @@ bool check_rate(ovl_audio* audio) {
 // and opened again, by a thread of its own: either call may hang.
 class Capture {
   public:
-    Capture(ovl_audio* audio, int32_t device, int32_t rate) : audio_(audio), device_(device), rate_(rate) {}
+    enum class State {
+        RUNNING,
+        RESTARTED,  // since the last call
+        STALLED,    // to be opened again; the ring still holds what was captured
+        OPENING
+    };
 
-    bool open() { return ovl_audio_start_input(audio_, device_, rate_, BLOCK_S + 1) == 0; }
+    Capture(ovl_audio* audio, int32_t device, int32_t rate, double ring_s)
+        : audio_(audio), device_(device), rate_(rate), ring_s_(ring_s) {}
 
-    // How capture is doing; nothing while the device is being opened again. `restarted` turns true when it has been.
-    std::optional<ovl_audio_stats> stats(bool& restarted) {
+    bool open() { return ovl_audio_start_input(audio_, device_, rate_, ring_s_) == 0; }
+
+    // How capture is doing. `stats` are filled in while it runs.
+    State watch(ovl_audio_stats& stats) {
         const double now = monotonic_now();
+        State state = State::RUNNING;
         if (reopening_) {
             if (!reopening_->done()) {
                 if (now > retry_at_ + STUCK_S) end("the input device does not answer");
-                return std::nullopt;
+                return State::OPENING;
             }
             if (!*opened_) {
                 const std::string reason = ovl_audio_last_error(audio_);
                 if (std::exchange(reason_, reason) != reason) print_error(reason);
-                if (now >= retry_at_) reopen(now);
-                return std::nullopt;
+                if (now >= retry_at_) reopen();
+                return State::OPENING;
             }
             reason_.clear();
             reopening_.reset();
-            restarted = true;
+            state = State::RESTARTED;
             progress_at_ = now;
             seen_s_ = 0;
         }
-        ovl_audio_stats stats;
         ovl_audio_input_stats(audio_, &stats);
         if (stats.captured_s != seen_s_) {
             seen_s_ = stats.captured_s;
@@ -278,10 +295,18 @@ class Capture {
             if (!std::exchange(stalled_, true)) {
                 print_error(format("no audio for %.0f s, opening the device again", STALL_S));
             }
-            reopen(now);
-            return std::nullopt;
+            return State::STALLED;
         }
-        return stats;
+        return state;
+    }
+
+    // Begins to open the device again.
+    void reopen() {
+        retry_at_ = monotonic_now() + RETRY_S;
+        opened_ = std::make_shared<std::atomic<bool>>(false);
+        reopening_ = Background([audio = audio_, device = device_, rate = rate_, ring_s = ring_s_, opened = opened_] {
+            *opened = ovl_audio_start_input(audio, device, rate, ring_s) == 0;
+        });
     }
 
     // Ends capture; the process when even that hangs.
@@ -301,17 +326,10 @@ class Capture {
         std::_Exit(EXIT_FAILED);
     }
 
-    void reopen(double now) {
-        retry_at_ = now + RETRY_S;
-        opened_ = std::make_shared<std::atomic<bool>>(false);
-        reopening_ = Background([audio = audio_, device = device_, rate = rate_, opened = opened_] {
-            *opened = ovl_audio_start_input(audio, device, rate, BLOCK_S + 1) == 0;
-        });
-    }
-
     ovl_audio* audio_;
     int32_t device_;
     int32_t rate_;
+    double ring_s_;
     double seen_s_ = 0;
     double progress_at_ = monotonic_now();
     double retry_at_ = 0;
@@ -339,7 +357,7 @@ class OverflowReport {
 
 int listen_to_device(const Options& options, const ov_params& params, ovl_audio* audio) {
     const int32_t device = find_device(options.device, Direction::INPUT);
-    Capture capture(audio, device, options.rate);
+    Capture capture(audio, device, options.rate, ring_seconds(options));
     if (!capture.open()) {
         print_error(ovl_audio_last_error(audio));
         return EXIT_FAILED;
@@ -354,25 +372,25 @@ int listen_to_device(const Options& options, const ov_params& params, ovl_audio*
     OverflowReport overflows;
     while (!interrupted()) {
         nap(POLL_S);
-        bool restarted = false;
-        const auto stats = capture.stats(restarted);
-        if (restarted) {
-            listener.restart(utc);
+        ovl_audio_stats stats;
+        const Capture::State state = capture.watch(stats);
+        if (state == Capture::State::STALLED) {
+            listener.finish(utc);
+            capture.reopen();
+        }
+        if (state == Capture::State::STALLED || state == Capture::State::OPENING) continue;
+        if (state == Capture::State::RESTARTED) {
+            listener.restart();
             clock = {};
         }
-        if (!stats) continue;
         const double now = utc_now();
-        clock.observe(stats->captured_s, now);
-        listener.look(*stats, utc);
-        overflows.see(*stats, now);
-        show_level(listener, *stats, now);
+        clock.observe(stats.captured_s, now);
+        listener.look(stats, utc);
+        overflows.see(stats, now);
+        show_level(listener, stats, now);
         if (!flush_output()) break;
     }
-    if (capture.reopening()) {
-        listener.give_up(utc);
-    } else {
-        listener.finish(utc);
-    }
+    if (!capture.reopening()) listener.finish(utc);
     flush_output();
     capture.close();
     return flush_output() ? EXIT_DONE : EXIT_FAILED;
@@ -446,7 +464,7 @@ int listen_to_stdin(const Options& options, const ov_params& params, ovl_audio* 
         start = parse_utc(options.start, utc_now() - DAY_S);  // a time of day is the last such one
         if (!start) throw CLI::ValidationError("--start: '" + options.start + "' is no UTC time");
     }
-    if (ovl_audio_start_input(audio, OVL_AUDIO_NONE, options.rate, BLOCK_S + 1) != 0) {
+    if (ovl_audio_start_input(audio, OVL_AUDIO_NONE, options.rate, ring_seconds(options)) != 0) {
         print_error(ovl_audio_last_error(audio));
         return EXIT_FAILED;
     }
@@ -514,10 +532,16 @@ void add_listen(CLI::App& app, int& status) {
         ->type_name("TIME")
         ->needs(raw);
     sub->add_option("--every", options->every_s,
-                    "Decode so often; a spot comes one to two such lengths after its frame [4]")
+                    "Decode so often; a spot comes one to two such lengths after it has settled [4]")
         ->type_name("SECONDS")
         ->check(finite_number())
         ->check(CLI::Range(1.0, 15.0));
+    sub->add_option("--settle", options->settle_s,
+                    "Wait so long after the end of a frame, as another that has begun may hide it, or be taken for one "
+                    "while it is not whole [42]; 0 prints spots sooner")
+        ->type_name("SECONDS")
+        ->check(finite_number())
+        ->check(CLI::Range(0.0, 60.0));
     add_search_options(*sub, options->search, "1500");
     sub->add_flag("--json", options->json, "Print one JSON object a line");
     sub->footer("Runs until Ctrl-C or the end of standard input. Times are UTC.");
