@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <numeric>
@@ -397,7 +398,7 @@ ov_spot spot(const char* call, double end, double freq = 1500, int32_t protocol 
 
 std::vector<ov_spot> released(SpotLog& log, double utc) {
     std::vector<ov_spot> spots;
-    log.release(utc, [&](const ov_spot& s) { spots.push_back(s); });
+    log.release(utc, [&](const ov_spot& s, int32_t) { spots.push_back(s); });
     return spots;
 }
 
@@ -417,6 +418,17 @@ TEST(TheLogOfSpots, GivesEachFrameOnceThoughItIsFoundAgainAndAgain) {
         for (const std::string& call : calls(released(log, 1000 + 4 * look - 8))) all.push_back(call);
     }
     EXPECT_EQ(all, Calls{"K2QRX"});
+}
+
+TEST(TheLogOfSpots, TellsInHowManyLooksAFrameWasFound) {
+    SpotLog log(SpotLog::Order::END);
+    log.add({spot("K2QRX", 1000), spot("DL1QXA", 1001)});
+    log.add({});
+    log.add({spot("K2QRX", 1000.1), spot("K2QRX", 1000.2), spot("G4QZB", 1002)});  // twice in one look
+    log.add({spot("K2QRX", 1000), spot("G4QZB", 1002)});
+    std::map<std::string, int32_t> finds;
+    log.release(1003, [&](const ov_spot& s, int32_t n) { finds[s.call] = n; });
+    EXPECT_EQ(finds, (std::map<std::string, int32_t>{{"K2QRX", 3}, {"DL1QXA", 1}, {"G4QZB", 2}}));
 }
 
 TEST(TheLogOfSpots, GivesNothingTwiceWhenOneLookFindsItTwice) {

@@ -143,7 +143,7 @@ bool decode_recording(Recording& recording, const std::string& path, const Decod
     std::string problem;
     bool begun = false;
     const auto take_until = [&](double time_s) {
-        log.release(time_s, [&](const ov_spot& spot) {
+        log.release(time_s, [&](const ov_spot& spot, int32_t) {
             taker.take(spot);
             taken++;
         });

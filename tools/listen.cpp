@@ -35,8 +35,11 @@
 namespace {
 
 constexpr double CONTEXT_S = 90;   // decoded before what is taken: two of the longest frames, and some
-constexpr double SETTLE_S = 42;    // the longest frame, and some
+constexpr double SETTLE_S = 48;    // the longest frame, and two looks
 constexpr double SHORTEST_S = 20;  // less cannot hold enough of a frame
+constexpr double GRID_S = 0.008;   // between positions on the decoder's grid, a sixteenth of a chip
+constexpr int32_t PHASES = 4;
+constexpr int32_t ENOUGH_LOOKS = 4;  // to be asked for a second find
 constexpr double POLL_S = 0.05;
 constexpr double STALL_S = 5;      // without a captured sample: the device stands still
 constexpr double RETRY_S = 5;      // between attempts to open it again
@@ -126,7 +129,7 @@ class Listener {
     void restart() {
         log_ = SpotLog(SpotLog::Order::END);
         next_look_s_ = SHORTEST_S;
-        looked_s_ = 0;
+        looks_.clear();
     }
 
     int64_t printed() const { return printed_; }
@@ -151,6 +154,7 @@ class Listener {
 
     void look_now(bool last) {
         const double captured_s = copy_block();
+        change_phase();
         const double seconds = static_cast<double>(block_.size()) / std::max(rate_, 1);
         if (seconds < SHORTEST_S) return;
         auto spots = decode_block(seconds, last);
@@ -160,15 +164,31 @@ class Listener {
         }
         complaint_.clear();
 
-        // Twice over, and all that has settled since the last look, should that have taken long.
-        const double recent_s = std::max(2 * options_.every_s, captured_s - looked_s_ + options_.every_s);
-        looked_s_ = captured_s;
-        const double settled = seconds - options_.settle_s;
-        std::erase_if(*spots, [&](const ov_spot& spot) {
-            return spot_end(spot) < settled - recent_s || (!last && spot_end(spot) > settled);
-        });
+        // Two looks beyond what has settled, and all that has settled since the last one, should it have taken long.
+        const double last_look_s = looks_.empty() ? 0 : looks_.back();
+        const double recent_s = std::max(2 * options_.every_s, captured_s - last_look_s + options_.every_s);
+        looks_.push_back(captured_s);
+        std::erase_if(looks_, [&](double look_s) { return look_s < captured_s - block_seconds(options_); });
         for (ov_spot& spot : *spots) spot.t += captured_s - seconds;
+        std::erase_if(*spots,
+                      [&](const ov_spot& spot) { return spot_end(spot) < captured_s - options_.settle_s - recent_s; });
         log_.add(*spots);
+    }
+
+    // The decoder looks for frames on a grid of positions, and of those that are hard to find each phase of the grid
+    // finds others. So one look begins its block a little later than the other.
+    void change_phase() {
+        const auto skipped = static_cast<std::ptrdiff_t>(GRID_S * phase_ / PHASES * rate_);
+        phase_ = (phase_ + 1) % PHASES;
+        block_.erase(block_.begin(), block_.begin() + std::min(skipped, std::ssize(block_)));
+    }
+
+    // Parts of a strong frame, of which there is not all yet, may pass for somebody else's frame in one look; seldom in
+    // another, which sees more of it.
+    bool is_confirmed(const ov_spot& spot, int32_t finds) const {
+        const auto looks =
+            std::count_if(looks_.begin(), looks_.end(), [&](double look_s) { return look_s >= spot_end(spot); });
+        return finds > 1 || looks < ENOUGH_LOOKS;
     }
 
     // The whole block is decoded, though few of its frames are wanted: a strong frame hides the phantoms that parts of
@@ -197,7 +217,8 @@ class Listener {
 
     // Prints the frames that ended up to so many captured seconds.
     void release(double captured_s, const Clock& utc) {
-        log_.release(captured_s, [&](ov_spot spot) {
+        log_.release(captured_s, [&](ov_spot spot, int32_t finds) {
+            if (!is_confirmed(spot, finds)) return;
             spot.t = utc(spot.t);
             print_spot(spot);
         });
@@ -228,7 +249,8 @@ class Listener {
     StatusLine line_;
     std::string complaint_;
     double next_look_s_ = SHORTEST_S;
-    double looked_s_ = 0;  // captured at the last look
+    std::vector<double> looks_;  // captured at the latest ones
+    int32_t phase_ = 0;
     int64_t printed_ = 0;
 };
 
@@ -538,7 +560,7 @@ void add_listen(CLI::App& app, int& status) {
         ->check(CLI::Range(1.0, 15.0));
     sub->add_option("--settle", options->settle_s,
                     "Wait so long after the end of a frame, as another that has begun may hide it, or be taken for one "
-                    "while it is not whole [42]; 0 prints spots sooner")
+                    "while it is not whole [48]; 0 prints spots sooner")
         ->type_name("SECONDS")
         ->check(finite_number())
         ->check(CLI::Range(0.0, 60.0));

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <utility>
 
 #include "spots.h"
 
@@ -26,14 +27,16 @@ bool saw_less(const ov_spot& spot, const ov_spot& other) {
 }  // namespace
 
 void SpotLog::add(const std::vector<ov_spot>& found) {
+    blocks_++;
     for (const ov_spot& spot : found) {
         const auto known = std::find_if(entries_.begin(), entries_.end(),
                                         [&](const Entry& entry) { return same_frame(entry.spot, spot); });
         if (known == entries_.end()) {
-            entries_.push_back({spot, false});
-        } else if (!known->released && !saw_less(spot, known->spot)) {
-            known->spot = spot;
+            entries_.push_back({spot, false, 1, blocks_});
+            continue;
         }
+        if (std::exchange(known->block, blocks_) != blocks_) known->finds++;
+        if (!known->released && !saw_less(spot, known->spot)) known->spot = spot;
     }
 }
 
@@ -41,13 +44,13 @@ double SpotLog::time_of(const ov_spot& spot) const {
     return order_ == Order::START ? spot.t : spot_end(spot);
 }
 
-void SpotLog::release(double time, const std::function<void(const ov_spot&)>& take) {
+void SpotLog::release(double time, const std::function<void(const ov_spot&, int32_t finds)>& take) {
     std::stable_sort(entries_.begin(), entries_.end(),
                      [this](const Entry& a, const Entry& b) { return time_of(a.spot) < time_of(b.spot); });
     for (Entry& entry : entries_) {
         if (entry.released || time_of(entry.spot) > time) continue;
         entry.released = true;
-        take(entry.spot);
+        take(entry.spot, entry.finds);
     }
     std::erase_if(entries_,
                   [&](const Entry& entry) { return entry.released && time_of(entry.spot) < time - REMEMBER_S; });

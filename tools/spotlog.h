@@ -1,6 +1,7 @@
 // The spots of blocks that overlap: each of them once, in order of time.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <vector>
 
@@ -16,16 +17,20 @@ class SpotLog {
     // Takes what was found in one block. Of a frame found before, what saw more of it stays.
     void add(const std::vector<ov_spot>& found);
 
-    // Hands out the spots of frames that started (or ended) up to `time`, and forgets those from long before.
-    void release(double time, const std::function<void(const ov_spot&)>& take);
+    // Hands out the spots of frames that started (or ended) up to `time`, each with the number of blocks that it was
+    // found in, and forgets those from long before.
+    void release(double time, const std::function<void(const ov_spot&, int32_t finds)>& take);
 
   private:
     struct Entry {
         ov_spot spot;
         bool released;
+        int32_t finds;
+        int64_t block;  // the last that it was found in
     };
     double time_of(const ov_spot& spot) const;
 
     Order order_;
     std::vector<Entry> entries_;
+    int64_t blocks_ = 0;
 };
