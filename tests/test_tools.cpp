@@ -1,5 +1,5 @@
-// What the orvel command is made of, piece by piece: times, steps, the log of spots, checks of options, patience,
-// blocks, progress.
+// What the orvel command is made of, piece by piece: times, steps, the log of spots, looks at the newest audio, checks
+// of options, patience, blocks, progress.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <numeric>
+#include <random>
 #include <regex>
 #include <set>
 #include <stdexcept>
@@ -24,6 +25,7 @@
 #include "blocks.h"
 #include "console.h"
 #include "liborvel.h"
+#include "looks.h"
 #include "patience.h"
 #include "progress.h"
 #include "spotlog.h"
@@ -525,6 +527,60 @@ TEST(TheLogOfSpots, AFrameIsRememberedForAsLongAsABlockCanShowIt) {
     for (double utc = 1005; utc < 1100; utc += 1) {
         log.add({spot("K2QRX", 1000)});
         EXPECT_TRUE(released(log, utc).empty()) << utc;
+    }
+}
+
+// ---- Looks at the newest audio --------------------------------------------------------------------------------------
+
+TEST(TheLooks, TakeTheFourPhasesOfTheGridInTurns) {
+    Looks looks(4, 48);
+    for (int round = 0; round < 3; round++) {
+        for (const double phase_s : {0.0, 0.002, 0.004, 0.006}) EXPECT_NEAR(looks.next_phase_s(), phase_s, 1e-9);
+    }
+}
+
+TEST(TheLooks, DecodeTwoOfTheLongestFramesBesidesWhatSettles) {
+    EXPECT_NEAR(Looks(4, 0).block_s(), 90, 1e-9);
+    EXPECT_NEAR(Looks(1, 60).block_s(), 150, 1e-9);
+}
+
+TEST(TheLooks, OneFindOfFourIsNotBelieved) {
+    Looks looks(4, 48);
+    for (int k = 1; k <= 20; k++) looks.add(4 * k);
+    EXPECT_TRUE(looks.confirm(68.5, 1));  // of three
+    EXPECT_TRUE(looks.confirm(68.5, 2));
+    EXPECT_FALSE(looks.confirm(68, 1));
+    EXPECT_TRUE(looks.confirm(68, 2));
+    EXPECT_FALSE(looks.confirm(20, 1));
+    EXPECT_TRUE(looks.confirm(20, 2));
+    looks.clear();
+    EXPECT_TRUE(looks.confirm(68, 1));
+}
+
+// Whatever the looks' pace: every one between the end of a frame and the time it has settled counts for it, the one
+// that finds it settled included.
+TEST(TheLooks, NoneIsLostBetweenTheEndOfAFrameAndItsSettling) {
+    std::mt19937_64 random(5);
+    const auto uniform = [&](double low, double high) {
+        return std::uniform_real_distribution<double>(low, high)(random);
+    };
+    for (int round = 0; round < 2000; round++) {
+        const double every_s = uniform(1, 15);
+        const double settle_s = round % 3 == 0 ? 0 : uniform(0, 60);
+        Looks looks(every_s, settle_s);
+        const double end_s = uniform(20, 400);
+        int32_t possible = 0;
+        bool settled = false;
+        for (double look_s = 20; !settled; look_s += every_s + (round % 2 == 0 ? 0.25 : uniform(0, 20))) {
+            const double earliest_s = looks.add(look_s);
+            settled = looks.settled_s(look_s) >= end_s;
+            if (look_s < end_s) continue;
+            possible++;
+            EXPECT_LE(earliest_s, end_s);
+        }
+        ASSERT_GE(possible, 1);
+        EXPECT_EQ(looks.confirm(end_s, 1), possible < 4);
+        EXPECT_TRUE(looks.confirm(end_s, 2));
     }
 }
 

@@ -25,6 +25,7 @@
 #include "console.h"
 #include "decoding.h"
 #include "json.h"
+#include "looks.h"
 #include "patience.h"
 #include "recording.h"
 #include "search.h"
@@ -34,12 +35,8 @@
 
 namespace {
 
-constexpr double CONTEXT_S = 90;   // decoded before what is taken: two of the longest frames, and some
 constexpr double SETTLE_S = 48;    // the longest frame, and two looks
 constexpr double SHORTEST_S = 20;  // less cannot hold enough of a frame
-constexpr double GRID_S = 0.008;   // between positions on the decoder's grid, a sixteenth of a chip
-constexpr int32_t PHASES = 4;
-constexpr int32_t ENOUGH_LOOKS = 4;  // to be asked for a second find
 constexpr double POLL_S = 0.05;
 constexpr double STALL_S = 5;      // without a captured sample: the device stands still
 constexpr double RETRY_S = 5;      // between attempts to open it again
@@ -68,12 +65,8 @@ struct Options {
     bool json = false;
 };
 
-// How much is decoded at a time.
-double block_seconds(const Options& options) {
-    return CONTEXT_S + options.settle_s;
-}
 double ring_seconds(const Options& options) {
-    return block_seconds(options) + 1;
+    return Looks(options.every_s, options.settle_s).block_s() + 1;
 }
 
 // Tells when captured samples were on the air. Buffers arrive late by more or less: of those of the last seconds the
@@ -104,7 +97,7 @@ class SampleClock {
 class Listener {
   public:
     Listener(const Options& options, const ov_params& params, ovl_audio* audio)
-        : options_(options), audio_(audio), params_(params) {
+        : options_(options), audio_(audio), params_(params), looks_(options.every_s, options.settle_s) {
         if (!options.json) print(spot_header(format("%22s", "UTC")));
     }
 
@@ -116,7 +109,7 @@ class Listener {
         if (stats.captured_s < next_look_s_) return;
         next_look_s_ = stats.captured_s + options_.every_s;
         look_now(false);
-        release(stats.captured_s - options_.settle_s - options_.every_s, utc);
+        release(looks_.settled_s(stats.captured_s), utc);
     }
 
     // The same at the end of the audio: nothing settles any more, and frames may hang over it.
@@ -144,7 +137,7 @@ class Listener {
         do {
             ovl_audio_input_stats(audio_, &before);
             rate_ = before.rate;
-            block_.resize(static_cast<std::size_t>(block_seconds(options_) * rate_));
+            block_.resize(static_cast<std::size_t>(looks_.block_s() * rate_));
             const int32_t n = ovl_audio_last(audio_, block_.data(), static_cast<int32_t>(block_.size()));
             block_.resize(static_cast<std::size_t>(n));
             ovl_audio_input_stats(audio_, &after);
@@ -154,7 +147,7 @@ class Listener {
 
     void look_now(bool last) {
         const double captured_s = copy_block();
-        change_phase();
+        skip(looks_.next_phase_s());
         const double seconds = static_cast<double>(block_.size()) / std::max(rate_, 1);
         if (seconds < SHORTEST_S) return;
         auto spots = decode_block(seconds, last);
@@ -164,31 +157,16 @@ class Listener {
         }
         complaint_.clear();
 
-        // Two looks beyond what has settled, and all that has settled since the last one, should it have taken long.
-        const double last_look_s = looks_.empty() ? 0 : looks_.back();
-        const double recent_s = std::max(2 * options_.every_s, captured_s - last_look_s + options_.every_s);
-        looks_.push_back(captured_s);
-        std::erase_if(looks_, [&](double look_s) { return look_s < captured_s - block_seconds(options_); });
+        const double earliest_end = looks_.add(captured_s);
         for (ov_spot& spot : *spots) spot.t += captured_s - seconds;
-        std::erase_if(*spots,
-                      [&](const ov_spot& spot) { return spot_end(spot) < captured_s - options_.settle_s - recent_s; });
+        std::erase_if(*spots, [&](const ov_spot& spot) { return spot_end(spot) < earliest_end; });
         log_.add(*spots);
     }
 
-    // The decoder looks for frames on a grid of positions, and of those that are hard to find each phase of the grid
-    // finds others. So one look begins its block a little later than the other.
-    void change_phase() {
-        const auto skipped = static_cast<std::ptrdiff_t>(GRID_S * phase_ / PHASES * rate_);
-        phase_ = (phase_ + 1) % PHASES;
-        block_.erase(block_.begin(), block_.begin() + std::min(skipped, std::ssize(block_)));
-    }
-
-    // Parts of a strong frame, of which there is not all yet, may pass for somebody else's frame in one look; seldom in
-    // another, which sees more of it.
-    bool is_confirmed(const ov_spot& spot, int32_t finds) const {
-        const auto looks =
-            std::count_if(looks_.begin(), looks_.end(), [&](double look_s) { return look_s >= spot_end(spot); });
-        return finds > 1 || looks < ENOUGH_LOOKS;
+    // Leaves out the beginning of the block.
+    void skip(double seconds) {
+        const auto samples = static_cast<std::ptrdiff_t>(seconds * rate_);
+        block_.erase(block_.begin(), block_.begin() + std::min(samples, std::ssize(block_)));
     }
 
     // The whole block is decoded, though few of its frames are wanted: a strong frame hides the phantoms that parts of
@@ -218,7 +196,7 @@ class Listener {
     // Prints the frames that ended up to so many captured seconds.
     void release(double captured_s, const Clock& utc) {
         log_.release(captured_s, [&](ov_spot spot, int32_t finds) {
-            if (!is_confirmed(spot, finds)) return;
+            if (!looks_.confirm(spot_end(spot), finds)) return;
             spot.t = utc(spot.t);
             print_spot(spot);
         });
@@ -242,6 +220,7 @@ class Listener {
     const Options& options_;
     ovl_audio* audio_;
     ov_params params_;
+    Looks looks_;
     std::vector<float> block_;
     std::vector<double> samples_;  // of the block, as the decoder takes them
     int32_t rate_ = 0;
@@ -249,8 +228,6 @@ class Listener {
     StatusLine line_;
     std::string complaint_;
     double next_look_s_ = SHORTEST_S;
-    std::vector<double> looks_;  // captured at the latest ones
-    int32_t phase_ = 0;
     int64_t printed_ = 0;
 };
 

@@ -1,0 +1,40 @@
+#include "looks.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr double CONTEXT_S = 90;  // decoded before what counts: two of the longest frames, and some
+constexpr double GRID_S = 0.008;  // between positions on the decoder's grid, a sixteenth of a chip
+constexpr int32_t PHASES = 4;
+constexpr int32_t ENOUGH_LOOKS = 4;  // to be asked for a second find
+
+}  // namespace
+
+double Looks::block_s() const {
+    return CONTEXT_S + settle_s_;
+}
+
+double Looks::next_phase_s() {
+    const double phase_s = GRID_S * phase_ / PHASES;
+    phase_ = (phase_ + 1) % PHASES;
+    return phase_s;
+}
+
+double Looks::add(double captured_s) {
+    // Two looks beyond what has settled, and all that has settled since the last one, should it have taken long.
+    const double last_s = looks_.empty() ? 0 : looks_.back();
+    const double recent_s = std::max(2 * every_s_, captured_s - last_s + every_s_);
+    looks_.push_back(captured_s);
+    std::erase_if(looks_, [&](double look_s) { return look_s < captured_s - block_s(); });
+    return captured_s - settle_s_ - recent_s;
+}
+
+bool Looks::confirm(double end_s, int32_t finds) const {
+    const auto looks = std::count_if(looks_.begin(), looks_.end(), [&](double look_s) { return look_s >= end_s; });
+    return finds > 1 || looks < ENOUGH_LOOKS;
+}
+
+void Looks::clear() {
+    looks_.clear();
+}
