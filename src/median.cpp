@@ -76,7 +76,7 @@ float select_rank(std::span<const float> values, std::size_t rank) {
             low = middle + 1;
         }
     }
-    return value_of(low);
+    return value_of(low) + 0.0f;  // a zero is the positive one: what is divided by it goes by its sign
 }
 
 float median_value(std::span<const float> values) {

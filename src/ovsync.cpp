@@ -291,6 +291,7 @@ ORVEL_MULTIVERSION void score_columns(const ov_specmap& map, const ov_grid& grid
 }
 
 void score_pairs(const ov_specmap& map, const ov_grid& grid, std::span<float> scores) {
+    if (map.pairs < 1) return;
     const int64_t residues = std::min(2 * static_cast<int64_t>(map.steps_per_chip), grid.n_rows);
     std::vector<ColumnSums> ends(static_cast<std::size_t>(map.pairs));
     for (std::size_t column = 0; column < grid.n_columns; column += SUM_COLUMNS) {
@@ -784,7 +785,7 @@ int32_t ov_chip_energies(const ov_baseband& bb, int32_t chip_len, int32_t nchips
         const double theta = 2 * std::numbers::pi * line.at(static_cast<double>(s)) / bb.rate;
         if (theta != last_theta) rotation = {std::cos(theta), -std::sin(theta)};  // without drift once for all
         last_theta = theta;
-        out[c] = static_cast<float>(tone_energy(bb.samples + s, chip_len, rotation));
+        out[c] = chip_len > 0 ? static_cast<float>(tone_energy(bb.samples + s, chip_len, rotation)) : 0;
         measured++;
     }
     return measured;

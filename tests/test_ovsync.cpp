@@ -211,6 +211,17 @@ TEST(Median, MeanOfTheMiddleIsTakenInSinglePrecision) {
     EXPECT_EQ(median_of(huge.data(), 2, scratch.data()), std::numeric_limits<float>::infinity());
 }
 
+TEST(Median, OfZerosIsAPositiveZero) {
+    const std::vector<float> zeros(7, 0.0F);
+    const std::vector<float> mixed = {-2, -1, 0, 0, 0, 1, 2};
+    std::vector<float> scratch(7);
+    for (const int32_t n : {1, 2, 7}) {
+        EXPECT_FALSE(std::signbit(median_of(zeros.data(), n, scratch.data()))) << n;
+    }
+    EXPECT_EQ(median_of(mixed.data(), 7, scratch.data()), 0);
+    EXPECT_FALSE(std::signbit(median_of(mixed.data(), 7, scratch.data())));
+}
+
 TEST(Median, SurvivesValuesThatAreNoNumbers) {
     Random random(2);
     std::vector<float> scratch(300);
@@ -704,6 +715,20 @@ TEST(CandidateSearch, ThresholdIsMetByEquality) {
     }
 }
 
+TEST(CandidateSearch, AFrameWithoutPairsScoresNothing) {
+    for (const int32_t pairs : {0, -1, -1000}) {
+        HandMap hand(300, 4, 1, 119, 1);
+        hand.randomise(23);
+        ov_spec_frame(hand.map, pairs, 1);
+        EXPECT_EQ(hand.map.pairs, pairs);
+        EXPECT_EQ(hand.map.frame_chips, 2 * pairs + 1);
+        const Result result = search_map(hand.map, Search{});
+        EXPECT_EQ(result.count, 0);
+        EXPECT_EQ(result.median, 0);
+        EXPECT_EQ(result.sigma, 1e-9);
+    }
+}
+
 TEST(CandidateSearch, CellsThatAreNoNumbersNeverMakeCandidates) {
     const float bad[] = {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
                          -std::numeric_limits<float>::infinity()};
@@ -819,9 +844,11 @@ TEST(ChipEnergies, DriftIsReferredToTheMiddleOfTheFrame) {
 
 TEST(ChipEnergies, ChipsOfNoLengthHaveNoEnergy) {
     Samples samples = random_samples(20, 125, 34);
-    float energy[5] = {9, 9, 9, 9, 9};
-    EXPECT_EQ(ov_chip_energies(samples.view(), 0, 5, 3, 1, 0, energy), 5);
-    for (const float e : energy) EXPECT_EQ(e, 0);
+    for (const auto& [chip_len, start] : {std::pair{0, 3}, {-1, 5}, {-4, 16}}) {
+        float energy[5] = {9, 9, 9, 9, 9};
+        EXPECT_EQ(ov_chip_energies(samples.view(), chip_len, 5, start, 1, 0.1, energy), 5) << chip_len;
+        for (const float e : energy) EXPECT_EQ(e, 0) << chip_len;
+    }
 }
 
 TEST(ChipEnergies, FarStartsAndWildFrequenciesAreHarmless) {
@@ -1353,6 +1380,24 @@ TEST(Snr, InTheBasebandFallsBackOrGivesUp) {
         odd->start = start;
         EXPECT_EQ(ov_estimate_snr_bb(bb, hand.map, *odd, on.data(), 0.128), ov_estimate_snr(*odd, on.data(), 0.128));
     }
+}
+
+TEST(Snr, WithoutNoiseIsInfinite) {
+    // Tones of whole amplitude and no frequency leave nothing at all when they are removed.
+    HandMap hand(10, 20, 16, 119, 0);
+    hand.map.chip_len = 64;
+    hand.map.rate = 500;
+    Samples clean;
+    clean.rate = 500;
+    std::vector<uint8_t> on(239);
+    for (std::size_t c = 0; c < on.size(); c++) {
+        on[c] = c % 4 < 2 ? 1 : 0;
+        clean.x.insert(clean.x.end(), 64, on[c] != 0 ? 0.5 : 0.0);
+    }
+    auto hyp = empty_hyp();
+    try_hyp(clean.view(), hand.map, 0, 0, 0, 0, *hyp);
+    EXPECT_EQ(ov_estimate_snr_bb(clean.view(), hand.map, *hyp, on.data(), 0.128), INF);
+    EXPECT_EQ(ov_estimate_snr(*hyp, on.data(), 0.128), INF);
 }
 
 // ---- All together -----------------------------------------------------------------------------------------------
