@@ -703,6 +703,38 @@ TEST_P(ModelComparison, NoisyFramesDecodeAsDefined) {
     EXPECT_GT(with_status[setting.order < 0 ? 0 : 2], fewest);
 }
 
+// What a check tells of one of several erased bits is tiny, and its sign decides.
+TEST_P(BothCodes, FramesWithErasedBitsDecodeAsDefined) {
+    Rng rng(12);
+    int with_status[3] = {};
+    for (int frame = 0; frame < 400; ++frame) {
+        const Bits codeword = encode(code(), random_message(code(), rng));
+        const float magnitude = std::array{0.5F, 3.0F, 5.0F, 20.0F}[index(frame % 4)];
+        std::vector<float> metrics;
+        for (const uint8_t bit : codeword) metrics.push_back(bit != 0 ? magnitude : -magnitude);
+        const auto erased = static_cast<std::ptrdiff_t>(rng() % metrics.size() * 3 / 4);
+        std::fill(metrics.begin(), metrics.begin() + erased, 0.0F);
+        if (frame % 8 >= 4) std::shuffle(metrics.begin(), metrics.end(), rng);  // no codeword at all
+        int32_t status = 0;
+        ASSERT_TRUE(same_as_model(code(), metrics, 2 + frame % 40, -1, 0, status)) << "frame " << frame;
+        ++with_status[status];
+    }
+    EXPECT_GT(with_status[0], 100);
+    EXPECT_GT(with_status[1], 100);
+}
+
+TEST(LdpcDecode, OneCheckOverThreeErasedBitsDecides) {
+    auto code = std::make_unique<ldpc_code>();
+    ASSERT_EQ(ldpc_build(*code, 4, 3, 1, 1), 0);
+    ASSERT_EQ(code->check_degree[0], 4);
+    // The three agree on what makes the check even: each is told so by a message of some -1e-24.
+    const Decoded got = decode(*code, {0.0F, 0.0F, 0.0F, 5.0F}, 1, -1, 0);
+    EXPECT_EQ(got.result, 0);
+    EXPECT_EQ(got.status, 1);
+    EXPECT_EQ(got.cost, 0.0);
+    EXPECT_EQ(got.codeword, (Bits{1, 1, 1, 1}));
+}
+
 TEST(LdpcDecode, NewCodesDecodeAsDefinedToo) {
     auto code = std::make_unique<ldpc_code>();
     ASSERT_EQ(ldpc_build(*code, 256, 100, 3, 1), 0);
