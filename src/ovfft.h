@@ -31,7 +31,8 @@ struct FftwDestroy {
 };
 using FftwPlan = std::unique_ptr<fftw_plan_s, FftwDestroy>;
 
-// Plans of length n with FFTW_ESTIMATE (planning does not touch the buffers); an empty owner when FFTW makes none.
+// Plans of length n with FFTW_ESTIMATE (planning does not touch the buffers); an empty owner when FFTW makes none or
+// memory is short.
 // The complex one works in place when in == out.
 FftwPlan plan_real_forward(int32_t n, double* in, std::complex<double>* out) noexcept;
 FftwPlan plan_complex(int32_t n, std::complex<double>* in, std::complex<double>* out, int sign) noexcept;

@@ -385,7 +385,8 @@ TEST_F(SimulateCommand, SaysWhatItRefuses) {
     EXPECT_TRUE(refused({"--seconds", "1", "--impulses", "0,1"}, {"RATE"}));
     EXPECT_TRUE(refused({"--seconds", "1", "--carrier", "9000,1"}, {"does not fit"}));
     EXPECT_TRUE(refused({"--seconds", "1", "--carrier", "900,inf"}, {"HZ,DB"}));
-    EXPECT_TRUE(refused({"--stations", path("none")}, {"none"}));
+    EXPECT_TRUE(refused({"--stations", path("none")}, {"cannot read", "none"}));
+    EXPECT_TRUE(refused({"--stations", path("")}, {"cannot read", path("")})) << "a directory";
     EXPECT_TRUE(refused({"--stations", write("a", "{\"call\": 3}\n")}, {"line 1", "'call'"}));
     EXPECT_TRUE(refused({"--stations", write("b", "\n[3]x\n")}, {"JSON"}));
     EXPECT_TRUE(refused({"--stations", write("c", "{\"freq_hz\": 3}\n")}, {"'call' is missing"}));

@@ -1,5 +1,5 @@
-// What the orvel command is made of, piece by piece: times, steps, the log of spots, looks at the newest audio, checks
-// of options, patience, blocks, progress.
+// What the orvel command is made of, piece by piece: times, steps, the log of spots, looks at the newest audio, the
+// clock of captured samples, checks of options, patience, blocks, progress.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -28,6 +28,7 @@
 #include "looks.h"
 #include "patience.h"
 #include "progress.h"
+#include "sampleclock.h"
 #include "spotlog.h"
 #include "spots.h"
 #include "steps.h"
@@ -571,9 +572,12 @@ TEST(TheLooks, NoneIsLostBetweenTheEndOfAFrameAndItsSettling) {
         const double end_s = uniform(20, 400);
         int32_t possible = 0;
         bool settled = false;
-        for (double look_s = 20; !settled; look_s += every_s + (round % 2 == 0 ? 0.25 : uniform(0, 20))) {
+        double settled_s = -HUGE_VAL;
+        for (double look_s = 20; !settled; look_s += every_s + (round % 2 == 0 ? 0.25 : uniform(-0.9, 20))) {
             const double earliest_s = looks.add(look_s);
-            settled = looks.settled_s(look_s) >= end_s;
+            EXPECT_GE(earliest_s, settled_s) << "that has been printed";
+            settled_s = looks.settled_s(look_s);
+            settled = settled_s >= end_s;
             if (look_s < end_s) continue;
             possible++;
             EXPECT_LE(earliest_s, end_s);
@@ -582,6 +586,76 @@ TEST(TheLooks, NoneIsLostBetweenTheEndOfAFrameAndItsSettling) {
         EXPECT_EQ(looks.confirm(end_s, 1), possible < 4);
         EXPECT_TRUE(looks.confirm(end_s, 2));
     }
+}
+
+// ---- The clock of captured samples ----------------------------------------------------------------------------------
+
+// Audio that comes in buffers of a tenth of a second, each late by up to a quarter.
+class TheSampleClock : public ::testing::Test {
+  protected:
+    // Captures so many seconds more, as if without interruption since `begin`.
+    void capture(double seconds, double begin, double rate_error = 0) {
+        const double end_s = captured_s_ + seconds;
+        for (; captured_s_ < end_s; captured_s_ += 0.1) {
+            clock_.observe(captured_s_, begin + captured_s_ * (1 + rate_error) + late_(random_));
+        }
+    }
+
+    SampleClock clock_;
+    double captured_s_ = 0.1;
+
+  private:
+    std::mt19937_64 random_{9};
+    std::uniform_real_distribution<double> late_{0, 0.25};
+};
+
+constexpr double NEAR_S = 0.02;  // the soonest of fifty buffers
+
+TEST_F(TheSampleClock, GoesByTheBuffersThatCameSoonest) {
+    EXPECT_TRUE(std::isnan(clock_.utc(3)));
+    clock_.observe(0, MARCH_1);
+    EXPECT_TRUE(std::isnan(clock_.utc(3))) << "no audio, no time";
+    capture(100, MARCH_1);
+    for (const double at_s : {-5.0, 0.0, 1.0, 50.0, 77.7, 99.9}) {
+        EXPECT_NEAR(clock_.utc(at_s), MARCH_1 + at_s, NEAR_S) << at_s;
+    }
+}
+
+TEST_F(TheSampleClock, WhatWasCapturedBeforeALossKeepsItsTime) {
+    capture(100, MARCH_1);
+    capture(60, MARCH_1 + 3);  // three seconds are missing
+    for (const double at_s : {0.0, 50.0, 90.0}) EXPECT_NEAR(clock_.utc(at_s), MARCH_1 + at_s, NEAR_S) << at_s;
+    for (const double at_s : {112.0, 150.0}) EXPECT_NEAR(clock_.utc(at_s), MARCH_1 + 3 + at_s, NEAR_S) << at_s;
+}
+
+TEST_F(TheSampleClock, FollowsAClockThatIsSetAndAMachineThatSlept) {
+    for (const double step_s : {3600.0, -3600.0, 11.0, -11.0}) {
+        clock_ = {};
+        captured_s_ = 0.1;
+        capture(100, MARCH_1);
+        capture(60, MARCH_1 + step_s);
+        for (const double at_s : {0.0, 50.0, 99.0}) EXPECT_NEAR(clock_.utc(at_s), MARCH_1 + at_s, NEAR_S) << step_s;
+        for (const double at_s : {101.0, 150.0}) {
+            EXPECT_NEAR(clock_.utc(at_s), MARCH_1 + step_s + at_s, 0.25) << step_s;
+        }
+    }
+}
+
+TEST_F(TheSampleClock, FollowsASoundCardWhoseClockIsWrongForADay) {
+    for (const double error : {200e-6, -200e-6}) {
+        clock_ = {};
+        captured_s_ = 0.1;
+        capture(DAY, MARCH_1, error);
+        for (const double ago_s : {0.0, 10.0, 60.0, 120.0, 290.0}) {
+            const double at_s = captured_s_ - ago_s;
+            EXPECT_NEAR(clock_.utc(at_s), MARCH_1 + at_s * (1 + error), NEAR_S + ago_s * 200e-6) << ago_s;
+        }
+    }
+}
+
+TEST_F(TheSampleClock, OfWhatComesAllAtOnceTheNewestSampleHasJustCome) {
+    for (double captured_s = 0.25; captured_s <= 200; captured_s += 0.25) clock_.observe(captured_s, MARCH_1);
+    for (const double at_s : {0.0, 100.0, 200.0}) EXPECT_NEAR(clock_.utc(at_s), MARCH_1 - 200 + at_s, 1e-6) << at_s;
 }
 
 // ---- Spots as text --------------------------------------------------------------------------------------------------

@@ -15,7 +15,6 @@
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -28,6 +27,7 @@
 #include "looks.h"
 #include "patience.h"
 #include "recording.h"
+#include "sampleclock.h"
 #include "search.h"
 #include "spotlog.h"
 #include "spots.h"
@@ -68,30 +68,6 @@ struct Options {
 double ring_seconds(const Options& options) {
     return Looks(options.every_s, options.settle_s).block_s() + 1;
 }
-
-// Tells when captured samples were on the air. Buffers arrive late by more or less: of those of the last seconds the
-// one that came soonest is right.
-class SampleClock {
-  public:
-    // captured_s of audio have arrived by now.
-    void observe(double captured_s, double now) {
-        if (captured_s <= 0) return;  // a device may take seconds to begin
-        const double begin = now - captured_s;
-        if (now - since_ > WINDOW_S) {
-            before_ = recent_;
-            recent_ = begin;
-            since_ = now;
-        }
-        recent_ = std::min(recent_, begin);
-    }
-    double utc(double captured_s) const { return std::min(before_, recent_) + captured_s; }
-
-  private:
-    static constexpr double WINDOW_S = 5;
-    double recent_ = HUGE_VAL;  // UTC of the first sample, as the last window has it
-    double before_ = HUGE_VAL;  // and the one before
-    double since_ = 0;
-};
 
 // Decodes the ring again and again and prints the spots. All is reckoned in captured seconds until it is printed.
 class Listener {

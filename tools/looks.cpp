@@ -7,7 +7,7 @@ namespace {
 constexpr double CONTEXT_S = 90;  // decoded before what counts: two of the longest frames, and some
 constexpr double GRID_S = 0.008;  // between positions on the decoder's grid, a sixteenth of a chip
 constexpr int32_t PHASES = 4;
-constexpr int32_t ENOUGH_LOOKS = 4;  // to be asked for a second find
+constexpr int32_t ENOUGH_LOOKS = 4;  // from so many on one find is too few
 
 }  // namespace
 
@@ -22,12 +22,11 @@ double Looks::next_phase_s() {
 }
 
 double Looks::add(double captured_s) {
-    // Two looks beyond what has settled, and all that has settled since the last one, should it have taken long.
-    const double last_s = looks_.empty() ? 0 : looks_.back();
-    const double recent_s = std::max(2 * every_s_, captured_s - last_s + every_s_);
+    // All that had not settled at the last look.
+    const double earliest_end_s = settled_s(looks_.empty() ? 0 : looks_.back());
     looks_.push_back(captured_s);
     std::erase_if(looks_, [&](double look_s) { return look_s < captured_s - block_s(); });
-    return captured_s - settle_s_ - recent_s;
+    return earliest_end_s;
 }
 
 bool Looks::confirm(double end_s, int32_t finds) const {

@@ -3,7 +3,6 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string_view>
@@ -178,8 +177,9 @@ std::string station_help() {
 
 std::vector<SimStation> read_stations(const std::string& path, double default_freq_hz) {
     std::ifstream file(path, std::ios::binary);
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
-    if (!file || file.bad()) throw CLI::ValidationError("--stations: cannot read '" + path + "'");
+    std::string text;
+    for (std::string line; std::getline(file, line);) text += line + '\n';
+    if (!file.eof()) throw CLI::ValidationError("--stations: cannot read '" + path + "'");
 
     std::vector<SimStation> stations;
     const std::size_t first = text.find_first_not_of(" \t\r\n");

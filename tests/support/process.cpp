@@ -68,9 +68,8 @@ pid_t start_program(const std::vector<std::string>& arguments, const ProcessInpu
     _exit(127);
 }
 
-// Exit status, or -1 when the program was ended by a signal.
 int exit_status(int status, const std::string& program) {
-    if (!WIFEXITED(status)) return -1;
+    if (!WIFEXITED(status)) return -WTERMSIG(status);
     const int code = WEXITSTATUS(status);
     if (code == 126 || code == 127) throw std::runtime_error("cannot start " + program);
     return code;

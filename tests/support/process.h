@@ -16,7 +16,7 @@ struct ProcessInput {
 };
 
 struct ProcessResult {
-    int status = -1;  // exit status, or -1 when the program was ended by a signal
+    int status = -1;  // exit status, or less than 0 the signal that ended the program
     std::string out;  // standard output and standard error
     std::string err;
 };
