@@ -5,17 +5,11 @@
 #include <vector>
 
 #include "console.h"
-#include "decode.h"
-#include "devices.h"
-#include "encode.h"
 #include "input.h"
-#include "listen.h"
 #include "recording.h"
-#include "render.h"
-#include "scan.h"
 #include "search.h"
-#include "send.h"
 #include "steps.h"
+#include "subcommands.h"
 
 namespace {
 
@@ -56,13 +50,7 @@ std::optional<std::string> parse_command(const std::vector<std::string>& words) 
     CLI::App app("Encoder and decoder for slow, weak radio beacons", "orvel");
     app.set_version_flag("--version", "orvel");
     app.require_subcommand(1);
-    add_encode(app, status);
-    add_decode(app, status);
-    add_render(app, status);
-    add_scan(app, status);
-    add_devices(app, status);
-    add_send(app, status);
-    add_listen(app, status);
+    add_subcommands(app, status);
     app.parse_complete_callback([&app] {
         if (!app.got_subcommand("encode")) throw Parsed();
     });

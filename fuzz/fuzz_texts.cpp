@@ -1,9 +1,12 @@
-// Texts of the command line by themselves: steps, times, lengths, numbers, lists and bands.
+// Texts of the command line by themselves: steps, times, lengths, numbers, lists, bands and stations; and the files
+// that it names, of stations and of callsigns.
 #include <cmath>
 
 #include "console.h"
 #include "input.h"
+#include "memory_file.h"
 #include "search.h"
+#include "simstations.h"
 #include "steps.h"
 #include "utc.h"
 
@@ -100,11 +103,55 @@ void band(Input& input) {
     }
 }
 
+MemoryFile file_of(const std::string& text) {
+    return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
+}
+
+// A station that was understood can be sent, and is the same when its truth is read again.
+void expect_sound(const SimStation& station) {
+    expect(station.chips.size() == static_cast<std::size_t>(ovl_frame_chips(station.protocol)));
+    expect(std::isfinite(station.length_s()) && station.length_s() > 0);
+    expect(std::isfinite(station.t_start) && std::isfinite(station.freq_hz) && std::isfinite(station.drift_hz_s));
+    const std::string truth = truth_line(station);
+    const MemoryFile file = file_of(truth);
+    const std::vector<SimStation> again = read_stations(file.path(), 0);
+    expect(again.size() == 1 && truth_line(again[0]) == truth);
+}
+
+void one_station(Input& input) {
+    try {
+        expect_sound(parse_station(input.rest(), 1500));
+    } catch (const CLI::ValidationError& error) {
+        expect(error.what()[0] != '\0');
+    }
+}
+
+void file_of_stations(Input& input) {
+    const MemoryFile file = file_of(input.rest());
+    try {
+        for (const SimStation& station : read_stations(file.path(), 1500)) expect_sound(station);
+    } catch (const CLI::ValidationError& error) {
+        expect(error.what()[0] != '\0');
+    }
+}
+
+void file_of_callsigns(Input& input) {
+    const MemoryFile file = file_of(input.rest());
+    SearchOptions search;
+    search.known_file = file.path();
+    try {
+        for (const ovc_known& known : known_callsigns(search)) expect(known.display[0] != '\0');
+    } catch (const CLI::ValidationError& error) {
+        expect(error.what()[0] != '\0');
+    }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     Input input(data, size);
-    constexpr std::array KINDS = {step, time_of_text, text_of_time, length, slot, number, list, band};
+    constexpr std::array KINDS = {step, time_of_text, text_of_time,     length,           slot, number, list,
+                                  band, one_station,  file_of_stations, file_of_callsigns};
     KINDS[static_cast<std::size_t>(input.int32(0, KINDS.size() - 1))](input);
     return 0;
 }

@@ -352,13 +352,16 @@ void command_line() {
     words(0, "send\n--every\n10m\n--offset\n2\n--times\n3\nopera=K2QRX").save("command", "send");
     words(0, "listen\n--stdin\n--format\nfloat\n--channels\n2\n--start\n12:00\n--json").save("command", "listen");
     words(0, "scan\n--min-z\n5.5\na.wav\n--help").save("command", "help");
+    words(0, "simulate\n-o\na.wav\n--carrier\n-300,-10\n--impulses\n2,20\nopera=K2QRX,freq=1450,fading=poor")
+        .save("command", "simulate");
+    words(0, "plot\na.wav\n-o\na.png\n--range\n2:24\n--from\n1\n--to\n60\n--chips=K2QRX").save("command", "plot");
     words(1,
           "--center\n1400\n--search\n100\n--protocols\nopera,orvel-l\n--known\nK2QRX,G4QZB\n--known-only\n--band\n-5:7")
         .save("command", "search");
     words(2, "carrier=1\npause=1e0\nopera=K2QRX\norvel-l=G4QZB,IO91WM\n--rate\n8000\n--tone\n700\n--level\n0.3")
         .save("command", "steps");
 
-    constexpr int32_t LAST_KIND = 7;
+    constexpr int32_t LAST_KIND = 10;
     Seed().integer(0, 0, LAST_KIND).rest("orvel-l=G4QZB,IO91").save("texts", "step");
     Seed().integer(1, 0, LAST_KIND).number(1e9, 0, 4e9).rest("2026-03-01T12:00:02.5Z").save("texts", "date");
     Seed().integer(1, 0, LAST_KIND).number(1e9, 0, 4e9).rest("12:00:00").save("texts", "time");
@@ -368,6 +371,18 @@ void command_line() {
     Seed().integer(5, 0, LAST_KIND).rest("+1e-3").save("texts", "number");
     Seed().integer(6, 0, LAST_KIND).rest("opera, orvel-s;all").save("texts", "list");
     Seed().integer(7, 0, LAST_KIND).rest("-20e3:+20000.5").save("texts", "band");
+    Seed()
+        .integer(8, 0, LAST_KIND)
+        .rest("orvel-l=K2QRX,FN31,freq=1450,snr=-18,start=-3.5,drift=0.1,spread=0.5,delay=1")
+        .save("texts", "station");
+    Seed()
+        .integer(9, 0, LAST_KIND)
+        .rest(
+            "{\"call\":\"K2QRX\",\"protocol\":\"orvel-l\",\"locator\":\"FN31\",\"t_start\":1.5,\"freq_hz\":1400,"
+            "\"drift_hz_s\":0.1,\"snr_db\":-9}\n\n{\"call\":\"G4QZB\",\"fading\":\"good\"}\n")
+        .save("texts", "station_lines");
+    Seed().integer(9, 0, LAST_KIND).rest("[{\"call\":\"K2QRX\"}]").save("texts", "station_array");
+    Seed().integer(10, 0, LAST_KIND).rest("K2QRX, G4QZB # friends\n\nDL1QXA\r\n").save("texts", "callsigns");
 }
 
 }  // namespace
