@@ -21,9 +21,9 @@ void SampleClock::observe(double captured_s, double now) {
         windows_.push_back({captured_s, begin, true});
     } else if (captured_s > windows_.back().from_s + WINDOW_S) {
         windows_.push_back({captured_s, begin, false});
-        std::erase_if(windows_, [&](const Window& window) { return window.from_s < captured_s - REMEMBER_S; });
     }
     windows_.back().begin = std::min(windows_.back().begin, begin);
+    std::erase_if(windows_, [&](const Window& window) { return window.from_s < captured_s - REMEMBER_S; });
 }
 
 double SampleClock::utc(double captured_s) const {
