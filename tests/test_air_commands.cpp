@@ -777,6 +777,7 @@ TEST_F(AirCommands, InputThatCannotBeReadIsAFailure) {
 
 TEST_F(AirCommands, WrongOptionsOfListenAreWrongUsage) {
     const std::vector<std::pair<Arguments, Arguments>> wrong = {
+        {{"--stdin", "--rate", "0"}, {"--rate", "8000 to 384000"}},
         {{"--stdin", "--rate", "7999"}, {"--rate", "8000 to 384000"}},
         {{"--stdin", "--rate", "384001"}, {"--rate", "8000 to 384000"}},
         {{"--stdin", "--rate", "-1"}, {"--rate"}},

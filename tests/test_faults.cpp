@@ -68,6 +68,19 @@ class Faults : public TestWithFiles {
         return file;
     }
 
+    // Commands that write a file, whose name comes last.
+    std::vector<Arguments> writers() const {
+        const std::string sound = recording();
+        return {{"render", "opera=K2QRX", "-o", "beacon.wav"},
+                {"simulate", "opera=K2QRX", "-o", "simulated.wav"},
+                {"simulate", "opera=K2QRX", "--format=float", "-o", "floating.wav"},
+                {"simulate", "opera=K2QRX", "-o", "simulated.flac"},
+                {"simulate", "opera=K2QRX", "-o", path("its.wav"), "--truth", "truth.jsonl"},
+                {"plot", sound, "--no-decode", "-o", "picture.png"},
+                {"plot", sound, "--no-decode", "-o", "picture.svg"},
+                {"plot", sound, "--no-decode", "-o", "picture.pdf"}};
+    }
+
     // A command line behind a shell that sets something up: "ulimit -f 8; exec \"$@\"".
     static Arguments in_shell(const std::string& script, const Arguments& arguments) {
         Arguments all = {"/bin/sh", "-c", script, "sh"};
@@ -124,6 +137,15 @@ TEST_F(Faults, EveryCommandFailsOnAClosedPipeAndAFullDisk) {
     }
 }
 
+TEST_F(Faults, AFullDiskIsAFailureOfEveryCommandThatWritesAFile) {
+    for (Arguments command : writers()) {
+        const std::string output = path(command.back());
+        std::filesystem::create_symlink("/dev/full", output);
+        command.back() = output;
+        EXPECT_TRUE(failed_with(orvel(command), {"cannot write '" + output + "': No space left on device"}));
+    }
+}
+
 #ifndef ORVEL_SANITIZED  // whose shadow memory alone is beyond any limit
 
 // What is asked for by the libraries inside counts here too; FFTW ends the process when it gets nothing.
@@ -150,10 +172,14 @@ TEST_F(Faults, HoweverLittleMemoryThereIsTheCommandEndsByItself) {
 
 // What a file may grow to is limited: a quota, or the end of a small file system.
 TEST_F(Faults, AFileThatMayNotGrowIsAFailureAndHoldsWhatWentIntoIt) {
-    const std::string output = path("beacon.wav");
-    EXPECT_TRUE(failed_with(run_process(in_shell("ulimit -f 16; exec \"$@\"", {"render", "opera=K2QRX", "-o", output})),
-                            {"cannot write '" + output + "'", "File too large"}));
-    EXPECT_GT(std::filesystem::file_size(output), 0U);
+    for (Arguments command : writers()) {
+        if (command.back() == "truth.jsonl") continue;  // so little that it always fits
+        const std::string output = path(command.back());
+        command.back() = output;
+        EXPECT_TRUE(failed_with(run_process(in_shell("ulimit -f 8; exec \"$@\"", command)),
+                                {"cannot write '" + output + "': File too large"}));
+        EXPECT_GT(std::filesystem::file_size(output), 0U);
+    }
 
     // The first lines fill a block of 512 bytes, and the rest has no room.
     const std::string file = recording();
@@ -294,6 +320,8 @@ TEST_F(Faults, SignalsEndEveryCommandFromItsStartOn) {
     const std::vector<Arguments> commands = {{"decode", "--json", OPERA, "--block=60", file},
                                              {"scan", "--json", file},
                                              {"render", "-o", output, "carrier=3600", "carrier=3600", "carrier=3600"},
+                                             {"simulate", "-o", output, "--seconds=3600", "opera=K2QRX"},
+                                             {"plot", "--no-decode", "-o", path("picture.png"), file},
                                              listening({"--json"})};
     for (const Arguments& command : commands) {
         for (const int signal : ENDING) {
@@ -439,11 +467,54 @@ TEST_F(Faults, WithoutPermissionThereIsOneLineWithTheReason) {
             EXPECT_FALSE(result.out.empty());
         }
         EXPECT_TRUE(failed_with(run({"render", "carrier=1", "-o", file}), {"cannot write '", "Permission denied"}));
-        const ProcessResult known = run({"decode", "--known-file", file, good});
-        EXPECT_EQ(known.status, 2);
-        EXPECT_TRUE(one_line_with(known, {"--known-file", file}));
+        for (const auto& [option, command] : std::vector<std::pair<std::string, Arguments>>{
+                 {"--known-file", {"decode", good}}, {"--stations", {"simulate", "-o", path("x.wav")}}}) {
+            Arguments all = command;
+            all.insert(all.end(), {option, file});
+            const ProcessResult result = run(all);
+            EXPECT_EQ(result.status, 2);
+            EXPECT_TRUE(one_line_with(result, {option, file}));
+        }
+        EXPECT_TRUE(
+            failed_with(run({"plot", "-o", path("x.png"), file}), {"cannot read '" + file + "'", "Permission denied"}));
+    }
+    for (Arguments command : writers()) {
+        const std::string output = path("locked/" + command.back());
+        command.back() = output;
+        EXPECT_TRUE(failed_with(run(command), {"cannot write '" + output + "': Permission denied"}));
     }
     std::filesystem::permissions(path("locked"), perms::owner_all);
+}
+
+// As a shell's <(…) gives them: their writer may take its time, and a signal ends the wait.
+TEST_F(Faults, ListsMayComeFromPipes) {
+    const std::string pipe = path("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const std::string good = recording();
+    const std::vector<std::pair<Arguments, std::string>> commands = {
+        {{"decode", "--json", "--known-only", "--known-file", pipe, OPERA, good}, "# all of them\nK2QRX\n"},
+        {{"simulate", "-o", path("x.wav"), "--truth", "/dev/stdout", "--stations", pipe}, "{\"call\": \"K2QRX\"}\n"}};
+    for (const auto& [command, list] : commands) {
+        RunningProcess reader(orvel_arguments(command));
+        EXPECT_FALSE(reader.wait(0.3)) << "it did not wait";
+        std::ofstream(pipe) << list;
+        EXPECT_TRUE(holds_the_frame(reader.read_rest(PATIENCE_S)));
+        const auto result = reader.wait(PATIENCE_S);
+        ASSERT_TRUE(result);
+        EXPECT_EQ(result->status, 0) << result->err;
+
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+            RunningProcess waiting(orvel_arguments(command));
+            EXPECT_FALSE(waiting.wait(0.3));
+            waiting.send_signal(signal);
+            const auto ended = waiting.wait(PATIENCE_S);
+            ASSERT_TRUE(ended) << command[0] << " waits for the pipe";
+            EXPECT_EQ(ended->status, -signal);
+        }
+        Arguments directory = command;
+        std::replace(directory.begin(), directory.end(), pipe, path(""));
+        EXPECT_TRUE(usage_error_with(directory, {"cannot read '" + path("") + "'"}));
+    }
 }
 
 TEST_F(Faults, TenThousandFilesAreNoTrouble) {
@@ -488,6 +559,8 @@ TEST_F(Faults, NamesOfEveryKindAreTakenAndMakeValidJson) {
             ASSERT_TRUE(nlohmann::json::accept(line)) << line;
             EXPECT_EQ(nlohmann::json::parse(line).at("file"), path(shown));
         }
+        EXPECT_EQ(orvel({"plot", "--no-decode", "-o", file + ".svg", file}).status, 0) << name;
+        EXPECT_EQ(orvel({"simulate", "--seconds=1", "-o", file, "--truth", file + ".jsonl"}).status, 0) << name;
         EXPECT_EQ(orvel({"render", "carrier=1", "-o", file}).status, 0) << name;
     }
 }
@@ -497,7 +570,8 @@ TEST_F(Faults, NamesOfEveryKindAreOneLineInMessages) {
     const std::vector<std::pair<std::string, std::string>> names = {{"new\nline\r.wav", "new\\nline\\r.wav"},
                                                                     {"\x1b[31mred\x7f.wav", "\\x1b[31mred\\x7f.wav"},
                                                                     {"caf\xc3\xa9\t.wav", "caf\xc3\xa9\\t.wav"},
-                                                                    {"two blanks .wav", "two blanks .wav"}};
+                                                                    {"two blanks .wav", "two blanks .wav"},
+                                                                    {"\x9b[31mred.wav", "\\x9b[31mred.wav"}};
     for (const auto& [name, shown] : names) {
         const std::string good = recording(name);
         write("bad-" + name, "no recording");
@@ -513,8 +587,14 @@ TEST_F(Faults, NamesOfEveryKindAreOneLineInMessages) {
         }
         EXPECT_TRUE(failed_with(orvel({"render", "carrier=1", "-o", path("directory-" + name)}),
                                 {"cannot write '" + path("directory-" + shown) + "'"}));
+        EXPECT_TRUE(failed_with(orvel({"plot", "-o", path("x.png"), path("missing-" + name)}),
+                                {"cannot read '" + path("missing-" + shown) + "'"}));
+        EXPECT_TRUE(failed_with(orvel({"simulate", "--seconds=1", "-o", path("directory-" + name)}),
+                                {"cannot write '" + path("directory-" + shown) + "'"}));
         EXPECT_TRUE(usage_error_with({"decode", "--known-file", path("missing-" + name), good},
                                      {"--known-file", path("missing-" + shown)}));
+        EXPECT_TRUE(usage_error_with({"simulate", "-o", path("x.wav"), "--stations", path("missing-" + name)},
+                                     {"--stations", path("missing-" + shown)}));
     }
     EXPECT_TRUE(usage_error_with({"encode", "K2\nQRX"}, {"K2\\nQRX"}));
     EXPECT_TRUE(usage_error_with({"decode", "--no\n-such", "x"}, {"--no\\n-such"}));
@@ -558,7 +638,21 @@ TEST_F(Faults, NumbersHaveADecimalPointInGermanyToo) {
                       .status,
                   0);
     }
-    EXPECT_EQ(run_process({"/usr/bin/cmp", path("here.wav"), path("there.wav")}).status, 0);
+    for (const auto& [name, input] : {std::pair{"here", plain}, {"there", german}}) {
+        EXPECT_EQ(orvel({"simulate", "opera=K2QRX,freq=1450.5,snr=-9.5,fading=good", "--noise=-20.5", "-o",
+                         path(name + std::string(".flac"))},
+                        input)
+                      .status,
+                  0);
+        EXPECT_EQ(
+            orvel({"plot", "--title=K2QRX", "--range=-3.5:30.5", "-o", path(name + std::string(".svg")), file}, input)
+                .status,
+            0);
+    }
+    for (const char* const extension : {".wav", ".flac", ".jsonl", ".svg"}) {
+        EXPECT_EQ(run_process({"/usr/bin/cmp", path("here") + extension, path("there") + extension}).status, 0)
+            << extension;
+    }
     EXPECT_TRUE(usage_error_with({"decode", "--center=1490,5", file}, {"--center"}, german));
     EXPECT_TRUE(failed_with(orvel({"decode", "--search=1e12", file}, german), {"search band"}));
 }

@@ -17,6 +17,7 @@
 #include <memory>
 #include <new>
 #include <numeric>
+#include <optional>
 #include <span>
 #include <string>
 #include <thread>
@@ -26,6 +27,7 @@
 #include "failing_memory.h"
 #include "ldpc.h"
 #include "liborvel.h"
+#include "liborvel.hpp"
 #include "median.h"
 #include "orvel.h"
 #include "ovbb.h"
@@ -481,12 +483,17 @@ TEST(DecoderMemory, APhantomGoesWithoutItToo) {
         return ovl_decode(decoder.get(), samples.data(), count_of(samples), RATE, &settings, results.data(), ROOM);
     };
     ASSERT_EQ(decode(), 1);
+    ASSERT_STREQ(results[0].call, "SM5XYZ");
     int64_t decoded = 0;
     refuse_each_request(
         [&](FailingMemory& memory) {
             const int32_t count = memory.watch(decode);
             EXPECT_LE(count, 1);
-            decoded += count == 1 ? 1 : 0;
+            if (count != 1) return;
+            decoded++;
+            // The phantom alone is left when there was no memory to find what it is one of.
+            const std::string call = results[0].call;
+            EXPECT_TRUE(call == "SM5XYZ" || (call == "K1ABC" && memory.has_refused())) << call;
         },
         DECODE_STRIDE);
     EXPECT_GT(decoded, 20 / DECODE_STRIDE);
@@ -906,10 +913,29 @@ TEST(RefinementMemory, ASearchAroundAPlaceFailsWithoutIt) {
               5);
 }
 
+// Whether a call ends in std::bad_alloc.
+template <class Call>
+bool throws_without_memory(FailingMemory& memory, Call call) {
+    try {
+        memory.watch(call);
+        return false;
+    } catch (const std::bad_alloc&) {
+        return true;
+    }
+}
+
 TEST(RefinementMemory, AMeterThrowsAndMeasuresAllTheSameAfterwards) {
     const Received received;
     const StartGrid starts{received.hyp.start, 3, 1};
     const std::array freqs = {received.hyp.f, received.hyp.f + 0.5};
+    EXPECT_GT(refuse_each_request([&](FailingMemory& memory) {
+                  const bool thrown = throws_without_memory(memory, [&] {
+                      ChipMeter meter(received.bb, received.map.chip_len, OVC_CHIPS);
+                      meter.measure(starts, freqs, 0.02);
+                  });
+                  EXPECT_EQ(thrown, memory.has_refused());
+              }),
+              5);
     const auto total = [&](const ChipMeter& meter) {
         double sum = 0;
         for (int32_t s = 0; s < starts.count; s++) {
@@ -935,6 +961,26 @@ TEST(RefinementMemory, AMeterThrowsAndMeasuresAllTheSameAfterwards) {
                   EXPECT_EQ(thrown, memory.has_refused());
                   meter.measure(starts, freqs, 0.02);
                   EXPECT_EQ(total(meter), reference);
+              }),
+              5);
+}
+
+TEST(RefinementMemory, AMeterOfDriftsThrowsAndMeasuresAllTheSameAfterwards) {
+    const Received received;
+    const DriftGrid grid{received.hyp.f, 0.1, 2, 0.01, 3};
+    DriftMeter used(received.bb, received.map.chip_len, OVC_CHIPS);
+    ASSERT_TRUE(used.measure(received.hyp.start, grid));
+    const std::vector<float> reference(used.energies(2, -3), used.energies(2, -3) + OVC_CHIPS);
+    EXPECT_GT(refuse_each_request([&](FailingMemory& memory) {
+                  std::optional<DriftMeter> meter;
+                  const bool thrown = throws_without_memory(memory, [&] {
+                      meter.emplace(received.bb, received.map.chip_len, OVC_CHIPS);
+                      meter->measure(received.hyp.start, grid);
+                  });
+                  EXPECT_EQ(thrown, memory.has_refused());
+                  if (!meter) return;
+                  EXPECT_TRUE(meter->measure(received.hyp.start, grid));
+                  EXPECT_TRUE(std::equal(reference.begin(), reference.end(), meter->energies(2, -3)));
               }),
               5);
 }
@@ -965,7 +1011,7 @@ TEST(FrameMemory, FramesAreListedWithoutIt) {
     Frames reference{};
     const int32_t listed = list(reference);
     ASSERT_EQ(listed, 100);
-    refuse_each_request([&](FailingMemory& memory) {
+    const int64_t refused = refuse_each_request([&](FailingMemory& memory) {
         Frames frames{};
         EXPECT_EQ(memory.watch([&] { return list(frames); }), listed);
         EXPECT_TRUE(
@@ -973,6 +1019,7 @@ TEST(FrameMemory, FramesAreListedWithoutIt) {
                 return a.metric == b.metric && std::equal(std::begin(a.rows), std::end(a.rows), b.rows);
             }));
     });
+    EXPECT_GE(refused, 1);
 }
 
 TEST(FrameMemory, ASoftDecisionSucceedsOrLeavesItsReportAlone) {
@@ -1103,15 +1150,105 @@ TEST(PipelineMemory, AScanFindsAllOrFails) {
     Hits reference{};
     const int32_t found = scan(reference);
     ASSERT_GE(found, 1);
+    int64_t failures = 0;
     refuse_each_request([&](FailingMemory& memory) {
         Hits hits{};
         const int32_t count = memory.watch([&] { return scan(hits); });
-        if (count == -1 && memory.has_refused()) return;
+        if (count == -1 && memory.has_refused()) {
+            failures++;
+            return;
+        }
         EXPECT_EQ(count, found);
         EXPECT_TRUE(std::equal(hits.begin(), hits.end(), reference.begin(),
                                [](const ov_hit& a, const ov_hit& b) { return a.freq_hz == b.freq_hz && a.z == b.z; }));
     });
+    EXPECT_GT(failures, 2 * 5);
 }
+
+// ---- The C++ header ------------------------------------------------------------------------------------------------
+
+// Whether a call of the header succeeds; it may throw when memory was refused.
+template <class Call>
+bool succeeds(FailingMemory& memory, Call call) {
+    try {
+        memory.watch(call);
+        return true;
+    } catch (const std::bad_alloc&) {
+        EXPECT_TRUE(memory.has_refused());
+    } catch (const ovl::Error&) {  // of a block for which a part of the decoder got none
+        EXPECT_TRUE(memory.has_refused());
+    }
+    return false;
+}
+
+TEST(HeaderMemory, AnObjectIsMadeWholeOrNotAtAll) {
+    EXPECT_EQ(refuse_each_request([](FailingMemory& memory) {
+                  const bool made = succeeds(memory, [] { const ovl::Decoder decoder; });
+                  EXPECT_NE(made, memory.has_refused());
+              }),
+              1);
+    EXPECT_GE(refuse_each_request([](FailingMemory& memory) {
+                  const bool made = succeeds(memory, [] { const ovl::Transmitter tx; });
+                  EXPECT_NE(made, memory.has_refused());
+              }),
+              1);
+    EXPECT_GE(refuse_each_request([](FailingMemory& memory) {
+                  const bool made = succeeds(memory, [] { const ovl::Audio audio; });
+                  EXPECT_NE(made, memory.has_refused());
+              }),
+              1);
+}
+
+TEST(HeaderMemory, CallsThrowAndWorkAfterwards) {
+    const auto chips = ovl::encode(OVL_OPERA, "K1ABC");
+    EXPECT_GE(refuse_each_request([&](FailingMemory& memory) {
+                  std::vector<uint8_t> encoded;
+                  const bool made = succeeds(memory, [&] { encoded = ovl::encode(OVL_OPERA, "K1ABC"); });
+                  EXPECT_NE(made, memory.has_refused());
+                  EXPECT_TRUE(!made || encoded == chips);
+              }),
+              1);
+
+    const std::vector<float> samples = to_float(render_real(opera_scene()));
+    const ovl_settings settings = settings_of(OVL_OPERA);
+    const std::string known = KNOWN;
+    ovl::Decoder decoder;
+    EXPECT_EQ(decoder.set_known(known), 3);
+    EXPECT_EQ(decoder.decode(samples, RATE, settings).size(), 2U);
+    int64_t failures = 0;
+    refuse_each_request(
+        [&](FailingMemory& memory) {
+            std::vector<ovl_result> results;
+            if (!succeeds(memory, [&] { results = decoder.decode(samples, RATE, settings); })) {
+                failures++;
+                EXPECT_TRUE(results.empty());
+            } else if (!memory.has_refused()) {
+                EXPECT_EQ(results.size(), 2U);
+            }
+        },
+        DECODE_STRIDE);
+    EXPECT_GT(failures, 2 * 5);
+    EXPECT_EQ(decoder.decode(samples, RATE, settings).size(), 2U);
+
+    const std::array steps = {ovl::tx_carrier(0.5)};
+    EXPECT_GE(refuse_each_request([&](FailingMemory& memory) {
+                  ovl::Transmitter tx;
+                  const bool started = succeeds(memory, [&] { tx.start(steps); });
+                  EXPECT_NE(started, memory.has_refused());
+                  tx.start(steps);
+                  EXPECT_GT(tx.status().total_s, 0.5);
+              }),
+              1);
+    EXPECT_GE(refuse_each_request([&](FailingMemory& memory) {
+                  ovl::Audio audio;
+                  const bool started = succeeds(memory, [&] { audio.start_input(OVL_AUDIO_NONE, 48000, 1); });
+                  EXPECT_NE(started, memory.has_refused());
+                  audio.start_input(OVL_AUDIO_NONE, 48000, 1);
+                  EXPECT_EQ(audio.input_stats().rate, 12000);
+              }),
+              1);
+}
+
 // ---- What needs no memory ------------------------------------------------------------------------------------------
 
 // Runs a call that is to ask for no memory, where there is none.
@@ -1173,6 +1310,8 @@ TEST(NoMemory, IsNeededToSetUpADecoder) {
     const Decoder decoder = make_decoder();
     EXPECT_EQ(without_memory([&] { return ovl_set_known(decoder.get(), "DL1ABC, K1ABC; nonsense"); }), 2);
     EXPECT_STREQ(without_memory([&] { return ovl_last_error(decoder.get()); }), "");
+    EXPECT_EQ(without_memory([&] { return ovl_set_known(nullptr, KNOWN); }), -1);
+    EXPECT_STREQ(without_memory([] { return ovl_last_error(nullptr); }), "no decoder");
     ovl_settings settings;
     EXPECT_EQ(without_memory([&] {
                   ovl_settings_default(&settings);

@@ -1382,6 +1382,34 @@ TEST_F(Playback, NeedsAPreparedTransmitterBeforeAnythingElse) {
     EXPECT_TRUE(sound->streams.empty());
 }
 
+TEST_F(Playback, AsksForNoMemoryButThatOfPortAudio) {
+    const Transmitter tx = prepared(1000);
+    sound->streams.reserve(4);
+    for (const double start_time : {0.0, wall_clock() + 1000}) {
+        FailingMemory memory;
+        EXPECT_EQ(memory.watch([&] { return ovl_audio_start_output_at(audio.get(), HEADSET, tx.get(), start_time); }),
+                  0);
+        EXPECT_EQ(memory.requests(), 1) << "the stream";
+        FailingMemory rest(1, Refuses::ALL_FURTHER);
+        rest.watch([&] {
+            std::array<float, 200> buffer{};
+            const Stream& stream = sound->last();
+            stream.callback(nullptr, buffer.data(), 100, nullptr, 0, stream.user);
+            ovl_audio_output_started(audio.get());
+            ovl_audio_output_active(audio.get());
+            ovl_audio_output_latency(audio.get());
+            ovl_audio_last_error(audio.get());
+            ovl_audio_stop_output(audio.get());
+        });
+        EXPECT_EQ(rest.requests(), 0);
+        sound->open_error = paDeviceUnavailable;
+        FailingMemory failing(1, Refuses::ALL_FURTHER);
+        EXPECT_EQ(failing.watch([&] { return ovl_audio_start_output(audio.get(), HEADSET, tx.get()); }), -1);
+        EXPECT_EQ(failing.requests(), 0);
+        sound->open_error = paNoError;
+    }
+}
+
 TEST_F(Playback, NeedsADeviceWithOutputs) {
     const Transmitter tx = prepared(1000);
     const auto refused = [&](int32_t index) {
@@ -1945,6 +1973,32 @@ TEST(AudioThreads, ASlowReaderSeesNothingButSamples) {
 }
 
 using AudioThreadsOnACard = WithSound;
+
+// In a process of its own, as ctest runs it, this is what initialises PortAudio.
+TEST_F(AudioThreadsOnACard, FirstUseOfDevicesMayBeInSeveralAtOnce) {
+    std::vector<std::jthread> threads;
+    for (int32_t k = 0; k < 8; k++) {
+        threads.emplace_back([k] {
+            const Audio mine = make_audio();
+            ovl_audio_device info;
+            switch (k % 4) {
+                case 0:
+                    EXPECT_GT(ovl_audio_device_count(), 0);
+                    break;
+                case 1:
+                    EXPECT_EQ(ovl_audio_device_info(HEADSET, &info), 0);
+                    break;
+                case 2:
+                    EXPECT_EQ(ovl_audio_start_input(mine.get(), SPEAKER, 48000, 1), -1);
+                    break;
+                default:
+                    EXPECT_EQ(ovl_audio_start_output(mine.get(), MICROPHONE, prepared(1000).get()), -1);
+            }
+        });
+    }
+    threads.clear();
+    EXPECT_EQ(initializations, 1);
+}
 
 TEST_F(AudioThreadsOnACard, CaptureIsWatchedWhileTheSoundCardDelivers) {
     ASSERT_EQ(ovl_audio_start_input(audio.get(), HEADSET, 48000, 1), 0);

@@ -45,6 +45,7 @@ TEST(Threads, FirstUseOfTheCodesMayBeInSeveralAtOnce) {
 TEST(Threads, FirstUseOfEverythingMayBeInSeveralAtOnce) {
     struct Outcome {
         std::vector<ovl_result> results;
+        int32_t n_recent = 0;
         int32_t n_known = 0, n_chips = 0, n_hits = 0, rendered = 0, captured = 0;
     };
     const auto use_everything = [](const std::vector<float>& samples, Outcome& out) {
@@ -56,6 +57,8 @@ TEST(Threads, FirstUseOfEverythingMayBeInSeveralAtOnce) {
         const auto n = static_cast<int32_t>(samples.size());
         const int32_t count = ovl_decode(decoder.get(), samples.data(), n, 8000, &settings, out.results.data(), 8);
         out.results.resize(static_cast<std::size_t>(std::max(count, 0)));
+        ovl_result recent[8];
+        out.n_recent = ovl_decode_recent(decoder.get(), samples.data(), n, 8000, &settings, 10, recent, 8);
         ov_hit hits[8];
         out.n_hits = ovl_keyed(samples.data(), n, 8000, &settings, 30, 6, hits, 8);
         uint8_t chips[321];
@@ -99,6 +102,7 @@ TEST(Threads, FirstUseOfEverythingMayBeInSeveralAtOnce) {
     use_everything(samples, alone);
     ASSERT_EQ(alone.results.size(), 1u);
     EXPECT_STREQ(alone.results.front().call, "K1ABC");
+    EXPECT_EQ(alone.n_recent, 1);
     EXPECT_EQ(alone.n_known, 2);
     EXPECT_EQ(alone.n_chips, 321);
     EXPECT_EQ(alone.n_hits, 1);
@@ -107,6 +111,7 @@ TEST(Threads, FirstUseOfEverythingMayBeInSeveralAtOnce) {
     for (const Outcome& outcome : outcomes) {
         ASSERT_EQ(outcome.results.size(), 1u);
         EXPECT_EQ(std::memcmp(outcome.results.data(), alone.results.data(), sizeof(ovl_result)), 0);
+        EXPECT_EQ(outcome.n_recent, alone.n_recent);
         EXPECT_EQ(outcome.n_known, alone.n_known);
         EXPECT_EQ(outcome.n_chips, alone.n_chips);
         EXPECT_EQ(outcome.n_hits, alone.n_hits);
@@ -130,8 +135,8 @@ TEST(Threads, ATransmissionIsControlledAndWatchedWhileItIsRendered) {
         }
     });
     double elapsed = 0;
-    for (int32_t i = 1; i <= 1000; ++i) {
-        EXPECT_EQ(ovl_tx_set_level(tx.get(), i / 1000.0), 0);
+    for (int32_t i = 1; i <= 1000 || elapsed < 1; ++i) {
+        EXPECT_EQ(ovl_tx_set_level(tx.get(), (1 + i % 1000) / 1000.0), 0);
         ovl_tx_progress progress;
         ovl_tx_status(tx.get(), &progress);
         EXPECT_GE(progress.elapsed_s, elapsed);

@@ -471,6 +471,17 @@ TEST(TheLogOfSpots, TheLaterLookIsRight) {
     EXPECT_TRUE(released(log, 1002).empty());
 }
 
+// Between two others that were handed out in order.
+TEST(TheLogOfSpots, ALaterLookDoesNotTakeAFrameBehindWhatWasGiven) {
+    SpotLog log(SpotLog::Order::END);
+    log.add({spot("DL1QXA", 1000), spot("K2QRX", 1000.5, 1500)});
+    EXPECT_EQ(calls(released(log, 1000.2)), Calls{"DL1QXA"});
+    log.add({spot("K2QRX", 999.9, 1501)});
+    const auto given = released(log, 1001);
+    ASSERT_EQ(given.size(), 1U);
+    EXPECT_NEAR(spot_end(given[0]), 1000.5, 1e-9);
+}
+
 TEST(TheLogOfSpots, WhatSawMoreOfAFrameStays) {
     ov_spot much = spot("K2QRX", 1000, 1500);
     much.chips_ok = 239;
@@ -716,6 +727,26 @@ TEST(OptionChecks, ListsAreSplitAtCommasAndBlanks) {
     EXPECT_EQ(split_list("a/b-c"), Calls{"a/b-c"});
     EXPECT_TRUE(split_list("").empty());
     EXPECT_TRUE(split_list(" ,;\t\n\v\f").empty());
+}
+
+TEST(PrintableText, IsOneLineThatMovesNoCursor) {
+    for (const char* const plain : {"", "a ~", "caf\xc3\xa9", "\xc2\xa0", "\xe2\x82\xac", "\xf0\x9f\x93\xbb", "\\x"}) {
+        EXPECT_EQ(printable(plain), plain);
+    }
+    EXPECT_EQ(printable("a\nb\r\tc"), "a\\nb\\r\\tc");
+    EXPECT_EQ(printable("\x1b[2J\x7f"), "\\x1b[2J\\x7f");
+    EXPECT_EQ(printable(std::string(1, '\0')), "\\x00");
+    EXPECT_EQ(printable("\xc2\x9b"
+                        "2J"),
+              "\\xc2\\x9b2J");                                         // U+009B, the same as ESC [
+    EXPECT_EQ(printable("\xe9t\xe9"), "\\xe9t\\xe9");                  // Latin-1
+    EXPECT_EQ(printable("\xe2\x82"), "\\xe2\\x82");                    // cut off
+    EXPECT_EQ(printable("\xe2(\x82"), "\\xe2(\\x82");                  // in the middle
+    EXPECT_EQ(printable("\xc0\x8a"), "\\xc0\\x8a");                    // a line feed, made longer
+    EXPECT_EQ(printable("\xe0\x82\x9b"), "\\xe0\\x82\\x9b");           // and U+009B
+    EXPECT_EQ(printable("\xed\xa0\x80"), "\\xed\\xa0\\x80");           // half a pair of UTF-16
+    EXPECT_EQ(printable("\xf4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80");  // beyond the last
+    EXPECT_EQ(printable("\xf0\x80\x82\x9b\xff"), "\\xf0\\x80\\x82\\x9b\\xff");
 }
 
 TEST(Format, HoldsTextsOfEveryLength) {

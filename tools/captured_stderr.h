@@ -1,6 +1,7 @@
 // What foreign code prints to standard error, kept back.
 #pragma once
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,11 +10,11 @@
 #include <string_view>
 #include <vector>
 
-// Standard error of the process, kept in a file for the life of the object. Serves around
-// code that prints messages itself; not for several threads.
+// Standard error of the process, kept in memory for the life of the object: there may be no room on any disk. Serves
+// around code that prints messages itself; not for several threads.
 class CapturedStderr {
   public:
-    CapturedStderr() : file_(std::tmpfile()) {
+    CapturedStderr() : file_(fdopen(memfd_create("messages", MFD_CLOEXEC), "w+")) {
         std::fflush(stderr);
         saved_ = dup(STDERR_FILENO);
         if (file_ && saved_ >= 0) dup2(fileno(file_), STDERR_FILENO);

@@ -2,10 +2,12 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -22,22 +24,43 @@ void clear_status() {
     if (std::exchange(status_shown, false)) std::fputs("\r\033[K", stderr);
 }
 
+// How many bytes at the beginning of a text are a character of UTF-8 that prints something: 0 when they are a control
+// character, of which U+0080 to U+009F are as good as those of ASCII to a terminal, or no UTF-8.
+std::size_t printable_bytes(std::string_view text) {
+    const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
+    const uint32_t first = byte(0);
+    if (first < 0x80) return first >= ' ' && first != 0x7f ? 1 : 0;
+    const std::size_t length = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
+    if (first < 0xc2 || first > 0xf4 || text.size() < length) return 0;
+    uint32_t character = first & (0x7fU >> length);
+    for (std::size_t at = 1; at < length; at++) {
+        if ((byte(at) & 0xc0U) != 0x80) return 0;
+        character = character << 6 | (byte(at) & 0x3fU);
+    }
+    constexpr uint32_t LEAST[] = {0xa0, 0x800, 0x10000};  // of 2, 3 and 4 bytes
+    const bool surrogate = character >= 0xd800 && character <= 0xdfff;
+    return character >= LEAST[length - 2] && character <= 0x10ffff && !surrogate ? length : 0;
+}
+
 }  // namespace
 
 std::string printable(std::string_view text) {
     std::string shown;
-    for (const char c : text) {
-        if (c == '\n') {
+    while (!text.empty()) {
+        const std::size_t length = printable_bytes(text);
+        const char c = text.front();
+        if (length > 0) {
+            shown += text.substr(0, length);
+        } else if (c == '\n') {
             shown += "\\n";
         } else if (c == '\r') {
             shown += "\\r";
         } else if (c == '\t') {
             shown += "\\t";
-        } else if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') {
-            shown += format("\\x%02x", static_cast<unsigned>(c));
         } else {
-            shown += c;
+            shown += format("\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
         }
+        text.remove_prefix(std::max<std::size_t>(length, 1));
     }
     return shown;
 }

@@ -13,8 +13,8 @@ enum ExitStatus : int {
     EXIT_USAGE = 2    // a wrong option, value or combination
 };
 
-// The same text with "\n", "\x1b" and so on in place of control characters, which a file's name may hold: one line, and
-// nothing that moves a terminal's cursor.
+// The same text with "\n", "\x1b" and so on in place of control characters and bytes that are no UTF-8, which a file's
+// name may hold: one line, and nothing that moves a terminal's cursor.
 std::string printable(std::string_view text);
 
 // "orvel: <message>" and a line feed on standard error; the message as printable() has it.

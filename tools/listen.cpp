@@ -15,6 +15,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -35,7 +36,7 @@
 
 namespace {
 
-constexpr double SETTLE_S = 48;    // the longest frame, and two looks
+constexpr double SETTLE_S = 48;    // the longest frame, and a little more
 constexpr double SHORTEST_S = 20;  // less cannot hold enough of a frame
 constexpr double POLL_S = 0.05;
 constexpr double STALL_S = 5;      // without a captured sample: the device stands still
@@ -44,18 +45,20 @@ constexpr double STUCK_S = 60;     // a device that takes longer to open never w
 constexpr double CLOSE_S = 3;      // time that a device gets to close
 constexpr double COMPLAIN_S = 60;  // between reports of lost input
 constexpr double READ_S = 0.25;    // of standard input at a time
+constexpr double SPARE_S = 1;      // of the ring: a buffer may come while it is copied
 constexpr int32_t MAX_CHANNELS = 16;
 constexpr int32_t MIN_RATE = 8000;
 constexpr int32_t MAX_RATE = 384000;
 constexpr double DAY_S = 86400;
 constexpr int32_t MAX_SPOTS = 256;
 constexpr int32_t MAX_TRIES = 3;
+constexpr float MOST_SAMPLE = 0x1p31f;  // full scale of 32-bit samples, should nobody have scaled them
 
 // The command line, as typed.
 struct Options {
     SearchOptions search;
     std::string device;
-    int32_t rate = 0;
+    std::optional<int32_t> rate;
     bool from_stdin = false;
     std::string sample_format = "s16";
     int32_t channels = 1;
@@ -66,7 +69,7 @@ struct Options {
 };
 
 double ring_seconds(const Options& options) {
-    return Looks(options.every_s, options.settle_s).block_s() + 1;
+    return Looks(options.every_s, options.settle_s).block_s() + SPARE_S;
 }
 
 // Decodes the ring again and again and prints the spots. All is reckoned in captured seconds until it is printed.
@@ -121,22 +124,32 @@ class Listener {
         return after.captured_s;
     }
 
+    // A look that fails is told of; the next may do better.
     void look_now(bool last) {
+        try {
+            if (decode_ring(last)) {
+                complaint_.clear();
+            } else {
+                complain("cannot decode: the search band does not fit the audio, or memory is short");
+            }
+        } catch (const std::bad_alloc&) {
+            complain("cannot decode: memory is short");
+        }
+    }
+
+    bool decode_ring(bool last) {
         const double captured_s = copy_block();
         skip(looks_.next_phase_s());
         const double seconds = static_cast<double>(block_.size()) / std::max(rate_, 1);
-        if (seconds < SHORTEST_S) return;
+        if (seconds < SHORTEST_S) return true;
         auto spots = decode_block(seconds, last);
-        if (!spots) {
-            complain("block too short or invalid for decoding");
-            return;
-        }
-        complaint_.clear();
+        if (!spots) return false;
 
         const double earliest_end = looks_.add(captured_s);
         for (ov_spot& spot : *spots) spot.t += captured_s - seconds;
         std::erase_if(*spots, [&](const ov_spot& spot) { return spot_end(spot) < earliest_end; });
         log_.add(*spots);
+        return true;
     }
 
     // Leaves out the beginning of the block.
@@ -332,7 +345,7 @@ class OverflowReport {
 
 int listen_to_device(const Options& options, const ov_params& params, ovl_audio* audio) {
     const int32_t device = find_device(options.device, Direction::INPUT);
-    Capture capture(audio, device, options.rate, ring_seconds(options));
+    Capture capture(audio, device, options.rate.value_or(0), ring_seconds(options));
     if (!capture.open()) {
         print_error(ovl_audio_last_error(audio));
         return EXIT_FAILED;
@@ -379,7 +392,7 @@ class RawInput {
     explicit RawInput(const Options& options)
         : is_float_(options.sample_format == "float"),
           frame_bytes_((is_float_ ? sizeof(float) : sizeof(int16_t)) * static_cast<std::size_t>(options.channels)),
-          bytes_(frame_bytes_ * static_cast<std::size_t>(READ_S * options.rate)) {}
+          bytes_(frame_bytes_ * static_cast<std::size_t>(READ_S * *options.rate)) {}
 
     // Waits for samples. False at the end of the input, after an interrupt, or when it cannot be read.
     bool read(std::vector<float>& samples) {
@@ -402,7 +415,8 @@ class RawInput {
     bool failed() const { return failed_; }
 
   private:
-    // Takes the whole frames that are held; what is not a number becomes silence.
+    // Takes the whole frames that are held. What is not a number, or beyond any scale, becomes silence: it would hide
+    // everything else for as long as it is in the ring.
     void convert(std::vector<float>& samples) {
         const std::size_t used = held_ - held_ % frame_bytes_;
         for (std::size_t at = 0; at < used; at += is_float_ ? sizeof(float) : sizeof(int16_t)) {
@@ -412,7 +426,7 @@ class RawInput {
             } else {
                 value = static_cast<float>(static_cast<int16_t>(little_endian<uint16_t>(at))) / 32768.0f;
             }
-            samples.push_back(std::isfinite(value) ? value : 0.0f);
+            samples.push_back(std::abs(value) <= MOST_SAMPLE ? value : 0.0f);
         }
         std::copy(bytes_.begin() + static_cast<std::ptrdiff_t>(used),
                   bytes_.begin() + static_cast<std::ptrdiff_t>(held_), bytes_.begin());
@@ -439,7 +453,7 @@ int listen_to_stdin(const Options& options, const ov_params& params, ovl_audio* 
         start = parse_utc(options.start, utc_now() - DAY_S);  // a time of day is the last such one
         if (!start) throw CLI::ValidationError("--start: '" + options.start + "' is no UTC time");
     }
-    if (ovl_audio_start_input(audio, OVL_AUDIO_NONE, options.rate, ring_seconds(options)) != 0) {
+    if (ovl_audio_start_input(audio, OVL_AUDIO_NONE, *options.rate, ring_seconds(options)) != 0) {
         print_error(ovl_audio_last_error(audio));
         return EXIT_FAILED;
     }
@@ -468,8 +482,8 @@ int listen(Options& options) {
     if (options.sample_format != "s16" && options.sample_format != "float") {
         throw CLI::ValidationError("--format: '" + options.sample_format + "' is not one of s16, float");
     }
-    if (options.from_stdin && options.rate == 0) options.rate = 48000;
-    if (options.rate != 0 && (options.rate < MIN_RATE || options.rate > MAX_RATE)) {
+    if (options.from_stdin && !options.rate) options.rate = 48000;
+    if (options.rate && (*options.rate < MIN_RATE || *options.rate > MAX_RATE)) {
         throw CLI::ValidationError("--rate: 8000 to 384000 Hz");
     }
     DecodingOptions decoding;

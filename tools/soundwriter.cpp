@@ -2,19 +2,20 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
-#include <string_view>
+#include <cstring>
 
 #include "console.h"
 
 namespace {
 
-// libsndfile says "System error : No space left on device." where a reason is enough.
-std::string plain_reason(std::string reason) {
-    constexpr std::string_view PREFIX = "System error : ";
-    if (reason.starts_with(PREFIX)) reason.erase(0, PREFIX.size());
-    if (reason.ends_with('.')) reason.pop_back();
-    return reason;
+// Why a call of libsndfile failed that began with errno 0: the system's reason, as for a FLAC file on a full disk
+// libsndfile speaks of a "problem with initialization of the flac decoder", or else libsndfile's.
+std::string reason_of(int system_error, std::string sndfile_text) {
+    if (system_error != 0) return std::strerror(system_error);
+    if (sndfile_text.ends_with('.')) sndfile_text.pop_back();
+    return sndfile_text;
 }
 
 int container_of(const SoundWriter::Format& format) {
@@ -38,9 +39,10 @@ SoundWriter::SoundWriter(const std::string& path, const Format& format) : path_(
     info.samplerate = format.rate;
     info.channels = format.channels;
     info.format = container_of(format) | (s16_ ? SF_FORMAT_PCM_16 : SF_FORMAT_FLOAT);
+    errno = 0;
     file_.reset(sf_open(path.c_str(), SFM_WRITE, &info));
     if (!file_) {
-        problem_ = plain_reason(sf_strerror(nullptr));
+        problem_ = reason_of(errno, sf_strerror(nullptr));
         return;
     }
     // It would hold the time of writing. Only of RF64 files libsndfile does not leave it out.
@@ -52,6 +54,7 @@ bool SoundWriter::write(std::span<const float> samples) {
     if (!problem_.empty()) return false;
     const auto count = static_cast<sf_count_t>(samples.size());
     sf_count_t written = 0;
+    errno = 0;
     if (s16_) {
         rounded_.clear();
         for (const float sample : samples) {
@@ -63,14 +66,15 @@ bool SoundWriter::write(std::span<const float> samples) {
     } else {
         written = sf_write_float(file_.get(), samples.data(), count);
     }
-    if (written != count) problem_ = plain_reason(sf_strerror(file_.get()));
+    if (written != count) problem_ = reason_of(errno, sf_strerror(file_.get()));
     return written == count;
 }
 
 bool SoundWriter::close() {
     if (file_) {
+        errno = 0;
         const int error = sf_close(file_.release());
-        if (error != 0 && problem_.empty()) problem_ = plain_reason(sf_error_number(error));
+        if (error != 0 && problem_.empty()) problem_ = reason_of(errno, sf_error_number(error));
     }
     if (problem_.empty()) return true;
     print_error("cannot write '" + path_ + "': " + problem_);

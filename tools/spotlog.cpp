@@ -36,7 +36,7 @@ void SpotLog::add(const std::vector<ov_spot>& found) {
             continue;
         }
         if (std::exchange(known->block, blocks_) != blocks_) known->finds++;
-        if (!known->released && !saw_less(spot, known->spot)) known->spot = spot;
+        if (!known->released && !saw_less(spot, known->spot) && time_of(spot) > released_) known->spot = spot;
     }
 }
 
@@ -47,6 +47,7 @@ double SpotLog::time_of(const ov_spot& spot) const {
 void SpotLog::release(double time, const std::function<void(const ov_spot&, int32_t finds)>& take) {
     std::stable_sort(entries_.begin(), entries_.end(),
                      [this](const Entry& a, const Entry& b) { return time_of(a.spot) < time_of(b.spot); });
+    released_ = std::max(released_, time);
     for (Entry& entry : entries_) {
         if (entry.released || time_of(entry.spot) > time) continue;
         entry.released = true;

@@ -1,6 +1,7 @@
 // The spots of blocks that overlap: each of them once, in order of time.
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <vector>
@@ -14,11 +15,12 @@ class SpotLog {
     enum class Order { START, END };  // of the frames
     explicit SpotLog(Order order) : order_(order) {}
 
-    // Takes what was found in one block. Of a frame found before, what saw more of it stays.
+    // Takes what was found in one block. Of a frame found before, what saw more of it stays, unless with that time it
+    // should have been handed out by now.
     void add(const std::vector<ov_spot>& found);
 
     // Hands out the spots of frames that started (or ended) up to `time`, each with the number of blocks that it was
-    // found in, and forgets those from long before.
+    // found in, whatever is made of them, and forgets those from long before.
     void release(double time, const std::function<void(const ov_spot&, int32_t finds)>& take);
 
   private:
@@ -33,4 +35,5 @@ class SpotLog {
     Order order_;
     std::vector<Entry> entries_;
     int64_t blocks_ = 0;
+    double released_ = -HUGE_VAL;  // what started (or ended) until then
 };
