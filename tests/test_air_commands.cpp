@@ -522,13 +522,13 @@ TEST_F(AirCommands, TheRatesOfSoundCardsAreServed) {
     }
 }
 
-TEST_F(AirCommands, SamplesThatAreNoNumbersAreSilence) {
+TEST_F(AirCommands, SamplesThatAreNoNumbersOrBeyondAnyScaleAreSilence) {
     std::vector<float> broken = as_float(short_audio());
     std::vector<float> silent = broken;
     const std::vector<float> none = {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
-                                     -std::numeric_limits<float>::infinity()};
+                                     -std::numeric_limits<float>::infinity(), 3e38f, -1e10f};
     for (std::size_t k = 0; k < broken.size(); k += k % 5000 < 20 ? 1 : 997) {
-        broken[k] = none[k % 3];
+        broken[k] = none[k % none.size()];
         silent[k] = 0;
     }
     const Arguments options = {"--rate=12000", "--format=float", MIDNIGHT, "--json", OPERA};

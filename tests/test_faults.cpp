@@ -168,6 +168,31 @@ TEST_F(Faults, HoweverLittleMemoryThereIsTheCommandEndsByItself) {
     EXPECT_GT(refused, 0);
 }
 
+// A look that gets none is told of, and what others found is printed.
+TEST_F(Faults, ListeningGoesOnWithHoweverLittleMemory) {
+    ProcessInput input;
+    input.stdin_file = write("audio.raw", samples());
+    int32_t complained = 0;
+    int32_t heard = 0;
+    for (int32_t kilobytes = 20000; kilobytes < 80000; kilobytes += 2000) {
+        const std::string limited = "ulimit -v " + std::to_string(kilobytes) + "; \"$@\"; status=$?; ";
+        const ProcessResult result = run_process(
+            in_shell(limited + "test $status = 127 && exit 77; exit $status", listening({"--json"})), input);
+        if (result.status == 77) continue;  // not even loaded
+        EXPECT_TRUE(result.status == 0 || result.status == 1) << result.status << " with " << kilobytes;
+        for (const std::string& line : lines_of(result.err)) {
+            EXPECT_TRUE(line.starts_with("orvel: ") && line.find("memory") != std::string::npos) << line;
+        }
+        EXPECT_FALSE((result.status == 0 ? result.out : result.err).empty()) << kilobytes;
+        complained += result.err.find("orvel: cannot decode: ") != std::string::npos ? 1 : 0;
+        if (result.out.empty()) continue;
+        heard++;
+        EXPECT_TRUE(holds_the_frame(result.out)) << kilobytes;
+    }
+    EXPECT_GT(complained, 3);
+    EXPECT_GT(heard, 3);
+}
+
 #endif
 
 // What a file may grow to is limited: a quota, or the end of a small file system.

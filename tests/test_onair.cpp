@@ -95,6 +95,20 @@ TEST_F(OnAir, DevicesAreListed) {
     EXPECT_EQ(outputs, 1);
 }
 
+TEST_F(OnAir, OutputThatCannotBeWrittenIsAFailure) {
+    ProcessInput closed = surroundings();
+    closed.stdout_closed_pipe = true;
+    ProcessInput full = surroundings();
+    full.stdout_file = "/dev/full";
+    for (const auto& [input, reason] : {std::pair{closed, "Broken pipe"}, {full, "No space left on device"}}) {
+        for (const Arguments& command : {Arguments{"devices"}, {"devices", "--json"}, {"send", "carrier=0.2"}}) {
+            const ProcessResult result = orvel(command, input);
+            EXPECT_EQ(result.status, 1) << command[0];
+            EXPECT_TRUE(one_line_with(result, {"cannot write the output: ", reason})) << command[0];
+        }
+    }
+}
+
 // The sound server stands still for longer than a buffer could explain, then a frame is sent; then the server dies,
 // before the frame has settled, and comes back. Listening goes on through all of it.
 TEST_F(OnAir, WhatIsSentIsHeardAndAStalledInputIsOpenedAgain) {

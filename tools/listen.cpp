@@ -105,6 +105,7 @@ class Listener {
     }
 
     int64_t printed() const { return printed_; }
+    bool last_look_failed() const { return !complaint_.empty(); }
     StatusLine& line() { return line_; }
 
   private:
@@ -381,7 +382,7 @@ int listen_to_device(const Options& options, const ov_params& params, ovl_audio*
     if (!capture.reopening()) listener.finish(utc);
     flush_output();
     capture.close();
-    return flush_output() ? EXIT_DONE : EXIT_FAILED;
+    return flush_output() && !listener.last_look_failed() ? EXIT_DONE : EXIT_FAILED;
 }
 
 // ---- From standard input --------------------------------------------------------------------------------------------
@@ -475,7 +476,7 @@ int listen_to_stdin(const Options& options, const ov_params& params, ovl_audio* 
         if (!flush_output()) return EXIT_FAILED;
     }
     listener.finish(utc);
-    return flush_output() && !input.failed() ? EXIT_DONE : EXIT_FAILED;
+    return flush_output() && !input.failed() && !listener.last_look_failed() ? EXIT_DONE : EXIT_FAILED;
 }
 
 int listen(Options& options) {
