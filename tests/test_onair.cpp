@@ -182,6 +182,17 @@ TEST_F(OnAir, CtrlCEndsATransmission) {
     EXPECT_LT(utc_now() - interrupt, 3);
 }
 
+TEST_F(OnAir, SignalsEndTheWaitForAStart) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        const auto sender = begin({"send", "--at", utc_text(utc_now() + 3600, 0), "opera=K2QRX"});
+        sleep_s(1);
+        sender->send_signal(signal);
+        EXPECT_EQ(end_of(*sender, 3), 1);
+        EXPECT_EQ(sender->read_rest(1), "");
+        EXPECT_EQ(messages(), "");
+    }
+}
+
 // A sound server that got no processor in time starts late; then the command says so.
 TEST_F(OnAir, AScheduleIsKept) {
     constexpr double PERIOD_S = 8;
