@@ -108,10 +108,10 @@ ORVEL_MULTIVERSION void sum_windows(const double* re, const double* im, const Ph
         std::array<Doubles8, MAX_STARTS> before_im;
         Doubles8 sum_re{};
         Doubles8 sum_im{};
-        for (std::size_t i = windows.n_starts, k = reach; i-- > 0;) {
-            for (; k > i * windows.step; k--) add(sum_re, sum_im, k - 1, k - 1);
-            before_re[i] = sum_re;
-            before_im[i] = sum_im;
+        for (std::size_t i = windows.n_starts, k = reach; i > 0; i--) {
+            for (; k > (i - 1) * windows.step; k--) add(sum_re, sum_im, k - 1, k - 1);
+            before_re[i - 1] = sum_re;
+            before_im[i - 1] = sum_im;
         }
         Doubles8 behind_re{};
         Doubles8 behind_im{};
@@ -248,12 +248,12 @@ ORVEL_MULTIVERSION void sum_series(const Moments& moments, std::size_t terms, co
         Doubles8 even_im[2] = {};
         Doubles8 odd_re[2] = {};
         Doubles8 odd_im[2] = {};
-        for (std::size_t q = terms; q-- > 0;) {
+        for (std::size_t q = terms; q > 0; q--) {
             for (std::size_t v = 0; v < 2; v++) {
-                even_re[v] = even_re[v] * square[v] + moments.even_re[q];
-                even_im[v] = even_im[v] * square[v] + moments.even_im[q];
-                odd_re[v] = odd_re[v] * square[v] + moments.odd_re[q];
-                odd_im[v] = odd_im[v] * square[v] + moments.odd_im[q];
+                even_re[v] = even_re[v] * square[v] + moments.even_re[q - 1];
+                even_im[v] = even_im[v] * square[v] + moments.even_im[q - 1];
+                odd_re[v] = odd_re[v] * square[v] + moments.odd_re[q - 1];
+                odd_im[v] = odd_im[v] * square[v] + moments.odd_im[q - 1];
             }
         }
         for (std::size_t v = 0; v < 2; v++) {

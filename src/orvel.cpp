@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <numeric>
 #include <span>
 #include <string_view>
 
@@ -78,9 +79,8 @@ void whiten(int32_t mode, std::span<uint8_t> bits) {
 // large arguments stays in logarithms and cannot overflow.
 double ln_i0(double x) {
     const auto polynomial = [](double t, std::span<const double> coefficients) {
-        double sum = 0;
-        for (std::size_t i = coefficients.size(); i-- > 0;) sum = sum * t + coefficients[i];
-        return sum;
+        return std::accumulate(coefficients.rbegin(), coefficients.rend(), 0.0,
+                               [t](double sum, double coefficient) { return sum * t + coefficient; });
     };
     if (x < 3.75) {
         static constexpr std::array SMALL = {1.0, 3.5156229, 3.0899424, 1.2067492, 0.2659732, 0.0360768, 0.0045813};

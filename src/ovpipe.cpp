@@ -834,8 +834,8 @@ int32_t run_orvel(const ov_baseband& bb, const ov_specmap& map, const ov_params&
 
 void trim_call(const char* in, char* out) {
     std::string_view text(in, 6);
-    text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
-    text = text.substr(0, text.find_last_not_of(' ') + 1);
+    while (text.starts_with(' ')) text.remove_prefix(1);
+    while (text.ends_with(' ')) text.remove_suffix(1);
     *std::copy(text.begin(), text.end(), out) = '\0';
 }
 

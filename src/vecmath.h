@@ -12,11 +12,11 @@ namespace vecmath {
 inline constexpr double ROUNDER = 6755399441055744.0;
 inline constexpr double LN2_HIGH = 6.93147180369123816490e-01;
 inline constexpr double LN2_LOW = 1.90821492927058770002e-10;
-inline constexpr uint64_t ONE = uint64_t{1023} << 52;  // bits of 1.0
 
 // e^x - 1 for |x| ≤ 700; NaN for NaN.
 inline double expm1(double x) {
     constexpr double PER_LN2 = 1.4426950408889634;
+    constexpr uint64_t BIAS = 1023;  // of the exponent of a double
     const double shifted = x * PER_LN2 + ROUNDER;
     const double k = shifted - ROUNDER;
     const double r = (x - k * LN2_HIGH) - k * LN2_LOW;  // |r| ≤ ln 2 / 2
@@ -35,7 +35,7 @@ inline double expm1(double x) {
     p = p * r + 1.0 / 6.0;
     p = p * r + 0.5;
     p = p * r + 1.0;
-    const auto power_of_two = std::bit_cast<double>((std::bit_cast<uint64_t>(shifted) << 52) + ONE);
+    const auto power_of_two = std::bit_cast<double>((std::bit_cast<uint64_t>(shifted) + BIAS) << 52);
     return power_of_two * (p * r) + (power_of_two - 1.0);
 }
 

@@ -437,7 +437,9 @@ class RawInput {
     template <class Integer>
     Integer little_endian(std::size_t at) const {
         Integer value = 0;
-        for (std::size_t i = sizeof(Integer); i-- > 0;) value = static_cast<Integer>((value << 8) | bytes_[at + i]);
+        for (std::size_t i = sizeof(Integer); i > 0; i--) {
+            value = static_cast<Integer>((value << 8) | bytes_[at + i - 1]);
+        }
         return value;
     }
 
