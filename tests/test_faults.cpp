@@ -275,7 +275,9 @@ TEST_F(Faults, AFileThatShrinksIsDecodedAsFarAsItWent) {
         RunningProcess process(orvel_arguments(arguments));
         const auto line = process.read_line(PATIENCE_S);
         ASSERT_TRUE(line) << command;
-        if (command == std::string("decode")) EXPECT_TRUE(holds_the_frame(*line + "\n", file));
+        if (command == std::string("decode")) {
+            EXPECT_TRUE(holds_the_frame(*line + "\n", file));
+        }
         std::filesystem::resize_file(file, 44 + samples().size());
         for (const std::string& more : lines_of(process.read_rest(PATIENCE_S))) {
             EXPECT_TRUE(nlohmann::json::accept(more)) << more;
@@ -510,6 +512,17 @@ TEST_F(Faults, WithoutPermissionThereIsOneLineWithTheReason) {
         EXPECT_TRUE(failed_with(run(command), {"cannot write '" + output + "': Permission denied"}));
     }
     std::filesystem::permissions(path("locked"), perms::owner_all);
+}
+
+// Its header is written last, at its beginning.
+TEST_F(Faults, ASoundFileIsNotWrittenIntoAPipe) {
+    const std::string pipe = path("pipe.wav");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    for (const Arguments& command :
+         {Arguments{"render", "carrier=1", "-o", pipe}, {"simulate", "--seconds=1", "-o", pipe}}) {
+        EXPECT_TRUE(failed_with(run_process(in_shell("cat '" + pipe + "' >/dev/null & exec \"$@\"", command)),
+                                {"cannot write '" + pipe + "'", "pipe write"}));
+    }
 }
 
 // As a shell's <(…) gives them: their writer may take its time, and a signal ends the wait.
