@@ -43,7 +43,7 @@ class Input {
         uint64_t value = 0;
         std::array<uint8_t, 8> bytes{};
         take(bytes.data(), bytes_for(low, high));
-        for (std::size_t i = bytes.size(); i-- > 0;) value = value << 8 | bytes[i];
+        for (std::size_t i = bytes.size(); i > 0; i--) value = value << 8 | bytes[i - 1];
         return low + static_cast<int64_t>(value % (static_cast<uint64_t>(high - low) + 1));
     }
     int32_t int32(int32_t low, int32_t high) { return static_cast<int32_t>(integer(low, high)); }

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <iterator>
 #include <optional>
+#include <random>
 #include <vector>
 
 #include "decode_settings.h"
@@ -54,11 +55,9 @@ class Seed {
         bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
         return *this;
     }
-    Seed& bytes(std::size_t n, uint64_t state) {
-        while (n-- > 0) {
-            state = (state * 0x5DEECE66D + 11) & 0xFFFFFFFFFFFF;
-            bytes_.push_back(static_cast<uint8_t>(state >> 24 & 0xFF));
-        }
+    Seed& bytes(std::size_t n, uint64_t seed) {
+        std::linear_congruential_engine<uint64_t, 0x5DEECE66D, 11, uint64_t{1} << 48> random(seed);
+        for (; n > 0; n--) bytes_.push_back(static_cast<uint8_t>(random() >> 24 & 0xFF));
         return *this;
     }
 

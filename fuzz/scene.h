@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <numbers>
+#include <random>
 #include <vector>
 
 #include "input.h"
@@ -57,12 +58,10 @@ inline void add_frame(Input& input, Samples& samples, Samples* second, int32_t r
 }
 
 inline void add_noise(Input& input, Samples& samples, Samples* second) {
-    uint64_t state = input.raw<uint16_t>();
+    std::minstd_rand random(input.raw<uint16_t>());
     const double amplitude = input.number(0, MAX_AMPLITUDE);
-    const auto next = [&] {
-        state = (state * 0x5DEECE66D + 11) & 0xFFFFFFFFFFFF;  // 48 bits, so that nothing wraps around 64
-        return amplitude * (static_cast<double>(state >> 16) / 2147483648.0 - 1);
-    };
+    std::uniform_real_distribution<double> uniform(-amplitude, amplitude);
+    const auto next = [&] { return uniform(random); };
     for (double& sample : samples) sample += next();
     if (second == nullptr) return;
     for (double& sample : *second) sample += next();
