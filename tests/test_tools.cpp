@@ -533,11 +533,36 @@ TEST(TheLogOfSpots, AFrameIsRememberedForAsLongAsABlockCanShowIt) {
 
 // ---- Looks at the newest audio --------------------------------------------------------------------------------------
 
-TEST(TheLooks, TakeTheFourPhasesOfTheGridInTurns) {
+// What is left of a time when so many whole steps are taken off, from 0 on; the step itself is 0, but for roundings.
+double remainder_s(double time_s, double step_s) {
+    const double rest_s = time_s - step_s * std::floor(time_s / step_s + 1e-6);
+    return std::max(rest_s, 0.0);
+}
+
+TEST(TheLooks, BeginAtFourPositionsOfTheGridInTurns) {
+    std::mt19937_64 random(6);
     Looks looks(4, 48);
-    for (int round = 0; round < 3; round++) {
-        for (const double phase_s : {0.0, 0.002, 0.004, 0.006}) EXPECT_NEAR(looks.next_phase_s(), phase_s, 1e-9);
+    double earliest_s = 0;
+    for (int round = 0; round < 500; round++) {
+        for (const double phase_s : {0.0, 0.0025, 0.005, 0.0075}) {
+            const double begin_s = looks.next_begin_s(earliest_s);
+            EXPECT_GE(begin_s, earliest_s - 1e-9);
+            EXPECT_LE(begin_s, earliest_s + 0.008 + 1e-9);
+            EXPECT_NEAR(remainder_s(begin_s, 0.008), phase_s, 1e-8);
+            earliest_s += std::uniform_real_distribution<double>(1, 400)(random);
+        }
     }
+    EXPECT_EQ(Looks(4, 48).next_begin_s(0), 0) << "as a recording";
+}
+
+// A listener whose looks come every four seconds sharp always has the same rest of the 2 ms between samples of the
+// baseband before them, which decides over weak frames, too.
+TEST(TheLooks, BeginBetweenTheSamplesOfTheBaseband) {
+    Looks looks(4, 48);
+    std::vector<double> rests_s;
+    for (int k = 0; k < 4; k++) rests_s.push_back(remainder_s(looks.next_begin_s(4 * k), 0.002));
+    std::sort(rests_s.begin(), rests_s.end());
+    for (std::size_t k = 0; k < 4; k++) EXPECT_NEAR(rests_s[k], 0.0005 * static_cast<double>(k), 1e-8);
 }
 
 TEST(TheLooks, DecodeTwoOfTheLongestFramesBesidesWhatSettles) {

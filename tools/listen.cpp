@@ -140,8 +140,9 @@ class Listener {
 
     bool decode_ring(bool last) {
         const double captured_s = copy_block();
-        skip(looks_.next_phase_s());
-        const double seconds = static_cast<double>(block_.size()) / std::max(rate_, 1);
+        const double copied_s = captured_s - block_seconds();
+        skip(looks_.next_begin_s(copied_s) - copied_s);
+        const double seconds = block_seconds();
         if (seconds < SHORTEST_S) return true;
         auto spots = decode_block(seconds, last);
         if (!spots) return false;
@@ -153,9 +154,11 @@ class Listener {
         return true;
     }
 
+    double block_seconds() const { return static_cast<double>(block_.size()) / std::max(rate_, 1); }
+
     // Leaves out the beginning of the block.
     void skip(double seconds) {
-        const auto samples = static_cast<std::ptrdiff_t>(seconds * rate_);
+        const auto samples = static_cast<std::ptrdiff_t>(std::lround(seconds * rate_));
         block_.erase(block_.begin(), block_.begin() + std::min(samples, std::ssize(block_)));
     }
 

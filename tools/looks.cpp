@@ -1,12 +1,14 @@
 #include "looks.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace {
 
 constexpr double CONTEXT_S = 90;  // decoded before what counts: two of the longest frames, and some
 constexpr double GRID_S = 0.008;  // between positions on the decoder's grid, a sixteenth of a chip
 constexpr int32_t PHASES = 4;
+constexpr double PHASE_S = 0.0025;   // steps through the grid, and through the 2 ms between samples of the baseband
 constexpr int32_t ENOUGH_LOOKS = 4;  // from so many on one find is too few
 
 }  // namespace
@@ -15,10 +17,10 @@ double Looks::block_s() const {
     return CONTEXT_S + settle_s_;
 }
 
-double Looks::next_phase_s() {
-    const double phase_s = GRID_S * phase_ / PHASES;
+double Looks::next_begin_s(double earliest_s) {
+    const double phase_s = PHASE_S * phase_;
     phase_ = (phase_ + 1) % PHASES;
-    return phase_s;
+    return phase_s + GRID_S * std::ceil((earliest_s - phase_s) / GRID_S);
 }
 
 double Looks::add(double captured_s) {

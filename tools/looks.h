@@ -15,9 +15,11 @@ class Looks {
     // How much of the newest audio a look decodes.
     double block_s() const;
 
-    // By how much the next look's block begins later than it could. The decoder looks for frames on a grid of
-    // positions, and of those that are hard to find each phase of the grid finds others: the looks take them in turns.
-    double next_phase_s();
+    // Where the block of the next look begins when there is audio from `earliest_s` on: at most 8 ms later. The decoder
+    // looks for frames on a grid of positions that counts from the beginning of the block, and of those that are hard
+    // to find each phase of the grid finds others. The looks take four phases in turns; the first is the one in which
+    // a decode of all that was captured looks.
+    double next_begin_s(double earliest_s);
 
     // A look has decoded what was captured until then. Returns the earliest end of a frame that it counts for.
     double add(double captured_s);
