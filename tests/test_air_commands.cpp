@@ -437,14 +437,16 @@ TEST_F(AirCommands, TenStrongStationsAtOnceAreAllFound) {
 // When the frames began that listening near 1360 Hz finds, with all that it does as a default.
 class AirCommandsNearby : public AirCommands {
   protected:
-    std::vector<double> starts_heard(double seconds, uint64_t seed, const std::vector<Station>& stations) {
+    std::vector<double> starts_heard(double seconds, uint64_t seed, const std::vector<Station>& stations,
+                                     const Arguments& more = {}, const std::string& every = "4") {
         Scene scene;
         scene.rate = 8000;
         scene.seconds = seconds;
         scene.seed = seed;
         scene.stations = stations;
-        const ProcessResult result = listen(write("audio.raw", s16_bytes(quantised(scene))),
-                                            {"--rate=8000", MIDNIGHT, "--json", "--center=1360", "--search=30"}, "4");
+        Arguments options = {"--rate=8000", MIDNIGHT, "--json", "--center=1360", "--search=30"};
+        options.insert(options.end(), more.begin(), more.end());
+        const ProcessResult result = listen(write("audio.raw", s16_bytes(quantised(scene))), options, every);
         EXPECT_EQ(result.status, 0);
         std::vector<double> starts;
         for (const Heard& heard : all_heard(result.out)) starts.push_back(heard.start);
@@ -469,6 +471,17 @@ TEST_F(AirCommandsNearby, AWeakFrameIsHeardThatAStrongOneFollows) {
     ASSERT_EQ(starts.size(), 2u);
     EXPECT_NEAR(starts[0], 9.7, 0.1);
     EXPECT_NEAR(starts[1], 41.9, 0.1);
+}
+
+// Of a block that begins at the first sample, or any number of samples of the baseband later, none of these is found:
+// one of the looks begins at the right place between two of them.
+TEST_F(AirCommandsNearby, AWeakFrameIsHeardThatOnlyOnePhaseOfTheLooksFinds) {
+    for (const uint64_t seed : {19U, 77U, 141U}) {
+        const auto starts =
+            starts_heard(62, seed, {station(OVL_OPERA, "K2QRX", "", 8, 1359, -24)}, {OPERA, "--settle=16"}, "2");
+        ASSERT_EQ(starts.size(), 1u) << seed;
+        EXPECT_NEAR(starts[0], 8, 0.1) << seed;
+    }
 }
 
 TEST_F(AirCommands, EveryFormOfTheSameSamplesGivesTheSameSpots) {
