@@ -2,6 +2,7 @@
 // clock of captured samples, checks of options, progress.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
@@ -533,7 +534,7 @@ TEST(TheLogOfSpots, AFrameIsRememberedForAsLongAsABlockCanShowIt) {
 
 // ---- Looks at the newest audio --------------------------------------------------------------------------------------
 
-// What is left of a time when so many whole steps are taken off, from 0 on; the step itself is 0, but for roundings.
+// How far behind a multiple of a step a time is; a time that but for a rounding is one itself is 0 behind.
 double remainder_s(double time_s, double step_s) {
     const double rest_s = time_s - step_s * std::floor(time_s / step_s + 1e-6);
     return std::max(rest_s, 0.0);
