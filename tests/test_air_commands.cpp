@@ -434,7 +434,7 @@ TEST_F(AirCommands, TenStrongStationsAtOnceAreAllFound) {
     }
 }
 
-// When the frames began that listening near 1360 Hz finds, with all that it does as a default.
+// When the frames began that listening near 1360 Hz finds, with all that it does as a default, or with more options.
 class AirCommandsNearby : public AirCommands {
   protected:
     std::vector<double> starts_heard(double seconds, uint64_t seed, const std::vector<Station>& stations,
