@@ -13,20 +13,18 @@
 #include <string>
 #include <string_view>
 
-#include "orvel.h"
 #include "ovaudio.h"
 #include "ovcenc.h"
 #include "ovpipe.h"
 #include "ovscan.h"
 #include "ovtx.h"
+#include "protocol.h"
 
 namespace {
 
 constexpr int32_t MAX_KNOWN = 256;
-constexpr int32_t MAX_SPOTS = 64;       // reported from one block
-constexpr std::size_t MAX_CHIPS = 321;  // of the longest frame
-constexpr std::size_t MAX_TOKEN = 15;   // characters of a known callsign that are looked at
-constexpr uint32_t ALL_PROTOCOLS = OVL_OPERA | OVL_ORVEL_S | OVL_ORVEL_L;
+constexpr int32_t MAX_SPOTS = 64;      // reported from one block
+constexpr std::size_t MAX_TOKEN = 15;  // characters of a known callsign that are looked at
 constexpr double CHIP_SECONDS = 0.128;
 constexpr double CHIP_PER_OP = 0.256;  // chip length in seconds for each unit of the speed number
 
@@ -98,7 +96,7 @@ bool reserve_samples(ovl_decoder& decoder, int32_t n) {
 ov_params to_params(const ovl_decoder& decoder, const ovl_settings& settings) {
     ov_params params;
     ov_params_default(params);
-    params.protocols = settings.protocols & static_cast<int32_t>(ALL_PROTOCOLS);
+    params.protocols = settings.protocols & OV_ALL_PROTOCOLS;
     params.center_hz = settings.center_hz;
     params.search_hz = settings.search_hz;
     params.spread_hz = std::fmax(settings.spread_hz, 0.0);
@@ -128,16 +126,8 @@ int32_t ovl_frame_chips(uint32_t proto) {
 }
 
 const char* ovl_proto_name(uint32_t proto) {
-    switch (proto) {
-        case OVL_OPERA:
-            return "OPERA 05";
-        case OVL_ORVEL_S:
-            return "ORVEL S";
-        case OVL_ORVEL_L:
-            return "ORVEL L";
-        default:
-            return "";
-    }
+    const ov_protocol* const protocol = ov_protocol_by_id(proto);
+    return protocol != nullptr ? protocol->name : "";
 }
 
 double ovl_chip_seconds(void) {
@@ -145,21 +135,9 @@ double ovl_chip_seconds(void) {
 }
 
 int32_t ovl_encode(uint32_t proto, const char* call, const char* loc, uint8_t* out, int32_t cap) {
-    const int32_t chips = frame_chips(proto);
-    if (chips == 0 || call == nullptr || out == nullptr || chips > cap) return -1;
-
-    std::array<uint8_t, MAX_CHIPS> frame;
-    int result = -1;
-    if (proto == OVL_OPERA) {
-        result = ovc_encode(call, frame.data(), nullptr);
-    } else if (proto == OVL_ORVEL_S) {
-        result = ov_encode(0, call, nullptr, frame.data());
-    } else if (loc != nullptr && *loc != '\0') {
-        result = ov_encode(1, call, loc, frame.data());
-    }
-    if (result != 0) return -1;
-    std::copy_n(frame.begin(), chips, out);
-    return chips;
+    const ov_protocol* const protocol = ov_protocol_by_id(proto);
+    if (protocol == nullptr || call == nullptr || out == nullptr || protocol->chips() > cap) return -1;
+    return encode_frame(*protocol, call, loc, out) == 0 ? protocol->chips() : -1;
 }
 
 ovl_decoder* ovl_create(void) {
@@ -204,7 +182,7 @@ void ovl_settings_default(ovl_settings* settings) {
     ov_params params;
     ov_params_default(params);
     *settings = {
-        .protocols = static_cast<int32_t>(ALL_PROTOCOLS),
+        .protocols = OV_ALL_PROTOCOLS,
         .center_hz = params.center_hz,
         .search_hz = params.search_hz,
         .spread_hz = 0.0,
@@ -223,9 +201,7 @@ int32_t ovl_decode(ovl_decoder* decoder, const float* samples, int32_t n, int32_
         (max_results > 0 && results == nullptr)) {
         return fail(*decoder, "invalid argument");
     }
-    if ((static_cast<uint32_t>(settings->protocols) & ALL_PROTOCOLS) == 0) {
-        return fail(*decoder, "no protocol selected");
-    }
+    if ((settings->protocols & OV_ALL_PROTOCOLS) == 0) return fail(*decoder, "no protocol selected");
     if (!reserve_samples(*decoder, n)) return fail(*decoder, "out of memory");
     std::copy_n(samples, n, decoder->samples.get());
 

@@ -13,13 +13,11 @@
 #include <string_view>
 
 #include "ldpc_tables.h"
-#include "liborvel.h"
 #include "ovcenc.h"
 
 namespace {
 
 constexpr int32_t MAX_KBITS = 69;
-constexpr int32_t MAX_NCODED = 160;
 constexpr int32_t CALL_BITS = 28;
 constexpr int32_t LOC_BITS = 25;
 constexpr int32_t CRC_BITS = 16;
@@ -27,15 +25,14 @@ constexpr uint32_t SUBSQUARES = 24 * 24 + 1;  // and none at all
 
 using Message = std::array<uint8_t, MAX_KBITS>;
 
-// Where the two modes differ beside their codes.
+// Where the messages of the two modes differ.
 struct ModeTraits {
     int32_t kbits;
-    int32_t ncoded;
     uint32_t crc_start;
     uint32_t whitening_seed;
 };
-constexpr ModeTraits S_MODE = {44, 119, 0xFFFF, 370081};
-constexpr ModeTraits L_MODE = {MAX_KBITS, MAX_NCODED, 0x1D0F, 246727};
+constexpr ModeTraits S_MODE = {44, 0xFFFF, 370081};
+constexpr ModeTraits L_MODE = {MAX_KBITS, 0x1D0F, 246727};
 constexpr const ModeTraits& traits(int32_t mode) {
     return mode != 0 ? L_MODE : S_MODE;
 }
@@ -102,20 +99,7 @@ int32_t ov_kbits(int32_t mode) {
 }
 
 int32_t ov_ncoded(int32_t mode) {
-    return traits(mode).ncoded;
-}
-
-int32_t frame_chips(uint32_t proto) {
-    switch (proto) {
-        case OVL_OPERA:
-            return OVC_CHIPS;
-        case OVL_ORVEL_S:
-            return 2 * ov_ncoded(0) + 1;
-        case OVL_ORVEL_L:
-            return 2 * ov_ncoded(1) + 1;
-        default:
-            return 0;
-    }
+    return ov_protocol_by_mode(mode).pairs;
 }
 
 void ov_load_codes(const ov_code_tables& s, const ov_code_tables& l, std::array<ldpc_code, 2>& codes) {
@@ -131,8 +115,8 @@ const ldpc_code& ov_code(int32_t mode) {
     static const auto codes = [] {
         std::array<ldpc_code, 2> loaded;
         ov_load_codes(
-            {S_MODE.ncoded, S_MODE.kbits, OVS_CHECK_DEG.data(), OVS_CHECK_VAR.data(), OVS_G.data(), OVS_PIVOT.data()},
-            {L_MODE.ncoded, L_MODE.kbits, OVL_CHECK_DEG.data(), OVL_CHECK_VAR.data(), OVL_G.data(), OVL_PIVOT.data()},
+            {ov_ncoded(0), S_MODE.kbits, OVS_CHECK_DEG.data(), OVS_CHECK_VAR.data(), OVS_G.data(), OVS_PIVOT.data()},
+            {ov_ncoded(1), L_MODE.kbits, OVL_CHECK_DEG.data(), OVL_CHECK_VAR.data(), OVL_G.data(), OVL_PIVOT.data()},
             loaded);
         return loaded;
     }();
@@ -192,7 +176,7 @@ int ov_encode(int32_t mode, const char* call, const char* locator, uint8_t* chip
     write_field(crc16(payload, traits(mode).crc_start), bits.last(CRC_BITS));
     whiten(mode, bits);
 
-    std::array<uint8_t, MAX_NCODED> coded;
+    std::array<uint8_t, OV_MAX_PAIRS> coded;
     ldpc_encode(code, bits.data(), coded.data());
     *chips++ = 1;
     for (const uint8_t bit : std::span(coded).first(static_cast<std::size_t>(ov_ncoded(mode)))) {

@@ -12,15 +12,13 @@
 #include <cstdint>
 
 #include "ldpc.h"
+#include "protocol.h"
 
 inline constexpr uint32_t OV_MAX_LOC = 18694799;  // RR99XX, the largest packed locator
 
 // Message bits and coded bits of a mode; each coded bit is one chip pair behind the leading chip.
 int32_t ov_kbits(int32_t mode);
 int32_t ov_ncoded(int32_t mode);
-
-// Chips in one frame of a protocol (an OVL_ id), 0 for anything else.
-int32_t frame_chips(uint32_t proto);
 
 // The code of a mode. The first call, from whichever thread, loads both.
 const ldpc_code& ov_code(int32_t mode);

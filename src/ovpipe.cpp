@@ -16,18 +16,18 @@
 #include <string_view>
 #include <vector>
 
-#include "liborvel.h"
 #include "orvel.h"
 #include "ovcdec.h"
 #include "ovcdeep.h"
 #include "ovscan.h"
+#include "protocol.h"
 
 namespace {
 
 constexpr double CHIP_PER_OP = 0.256;    // chip length in seconds for each unit of the speed number
 constexpr double FRAME_PER_OP = 61.184;  // the same for an OPERA frame: 239 chips
 constexpr double NO_LIMIT_S = 1e9;
-constexpr double OPERA_SNR_ADJUST = -2.9921665490051286;  // 10·log10(120/239): share of ON chips in a frame
+constexpr const ov_protocol& OPERA = *ov_protocol_by_id(OVL_OPERA);
 constexpr double NO_SNR = -99.0;
 
 constexpr int64_t MIN_BASEBAND_RATE = 125;
@@ -231,7 +231,7 @@ bool off_chips_empty(const ov_params& params, double contrast, double off_excess
 }
 
 // What a fit says about the spot.
-ov_spot measured_spot(const Search& search, double z, const ov_hyp& hyp, int32_t protocol) {
+ov_spot measured_spot(const Search& search, double z, const ov_hyp& hyp, const ov_protocol& protocol) {
     ov_spot spot{};
     spot.t = hyp.start / search.bb.rate;
     spot.freq = search.absolute(hyp.f);
@@ -239,15 +239,15 @@ ov_spot measured_spot(const Search& search, double z, const ov_hyp& hyp, int32_t
     spot.z = z;
     spot.score = hyp.metric;
     spot.chips_ok = hyp.n_in;
-    spot.protocol = protocol;
+    spot.protocol = protocol.id;
     return spot;
 }
 
 // Held against the chips that the frame should show.
-void compare_with_chips(const Search& search, const ov_hyp& hyp, const uint8_t* chips, double snr_adjust,
+void compare_with_chips(const Search& search, const ov_hyp& hyp, const uint8_t* chips, const ov_protocol& protocol,
                         ov_spot& spot) {
     spot.snr = ov_estimate_snr_bb(search.bb, search.map, hyp, chips, search.chip_s) +
-               (search.params.snr_adjust != 0 ? snr_adjust : 0);
+               (search.params.snr_adjust != 0 ? protocol.on_share_db : 0);
     frame_consistency(hyp, chips, spot.contrast, spot.off_excess);
 }
 
@@ -348,7 +348,7 @@ std::optional<Decision> decide(const Search& search, std::span<const Fit> fits, 
 }
 
 ov_spot opera_spot(const Search& search, const ov_cand& cand, const Fit& fit, const Decision& decision) {
-    ov_spot spot = measured_spot(search, cand.z, fit.hyp, OVL_OPERA);
+    ov_spot spot = measured_spot(search, cand.z, fit.hyp, OPERA);
     trim_call(decision.call.data(), spot.call);
     spot.rank = decision.rank;
     spot.gap = decision.gap;
@@ -356,7 +356,7 @@ ov_spot opera_spot(const Search& search, const ov_cand& cand, const Fit& fit, co
 
     std::array<uint8_t, OVC_CHIPS> chips;
     if (ovc_encode(decision.call.data(), chips.data(), nullptr) == 0) {
-        compare_with_chips(search, fit.hyp, chips.data(), OPERA_SNR_ADJUST, spot);
+        compare_with_chips(search, fit.hyp, chips.data(), OPERA, spot);
     } else {
         spot.snr = NO_SNR;
     }
@@ -414,7 +414,8 @@ bool is_decoded(const Search& search, const SpotList& spots, double t, double f)
 
 void search_opera(const Search& search, CandidateLists& lists, SpotList& spots) {
     search_candidates(
-        search, "Classic", lists, spots, [&](const ov_cand& cand) { return is_decoded(search, spots, cand.t, cand.f); },
+        search, OPERA.label, lists, spots,
+        [&](const ov_cand& cand) { return is_decoded(search, spots, cand.t, cand.f); },
         [&](const ov_cand& cand, int32_t number) { examine_opera(search, cand, number, spots); });
 }
 
@@ -435,11 +436,11 @@ void examine_deep(const Search& search, const ovc_deep_hit& hit, SpotList& spots
     if (ovc_deep_refine(search.bb, search.map, known, hit, search.drift_range, search.params.chip_guard, hyp) != 0) {
         return;
     }
-    ov_spot spot = measured_spot(search, hit.z, hyp, OVL_OPERA);
+    ov_spot spot = measured_spot(search, hit.z, hyp, OPERA);
     std::copy(std::begin(known.display), std::end(known.display), spot.call);
     spot.rank = -1;
     spot.deep = 1;
-    compare_with_chips(search, hyp, known.chips, OPERA_SNR_ADJUST, spot);
+    compare_with_chips(search, hyp, known.chips, OPERA, spot);
     if (search.verbose()) {
         std::fprintf(stderr,
                      "Deep hit %s: Z=%.1f (map) -> refined t=%.3f s f=%.2f Hz drift=%+.4f Hz/s Z=%.1f chips=%d/239 "
@@ -482,13 +483,6 @@ const char* reason(Verdict verdict) {
     }
 }
 
-struct OrvelMode {
-    int32_t mode;
-    int32_t protocol;
-    const char* name;
-    double snr_adjust;  // share of ON chips in a frame, dB
-};
-
 bool is_acceptable_call(const ov_params& params, const char* call) {
     if (params.check_plausible != 0) {
         std::array<char, 7> normalised;
@@ -498,7 +492,8 @@ bool is_acceptable_call(const ov_params& params, const char* call) {
 }
 
 // Tries to read one fit; the spot is complete when it is accepted.
-Verdict read_fit(const Search& search, const OrvelMode& mode, const ov_cand& cand, const Fit& fit, ov_spot& spot) {
+Verdict read_fit(const Search& search, const ov_protocol& protocol, const ov_cand& cand, const Fit& fit,
+                 ov_spot& spot) {
     const auto nbits = static_cast<std::size_t>(search.map.pairs);
     std::array<float, OV_MAX_PAIRS> first;
     std::array<float, OV_MAX_PAIRS> second;
@@ -513,12 +508,12 @@ Verdict read_fit(const Search& search, const OrvelMode& mode, const ov_cand& can
     std::array<uint8_t, OV_MAX_PAIRS> message;
     double cost = 0;
     int32_t stage = 0;
-    if (ldpc_decode(ov_code(mode.mode), llr.data(), LDPC_PASSES, LDPC_ORDER, 0, coded.data(), message.data(), &cost,
+    if (ldpc_decode(ov_code(protocol.mode), llr.data(), LDPC_PASSES, LDPC_ORDER, 0, coded.data(), message.data(), &cost,
                     &stage) != 0) {
         return Verdict::NO_FRAME;
     }
-    spot = measured_spot(search, cand.z, fit.hyp, mode.protocol);
-    if (ov_check(mode.mode, message.data(), spot.call, spot.locator) != 0) return Verdict::NO_FRAME;
+    spot = measured_spot(search, cand.z, fit.hyp, protocol);
+    if (ov_check(protocol.mode, message.data(), spot.call, spot.locator) != 0) return Verdict::NO_FRAME;
     if (!is_acceptable_call(search.params, spot.call)) return Verdict::IMPLAUSIBLE;
 
     std::array<uint8_t, OV_MAX_CHIPS> chips;
@@ -530,21 +525,22 @@ Verdict read_fit(const Search& search, const OrvelMode& mode, const ov_cand& can
     frame_consistency(fit.hyp, chips.data(), spot.contrast, spot.off_excess);
     if (!off_chips_empty(search.params, spot.contrast, spot.off_excess)) return Verdict::OTHER_SIGNAL;
 
-    compare_with_chips(search, fit.hyp, chips.data(), mode.snr_adjust, spot);
+    compare_with_chips(search, fit.hyp, chips.data(), protocol, spot);
     spot.rank = stage;
     spot.shift = fit.shift;
     return Verdict::ACCEPTED;
 }
 
-void accept_orvel(const Search& search, const OrvelMode& mode, const ov_spot& spot, int32_t number, SpotList& spots) {
+void accept_orvel(const Search& search, const ov_protocol& protocol, const ov_spot& spot, int32_t number,
+                  SpotList& spots) {
     const bool duplicate = spots.has_call_near(spot.call, spot.t, DUPLICATE_FRAMES * search.frame_s);
     if (search.verbose()) {
         std::fprintf(stderr,
                      "%s candidate %d: z=%.1f t=%.3f s f=%.2f Hz drift=%+.4f Hz/s chips=%d/%d : %s %s (%s, SNR %.1f "
                      "dB, contrast %.2f, OFF excess %.2f)%s\n",
-                     mode.name, number, spot.z, spot.t, spot.freq, spot.drift, spot.chips_ok, search.map.frame_chips,
-                     spot.call, spot.locator, spot.rank == 1 ? "BP" : "OSD", spot.snr, spot.contrast, spot.off_excess,
-                     duplicate ? " [duplicate]" : "");
+                     protocol.label, number, spot.z, spot.t, spot.freq, spot.drift, spot.chips_ok,
+                     search.map.frame_chips, spot.call, spot.locator, spot.rank == 1 ? "BP" : "OSD", spot.snr,
+                     spot.contrast, spot.off_excess, duplicate ? " [duplicate]" : "");
     }
     if (!duplicate) spots.push_back(spot);
 }
@@ -574,7 +570,7 @@ class ReadInVain {
     std::size_t count_ = 0;
 };
 
-void examine_orvel(const Search& search, const OrvelMode& mode, const ov_cand& cand, int32_t number,
+void examine_orvel(const Search& search, const ov_protocol& protocol, const ov_cand& cand, int32_t number,
                    ReadInVain& in_vain, SpotList& spots) {
     ov_hyp hyp;
     if (ov_refine(search.bb, search.map, cand, search.drift_range, search.params.chip_guard, hyp) != 0) return;
@@ -586,9 +582,9 @@ void examine_orvel(const Search& search, const OrvelMode& mode, const ov_cand& c
         std::optional<Verdict> verdict = in_vain.find(fit.hyp);
         if (!verdict) {
             ov_spot spot;
-            verdict = read_fit(search, mode, cand, fit, spot);
+            verdict = read_fit(search, protocol, cand, fit, spot);
             if (*verdict == Verdict::ACCEPTED) {
-                accept_orvel(search, mode, spot, number, spots);
+                accept_orvel(search, protocol, spot, number, spots);
                 return;
             }
             in_vain.add(fit.hyp, *verdict);
@@ -596,8 +592,8 @@ void examine_orvel(const Search& search, const OrvelMode& mode, const ov_cand& c
         lowest = std::min(lowest, *verdict);
     }
     if (search.verbose()) {
-        std::fprintf(stderr, "%s candidate %d: z=%.1f t=%.3f s f=%.2f Hz : %s\n", mode.name, number, cand.z, cand.t,
-                     search.absolute(cand.f), reason(lowest));
+        std::fprintf(stderr, "%s candidate %d: z=%.1f t=%.3f s f=%.2f Hz : %s\n", protocol.label, number, cand.z,
+                     cand.t, search.absolute(cand.f), reason(lowest));
     }
 }
 
@@ -717,7 +713,7 @@ void ov_params_default(ov_params& params) {
         .deep_pfa = 0.0001,
         .snr_adjust = 1,
         .verbose = 0,
-        .protocols = OVL_OPERA | OVL_ORVEL_S | OVL_ORVEL_L,
+        .protocols = OV_ALL_PROTOCOLS,
     };
 }
 
@@ -797,10 +793,11 @@ int32_t run(const ov_baseband& bb, const ov_params& params, ov_spot* spots, int3
         if (opera) search_opera(search, lists, found);
         if (opera && params.deep_search != 0 && params.n_known > 0 && !found.is_full()) search_known(search, found);
     }
-    for (int32_t mode = 0; mode < 2; mode++) {
-        const bool wanted = (params.protocols & (mode == 0 ? OVL_ORVEL_S : OVL_ORVEL_L)) != 0;
+    for (const ov_protocol& protocol : OV_PROTOCOLS) {
+        const bool wanted = protocol.mode != OV_NO_MODE && (params.protocols & protocol.id) != 0;
         if (!wanted || found.is_full()) continue;
-        const int32_t count = run_orvel(bb, owner.map, params, mode, drift_range, spots, found.count(), max_spots);
+        const int32_t count =
+            run_orvel(bb, owner.map, params, protocol.mode, drift_range, spots, found.count(), max_spots);
         found = SpotList(spots, count, max_spots);
     }
     remove_overlaps(search, found);
@@ -811,11 +808,9 @@ int32_t run(const ov_baseband& bb, const ov_params& params, ov_spot* spots, int3
 
 int32_t run_orvel(const ov_baseband& bb, const ov_specmap& map, const ov_params& params, int32_t mode,
                   double drift_range, ov_spot* spots, int32_t n, int32_t max_spots) {
+    const ov_protocol& protocol = ov_protocol_by_mode(mode);
     ov_specmap layout = map;  // the powers are shared, the frame layout is this mode's
-    ov_spec_frame(layout, ov_ncoded(mode), 1);
-    const double on_chips = layout.pairs + 1;
-    const OrvelMode traits = {mode, mode == 0 ? OVL_ORVEL_S : OVL_ORVEL_L, mode == 0 ? "ORVEL-S" : "ORVEL-L",
-                              10 * std::log10(on_chips / layout.frame_chips)};
+    ov_spec_frame(layout, protocol.pairs, 1);
     const double chip_s = chip_seconds(params);
     const double frame_s = layout.frame_chips * chip_s;
     if (drift_range > 0 && params.drift_max < 0) drift_range = 2 * layout.bin_hz / frame_s;
@@ -826,9 +821,9 @@ int32_t run_orvel(const ov_baseband& bb, const ov_specmap& map, const ov_params&
     if (!make_lists(params, lists)) return n;
     ReadInVain in_vain;
     search_candidates(
-        search, traits.name, lists, found,
-        [&](const ov_cand& cand) { return overlaps_spot(search, traits.protocol, found, cand); },
-        [&](const ov_cand& cand, int32_t number) { examine_orvel(search, traits, cand, number, in_vain, found); });
+        search, protocol.label, lists, found,
+        [&](const ov_cand& cand) { return overlaps_spot(search, protocol.id, found, cand); },
+        [&](const ov_cand& cand, int32_t number) { examine_orvel(search, protocol, cand, number, in_vain, found); });
     return found.count();
 }
 

@@ -16,9 +16,7 @@
 #include <vector>
 
 #include "ovbb.h"
-
-inline constexpr int32_t OV_MAX_PAIRS = 160;                   // chip pairs of the longest frame
-inline constexpr int32_t OV_MAX_CHIPS = 2 * OV_MAX_PAIRS + 1;  // its chips
+#include "protocol.h"
 
 // The score map.
 struct ov_specmap {

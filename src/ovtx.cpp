@@ -11,15 +11,13 @@
 #include <new>
 #include <numbers>
 
-#include "orvel.h"
-#include "ovcenc.h"
+#include "protocol.h"
 
 namespace {
 
 constexpr double CHIP_SECONDS = 0.128;
 constexpr double GLIDE_SECONDS = 0.01;  // time constant of level changes
 constexpr std::size_t FIRST_SEGMENTS = 512;
-constexpr std::size_t MAX_CHIPS = 321;
 constexpr double TWO_PI = 2 * std::numbers::pi;
 
 int32_t fail(ovtx_state& tx, const char* pattern, const char* call = "", const char* locator = "") {
@@ -61,24 +59,14 @@ bool fits(const ovtx_state& tx, double end_s) {
 // Adds a frame at time_s and moves time_s to its end.
 int32_t add_frame(ovtx_state& tx, int32_t step, double& time_s) {
     const ovl_tx_step& s = tx.steps[step];
-    std::array<uint8_t, MAX_CHIPS> frame;
-    int32_t result = -1;
-    switch (s.protocol) {
-        case OVL_OPERA:
-            result = ovc_encode(s.call, frame.data(), nullptr);
-            break;
-        case OVL_ORVEL_S:
-            result = ov_encode(0, s.call, nullptr, frame.data());
-            break;
-        case OVL_ORVEL_L:
-            if (s.locator[0] != '\0') result = ov_encode(1, s.call, s.locator, frame.data());
-            break;
-        default:
-            return fail(tx, "unknown protocol in a frame step%s%s");
+    const ov_protocol* const protocol = ov_protocol_by_id(static_cast<uint32_t>(s.protocol));
+    if (protocol == nullptr) return fail(tx, "unknown protocol in a frame step%s%s");
+    std::array<uint8_t, OV_MAX_CHIPS> frame;
+    if (encode_frame(*protocol, s.call, s.locator, frame.data()) != 0) {
+        return fail(tx, "cannot encode %s %s", s.call, s.locator);
     }
-    if (result != 0) return fail(tx, "cannot encode %s %s", s.call, s.locator);
 
-    const int32_t chips = frame_chips(static_cast<uint32_t>(s.protocol));
+    const int32_t chips = protocol->chips();
     if (!fits(tx, time_s + chips * CHIP_SECONDS)) return fail(tx, DURATION_TEXT);
     tx.chips[step] = chips;
     for (int32_t j = 0; j < chips; j++) {
