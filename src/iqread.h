@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 struct iq_recording {
     uint32_t rate;  // sample rate, Hz
@@ -12,8 +13,10 @@ struct iq_recording {
     int32_t count;  // pairs
 };
 
-// Reads a whole recording. Returns 0, or -1 with a message on standard error and no samples. Free it with iq_free.
-int iq_read(const char* path, iq_recording& out);
+// Reads a whole recording. Returns 0, or -1 with a message and no samples. Free it with iq_free.
+//
+//   said   messages and warnings are appended to it, a line each; null: they go to standard error
+int iq_read(const char* path, iq_recording& out, std::string* said = nullptr);
 void iq_free(iq_recording& recording);
 
 // One little-endian integer sample of 8 (unsigned), 16, 24 or 32 bits as a number from -1 to below 1.

@@ -4,9 +4,12 @@
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <array>
 #include <bit>
+#include <cstdarg>
 #include <cstring>
+#include <new>
 #include <span>
 #include <string_view>
 
@@ -56,6 +59,27 @@ bool read_ds64(std::FILE* file, uint64_t& data_bytes) {
 }
 
 }  // namespace
+
+void riff_say(std::string* said, const char* pattern, ...) {
+    std::va_list arguments;
+    va_start(arguments, pattern);
+    if (said == nullptr) {
+        std::vfprintf(stderr, pattern, arguments);
+        va_end(arguments);
+        return;
+    }
+    std::va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(nullptr, 0, pattern, arguments);
+    va_end(arguments);
+    const std::size_t before = said->size();
+    try {
+        said->resize(before + static_cast<std::size_t>(std::max(length, 0)));
+        std::vsnprintf(said->data() + before, said->size() - before + 1, pattern, again);
+    } catch (const std::bad_alloc&) {  // as if nothing had been said
+    }
+    va_end(again);
+}
 
 bool riff_is_wave(std::FILE* file, riff_kind kind) {
     std::array<uint8_t, file_header_bytes> header = {};

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <string>
 
 // Which files a reader takes.
 enum class riff_kind { riff, riff_or_rf64 };
@@ -56,6 +57,10 @@ riff_buffer<T> riff_allocate(std::size_t n) {
     if (n > SIZE_MAX / sizeof(T)) return nullptr;
     return riff_buffer<T>(static_cast<T*>(std::malloc(n * sizeof(T))));
 }
+
+// printf on standard error, or, when `said` is not null, behind what that holds already; nothing when it gets no
+// memory.
+[[gnu::format(printf, 2, 3)]] void riff_say(std::string* said, const char* pattern, ...);
 
 // Reads the 12-byte header; false when it is short or not of the kind.
 bool riff_is_wave(std::FILE* file, riff_kind kind);

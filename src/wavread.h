@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 // A recording mixed down to one signal.
 struct wav_audio {
@@ -12,7 +13,9 @@ struct wav_audio {
     int32_t count;     // samples
 };
 
-// Reads a whole recording. Returns 0, or -1 with a message on standard error and no samples. A data chunk that claims
-// more than the file holds is read as far as it goes, with a warning. Free the record with wav_free.
-int wav_read(const char* path, wav_audio& out);
+// Reads a whole recording. Returns 0, or -1 with a message and no samples. A data chunk that claims more than the file
+// holds is read as far as it goes, with a warning. Free the record with wav_free.
+//
+//   said   messages and warnings are appended to it, a line each; null: they go to standard error
+int wav_read(const char* path, wav_audio& out, std::string* said = nullptr);
 void wav_free(wav_audio& audio);
