@@ -4,11 +4,10 @@
 #include <optional>
 #include <vector>
 
-#include "console.h"
+#include "base/error.h"
+#include "exit_status.h"
 #include "input.h"
-#include "recording.h"
-#include "search.h"
-#include "steps.h"
+#include "options.h"
 #include "subcommands.h"
 
 namespace {
@@ -42,6 +41,8 @@ std::optional<std::string> parse(CLI::App& app, const std::vector<std::string>& 
         return app.help();
     } catch (const CLI::ParseError& error) {
         return std::string(error.what());
+    } catch (const UsageError& error) {
+        return std::string(error.what());
     }
 }
 
@@ -62,25 +63,22 @@ std::optional<std::string> parse_command(const std::vector<std::string>& words) 
 // The options of a search, and what the subcommands make of them.
 std::optional<std::string> parse_search(const std::vector<std::string>& words) {
     CLI::App app;
-    SearchOptions search;
+    SearchOptions options;
     RecordingOptions recording;
-    std::string band;
-    add_search_options(app, search, "1500");
+    add_search_options(app, options, "1500");
     add_recording_options(app, recording);
-    app.add_option("--band", band);
+    app.add_option("--band", options.band);
     app.callback([&] {
-        search.known_file.clear();
-        const int32_t mask = protocol_mask(search);
-        expect(mask >= 1 && mask <= 7);
-        const std::vector<ovc_known> known = known_callsigns(search);
-        expect(known.size() <= 256 && (!search.known_only || !known.empty()));
-        expect(!search.center_hz || std::isfinite(*search.center_hz));
-        expect(std::isfinite(search.search_hz) && search.search_hz >= 0);
-        expect(std::isfinite(search.spread_hz) && search.spread_hz >= 0);
+        options.known_file.clear();
+        const Search search = search_of(options, recording.iq);
+        expect(search.protocols >= 1 && search.protocols <= 7);
+        expect(search.known.size() <= 256 && (!search.known_only || !search.known.empty()));
+        const ov_params params = decode_params(search, 48000);
+        expect(std::isfinite(params.center_hz));
+        expect(std::isfinite(params.search_hz) && params.search_hz >= 0);
+        expect(std::isfinite(params.spread_hz) && params.spread_hz >= 0);
         expect(recording.channel >= 0);
-        if (band.empty()) return;
-        const Band parsed = parse_band(band);
-        expect(std::isfinite(parsed.low_hz) && std::isfinite(parsed.high_hz) && parsed.low_hz < parsed.high_hz);
+        if (search.band) expect(search.band->low < search.band->high);
     });
     return parse(app, words);
 }
@@ -88,11 +86,11 @@ std::optional<std::string> parse_search(const std::vector<std::string>& words) {
 // The steps and options of a transmission, up to the transmitter that they start.
 std::optional<std::string> parse_transmission(const std::vector<std::string>& words) {
     CLI::App app;
-    StepOptions options;
-    add_step_options(app, options);
+    Transmission transmission;
+    add_transmission_options(app, transmission);
     app.callback([&] {
         const TransmitterPtr tx = make_transmitter();
-        start_transmitter(tx.get(), options);
+        start_transmitter(tx.get(), transmission);
         expect(total_seconds(tx.get()) >= 0.05 && total_seconds(tx.get()) <= 64 * 3600.1);
     });
     return parse(app, words);

@@ -2,13 +2,16 @@
 // that it names, of stations and of callsigns.
 #include <cmath>
 
-#include "console.h"
+#include "base/error.h"
+#include "base/parse.h"
+#include "base/utc.h"
+#include "decoding/search.h"
 #include "input.h"
 #include "memory_file.h"
-#include "search.h"
-#include "simstations.h"
-#include "steps.h"
-#include "utc.h"
+#include "options.h"
+#include "simulation/stations.h"
+#include "spots/spot.h"
+#include "transmission/steps.h"
 
 namespace {
 
@@ -19,7 +22,7 @@ void step(Input& input) {
     ovl_tx_step step{};
     try {
         step = parse_step(text);
-    } catch (const CLI::ValidationError& error) {
+    } catch (const UsageError& error) {
         expect(error.what()[0] != '\0');
         return;
     }
@@ -29,12 +32,12 @@ void step(Input& input) {
     if (step.kind == OVL_TX_FRAME) expect(ovl_frame_chips(static_cast<uint32_t>(step.protocol)) > 0);
 
     const TransmitterPtr tx = make_transmitter();
-    StepOptions options;
-    options.steps = {text};
+    Transmission transmission;
+    transmission.steps = {text};
     try {
-        start_transmitter(tx.get(), options);
+        start_transmitter(tx.get(), transmission);
         expect(total_seconds(tx.get()) >= 0.05);
-    } catch (const CLI::ValidationError& error) {
+    } catch (const UsageError& error) {
         expect(error.what()[0] != '\0');
     }
 }
@@ -94,13 +97,18 @@ void list(Input& input) {
     expect(split_list(joined) == parts);
 }
 
-void band(Input& input) {
-    try {
-        const Band band = parse_band(input.rest());
-        expect(std::isfinite(band.low_hz) && std::isfinite(band.high_hz) && band.low_hz < band.high_hz);
-    } catch (const CLI::ValidationError& error) {
-        expect(error.what()[0] != '\0');
-    }
+void range(Input& input) {
+    const auto range = parse_range(input.rest());
+    if (range) expect(std::isfinite(range->low) && std::isfinite(range->high) && range->low < range->high);
+}
+
+// A line that was understood is the same when it is written and read again.
+void spot(Input& input) {
+    const auto read = parse_spot_line(input.rest());
+    if (!read || !(std::fabs(read->start) < 1e12) || !(std::fabs(read->end) < 1e12)) return;
+    const std::string line = spot_line(*read);
+    const auto again = parse_spot_line(line);
+    expect(again && spot_line(*again) == line);
 }
 
 MemoryFile file_of(const std::string& text) {
@@ -121,7 +129,7 @@ void expect_sound(const SimStation& station) {
 void one_station(Input& input) {
     try {
         expect_sound(parse_station(input.rest(), 1500));
-    } catch (const CLI::ValidationError& error) {
+    } catch (const UsageError& error) {
         expect(error.what()[0] != '\0');
     }
 }
@@ -130,18 +138,18 @@ void file_of_stations(Input& input) {
     const MemoryFile file = file_of(input.rest());
     try {
         for (const SimStation& station : read_stations(file.path(), 1500)) expect_sound(station);
-    } catch (const CLI::ValidationError& error) {
+    } catch (const UsageError& error) {
         expect(error.what()[0] != '\0');
     }
 }
 
 void file_of_callsigns(Input& input) {
     const MemoryFile file = file_of(input.rest());
-    SearchOptions search;
-    search.known_file = file.path();
+    std::vector<ovc_known> known;
     try {
-        for (const ovc_known& known : known_callsigns(search)) expect(known.display[0] != '\0');
-    } catch (const CLI::ValidationError& error) {
+        add_known_file("", file.path(), known);
+        for (const ovc_known& entry : known) expect(entry.display[0] != '\0');
+    } catch (const UsageError& error) {
         expect(error.what()[0] != '\0');
     }
 }
@@ -150,8 +158,8 @@ void file_of_callsigns(Input& input) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     Input input(data, size);
-    constexpr std::array KINDS = {step, time_of_text, text_of_time,     length,           slot, number, list,
-                                  band, one_station,  file_of_stations, file_of_callsigns};
+    constexpr std::array KINDS = {step,        time_of_text,     text_of_time,      length, slot, number, list, range,
+                                  one_station, file_of_stations, file_of_callsigns, spot};
     KINDS[static_cast<std::size_t>(input.int32(0, KINDS.size() - 1))](input);
     return 0;
 }

@@ -360,7 +360,7 @@ void command_line() {
     words(2, "carrier=1\npause=1e0\nopera=K2QRX\norvel-l=G4QZB,IO91WM\n--rate\n8000\n--tone\n700\n--level\n0.3")
         .save("command", "steps");
 
-    constexpr int32_t LAST_KIND = 10;
+    constexpr int32_t LAST_KIND = 11;
     Seed().integer(0, 0, LAST_KIND).rest("orvel-l=G4QZB,IO91").save("texts", "step");
     Seed().integer(1, 0, LAST_KIND).number(1e9, 0, 4e9).rest("2026-03-01T12:00:02.5Z").save("texts", "date");
     Seed().integer(1, 0, LAST_KIND).number(1e9, 0, 4e9).rest("12:00:00").save("texts", "time");
@@ -369,7 +369,7 @@ void command_line() {
     Seed().integer(4, 0, LAST_KIND).number(1e9, 0, 4e9).number(600, 1, 1e6).number(2, 0, 1e6).save("texts", "slot");
     Seed().integer(5, 0, LAST_KIND).rest("+1e-3").save("texts", "number");
     Seed().integer(6, 0, LAST_KIND).rest("opera, orvel-s;all").save("texts", "list");
-    Seed().integer(7, 0, LAST_KIND).rest("-20e3:+20000.5").save("texts", "band");
+    Seed().integer(7, 0, LAST_KIND).rest("-20e3:+20000.5").save("texts", "range");
     Seed()
         .integer(8, 0, LAST_KIND)
         .rest("orvel-l=K2QRX,FN31,freq=1450,snr=-18,start=-3.5,drift=0.1,spread=0.5,delay=1")
@@ -382,6 +382,17 @@ void command_line() {
         .save("texts", "station_lines");
     Seed().integer(9, 0, LAST_KIND).rest("[{\"call\":\"K2QRX\"}]").save("texts", "station_array");
     Seed().integer(10, 0, LAST_KIND).rest("K2QRX, G4QZB # friends\n\nDL1QXA\r\n").save("texts", "callsigns");
+    const std::string found =
+        "\"freq_hz\":1500.5,\"drift_hz_s\":0,\"snr_db\":null,\"protocol\":\"ORVEL L\",\"call\":\"K2QRX\",\"locator\":"
+        "\"FN31\",\"deep\":false}";
+    Seed()
+        .integer(11, 0, LAST_KIND)
+        .rest("{\"file\":\"a.wav\",\"t_start\":-1.5,\"t_end\":39.6," + found)
+        .save("texts", "spot_of_recording");
+    Seed()
+        .integer(11, 0, LAST_KIND)
+        .rest("{\"utc_start\":\"2026-03-01T12:00:02.50Z\",\"utc_end\":\"2026-03-01T12:00:43.59Z\"," + found)
+        .save("texts", "spot_of_receiver");
 }
 
 }  // namespace

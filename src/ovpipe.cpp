@@ -717,6 +717,14 @@ void ov_params_default(ov_params& params) {
     };
 }
 
+// Baseband rates are 125 Hz times a power of two, so that the lowest tells whether an input rate fits any of them.
+bool ov_rate_served(uint32_t rate) {
+    int32_t nfft = 0;
+    int32_t nout = 0;
+    return rate >= 1 && rate <= static_cast<uint32_t>(std::numeric_limits<int32_t>::max()) &&
+           choose_sizes(1, static_cast<int32_t>(rate), static_cast<int32_t>(MIN_BASEBAND_RATE), nfft, nout) == 0;
+}
+
 int32_t ov_decode_real(const double* x, int32_t n, int32_t rate, const ov_params& params, ov_spot* spots,
                        int32_t max_spots) {
     const auto out_rate = baseband_rate(params, n, rate);

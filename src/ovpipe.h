@@ -41,6 +41,9 @@ struct ov_params {
 
 void ov_params_default(ov_params& params);
 
+// Whether a block of samples at a rate can be decoded: some baseband can be cut out of it.
+bool ov_rate_served(uint32_t rate);
+
 // One decoded frame.
 struct ov_spot {
     char call[8];       // callsign without blanks around it

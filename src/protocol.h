@@ -44,7 +44,7 @@ inline constexpr int32_t OV_ALL_PROTOCOLS = [] {
     return mask;
 }();
 
-// The protocol with that id or option name; null when there is none.
+// The protocol with that id, option name or name; null when there is none.
 constexpr const ov_protocol* ov_protocol_by_id(uint32_t id) {
     const auto found = std::ranges::find(
         OV_PROTOCOLS, id, [](const ov_protocol& protocol) { return static_cast<uint32_t>(protocol.id); });
@@ -52,6 +52,11 @@ constexpr const ov_protocol* ov_protocol_by_id(uint32_t id) {
 }
 constexpr const ov_protocol* ov_protocol_by_option(std::string_view option) {
     const auto found = std::ranges::find(OV_PROTOCOLS, option, &ov_protocol::option);
+    return found == OV_PROTOCOLS.end() ? nullptr : &*found;
+}
+
+constexpr const ov_protocol* ov_protocol_by_name(std::string_view name) {
+    const auto found = std::ranges::find(OV_PROTOCOLS, name, &ov_protocol::name);
     return found == OV_PROTOCOLS.end() ? nullptr : &*found;
 }
 

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "command.h"
-#include "utc.h"
+#include "base/utc.h"
 
 namespace {
 

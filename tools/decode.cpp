@@ -1,52 +1,52 @@
-#include "decode.h"
+#include "subcommands.h"
 
 #include <functional>
 #include <memory>
 #include <new>
-#include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "console.h"
-#include "decoding.h"
-#include "json.h"
-#include "ovcenc.h"
-#include "ovpipe.h"
-#include "progress.h"
-#include "recording.h"
-#include "search.h"
-#include "spots.h"
+#include "base/console.h"
+#include "base/error.h"
+#include "base/progress.h"
+#include "base/text.h"
+#include "exit_status.h"
+#include "options.h"
+#include "recordings/decode_recording.h"
+#include "recordings/open_recording.h"
+#include "spots/spot_table.h"
 
 namespace {
 
 // The command line, as typed.
-struct Options : DecodingOptions {
+struct Options {
     std::vector<std::string> files;
+    RecordingOptions recording;
+    SearchOptions search;
+    std::optional<double> block_s;
+    unsigned jobs = 0;
     bool json = false;
+    bool verbose = false;
 };
 
-// ---- Output --------------------------------------------------------------------------------------------------------
-
-void print_spot(const Options& options, const std::string& file, const ov_spot& spot) {
-    if (!options.json) {
-        print(spot_row(format("%9s", cell(spot.t, 3).c_str()), spot));
-        return;
-    }
-    nlohmann::ordered_json object;
-    object["file"] = file;
-    object["t_start"] = spot.t;
-    object["t_end"] = spot_end(spot);
-    add_spot(object, spot);
-    print(json_line(object));
+DecodingOptions decoding_of(const Options& options) {
+    DecodingOptions decoding{search_of(options.search, options.recording.iq), options.block_s, options.jobs};
+    decoding.search.verbose = options.verbose;
+    return decoding;
 }
 
-// ---- Decoding ------------------------------------------------------------------------------------------------------
+void print_spot(bool json, const std::string& file, const ov_spot& found) {
+    const Spot spot = spot_of(found, file);
+    print(json ? spot_line(spot) : spot_row(format("%9s", cell(spot.start, 3).c_str()), spot));
+}
 
-// Decodes one file and prints its spots in order of time, behind a heading as soon as something could be decoded.
-// False, with a line on standard error, when some of it could not be, or the output not be written.
-bool decode_file(Recording& recording, const std::string& path, const Options& options, const ov_params& params,
+// Decodes a file and prints its spots in order of time, behind a heading as soon as something could be decoded. Throws
+// IoError.
+void decode_file(const std::string& path, const Options& options, const DecodingOptions& decoding,
                  const std::function<void()>& heading) {
-    Progress progress("'" + path + "'", recording.seconds());
+    const auto recording = open_recording(path, options.recording);
+    Progress progress("'" + path + "'", recording->seconds());
     SpotTaker taker;
     taker.begin = [&] {
         progress.clear();
@@ -54,28 +54,19 @@ bool decode_file(Recording& recording, const std::string& path, const Options& o
     };
     taker.take = [&](const ov_spot& spot) {
         progress.clear();
-        print_spot(options, path, spot);
+        print_spot(options.json, path, spot);
     };
     taker.progress = [&](double done_s, std::size_t spots) { progress.show(done_s, spots); };
     taker.go_on = flush_output;
-    return decode_recording(recording, path, options, params, 0, recording.seconds(), taker);
+    decode_recording(*recording, decoding, 0, recording->seconds(), taker);
 }
 
 int decode(const Options& options) {
-    if (options.wide && options.search.center_hz) throw CLI::ValidationError("--center: --wide has --band instead");
-    if (options.band) parse_band(*options.band);
-    const std::vector<ovc_known> known = known_callsigns(options.search);
-    const ov_params params = decode_params(options, known);
-
+    const DecodingOptions decoding = decoding_of(options);
     int status = EXIT_DONE;
     bool first = true;
     for (const std::string& path : options.files) {
         if (options.verbose && options.files.size() > 1) print_error("'" + path + "'");
-        const auto recording = open_recording(path, options.recording);
-        if (!recording) {
-            status = EXIT_FAILED;
-            continue;
-        }
         const auto heading = [&] {
             if (options.json) return;
             if (options.files.size() > 1) print((first ? "" : "\n") + printable(path) + ":\n");
@@ -83,7 +74,10 @@ int decode(const Options& options) {
             first = false;
         };
         try {
-            if (!decode_file(*recording, path, options, params, heading)) status = EXIT_FAILED;
+            decode_file(path, options, decoding, heading);
+        } catch (const IoError& error) {
+            print_error(error.what());
+            status = EXIT_FAILED;
         } catch (const std::bad_alloc&) {
             print_error("cannot decode '" + path + "': memory is short");
             status = EXIT_FAILED;
@@ -101,11 +95,13 @@ void add_decode(CLI::App& app, int& status) {
     sub->add_option("FILE", options->files, "Recordings: WAV, FLAC, Ogg, AIFF, W64 and what else libsndfile reads")
         ->required();
     add_recording_options(*sub, options->recording);
-    CLI::Option* wide = sub->add_flag("--wide", options->wide, "Search the whole band of the recording, or --band");
-    sub->add_option("--band", options->band, "Band of a wide search, as -20000:20000 [all that the sample rate holds]")
+    CLI::Option* wide =
+        sub->add_flag("--wide", options->search.wide, "Search the whole band of the recording, or --band");
+    sub->add_option("--band", options->search.band,
+                    "Band of a wide search, as -20000:20000 [all that the sample rate holds]")
         ->type_name("LO:HI")
         ->needs(wide);
-    sub->add_option("--min-z", options->scan_z, "Keyed carriers of a wide search stand out so many sigma [6]")
+    sub->add_option("--min-z", options->search.scan_z, "Keyed carriers of a wide search stand out so many sigma [6]")
         ->type_name("SIGMA")
         ->check(finite_number())
         ->needs(wide);

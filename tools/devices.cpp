@@ -1,13 +1,14 @@
-#include "devices.h"
+#include "subcommands.h"
 
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
-#include "audio.h"
-#include "console.h"
-#include "json.h"
+#include "base/console.h"
+#include "base/json.h"
+#include "base/text.h"
+#include "exit_status.h"
+#include "listening/devices.h"
 
 namespace {
 

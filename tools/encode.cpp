@@ -1,4 +1,4 @@
-#include "encode.h"
+#include "subcommands.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -8,10 +8,12 @@
 #include <string_view>
 #include <vector>
 
-#include "console.h"
-#include "json.h"
-#include "liborvel.h"
-#include "protocols.h"
+#include "base/console.h"
+#include "base/error.h"
+#include "base/json.h"
+#include "base/text.h"
+#include "exit_status.h"
+#include "protocol.h"
 
 namespace {
 
@@ -28,24 +30,24 @@ struct Options {
 
 uint32_t chosen_protocol(const Options& options) {
     if (options.protocol.empty()) return options.locator.empty() ? OVL_OPERA : OVL_ORVEL_L;
-    const Protocol* protocol = find_protocol(options.protocol);
+    const ov_protocol* const protocol = ov_protocol_by_option(options.protocol);
     if (protocol == nullptr) {
-        throw CLI::ValidationError("--protocol: '" + options.protocol + "' is not one of " + protocol_names());
+        throw UsageError("--protocol: '" + options.protocol + "' is not one of " + ov_protocol_options());
     }
     return static_cast<uint32_t>(protocol->id);
 }
 
-std::vector<uint8_t> encode_frame(uint32_t proto, const Options& options) {
+std::vector<uint8_t> chips_of(uint32_t proto, const Options& options) {
     if (proto == OVL_ORVEL_L && options.locator.empty()) {
-        throw CLI::ValidationError("an ORVEL L frame needs a locator");
+        throw UsageError("an ORVEL L frame needs a locator");
     }
     if (proto != OVL_ORVEL_L && !options.locator.empty()) {
-        throw CLI::ValidationError(std::string(ovl_proto_name(proto)) + " frames carry no locator");
+        throw UsageError(std::string(ovl_proto_name(proto)) + " frames carry no locator");
     }
     std::vector<uint8_t> chips(static_cast<std::size_t>(ovl_frame_chips(proto)));
     if (ovl_encode(proto, options.call.c_str(), options.locator.c_str(), chips.data(), ovl_frame_chips(proto)) < 0) {
         const std::string message = options.call + (options.locator.empty() ? "" : " " + options.locator);
-        throw CLI::ValidationError("'" + message + "' cannot be carried by a frame");
+        throw UsageError("'" + message + "' cannot be carried by a frame");
     }
     return chips;
 }
@@ -85,7 +87,7 @@ void draw_frame(uint32_t proto, const Options& options, const std::vector<uint8_
 
 int encode(const Options& options) {
     const uint32_t proto = chosen_protocol(options);
-    const std::vector<uint8_t> chips = encode_frame(proto, options);
+    const std::vector<uint8_t> chips = chips_of(proto, options);
     if (options.json) {
         nlohmann::ordered_json object;
         object["protocol"] = ovl_proto_name(proto);
@@ -109,7 +111,7 @@ void add_encode(CLI::App& app, int& status) {
     const auto options = std::make_shared<Options>();
     sub->add_option("CALL", options->call, "Callsign")->required();
     sub->add_option("LOCATOR", options->locator, "Grid locator of 4 or 6 characters, for ORVEL L");
-    sub->add_option("--protocol", options->protocol, protocol_names() + " [opera, or orvel-l with a locator]")
+    sub->add_option("--protocol", options->protocol, ov_protocol_options() + " [opera, or orvel-l with a locator]")
         ->type_name("NAME");
     CLI::Option* draw = sub->add_flag("--draw", options->draw, "Draw the frame, a block for each chip that is on");
     sub->add_flag("--json", options->json, "Print one JSON object")->excludes(draw);

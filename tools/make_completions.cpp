@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "protocols.h"
+#include "protocol.h"
 #include "subcommands.h"
 
 namespace {
@@ -48,8 +48,8 @@ struct Subcommand {
 // ---- What the command has ------------------------------------------------------------------------------------------
 
 std::vector<std::string> protocol_words() {
-    std::vector<std::string> words(PROTOCOLS.size());
-    std::transform(PROTOCOLS.begin(), PROTOCOLS.end(), words.begin(), [](const Protocol& p) { return p.name; });
+    std::vector<std::string> words(OV_PROTOCOLS.size());
+    std::ranges::transform(OV_PROTOCOLS, words.begin(), &ov_protocol::option);
     return words;
 }
 

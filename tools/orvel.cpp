@@ -6,7 +6,9 @@
 #include <new>
 #include <string>
 
-#include "console.h"
+#include "base/console.h"
+#include "base/error.h"
+#include "exit_status.h"
 #include "help.h"
 #include "liborvel.h"
 #include "subcommands.h"
@@ -32,6 +34,9 @@ int run_command(int argc, char** argv) {
     } catch (const CLI::CallForVersion& version) {
         print(std::string(version.what()) + "\n");
     } catch (const CLI::ParseError& error) {
+        print_error(error.what());
+        status = EXIT_USAGE;
+    } catch (const UsageError& error) {
         print_error(error.what());
         status = EXIT_USAGE;
     }

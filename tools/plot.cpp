@@ -1,7 +1,6 @@
-#include "plot.h"
+#include "subcommands.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -15,16 +14,17 @@
 #include <string>
 #include <vector>
 
-#include "chipview.h"
-#include "console.h"
-#include "decoding.h"
-#include "drawing.h"
-#include "progress.h"
-#include "recording.h"
-#include "search.h"
-#include "spots.h"
-#include "utc.h"
-#include "waterfall.h"
+#include "base/console.h"
+#include "base/error.h"
+#include "base/progress.h"
+#include "base/text.h"
+#include "base/utc.h"
+#include "exit_status.h"
+#include "options.h"
+#include "pictures/drawing.h"
+#include "recordings/decode_recording.h"
+#include "recordings/open_recording.h"
+#include "spots/spot.h"
 
 namespace {
 
@@ -34,9 +34,11 @@ constexpr double DAY_S = 86400;
 constexpr double MOST_DB = 300;  // that levels can be apart
 
 // The command line, as typed.
-struct Options : DecodingOptions {
+struct Options {
     std::string file;
     std::string output;
+    RecordingOptions recording;
+    SearchOptions search;
     std::optional<double> from_s, to_s;
     std::string start;
     bool no_decode = false;
@@ -52,51 +54,50 @@ struct Options : DecodingOptions {
 struct Plan {
     PictureLayout layout;
     std::optional<double> start_utc;
-    std::optional<Band> band;      // that is shown
-    std::optional<Band> range_db;  // over the median
-    std::vector<ovc_known> known;
-    ov_params params;
+    std::optional<Range> range_db;  // over the median
+    DecodingOptions decoding;
 };
+
+PictureLayout layout_of(const Options& options) {
+    const auto format = picture_format(options.output);
+    if (!format) throw UsageError("--output: '" + options.output + "' does not end in .png, .svg or .pdf");
+    const std::string name = std::filesystem::path(options.file).filename().string();
+    const PictureLayout layout = {*format, options.width, options.height, options.text_size,
+                                  options.title.empty() ? name : options.title};
+    if (!waterfall_area(layout)) throw UsageError("the picture is too small for its texts");
+    return layout;
+}
+
+std::optional<double> start_of(const Options& options) {
+    if (options.start.empty()) return std::nullopt;
+    const auto start = parse_utc(options.start, utc_now() - DAY_S);
+    if (!start) throw UsageError("--start: '" + options.start + "' is no UTC time");
+    return start;
+}
+
+std::optional<Range> levels_of(const Options& options) {
+    if (options.range.empty()) return std::nullopt;
+    const Range levels = range_of("--range", options.range);
+    if (std::max(std::abs(levels.low), std::abs(levels.high)) > MOST_DB) {
+        throw UsageError("--range: LO and HI lie between -300 and 300");
+    }
+    return levels;
+}
 
 Plan make_plan(const Options& options) {
     Plan plan;
-    const auto format = picture_format(options.output);
-    if (!format) throw CLI::ValidationError("--output: '" + options.output + "' does not end in .png, .svg or .pdf");
-    const std::string name = std::filesystem::path(options.file).filename().string();
-    plan.layout = {*format, options.width, options.height, options.text_size,
-                   options.title.empty() ? name : options.title};
-    if (!waterfall_area(plan.layout)) throw CLI::ValidationError("the picture is too small for its texts");
-    if (!options.start.empty()) {
-        plan.start_utc = parse_utc(options.start, utc_now() - DAY_S);
-        if (!plan.start_utc) throw CLI::ValidationError("--start: '" + options.start + "' is no UTC time");
-    }
-    if (options.wide && options.search.center_hz) throw CLI::ValidationError("--center: --wide has --band instead");
-    if (options.band) plan.band = parse_band(*options.band);
-    if (!options.range.empty()) {
-        try {
-            plan.range_db = parse_band(options.range);
-        } catch (const CLI::ValidationError&) {
-            throw CLI::ValidationError("--range: '" + options.range + "' is not LO:HI with LO below HI");
-        }
-        if (std::max(std::abs(plan.range_db->low_hz), std::abs(plan.range_db->high_hz)) > MOST_DB) {
-            throw CLI::ValidationError("--range: LO and HI lie between -300 and 300");
-        }
-    }
+    plan.layout = layout_of(options);
+    plan.start_utc = start_of(options);
+    plan.range_db = levels_of(options);
     if (options.from_s && options.to_s && !(*options.from_s < *options.to_s)) {
-        throw CLI::ValidationError("--to: it is not behind --from");
+        throw UsageError("--to: it is not behind --from");
     }
-    if (options.no_decode && !options.chips.empty()) throw CLI::ValidationError("--chips needs a decoded frame");
-    plan.known = known_callsigns(options.search);
-    plan.params = decode_params(options, plan.known);
+    if (options.no_decode && !options.chips.empty()) throw UsageError("--chips needs a decoded frame");
+    plan.decoding.search = search_of(options.search, options.recording.iq);
     return plan;
 }
 
-bool fail(const std::string& message) {
-    print_error(message);
-    return false;
-}
-
-bool write_file(const std::string& path, const std::string& bytes) {
+void write_file(const std::string& path, const std::string& bytes) {
     errno = 0;
     struct Close {
         void operator()(std::FILE* file) const noexcept { std::fclose(file); }
@@ -104,36 +105,42 @@ bool write_file(const std::string& path, const std::string& bytes) {
     std::unique_ptr<std::FILE, Close> file(std::fopen(path.c_str(), "wb"));
     const bool written = file && std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size() &&
                          std::fclose(file.release()) == 0;
-    return written || fail("cannot write '" + path + "': " + std::strerror(errno));
+    if (!written) throw IoError("cannot write '" + path + "': " + std::strerror(errno));
 }
 
-// The part of a recording that is shown. False, with a line on standard error, when there is none.
-bool choose_view(const Options& options, const Plan& plan, const Recording& recording, View& view) {
+// The band that is shown: the one asked for, or the search and a little around it.
+Range shown_band(const Search& search, int32_t rate) {
+    if (search.band) return *search.band;
+    if (search.wide) return whole_band(search.iq, rate);
+    const ov_params params = decode_params(search, rate);
+    return {params.center_hz - AROUND * params.search_hz, params.center_hz + AROUND * params.search_hz};
+}
+
+// The part of a recording that is shown.
+View choose_view(const Options& options, const Search& search, const Recording& recording) {
+    View view{};
     view.from_s = std::max(options.from_s.value_or(0), 0.0);
     view.to_s = std::min(options.to_s.value_or(recording.seconds()), recording.seconds());
     if (!(view.from_s < view.to_s)) {
-        return fail(format("'%s' lasts %.3f s and has nothing there", options.file.c_str(), recording.seconds()));
+        throw IoError(format("'%s' lasts %.3f s and has nothing there", options.file.c_str(), recording.seconds()));
     }
-    const Band whole = whole_band(options, recording);
-    const double half = AROUND * options.search.search_hz;
-    const Band around = {plan.params.center_hz - half, plan.params.center_hz + half};
-    const Band wanted = plan.band.value_or(options.wide ? whole : around);
-    view.low_hz = std::max(wanted.low_hz, whole.low_hz);
-    view.high_hz = std::min(wanted.high_hz, whole.high_hz);
+    const Range whole = whole_band(search.iq, recording.rate());
+    const Range wanted = shown_band(search, recording.rate());
+    view.low_hz = std::max(wanted.low, whole.low);
+    view.high_hz = std::min(wanted.high, whole.high);
     if (!(view.low_hz < view.high_hz)) {
-        return fail(
-            format("'%s' holds %g to %g Hz and has nothing there", options.file.c_str(), whole.low_hz, whole.high_hz));
+        throw IoError(
+            format("'%s' holds %g to %g Hz and has nothing there", options.file.c_str(), whole.low, whole.high));
     }
-    return true;
+    return view;
 }
 
 // The frames that reach into a view's time.
-std::optional<std::vector<ov_spot>> find_spots(const Options& options, const Plan& plan, Recording& recording,
-                                               const View& view) {
+std::vector<ov_spot> find_spots(const Plan& plan, Recording& recording, const View& view) {
     std::vector<ov_spot> spots;
     const double from_s = std::max(view.from_s - LONGEST_FRAME_S, 0.0);
     const double to_s = std::min(view.to_s + LONGEST_FRAME_S, recording.seconds());
-    Progress progress("'" + options.file + "'", to_s - from_s);
+    Progress progress("'" + recording.path() + "'", to_s - from_s);
     SpotTaker taker;
     taker.begin = [] {};
     taker.take = [&](const ov_spot& spot) {
@@ -141,74 +148,63 @@ std::optional<std::vector<ov_spot>> find_spots(const Options& options, const Pla
     };
     taker.progress = [&](double done_s, std::size_t count) { progress.show(done_s - from_s, count); };
     taker.go_on = [] { return true; };
-    if (!decode_recording(recording, options.file, options, plan.params, from_s, to_s, taker)) return std::nullopt;
+    decode_recording(recording, plan.decoding, from_s, to_s, taker);
     return spots;
 }
 
-// The frame that --chips names by number or callsign. Nothing, with a line on standard error, when there is none.
-std::optional<ov_spot> choose_spot(const Options& options, const std::vector<ov_spot>& spots) {
-    if (spots.empty()) {
-        fail("no frame found in '" + options.file + "'");
-        return std::nullopt;
-    }
+// The frame that --chips names by number or callsign.
+const ov_spot& choose_spot(const Options& options, const std::vector<ov_spot>& spots) {
+    if (spots.empty()) throw IoError("no frame found in '" + options.file + "'");
     std::size_t number = 0;
     const char* const end = options.chips.data() + options.chips.size();
     const auto [stop, error] = std::from_chars(options.chips.data(), end, number);
     if (error == std::errc() && stop == end) {
         if (number >= 1 && number <= spots.size()) return spots[number - 1];
-        fail(format("'%s' holds %zu frame%s, none of number %s", options.file.c_str(), spots.size(),
-                    spots.size() == 1 ? "" : "s", options.chips.c_str()));
-        return std::nullopt;
+        throw IoError(format("'%s' holds %zu frame%s, none of number %s", options.file.c_str(), spots.size(),
+                             spots.size() == 1 ? "" : "s", options.chips.c_str()));
     }
-    std::string call = options.chips;
-    std::transform(call.begin(), call.end(), call.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    const std::string call = upper_case(options.chips);
     const auto found = std::find_if(spots.begin(), spots.end(), [&](const ov_spot& spot) { return call == spot.call; });
-    if (found != spots.end()) return *found;
-    fail("no frame of '" + options.chips + "' found in '" + options.file + "'");
-    return std::nullopt;
+    if (found == spots.end()) throw IoError("no frame of '" + options.chips + "' found in '" + options.file + "'");
+    return *found;
 }
 
-bool plot_chips(const Options& options, const Plan& plan, Recording& recording, const std::vector<ov_spot>& spots) {
-    const auto spot = choose_spot(options, spots);
-    if (!spot) return false;
-    const auto view = measure_chips(recording, *spot);
-    if (!view) return fail("cannot measure the chips of " + std::string(spot->call));
-    return write_file(options.output, draw_chips(plan.layout, *view));
+std::string draw_chips_of(const Options& options, const Plan& plan, Recording& recording,
+                          const std::vector<ov_spot>& spots) {
+    const ov_spot& spot = choose_spot(options, spots);
+    const auto view = measure_chips(recording, spot);
+    if (!view) throw IoError("cannot measure the chips of " + std::string(spot.call));
+    return draw_chips(plan.layout, *view);
 }
 
-bool plot_waterfall(const Options& options, const Plan& plan, Recording& recording, const View& view,
-                    const std::vector<ov_spot>& spots) {
+std::string draw_waterfall_of(const Options& options, const Plan& plan, Recording& recording, const View& view,
+                              const std::vector<ov_spot>& spots) {
     const Box area = waterfall_area(plan.layout).value();
     Progress progress("'" + options.file + "'", view.to_s - view.from_s);
-    const auto grid = measure_power(recording, options.recording.iq, view, static_cast<int32_t>(area.width),
-                                    static_cast<int32_t>(area.height), options.window_s,
-                                    [&](double done_s) { progress.show(done_s, spots.size()); });
-    if (!grid) return false;
-    LevelRange levels = robust_range(*grid);
+    const PowerGrid grid =
+        measure_power(recording, view, static_cast<int32_t>(area.width), static_cast<int32_t>(area.height),
+                      options.window_s, [&](double done_s) { progress.show(done_s, spots.size()); });
+    LevelRange levels = robust_range(grid);
     if (plan.range_db) {
-        levels.low_db = levels.median_db + plan.range_db->low_hz;
-        levels.high_db = levels.median_db + plan.range_db->high_hz;
+        levels.low_db = levels.median_db + plan.range_db->low;
+        levels.high_db = levels.median_db + plan.range_db->high;
     }
-    std::string note = format("%d Hz%s", recording.rate(), options.recording.iq ? " I/Q" : "");
+    std::string note = format("%d Hz%s", recording.rate(), recording.iq() ? " I/Q" : "");
     if (!options.no_decode) note += format(", %zu frame%s", spots.size(), spots.size() == 1 ? "" : "s");
-    return write_file(options.output, draw_waterfall(plan.layout, {view, *grid, levels, spots, plan.start_utc, note}));
+    return draw_waterfall(plan.layout, {view, grid, levels, spots, plan.start_utc, note});
 }
 
 int plot(const Options& options) {
     const Plan plan = make_plan(options);
-    const auto recording = open_recording(options.file, options.recording);
-    View view{};
-    if (!recording || !choose_view(options, plan, *recording, view)) return EXIT_FAILED;
     try {
-        const auto spots = options.no_decode ? std::vector<ov_spot>() : find_spots(options, plan, *recording, view);
-        if (!spots) return EXIT_FAILED;
-        const bool drawn = options.chips.empty() ? plot_waterfall(options, plan, *recording, view, *spots)
-                                                 : plot_chips(options, plan, *recording, *spots);
-        return drawn ? EXIT_DONE : EXIT_FAILED;
+        const auto recording = open_recording(options.file, options.recording);
+        const View view = choose_view(options, plan.decoding.search, *recording);
+        const auto spots = options.no_decode ? std::vector<ov_spot>() : find_spots(plan, *recording, view);
+        write_file(options.output, options.chips.empty() ? draw_waterfall_of(options, plan, *recording, view, spots)
+                                                         : draw_chips_of(options, plan, *recording, spots));
+        return EXIT_DONE;
     } catch (const std::bad_alloc&) {
-        print_error("cannot plot '" + options.file + "': memory is short");
-        return EXIT_FAILED;
+        throw IoError("cannot plot '" + options.file + "': memory is short");
     }
 }
 
@@ -234,11 +230,12 @@ void add_plot(CLI::App& app, int& status) {
     sub->add_option("--start", options->start,
                     "UTC time of the first sample, for the axis: 12:00[:00] or 2026-03-01T12:00[:00]Z")
         ->type_name("TIME");
-    CLI::Option* wide = sub->add_flag("--wide", options->wide, "Search the whole band of the recording, or --band");
-    sub->add_option("--band", options->band,
+    CLI::Option* wide =
+        sub->add_flag("--wide", options->search.wide, "Search the whole band of the recording, or --band");
+    sub->add_option("--band", options->search.band,
                     "Band to show, with --wide also to search [the search; with --wide all that the rate holds]")
         ->type_name("LO:HI");
-    sub->add_option("--min-z", options->scan_z, "Keyed carriers of a wide search stand out so many sigma [6]")
+    sub->add_option("--min-z", options->search.scan_z, "Keyed carriers of a wide search stand out so many sigma [6]")
         ->type_name("SIGMA")
         ->check(finite_number())
         ->needs(wide);

@@ -1,4 +1,4 @@
-#include "render.h"
+#include "subcommands.h"
 
 #include <array>
 #include <cstddef>
@@ -6,9 +6,9 @@
 #include <memory>
 #include <string>
 
-#include "console.h"
-#include "soundwriter.h"
-#include "steps.h"
+#include "exit_status.h"
+#include "options.h"
+#include "recordings/sound_writer.h"
 
 namespace {
 
@@ -16,7 +16,7 @@ constexpr int32_t BLOCK = 4096;  // samples rendered at a time
 
 // The command line, as typed.
 struct Options {
-    StepOptions steps;
+    Transmission transmission;
     std::string output;
     std::string sample_format = "s16";
 };
@@ -31,14 +31,15 @@ void write_all(SoundWriter& file, ovl_transmitter* tx) {
 }
 
 int render(const Options& options) {
-    const bool s16 = parse_sample_format(options.sample_format);
+    const bool s16 = is_s16(options.sample_format);
     const TransmitterPtr tx = make_transmitter();
-    start_transmitter(tx.get(), options.steps);
+    start_transmitter(tx.get(), options.transmission);
 
-    const auto frames = static_cast<int64_t>(total_seconds(tx.get()) * options.steps.rate);
-    SoundWriter file(options.output, {SoundWriter::Container::WAV, options.steps.rate, 1, s16, frames});
+    const auto frames = static_cast<int64_t>(total_seconds(tx.get()) * options.transmission.rate);
+    SoundWriter file(options.output, {SoundWriter::Container::WAV, options.transmission.rate, 1, s16, frames});
     write_all(file, tx.get());
-    return file.close() ? EXIT_DONE : EXIT_FAILED;
+    file.close();
+    return EXIT_DONE;
 }
 
 }  // namespace
@@ -46,7 +47,7 @@ int render(const Options& options) {
 void add_render(CLI::App& app, int& status) {
     CLI::App* sub = app.add_subcommand("render", "Write a transmission into a WAV file");
     const auto options = std::make_shared<Options>();
-    add_step_options(*sub, options->steps);
+    add_transmission_options(*sub, options->transmission);
     sub->add_option("-o,--output", options->output, "WAV file to write")->required()->type_name("FILE");
     sub->add_option("--format", options->sample_format, "Samples of the file: s16 (16-bit) or float [s16]")
         ->type_name("FORMAT");

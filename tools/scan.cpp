@@ -1,21 +1,24 @@
-#include "scan.h"
+#include "subcommands.h"
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <new>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "blocks.h"
-#include "console.h"
-#include "json.h"
+#include "base/blocks.h"
+#include "base/console.h"
+#include "base/error.h"
+#include "base/json.h"
+#include "base/text.h"
+#include "exit_status.h"
 #include "liborvel.h"
+#include "options.h"
 #include "ovscan.h"
-#include "recording.h"
-#include "search.h"
-#include "spots.h"
+#include "recordings/open_recording.h"
 
 namespace {
 
@@ -55,48 +58,46 @@ void print_hits(const Options& options, const std::string& file, const BlockSpan
     }
 }
 
-bool scan_recording(Recording& recording, const std::string& path, const Options& options) {
-    const Band whole = {options.recording.iq ? -0.5 * recording.rate() : 0.0, 0.5 * recording.rate()};
-    const Band band = options.band ? parse_band(*options.band) : whole;
-    for (const BlockSpan& block :
-         cut_blocks(recording.seconds(), std::min(options.block_s, MOST_SAMPLES / recording.rate()), 0)) {
-        const auto samples = recording.read(block.begin_s, block.length_s);
-        if (!samples) return false;
-        if (block.begin_s > 0 && samples->x.empty()) return true;  // the file ends before its header says
+// Throws IoError.
+void scan_file(const std::string& path, const Options& options, const std::function<void()>& heading) {
+    const auto recording = open_recording(path, options.recording);
+    heading();
+    const int32_t rate = recording->rate();
+    const Range band = options.band ? range_of("--band", *options.band) : whole_band(options.recording.iq, rate);
+    for (const BlockSpan& block : cut_blocks(recording->seconds(), std::min(options.block_s, MOST_SAMPLES / rate), 0)) {
+        const Stretch samples = recording->read(block.begin_s, block.length_s);
+        if (block.begin_s > 0 && samples.x.empty()) return;  // the file ends before its header says
         std::vector<ov_hit> hits(MAX_HITS);
-        const int32_t count = ov_scan_w(samples->x.data(), samples->q.empty() ? nullptr : samples->q.data(),
-                                        static_cast<int32_t>(samples->x.size()), recording.rate(), ovl_chip_seconds(),
-                                        band.low_hz, band.high_hz, options.min_z, SEPARATION_HZ, MAX_HITS, hits.data(),
-                                        nullptr, FRAME_RUN, KEYED_VARIANCE, 0);
+        const int32_t count =
+            ov_scan_w(samples.x.data(), samples.q.empty() ? nullptr : samples.q.data(),
+                      static_cast<int32_t>(samples.x.size()), rate, ovl_chip_seconds(), band.low, band.high,
+                      options.min_z, SEPARATION_HZ, MAX_HITS, hits.data(), nullptr, FRAME_RUN, KEYED_VARIANCE, 0);
         if (count < 0) {
-            print_error("cannot scan '" + path + "': it is too short, the band does not fit it, or memory is short");
-            return false;
+            throw IoError("cannot scan '" + path + "': it is too short, the band does not fit it, or memory is short");
         }
         hits.resize(static_cast<std::size_t>(count));
-        const double length_s = static_cast<double>(samples->x.size()) / recording.rate();
-        print_hits(options, path, {samples->begin_s, length_s}, hits);
-        if (!flush_output()) return false;
+        print_hits(options, path, {samples.begin_s, static_cast<double>(samples.x.size()) / rate}, hits);
+        if (!flush_output()) return;
     }
-    return true;
 }
 
 int scan(const Options& options) {
-    if (options.band) parse_band(*options.band);
+    if (options.band) range_of("--band", *options.band);
     int status = EXIT_DONE;
     bool first = true;
     for (const std::string& path : options.files) {
-        const auto recording = open_recording(path, options.recording);
-        if (!recording) {
-            status = EXIT_FAILED;
-            continue;
-        }
-        if (!options.json) {
-            if (options.files.size() > 1) print((first ? "" : "\n") + printable(path) + ":\n");
-            print(format("%9s  %9s  %12s  %7s\n", "from s", "to s", "frequency Hz", "z"));
-        }
-        first = false;
+        const auto heading = [&] {
+            if (!options.json) {
+                if (options.files.size() > 1) print((first ? "" : "\n") + printable(path) + ":\n");
+                print(format("%9s  %9s  %12s  %7s\n", "from s", "to s", "frequency Hz", "z"));
+            }
+            first = false;
+        };
         try {
-            if (!scan_recording(*recording, path, options)) status = EXIT_FAILED;
+            scan_file(path, options, heading);
+        } catch (const IoError& error) {
+            print_error(error.what());
+            status = EXIT_FAILED;
         } catch (const std::bad_alloc&) {
             print_error("cannot scan '" + path + "': memory is short");
             status = EXIT_FAILED;

@@ -1,4 +1,4 @@
-#include "send.h"
+#include "subcommands.h"
 
 #include <algorithm>
 #include <cmath>
@@ -8,11 +8,15 @@
 #include <string>
 #include <utility>
 
-#include "audio.h"
-#include "console.h"
-#include "patience.h"
-#include "steps.h"
-#include "utc.h"
+#include "base/background.h"
+#include "base/console.h"
+#include "base/error.h"
+#include "base/interrupts.h"
+#include "base/text.h"
+#include "base/utc.h"
+#include "exit_status.h"
+#include "listening/devices.h"
+#include "options.h"
 
 namespace {
 
@@ -24,7 +28,7 @@ constexpr double CLOSE_S = 3;  // time that a device gets to close
 
 // The command line, as typed.
 struct Options {
-    StepOptions steps;
+    Transmission transmission;
     std::string device;
     std::string at;
     std::string every;
@@ -44,24 +48,21 @@ Schedule make_schedule(const Options& options, double total_s) {
     Schedule schedule;
     if (!options.at.empty()) {
         const auto start = parse_utc(options.at, utc_now());
-        if (!start)
-            throw CLI::ValidationError("--at: '" + options.at +
-                                       "' is no UTC time like 12:00:00 or 2026-03-01T12:00:00Z");
-        if (*start < utc_now()) throw CLI::ValidationError("--at: " + utc_text(*start, 0) + " has passed");
+        if (!start) throw UsageError("--at: '" + options.at + "' is no UTC time like 12:00:00 or 2026-03-01T12:00:00Z");
+        if (*start < utc_now()) throw UsageError("--at: " + utc_text(*start, 0) + " has passed");
         schedule.start = *start;
     }
     if (options.every.empty()) return schedule;
 
     schedule.period_s = parse_duration(options.every);
-    if (!schedule.period_s)
-        throw CLI::ValidationError("--every: '" + options.every + "' is no length like 600, 10m or 1h");
+    if (!schedule.period_s) throw UsageError("--every: '" + options.every + "' is no length like 600, 10m or 1h");
     if (*schedule.period_s < total_s + OPEN_AHEAD_S) {
-        throw CLI::ValidationError(format(
-            "--every: the transmission takes %.1f s, and %.0f s must lie between two of them", total_s, OPEN_AHEAD_S));
+        throw UsageError(format("--every: the transmission takes %.1f s, and %.0f s must lie between two of them",
+                                total_s, OPEN_AHEAD_S));
     }
     if (!options.offset.empty()) {
         const auto offset = parse_duration(options.offset, true);
-        if (!offset) throw CLI::ValidationError("--offset: '" + options.offset + "' is no length like 30 or 1m");
+        if (!offset) throw UsageError("--offset: '" + options.offset + "' is no length like 30 or 1m");
         schedule.offset_s = *offset;
     }
     schedule.times = options.times;
@@ -70,9 +71,9 @@ Schedule make_schedule(const Options& options, double total_s) {
 
 // ---- The line that tells how it goes --------------------------------------------------------------------------------
 
-std::string step_text(const StepOptions& options, const ovl_tx_progress& progress) {
+std::string step_text(const Transmission& transmission, const ovl_tx_progress& progress) {
     if (progress.step < 0) return "";
-    std::string text = options.steps[static_cast<std::size_t>(progress.step)];
+    std::string text = transmission.steps[static_cast<std::size_t>(progress.step)];
     if (progress.chip >= 0) text += format("  chip %d of %d", progress.chip + 1, progress.chips);
     return text;
 }
@@ -82,7 +83,7 @@ std::string step_text(const StepOptions& options, const ovl_tx_progress& progres
 enum class Outcome { SENT, STOPPED, FAILED };
 
 // Follows a transmission to its end, which Ctrl-C brings about with a soft ramp.
-Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const StepOptions& options, double start) {
+Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const Transmission& transmission, double start) {
     StatusLine line;
     ovl_tx_progress progress{};
     double moved_at = monotonic_now();
@@ -108,7 +109,7 @@ Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const StepOptions& options
         if (ovl_audio_output_started(audio) == 0) {
             line.show(format("waiting for %s", utc_text(start, 0).c_str()));
         } else {
-            line.show(format("%s  %.1f s of %.1f s", stopping ? "stopping" : step_text(options, progress).c_str(),
+            line.show(format("%s  %.1f s of %.1f s", stopping ? "stopping" : step_text(transmission, progress).c_str(),
                              progress.elapsed_s, progress.total_s));
         }
         if (stopping) {
@@ -126,7 +127,8 @@ Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const StepOptions& options
 }
 
 // Sends once; start 0 = at once.
-Outcome send_once(ovl_audio* audio, ovl_transmitter* tx, int32_t device, const StepOptions& options, double start) {
+Outcome send_once(ovl_audio* audio, ovl_transmitter* tx, int32_t device, const Transmission& transmission,
+                  double start) {
     if (start > 0) {
         StatusLine line;
         line.show(format("waiting for %s", utc_text(start, 0).c_str()));
@@ -135,12 +137,12 @@ Outcome send_once(ovl_audio* audio, ovl_transmitter* tx, int32_t device, const S
         }
         if (interrupted()) return Outcome::STOPPED;
     }
-    start_transmitter(tx, options);
+    start_transmitter(tx, transmission);
     if (ovl_audio_start_output_at(audio, device, tx, start) != 0) {
         print_error(ovl_audio_last_error(audio));
         return Outcome::FAILED;
     }
-    const Outcome outcome = follow(audio, tx, options, start);
+    const Outcome outcome = follow(audio, tx, transmission, start);
     const double started = ovl_audio_output_started(audio);
     const Background closing([audio] { ovl_audio_stop_output(audio); });
     if (!closing.wait(CLOSE_S)) {
@@ -160,7 +162,7 @@ Outcome send_once(ovl_audio* audio, ovl_transmitter* tx, int32_t device, const S
 
 int send(const Options& options) {
     const TransmitterPtr tx = make_transmitter();
-    start_transmitter(tx.get(), options.steps);  // what cannot be sent is refused before any waiting
+    start_transmitter(tx.get(), options.transmission);  // what cannot be sent is refused before any waiting
     Schedule schedule = make_schedule(options, total_seconds(tx.get()));
     const int32_t device = find_device(options.device, Direction::OUTPUT);
     const AudioObject audio = make_audio();
@@ -170,7 +172,7 @@ int send(const Options& options) {
 
     int status = EXIT_DONE;
     for (int32_t n = 0; schedule.times == 0 || n < schedule.times; n++) {
-        const Outcome outcome = send_once(audio.get(), tx.get(), device, options.steps, schedule.start);
+        const Outcome outcome = send_once(audio.get(), tx.get(), device, options.transmission, schedule.start);
         if (!flush_output()) return EXIT_FAILED;
         if (outcome != Outcome::SENT) status = EXIT_FAILED;
         if (outcome == Outcome::STOPPED || interrupted()) break;
@@ -186,7 +188,7 @@ int send(const Options& options) {
 void add_send(CLI::App& app, int& status) {
     CLI::App* sub = app.add_subcommand("send", "Play a transmission on a sound device");
     const auto options = std::make_shared<Options>();
-    add_step_options(*sub, options->steps);
+    add_transmission_options(*sub, options->transmission);
     sub->add_option("--device", options->device, "Number of the device or a part of its name [the default output]")
         ->type_name("DEVICE");
     CLI::Option* at =

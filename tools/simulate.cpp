@@ -1,4 +1,4 @@
-#include "simulate.h"
+#include "subcommands.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -13,10 +13,14 @@
 #include <utility>
 #include <vector>
 
-#include "console.h"
-#include "simscene.h"
-#include "simstations.h"
-#include "soundwriter.h"
+#include "base/console.h"
+#include "base/error.h"
+#include "base/text.h"
+#include "exit_status.h"
+#include "options.h"
+#include "recordings/sound_writer.h"
+#include "simulation/scene.h"
+#include "simulation/stations.h"
 
 namespace {
 
@@ -41,15 +45,28 @@ struct Options {
     std::string sample_format = "s16";
 };
 
+std::string station_help() {
+    return "A station is a frame, and behind it what differs:\n"
+           "  opera=CALL            an OPERA frame\n"
+           "  orvel-s=CALL          an ORVEL S frame\n"
+           "  orvel-l=CALL,LOCATOR  an ORVEL L frame\n"
+           "  ,freq=HZ              in the middle of the frame [1500; with --iq 0]\n"
+           "  ,snr=DB               mean power of the frame in 2500 Hz, before fading [0]\n"
+           "  ,start=SECONDS        of the frame; it may hang over either end [0]\n"
+           "  ,drift=HZ/S           linear [0]\n"
+           "  ,fading=NAME          Watterson channel: good (spread 0.1 Hz, delay 0.5 ms), moderate (0.5, 1), "
+           "poor (1, 2)\n"
+           "  ,spread=HZ            its Doppler spread, 0 = no fading [0]\n"
+           "  ,delay=MS             of its second path [0]";
+}
+
 SoundWriter::Container container_of(const Options& options) {
-    std::string extension = std::filesystem::path(options.output).extension().string();
-    std::transform(extension.begin(), extension.end(), extension.begin(),
-                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    const std::string extension = lower_case(std::filesystem::path(options.output).extension().string());
     if (extension == ".wav") return SoundWriter::Container::WAV;
     if (extension != ".flac") {
-        throw CLI::ValidationError("--output: '" + options.output + "' does not end in .wav or .flac");
+        throw UsageError("--output: '" + options.output + "' does not end in .wav or .flac");
     }
-    if (options.sample_format == "float") throw CLI::ValidationError("--format: FLAC has no floating-point samples");
+    if (options.sample_format == "float") throw UsageError("--format: FLAC has no floating-point samples");
     return SoundWriter::Container::FLAC;
 }
 
@@ -58,12 +75,12 @@ std::pair<double, double> parse_pair(const std::string& option, const std::strin
     const std::size_t comma = text.find(',');
     const auto first = parse_finite(text.substr(0, comma));
     const auto second = comma == std::string::npos ? std::nullopt : parse_finite(text.substr(comma + 1));
-    if (!first || !second) throw CLI::ValidationError(option + ": '" + text + "' is not " + names);
+    if (!first || !second) throw UsageError(option + ": '" + text + "' is not " + names);
     return {*first, *second};
 }
 
 void check_level(const std::string& option, double level_db) {
-    if (std::abs(level_db) > 100) throw CLI::ValidationError(option + ": DB is out of range (-100 to 100)");
+    if (std::abs(level_db) > 100) throw UsageError(option + ": DB is out of range (-100 to 100)");
 }
 
 // Whether all frequencies from low to high fit the band that the sample rate holds.
@@ -76,12 +93,12 @@ std::vector<SimStation> all_stations(const Options& options) {
     std::vector<SimStation> stations;
     if (!options.stations_file.empty()) stations = read_stations(options.stations_file, default_freq_hz);
     for (const std::string& text : options.stations) stations.push_back(parse_station(text, default_freq_hz));
-    if (stations.size() > MOST_STATIONS) throw CLI::ValidationError("too many stations (max 1000)");
+    if (stations.size() > MOST_STATIONS) throw UsageError("too many stations (max 1000)");
     for (const SimStation& station : stations) {
         const double swing = std::abs(station.drift_hz_s) * station.length_s() / 2;
         if (!in_band(options, station.freq_hz - swing, station.freq_hz + swing)) {
-            throw CLI::ValidationError(format("%s at %g Hz does not fit the sample rate of %d Hz", station.call.c_str(),
-                                              station.freq_hz, options.rate));
+            throw UsageError(format("%s at %g Hz does not fit the sample rate of %d Hz", station.call.c_str(),
+                                    station.freq_hz, options.rate));
         }
     }
     return stations;
@@ -99,8 +116,7 @@ SimScene scene_of(const Options& options) {
         const auto [freq_hz, snr_db] = parse_pair("--carrier", text, "HZ,DB");
         check_level("--carrier", snr_db);
         if (!in_band(options, freq_hz, freq_hz)) {
-            throw CLI::ValidationError(
-                format("--carrier: %g Hz does not fit the sample rate of %d Hz", freq_hz, options.rate));
+            throw UsageError(format("--carrier: %g Hz does not fit the sample rate of %d Hz", freq_hz, options.rate));
         }
         scene.carriers.push_back({freq_hz, snr_db});
     }
@@ -108,32 +124,31 @@ SimScene scene_of(const Options& options) {
         const auto [per_second, level_db] = parse_pair("--impulses", options.impulses, "RATE,DB");
         check_level("--impulses", level_db);
         if (!(per_second > 0 && per_second <= 10000)) {
-            throw CLI::ValidationError("--impulses: RATE is out of range (above 0, at most 10000)");
+            throw UsageError("--impulses: RATE is out of range (above 0, at most 10000)");
         }
         scene.impulses = SimImpulses{per_second, level_db};
     }
 
     double end_s = 0;
     for (const SimStation& station : scene.stations) end_s = std::max(end_s, station.t_start + station.length_s());
-    if (!options.seconds && end_s <= 0) throw CLI::ValidationError("no station to end with: --seconds is needed");
+    if (!options.seconds && end_s <= 0) throw UsageError("no station to end with: --seconds is needed");
     scene.seconds = options.seconds.value_or(end_s + TAIL_S);
     if (scene.seconds > MOST_SECONDS || scene.frames() < 1) {
-        throw CLI::ValidationError("--seconds: the recording is empty or longer than a week");
+        throw UsageError("--seconds: the recording is empty or longer than a week");
     }
     return scene;
 }
 
-bool write_truth(const std::string& path, const SimScene& scene) {
+void write_truth(const std::string& path, const SimScene& scene) {
     errno = 0;
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     for (const SimStation& station : scene.stations) file << truth_line(station);
-    if (file.flush()) return true;
-    print_error("cannot write '" + path + "': " + (errno != 0 ? std::strerror(errno) : "it takes no more"));
-    return false;
+    if (file.flush()) return;
+    throw IoError("cannot write '" + path + "': " + (errno != 0 ? std::strerror(errno) : "it takes no more"));
 }
 
 int simulate(const Options& options) {
-    const bool s16 = parse_sample_format(options.sample_format);
+    const bool s16 = is_s16(options.sample_format);
     const SoundWriter::Container container = container_of(options);
     const SimScene scene = scene_of(options);
     const std::string truth = options.truth.empty()
@@ -146,12 +161,13 @@ int simulate(const Options& options) {
         const auto samples = source.next();
         if (samples.empty() || !file.write(samples)) break;
     }
-    if (!file.close()) return EXIT_FAILED;
+    file.close();
     if (file.clipped() > 0) {
         print_error(format("'%s': %lld samples beyond full scale were clipped; a lower --noise leaves room",
                            options.output.c_str(), static_cast<long long>(file.clipped())));
     }
-    return write_truth(truth, scene) ? EXIT_DONE : EXIT_FAILED;
+    write_truth(truth, scene);
+    return EXIT_DONE;
 }
 
 }  // namespace

@@ -1,15 +1,5 @@
 #include "subcommands.h"
 
-#include "decode.h"
-#include "devices.h"
-#include "encode.h"
-#include "listen.h"
-#include "plot.h"
-#include "render.h"
-#include "scan.h"
-#include "send.h"
-#include "simulate.h"
-
 void add_subcommands(CLI::App& app, int& status) {
     add_decode(app, status);
     add_encode(app, status);

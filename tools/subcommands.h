@@ -1,7 +1,18 @@
-// All subcommands of orvel: for the command itself, and for what is generated from its options.
+// The subcommands of orvel, a file each: for the command itself, and for what is generated from its options.
 #pragma once
 
 #include <CLI/CLI.hpp>
 
-// Adds them to the command, in the order in which its help lists them; each sets status when it runs.
+// Each adds one subcommand. When it runs, `status` becomes its exit status; UsageError and IoError say why it cannot.
+void add_decode(CLI::App& app, int& status);
+void add_encode(CLI::App& app, int& status);
+void add_render(CLI::App& app, int& status);
+void add_simulate(CLI::App& app, int& status);
+void add_plot(CLI::App& app, int& status);
+void add_scan(CLI::App& app, int& status);
+void add_devices(CLI::App& app, int& status);
+void add_send(CLI::App& app, int& status);
+void add_listen(CLI::App& app, int& status);
+
+// All of them, in the order in which the help lists them.
 void add_subcommands(CLI::App& app, int& status);

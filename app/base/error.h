@@ -1,0 +1,16 @@
+// What our programs throw; what() is a sentence for the user.
+#pragma once
+
+#include <stdexcept>
+
+// Something that was asked for makes no sense: a value that is none, a combination that cannot be.
+class UsageError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// Some input or output cannot be used: a file, a device, a decode of it.
+class IoError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};

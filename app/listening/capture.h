@@ -1,0 +1,65 @@
+// Capture from a sound device that may stand still, vanish, and hang.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "base/background.h"
+#include "base/interrupts.h"
+#include "liborvel.h"
+
+// A device that stands still, as some do for good while they call themselves active, is closed and opened again, by a
+// thread of its own: either call may hang. The audio object must outlive the capture.
+class Capture {
+  public:
+    enum class State {
+        RUNNING,
+        RESTARTED,  // since the last call
+        STALLED,    // to be opened again; the ring still holds what was captured
+        OPENING
+    };
+
+    // device, rate and ring_s as ovl_audio_start_input() takes them.
+    Capture(ovl_audio* audio, int32_t device, int32_t rate, double ring_s);
+
+    // Throws IoError.
+    void open();
+
+    // How capture is doing; what goes wrong comes as a line on standard error. `stats` are filled in while it runs.
+    State watch(ovl_audio_stats& stats);
+
+    // Begins to open the device again.
+    void reopen();
+
+    // Ends capture. When even that hangs the process ends with exit status 1, as it does when a device does not open
+    // within a minute: there is no other way out of a call into the sound system.
+    void close();
+
+    bool reopening() const { return reopening_.has_value(); }
+
+  private:
+    ovl_audio* audio_;
+    int32_t device_;
+    int32_t rate_;
+    double ring_s_;
+    double seen_s_ = 0;
+    double progress_at_ = monotonic_now();
+    double retry_at_ = 0;
+    bool stalled_ = false;  // and said so
+    std::string reason_;    // why the device did not open
+    std::optional<Background> reopening_;
+    std::shared_ptr<std::atomic<bool>> opened_;
+};
+
+// Reports lost input, now and then.
+class OverflowReport {
+  public:
+    void see(const ovl_audio_stats& stats, double now);
+
+  private:
+    int32_t reported_ = 0;
+    double reported_at_ = 0;
+};

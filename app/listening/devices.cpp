@@ -1,0 +1,62 @@
+#include "listening/devices.h"
+
+#include <charconv>
+#include <new>
+#include <optional>
+
+#include "base/error.h"
+#include "base/text.h"
+#include "listening/captured_stderr.h"
+
+namespace {
+
+std::optional<int32_t> parse_number(const std::string& text) {
+    int32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && end == text.data() + text.size() ? std::optional(number) : std::nullopt;
+}
+
+}  // namespace
+
+AudioObject make_audio() {
+    AudioObject audio(ovl_audio_create());
+    if (!audio) throw std::bad_alloc();
+    return audio;
+}
+
+std::vector<ovl_audio_device> list_devices() {
+    const CapturedStderr chatter;
+    std::vector<ovl_audio_device> devices;
+    const int32_t count = ovl_audio_device_count();
+    for (int32_t i = 0; i < count; i++) {
+        ovl_audio_device device{};
+        ovl_audio_device_info(i, &device);  // one that has no description has no channels
+        devices.push_back(device);
+    }
+    return devices;
+}
+
+int32_t find_device(const std::string& text, Direction direction) {
+    const std::vector<ovl_audio_device> devices = list_devices();
+    if (text.empty()) return -1;
+
+    const char* const kind = direction == Direction::INPUT ? "input" : "output";
+    const auto usable = [&](const ovl_audio_device& device) {
+        return (direction == Direction::INPUT ? device.input_channels : device.output_channels) > 0;
+    };
+    const auto number = parse_number(text);
+    std::vector<int32_t> found;
+    for (std::size_t i = 0; i < devices.size(); i++) {
+        const bool named = number ? static_cast<int32_t>(i) == *number
+                                  : lower_case(devices[i].name).find(lower_case(text)) != std::string::npos;
+        if (named && usable(devices[i])) found.push_back(static_cast<int32_t>(i));
+    }
+    if (found.empty()) {
+        throw UsageError(format("--device: no %s device '%s' (see orvel devices)", kind, text.c_str()));
+    }
+    if (found.size() > 1) {
+        throw UsageError(
+            format("--device: '%s' fits %zu %s devices (see orvel devices)", text.c_str(), found.size(), kind));
+    }
+    return found.front();
+}

@@ -1,0 +1,68 @@
+// Audio that comes in, decoded as it comes:
+//     capture ring → a decode of its newest block every few seconds → each frame once, confirmed
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "decoding/search.h"
+#include "listening/confirmation.h"
+#include "spots/spot_log.h"
+
+struct ListenerOptions {
+    double every_s = 4;      // between decodes
+    double hold_off_s = 48;  // behind the end of a frame: the longest frame, and a little more
+};
+
+class Listener {
+  public:
+    // Called with each frame that is confirmed, in the order in which they ended; t is UTC.
+    using Taker = std::function<void(const ov_spot&)>;
+
+    // Says when the last of so many captured seconds was on the air, UTC.
+    using Clock = std::function<double(double captured_s)>;
+
+    // Both must outlive the listener.
+    Listener(const Search& search, const ListenerOptions& options, ovl_audio* audio, Taker take);
+
+    // How long a ring the audio has to be captured into, s.
+    static double ring_seconds(const ListenerOptions& options);
+
+    // Decodes the ring if it is time. A decode that fails comes as a line on standard error; the next may do better.
+    void update(const ovl_audio_stats& stats, const Clock& utc);
+
+    // The same at the end of the audio: there is nothing to wait for any more, and frames may hang over it.
+    void finish(const Clock& utc);
+
+    // Capture has begun anew.
+    void restart();
+
+    bool last_decode_failed() const { return !complaint_.empty(); }
+
+  private:
+    double copy_block();
+    double block_seconds() const;
+    void skip(double seconds);
+    void decode(bool last);
+    bool decode_ring(bool last);
+    void complain(const std::string& text);
+    void release(double captured_s, const Clock& utc);
+
+    const Search& search_;
+    double every_s_;
+    ovl_audio* audio_;
+    Taker take_;
+    Confirmation confirmation_;
+    std::vector<float> block_;
+    std::vector<double> samples_;  // of the block, as the decoder takes them
+    int32_t rate_ = 0;
+    SpotLog log_{SpotLog::Order::END};
+    std::string complaint_;
+    double next_decode_s_;
+};
+
+// Throws IoError when the decoder cannot work with the rate of the captured audio.
+void require_served_rate(const ovl_audio* audio);

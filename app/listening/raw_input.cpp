@@ -1,0 +1,70 @@
+#include "listening/raw_input.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <string>
+
+#include "base/console.h"
+#include "base/interrupts.h"
+
+namespace {
+
+constexpr double READ_S = 0.25;         // at a time
+constexpr float MOST_SAMPLE = 0x1p31f;  // full scale of 32-bit samples, should nobody have scaled them
+
+}  // namespace
+
+RawInput::RawInput(const Format& format)
+    : is_float_(format.is_float),
+      frame_bytes_((is_float_ ? sizeof(float) : sizeof(int16_t)) * static_cast<std::size_t>(format.channels)),
+      bytes_(frame_bytes_ * static_cast<std::size_t>(READ_S * format.rate)) {}
+
+bool RawInput::read(std::vector<float>& samples) {
+    samples.clear();
+    while (samples.empty() && !interrupted()) {
+        pollfd ready{STDIN_FILENO, POLLIN, 0};
+        if (poll(&ready, 1, 100) <= 0) continue;
+        const ssize_t got = ::read(STDIN_FILENO, bytes_.data() + held_, bytes_.size() - held_);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) {
+            print_error(std::string("cannot read standard input: ") + std::strerror(errno));
+            failed_ = true;
+        }
+        if (got <= 0) return false;
+        held_ += static_cast<std::size_t>(got);
+        convert(samples);
+    }
+    return !samples.empty();
+}
+template <class Integer>
+Integer RawInput::little_endian(std::size_t at) const {
+    Integer value = 0;
+    for (std::size_t i = sizeof(Integer); i > 0; i--) {
+        value = static_cast<Integer>((value << 8) | bytes_[at + i - 1]);
+    }
+    return value;
+}
+
+// Takes the whole frames that are held. A sample that is not a number, or beyond any scale, would hide
+// everything else for as long as it is in the ring.
+void RawInput::convert(std::vector<float>& samples) {
+    const std::size_t used = held_ - held_ % frame_bytes_;
+    for (std::size_t at = 0; at < used; at += is_float_ ? sizeof(float) : sizeof(int16_t)) {
+        float value = 0;
+        if (is_float_) {
+            value = std::bit_cast<float>(little_endian<uint32_t>(at));
+        } else {
+            value = static_cast<float>(static_cast<int16_t>(little_endian<uint16_t>(at))) / 32768.0f;
+        }
+        samples.push_back(std::abs(value) <= MOST_SAMPLE ? value : 0.0f);
+    }
+    std::copy(bytes_.begin() + static_cast<std::ptrdiff_t>(used), bytes_.begin() + static_cast<std::ptrdiff_t>(held_),
+              bytes_.begin());
+    held_ -= used;
+}

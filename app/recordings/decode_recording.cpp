@@ -1,0 +1,146 @@
+#include "recordings/decode_recording.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "base/blocks.h"
+#include "base/error.h"
+#include "base/text.h"
+#include "decoding/decode_block.h"
+#include "spots/spot_log.h"
+
+namespace {
+
+constexpr double EDGE_S = 10;     // a frame may begin so long before its block, and a little more
+constexpr double OVERLAP_S = 50;  // of blocks: the longest frame and a little more
+constexpr double LEAST_BLOCK_S = 90;
+constexpr double MOST_BLOCK_S = 300;
+constexpr double BLOCK_SAMPLES = 1.8e7;
+constexpr double MOST_SAMPLES = 1.5e9;  // a block may be a quarter longer, and its samples count in 32 bits
+constexpr double BYTES_A_SAMPLE = 60;   // that a wide decode of I/Q takes
+
+// ---- Recording → blocks ---------------------------------------------------------------------------------------------
+
+std::vector<BlockSpan> cut(const Recording& recording, const DecodingOptions& options, double from_s, double to_s) {
+    const int32_t rate = recording.rate();
+    const double wanted = options.block_s.value_or(std::clamp(BLOCK_SAMPLES / rate, LEAST_BLOCK_S, MOST_BLOCK_S));
+    auto blocks = cut_blocks(to_s - from_s, std::min(wanted, MOST_SAMPLES / rate), OVERLAP_S);
+    for (BlockSpan& block : blocks) block.begin_s += from_s;
+    return blocks;
+}
+
+// Blocks to work on at once: as many as asked for, or one for each core as long as half of the memory holds them.
+unsigned jobs_for(const DecodingOptions& options, double block_samples) {
+    if (options.search.verbose) return 1;  // what each block says stays together
+    if (options.jobs > 0) return options.jobs;
+    const double memory =
+        0.5 * static_cast<double>(sysconf(_SC_PHYS_PAGES)) * static_cast<double>(sysconf(_SC_PAGESIZE));
+    const double fit = std::clamp(memory / (BYTES_A_SAMPLE * std::max(block_samples, 1.0)), 1.0, 256.0);
+    return std::min(std::max(1u, std::thread::hardware_concurrency()), static_cast<unsigned>(fit));
+}
+
+// ---- Blocks → samples → frames of a block ---------------------------------------------------------------------------
+
+// What became of a block: its frames, a reason why there are none, or neither, behind the end of the file.
+struct BlockResult {
+    std::optional<std::vector<ov_spot>> spots;
+    std::string problem;
+};
+
+class BlockDecoder {
+  public:
+    BlockDecoder(Recording& recording, const Search& search) : recording_(recording), search_(search) {}
+
+    // Any thread.
+    BlockResult decode(const BlockSpan& span) {
+        if (ended_) return {};
+        try {
+            const Stretch stretch = recording_.read(span.begin_s, span.length_s);
+            if (span.begin_s > 0 && stretch.x.empty()) {
+                ended_ = true;
+                return {};
+            }
+            return decode(stretch);
+        } catch (const IoError& error) {
+            return {std::nullopt, error.what()};
+        }
+    }
+
+  private:
+    BlockResult decode(const Stretch& stretch) const {
+        const Block block{stretch.x, stretch.q, recording_.rate()};
+        auto spots = decode_block(block, search_);
+        if (!spots) return {std::nullopt, "cannot decode '" + recording_.path() + "': " + refusal(block)};
+        for (ov_spot& spot : *spots) spot.t += stretch.begin_s;
+        return {std::move(spots), ""};
+    }
+
+    static std::string refusal(const Block& block) {
+        if (block.seconds() >= ovl_chip_seconds()) {
+            return "the search band does not fit the recording, or memory is short";
+        }
+        return format("it is too short (%.3f s, a chip is 0.128 s)", block.seconds());
+    }
+
+    Recording& recording_;
+    const Search& search_;
+    std::atomic<bool> ended_ = false;  // the file does before its header says
+};
+
+// ---- Frames of the blocks → each frame once -------------------------------------------------------------------------
+
+class Merger {
+  public:
+    explicit Merger(const SpotTaker& taker) : taker_(taker) {}
+
+    // Takes what became of the next block, and hands out the frames that start before final_s: later ones may come
+    // again, and better, from the next block. False when the taker has had enough.
+    bool add(BlockResult block, double final_s) {
+        if (problem_.empty()) problem_ = std::move(block.problem);
+        if (block.spots) {
+            if (!std::exchange(begun_, true)) taker_.begin();
+            log_.add(*block.spots);
+        }
+        log_.release(final_s, [&](const ov_spot& spot, int32_t) {
+            taker_.take(spot);
+            taken_++;
+        });
+        return taker_.go_on();
+    }
+
+    std::size_t taken() const { return taken_; }
+    const std::string& problem() const { return problem_; }  // the first, or ""
+
+  private:
+    const SpotTaker& taker_;
+    SpotLog log_{SpotLog::Order::START};
+    std::string problem_;
+    std::size_t taken_ = 0;
+    bool begun_ = false;
+};
+
+}  // namespace
+
+void decode_recording(Recording& recording, const DecodingOptions& options, double from_s, double to_s,
+                      const SpotTaker& taker) {
+    const std::vector<BlockSpan> blocks = cut(recording, options, from_s, to_s);
+    BlockDecoder decoder(recording, options.search);
+    Merger merger(taker);
+    results_in_order(
+        blocks.size(), jobs_for(options, blocks.front().length_s * recording.rate()),
+        [&](std::size_t k) { return decoder.decode(blocks[k]); },
+        [&](BlockResult block, std::size_t k) {
+            const bool last = k + 1 == blocks.size();
+            if (!merger.add(std::move(block), last ? HUGE_VAL : blocks[k + 1].begin_s - EDGE_S)) return false;
+            taker.progress(blocks[k].begin_s + blocks[k].length_s, merger.taken());
+            return true;
+        });
+    if (!merger.problem().empty()) throw IoError(merger.problem());
+}

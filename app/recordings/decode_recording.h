@@ -1,0 +1,28 @@
+// The frames in a recording of any length:
+//     recording → blocks → samples → frames of a block → each frame once, in order of time
+#pragma once
+
+#include <functional>
+#include <optional>
+
+#include "decoding/search.h"
+#include "recordings/recording.h"
+
+struct DecodingOptions {
+    Search search;
+    std::optional<double> block_s;  // length of a block [by the sample rate]
+    unsigned jobs = 0;              // blocks decoded at once, 0 = as many as cores and memory allow
+};
+
+// Who takes what a decode finds. All is called on the thread that decodes the recording.
+struct SpotTaker {
+    std::function<void()> begin;               // before the first spot, once anything could be decoded
+    std::function<void(const ov_spot&)> take;  // each spot once, in order of time; t counts from the start of the file
+    std::function<void(double done_s, std::size_t spots)> progress;  // after each block
+    std::function<bool()> go_on;                                     // after some spots; false ends the decode early
+};
+
+// Decodes what lies between two times of a recording, block by block. When some of it cannot be decoded the rest is all
+// the same, and IoError thrown at the end.
+void decode_recording(Recording& recording, const DecodingOptions& options, double from_s, double to_s,
+                      const SpotTaker& taker);

@@ -1,0 +1,237 @@
+#include "recordings/open_recording.h"
+
+#include <sndfile.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "base/console.h"
+#include "base/error.h"
+#include "base/text.h"
+#include "iqread.h"
+#include "wavread.h"
+
+namespace {
+
+// Why the file cannot be opened and read, or an empty text when it can. Pipes are told by their kind: opening one would
+// wait for its writer, and take from it what the next opening lacks.
+std::string open_problem(const std::string& path) {
+    std::error_code error;
+    const auto kind = std::filesystem::status(path, error).type();
+    if (kind == std::filesystem::file_type::directory) return "it is a directory";
+    if (kind == std::filesystem::file_type::fifo) return "it is a pipe, not a file";
+    std::FILE* file = std::fopen(path.c_str(), "rb");
+    if (!file) return std::strerror(errno);
+    errno = 0;
+    std::fgetc(file);
+    const int reason = std::ferror(file) != 0 ? errno : 0;
+    std::fclose(file);
+    return reason != 0 ? std::strerror(reason) : "";
+}
+
+[[noreturn]] void refuse(const std::string& path, const std::string& reason) {
+    throw IoError("cannot read '" + path + "': " + reason);
+}
+
+// ---- Sources --------------------------------------------------------------------------------------------------------
+
+// A whole file in memory, from one of the library's readers.
+class HeldRecording : public Recording {
+  public:
+    HeldRecording(const std::string& path, const RecordingOptions& options, uint32_t rate, std::vector<double> x,
+                  std::vector<double> q)
+        : Recording(path, options, rate, static_cast<int64_t>(x.size())), x_(std::move(x)), q_(std::move(q)) {}
+
+  private:
+    void read_frames(int64_t first, int64_t count, Stretch& out) override {
+        const auto take = [&](const std::vector<double>& from, std::vector<double>& to) {
+            if (!from.empty()) to.assign(from.begin() + first, from.begin() + first + count);
+        };
+        take(x_, out.x);
+        take(q_, out.q);
+    }
+
+    std::vector<double> x_, q_;
+};
+
+struct CloseSound {
+    void operator()(SNDFILE* file) const noexcept { sf_close(file); }
+};
+using SoundPtr = std::unique_ptr<SNDFILE, CloseSound>;
+
+// A file that libsndfile reads.
+class SoundRecording : public Recording {
+  public:
+    SoundRecording(const std::string& path, const RecordingOptions& options, SoundPtr file, const SF_INFO& info)
+        : Recording(path, options, static_cast<uint32_t>(info.samplerate), info.frames),
+          file_(std::move(file)),
+          channels_(static_cast<std::size_t>(info.channels)) {}
+
+  private:
+    void read_frames(int64_t first, int64_t count, Stretch& out) override {
+        constexpr int64_t PIECE = 1 << 16;
+        if (sf_seek(file_.get(), first, SEEK_SET) < 0) return;
+        std::vector<double> piece(static_cast<std::size_t>(PIECE) * channels_);
+        while (count > 0) {
+            const int64_t got = sf_readf_double(file_.get(), piece.data(), std::min(PIECE, count));
+            if (got <= 0) return;
+            for (int64_t frame = 0; frame < got; frame++) {
+                append(piece.data() + static_cast<std::size_t>(frame) * channels_, out);
+            }
+            count -= got;
+        }
+    }
+
+    void append(const double* frame, Stretch& out) const {
+        const auto chosen = static_cast<std::size_t>(std::max(options_.channel - 1, 0));
+        if (options_.iq) {
+            out.x.push_back(frame[chosen]);
+            out.q.push_back(frame[chosen + 1]);
+        } else if (options_.channel > 0) {
+            out.x.push_back(frame[chosen]);
+        } else {
+            double sum = 0;
+            for (std::size_t channel = 0; channel < channels_; channel++) sum += frame[channel];
+            out.x.push_back(sum / static_cast<double>(channels_));
+        }
+    }
+
+    SoundPtr file_;
+    std::size_t channels_;
+};
+
+// ---- Opening --------------------------------------------------------------------------------------------------------
+
+constexpr double LONGEST_S = 4e7;                // more than a year is a mistake
+constexpr std::uintmax_t SMALL_FILE = 32 << 20;  // bytes that may well be held in memory
+
+using RecordingPtr = std::unique_ptr<Recording>;
+
+// A reader's line as our programs say it: without the reader's name, and always with the name of the file.
+std::string reader_message(std::string line, const std::string& shown) {
+    for (const std::string_view prefix : {"wav_read: ", "iq_read: "}) {
+        if (line.starts_with(prefix)) line.erase(0, prefix.size());
+    }
+    const bool names_file = line.find("'" + shown + "'") != std::string::npos;
+    return names_file ? line : "cannot read '" + shown + "': " + line;
+}
+
+// A reader's lines about a file, whose name, which may hold line feeds, they show as printable() does.
+std::vector<std::string> reader_messages(std::string said, const std::string& path) {
+    const std::string shown = printable(path);
+    for (std::size_t at = said.find(path); at != std::string::npos; at = said.find(path, at + shown.size())) {
+        said.replace(at, path.size(), shown);
+    }
+    std::vector<std::string> messages;
+    for (std::size_t begin = 0; begin < said.size();) {
+        const std::size_t end = std::min(said.find('\n', begin), said.size());
+        messages.push_back(reader_message(said.substr(begin, end - begin), shown));
+        begin = end + 1;
+    }
+    return messages;
+}
+
+RecordingPtr read_audio(const std::string& path, const RecordingOptions& options, std::string& said) {
+    wav_audio read;
+    if (wav_read(path.c_str(), read, &said) != 0) return nullptr;
+    const std::unique_ptr<wav_audio, void (*)(wav_audio*)> owner(&read, [](wav_audio* audio) { wav_free(*audio); });
+    return std::make_unique<HeldRecording>(
+        path, options, read.rate, std::vector<double>(read.samples, read.samples + read.count), std::vector<double>());
+}
+
+RecordingPtr read_iq(const std::string& path, const RecordingOptions& options, std::string& said) {
+    iq_recording read;
+    if (iq_read(path.c_str(), read, &said) != 0) return nullptr;
+    const std::unique_ptr<iq_recording, void (*)(iq_recording*)> owner(&read, [](iq_recording* iq) { iq_free(*iq); });
+    return std::make_unique<HeldRecording>(path, options, read.rate, std::vector<double>(read.i, read.i + read.count),
+                                           std::vector<double>(read.q, read.q + read.count));
+}
+
+// The library's readers. An empty owner when they refuse the file; `reason` then holds what they said.
+RecordingPtr open_with_reader(const std::string& path, const RecordingOptions& options, std::string& reason) {
+    std::string said;
+    RecordingPtr recording = options.iq ? read_iq(path, options, said) : read_audio(path, options, said);
+    const std::vector<std::string> messages = reader_messages(std::move(said), path);
+    if (recording) {
+        for (const std::string& message : messages) print_error(message);
+    } else {
+        reason = messages.empty() ? "cannot read '" + path + "'" : messages.back();
+    }
+    return recording;
+}
+
+constexpr sf_count_t UNKNOWN_FRAMES = sf_count_t{1} << 48;  // more is no length but the lack of one
+
+// Frames of a file that was written into a pipe, or cut off, and does not say: all of it is read.
+sf_count_t count_frames(SNDFILE* file, int channels) {
+    std::vector<short> piece(static_cast<std::size_t>(channels) << 14);
+    sf_count_t frames = 0;
+    while (const sf_count_t got = sf_readf_short(file, piece.data(), 1 << 14)) frames += got;
+    return frames;
+}
+
+// libsndfile. An empty owner when it refuses the file; throws IoError when the channels do not fit.
+RecordingPtr open_with_sndfile(const std::string& path, const RecordingOptions& options) {
+    SF_INFO info{};
+    SoundPtr file(sf_open(path.c_str(), SFM_READ, &info));
+    if (!file || info.samplerate < 1 || info.channels < 1) return nullptr;
+    if (info.frames > UNKNOWN_FRAMES) info.frames = count_frames(file.get(), info.channels);
+    if (info.frames < 1) return nullptr;
+    if (options.iq && options.channel == 0 && info.channels != 2) {
+        refuse(path, format("I/Q needs two channels, it has %d (see --channel)", info.channels));
+    }
+    const int32_t needed = options.channel > 0 ? options.channel + (options.iq ? 1 : 0) : (options.iq ? 2 : 1);
+    if (info.channels < needed) {
+        refuse(path, format("it has %d channel%s", info.channels, info.channels == 1 ? "" : "s"));
+    }
+    return std::make_unique<SoundRecording>(path, options, std::move(file), info);
+}
+
+// Whether libsndfile finds floating-point samples in a file. The library's readers take those of the extensible format
+// for integers.
+bool holds_floats(const std::string& path) {
+    SF_INFO info{};
+    const SoundPtr file(sf_open(path.c_str(), SFM_READ, &info));
+    const int samples = info.format & SF_FORMAT_SUBMASK;
+    return file && (samples == SF_FORMAT_FLOAT || samples == SF_FORMAT_DOUBLE);
+}
+
+// Opens a file by whatever can.
+RecordingPtr open_file(const std::string& path, const RecordingOptions& options) {
+    if (const std::string problem = open_problem(path); !problem.empty()) refuse(path, problem);
+    std::error_code error;
+    const std::uintmax_t bytes = std::filesystem::file_size(path, error);
+    const bool readers_take_it = options.channel == 0;
+    const bool small = readers_take_it && (error || bytes <= SMALL_FILE) && !holds_floats(path);
+    std::string reason;
+    if (small) {
+        if (auto recording = open_with_reader(path, options, reason)) return recording;
+    }
+    if (auto recording = open_with_sndfile(path, options)) return recording;
+    if (readers_take_it && !small) {
+        if (auto recording = open_with_reader(path, options, reason)) return recording;
+    }
+    if (reason.empty()) refuse(path, "it is no recording that can be read");
+    throw IoError(reason);
+}
+
+}  // namespace
+
+std::unique_ptr<Recording> open_recording(const std::string& path, const RecordingOptions& options) {
+    auto recording = open_file(path, options);
+    if (recording->rate() == 0) {
+        throw IoError(
+            format("cannot decode '%s': its sample rate of %u Hz is not served", path.c_str(), recording->file_rate()));
+    }
+    if (recording->seconds() > LONGEST_S) {
+        refuse(path, format("it claims to last %.0f days", recording->seconds() / 86400));
+    }
+    return recording;
+}

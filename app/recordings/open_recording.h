@@ -1,0 +1,12 @@
+// Opening recordings of any kind.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "recordings/recording.h"
+
+// Opens a recording: the library's own readers take what they can of small WAV files, libsndfile all the rest. Throws
+// IoError, whose text names the file and the reason, when it cannot be used. What a reader merely warns of comes as a
+// line on standard error.
+std::unique_ptr<Recording> open_recording(const std::string& path, const RecordingOptions& options);

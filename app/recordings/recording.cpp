@@ -1,0 +1,95 @@
+#include "recordings/recording.h"
+
+#include <soxr.h>
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+#include "base/console.h"
+#include "base/error.h"
+#include "base/text.h"
+#include "ovpipe.h"
+
+namespace {
+
+constexpr uint32_t MAX_CONVERTED_RATE = 100000000;
+
+// The rate to convert to: the lowest usual one that loses next to nothing of the band.
+int32_t working_rate(uint32_t rate) {
+    if (ov_rate_served(rate)) return static_cast<int32_t>(rate);
+    constexpr double NEXT_TO = 0.99;
+    int64_t eights = 8000;
+    int64_t twelves = 12000;
+    const double least = NEXT_TO * std::min(rate, MAX_CONVERTED_RATE);
+    while (static_cast<double>(eights) < least) eights *= 2;
+    while (static_cast<double>(twelves) < least) twelves *= 2;
+    return static_cast<int32_t>(std::min(eights, twelves));
+}
+
+bool rate_usable(uint32_t rate) {
+    return ov_rate_served(rate) || (rate >= 1 && rate <= MAX_CONVERTED_RATE);
+}
+
+}  // namespace
+
+Recording::Recording(std::string path, const RecordingOptions& options, uint32_t file_rate, int64_t frames)
+    : path_(std::move(path)),
+      options_(options),
+      file_rate_(file_rate),
+      frames_(frames),
+      rate_(rate_usable(file_rate) ? working_rate(file_rate) : 0) {
+    if (rate_ != 0 && static_cast<uint32_t>(rate_) != file_rate) {
+        print_error(format("'%s': sample rate converted from %u to %d Hz", path_.c_str(), file_rate, rate_));
+    }
+}
+
+Stretch Recording::read(double begin_s, double length_s) {
+    const auto first = static_cast<int64_t>(std::floor(begin_s * file_rate_));
+    const int64_t count = std::clamp<int64_t>(static_cast<int64_t>(std::ceil(length_s * file_rate_)), 0,
+                                              std::max<int64_t>(frames_ - first, 0));
+    Stretch stretch;
+    stretch.begin_s = static_cast<double>(first) / file_rate_;
+    {
+        const std::lock_guard guard(lock_);
+        read_frames(first, count, stretch);
+    }
+    if (static_cast<int64_t>(stretch.x.size()) < count && !told_short_.exchange(true)) {
+        print_error("'" + path_ + "' ends before its header says");
+    }
+    silence_wrong_samples(stretch);
+    if (static_cast<uint32_t>(rate_) != file_rate_ && !(convert(stretch.x) && convert(stretch.q))) {
+        throw IoError("cannot read '" + path_ + "': the sample rate cannot be converted");
+    }
+    return stretch;
+}
+
+void Recording::silence_wrong_samples(Stretch& stretch) {
+    bool wrong = false;
+    for (std::vector<double>* samples : {&stretch.x, &stretch.q}) {
+        for (double& sample : *samples) {
+            if (std::isfinite(sample)) continue;
+            sample = 0;
+            wrong = true;
+        }
+    }
+    if (wrong && !told_wrong_samples_.exchange(true)) {
+        print_error("'" + path_ + "' holds samples that are not finite numbers; they count as silence");
+    }
+}
+
+bool Recording::convert(std::vector<double>& samples) const {
+    if (samples.empty()) return true;
+    const auto length = static_cast<std::size_t>(
+        std::lround(static_cast<double>(samples.size()) * rate_ / static_cast<double>(file_rate_)));
+    std::vector<double> out(length);
+    const soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT64_I, SOXR_FLOAT64_I);
+    const soxr_quality_spec_t quality = soxr_quality_spec(SOXR_HQ, 0);
+    std::size_t done = 0;
+    const soxr_error_t error = soxr_oneshot(file_rate_, rate_, 1, samples.data(), samples.size(), nullptr, out.data(),
+                                            out.size(), &done, &io, &quality, nullptr);
+    if (error != nullptr) return false;
+    out.resize(done);
+    samples = std::move(out);
+    return true;
+}

@@ -1,0 +1,57 @@
+// Recordings: opened once, read stretch by stretch.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+// A stretch of a recording: audio, or I/Q when q is not empty. All samples are finite.
+struct Stretch {
+    double begin_s = 0;  // from the start of the file
+    std::vector<double> x, q;
+};
+
+// How a file is to be read.
+struct RecordingOptions {
+    bool iq = false;
+    int32_t channel = 0;  // audio: the one channel to take; I/Q: the channel of I, with Q behind it. 0 = the mean of
+                          // all channels; with I/Q the first two of two
+};
+
+// An open recording. A sample rate that the decoder cannot work with is converted.
+class Recording {
+  public:
+    virtual ~Recording() = default;
+
+    const std::string& path() const { return path_; }
+    bool iq() const { return options_.iq; }
+    int32_t rate() const { return rate_; }  // of the samples handed out, Hz; 0 when the file's cannot be used
+    uint32_t file_rate() const { return file_rate_; }
+    double seconds() const { return static_cast<double>(frames_) / file_rate_; }
+
+    // Reads from begin_s on, at most length_s; less, with a line on standard error, where the file ends before its
+    // header says. Throws IoError and std::bad_alloc. Any thread.
+    Stretch read(double begin_s, double length_s);
+
+  protected:
+    Recording(std::string path, const RecordingOptions& options, uint32_t file_rate, int64_t frames);
+
+    // Appends frames [first, first + count) to x and q; fewer when the file ends before. One thread at a time.
+    virtual void read_frames(int64_t first, int64_t count, Stretch& out) = 0;
+
+    std::string path_;
+    RecordingOptions options_;
+
+  private:
+    void silence_wrong_samples(Stretch& stretch);
+    bool convert(std::vector<double>& samples) const;
+
+    uint32_t file_rate_;
+    int64_t frames_;
+    int32_t rate_;
+    std::mutex lock_;  // of the file
+    std::atomic<bool> told_wrong_samples_ = false;
+    std::atomic<bool> told_short_ = false;
+};

@@ -1,0 +1,116 @@
+#include "spots/spot.h"
+
+#include <cmath>
+#include <utility>
+
+#include "base/json.h"
+#include "base/utc.h"
+#include "protocol.h"
+
+namespace {
+
+constexpr double UNKNOWN_SNR = -99;  // the decoder's mark for an SNR that could not be measured
+constexpr int UTC_DECIMALS = 2;
+
+using Json = nlohmann::ordered_json;
+
+// Takes a field of an object; false when it is missing or of the wrong kind.
+bool take(const Json& object, const char* name, std::string& value) {
+    const auto field = object.find(name);
+    if (field == object.end() || !field->is_string()) return false;
+    value = field->get<std::string>();
+    return true;
+}
+
+// An infinity or NaN is written as null.
+bool take(const Json& object, const char* name, double& value) {
+    const auto field = object.find(name);
+    if (field == object.end() || !(field->is_number() || field->is_null())) return false;
+    value = field->is_null() ? NAN : field->get<double>();
+    return true;
+}
+
+bool take(const Json& object, const char* name, bool& value) {
+    const auto field = object.find(name);
+    if (field == object.end() || !field->is_boolean()) return false;
+    value = field->get<bool>();
+    return true;
+}
+
+bool take_utc(const Json& object, const char* name, double& value) {
+    std::string text;
+    if (!take(object, name, text) || text.find('T') == std::string::npos) return false;
+    const auto utc = parse_utc(text, 0);
+    value = utc.value_or(0);
+    return utc.has_value();
+}
+
+bool take_times(const Json& object, Spot& spot) {
+    if (!object.contains("file")) {
+        return take_utc(object, "utc_start", spot.start) && take_utc(object, "utc_end", spot.end);
+    }
+    return take(object, "file", spot.file) && take(object, "t_start", spot.start) && take(object, "t_end", spot.end);
+}
+
+bool take_protocol(const Json& object, Spot& spot) {
+    std::string name;
+    if (!take(object, "protocol", name)) return false;
+    const ov_protocol* const protocol = ov_protocol_by_name(name);
+    if (protocol != nullptr) spot.protocol = static_cast<uint32_t>(protocol->id);
+    return protocol != nullptr;
+}
+
+}  // namespace
+
+Spot spot_of(const ov_spot& found, std::string file) {
+    Spot spot{};
+    spot.file = std::move(file);
+    spot.start = found.t;
+    spot.end = spot_end(found);
+    spot.freq_hz = found.freq;
+    spot.drift_hz_s = found.drift;
+    if (std::isfinite(found.snr) && found.snr > UNKNOWN_SNR) spot.snr_db = found.snr;
+    spot.protocol = static_cast<uint32_t>(found.protocol);
+    spot.call = found.call;
+    spot.locator = found.locator;
+    spot.deep = found.deep != 0;
+    return spot;
+}
+
+double spot_end(const ov_spot& found) {
+    return found.t + ovl_chip_seconds() * ovl_frame_chips(static_cast<uint32_t>(found.protocol));
+}
+
+std::string spot_line(const Spot& spot) {
+    Json object;
+    if (spot.file.empty()) {
+        object["utc_start"] = utc_text(spot.start, UTC_DECIMALS);
+        object["utc_end"] = utc_text(spot.end, UTC_DECIMALS);
+    } else {
+        object["file"] = spot.file;
+        object["t_start"] = spot.start;
+        object["t_end"] = spot.end;
+    }
+    object["freq_hz"] = spot.freq_hz;
+    object["drift_hz_s"] = spot.drift_hz_s;
+    object["snr_db"] = spot.snr_db ? Json(*spot.snr_db) : Json();
+    object["protocol"] = ovl_proto_name(spot.protocol);
+    object["call"] = spot.call;
+    object["locator"] = spot.locator;
+    object["deep"] = spot.deep;
+    return json_line(object);
+}
+
+std::optional<Spot> parse_spot_line(std::string_view line) {
+    const Json object = Json::parse(line, nullptr, false);
+    if (!object.is_object()) return std::nullopt;
+    Spot spot{};
+    double snr_db = NAN;
+    const bool complete = take_times(object, spot) && take(object, "freq_hz", spot.freq_hz) &&
+                          take(object, "drift_hz_s", spot.drift_hz_s) && take(object, "snr_db", snr_db) &&
+                          take_protocol(object, spot) && take(object, "call", spot.call) &&
+                          take(object, "locator", spot.locator) && take(object, "deep", spot.deep);
+    if (!complete) return std::nullopt;
+    if (!std::isnan(snr_db)) spot.snr_db = snr_db;
+    return spot;
+}

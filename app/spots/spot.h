@@ -1,0 +1,36 @@
+// A decoded frame as our programs pass it on: one JSON object a line, written and read here.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "ovpipe.h"
+
+// A spot. Of a recording the times are seconds from its first sample; of a receiver they are UTC, in seconds since
+// 1970-01-01, and `file` is empty.
+struct Spot {
+    std::string file;  // the recording
+    double start, end;
+    double freq_hz, drift_hz_s;
+    std::optional<double> snr_db;  // nothing where it could not be measured
+    uint32_t protocol;             // OVL_ id
+    std::string call;
+    std::string locator;  // "" where the frame carries none
+    bool deep;            // only the search for known callsigns found it
+};
+
+// What the decoder found at a time that counts as in Spot.
+Spot spot_of(const ov_spot& found, std::string file = {});
+
+// End of a frame whose start is in `found`, s.
+double spot_end(const ov_spot& found);
+
+// One JSON object and a line feed: "file", "t_start" and "t_end" of a recording's spot, "utc_start" and "utc_end" of a
+// receiver's; then "freq_hz", "drift_hz_s", "snr_db" (null where unknown), "protocol", "call", "locator", "deep".
+std::string spot_line(const Spot& spot);
+
+// Reads such a line. Fields of other names are passed over. Nothing when it is no such object, or a field is missing or
+// of the wrong kind: a line may come from anywhere.
+std::optional<Spot> parse_spot_line(std::string_view line);

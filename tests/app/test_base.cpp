@@ -1,0 +1,333 @@
+// What all of our programs are made of: times, texts, numbers, progress.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <map>
+#include <random>
+#include <regex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "base/console.h"
+#include "base/parse.h"
+#include "base/progress.h"
+#include "base/text.h"
+#include "base/utc.h"
+
+namespace {
+
+// ---- Times as text --------------------------------------------------------------------------------------------------
+
+constexpr double DAY = 86400;
+constexpr double MARCH_1 = 20513 * DAY;  // 2026-03-01
+
+TEST(UtcText, ShowsUpToSixDecimals) {
+    const double utc = MARCH_1 + 12 * 3600 + 2.5;
+    EXPECT_EQ(utc_text(utc, 0), "2026-03-01T12:00:03Z");
+    EXPECT_EQ(utc_text(utc, 1), "2026-03-01T12:00:02.5Z");
+    EXPECT_EQ(utc_text(utc, 2), "2026-03-01T12:00:02.50Z");
+    EXPECT_EQ(utc_text(utc, 3), "2026-03-01T12:00:02.500Z");
+    EXPECT_EQ(utc_text(utc, 4), "2026-03-01T12:00:02.5000Z");
+    EXPECT_EQ(utc_text(utc, 5), "2026-03-01T12:00:02.50000Z");
+    EXPECT_EQ(utc_text(utc, 6), "2026-03-01T12:00:02.500000Z");
+    EXPECT_EQ(utc_text(MARCH_1 + 0.015625, 6), "2026-03-01T00:00:00.015625Z");
+    EXPECT_EQ(utc_text(0, 0), "1970-01-01T00:00:00Z");
+}
+
+TEST(UtcText, RoundsUpOverEveryBorder) {
+    EXPECT_EQ(utc_text(MARCH_1 + 59.96, 1), "2026-03-01T00:01:00.0Z");
+    EXPECT_EQ(utc_text(MARCH_1 + 59.94, 1), "2026-03-01T00:00:59.9Z");
+    EXPECT_EQ(utc_text(MARCH_1 + 3599.6, 0), "2026-03-01T01:00:00Z");
+    EXPECT_EQ(utc_text(MARCH_1 - 0.001, 2), "2026-03-01T00:00:00.00Z");
+    EXPECT_EQ(utc_text(MARCH_1 - 0.01, 2), "2026-02-28T23:59:59.99Z");
+    constexpr double YEAR_2027 = 20819 * DAY;
+    EXPECT_EQ(utc_text(YEAR_2027 - 0.0001, 3), "2027-01-01T00:00:00.000Z");
+    EXPECT_EQ(utc_text(YEAR_2027 - 0.4, 0), "2027-01-01T00:00:00Z");
+    EXPECT_EQ(utc_text(YEAR_2027 - 0.6, 0), "2026-12-31T23:59:59Z");
+}
+
+TEST(UtcText, KnowsLeapYears) {
+    EXPECT_EQ(utc_text(19782 * DAY, 0), "2024-02-29T00:00:00Z");
+    EXPECT_EQ(utc_text(MARCH_1 - 1, 0), "2026-02-28T23:59:59Z");
+}
+
+TEST(UtcText, IsReadBackAsTheSameTime) {
+    uint64_t state = 1;
+    for (int k = 0; k < 1000; k++) {
+        state = state * 6364136223846793005U + 1442695040888963407U;
+        const double utc = static_cast<double>(state >> 20) / 1e3;  // milliseconds up to the year 2527
+        const auto back = parse_utc(utc_text(utc, 3), 0);
+        ASSERT_TRUE(back) << utc_text(utc, 3);
+        EXPECT_NEAR(*back, utc, 1e-5);
+    }
+}
+
+TEST(UtcClock, IsTheWallClock) {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    EXPECT_NEAR(utc_now(), std::chrono::duration<double>(now).count(), 1);
+}
+
+// ---- Texts as times -------------------------------------------------------------------------------------------------
+
+TEST(ParseUtc, TakesDateAndTimeInEveryLength) {
+    const double noon = MARCH_1 + 12 * 3600;
+    const std::vector<std::pair<std::string, double>> times = {
+        {"2026-03-01T12:00", noon},
+        {"2026-03-01T12:00:02", noon + 2},
+        {"2026-03-01T12:00:02.5", noon + 2.5},
+        {"2026-03-01T00:00", MARCH_1},
+        {"2026-02-28T23:59:59", MARCH_1 - 1},
+        {"1970-01-01T00:00", 0},
+        {"2024-02-29T00:00", 19782 * DAY},
+        {"2026-03-01T12:00:02.000001", noon + 2.000001},
+    };
+    for (const auto& [text, utc] : times) {
+        for (const double now : {0.0, 1e9, 4e9}) {  // whenever it is asked
+            for (const char* zone : {"", "Z"}) {
+                const auto parsed = parse_utc(text + zone, now);
+                ASSERT_TRUE(parsed) << text << zone;
+                EXPECT_NEAR(*parsed, utc, 1e-6) << text << zone;
+            }
+        }
+    }
+}
+
+TEST(ParseUtc, ATimeOfDayIsTheNextSuchTime) {
+    const double now = MARCH_1 + 12 * 3600;  // noon
+    const std::vector<std::pair<std::string, double>> times = {
+        {"12:00", now},
+        {"12:00:00", now},
+        {"12:00:00.25", now + 0.25},
+        {"12:01", now + 60},
+        {"23:59:59", MARCH_1 + DAY - 1},
+        {"00:00", MARCH_1 + DAY},
+        {"11:59:59", now + DAY - 1},
+        {"11:59:59.5", now + DAY - 0.5},
+    };
+    for (const auto& [text, utc] : times) {
+        for (const char* zone : {"", "Z"}) {
+            const auto parsed = parse_utc(text + zone, now);
+            ASSERT_TRUE(parsed) << text << zone;
+            EXPECT_NEAR(*parsed, utc, 1e-6) << text << zone;
+        }
+    }
+    EXPECT_NEAR(*parse_utc("12:00", now + 0.001), now + DAY, 1e-6);
+    EXPECT_NEAR(*parse_utc("12:00", now - 0.001), now, 1e-6);
+}
+
+TEST(ParseUtc, RefusesWhatIsNoTime) {
+    for (const char* text : {"",
+                             " ",
+                             "Z",
+                             "now",
+                             "12",
+                             "1200",
+                             "12:0",
+                             "1:00",
+                             "12:00:",
+                             "12:00:0",
+                             "12:00:000",
+                             "12:00:00.",
+                             "12:00:00.x",
+                             "12:00.5",
+                             "24:00",
+                             "12:60",
+                             "12:00:60",
+                             "-1:00",
+                             "+1:00",
+                             "12:-1",
+                             "12:00:-1",
+                             "12:00:00.-5",
+                             "12:00:00.5e3",
+                             " 12:00",
+                             "12:00 ",
+                             "12 :00",
+                             "12:00 Z",
+                             "12:00ZZ",
+                             "12:00z",
+                             "12:00+01",
+                             "12:00\n",
+                             "12:00:00,5",
+                             "12.00",
+                             "1e:00",
+                             "0x:00",
+                             "nan",
+                             "inf",
+                             "12:00:inf",
+                             "2026-02-30T12:00",
+                             "2026-02-29T12:00",
+                             "2026-13-01T12:00",
+                             "2026-00-01T12:00",
+                             "2026-01-00T12:00",
+                             "2026-01-32T12:00",
+                             "2026-03-01",
+                             "2026-03-01T",
+                             "2026-03-01Z",
+                             "2026-03-01 12:00",
+                             "2026-03-01t12:00",
+                             "2026-3-1T12:00",
+                             "26-03-01T12:00",
+                             "-026-03-01T12:00",
+                             "12026-03-01T12:00",
+                             "2026-03-01T24:00",
+                             "2026-03-01T12:60",
+                             "2026-03-01T12:00:00.5x",
+                             "2026-03-01T12:00Zx",
+                             "2026-03-01T-1:00",
+                             "2026/03/01T12:00",
+                             " 2026-03-01T12:00",
+                             "2026-03-01T12:00 ",
+                             "2026-03-01T 2:00",
+                             "2026-03-01T12:00-01:00"}) {
+        EXPECT_FALSE(parse_utc(text, MARCH_1)) << "'" << text << "'";
+    }
+    EXPECT_FALSE(parse_utc(std::string("12:00\0", 6), MARCH_1));
+}
+
+// ---- Lengths --------------------------------------------------------------------------------------------------------
+
+TEST(ParseDuration, TakesSecondsMinutesAndHours) {
+    const std::vector<std::pair<std::string, double>> lengths = {
+        {"90", 90},   {"90s", 90}, {"10m", 600},  {"1h", 3600},   {"1.5h", 5400}, {"0.25", 0.25},
+        {"0.5m", 30}, {".5", 0.5}, {"1e3", 1000}, {"1e3s", 1000}, {"1e9", 1e9},   {"24h", DAY},
+    };
+    for (const auto& [text, seconds] : lengths) {
+        const auto parsed = parse_duration(text);
+        ASSERT_TRUE(parsed) << text;
+        EXPECT_DOUBLE_EQ(*parsed, seconds) << text;
+    }
+}
+
+TEST(ParseDuration, RefusesWhatIsNoLength) {
+    for (const char* text :
+         {"",     " ",    "s",   "m",    "h",    "0",    "0s",    "0m",     "0.0h", "-0",   "-1",  "-1m",
+          "nan",  "nans", "inf", "infh", "-inf", "1e10", "1e999", "1e-999", "1e8m", "1e9h", "1d",  "10ms",
+          "10mm", "10 m", " 10", "10 ",  "10m ", "+10",  "0x10",  "1,5",    "1:30", "ten",  "10M", "10H"}) {
+        EXPECT_FALSE(parse_duration(text)) << "'" << text << "'";
+    }
+}
+
+TEST(NextSlot, IsTheFirstOneNotBefore) {
+    EXPECT_DOUBLE_EQ(next_slot(1200, 600, 0), 1200);
+    EXPECT_DOUBLE_EQ(next_slot(1200.001, 600, 0), 1800);
+    EXPECT_DOUBLE_EQ(next_slot(1199.999, 600, 0), 1200);
+    EXPECT_DOUBLE_EQ(next_slot(1200, 600, 30), 1230);
+    EXPECT_DOUBLE_EQ(next_slot(1231, 600, 30), 1830);
+    EXPECT_DOUBLE_EQ(next_slot(1200, 600, 630), 1230);  // a longer offset names the same slots
+    EXPECT_DOUBLE_EQ(next_slot(0, 600, 30), 30);
+    for (const double period : {0.5, 7.0, 90.0, 600.0, 86400.0}) {
+        for (const double offset : {0.0, 0.25, 3.0, 100.0}) {
+            for (double earliest = MARCH_1; earliest < MARCH_1 + 100; earliest += 9.7) {
+                const double slot = next_slot(earliest, period, offset);
+                EXPECT_GE(slot, earliest);
+                EXPECT_LT(slot, earliest + period);
+                EXPECT_NEAR(std::remainder(slot - offset, period), 0, 1e-6);
+            }
+        }
+    }
+}
+
+// ---- Texts ----------------------------------------------------------------------------------------------------------
+
+using Texts = std::vector<std::string>;
+
+TEST(Cells, HaveNoNegativeZeroAndNoNumbersThatAreNone) {
+    EXPECT_EQ(cell(-0.04, 1), "0.0");
+    EXPECT_EQ(cell(-0.04, 1, true), "+0.0");
+    EXPECT_EQ(cell(-0.06, 1, true), "-0.1");
+    EXPECT_EQ(cell(1.25, 2, true), "+1.25");
+    EXPECT_EQ(cell(NAN, 1), "-");
+    EXPECT_EQ(cell(HUGE_VAL, 1), "-");
+}
+
+TEST(Lists, AreSplitAtCommasAndBlanks) {
+    EXPECT_EQ(split_list("a,b c;d\te\r\nf"), (Texts{"a", "b", "c", "d", "e", "f"}));
+    EXPECT_EQ(split_list(",, a ,;, b,"), (Texts{"a", "b"}));
+    EXPECT_EQ(split_list("a/b-c"), Texts{"a/b-c"});
+    EXPECT_TRUE(split_list("").empty());
+    EXPECT_TRUE(split_list(" ,;\t\n\v\f").empty());
+}
+
+TEST(PrintableText, IsOneLineThatMovesNoCursor) {
+    for (const char* const plain : {"", "a ~", "caf\xc3\xa9", "\xc2\xa0", "\xe2\x82\xac", "\xf0\x9f\x93\xbb", "\\x"}) {
+        EXPECT_EQ(printable(plain), plain);
+    }
+    EXPECT_EQ(printable("a\nb\r\tc"), "a\\nb\\r\\tc");
+    EXPECT_EQ(printable("\x1b[2J\x7f"), "\\x1b[2J\\x7f");
+    EXPECT_EQ(printable(std::string(1, '\0')), "\\x00");
+    EXPECT_EQ(printable("\xc2\x9b"
+                        "2J"),
+              "\\xc2\\x9b2J");                                         // U+009B, the same as ESC [
+    EXPECT_EQ(printable("\xe9t\xe9"), "\\xe9t\\xe9");                  // Latin-1
+    EXPECT_EQ(printable("\xe2\x82"), "\\xe2\\x82");                    // cut off
+    EXPECT_EQ(printable("\xe2(\x82"), "\\xe2(\\x82");                  // in the middle
+    EXPECT_EQ(printable("\xc0\x8a"), "\\xc0\\x8a");                    // a line feed, made longer
+    EXPECT_EQ(printable("\xe0\x82\x9b"), "\\xe0\\x82\\x9b");           // and U+009B
+    EXPECT_EQ(printable("\xed\xa0\x80"), "\\xed\\xa0\\x80");           // half a pair of UTF-16
+    EXPECT_EQ(printable("\xf4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80");  // beyond the last
+    EXPECT_EQ(printable("\xf0\x80\x82\x9b\xff"), "\\xf0\\x80\\x82\\x9b\\xff");
+}
+
+TEST(Format, HoldsTextsOfEveryLength) {
+    EXPECT_EQ(format("%s", ""), "");
+    EXPECT_EQ(format("%d %s %.2f%%", 3, "x", 1.5), "3 x 1.50%");
+    for (const std::size_t length : {1U, 255U, 256U, 1000U, 100000U}) {
+        const std::string text(length, 'a');
+        EXPECT_EQ(format("<%s>", text.c_str()), "<" + text + ">");
+    }
+}
+
+TEST(Cases, ChangeAsciiLettersAlone) {
+    EXPECT_EQ(upper_case("aZ09-/\xe9 i"), "AZ09-/\xe9 I");
+    EXPECT_EQ(lower_case("AzI[`\xc9"), "azi[`\xc9");
+}
+
+// ---- Ranges ---------------------------------------------------------------------------------------------------------
+
+TEST(Ranges, AreTwoFiniteNumbersInOrder) {
+    const auto range = parse_range("-1.5:2e3");
+    ASSERT_TRUE(range);
+    EXPECT_EQ(range->low, -1.5);
+    EXPECT_EQ(range->high, 2000);
+    for (const char* text : {"", ":", "1", "1:", ":1", "2:1", "1:1", "a:2", "1:b", "1:2:3", "1:inf", "nan:1", " 1:2"}) {
+        EXPECT_FALSE(parse_range(text)) << text;
+    }
+}
+
+// ---- Progress -------------------------------------------------------------------------------------------------------
+
+// With single blanks: how wide the columns are does not matter.
+std::string progress(double done_s, double seconds, double elapsed_s, std::size_t spots) {
+    return std::regex_replace(progress_text(done_s, seconds, elapsed_s, spots), std::regex(" +"), " ");
+}
+
+TEST(ProgressText, ShowsShareSpeedRestAndSpots) {
+    EXPECT_EQ(progress(600, 1200, 600 / 38.5, 17), "##########.......... 50 % 38.5 x real time 0:16 left 17 spots");
+    EXPECT_EQ(progress(300, 1200, 100, 2), "#####............... 25 % 3.0 x real time 5:00 left 2 spots");
+    EXPECT_EQ(progress(36, 86400, 9, 0), ".................... 0 % 4.0 x real time 359:51 left 0 spots");
+}
+
+TEST(ProgressText, BeginsWithoutSpeedAndEndsWithNothingLeft) {
+    EXPECT_EQ(progress(0, 1200, 0, 0), ".................... 0 % 0 spots");
+    EXPECT_EQ(progress(0, 1200, 5, 0), ".................... 0 % 0 spots");
+    EXPECT_EQ(progress(60, 1200, 0, 3), "#................... 5 % 3 spots");
+    EXPECT_EQ(progress(1200, 1200, 48, 3), "#################### 100 % 25.0 x real time 0:00 left 3 spots");
+    EXPECT_EQ(progress(1300, 1200, 52, 3), "#################### 100 % 25.0 x real time 0:00 left 3 spots");
+}
+
+TEST(ProgressText, OneSpotIsNoSpots) {
+    EXPECT_EQ(progress(0, 1200, 0, 1), ".................... 0 % 1 spot");
+    EXPECT_TRUE(progress(600, 1200, 10, 1).ends_with(" 1 spot"));
+    EXPECT_TRUE(progress(600, 1200, 10, 21).ends_with(" 21 spots"));
+}
+
+TEST(ProgressText, AJobOfNoLengthIsDone) {
+    EXPECT_EQ(progress(0, 0, 0, 0), "#################### 100 % 0 spots");
+    EXPECT_EQ(progress(0, 0, 1, 0), "#################### 100 % 0 spots");
+}
+
+}  // namespace

@@ -1,0 +1,234 @@
+// Listening, piece by piece: overlapping decodes, the clock of captured samples, raw samples.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "listening/confirmation.h"
+#include "listening/raw_input.h"
+#include "listening/sample_clock.h"
+
+namespace {
+
+// ---- Overlapping decodes -------------------------------------------------------------------------------------------
+
+// How far behind a multiple of a step a time is; a time that but for a rounding is one itself is 0 behind.
+double remainder_s(double time_s, double step_s) {
+    const double rest_s = time_s - step_s * std::floor(time_s / step_s + 1e-6);
+    return std::max(rest_s, 0.0);
+}
+
+TEST(OverlappingDecodes, BeginAtFourPositionsOfTheGridInTurn) {
+    std::mt19937_64 random(6);
+    Confirmation confirmation(4, 48);
+    double earliest_s = 0;
+    for (int round = 0; round < 500; round++) {
+        for (const double phase_s : {0.0, 0.0025, 0.005, 0.0075}) {
+            const double begin_s = confirmation.next_begin_s(earliest_s);
+            EXPECT_GE(begin_s, earliest_s - 1e-9);
+            EXPECT_LE(begin_s, earliest_s + 0.008 + 1e-9);
+            EXPECT_NEAR(remainder_s(begin_s, 0.008), phase_s, 1e-8);
+            earliest_s += std::uniform_real_distribution<double>(1, 400)(random);
+        }
+    }
+    EXPECT_EQ(Confirmation(4, 48).next_begin_s(0), 0) << "as a recording";
+}
+
+// A listener whose decodes come every four seconds sharp always has the same rest of the 2 ms between samples of the
+// baseband before them, which decides over weak frames, too.
+TEST(OverlappingDecodes, BeginBetweenTheSamplesOfTheBaseband) {
+    Confirmation confirmation(4, 48);
+    std::vector<double> rests_s;
+    for (int k = 0; k < 4; k++) rests_s.push_back(remainder_s(confirmation.next_begin_s(4 * k), 0.002));
+    std::sort(rests_s.begin(), rests_s.end());
+    for (std::size_t k = 0; k < 4; k++) EXPECT_NEAR(rests_s[k], 0.0005 * static_cast<double>(k), 1e-8);
+}
+
+TEST(OverlappingDecodes, TakeTwoOfTheLongestFramesBesidesTheHoldOff) {
+    EXPECT_NEAR(Confirmation(4, 0).block_s(), 90, 1e-9);
+    EXPECT_NEAR(Confirmation(1, 60).block_s(), 150, 1e-9);
+}
+
+TEST(OverlappingDecodes, OneFindOfFourIsNotBelieved) {
+    Confirmation confirmation(4, 48);
+    for (int k = 1; k <= 20; k++) confirmation.add(4 * k);
+    EXPECT_TRUE(confirmation.confirm(68.5, 1));  // of three
+    EXPECT_TRUE(confirmation.confirm(68.5, 2));
+    EXPECT_FALSE(confirmation.confirm(68, 1));
+    EXPECT_TRUE(confirmation.confirm(68, 2));
+    EXPECT_FALSE(confirmation.confirm(20, 1));
+    EXPECT_TRUE(confirmation.confirm(20, 2));
+    confirmation.clear();
+    EXPECT_TRUE(confirmation.confirm(68, 1));
+}
+
+// Whatever their pace: every decode between the end of a frame and its decision counts for it, the one behind which it
+// is decided included.
+TEST(OverlappingDecodes, NoneIsLostBetweenTheEndOfAFrameAndItsDecision) {
+    std::mt19937_64 random(5);
+    const auto uniform = [&](double low, double high) {
+        return std::uniform_real_distribution<double>(low, high)(random);
+    };
+    for (int round = 0; round < 2000; round++) {
+        const double every_s = uniform(1, 15);
+        const double hold_off_s = round % 3 == 0 ? 0 : uniform(0, 60);
+        Confirmation confirmation(every_s, hold_off_s);
+        const double end_s = uniform(20, 400);
+        int32_t possible = 0;
+        bool decided = false;
+        double decided_s = -HUGE_VAL;
+        for (double decode_s = 20; !decided; decode_s += every_s + (round % 2 == 0 ? 0.25 : uniform(-0.9, 20))) {
+            const double earliest_s = confirmation.add(decode_s);
+            EXPECT_GE(earliest_s, decided_s) << "that has been printed";
+            decided_s = confirmation.decided_s(decode_s);
+            decided = decided_s >= end_s;
+            if (decode_s < end_s) continue;
+            possible++;
+            EXPECT_LE(earliest_s, end_s);
+        }
+        ASSERT_GE(possible, 1);
+        EXPECT_EQ(confirmation.confirm(end_s, 1), possible < 4);
+        EXPECT_TRUE(confirmation.confirm(end_s, 2));
+    }
+}
+
+constexpr double DAY = 86400;
+constexpr double MARCH_1 = 20513 * DAY;  // 2026-03-01
+
+// ---- The clock of captured samples ----------------------------------------------------------------------------------
+
+// Audio that comes in buffers of a tenth of a second, each late by up to a quarter.
+class TheSampleClock : public ::testing::Test {
+  protected:
+    // Captures so many seconds more, as if without interruption since `begin`.
+    void capture(double seconds, double begin, double rate_error = 0) {
+        const double end_s = captured_s_ + seconds;
+        for (; captured_s_ < end_s; captured_s_ += 0.1) {
+            clock_.observe(captured_s_, begin + captured_s_ * (1 + rate_error) + late_(random_));
+        }
+    }
+
+    SampleClock clock_;
+    double captured_s_ = 0.1;
+
+  private:
+    std::mt19937_64 random_{9};
+    std::uniform_real_distribution<double> late_{0, 0.25};
+};
+
+constexpr double NEAR_S = 0.02;  // the soonest of fifty buffers
+
+TEST_F(TheSampleClock, GoesByTheBuffersThatCameSoonest) {
+    EXPECT_TRUE(std::isnan(clock_.utc(3)));
+    clock_.observe(0, MARCH_1);
+    EXPECT_TRUE(std::isnan(clock_.utc(3))) << "no audio, no time";
+    capture(100, MARCH_1);
+    for (const double at_s : {-5.0, 0.0, 1.0, 50.0, 77.7, 99.9}) {
+        EXPECT_NEAR(clock_.utc(at_s), MARCH_1 + at_s, NEAR_S) << at_s;
+    }
+}
+
+TEST_F(TheSampleClock, WhatWasCapturedBeforeALossKeepsItsTime) {
+    capture(100, MARCH_1);
+    capture(60, MARCH_1 + 3);  // three seconds are missing
+    for (const double at_s : {0.0, 50.0, 90.0}) EXPECT_NEAR(clock_.utc(at_s), MARCH_1 + at_s, NEAR_S) << at_s;
+    for (const double at_s : {112.0, 150.0}) EXPECT_NEAR(clock_.utc(at_s), MARCH_1 + 3 + at_s, NEAR_S) << at_s;
+}
+
+TEST_F(TheSampleClock, FollowsAClockThatIsSetAndAMachineThatSlept) {
+    for (const double step_s : {3600.0, -3600.0, 11.0, -11.0}) {
+        clock_ = {};
+        captured_s_ = 0.1;
+        capture(100, MARCH_1);
+        capture(60, MARCH_1 + step_s);
+        for (const double at_s : {0.0, 50.0, 99.0}) EXPECT_NEAR(clock_.utc(at_s), MARCH_1 + at_s, NEAR_S) << step_s;
+        for (const double at_s : {101.0, 150.0}) {
+            EXPECT_NEAR(clock_.utc(at_s), MARCH_1 + step_s + at_s, 0.25) << step_s;
+        }
+    }
+}
+
+TEST_F(TheSampleClock, FollowsASoundCardWhoseClockIsWrongForADay) {
+    for (const double error : {200e-6, -200e-6}) {
+        clock_ = {};
+        captured_s_ = 0.1;
+        capture(DAY, MARCH_1, error);
+        for (const double ago_s : {0.0, 10.0, 60.0, 120.0, 290.0}) {
+            const double at_s = captured_s_ - ago_s;
+            EXPECT_NEAR(clock_.utc(at_s), MARCH_1 + at_s * (1 + error), NEAR_S + ago_s * 200e-6) << ago_s;
+        }
+    }
+}
+
+TEST_F(TheSampleClock, OfWhatComesAllAtOnceTheNewestSampleHasJustCome) {
+    for (double captured_s = 0.25; captured_s <= 200; captured_s += 0.25) clock_.observe(captured_s, MARCH_1);
+    for (const double at_s : {0.0, 100.0, 200.0}) EXPECT_NEAR(clock_.utc(at_s), MARCH_1 - 200 + at_s, 1e-6) << at_s;
+}
+
+// ---- Raw samples ----------------------------------------------------------------------------------------------------
+
+// Standard input of this process, from a pipe.
+class RawSamples : public ::testing::Test {
+  protected:
+    RawSamples() : saved_(dup(STDIN_FILENO)) {
+        std::array<int, 2> ends{};
+        if (pipe(ends.data()) == 0) {
+            dup2(ends[0], STDIN_FILENO);
+            close(ends[0]);
+            write_end_ = ends[1];
+        }
+    }
+    ~RawSamples() override {
+        finish();
+        dup2(saved_, STDIN_FILENO);
+        close(saved_);
+    }
+
+    void send(const void* bytes, std::size_t count) {
+        ASSERT_EQ(write(write_end_, bytes, count), static_cast<ssize_t>(count));
+    }
+    void finish() {
+        if (write_end_ >= 0) close(write_end_);
+        write_end_ = -1;
+    }
+
+  private:
+    int saved_;
+    int write_end_ = -1;
+};
+
+TEST_F(RawSamples, ComeInWholeFramesHoweverTheyAreSent) {
+    const std::array<uint8_t, 8> bytes = {0x00, 0x40, 0x00, 0x80, 0xff, 0x7f, 0x01, 0x00};
+    RawInput input({false, 2, 8000});
+    std::vector<float> all;
+    std::vector<float> samples;
+    send(bytes.data(), 3);
+    send(bytes.data() + 3, 2);
+    while (all.size() < 2) {
+        ASSERT_TRUE(input.read(samples));
+        EXPECT_EQ(samples.size() % 2, 0u);
+        all.insert(all.end(), samples.begin(), samples.end());
+    }
+    send(bytes.data() + 5, 3);
+    finish();
+    while (input.read(samples)) all.insert(all.end(), samples.begin(), samples.end());
+    EXPECT_EQ(all, (std::vector<float>{0.5f, -1.0f, 32767 / 32768.0f, 1 / 32768.0f}));
+    EXPECT_FALSE(input.failed()) << "the end is no failure";
+}
+
+TEST_F(RawSamples, ThatAreNoNumbersOrBeyondAnyScaleAreSilence) {
+    const std::array<float, 6> sent = {0.25f, NAN, HUGE_VALF, -0x1p31f, 0x1.1p31f, -2.0f};
+    RawInput input({true, 1, 8000});
+    send(sent.data(), sizeof sent);
+    finish();
+    std::vector<float> samples;
+    ASSERT_TRUE(input.read(samples));
+    EXPECT_EQ(samples, (std::vector<float>{0.25f, 0, 0, -0x1p31f, 0, -2.0f}));
+}
+
+}  // namespace

@@ -1,0 +1,263 @@
+// Spots: their log, their line of JSON, their row of a table.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "liborvel.h"
+#include "spots/spot.h"
+#include "spots/spot_log.h"
+#include "spots/spot_table.h"
+
+namespace {
+
+// ---- The log of spots -----------------------------------------------------------------------------------------------
+
+ov_spot spot(const char* call, double end, double freq = 1500, int32_t protocol = OVL_OPERA, const char* locator = "") {
+    ov_spot result{};
+    std::strcpy(result.call, call);
+    std::strcpy(result.locator, locator);
+    result.protocol = protocol;
+    result.t = end - ovl_chip_seconds() * ovl_frame_chips(static_cast<uint32_t>(protocol));
+    result.freq = freq;
+    return result;
+}
+
+std::vector<ov_spot> released(SpotLog& log, double utc) {
+    std::vector<ov_spot> spots;
+    log.release(utc, [&](const ov_spot& s, int32_t) { spots.push_back(s); });
+    return spots;
+}
+
+std::vector<std::string> calls(const std::vector<ov_spot>& spots) {
+    std::vector<std::string> names;
+    for (const ov_spot& s : spots) names.emplace_back(s.call);
+    return names;
+}
+
+using Calls = std::vector<std::string>;
+
+TEST(TheLogOfSpots, GivesEachFrameOnceThoughItIsFoundAgainAndAgain) {
+    SpotLog log(SpotLog::Order::END);
+    Calls all;
+    for (int block = 0; block < 8; block++) {  // both before and after it was given
+        log.add({spot("K2QRX", 1000 + 0.3 * block, 1500 - 0.5 * block)});
+        for (const std::string& call : calls(released(log, 1000 + 4 * block - 8))) all.push_back(call);
+    }
+    EXPECT_EQ(all, Calls{"K2QRX"});
+}
+
+TEST(TheLogOfSpots, TellsInHowManyBlocksAFrameWasFound) {
+    SpotLog log(SpotLog::Order::END);
+    log.add({spot("K2QRX", 1000), spot("DL1QXA", 1001)});
+    log.add({});
+    log.add({spot("K2QRX", 1000.1), spot("K2QRX", 1000.2), spot("G4QZB", 1002)});  // twice in one block
+    log.add({spot("K2QRX", 1000), spot("G4QZB", 1002)});
+    std::map<std::string, int32_t> finds;
+    log.release(1003, [&](const ov_spot& s, int32_t n) { finds[s.call] = n; });
+    EXPECT_EQ(finds, (std::map<std::string, int32_t>{{"K2QRX", 3}, {"DL1QXA", 1}, {"G4QZB", 2}}));
+}
+
+TEST(TheLogOfSpots, GivesNothingTwiceWhenOneBlockHoldsItTwice) {
+    SpotLog log(SpotLog::Order::END);
+    log.add({spot("K2QRX", 1000), spot("K2QRX", 1000.01, 1500.1)});
+    EXPECT_EQ(calls(released(log, 1001)), Calls{"K2QRX"});
+    EXPECT_TRUE(released(log, 1002).empty());
+}
+
+TEST(TheLogOfSpots, GivesFramesInTheOrderInWhichTheyEnded) {
+    SpotLog log(SpotLog::Order::END);
+    log.add({spot("G4QZB", 1003, 1500, OVL_ORVEL_L, "IO91"), spot("K2QRX", 1001), spot("DL1QXA", 1005)});
+    log.add({spot("OK2QJB", 1000), spot("F5QXY", 1002, 1400, OVL_ORVEL_S)});
+    EXPECT_EQ(calls(released(log, 1010)), (Calls{"OK2QJB", "K2QRX", "F5QXY", "G4QZB", "DL1QXA"}));
+}
+
+TEST(TheLogOfSpots, HoldsFramesBackUntilTheyAreOldEnough) {
+    SpotLog log(SpotLog::Order::END);
+    log.add({spot("K2QRX", 1001), spot("DL1QXA", 1005)});
+    EXPECT_TRUE(released(log, 1000.9).empty());
+    log.add({spot("G4QZB", 1000.95)});  // a block brings an earlier one
+    EXPECT_EQ(calls(released(log, 1001.1)), (Calls{"G4QZB", "K2QRX"}));
+    EXPECT_TRUE(released(log, 1004.9).empty());
+    EXPECT_EQ(calls(released(log, HUGE_VAL)), Calls{"DL1QXA"});
+    EXPECT_TRUE(released(log, HUGE_VAL).empty());
+}
+
+TEST(TheLogOfSpots, TheLaterBlockIsRight) {
+    SpotLog log(SpotLog::Order::END);
+    log.add({spot("K2QRX", 1000, 1500)});
+    log.add({spot("K2QRX", 1000.2, 1500.7)});
+    const auto given = released(log, 1001);
+    ASSERT_EQ(given.size(), 1U);
+    EXPECT_EQ(given[0].freq, 1500.7);
+    EXPECT_NEAR(spot_end(given[0]), 1000.2, 1e-9);
+    log.add({spot("K2QRX", 1000.3, 1499)});
+    EXPECT_TRUE(released(log, 1002).empty());
+}
+
+// Between two others that were handed out in order.
+TEST(TheLogOfSpots, ALaterBlockDoesNotTakeAFrameBehindWhatWasGiven) {
+    SpotLog log(SpotLog::Order::END);
+    log.add({spot("DL1QXA", 1000), spot("K2QRX", 1000.5, 1500)});
+    EXPECT_EQ(calls(released(log, 1000.2)), Calls{"DL1QXA"});
+    log.add({spot("K2QRX", 999.9, 1501)});
+    const auto given = released(log, 1001);
+    ASSERT_EQ(given.size(), 1U);
+    EXPECT_NEAR(spot_end(given[0]), 1000.5, 1e-9);
+}
+
+TEST(TheLogOfSpots, WhatSawMoreOfAFrameStays) {
+    ov_spot much = spot("K2QRX", 1000, 1500);
+    much.chips_ok = 239;
+    ov_spot little = spot("K2QRX", 1000, 1501);
+    little.chips_ok = 200;
+    ov_spot deep = spot("K2QRX", 1000, 1502);
+    deep.chips_ok = 239;
+    deep.deep = 1;
+    for (const std::vector<ov_spot>& order : std::vector<std::vector<ov_spot>>{
+             {much, little, deep}, {deep, little, much}, {little, much, deep}, {little, deep, much}}) {
+        SpotLog log(SpotLog::Order::END);
+        for (const ov_spot& s : order) log.add({s});
+        const auto given = released(log, HUGE_VAL);
+        ASSERT_EQ(given.size(), 1U);
+        EXPECT_EQ(given[0].freq, 1500);
+    }
+}
+
+TEST(TheLogOfSpots, MayGoByTheBeginningOfFrames) {
+    SpotLog log(SpotLog::Order::START);
+    const ov_spot large = spot("G4QZB", 1041, 1500, OVL_ORVEL_L, "IO91");  // begins before the other and ends behind it
+    const ov_spot small = spot("K2QRX", 1032);
+    ASSERT_LT(large.t, small.t);
+    log.add({small, large});
+    EXPECT_EQ(calls(released(log, large.t + 0.01)), Calls{"G4QZB"});
+    EXPECT_TRUE(released(log, small.t - 0.01).empty());
+    EXPECT_EQ(calls(released(log, small.t + 0.01)), Calls{"K2QRX"});
+}
+
+TEST(TheLogOfSpots, TellsFramesApart) {
+    SpotLog log(SpotLog::Order::END);
+    log.add({spot("K2QRX", 1000, 1400), spot("K2QRX", 1000, 1500)});         // on two frequencies
+    log.add({spot("G4QZB", 1001), spot("G4QZB", 1001, 1500, OVL_ORVEL_S)});  // in two protocols
+    log.add({spot("DL1QXA", 1002, 1500, OVL_ORVEL_L, "JO31"), spot("DL1QXA", 1002, 1500, OVL_ORVEL_L, "JO32")});
+    log.add({spot("F5QXY", 1003), spot("OK2QJB", 1003)});  // of two stations
+    log.add({spot("F5QXY", 1003 + 30.592)});               // one right behind another
+    EXPECT_EQ(released(log, HUGE_VAL).size(), 9U);
+}
+
+TEST(TheLogOfSpots, AStationIsHeardAgainLater) {
+    SpotLog log(SpotLog::Order::END);
+    for (int k = 0; k < 200; k++) {
+        const double end = 1000 + 600 * k;
+        log.add({spot("K2QRX", end)});
+        EXPECT_EQ(calls(released(log, end + 4)), Calls{"K2QRX"});
+        log.add({spot("K2QRX", end)});
+        EXPECT_TRUE(released(log, end + 8).empty());
+    }
+}
+
+TEST(TheLogOfSpots, AFrameIsRememberedForAsLongAsABlockCanShowIt) {
+    SpotLog log(SpotLog::Order::END);
+    log.add({spot("K2QRX", 1000)});
+    EXPECT_EQ(released(log, 1004).size(), 1U);
+    for (double utc = 1005; utc < 1100; utc += 1) {
+        log.add({spot("K2QRX", 1000)});
+        EXPECT_TRUE(released(log, utc).empty()) << utc;
+    }
+}
+
+// ---- Spots as lines -------------------------------------------------------------------------------------------------
+
+void expect_equal(const Spot& a, const Spot& b) {
+    EXPECT_EQ(a.file, b.file);
+    EXPECT_NEAR(a.start, b.start, 0.006);  // UTC is written in hundredths
+    EXPECT_NEAR(a.end, b.end, 0.006);
+    EXPECT_EQ(a.freq_hz, b.freq_hz);
+    EXPECT_EQ(a.drift_hz_s, b.drift_hz_s);
+    EXPECT_EQ(a.snr_db, b.snr_db);
+    EXPECT_EQ(a.protocol, b.protocol);
+    EXPECT_EQ(a.call, b.call);
+    EXPECT_EQ(a.locator, b.locator);
+    EXPECT_EQ(a.deep, b.deep);
+}
+
+TEST(SpotLine, IsReadBackAsTheSameSpot) {
+    for (const int32_t protocol : {OVL_OPERA, OVL_ORVEL_S, OVL_ORVEL_L}) {
+        for (const char* file : {"", "a \"b\"\n.wav"}) {
+            for (const double snr : {-99.0, -20.25, HUGE_VAL}) {
+                ov_spot found = spot("K2QRX", 1.7e9, 1500.125, protocol, protocol == OVL_ORVEL_L ? "FN31" : "");
+                found.drift = -0.0625;
+                found.snr = snr;
+                found.deep = protocol == OVL_OPERA ? 1 : 0;
+                const Spot written = spot_of(found, file);
+                const std::string line = spot_line(written);
+                EXPECT_EQ(line.find('\n'), line.size() - 1) << "one line";
+                const auto read = parse_spot_line(line);
+                ASSERT_TRUE(read) << line;
+                expect_equal(*read, written);
+            }
+        }
+    }
+}
+
+TEST(SpotLine, OfARecordingHasItsFileAndSecondsAndOfAReceiverTheTime) {
+    const ov_spot found = spot("K2QRX", 1e9);
+    const std::string heard = spot_line(spot_of(found));
+    EXPECT_NE(heard.find("\"utc_end\":\"2001-09-09T01:46:40.00Z\""), std::string::npos) << heard;
+    EXPECT_EQ(heard.find("file"), std::string::npos);
+    const std::string read = spot_line(spot_of(found, "x.wav"));
+    EXPECT_EQ(read.rfind("{\"file\":\"x.wav\",\"t_start\":", 0), 0u) << read;
+    EXPECT_EQ(read.find("utc"), std::string::npos);
+}
+
+TEST(SpotLine, WithoutAFieldOrWithOneOfTheWrongKindIsNone) {
+    const std::string line = spot_line(spot_of(spot("K2QRX", 1e9, 1500, OVL_ORVEL_L, "FN31"), "x.wav"));
+    ASSERT_TRUE(parse_spot_line(line));
+    const auto whole = nlohmann::json::parse(line);
+    for (const auto& [name, value] : whole.items()) {
+        auto broken = whole;
+        broken.erase(name);
+        EXPECT_FALSE(parse_spot_line(broken.dump())) << name;
+        for (const nlohmann::json& other : {nlohmann::json::array(), nlohmann::json::object()}) {
+            broken[name] = other;
+            EXPECT_FALSE(parse_spot_line(broken.dump())) << name;
+        }
+    }
+    auto more = whole;
+    more["note"] = "passed over";
+    EXPECT_TRUE(parse_spot_line(more.dump()));
+    for (const char* text : {"", "null", "[]", "{}", "{", "7", "\xff", "{\"file\":\"x\"}"}) {
+        EXPECT_FALSE(parse_spot_line(text)) << text;
+    }
+    auto protocol = whole;
+    protocol["protocol"] = "MORSE";
+    EXPECT_FALSE(parse_spot_line(protocol.dump()));
+    EXPECT_FALSE(parse_spot_line(line.substr(0, line.size() / 2)));
+}
+
+TEST(SpotLine, OfAReceiverNeedsTimesWithTheirDates) {
+    auto object = nlohmann::json::parse(spot_line(spot_of(spot("K2QRX", 1e9))));
+    for (const char* time : {"", "12:00:00Z", "2026-02-30T12:00:00Z", "now"}) {
+        object["utc_start"] = time;
+        EXPECT_FALSE(parse_spot_line(object.dump())) << time;
+    }
+}
+
+// ---- Spots as rows --------------------------------------------------------------------------------------------------
+
+TEST(SpotText, AnUnmeasuredSnrIsADashOrNull) {
+    ov_spot s = spot("K2QRX", 1000);
+    s.snr = -99;
+    const std::string row = spot_row("t", spot_of(s));
+    EXPECT_NE(row.find("       -  OPERA 05"), std::string::npos) << row;
+    EXPECT_NE(spot_line(spot_of(s)).find("\"snr_db\":null"), std::string::npos);
+    s.snr = -20.5;
+    EXPECT_NE(spot_line(spot_of(s)).find("\"snr_db\":-20.5"), std::string::npos);
+}
+
+}  // namespace

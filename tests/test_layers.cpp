@@ -1,0 +1,137 @@
+// Who includes whom: the layers of the project, as CONTRIBUTING.md draws them.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const fs::path ROOT = ORVEL_SOURCE;
+
+// The names that a file includes, in angle brackets or quotes.
+std::vector<std::string> includes_of(const fs::path& path) {
+    std::ifstream file(path);
+    std::vector<std::string> names;
+    for (std::string line; std::getline(file, line);) {
+        if (!line.starts_with("#include ") || line.size() < 12) continue;
+        names.push_back(line.substr(10, line.find_first_of(">\"", 10) - 10));
+    }
+    return names;
+}
+
+std::vector<fs::path> sources_in(const std::string& folder) {
+    std::vector<fs::path> files;
+    for (const auto& entry : fs::recursive_directory_iterator(ROOT / folder)) {
+        const auto extension = entry.path().extension();
+        if (extension == ".h" || extension == ".hpp" || extension == ".cpp") files.push_back(entry.path());
+    }
+    EXPECT_FALSE(files.empty()) << folder;
+    return files;
+}
+
+// All headers of src/ that a file of src/ reaches.
+std::set<std::string> reached_from(const std::string& name) {
+    std::set<std::string> reached;
+    std::vector<std::string> open = {name};
+    while (!open.empty()) {
+        const fs::path path = ROOT / "src" / open.back();
+        open.pop_back();
+        for (const std::string& include : includes_of(path)) {
+            if (fs::exists(ROOT / "src" / include) && reached.insert(include).second) open.push_back(include);
+        }
+    }
+    return reached;
+}
+
+TEST(Layers, NothingBelowTheToolsKnowsACommandLine) {
+    for (const char* const folder : {"include", "src", "app"}) {
+        for (const fs::path& file : sources_in(folder)) {
+            for (const std::string& include : includes_of(file)) {
+                EXPECT_FALSE(include.starts_with("CLI/")) << file;
+                EXPECT_FALSE(fs::exists(ROOT / "tools" / include)) << file << " includes " << include;
+            }
+        }
+    }
+}
+
+TEST(Layers, TheLibraryKnowsNothingAboveIt) {
+    for (const fs::path& file : sources_in("src")) {
+        for (const std::string& include : includes_of(file)) {
+            EXPECT_FALSE(fs::exists(ROOT / "app" / include)) << file << " includes " << include;
+        }
+    }
+}
+
+// What a frame is does not depend on how one is found.
+TEST(Layers, CodersDoNotKnowTheReceiver) {
+    const std::set<std::string> receiver = {"ovbb.h",   "ovsync.h",  "ovcandidates.h", "ovhypothesis.h", "ovsnr.h",
+                                            "ovcdec.h", "ovcdeep.h", "ovpipe.h",       "ovscan.h",       "ovfft.h"};
+    for (const char* const coder : {"protocol", "ovcenc", "orvel", "ldpc", "ldpc_tables"}) {
+        for (const char* const extension : {".h", ".cpp"}) {
+            for (const std::string& include : reached_from(coder + std::string(extension))) {
+                EXPECT_EQ(receiver.count(include), 0u) << coder << " reaches " << include;
+            }
+        }
+    }
+}
+
+// Of the library's inside the programs use its pipeline, and what is listed here with its reason.
+TEST(Layers, ProgramsUseOfTheLibraryWhatIsListed) {
+    const std::map<std::string, std::set<std::string>> allowed = {
+        {"ovpipe.h", {}},                                      // decodes of I/Q and of wide bands: everywhere
+        {"protocol.h", {}},                                    // the names of the protocols: everywhere
+        {"ovscan.h", {"tools/scan.cpp"}},                      // a scan of I/Q, and of any band
+        {"wavread.h", {"app/recordings/open_recording.cpp"}},  // the library's readers
+        {"iqread.h", {"app/recordings/open_recording.cpp"}},
+        {"ovbb.h", {"app/pictures/chip_view.cpp"}},  // one frame chip by chip
+        {"ovsync.h", {"app/pictures/chip_view.cpp"}},
+        {"owners.h", {"app/pictures/chip_view.cpp"}},
+        {"ovfft.h", {"app/pictures/waterfall.cpp"}},  // spectra
+    };
+    for (const char* const folder : {"app", "tools"}) {
+        for (const fs::path& file : sources_in(folder)) {
+            const std::string name = fs::relative(file, ROOT).generic_string();
+            for (const std::string& include : includes_of(file)) {
+                if (!fs::exists(ROOT / "src" / include)) continue;
+                const auto found = allowed.find(include);
+                const bool listed = found != allowed.end() && (found->second.empty() || found->second.count(name) != 0);
+                EXPECT_TRUE(listed) << name << " includes " << include;
+            }
+        }
+    }
+}
+
+// The rooms of app/, from the ground up: each may know those before it that stand in its line.
+TEST(Layers, RoomsKnowOnlyTheRoomsBelowThem) {
+    const std::map<std::string, std::set<std::string>> below = {
+        {"base", {}},
+        {"spots", {"base"}},
+        {"decoding", {"base"}},
+        {"transmission", {"base"}},
+        {"simulation", {"base"}},
+        {"recordings", {"base", "spots", "decoding"}},
+        {"listening", {"base", "spots", "decoding"}},
+        {"pictures", {"base", "spots", "recordings"}},
+    };
+    std::set<std::string> rooms;
+    for (const fs::path& file : sources_in("app")) {
+        const std::string room = file.parent_path().filename().string();
+        rooms.insert(room);
+        ASSERT_EQ(below.count(room), 1u) << room;
+        for (const std::string& include : includes_of(file)) {
+            if (!fs::exists(ROOT / "app" / include)) continue;
+            const std::string other = include.substr(0, include.find('/'));
+            EXPECT_TRUE(other == room || below.at(room).count(other) != 0) << file << " includes " << include;
+        }
+    }
+    EXPECT_EQ(rooms.size(), below.size());
+}
+
+}  // namespace

@@ -1,7 +1,0 @@
-// orvel decode: spots from recordings.
-#pragma once
-
-#include <CLI/CLI.hpp>
-
-// Adds the subcommand to the command line of `orvel`. When it is called, `status` becomes its exit status.
-void add_decode(CLI::App& app, int& status);

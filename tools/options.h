@@ -1,0 +1,47 @@
+// Options that several subcommands have.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <optional>
+#include <string>
+
+#include "decoding/search.h"
+#include "recordings/recording.h"
+#include "transmission/steps.h"
+
+// Checks for option values: the whole text must be a finite number (not below 0).
+CLI::Validator finite_number();
+CLI::Validator width();
+
+// "LO:HI" behind an option. Throws UsageError.
+Range range_of(const std::string& option, const std::string& text);
+
+// "s16" or "float" behind --format; true for s16. Throws UsageError.
+bool is_s16(const std::string& text);
+
+void add_recording_options(CLI::App& sub, RecordingOptions& options);
+
+// What to search for, as typed.
+struct SearchOptions {
+    std::optional<double> center_hz;
+    double search_hz = 200;
+    double spread_hz = 0;
+    std::string protocols = "all";
+    std::string known_list;
+    std::string known_file;
+    bool known_only = false;
+    // Of a wide search; the subcommands that have one add these themselves.
+    bool wide = false;
+    std::optional<std::string> band;
+    double scan_z = DEFAULT_SCAN_Z;
+};
+
+// `center` tells the help which centre is searched around by default.
+void add_search_options(CLI::App& sub, SearchOptions& options, const std::string& center);
+
+// What they stand for. Throws UsageError.
+Search search_of(const SearchOptions& options, bool iq);
+
+// The steps of a transmission and how they sound, and what the steps are: help for a subcommand's end.
+void add_transmission_options(CLI::App& sub, Transmission& transmission);
+std::string step_help();
