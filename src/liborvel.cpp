@@ -25,8 +25,6 @@ namespace {
 constexpr int32_t MAX_KNOWN = 256;
 constexpr int32_t MAX_SPOTS = 64;      // reported from one block
 constexpr std::size_t MAX_TOKEN = 15;  // characters of a known callsign that are looked at
-constexpr double CHIP_SECONDS = 0.128;
-constexpr double CHIP_PER_OP = 0.256;  // chip length in seconds for each unit of the speed number
 
 // What ovl_keyed() looks at.
 constexpr int32_t MAX_KEYED = 64;
@@ -56,7 +54,7 @@ ovl_result to_result(const ov_spot& spot, double op) {
     result.protocol = spot.protocol;
     result.deep = spot.deep;
     result.t_start = spot.t;
-    result.t_end = spot.t + frame_chips(static_cast<uint32_t>(spot.protocol)) * CHIP_PER_OP * op;
+    result.t_end = spot.t + frame_chips(static_cast<uint32_t>(spot.protocol)) * OV_CHIP_PER_OP * op;
     result.freq_hz = spot.freq;
     result.snr_db = spot.snr;
     result.drift_hz_s = spot.drift;
@@ -131,7 +129,7 @@ const char* ovl_proto_name(uint32_t proto) {
 }
 
 double ovl_chip_seconds(void) {
-    return CHIP_SECONDS;
+    return OV_CHIP_SECONDS;
 }
 
 int32_t ovl_encode(uint32_t proto, const char* call, const char* loc, uint8_t* out, int32_t cap) {
@@ -238,9 +236,9 @@ int32_t ovl_keyed(const float* samples, int32_t n, int32_t rate, const ovl_setti
     }
     const auto newest = static_cast<int32_t>(std::fmin(std::floor((KEYED_EXTRA_S + seconds) * rate), std::max(n, 0)));
     const auto chips =
-        static_cast<int32_t>(std::fmin(std::floor(seconds / CHIP_SECONDS), std::numeric_limits<int32_t>::max() - 8));
+        static_cast<int32_t>(std::fmin(std::floor(seconds / OV_CHIP_SECONDS), std::numeric_limits<int32_t>::max() - 8));
     const int32_t least_chips = chips / 2 + 8;
-    if (std::floor(least_chips * CHIP_SECONDS * rate) > newest) return 0;
+    if (std::floor(least_chips * OV_CHIP_SECONDS * rate) > newest) return 0;
 
     const std::unique_ptr<double[]> block(new (std::nothrow) double[static_cast<std::size_t>(newest)]);
     if (!block) return -1;
@@ -250,7 +248,7 @@ int32_t ovl_keyed(const float* samples, int32_t n, int32_t rate, const ovl_setti
     const double f_lo = std::fmax(settings->center_hz - half, MIN_KEYED_HZ);
     std::array<ov_hit, MAX_KEYED> hits;
     const int32_t count =
-        ov_scan_w(block.get(), nullptr, newest, rate, CHIP_SECONDS, f_lo, settings->center_hz + half, z_min,
+        ov_scan_w(block.get(), nullptr, newest, rate, OV_CHIP_SECONDS, f_lo, settings->center_hz + half, z_min,
                   KEYED_SEPARATION_HZ, MAX_KEYED, hits.data(), nullptr, chips, KEYED_VARIANCE, 0);
     if (count < 0) return -1;
     int32_t written = 0;

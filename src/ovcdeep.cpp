@@ -118,7 +118,7 @@ class DeepSearch {
 
     void form_scale(int64_t t) {
         std::fill(squares_.begin(), squares_.end(), 0.0);
-        for (int32_t g = 0; g < OVC_GROUPS; g++) {
+        for (std::size_t g = 0; g < OVC_GROUPS; g++) {
             const double* const squares = groups_.squares(t, g);
             for (std::size_t c = 0; c < squares_.size(); c++) squares_[c] += squares[c];
         }
@@ -132,8 +132,7 @@ class DeepSearch {
         WordTable table;
         for (std::size_t g = 0; g < OVC_GROUPS; g++) {
             for (std::size_t w = 0; w < N_WORDS; w++) {
-                const float* const source =
-                    groups_.word(grid_.first_row + i, static_cast<int32_t>(g), static_cast<int32_t>(w)) + first;
+                const float* const source = groups_.word(grid_.first_row + i, g, w) + first;
                 Lanes& lanes = table[g * N_WORDS + w];
                 std::fill(std::copy_n(source, width, lanes.begin()), lanes.end(), 0.0f);
             }
@@ -195,7 +194,7 @@ class DeepSearch {
         ovc_deep_hit hit;
         hit.known = static_cast<int32_t>(entry);
         hit.pos = static_cast<int32_t>(grid_.first_row + i);
-        hit.column = grid_.first_column + static_cast<int32_t>(c);
+        hit.column = static_cast<int32_t>(grid_.first_column + c);
         hit.t = static_cast<double>(map_.hop) * hit.pos / map_.rate;
         hit.f = (hit.column - map_.half) * map_.bin_hz;
         hit.z = z;

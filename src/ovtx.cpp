@@ -15,7 +15,6 @@
 
 namespace {
 
-constexpr double CHIP_SECONDS = 0.128;
 constexpr double GLIDE_SECONDS = 0.01;  // time constant of level changes
 constexpr std::size_t FIRST_SEGMENTS = 512;
 constexpr double TWO_PI = 2 * std::numbers::pi;
@@ -67,12 +66,12 @@ int32_t add_frame(ovtx_state& tx, int32_t step, double& time_s) {
     }
 
     const int32_t chips = protocol->chips();
-    if (!fits(tx, time_s + chips * CHIP_SECONDS)) return fail(tx, DURATION_TEXT);
+    if (!fits(tx, time_s + chips * OV_CHIP_SECONDS)) return fail(tx, DURATION_TEXT);
     tx.chips[step] = chips;
     for (int32_t j = 0; j < chips; j++) {
-        add_seg(tx, time_s + j * CHIP_SECONDS, frame[static_cast<std::size_t>(j)] != 0, step, j);
+        add_seg(tx, time_s + j * OV_CHIP_SECONDS, frame[static_cast<std::size_t>(j)] != 0, step, j);
     }
-    time_s += chips * CHIP_SECONDS;
+    time_s += chips * OV_CHIP_SECONDS;
     return 0;
 }
 

@@ -26,6 +26,9 @@ struct ov_protocol {
 
 inline constexpr int32_t OV_NO_MODE = -1;
 
+inline constexpr double OV_CHIP_SECONDS = 0.128;  // length of a chip on the air, of all protocols
+inline constexpr double OV_CHIP_PER_OP = 0.256;   // the same for each unit of OPERA's speed number
+
 // The shares of OPERA and ORVEL S are the same but for the rounding of their last bit, which results show.
 inline constexpr std::array OV_PROTOCOLS = {
     ov_protocol{OVL_OPERA, "OPERA 05", "opera", "Classic", OV_NO_MODE, 119, -2.9921665490051286},

@@ -8,6 +8,7 @@
 #include "liborvel.h"
 #include "ovbb.h"
 #include "ovsync.h"
+#include "owners.h"
 
 namespace {
 
@@ -15,17 +16,6 @@ constexpr int32_t BASEBAND_RATE = 500;  // Hz; a chip is 64 samples
 constexpr double MARGIN_S = 1;          // of samples around the frame
 constexpr int FIRST_BESIDE = 3;         // chip bandwidths beside the carrier at which noise is looked for
 constexpr int LAST_BESIDE = 10;
-
-// A cut of the recording around a frame.
-class Baseband {
-  public:
-    Baseband() = default;
-    Baseband(const Baseband&) = delete;
-    Baseband& operator=(const Baseband&) = delete;
-    ~Baseband() { ov_baseband_free(baseband); }
-
-    ov_baseband baseband{};
-};
 
 class ChipEnergies {
   public:
@@ -103,16 +93,16 @@ std::optional<ChipView> measure_chips(Recording& recording, const ov_spot& spot)
     const double to_s = spot.t + nchips * ovl_chip_seconds() + MARGIN_S;
     const Stretch stretch = recording.read(from_s, std::max(to_s - from_s, 0.0));
     if (stretch.x.empty()) return std::nullopt;
-    Baseband cut;
+    BasebandOwner cut;
     const auto n = static_cast<int32_t>(stretch.x.size());
-    const int failed = stretch.q.empty() ? ov_baseband_real(stretch.x.data(), n, recording.rate(), spot.freq,
-                                                            BASEBAND_RATE, cut.baseband)
-                                         : ov_baseband_iq(stretch.x.data(), stretch.q.data(), n, recording.rate(),
-                                                          spot.freq, BASEBAND_RATE, cut.baseband);
+    const int failed =
+        stretch.q.empty()
+            ? ov_baseband_real(stretch.x.data(), n, recording.rate(), spot.freq, BASEBAND_RATE, cut)
+            : ov_baseband_iq(stretch.x.data(), stretch.q.data(), n, recording.rate(), spot.freq, BASEBAND_RATE, cut);
     if (failed != 0) return std::nullopt;
 
     const auto start = static_cast<int32_t>(std::lround((spot.t - stretch.begin_s) * BASEBAND_RATE));
-    ChipEnergies energies(cut.baseband, spot, start, nchips);
+    ChipEnergies energies(cut, spot, start, nchips);
     const double noise = noise_energy(energies);
     for (const float energy : energies.beside(0)) {
         view.energy.push_back(energy < 0 ? -1 : noise > 0 ? energy / noise : energy);

@@ -1,0 +1,349 @@
+// A frame shows in the score map as a pattern of ON and OFF chips: candidates are where that pattern fits best over all
+// messages that a frame could carry.
+#include "ovcandidates.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <new>
+#include <span>
+#include <vector>
+
+#include "median.h"
+#include "multiversion.h"
+#include "ovcenc.h"
+#include "runsums.h"
+
+namespace {
+
+constexpr double SIGMA_PER_MAD = 1.4826;  // standard deviation / median absolute deviation of a normal distribution
+constexpr std::size_t MAX_SCORE_SAMPLES = 200000;
+
+constexpr double THINNING_CHIPS = 7;       // candidates this close in time
+constexpr double THINNING_BANDWIDTHS = 2;  // and frequency (in 1/chip) are one
+
+// Correlations of a group with the eight words, for some columns: bit j of word w is the parity of w AND (j + 1), so
+// they are the negated Walsh-Hadamard transform of 0 and the seven differences, which lie `stride` apart.
+using EightWords = std::array<Floats16, 8>;
+inline void correlate(const float* differences, std::size_t stride, EightWords& x) {
+    x[0] = Floats16{};
+    for (std::size_t j = 0; j < OVC_WORD_BITS; j++) {
+        load(x[j + 1], differences + j * stride);
+        x[j + 1] = -x[j + 1];
+    }
+    for (std::size_t half = 1; half < x.size(); half *= 2) {
+        for (std::size_t k = 0; k < x.size(); k++) {
+            if ((k & half) != 0) continue;
+            const Floats16 sum = x[k] + x[k + half];
+            x[k + half] = x[k] - x[k + half];
+            x[k] = sum;
+        }
+    }
+}
+
+// n is a multiple of 16, here and in the next.
+ORVEL_MULTIVERSION void correlate_words(const float* differences, std::size_t n, float* words) {
+    for (std::size_t c = 0; c < n; c += FLOATS) {
+        EightWords x;
+        correlate(differences + c, n, x);
+        for (std::size_t w = 0; w < x.size(); w++) store(x[w], words + w * n + c);
+    }
+}
+
+// The best of the last word alone, of the first four, and of all.
+ORVEL_MULTIVERSION void correlate_best(const float* differences, std::size_t n, float* last, float* four, float* all) {
+    const Floats16 lowest = Floats16{} - 1e30f;
+    for (std::size_t c = 0; c < n; c += FLOATS) {
+        EightWords x;
+        correlate(differences + c, n, x);
+        Floats16 best = lowest;
+        for (std::size_t w = 0; w < x.size(); w++) {
+            best = x[w] > best ? x[w] : best;  // unchanged where x is no number
+            if (w == 3) store(best, four + c);
+        }
+        store(best, all + c);
+        best = x[7] > lowest ? x[7] : lowest;
+        store(best, last + c);
+    }
+}
+
+ORVEL_MULTIVERSION void subtract(const float* a, const float* b, std::size_t n, float* out) {
+    for (std::size_t c = 0; c < n; c++) out[c] = a[c] - b[c];
+}
+
+// Sums of 17 rows, in their order.
+using GroupRows = std::array<const float*, OVC_GROUPS>;
+ORVEL_MULTIVERSION void sum_groups(const GroupRows& rows, std::size_t n, float* out) {
+    for (std::size_t c = 0; c < n; c += FLOATS) {
+        Floats16 sum{};
+        for (const float* row : rows) {
+            Floats16 values;
+            load(values, row + c);
+            sum += values;
+        }
+        std::memcpy(out + c, &sum, std::min(FLOATS, n - c) * sizeof(float));
+    }
+}
+
+// The score of every place of a grid, row by row.
+class ScoreGrid {
+  public:
+    explicit ScoreGrid(const ov_grid& grid)
+        : columns_(grid.n_columns), scores_(static_cast<std::size_t>(grid.n_rows) * grid.n_columns) {}
+
+    std::span<float> row(int64_t i) {
+        return std::span(scores_).subspan(static_cast<std::size_t>(i) * columns_, columns_);
+    }
+    std::span<const float> row(int64_t i) const {
+        return std::span(scores_).subspan(static_cast<std::size_t>(i) * columns_, columns_);
+    }
+    std::span<const float> all() const { return scores_; }
+
+  private:
+    std::size_t columns_;
+    std::vector<float> scores_;
+};
+
+void score_groups(const ov_specmap& map, const ov_grid& grid, ScoreGrid& scores) {
+    ov_group_rows groups(map, grid, ov_group_rows::Keep::BEST);
+    for (int64_t i = 0; i < grid.n_rows; i++) {
+        const int64_t t = grid.first_row + i;
+        groups.advance(t);
+        GroupRows rows;
+        for (std::size_t g = 0; g < rows.size(); g++) rows[g] = groups.best(t, g);
+        sum_groups(rows, grid.n_columns, scores.row(i).data());
+    }
+}
+
+// Some columns of a row of the score, in double precision.
+constexpr std::size_t SUM_COLUMNS = 16;
+using ColumnSums = std::array<double, SUM_COLUMNS>;
+
+// Adds |power in the chip after row u − power in the chip that begins there| for `width` columns; nothing where either
+// lies outside the map.
+[[gnu::always_inline]] inline void add_difference(const ov_specmap& map, int64_t u, std::size_t column,
+                                                  std::size_t width, ColumnSums& sums) {
+    if (u < 0 || u + map.steps_per_chip >= map.npos) return;
+    const float* const first = map.row(u).data() + column;
+    const float* const second = map.row(u + map.steps_per_chip).data() + column;
+    if (width == SUM_COLUMNS) {  // a fixed count of columns can be added at once
+        for (std::size_t c = 0; c < SUM_COLUMNS; c++) sums[c] += static_cast<double>(std::fabs(second[c] - first[c]));
+    } else {
+        for (std::size_t c = 0; c < width; c++) sums[c] += static_cast<double>(std::fabs(second[c] - first[c]));
+    }
+}
+
+// Scores of some columns, of frames that start in rows t, t + 2S, …: pair k of the frame in row t compares the chips at
+// row t + (2k + 1)S, so that neighbouring scores of this sequence have all but one of their terms in common.
+ORVEL_MULTIVERSION void score_columns(const ov_specmap& map, const ov_grid& grid, int64_t residue, std::size_t column,
+                                      std::size_t width, ColumnSums* ends, ScoreGrid& scores) noexcept {
+    const int64_t stride = 2 * int64_t{map.steps_per_chip};
+    const int64_t starts = (grid.n_rows - residue + stride - 1) / stride;
+    const int64_t first_row = grid.first_row + residue + map.steps_per_chip;
+    const std::size_t source = grid.first_column + column;
+    sum_runs(
+        starts + map.pairs - 1, map.pairs, ends,
+        [&](ColumnSums& sums, int64_t i) { add_difference(map, first_row + i * stride, source, width, sums); },
+        [&](int64_t i, const ColumnSums& sums) {
+            float* const out = scores.row(residue + i * stride).data() + column;
+            for (std::size_t c = 0; c < width; c++) out[c] = static_cast<float>(sums[c]);
+        },
+        [](const ColumnSums& a, const ColumnSums& b) {
+            ColumnSums sum;
+            for (std::size_t c = 0; c < SUM_COLUMNS; c++) sum[c] = a[c] + b[c];
+            return sum;
+        });
+}
+
+void score_pairs(const ov_specmap& map, const ov_grid& grid, ScoreGrid& scores) {
+    if (map.pairs < 1) return;
+    const int64_t residues = std::min(2 * int64_t{map.steps_per_chip}, grid.n_rows);
+    std::vector<ColumnSums> ends(static_cast<std::size_t>(map.pairs));
+    for (std::size_t column = 0; column < grid.n_columns; column += SUM_COLUMNS) {
+        const std::size_t width = std::min(SUM_COLUMNS, grid.n_columns - column);
+        for (int64_t residue = 0; residue < residues; residue++) {
+            score_columns(map, grid, residue, column, width, ends.data(), scores);
+        }
+    }
+}
+
+struct ScoreStatistics {
+    float median;
+    double sigma;
+};
+
+ScoreStatistics score_statistics(std::span<const float> scores) {
+    const std::size_t n = std::min(scores.size(), MAX_SCORE_SAMPLES);
+    std::vector<float> sample(n);
+    for (std::size_t i = 0; i < n; i++) sample[i] = scores[i * scores.size() / n];
+
+    const float median = median_value(sample);
+    for (float& value : sample) value = std::fabs(value - median);
+    const double sigma = SIGMA_PER_MAD * median_value(sample);
+    return {median, sigma > 0 ? sigma : 1e-9};
+}
+
+// A peak is no lower than any of its neighbours; a flat top is several peaks.
+bool is_peak(const ScoreGrid& scores, int64_t n_rows, int64_t row, std::size_t column) {
+    const float score = scores.row(row)[column];
+    const std::size_t left = column > 0 ? column - 1 : 0;
+    for (int64_t r = std::max<int64_t>(row - 1, 0); r <= std::min(row + 1, n_rows - 1); r++) {
+        const std::span<const float> values = scores.row(r);
+        const std::size_t right = std::min(column + 1, values.size() - 1);
+        const auto near = values.subspan(left, right - left + 1);
+        if (std::any_of(near.begin(), near.end(), [&](float value) { return value > score; })) return false;
+    }
+    return true;
+}
+
+std::vector<ov_cand> find_peaks(const ov_specmap& map, const ov_grid& grid, const ScoreGrid& scores,
+                                const ScoreStatistics& statistics, double z_min) {
+    const auto threshold = static_cast<float>(z_min * statistics.sigma + statistics.median);
+    std::vector<ov_cand> peaks;
+    for (int64_t i = 0; i < grid.n_rows; i++) {
+        const std::span<const float> row = scores.row(i);
+        for (std::size_t c = 0; c < row.size(); c++) {
+            const float score = row[c];
+            if (!(score >= threshold) || !std::isfinite(score) || !is_peak(scores, grid.n_rows, i, c)) continue;
+            ov_cand cand;
+            cand.pos = static_cast<int32_t>(grid.first_row + i);
+            cand.bin = static_cast<int32_t>(grid.first_column + c);
+            cand.t = static_cast<double>(map.hop) * cand.pos / map.rate;
+            cand.f = (cand.bin - map.half) * map.bin_hz;
+            cand.score = score;
+            cand.z = (score - static_cast<double>(statistics.median)) / statistics.sigma;
+            peaks.push_back(cand);
+        }
+    }
+    return peaks;
+}
+
+int32_t cmp_cand_desc(const ov_cand& a, const ov_cand& b) {
+    return (b.score > a.score) - (b.score < a.score);
+}
+
+// Copies the strongest of each neighbourhood.
+int32_t thin_out(const ov_specmap& map, std::span<const ov_cand> sorted, std::span<ov_cand> out) {
+    const double near_s = THINNING_CHIPS * map.chip_s;
+    const double near_hz = THINNING_BANDWIDTHS / map.chip_s;
+    std::size_t kept = 0;
+    for (const ov_cand& cand : sorted) {
+        if (kept == out.size()) break;
+        const bool taken = std::any_of(
+            out.begin(), out.begin() + static_cast<std::ptrdiff_t>(kept),
+            [&](const ov_cand& k) { return std::fabs(k.t - cand.t) <= near_s && std::fabs(k.f - cand.f) <= near_hz; });
+        if (!taken) out[kept++] = cand;
+    }
+    return static_cast<int32_t>(kept);
+}
+
+}  // namespace
+
+bool ov_search_grid(const ov_specmap& map, int32_t chips, double t_min, double t_max, double search_hz, double edge,
+                    ov_grid& grid) {
+    const double fraction = std::fmin(std::fmax(edge, 0.0), 0.5);
+    const double overhang = std::floor(fraction * chips) * map.steps_per_chip;
+    const double to_last_chip = static_cast<double>(chips - 1) * map.steps_per_chip;
+    const double first = std::fmax(-overhang, std::ceil(t_min * map.rate / map.hop));
+    const double last = std::fmin(map.npos - 1 - to_last_chip + overhang, std::floor(t_max * map.rate / map.hop));
+    if (!(last >= first)) return false;
+
+    if (!(search_hz >= 0)) return false;
+    const double half = std::fmin(std::floor(search_hz / map.bin_hz), map.half);
+    grid.first_row = static_cast<int64_t>(first);
+    grid.n_rows = static_cast<int64_t>(last - first) + 1;
+    grid.first_column = static_cast<std::size_t>(map.half - half);
+    grid.n_columns = 2 * static_cast<std::size_t>(half) + 1;
+    return true;
+}
+
+void ov_pair_difference(const ov_specmap& map, const ov_grid& grid, int64_t r, float* out) {
+    if (r < 0 || r + map.steps_per_chip >= map.npos) {
+        std::fill_n(out, grid.n_columns, 0.0f);
+        return;
+    }
+    const float* const first = map.row(r).data() + grid.first_column;
+    const float* const second = map.row(r + map.steps_per_chip).data() + grid.first_column;
+    subtract(second, first, grid.n_columns, out);
+}
+
+ov_group_rows::ov_group_rows(const ov_specmap& map, const ov_grid& grid, Keep keep)
+    : map_(map),
+      grid_(grid),
+      keep_(keep),
+      stride_((grid.n_columns + FLOATS - 1) / FLOATS * FLOATS),
+      kinds_(keep == Keep::BEST ? static_cast<std::size_t>(N_BEST) : OVC_WALSH.size()),
+      depth_(2 * OVC_GROUPS * int64_t{map.steps_per_chip}),
+      next_row_(grid.first_row + map.steps_per_chip),
+      rows_(static_cast<std::size_t>(depth_) * kinds_ * stride_),
+      squares_(keep == Keep::WORDS ? static_cast<std::size_t>(depth_) * grid.n_columns : 0),
+      differences_(OVC_WORD_BITS * stride_) {}
+
+void ov_group_rows::advance(int64_t t) {
+    while (next_row_ <= group_row(t, OVC_GROUPS - 1)) form(next_row_++);
+}
+
+int64_t ov_group_rows::group_row(int64_t t, std::size_t g) const {
+    return t + static_cast<int64_t>(2 * g + 1) * map_.steps_per_chip;
+}
+
+const float* ov_group_rows::row(int64_t t, std::size_t g, std::size_t kind) const {
+    return rows_.data() + (slot(group_row(t, g)) * kinds_ + kind) * stride_;
+}
+
+const double* ov_group_rows::squares(int64_t t, std::size_t g) const {
+    return squares_.data() + slot(group_row(t, g)) * grid_.n_columns;
+}
+
+void ov_group_rows::form(int64_t u) {
+    int64_t r = u;
+    for (std::size_t j = 0; j < OVC_WORD_BITS; j++, r += depth_) {
+        ov_pair_difference(map_, grid_, r, differences_.data() + j * stride_);
+    }
+    float* const out = rows_.data() + slot(u) * kinds_ * stride_;
+    if (keep_ == Keep::BEST) {
+        correlate_best(differences_.data(), stride_, out + ONLY_LAST * stride_, out + FIRST_FOUR * stride_,
+                       out + ALL * stride_);
+    } else {
+        correlate_words(differences_.data(), stride_, out);
+        form_squares(u);
+    }
+}
+
+void ov_group_rows::form_squares(int64_t u) {
+    const std::size_t n = grid_.n_columns;
+    double* const out = squares_.data() + slot(u) * n;
+    std::fill_n(out, n, 0.0);
+    for (std::size_t j = 0; j < OVC_WORD_BITS; j++) {
+        for (std::size_t c = 0; c < n; c++) {
+            const double difference = differences_[j * stride_ + c];
+            out[c] += difference * difference;
+        }
+    }
+}
+
+int32_t ov_find_candidates(const ov_specmap& map, double t_min, double t_max, double search_hz, double edge,
+                           double z_min, int32_t max_out, ov_cand* out, double* median_out, double* sigma_out) {
+    ov_grid grid;
+    if (!ov_search_grid(map, map.frame_chips, t_min, t_max, search_hz, edge, grid)) return 0;
+    try {
+        ScoreGrid scores(grid);
+        if (map.pair_mode == 0) {
+            score_groups(map, grid, scores);
+        } else {
+            score_pairs(map, grid, scores);
+        }
+        const ScoreStatistics statistics = score_statistics(scores.all());
+        if (median_out != nullptr) *median_out = statistics.median;
+        if (sigma_out != nullptr) *sigma_out = statistics.sigma;
+        if (max_out < 1) return 0;
+
+        std::vector<ov_cand> peaks = find_peaks(map, grid, scores, statistics, z_min);
+        std::stable_sort(peaks.begin(), peaks.end(),
+                         [](const ov_cand& a, const ov_cand& b) { return cmp_cand_desc(a, b) < 0; });
+        return thin_out(map, peaks, {out, static_cast<std::size_t>(max_out)});
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
+}

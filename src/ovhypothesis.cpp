@@ -1,0 +1,281 @@
+// The starts, frequencies and drifts around a candidate are tried in three stages, each around the best of the one
+// before it. All chips of all hypotheses of a stage are measured together where that can be done.
+#include "ovhypothesis.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <complex>
+#include <cstring>
+#include <new>
+#include <numbers>
+#include <vector>
+
+#include "chipmeter.h"
+#include "multiversion.h"
+#include "ovcdec.h"
+
+namespace {
+
+using Complex = std::complex<double>;
+
+constexpr double NO_METRIC = -1e300;
+constexpr int32_t MAX_DRIFT_STEPS = 12;
+
+// |Σ x[k]·e^(−jθk)|² over n samples. Several phasors take turns, each advanced by as many rotations a time: one alone
+// would have to wait for its own last product.
+ORVEL_MULTIVERSION double tone_energy(const Complex* x, std::size_t n, const Complex& rotation) {
+    Doubles8 phasor_re{};
+    Doubles8 phasor_im{};
+    Complex turn = 1;
+    for (std::size_t j = 0; j < DOUBLES; j++) {
+        phasor_re[j] = turn.real();
+        phasor_im[j] = turn.imag();
+        turn *= rotation;
+    }
+    Doubles8 sum_re{};
+    Doubles8 sum_im{};
+    const auto add = [&](const Doubles8& x_re, const Doubles8& x_im) {
+        sum_re += x_re * phasor_re - x_im * phasor_im;
+        sum_im += x_re * phasor_im + x_im * phasor_re;
+        const Doubles8 next_re = phasor_re * turn.real() - phasor_im * turn.imag();
+        phasor_im = phasor_re * turn.imag() + phasor_im * turn.real();
+        phasor_re = next_re;
+    };
+    std::size_t k = 0;
+    for (; k + DOUBLES <= n; k += DOUBLES) {
+        Doubles8 front;
+        Doubles8 back;
+        std::memcpy(&front, x + k, sizeof front);
+        std::memcpy(&back, x + k + DOUBLES / 2, sizeof back);
+        add(__builtin_shufflevector(front, back, 0, 2, 4, 6, 8, 10, 12, 14),
+            __builtin_shufflevector(front, back, 1, 3, 5, 7, 9, 11, 13, 15));
+    }
+    Doubles8 rest_re{};
+    Doubles8 rest_im{};
+    for (std::size_t j = 0; k + j < n; j++) {
+        rest_re[j] = x[k + j].real();
+        rest_im[j] = x[k + j].imag();
+    }
+    add(rest_re, rest_im);
+    const double re = sum_of(sum_re);
+    const double im = sum_of(sum_im);
+    return re * re + im * im;
+}
+
+double layout_metric(const ov_specmap& map, const float* soft) {
+    if (map.pair_mode == 0) return ovc_frame_metric(soft);
+    double sum = 0;
+    for (int32_t i = 0; i < map.pairs; i++) sum += std::fabs(static_cast<double>(soft[i]));
+    return sum;
+}
+
+// A grid of steps to each side of a centre.
+struct Steps {
+    int32_t reach;
+    int32_t step;
+};
+Steps coarse_start_steps(int32_t hop) {
+    return {hop, hop >= 4 ? hop / 4 : 1};
+}
+Steps fine_start_steps(int32_t hop) {
+    const int32_t quarter = hop >= 4 ? hop / 4 : 1;
+    return {quarter, quarter >= 4 ? quarter / 4 : 1};
+}
+
+struct DriftSteps {
+    int32_t n;    // each side
+    double unit;  // Hz/s
+};
+
+// Steps of half a column over a frame, or twelve wider ones.
+DriftSteps drift_steps(const ov_specmap& map, double drift_max) {
+    const double unit = 0.5 * map.bin_hz / (map.frame_chips * map.chip_s);
+    const double n = std::ceil(drift_max / unit);
+    if (!(n <= MAX_DRIFT_STEPS)) return {MAX_DRIFT_STEPS, drift_max / MAX_DRIFT_STEPS};
+    return {static_cast<int32_t>(n), unit};
+}
+
+StartGrid starts_around(int32_t start, const Steps& steps) {
+    return {start - steps.reach, 2 * steps.reach / steps.step + 1, steps.step};
+}
+
+// Measures hypotheses and hands them to a judge, start by start.
+class HypothesisGrid {
+  public:
+    HypothesisGrid(const ov_baseband& bb, const ov_specmap& map, const std::function<void(const ov_measured&)>& judge)
+        : bb_(bb),
+          map_(map),
+          judge_(judge),
+          meter_(bb, map.chip_len, map.frame_chips),
+          drift_meter_(bb, map.chip_len, map.frame_chips) {}
+
+    // The starts with 2·n + 1 frequencies step_hz apart around f.
+    void measure(const StartGrid& starts, double f, int32_t n, double step_hz, double drift) {
+        freqs_.clear();
+        for (int32_t i = -n; i <= n; i++) freqs_.push_back(f + i * step_hz);
+        if (map_.spread == 0) meter_.measure(starts, freqs_, drift);
+        for (int32_t s = 0; s < starts.count; s++) {
+            for (std::size_t i = 0; i < freqs_.size(); i++) judge_at(starts, s, i, drift);
+        }
+    }
+
+    // One start with the frequencies and drifts of the grid.
+    void measure_drifts(int32_t start, const DriftGrid& grid) {
+        const bool together = map_.spread == 0 && drift_meter_.measure(start, grid);
+        for (int32_t j = -grid.n_drifts; j <= grid.n_drifts; j++) {
+            if (j == 0) continue;
+            if (!together) {
+                measure({start, 1, 1}, grid.f, grid.n_freqs, grid.step_hz, j * grid.unit);
+                continue;
+            }
+            for (int32_t i = -grid.n_freqs; i <= grid.n_freqs; i++) {
+                judge_({start, grid.f + i * grid.step_hz, j * grid.unit, drift_meter_.energies(i, j),
+                        drift_meter_.measured()});
+            }
+        }
+    }
+
+  private:
+    void judge_at(const StartGrid& starts, int32_t s, std::size_t i, double drift) {
+        if (map_.spread == 0) {
+            judge_({starts.at(s), freqs_[i], drift, meter_.energies(s, i), meter_.measured(s)});
+            return;
+        }
+        std::array<float, OV_MAX_CHIPS> energy;
+        const int32_t n_in = ov_chip_energies_sp(bb_, map_, starts.at(s), freqs_[i], drift, energy.data());
+        judge_({starts.at(s), freqs_[i], drift, energy.data(), n_in});
+    }
+
+    const ov_baseband& bb_;
+    const ov_specmap& map_;
+    const std::function<void(const ov_measured&)>& judge_;
+    ChipMeter meter_;
+    DriftMeter drift_meter_;
+    std::vector<double> freqs_;
+};
+
+// Replaces best by a measured hypothesis that has enough chips and scores strictly higher.
+void judge_hyp(const ov_specmap& map, const ov_measured& measured, int32_t min_chips, ov_hyp& best) {
+    if (measured.n_in < min_chips) return;
+    ov_hyp hyp{};
+    std::copy_n(measured.energy, map.frame_chips, hyp.energy);
+    hyp.n_in = measured.n_in;
+    hyp.noise = ov_noise_at(map, measured.f);
+    energies_to_soft(hyp.energy, map.pairs, hyp.noise, map.noise_rescale, hyp.soft);
+    hyp.metric = layout_metric(map, hyp.soft);
+    if (!(hyp.metric > best.metric)) return;
+
+    hyp.start = measured.start;
+    hyp.f = measured.f;
+    hyp.drift = measured.drift;
+    hyp.noise_rescale = map.noise_rescale;
+    hyp.spread_factor = map.spread_factor;
+    hyp.nchips = map.frame_chips;
+    best = hyp;
+}
+
+}  // namespace
+
+int32_t ov_chip_energies(const ov_baseband& bb, int32_t chip_len, int32_t nchips, int32_t start, double f, double drift,
+                         float* out) {
+    const DriftLine line(bb.rate, start, nchips, chip_len, f, drift);
+    const auto n = static_cast<std::size_t>(std::max(chip_len, 0));
+    int32_t measured = 0;
+    double last_theta = NAN;
+    Complex rotation;
+    for (int32_t c = 0; c < nchips; c++) {
+        const int64_t s = start + int64_t{c} * chip_len;
+        if (s < 0 || s + chip_len > bb.n) {
+            out[c] = -1;
+            continue;
+        }
+        const double theta = 2 * std::numbers::pi * line.at(static_cast<double>(s)) / bb.rate;
+        if (theta != last_theta) rotation = {std::cos(theta), -std::sin(theta)};  // without drift once for all
+        last_theta = theta;
+        out[c] = n > 0 ? static_cast<float>(tone_energy(bb.samples + s, n, rotation)) : 0;
+        measured++;
+    }
+    return measured;
+}
+
+int32_t ov_chip_energies_sp(const ov_baseband& bb, const ov_specmap& map, int32_t start, double f, double drift,
+                            float* out) {
+    const int32_t measured = ov_chip_energies(bb, map.chip_len, map.frame_chips, start,
+                                              map.spread == 0 ? f : f - map.spread * map.bin_hz, drift, out);
+    std::array<float, OV_MAX_CHIPS> more;
+    for (int32_t k = 1 - map.spread; k <= map.spread; k++) {
+        ov_chip_energies(bb, map.chip_len, map.frame_chips, start, f + k * map.bin_hz, drift, more.data());
+        std::transform(out, out + map.frame_chips, more.begin(), out,
+                       [](float sum, float energy) { return sum >= 0 ? sum + energy : sum; });
+    }
+    return measured;
+}
+
+void energies_to_soft(const float* energy, int32_t pairs, double noise, double scale, float* soft) {
+    for (int32_t i = 0; i < pairs; i++) {
+        const float first = energy[2 * i + 1];
+        const float second = energy[2 * i + 2];
+        const bool measured = !(first < 0) && !(second < 0);
+        soft[i] = measured ? static_cast<float>((second - first) / noise * scale) : 0.0f;
+    }
+}
+
+double ov_noise_at(const ov_specmap& map, double f) {
+    const double column = std::round(f / map.bin_hz) + map.half;
+    return map.noise[static_cast<int32_t>(std::fmin(std::fmax(column, 0.0), map.nbins - 1))];
+}
+
+void try_hyp(const ov_baseband& bb, const ov_specmap& map, int32_t start, double f, double drift, int32_t min_chips,
+             ov_hyp& best) {
+    std::array<float, OV_MAX_CHIPS> energy;
+    const int32_t n_in = ov_chip_energies_sp(bb, map, start, f, drift, energy.data());
+    judge_hyp(map, {start, f, drift, energy.data(), n_in}, min_chips, best);
+}
+
+int ov_refine(const ov_baseband& bb, const ov_specmap& map, const ov_cand& cand, double drift_max, double edge,
+              ov_hyp& out) {
+    const int32_t min_chips = ov_chips_needed(edge, map.frame_chips);
+    ov_hyp best{};
+    best.metric = NO_METRIC;
+    const auto judge = [&](const ov_measured& measured) { judge_hyp(map, measured, min_chips, best); };
+    if (ov_search_around(bb, map, cand.pos * map.hop, cand.f, drift_max, best, std::ref(judge)) != 0) return -1;
+    out = best;
+    return 0;
+}
+
+int ov_search_around(const ov_baseband& bb, const ov_specmap& map, int32_t start, double f, double drift_max,
+                     ov_hyp& best, const std::function<void(const ov_measured&)>& judge) {
+    try {
+        HypothesisGrid grid(bb, map, judge);
+        grid.measure(starts_around(start, coarse_start_steps(map.hop)), f, 4, map.bin_hz / 4, 0);
+        if (!(best.metric > -1e299)) return -1;
+
+        // Each stage searches around what the stage before it found, not around its own running best.
+        if (drift_max > 0) {
+            const DriftSteps steps = drift_steps(map, drift_max);
+            grid.measure_drifts(best.start, {best.f, map.bin_hz / 4, 2, steps.unit, steps.n});
+        }
+        grid.measure(starts_around(best.start, fine_start_steps(map.hop)), best.f, 2, map.bin_hz / 16, best.drift);
+        return 0;
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
+}
+
+int32_t ov_chips_needed(double edge, int32_t frame_chips) {
+    const double needed = std::ceil((1 - edge) * frame_chips);
+    if (std::isnan(needed)) return frame_chips;
+    return static_cast<int32_t>(std::clamp(needed, 0.0, frame_chips + 1.0));  // more than there are: never enough
+}
+
+int ov_fit_shift(const ov_baseband& bb, const ov_specmap& map, const ov_hyp& hyp, int32_t shift, double edge,
+                 ov_hyp& out) {
+    out = hyp;
+    out.start = hyp.start + shift * map.chip_len;
+    out.n_in = ov_chip_energies_sp(bb, map, out.start, out.f, out.drift, out.energy);
+    if (out.n_in < ov_chips_needed(edge, map.frame_chips)) return -1;
+    energies_to_soft(out.energy, map.pairs, out.noise, map.noise_rescale, out.soft);
+    out.metric = layout_metric(map, out.soft);
+    return 0;
+}
