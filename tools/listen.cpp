@@ -186,13 +186,14 @@ void add_listen(CLI::App& app, int& status) {
         ->type_name("TIME")
         ->needs(raw);
     sub->add_option("--every", options->listener.every_s,
-                    "Decode so often; a spot comes one to two such lengths after it has settled [4]")
+                    "Decode so often; a spot comes one to two such lengths behind its hold-off [4]")
         ->type_name("SECONDS")
         ->check(finite_number())
         ->check(CLI::Range(1.0, 15.0));
-    sub->add_option("--settle", options->listener.hold_off_s,
-                    "Wait so long after the end of a frame, as another that has begun may hide it, or be taken for one "
-                    "while it is not whole [48]; 0 prints spots sooner")
+    sub->add_option(
+           "--hold-off,--settle", options->listener.hold_off_s,
+           "Hold a frame back so long after its end, as another that has begun may hide it, or be taken for one "
+           "while it is not whole [48]; 0 prints spots sooner")
         ->type_name("SECONDS")
         ->check(finite_number())
         ->check(CLI::Range(0.0, 60.0));
