@@ -21,6 +21,7 @@
 #include "ovfft.h"
 #include "ovpipe.h"
 #include "ovsync.h"
+#include "owners.h"
 #include "scenes.h"
 #include "siggen.h"
 
@@ -54,8 +55,8 @@ Stages measure(const std::vector<double>& x, int32_t rate, const ov_params& para
     const auto n = static_cast<int32_t>(x.size());
     const double chip_s = 0.256 * params.op;
     Stages stages{};
-    ov_baseband bb{};
-    ov_specmap map{};
+    BasebandOwner bb;
+    MapOwner map;
     stages.baseband = least_seconds([&] {
         ov_baseband_free(bb);
         ov_baseband_real(x.data(), n, rate, params.center_hz, 500, bb);
@@ -71,16 +72,14 @@ Stages measure(const std::vector<double>& x, int32_t rate, const ov_params& para
     });
     std::vector<ov_spot> spots(64);
     stages.all = least_seconds([&] { ov_decode_real(x.data(), n, rate, params, spots.data(), 64); });
-    ov_spectrogram_free(map);
-    ov_baseband_free(bb);
     return stages;
 }
 
 double measure_floor(const std::vector<double>& x, int32_t rate) {
     const auto n = static_cast<int32_t>(x.size());
-    ov_spectrum spectrum{};
-    ov_baseband bb{};
-    ov_specmap map{};
+    SpectrumOwner spectrum;
+    BasebandOwner bb;
+    MapOwner map;
     ov_spectrum_real(x.data(), n, rate, 500, spectrum);
     ov_baseband_extract(spectrum, 1500, bb);
     ov_spectrogram(bb, 0.128, 200, 0, map);
@@ -101,9 +100,6 @@ double measure_floor(const std::vector<double>& x, int32_t rate) {
         fftw_execute(back.get());
         for (int32_t p = 0; p < map.npos; p++) fftw_execute(rows.get());
     });
-    ov_spectrogram_free(map);
-    ov_baseband_free(bb);
-    ov_spectrum_free(spectrum);
     return seconds;
 }
 
@@ -129,13 +125,11 @@ double map_cells_a_second(int32_t rate) {
     ov_params params;
     ov_params_default(params);
     const std::vector<double> block = render_real(noise_scene(31, rate));
-    ov_baseband bb{};
-    ov_specmap map{};
+    BasebandOwner bb;
+    MapOwner map;
     ov_baseband_real(block.data(), static_cast<int32_t>(block.size()), rate, params.center_hz, 500, bb);
     ov_spectrogram(bb, 0.256 * params.op, params.search_hz, params.spread_hz, map);
     const double cells = map.nbins * map.rate / map.hop;
-    ov_spectrogram_free(map);
-    ov_baseband_free(bb);
     return cells;
 }
 

@@ -14,6 +14,7 @@
 
 #include "ovcdeep.h"
 #include "ovpipe.h"
+#include "owners.h"
 #include "siggen.h"
 
 namespace {
@@ -97,8 +98,8 @@ int main(int argc, char** argv) {
     const std::vector<double> x = render_real(make_scene(seconds, known));
     ov_params params;
     ov_params_default(params);
-    ov_baseband bb;
-    ov_specmap map;
+    BasebandOwner bb;
+    MapOwner map;
     if (ov_baseband_real(x.data(), static_cast<int32_t>(x.size()), 12000, params.center_hz, 500, bb) != 0 ||
         ov_spectrogram(bb, 0.128, params.search_hz, 0, map) != 0) {
         std::fprintf(stderr, "bench_deep: no score map\n");
@@ -132,7 +133,5 @@ int main(int argc, char** argv) {
                 plain_mb, static_cast<long>(cells));
     std::printf("%-24s %8.3f s\n", "block without it", block_s);
     std::printf("plain / deep %.1f, deep / block %.1f\n", plain_s / shared_s, shared_s / block_s);
-    ov_spectrogram_free(map);
-    ov_baseband_free(bb);
     return 0;
 }

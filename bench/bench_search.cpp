@@ -10,6 +10,7 @@
 
 #include "orvel.h"
 #include "ovpipe.h"
+#include "owners.h"
 #include "scenes.h"
 #include "siggen.h"
 #include "sync_model.h"
@@ -72,8 +73,8 @@ int main(int argc, char** argv) {
     ov_params params;
     ov_params_default(params);
     const std::vector<double> audio = render_real(busy_scene(seconds, RATE, 10));
-    ov_baseband bb{};
-    ov_specmap map{};
+    BasebandOwner bb;
+    MapOwner map;
     if (ov_baseband_real(audio.data(), static_cast<int32_t>(audio.size()), RATE, params.center_hz, 500, bb) != 0 ||
         ov_spectrogram(bb, 0.256 * params.op, params.search_hz, params.spread_hz, map) != 0) {
         return 1;
@@ -86,7 +87,5 @@ int main(int argc, char** argv) {
         ov_spec_frame(map, ov_ncoded(mode), 1);
         same = compare(mode == 0 ? "ORVEL S" : "ORVEL L", map, params) && same;
     }
-    ov_spectrogram_free(map);
-    ov_baseband_free(bb);
     return same ? 0 : 1;
 }

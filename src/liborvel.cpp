@@ -33,9 +33,7 @@ constexpr double MIN_KEYED_SECONDS = 3;
 constexpr double KEYED_EXTRA_S = 0.256;       // two chips beyond the seconds asked for
 constexpr double MIN_KEYED_HALF_WIDTH = 300;  // Hz: the median needs bins without a signal
 constexpr double MIN_KEYED_HZ = 100;
-constexpr double KEYED_SEPARATION_HZ = 15;
-constexpr double KEYED_MARGIN_HZ = 5;    // beyond the band asked for
-constexpr double KEYED_VARIANCE = 0.85;  // keying varies the power more than a carrier with noise
+constexpr double KEYED_MARGIN_HZ = 5;  // beyond the band asked for
 
 bool is_separator(char c) {
     return c == ',' || c == ';' || std::isspace(static_cast<unsigned char>(c)) != 0;
@@ -249,7 +247,7 @@ int32_t ovl_keyed(const float* samples, int32_t n, int32_t rate, const ovl_setti
     std::array<ov_hit, MAX_KEYED> hits;
     const int32_t count =
         ov_scan_w(block.get(), nullptr, newest, rate, OV_CHIP_SECONDS, f_lo, settings->center_hz + half, z_min,
-                  KEYED_SEPARATION_HZ, MAX_KEYED, hits.data(), nullptr, chips, KEYED_VARIANCE, 0);
+                  OV_KEYED_SEPARATION_HZ, MAX_KEYED, hits.data(), nullptr, chips, OV_KEYED_VARIANCE, 0);
     if (count < 0) return -1;
     int32_t written = 0;
     for (int32_t i = 0; i < count && written < max_out; i++) {

@@ -10,14 +10,13 @@
 #include <span>
 #include <vector>
 
-#include "median.h"
 #include "multiversion.h"
 #include "ovcenc.h"
+#include "robust.h"
 #include "runsums.h"
 
 namespace {
 
-constexpr double SIGMA_PER_MAD = 1.4826;  // standard deviation / median absolute deviation of a normal distribution
 constexpr std::size_t MAX_SCORE_SAMPLES = 200000;
 
 constexpr double THINNING_CHIPS = 7;       // candidates this close in time
@@ -168,49 +167,28 @@ void score_pairs(const ov_specmap& map, const ov_grid& grid, ScoreGrid& scores) 
     }
 }
 
-struct ScoreStatistics {
-    float median;
-    double sigma;
-};
-
-ScoreStatistics score_statistics(std::span<const float> scores) {
+RobustStatistics score_statistics(std::span<const float> scores) {
     const std::size_t n = std::min(scores.size(), MAX_SCORE_SAMPLES);
     std::vector<float> sample(n);
     for (std::size_t i = 0; i < n; i++) sample[i] = scores[i * scores.size() / n];
-
-    const float median = median_value(sample);
-    for (float& value : sample) value = std::fabs(value - median);
-    const double sigma = SIGMA_PER_MAD * median_value(sample);
-    return {median, sigma > 0 ? sigma : 1e-9};
-}
-
-// A peak is no lower than any of its neighbours; a flat top is several peaks.
-bool is_peak(const ScoreGrid& scores, int64_t n_rows, int64_t row, std::size_t column) {
-    const float score = scores.row(row)[column];
-    const std::size_t left = column > 0 ? column - 1 : 0;
-    for (int64_t r = std::max<int64_t>(row - 1, 0); r <= std::min(row + 1, n_rows - 1); r++) {
-        const std::span<const float> values = scores.row(r);
-        const std::size_t right = std::min(column + 1, values.size() - 1);
-        const auto near = values.subspan(left, right - left + 1);
-        if (std::any_of(near.begin(), near.end(), [&](float value) { return value > score; })) return false;
-    }
-    return true;
+    return robust_statistics(sample, median_value);
 }
 
 std::vector<ov_cand> find_peaks(const ov_specmap& map, const ov_grid& grid, const ScoreGrid& scores,
-                                const ScoreStatistics& statistics, double z_min) {
+                                const RobustStatistics& statistics, double z_min) {
     const auto threshold = static_cast<float>(z_min * statistics.sigma + statistics.median);
+    const auto rows = [&](int64_t r) { return scores.row(r); };
     std::vector<ov_cand> peaks;
     for (int64_t i = 0; i < grid.n_rows; i++) {
         const std::span<const float> row = scores.row(i);
         for (std::size_t c = 0; c < row.size(); c++) {
             const float score = row[c];
-            if (!(score >= threshold) || !std::isfinite(score) || !is_peak(scores, grid.n_rows, i, c)) continue;
+            if (!(score >= threshold) || !std::isfinite(score) || !is_peak(rows, grid.n_rows, i, c)) continue;
             ov_cand cand;
             cand.pos = static_cast<int32_t>(grid.first_row + i);
             cand.bin = static_cast<int32_t>(grid.first_column + c);
-            cand.t = static_cast<double>(map.hop) * cand.pos / map.rate;
-            cand.f = (cand.bin - map.half) * map.bin_hz;
+            cand.t = map.row_s(cand.pos);
+            cand.f = map.column_hz(cand.bin);
             cand.score = score;
             cand.z = (score - static_cast<double>(statistics.median)) / statistics.sigma;
             peaks.push_back(cand);
@@ -221,21 +199,6 @@ std::vector<ov_cand> find_peaks(const ov_specmap& map, const ov_grid& grid, cons
 
 int32_t cmp_cand_desc(const ov_cand& a, const ov_cand& b) {
     return (b.score > a.score) - (b.score < a.score);
-}
-
-// Copies the strongest of each neighbourhood.
-int32_t thin_out(const ov_specmap& map, std::span<const ov_cand> sorted, std::span<ov_cand> out) {
-    const double near_s = THINNING_CHIPS * map.chip_s;
-    const double near_hz = THINNING_BANDWIDTHS / map.chip_s;
-    std::size_t kept = 0;
-    for (const ov_cand& cand : sorted) {
-        if (kept == out.size()) break;
-        const bool taken = std::any_of(
-            out.begin(), out.begin() + static_cast<std::ptrdiff_t>(kept),
-            [&](const ov_cand& k) { return std::fabs(k.t - cand.t) <= near_s && std::fabs(k.f - cand.f) <= near_hz; });
-        if (!taken) out[kept++] = cand;
-    }
-    return static_cast<int32_t>(kept);
 }
 
 }  // namespace
@@ -334,7 +297,7 @@ int32_t ov_find_candidates(const ov_specmap& map, double t_min, double t_max, do
         } else {
             score_pairs(map, grid, scores);
         }
-        const ScoreStatistics statistics = score_statistics(scores.all());
+        const RobustStatistics statistics = score_statistics(scores.all());
         if (median_out != nullptr) *median_out = statistics.median;
         if (sigma_out != nullptr) *sigma_out = statistics.sigma;
         if (max_out < 1) return 0;
@@ -342,7 +305,12 @@ int32_t ov_find_candidates(const ov_specmap& map, double t_min, double t_max, do
         std::vector<ov_cand> peaks = find_peaks(map, grid, scores, statistics, z_min);
         std::stable_sort(peaks.begin(), peaks.end(),
                          [](const ov_cand& a, const ov_cand& b) { return cmp_cand_desc(a, b) < 0; });
-        return thin_out(map, peaks, {out, static_cast<std::size_t>(max_out)});
+        const double near_s = THINNING_CHIPS * map.chip_s;
+        const double near_hz = THINNING_BANDWIDTHS / map.chip_s;
+        return thin_out<ov_cand>(peaks, {out, static_cast<std::size_t>(max_out)},
+                                 [&](const ov_cand& a, const ov_cand& b) {
+                                     return std::fabs(a.t - b.t) <= near_s && std::fabs(a.f - b.f) <= near_hz;
+                                 });
     } catch (const std::bad_alloc&) {
         return -1;
     }

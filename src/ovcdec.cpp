@@ -12,7 +12,6 @@
 
 namespace {
 
-constexpr double NO_METRIC = -1e300;
 constexpr double NO_TWIN = 1e30;
 
 // Metrics of every group's rows.
@@ -150,7 +149,7 @@ Metrics all_group_metrics(const float* soft) {
 int32_t best_row(const std::array<double, 8>& metrics, int32_t group) {
     const ovc_row_range allowed = ovc_allowed_rows(group);
     int32_t best = -1;
-    double best_metric = NO_METRIC;
+    double best_metric = OVC_NO_METRIC;
     for (int32_t row = allowed.first; row <= allowed.last; row++) {
         const double metric = metrics[static_cast<std::size_t>(row)];
         if (metric > best_metric) {
@@ -234,7 +233,7 @@ double ovc_frame_metric(const float* soft) {
         std::array<double, 8> metrics;
         group_metrics(soft, g, metrics.data());
         const int32_t row = best_row(metrics, g);
-        total += row < 0 ? NO_METRIC : metrics[static_cast<std::size_t>(row)];
+        total += row < 0 ? OVC_NO_METRIC : metrics[static_cast<std::size_t>(row)];
     }
     return total;
 }

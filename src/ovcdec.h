@@ -28,6 +28,9 @@ struct ovc_soft_info {
     double deficit;  // of the accepted frame, else 0
 };
 
+// Where every search for the greatest metric begins.
+inline constexpr double OVC_NO_METRIC = -1e300;
+
 // More frames than this are never listed: the best, 108 single changes, 120 pairs and 56 triples of the cheapest.
 inline constexpr int32_t OVC_MAX_LISTED = 1 + 108 + 120 + 56;
 

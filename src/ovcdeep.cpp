@@ -15,9 +15,11 @@
 #include <span>
 #include <vector>
 
+#include "ovcdec.h"
+#include "robust.h"
+
 namespace {
 
-constexpr double NO_METRIC = -1e300;
 constexpr double SAME_FRAMES = 0.5;   // hits of one callsign this close in time
 constexpr double SAME_CHIP_HZ = 3.0;  // and frequency (in 1/chip) are one
 
@@ -102,7 +104,9 @@ class DeepSearch {
     }
 
     // Row i (from the grid's first) of a callsign, and the highest Z in it.
-    float* row(std::size_t entry, int64_t i) { return z_.data() + slot(entry, i) * grid_.n_columns; }
+    std::span<float> row(std::size_t entry, int64_t i) {
+        return std::span(z_).subspan(slot(entry, i) * grid_.n_columns, grid_.n_columns);
+    }
     float& highest(std::size_t entry, int64_t i) { return highest_[slot(entry, i)]; }
 
     void form_row(int64_t i) {
@@ -144,23 +148,23 @@ class DeepSearch {
             if (!words_[entry]) continue;
             Lanes z = sum_words(table, *words_[entry]);
             for (std::size_t k = 0; k < LANES; k++) z[k] *= scale[k];
-            std::copy_n(z.begin(), width, row(entry, i) + first);
+            std::copy_n(z.begin(), width, row(entry, i).data() + first);
             note_highest(z, highest(entry, i));
         }
     }
 
     // Z of row i, pair by pair, for signs that are no code words.
     void sum_pairs(std::size_t entry, int64_t i) {
-        float* const z = row(entry, i);
-        std::fill_n(z, grid_.n_columns, 0.0f);
+        const std::span<float> z = row(entry, i);
+        std::ranges::fill(z, 0.0f);
         for (int64_t k = 0; k < OVC_PAIRS; k++) {
             ov_pair_difference(map_, grid_, grid_.first_row + i + (2 * k + 1) * map_.steps_per_chip,
                                difference_.data());
             const auto sign = static_cast<float>(known_[entry].signs[k]);
-            for (std::size_t c = 0; c < grid_.n_columns; c++) z[c] += sign * difference_[c];
+            for (std::size_t c = 0; c < z.size(); c++) z[c] += sign * difference_[c];
         }
-        for (std::size_t c = 0; c < grid_.n_columns; c++) z[c] *= scale_[c];
-        note_highest(std::span(z, grid_.n_columns), highest(entry, i));
+        for (std::size_t c = 0; c < z.size(); c++) z[c] *= scale_[c];
+        note_highest(z, highest(entry, i));
     }
 
     static void note_highest(std::span<const float> z, float& highest) {
@@ -172,22 +176,12 @@ class DeepSearch {
     void find_peaks(int64_t i) {
         for (std::size_t entry = 0; entry < known_.size(); entry++) {
             if (!(highest(entry, i) >= threshold_)) continue;
-            const float* const z = row(entry, i);
-            for (std::size_t c = 0; c < grid_.n_columns; c++) {
-                if (z[c] >= threshold_ && is_peak(entry, i, c)) add_hit(entry, i, c, z[c]);
+            const auto rows = [&](int64_t r) { return row(entry, r); };
+            const std::span<const float> z = row(entry, i);
+            for (std::size_t c = 0; c < z.size(); c++) {
+                if (z[c] >= threshold_ && is_peak(rows, grid_.n_rows, i, c)) add_hit(entry, i, c, z[c]);
             }
         }
-    }
-
-    bool is_peak(std::size_t entry, int64_t i, std::size_t c) {
-        const float z = row(entry, i)[c];
-        const std::size_t left = c > 0 ? c - 1 : 0;
-        const std::size_t right = std::min(c + 1, grid_.n_columns - 1);
-        for (int64_t r = std::max<int64_t>(i - 1, 0); r <= std::min(i + 1, grid_.n_rows - 1); r++) {
-            const float* const other = row(entry, r);
-            if (std::any_of(other + left, other + right + 1, [&](float value) { return value > z; })) return false;
-        }
-        return true;
     }
 
     void add_hit(std::size_t entry, int64_t i, std::size_t c, float z) {
@@ -195,8 +189,8 @@ class DeepSearch {
         hit.known = static_cast<int32_t>(entry);
         hit.pos = static_cast<int32_t>(grid_.first_row + i);
         hit.column = static_cast<int32_t>(grid_.first_column + c);
-        hit.t = static_cast<double>(map_.hop) * hit.pos / map_.rate;
-        hit.f = (hit.column - map_.half) * map_.bin_hz;
+        hit.t = map_.row_s(hit.pos);
+        hit.f = map_.column_hz(hit.column);
         hit.z = z;
         hits_.push_back(hit);
     }
@@ -214,22 +208,6 @@ class DeepSearch {
     std::vector<float> difference_;
     std::vector<ovc_deep_hit> hits_;
 };
-
-// Drops hits of a callsign that already has a stronger one in the same place.
-int32_t thin_out(const ov_specmap& map, std::span<const ovc_deep_hit> sorted, std::span<ovc_deep_hit> out) {
-    const double near_s = SAME_FRAMES * OVC_CHIPS * map.chip_s;
-    const double near_hz = SAME_CHIP_HZ / map.chip_s;
-    std::size_t kept = 0;
-    for (const ovc_deep_hit& hit : sorted) {
-        if (kept == out.size()) break;
-        const auto stronger = out.first(kept);
-        const bool taken = std::any_of(stronger.begin(), stronger.end(), [&](const ovc_deep_hit& k) {
-            return k.known == hit.known && std::fabs(k.t - hit.t) < near_s && std::fabs(k.f - hit.f) < near_hz;
-        });
-        if (!taken) out[kept++] = hit;
-    }
-    return static_cast<int32_t>(kept);
-}
 
 // Z of measured chip energies; pairs not wholly measured are left out.
 double energy_z(const float* energy, const int8_t* signs) {
@@ -299,7 +277,12 @@ int32_t ovc_deep_search(const ov_specmap& map, const ovc_known* known, int32_t n
         std::vector<ovc_deep_hit> found =
             DeepSearch(map, grid, {known, static_cast<std::size_t>(n_known)}, least_z).hits();
         std::sort(found.begin(), found.end(), hit_before);
-        return thin_out(map, found, {hits, static_cast<std::size_t>(std::max(max_hits, 0))});
+        const double near_s = SAME_FRAMES * OVC_CHIPS * map.chip_s;
+        const double near_hz = SAME_CHIP_HZ / map.chip_s;
+        const auto same = [&](const ovc_deep_hit& a, const ovc_deep_hit& b) {
+            return a.known == b.known && std::fabs(a.t - b.t) < near_s && std::fabs(a.f - b.f) < near_hz;
+        };
+        return thin_out<ovc_deep_hit>(found, {hits, static_cast<std::size_t>(std::max(max_hits, 0))}, same);
     } catch (const std::bad_alloc&) {
         return -1;
     }
@@ -316,7 +299,7 @@ int ovc_deep_refine(const ov_baseband& bb, const ov_specmap& map, const ovc_know
                     double drift_range, double guard, ov_hyp& hyp) {
     const int32_t min_chips = ov_chips_needed(guard, OVC_CHIPS);
     ov_hyp best{};
-    best.metric = NO_METRIC;
+    best.metric = OVC_NO_METRIC;
     const auto judge = [&](const ov_measured& measured) { judge_deep(map, known, measured, min_chips, best); };
     if (ov_search_around(bb, map, hit.pos * map.hop, hit.f, drift_range, best, std::ref(judge)) != 0) return -1;
     energies_to_soft(best.energy, OVC_PAIRS, best.noise, map.noise_rescale, best.soft);

@@ -19,7 +19,6 @@ namespace {
 
 using Complex = std::complex<double>;
 
-constexpr double NO_METRIC = -1e300;
 constexpr int32_t MAX_DRIFT_STEPS = 12;
 
 // |Σ x[k]·e^(−jθk)|² over n samples. Several phasors take turns, each advanced by as many rotations a time: one alone
@@ -237,7 +236,7 @@ int ov_refine(const ov_baseband& bb, const ov_specmap& map, const ov_cand& cand,
               ov_hyp& out) {
     const int32_t min_chips = ov_chips_needed(edge, map.frame_chips);
     ov_hyp best{};
-    best.metric = NO_METRIC;
+    best.metric = OVC_NO_METRIC;
     const auto judge = [&](const ov_measured& measured) { judge_hyp(map, measured, min_chips, best); };
     if (ov_search_around(bb, map, cand.pos * map.hop, cand.f, drift_max, best, std::ref(judge)) != 0) return -1;
     out = best;

@@ -15,7 +15,6 @@
 
 namespace {
 
-constexpr double NO_SNR = -99.0;
 constexpr int32_t MAX_DEEP_HITS = 64;
 constexpr double SAME_PLACE_FRAMES = 0.9;
 
@@ -101,7 +100,7 @@ ov_spot opera_spot(const Search& search, const ov_cand& cand, const Fit& fit, co
     if (ovc_encode(decision.call.data(), chips.data(), nullptr) == 0) {
         compare_with_chips(search, fit.hyp, chips.data(), spot);
     } else {
-        spot.snr = NO_SNR;
+        spot.snr = OV_NO_SNR;
     }
     return spot;
 }

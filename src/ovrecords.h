@@ -31,6 +31,10 @@ struct ov_specmap {
     int32_t frame_chips;     // chips,
     int32_t pair_mode;       // 0: scored by Walsh groups (OPERA), 1: by Manchester pairs (ORVEL)
 
+    // Start of a row, s, and frequency of a column, Hz.
+    double row_s(int32_t r) const { return static_cast<double>(hop) * r / rate; }
+    double column_hz(int32_t column) const { return (column - half) * bin_hz; }
+
     // The powers of one row, which must exist.
     std::span<const float> row(int64_t r) const { return {power + r * nbins, static_cast<std::size_t>(nbins)}; }
 };

@@ -13,20 +13,16 @@
 #include <stdexcept>
 #include <vector>
 
-#include "median.h"
 #include "ovfft.h"
+#include "robust.h"
 #include "runsums.h"
 
 namespace {
 
 using Complex = std::complex<double>;
 
-constexpr double LN2 = 0.6931472;         // median of exponentially distributed powers / their mean
-constexpr double SIGMA_PER_MAD = 1.4826;  // standard deviation / median absolute deviation of a normal distribution
-constexpr float NOISE_FLOOR = 1e-30f;
-constexpr int32_t FRAME_RUN = 238;  // jumps of an OPERA frame
-constexpr int32_t MIN_RUN = 16;     // chips
-constexpr int32_t MIN_WINDOW = 8;   // samples
+constexpr int32_t MIN_RUN = 16;    // chips
+constexpr int32_t MIN_WINDOW = 8;  // samples
 constexpr int64_t MIN_WINDOWS = 32;
 constexpr int64_t MIN_BINS = 5;
 constexpr int64_t PHASES = 4;  // windows a chip
@@ -43,6 +39,7 @@ struct Grid {
     double bin_hz;
 
     std::size_t size() const { return static_cast<std::size_t>(windows * bins); }
+    double bin_at(int64_t k) const { return static_cast<double>(first + k) * bin_hz; }  // Hz
 };
 
 std::optional<Grid> make_grid(bool is_complex, int32_t n, int32_t rate, double win_s, double f_lo, double f_hi) {
@@ -219,6 +216,18 @@ class JumpSearch {
     std::vector<Sums> ends_;
 };
 
+// The statistic of every bin.
+std::vector<float> jump_statistic(const Grid& grid, std::span<const float> powers, int32_t run_chips, double var_min) {
+    const std::vector<float> noise = noise_of(grid, powers);
+    std::vector<float> statistic(noise.size());
+    JumpSearch search(grid, powers, noise, run_chips, var_min);
+    for (std::size_t first = 0; first < statistic.size(); first += LANES) {
+        const Lanes<float> best = search.best(first);
+        std::copy_n(best.begin(), std::min(LANES, statistic.size() - first), statistic.data() + first);
+    }
+    return statistic;
+}
+
 // ---- Hits -------------------------------------------------------------------------------------------------------
 
 int32_t cmp_hit(const ov_hit& a, const ov_hit& b) {
@@ -232,18 +241,23 @@ bool is_peak(std::span<const float> statistic, std::size_t k) {
     return last || statistic[k] > statistic[k + 1];
 }
 
-// Copies the strongest hits that are far enough from each other.
-int32_t thin_out(std::span<const ov_hit> sorted, double min_sep_hz, std::span<ov_hit> out) {
-    std::size_t kept = 0;
-    for (const ov_hit& hit : sorted) {
-        if (kept == out.size()) break;
-        const auto stronger = out.first(kept);
-        const bool apart = std::all_of(stronger.begin(), stronger.end(), [&](const ov_hit& other) {
-            return std::fabs(other.freq_hz - hit.freq_hz) >= min_sep_hz;
-        });
-        if (apart) out[kept++] = hit;
+// Peaks of the statistic, strongest first.
+std::vector<ov_hit> find_hits(const Grid& grid, std::span<const float> statistic, const RobustStatistics& centre,
+                              double z_min) {
+    std::vector<ov_hit> found;
+    for (std::size_t k = 0; k < statistic.size(); k++) {
+        const double z = (static_cast<double>(statistic[k]) - static_cast<double>(centre.median)) / centre.sigma;
+        if (z >= z_min && is_peak(statistic, k)) found.push_back({grid.bin_at(static_cast<int64_t>(k)), z});
     }
-    return static_cast<int32_t>(kept);
+    std::stable_sort(found.begin(), found.end(), [](const ov_hit& a, const ov_hit& b) { return cmp_hit(a, b) < 0; });
+    return found;
+}
+
+void print_scan(const Grid& grid, const RobustStatistics& centre) {
+    std::fprintf(
+        stderr, "Scan: %ld bins of %.2f Hz from %.0f to %.0f Hz, %ld windows; jump statistic median %.3f, sigma %.4f\n",
+        static_cast<long>(grid.bins), grid.bin_hz, grid.bin_at(0), grid.bin_at(grid.bins - 1),
+        static_cast<long>(grid.windows), static_cast<double>(centre.median), centre.sigma);
 }
 
 }  // namespace
@@ -257,41 +271,16 @@ int32_t ov_scan_w(const double* re, const double* im, int32_t n, int32_t rate, d
     try {
         std::vector<float> powers(grid->size());
         if (!fill_powers(re, im, *grid, powers)) return -1;
-        const std::vector<float> noise = noise_of(*grid, powers);
+        const std::vector<float> statistic = jump_statistic(*grid, powers, run_chips, var_min);
+        std::vector<float> copy = statistic;
+        const RobustStatistics centre = robust_statistics(copy, upper_median);
+        if (verbose != 0) print_scan(*grid, centre);
 
-        std::vector<float> statistic(noise.size());
-        JumpSearch search(*grid, powers, noise, run_chips, var_min);
-        for (std::size_t first = 0; first < statistic.size(); first += LANES) {
-            const Lanes<float> best = search.best(first);
-            std::copy_n(best.begin(), std::min(LANES, statistic.size() - first),
-                        statistic.begin() + static_cast<std::ptrdiff_t>(first));
-        }
-
-        const float median = upper_median(statistic);
-        std::vector<float> deviations(statistic.size());
-        std::transform(statistic.begin(), statistic.end(), deviations.begin(),
-                       [median](float value) { return std::fabs(value - median); });
-        double sigma = SIGMA_PER_MAD * upper_median(deviations);
-        if (!(sigma > 0)) sigma = 1e-9;
-        if (verbose != 0) {
-            std::fprintf(stderr,
-                         "Scan: %ld bins of %.2f Hz from %.0f to %.0f Hz, %ld windows; jump statistic median %.3f, "
-                         "sigma %.4f\n",
-                         static_cast<long>(grid->bins), grid->bin_hz, static_cast<double>(grid->first) * grid->bin_hz,
-                         static_cast<double>(grid->first + grid->bins - 1) * grid->bin_hz,
-                         static_cast<long>(grid->windows), static_cast<double>(median), sigma);
-        }
-
-        std::vector<ov_hit> found;
-        for (std::size_t k = 0; k < statistic.size(); k++) {
-            const double z = (static_cast<double>(statistic[k]) - static_cast<double>(median)) / sigma;
-            if (!(z >= z_min) || !is_peak(statistic, k)) continue;
-            found.push_back({static_cast<double>(grid->first + static_cast<int64_t>(k)) * grid->bin_hz, z});
-        }
-        std::stable_sort(found.begin(), found.end(),
-                         [](const ov_hit& a, const ov_hit& b) { return cmp_hit(a, b) < 0; });
+        const std::vector<ov_hit> found = find_hits(*grid, statistic, centre, z_min);
         if (max_hits < 1) return 0;
-        return thin_out(found, min_sep_hz, {hits, static_cast<std::size_t>(max_hits)});
+        return thin_out<ov_hit>(
+            found, {hits, static_cast<std::size_t>(max_hits)},
+            [&](const ov_hit& a, const ov_hit& b) { return !(std::fabs(a.freq_hz - b.freq_hz) >= min_sep_hz); });
     } catch (const std::bad_alloc&) {
         return -1;
     } catch (const std::length_error&) {
@@ -301,6 +290,6 @@ int32_t ov_scan_w(const double* re, const double* im, int32_t n, int32_t rate, d
 
 int32_t ov_scan(const double* re, const double* im, int32_t n, int32_t rate, double win_s, double f_lo, double f_hi,
                 double z_min, double min_sep_hz, int32_t max_hits, ov_hit* hits, int32_t* nbins_out, int32_t verbose) {
-    return ov_scan_w(re, im, n, rate, win_s, f_lo, f_hi, z_min, min_sep_hz, max_hits, hits, nbins_out, FRAME_RUN, 0,
+    return ov_scan_w(re, im, n, rate, win_s, f_lo, f_hi, z_min, min_sep_hz, max_hits, hits, nbins_out, OV_FRAME_RUN, 0,
                      verbose);
 }

@@ -13,6 +13,13 @@
 
 #include "liborvel.h"
 
+// The runs of ov_scan: the jumps of an OPERA frame.
+inline constexpr int32_t OV_FRAME_RUN = 238;
+
+// What tells keying from a steady carrier with noise on it, and one keyed signal from the next.
+inline constexpr double OV_KEYED_VARIANCE = 0.85;
+inline constexpr double OV_KEYED_SEPARATION_HZ = 15;
+
 // Scans n samples, I/Q when im is not null.
 //
 //   rate           sample rate, Hz

@@ -10,9 +10,9 @@
 #include <span>
 #include <vector>
 
-#include "median.h"
 #include "ovfft.h"
 #include "ovhypothesis.h"
+#include "robust.h"
 
 namespace {
 
@@ -21,7 +21,6 @@ using Complex = std::complex<double>;
 constexpr int32_t MIN_SNR_CHIP_SAMPLES = 16;
 constexpr int32_t SNR_GUARD_BINS = 15;  // bins each side of the carrier that are not noise
 constexpr std::size_t MIN_SNR_SAMPLES = 200;
-constexpr double NO_SNR = -99.0;
 
 double snr_from_ratio(double ratio, double chip_s) {
     return 10.0 * std::log10(std::fmax(ratio, 0.0001) / (chip_s * 2500.0));
@@ -98,7 +97,7 @@ std::vector<float> noise_powers(const ov_baseband& bb, int32_t chip_len, const o
 double ov_estimate_snr(const ov_hyp& hyp, const uint8_t* on, double chip_s) {
     double on_mean = 0;
     double off_mean = 0;
-    if (!mean_energy(hyp, on, true, on_mean) || !mean_energy(hyp, on, false, off_mean)) return NO_SNR;
+    if (!mean_energy(hyp, on, true, on_mean) || !mean_energy(hyp, on, false, off_mean)) return OV_NO_SNR;
     double ratio = (on_mean - off_mean) / off_mean;
     if (hyp.spread_factor > 0) ratio *= hyp.spread_factor;
     return snr_from_ratio(ratio, chip_s);
@@ -108,7 +107,7 @@ double ov_estimate_snr_bb(const ov_baseband& bb, const ov_specmap& map, const ov
                           double chip_s) {
     if (map.spread != 0 || map.chip_len < MIN_SNR_CHIP_SAMPLES) return ov_estimate_snr(hyp, on, chip_s);
     double on_mean = 0;
-    if (!mean_energy(hyp, on, true, on_mean)) return NO_SNR;
+    if (!mean_energy(hyp, on, true, on_mean)) return OV_NO_SNR;
 
     std::vector<float> powers;
     try {
@@ -119,6 +118,6 @@ double ov_estimate_snr_bb(const ov_baseband& bb, const ov_specmap& map, const ov
     if (powers.size() < MIN_SNR_SAMPLES) return ov_estimate_snr(hyp, on, chip_s);
 
     // The upper middle value for an even count, not the mean of two.
-    const double noise = upper_median(powers) / 0.6931472;
+    const double noise = upper_median(powers) / LN2;
     return snr_from_ratio((on_mean - noise) / noise, chip_s);
 }

@@ -6,6 +6,8 @@
 #include "ovbb.h"
 #include "ovrecords.h"
 
+inline constexpr double OV_NO_SNR = -99;  // dB, of what could not be measured
+
 // SNR in dB in 2500 Hz of a decoded frame, -99 when nothing could be measured. `on` has one byte for each chip of the
 // frame, nonzero where the carrier is on. The result refers to key-down power.
 //

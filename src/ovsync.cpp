@@ -10,15 +10,12 @@
 #include <span>
 #include <vector>
 
-#include "median.h"
 #include "ovfft.h"
+#include "robust.h"
 
 namespace {
 
 using Complex = std::complex<double>;
-
-constexpr float LN2 = 0.6931472f;  // median of exponentially distributed powers / their mean
-constexpr float NOISE_FLOOR = 1e-30f;
 
 constexpr int32_t STEPS_PER_CHIP = 16;
 constexpr int32_t MIN_CHIP_SAMPLES = 4;
@@ -132,7 +129,7 @@ std::vector<float> noise_levels(const ov_specmap& map) {
             for (std::size_t c = 0; c < width; c++) sample[c * stride] = source[c];
         }
         for (std::size_t c = 0; c < width; c++) {
-            levels[first + c] = median_value(std::span(samples).subspan(c * stride, stride)) / LN2;
+            levels[first + c] = median_value(std::span(samples).subspan(c * stride, stride)) / LN2_F32;
         }
     }
     return levels;

@@ -37,6 +37,7 @@
 #include "ovpipe.h"
 #include "ovscan.h"
 #include "ovsync.h"
+#include "owners.h"
 #include "siggen.h"
 
 namespace {
@@ -280,8 +281,8 @@ std::array<ovc_known, 3> known_callsigns() {
 
 // A band as far as the search for frames, and what it finds there.
 struct Received {
-    ov_baseband bb;
-    ov_specmap map;
+    BasebandOwner bb;
+    MapOwner map;
     ov_specmap orvel_map;  // the same cells in the layout of ORVEL S
     std::array<ovc_known, 3> known = known_callsigns();
     ov_cand cand;
@@ -297,12 +298,6 @@ struct Received {
         EXPECT_EQ(ov_find_candidates(map, -1e9, 1e9, SEARCH_HZ, 0.2, 7, 1, &cand, nullptr, nullptr), 1);
         EXPECT_EQ(ov_refine(bb, map, cand, 0.1, 0.2, hyp), 0);
         EXPECT_GT(ovc_deep_search(map, known.data(), 3, -1e9, 1e9, SEARCH_HZ, 0.2, 1e-4, 1, &hit, nullptr), 0);
-    }
-    Received(const Received&) = delete;
-    Received& operator=(const Received&) = delete;
-    ~Received() {
-        ov_spectrogram_free(map);
-        ov_baseband_free(bb);
     }
 };
 
@@ -680,7 +675,7 @@ bool same_bins(const std::complex<double>* a, const std::complex<double>* b, int
 // make(spectrum) fails with an empty record or makes what it always does.
 template <class Make>
 void refuse_spectrum(Make make) {
-    ov_spectrum reference;
+    SpectrumOwner reference;
     ASSERT_EQ(make(reference), 0);
     EXPECT_EQ(refuse_each_request([&](FailingMemory& memory) {
                   ov_spectrum spectrum = reference;
@@ -698,12 +693,11 @@ void refuse_spectrum(Make make) {
                   ov_spectrum_free(spectrum);
               }),
               2);  // the bins, and what FFTW will need
-    ov_spectrum_free(reference);
 }
 
 template <class Make>
 void refuse_baseband(int64_t requests, Make make) {
-    ov_baseband reference;
+    BasebandOwner reference;
     ASSERT_EQ(make(reference), 0);
     EXPECT_EQ(refuse_each_request([&](FailingMemory& memory) {
                   ov_baseband bb = reference;
@@ -720,7 +714,6 @@ void refuse_baseband(int64_t requests, Make make) {
                   ov_baseband_free(bb);
               }),
               requests);
-    ov_baseband_free(reference);
 }
 
 TEST(FrontEndMemory, ASpectrumWithoutItIsEmpty) {
@@ -734,10 +727,9 @@ TEST(FrontEndMemory, ASpectrumWithoutItIsEmpty) {
 TEST(FrontEndMemory, ABasebandWithoutItIsEmpty) {
     const std::vector<double> x = render_real(opera_scene());
     const IqSamples iq = render_centred_iq(opera_scene());
-    ov_spectrum spectrum;
+    SpectrumOwner spectrum;
     ASSERT_EQ(ov_spectrum_real(x.data(), count_of(x), RATE, 250, spectrum), 0);
     refuse_baseband(2, [&](ov_baseband& out) { return ov_baseband_extract(spectrum, CENTRE_HZ, out); });
-    ov_spectrum_free(spectrum);
     refuse_baseband(
         4, [&](ov_baseband& out) { return ov_baseband_real(x.data(), count_of(x), RATE, CENTRE_HZ, 250, out); });
     refuse_baseband(4, [&](ov_baseband& out) {
@@ -749,7 +741,7 @@ TEST(SearchMemory, AScoreMapWithoutItIsEmpty) {
     const Received received;
     for (const double spread_hz : {0.0, 20.0}) {
         SCOPED_TRACE(spread_hz);
-        ov_specmap reference;
+        MapOwner reference;
         ASSERT_EQ(ov_spectrogram(received.bb, CHIP_SECONDS, SEARCH_HZ, spread_hz, reference), 0);
         const auto n_cells = static_cast<std::ptrdiff_t>(reference.npos) * reference.nbins;
         EXPECT_GE(refuse_each_request([&](FailingMemory& memory) {
@@ -769,13 +761,12 @@ TEST(SearchMemory, AScoreMapWithoutItIsEmpty) {
                       ov_spectrogram_free(map);
                   }),
                   6);
-        ov_spectrogram_free(reference);
     }
 }
 
 TEST(SearchMemory, CandidatesAreAllFoundOrTheSearchFails) {
     const Received received;
-    for (const ov_specmap* map : {&received.map, &received.orvel_map}) {
+    for (const ov_specmap* map : std::array<const ov_specmap*, 2>{&received.map, &received.orvel_map}) {
         using Candidates = std::array<ov_cand, 50>;
         const auto find = [&](Candidates& candidates) {
             return ov_find_candidates(*map, -1e9, 1e9, SEARCH_HZ, 0.2, 3, count_of(candidates), candidates.data(),
@@ -1100,15 +1091,13 @@ TEST(PipelineMemory, ARunFindsSomeOrFails) {
 
 TEST(PipelineMemory, AnOrvelRunAddsSomeOrNone) {
     const std::vector<double> x = render_real(orvel_s_scene());
-    ov_baseband bb;
-    ov_specmap map;
+    BasebandOwner bb;
+    MapOwner map;
     ASSERT_EQ(ov_baseband_real(x.data(), count_of(x), RATE, CENTRE_HZ, BASEBAND_RATE, bb), 0);
     ASSERT_EQ(ov_spectrogram(bb, CHIP_SECONDS, SEARCH_HZ, 0, map), 0);
     const std::array<ovc_known, 3> known = known_callsigns();
     const ov_params params = params_with(known);
     refuse_pipeline(1, false, [&](ov_spot* spots) { return run_orvel(bb, map, params, 0, 0.1, spots, 0, SPOTS); });
-    ov_spectrogram_free(map);
-    ov_baseband_free(bb);
 }
 
 TEST(PipelineMemory, BlocksOfEitherKindAreDecodedOrFail) {

@@ -13,6 +13,7 @@
 #include <tuple>
 #include <vector>
 
+#include "owners.h"
 #include "siggen.h"
 
 namespace {
@@ -86,20 +87,6 @@ struct Block {
             real.emplace_back(i.back(), 0.0);
         }
     }
-};
-
-// Records hold buffers that must go on every way out of a test.
-struct SpectrumOwner : ov_spectrum {
-    SpectrumOwner() : ov_spectrum{} {}
-    SpectrumOwner(const SpectrumOwner&) = delete;
-    SpectrumOwner& operator=(const SpectrumOwner&) = delete;
-    ~SpectrumOwner() { ov_spectrum_free(*this); }
-};
-struct BasebandOwner : ov_baseband {
-    BasebandOwner() : ov_baseband{} {}
-    BasebandOwner(const BasebandOwner&) = delete;
-    BasebandOwner& operator=(const BasebandOwner&) = delete;
-    ~BasebandOwner() { ov_baseband_free(*this); }
 };
 
 void expect_empty(const ov_spectrum& spectrum) {

@@ -19,6 +19,7 @@
 
 #include "deep_model.h"
 #include "failing_memory.h"
+#include "owners.h"
 #include "siggen.h"
 #include "sync_model.h"
 
@@ -931,7 +932,7 @@ TEST(DeepSearch, FindsAndRefinesAWeakFrame) {
     const std::vector<ovc_known> known = {known_entry("A1B"), known_entry("QQ0XYZ"), known_entry("ZZ9ZZ")};
     Samples samples = station("QQ0XYZ", 16, 45, 5.31, -7.4, 0.01, -24, 26);
     const ov_baseband bb = samples.view();
-    ov_specmap map;
+    MapOwner map;
     ASSERT_EQ(ov_spectrogram(bb, CHIP_SECONDS, 20, 0, map), 0);
     Search search;
     search.search_hz = 20;
@@ -948,7 +949,6 @@ TEST(DeepSearch, FindsAndRefinesAWeakFrame) {
     const auto expected = refine_model(bb, map, known[1], plain.hits[0], 0.1, 0.2);
     ASSERT_TRUE(expected.has_value());
     expect_equal_hyps(hyp, *expected);
-    ov_spectrogram_free(map);
 }
 
 }  // namespace

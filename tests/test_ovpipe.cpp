@@ -23,6 +23,7 @@
 #include "orvel.h"
 #include "ovcdec.h"
 #include "ovcdeep.h"
+#include "owners.h"
 #include "siggen.h"
 
 namespace {
@@ -147,7 +148,7 @@ class Model {
         : bb_(bb), p_(params), max_spots_(max_spots), chip_(0.256 * params.op), opera_s_(61.184 * params.op) {}
 
     int32_t run() {
-        ov_specmap map;
+        MapOwner map;
         if (ov_spectrogram(bb_, chip_, p_.search_hz, p_.spread_hz, map) != 0) {
             say(format("orveld: recording too short or invalid for Op%g\n", p_.op));
             return -1;
@@ -167,7 +168,6 @@ class Model {
         if ((p_.protocols & 4) != 0 && !full()) orvel(map, 1, drift);
         drop_overlaps();
         std::stable_sort(spots.begin(), spots.end(), [](const ov_spot& a, const ov_spot& b) { return a.t < b.t; });
-        ov_spectrogram_free(map);
         return static_cast<int32_t>(spots.size());
     }
 
@@ -671,7 +671,7 @@ TEST(BasebandRate, IsTheLowestThatHoldsTheBandAndSixteenSamplesAChip) {
                 return iq ? ov_decode_iq(noise.data(), noise.data(), n, 12000, params, spots, 4)
                           : ov_decode_real(noise.data(), n, 12000, params, spots, 4);
             });
-            ov_baseband bb;
+            BasebandOwner bb;
             ASSERT_EQ(iq ? ov_baseband_iq(noise.data(), noise.data(), n, 12000, 1500, c.rate, bb)
                          : ov_baseband_real(noise.data(), n, 12000, 1500, c.rate, bb),
                       0);
@@ -679,7 +679,6 @@ TEST(BasebandRate, IsTheLowestThatHoldsTheBandAndSixteenSamplesAChip) {
             EXPECT_EQ(out.count, model.run());
             EXPECT_EQ(out.text, model.text);
             EXPECT_EQ(out.text.rfind(format("Baseband: %d Hz around", c.rate), 0), 0u) << out.text;
-            ov_baseband_free(bb);
         }
     }
 }
@@ -733,12 +732,11 @@ TEST(EntryPoints, RealSamplesAreCutAtTheCentreAndRun) {
     params.search_hz = 80;
     const auto n = static_cast<int32_t>(x.size());
     const Decoded out = capture(8, [&](ov_spot* s) { return ov_decode_real(x.data(), n, 8000, params, s, 8); });
-    ov_baseband bb;
+    BasebandOwner bb;
     ASSERT_EQ(ov_baseband_real(x.data(), n, 8000, 1000, 250, bb), 0);
     Model model(bb, params, 8);
     EXPECT_EQ(out.count, model.run());
     EXPECT_EQ(out.text, model.text);
-    ov_baseband_free(bb);
     ASSERT_EQ(out.count, 1);
     EXPECT_STREQ(out.spots[0].call, "F5NQL");
     EXPECT_NEAR(out.spots[0].freq, 1042.5, 0.25);
@@ -760,7 +758,7 @@ TEST(EntryPoints, RealAndAnalyticSamplesGiveTheSameSpotsUpToTheBandEdges) {
         Scene scene{8000, 40, 6, 0.05, true, band.stations};
         const std::vector<double> x = render_real(scene);
         const auto n = static_cast<int32_t>(x.size());
-        ov_baseband analytic;
+        BasebandOwner analytic;
         ASSERT_EQ(ov_baseband_real(x.data(), n, 8000, 2000, 8000, analytic), 0);
         ASSERT_EQ(analytic.n, n);
         std::vector<double> i;
@@ -769,7 +767,6 @@ TEST(EntryPoints, RealAndAnalyticSamplesGiveTheSameSpotsUpToTheBandEdges) {
             i.push_back(analytic.samples[k].real());
             q.push_back(analytic.samples[k].imag());
         }
-        ov_baseband_free(analytic);
 
         ov_params params = verbose_params(3, 16);
         params.verbose = 0;
@@ -1129,7 +1126,7 @@ TEST(Run, TheTwinMarginItselfIsAccepted) {
     ASSERT_EQ(plain.count, 1);
 
     // The margin again, from the fit that gave the spot.
-    ov_specmap map;
+    MapOwner map;
     ASSERT_EQ(ov_spectrogram(block.baseband(), 0.128, 200, 0, map), 0);
     std::array<ov_cand, 50> cands;
     ASSERT_GT(ov_find_candidates(map, -1e9, 1e9, 200, 0.2, 7, 50, cands.data(), nullptr, nullptr), 0);
@@ -1137,7 +1134,6 @@ TEST(Run, TheTwinMarginItselfIsAccepted) {
     ov_hyp fit;
     ASSERT_EQ(ov_refine(block.baseband(), map, cands[0], 2 * map.bin_hz / FRAME_S, 0.2, hyp), 0);
     ASSERT_EQ(ov_fit_shift(block.baseband(), map, hyp, plain.spots[0].shift, 0.2, fit), 0);
-    ov_spectrogram_free(map);
     ovc_frame best;
     ASSERT_EQ(ovc_list_frames(fit.soft, 1, &best), 1);
     const double margin = ovc_twin_margin(fit.soft, best, 1, nullptr);
@@ -1544,7 +1540,7 @@ TEST(Orvel, OtherSignalsAreNoValidFrame) {
 TEST(Orvel, AppendsToTheSpotsOfTheRun) {
     const Block block(45, 26, {orvel_s("DK2XYZ", 4, 20, -5)});
     const ov_params params = verbose_params(OVL_ORVEL_S);
-    ov_specmap map;
+    MapOwner map;
     ASSERT_EQ(ov_spectrogram(block.baseband(), 0.128, 200, 0, map), 0);
     std::array<ov_spot, 4> spots{};
     std::strcpy(spots[0].call, "F5NQL");
@@ -1568,7 +1564,6 @@ TEST(Orvel, AppendsToTheSpotsOfTheRun) {
     EXPECT_EQ(full.count, 2);
     EXPECT_EQ(full.lines().size(), 1u);  // the map is told, no candidate examined
     EXPECT_TRUE(full.says("ORVEL-S score map: "));
-    ov_spectrogram_free(map);
 }
 
 TEST(Orvel, ALocatorOfFourCharactersStaysOne) {

@@ -13,6 +13,7 @@
 #include <tuple>
 #include <vector>
 
+#include "owners.h"
 #include "siggen.h"
 #include "sync_model.h"
 
@@ -27,13 +28,6 @@ constexpr double NOT_A_NUMBER = std::numeric_limits<double>::quiet_NaN();
 constexpr int32_t MAX32 = std::numeric_limits<int32_t>::max();
 constexpr int32_t MIN32 = std::numeric_limits<int32_t>::min();
 constexpr double CHIP = CHIP_SECONDS;
-
-struct MapOwner : ov_specmap {
-    MapOwner() : ov_specmap{} {}
-    MapOwner(const MapOwner&) = delete;
-    MapOwner& operator=(const MapOwner&) = delete;
-    ~MapOwner() { ov_spectrogram_free(*this); }
-};
 
 Samples random_samples(std::size_t n, double rate, uint64_t seed) {
     Samples out;
@@ -1417,7 +1411,7 @@ TEST(Synchronisation, MeasuresStationsInNoiseAndOverBothEdges) {
         station.snr_db = -14;
         scene.stations = {station};
         const auto samples = render_real(scene);
-        ov_baseband bb{};
+        BasebandOwner bb;
         ASSERT_EQ(ov_baseband_real(samples.data(), 320000, 8000, 1500, 500, bb), 0);
         MapOwner map;
         ASSERT_EQ(ov_spectrogram(bb, CHIP, 60, 0, map), 0);
@@ -1436,6 +1430,5 @@ TEST(Synchronisation, MeasuresStationsInNoiseAndOverBothEdges) {
         // The estimate refers to key-down power, 3.0 dB above the mean over the frame.
         const double snr = ov_estimate_snr_bb(bb, map, *hyp, station.chips.data(), CHIP);
         EXPECT_NEAR(snr, -14 + 10 * std::log10(239.0 / 120), 0.8);
-        ov_baseband_free(bb);
     }
 }

@@ -22,6 +22,7 @@
 #include "ovcenc.h"
 #include "ovpipe.h"
 #include "ovscan.h"
+#include "owners.h"
 #include "siggen.h"
 
 namespace {
@@ -173,13 +174,12 @@ Outcome model(const IqSamples& iq, int32_t rate, const ov_params& params, double
     for (int32_t k = 0; k < count && static_cast<int32_t>(result.spots.size()) < max_spots; ++k) {
         const ov_hit& tile = tiles[static_cast<std::size_t>(k)];
         if (params.verbose != 0) say("--- tile %d/%d: %.1f Hz (scan z=%.1f)\n", k + 1, count, tile.freq_hz, tile.z);
-        ov_baseband bb;
+        BasebandOwner bb;
         const int cut = q != nullptr ? ov_baseband_iq(iq.i.data(), q, n, rate, tile.freq_hz, baseband_rate, bb)
                                      : ov_baseband_real(iq.i.data(), n, rate, tile.freq_hz, baseband_rate, bb);
         if (cut != 0) continue;
         std::array<ov_spot, 16> local;
         const int32_t found = run(bb, narrow, local.data(), 16);
-        ov_baseband_free(bb);
         for (int32_t s = 0; s < found && static_cast<int32_t>(result.spots.size()) < max_spots; ++s) {
             const ov_spot& spot = local[static_cast<std::size_t>(s)];
             ov_spot* same = nullptr;
@@ -431,15 +431,13 @@ TEST(WideDecode, TheFalseAlarmsOfTheDeepSearchAreSharedOutOverTheTiles) {
 
         // 34 s at 250 Hz in steps of an eighth or sixteenth of a chip, guarded by a fifth of a frame at both ends, and
         // 20 Hz to both sides: the grid of one tile.
-        ov_baseband bb;
+        BasebandOwner bb;
         ASSERT_EQ(ov_baseband_iq(iq.i.data(), iq.q.data(), static_cast<int32_t>(iq.i.size()), 2000, 0, 250, bb), 0);
-        ov_specmap map{};
+        MapOwner map;
         ASSERT_EQ(ov_spectrogram(bb, 0.128, 20, 0, map), 0);
         std::array<ovc_deep_hit, 64> hits;
         double threshold = 0;
         ovc_deep_search(map, &known, 1, -1e9, 1e9, 20, 0.2, 0.0001 / tiles, 64, hits.data(), &threshold);
-        ov_spectrogram_free(map);
-        ov_baseband_free(bb);
         std::array<char, 100> line;
         std::snprintf(line.data(), line.size(), "Deep search: 1 known callsign(s), threshold Z=%.2f, ", threshold);
         EXPECT_EQ(count_text(result.text, line.data()), tiles) << line.data() << result.text;
