@@ -22,19 +22,14 @@
 
 namespace {
 
-constexpr double MOST_SAMPLES = 1.5e9;   // a block may be a quarter longer, and its samples count in 32 bits
-constexpr double SCAN_Z = 6;             // noise alone seldom reaches it
-constexpr double SEPARATION_HZ = 15;     // of two frequencies
-constexpr int32_t MAX_HITS = 1000;       // in a block
-constexpr int32_t FRAME_RUN = 238;       // chips
-constexpr double KEYED_VARIANCE = 0.85;  // a carrier with noise varies less
+constexpr int32_t MAX_HITS = 1000;  // in a block
 
 // The command line, as typed.
 struct Options {
     std::vector<std::string> files;
     RecordingOptions recording;
     std::optional<std::string> band;
-    double min_z = SCAN_Z;
+    double min_z = DEFAULT_SCAN_Z;
     double block_s = 60;
     bool json = false;
 };
@@ -64,14 +59,15 @@ void scan_file(const std::string& path, const Options& options, const std::funct
     heading();
     const int32_t rate = recording->rate();
     const Range band = options.band ? range_of("--band", *options.band) : whole_band(options.recording.iq, rate);
-    for (const BlockSpan& block : cut_blocks(recording->seconds(), std::min(options.block_s, MOST_SAMPLES / rate), 0)) {
+    for (const BlockSpan& block :
+         cut_blocks(recording->seconds(), std::min(options.block_s, MOST_BLOCK_SAMPLES / rate), 0)) {
         const Stretch samples = recording->read(block.begin_s, block.length_s);
         if (block.begin_s > 0 && samples.x.empty()) return;  // the file ends before its header says
         std::vector<ov_hit> hits(MAX_HITS);
-        const int32_t count =
-            ov_scan_w(samples.x.data(), samples.q.empty() ? nullptr : samples.q.data(),
-                      static_cast<int32_t>(samples.x.size()), rate, ovl_chip_seconds(), band.low, band.high,
-                      options.min_z, SEPARATION_HZ, MAX_HITS, hits.data(), nullptr, FRAME_RUN, KEYED_VARIANCE, 0);
+        const int32_t count = ov_scan_w(samples.x.data(), samples.q.empty() ? nullptr : samples.q.data(),
+                                        static_cast<int32_t>(samples.x.size()), rate, ovl_chip_seconds(), band.low,
+                                        band.high, options.min_z, OV_KEYED_SEPARATION_HZ, MAX_HITS, hits.data(),
+                                        nullptr, OV_FRAME_RUN, OV_KEYED_VARIANCE, 0);
         if (count < 0) {
             throw IoError("cannot scan '" + path + "': it is too short, the band does not fit it, or memory is short");
         }

@@ -23,15 +23,14 @@ constexpr double OVERLAP_S = 50;  // of blocks: the longest frame and a little m
 constexpr double LEAST_BLOCK_S = 90;
 constexpr double MOST_BLOCK_S = 300;
 constexpr double BLOCK_SAMPLES = 1.8e7;
-constexpr double MOST_SAMPLES = 1.5e9;  // a block may be a quarter longer, and its samples count in 32 bits
-constexpr double BYTES_A_SAMPLE = 60;   // that a wide decode of I/Q takes
+constexpr double BYTES_A_SAMPLE = 60;  // that a wide decode of I/Q takes
 
 // ---- Recording → blocks ---------------------------------------------------------------------------------------------
 
 std::vector<BlockSpan> cut(const Recording& recording, const DecodingOptions& options, double from_s, double to_s) {
     const int32_t rate = recording.rate();
     const double wanted = options.block_s.value_or(std::clamp(BLOCK_SAMPLES / rate, LEAST_BLOCK_S, MOST_BLOCK_S));
-    auto blocks = cut_blocks(to_s - from_s, std::min(wanted, MOST_SAMPLES / rate), OVERLAP_S);
+    auto blocks = cut_blocks(to_s - from_s, std::min(wanted, MOST_BLOCK_SAMPLES / rate), OVERLAP_S);
     for (BlockSpan& block : blocks) block.begin_s += from_s;
     return blocks;
 }

@@ -13,6 +13,9 @@ struct Stretch {
     std::vector<double> x, q;
 };
 
+// Of a block to read at once: it may be a quarter longer, and the decoder counts samples in 32 bits.
+inline constexpr double MOST_BLOCK_SAMPLES = 1.5e9;
+
 // How a file is to be read.
 struct RecordingOptions {
     bool iq = false;

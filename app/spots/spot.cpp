@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr double UNKNOWN_SNR = -99;  // the decoder's mark for an SNR that could not be measured
 constexpr int UTC_DECIMALS = 2;
 
 using Json = nlohmann::ordered_json;
@@ -69,7 +68,7 @@ Spot spot_of(const ov_spot& found, std::string file) {
     spot.end = spot_end(found);
     spot.freq_hz = found.freq;
     spot.drift_hz_s = found.drift;
-    if (std::isfinite(found.snr) && found.snr > UNKNOWN_SNR) spot.snr_db = found.snr;
+    if (std::isfinite(found.snr) && found.snr > OV_NO_SNR) spot.snr_db = found.snr;
     spot.protocol = static_cast<uint32_t>(found.protocol);
     spot.call = found.call;
     spot.locator = found.locator;
