@@ -166,7 +166,7 @@ int32_t ovl_set_known(ovl_decoder* decoder, const char* list) {
 
         std::array<char, MAX_TOKEN + 1> call{};
         std::copy_n(token, std::min(static_cast<std::size_t>(next - token), MAX_TOKEN), call.begin());
-        if (ovc_known_init(call.data(), decoder->known[static_cast<std::size_t>(decoder->n_known)]) == 0) {
+        if (ovc_known_init(call.data(), &decoder->known[static_cast<std::size_t>(decoder->n_known)]) == 0) {
             decoder->n_known++;
         }
     }

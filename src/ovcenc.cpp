@@ -159,10 +159,10 @@ int ovc_encode(const char* call, uint8_t* chips, char* normalised) {
     return 0;
 }
 
-int ovc_known_init(const char* call, ovc_known& entry) {
-    entry = {};
-    if (ovc_encode(call, entry.chips, entry.call) != 0) return -1;
-    for (std::size_t k = 0; k < OVC_PAIRS; k++) entry.signs[k] = entry.chips[2 + 2 * k] != 0 ? 1 : -1;
-    std::remove_copy(std::begin(entry.call), std::end(entry.call), entry.display, ' ');
+int ovc_known_init(const char* call, ovc_known* entry) {
+    *entry = {};
+    if (ovc_encode(call, entry->chips, entry->call) != 0) return -1;
+    for (std::size_t k = 0; k < OVC_PAIRS; k++) entry->signs[k] = entry->chips[2 + 2 * k] != 0 ? 1 : -1;
+    std::remove_copy(std::begin(entry->call), std::end(entry->call), entry->display, ' ');
     return 0;
 }

@@ -15,7 +15,7 @@ constexpr int32_t ALL_PROTOCOLS = OVL_OPERA | OVL_ORVEL_S | OVL_ORVEL_L;
 void add_known(const std::string& option, std::string_view list, std::vector<ovc_known>& known) {
     for (const std::string& call : split_list(list)) {
         if (known.size() == MAX_KNOWN) throw CLI::ValidationError("too many known callsigns (max 256)");
-        if (ovc_known_init(call.c_str(), known.emplace_back()) != 0) {
+        if (ovc_known_init(call.c_str(), &known.emplace_back()) != 0) {
             throw CLI::ValidationError(
                 format("%s: '%s' is not a callsign that a frame can carry", option.c_str(), call.c_str()));
         }
