@@ -4,10 +4,11 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cstring>
 #include <span>
 #include <string_view>
+
+#include "ascii.h"
 
 namespace {
 
@@ -59,8 +60,7 @@ int ov_normalize_call(const char* in, char* out) {
 
     std::array<char, CALL_LENGTH + 1> call;
     call.fill(' ');
-    std::transform(token.begin(), token.end(), call.begin() + (move ? 1 : 0),
-                   [](char c) { return static_cast<char>(std::toupper(static_cast<unsigned char>(c))); });
+    std::transform(token.begin(), token.end(), call.begin() + (move ? 1 : 0), ascii_upper);
     call.back() = '\0';
     std::copy(call.begin(), call.end(), out);
 
