@@ -37,7 +37,7 @@ std::vector<ovc_known> make_known(int32_t n, Random& random) {
         std::string call = random.callsign();
         std::erase(call, ' ');
         ovc_known entry;
-        if (ovc_known_init(call.c_str(), entry) == 0) known.push_back(entry);
+        if (ovc_known_init(call.c_str(), &entry) == 0) known.push_back(entry);
     }
     return known;
 }
@@ -110,7 +110,7 @@ int main(int argc, char** argv) {
     std::vector<ovc_deep_hit> hits(64);
     double threshold = 0;
     double start = cpu_seconds();
-    const int32_t count = ovc_deep_search(map, known.data(), n_known, -1e9, 1e9, params.search_hz, params.chip_guard,
+    const int32_t count = ovc_deep_search(&map, known.data(), n_known, -1e9, 1e9, params.search_hz, params.chip_guard,
                                           params.deep_pfa, 64, hits.data(), &threshold);
     const double shared_s = cpu_seconds() - start;
     const double shared_mb = peak_memory_mb() - before_mb;

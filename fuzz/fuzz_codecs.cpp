@@ -19,7 +19,7 @@ void callsign_text(Input& input) {
     ov_call_plausible(call.data());
 
     ovc_known known;
-    expect(ovc_known_init(text.c_str(), known) == 0);
+    expect(ovc_known_init(text.c_str(), &known) == 0);
     expect(std::string(known.call) == call.data());
     for (std::size_t pair = 0; pair < OVC_PAIRS; pair++) {
         expect(known.chips[2 * pair + 1] + known.chips[2 * pair + 2] == 1);

@@ -38,7 +38,7 @@ ov_params draw_params(Input& input, int32_t rate, std::array<ovc_known, 2>& know
     if (input.flag()) params.start_min = input.mostly(-10, 30);
     if (input.flag()) params.start_max = input.mostly(-1, 30);
     for (ovc_known& entry : known) {
-        if (ovc_known_init(input.text(6).c_str(), entry) != 0) break;
+        if (ovc_known_init(input.text(6).c_str(), &entry) != 0) break;
         params.n_known++;
     }
     if (params.n_known > 0) params.known = known.data();

@@ -34,7 +34,7 @@ SoftBits draw_soft_bits(Input& input) {
         return soft;
     }
     ovc_known known{};
-    if (kind == 1) ovc_known_init(input.text(15).c_str(), known);
+    if (kind == 1) ovc_known_init(input.text(15).c_str(), &known);
     for (std::size_t i = 0; i < soft.size(); i++) {
         soft[i] = static_cast<float>(known.signs[i]) * 2 + static_cast<float>(input.raw<int8_t>()) / 32;
     }
@@ -84,10 +84,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     for (const ovc_frame& frame : frames) {
         std::array<char, 7> call;
         uint32_t value = 0;
-        if (ovc_check_frame(frame, call.data(), &value) != 0) continue;
+        if (ovc_check_frame(&frame, call.data(), &value) != 0) continue;
         expect_encodable(call.data(), value);
         std::array<char, 7> twin;
-        const double margin = ovc_twin_margin(soft.data(), frame, input.flag() ? 1 : 0, twin.data());
+        const double margin = ovc_twin_margin(soft.data(), &frame, input.flag() ? 1 : 0, twin.data());
         expect(!std::isnan(margin) && (margin == 1e30) == (twin[0] == '\0'));
         if (twin[0] != '\0') expect(std::string(twin.data()) != call.data());
     }

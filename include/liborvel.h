@@ -61,7 +61,7 @@ OVL_API double ovl_chip_seconds(void);
  * Encodes one frame into chips, one byte each: 1 = carrier on, 0 = off, the first chip at out[0].
  *
  *   proto   one protocol id
- *   call    callsign, NUL-terminated, in either case
+ *   call    callsign, NUL-terminated, in either case: letters are those of ASCII, whatever the locale
  *   loc     grid locator of 4 or 6 characters for OVL_ORVEL_L; otherwise ignored, may be NULL
  *   out     room for cap bytes, at least ovl_frame_chips(proto)
  *
@@ -299,7 +299,7 @@ OVL_API const char *ovl_last_error(const ovl_decoder *decoder);
 /*
  * Replaces the decoder's list of known callsigns.
  *
- *   list   callsigns separated by blanks, commas or semicolons; NULL or "" empties the list
+ *   list   callsigns separated by ASCII blanks, commas or semicolons; NULL or "" empties the list
  *
  * Returns the number of callsigns now known. Tokens that are no callsign of the protocols are left out silently.
  * Fails with "too many known callsigns (max 256)" at the 257th token; the first 256 then stay in use.

@@ -21,7 +21,7 @@ using gf2::sum_of;
 
 int ldpc_load(ldpc_code& code, int32_t n, int32_t k, const uint8_t* check_degree, const uint8_t* check_vars,
               const uint64_t* generator, const uint8_t* pivot) {
-    if (k < 1 || n <= k || n > 192) return -1;
+    if (n <= k || n > 192) return -1;
     code = {};
     code.n = n;
     code.k = k;
@@ -67,7 +67,7 @@ int32_t ldpc_syndrome_weight(const ldpc_code& code, const uint8_t* bits) {
 
 namespace {
 
-constexpr int32_t GROWTH_LIMIT = 31;  // a check of this degree takes no more variables
+constexpr int32_t GROWTH_LIMIT = 31;  // a check of this degree takes no variable but as the first check of that
 constexpr int32_t UNREACHED = -1;
 
 // Distances in edges from one variable. Variables and checks are the two kinds of nodes.
@@ -130,15 +130,15 @@ struct Xorshift {
 };
 
 // One of the checks that are allowed and of the smallest degree among those, drawn at random; UNREACHED when there is
-// none.
+// none below the limit.
 template <class Allowed>
-int32_t draw_check(const ldpc_code& code, Xorshift& random, Allowed allowed) {
+int32_t draw_check(const ldpc_code& code, Xorshift& random, int32_t limit, Allowed allowed) {
     std::array<int32_t, LDPC_MAX_N> candidates;
     uint32_t count = 0;
-    int32_t smallest = GROWTH_LIMIT;
+    int32_t smallest = limit;
     for (int32_t c = 0; c < code.m; ++c) {
         const int32_t degree = code.check_degree[c];
-        if (degree >= GROWTH_LIMIT || degree > smallest || !allowed(c)) continue;
+        if (degree >= limit || degree > smallest || !allowed(c)) continue;
         if (degree < smallest) count = 0;
         smallest = degree;
         candidates[count++] = c;
@@ -148,16 +148,16 @@ int32_t draw_check(const ldpc_code& code, Xorshift& random, Allowed allowed) {
 
 // The check for the next edge of variable v: the farthest, those out of reach before all others.
 int32_t choose_check(const ldpc_code& code, int32_t v, Xorshift& random) {
-    if (code.var_degree[v] == 0) return draw_check(code, random, [](int32_t) { return true; });
+    if (code.var_degree[v] == 0) return draw_check(code, random, LDPC_MAX_CHECK_DEGREE, [](int32_t) { return true; });
 
     const Distances distances = measure_distances(code, v);
     const auto checks = std::span(distances.check).first(static_cast<size_t>(code.m));
     const bool all_reached = std::find(checks.begin(), checks.end(), UNREACHED) == checks.end();
     const int32_t wanted = all_reached ? *std::max_element(checks.begin(), checks.end()) : UNREACHED;
     const auto distance = [&](int32_t c) { return checks[static_cast<size_t>(c)]; };
-    const int32_t farthest = draw_check(code, random, [&](int32_t c) { return distance(c) == wanted; });
+    const int32_t farthest = draw_check(code, random, GROWTH_LIMIT, [&](int32_t c) { return distance(c) == wanted; });
     if (farthest != UNREACHED) return farthest;
-    return draw_check(code, random, [&](int32_t c) { return distance(c) != 1; });
+    return draw_check(code, random, GROWTH_LIMIT, [&](int32_t c) { return distance(c) != 1; });
 }
 
 void join(ldpc_code& code, int32_t v, int32_t c) {

@@ -39,13 +39,13 @@ struct ldpc_code {
 
 // Fills a code from tables like those in ldpc_tables.h.
 //
-//   n, k           1 ≤ k < n ≤ 192
+//   n, k           k < n ≤ 192; k is trusted not to be negative
 //   check_degree   n - k degrees of at most 32, trusted
 //   check_vars     their variables, each in 0 … n-1, trusted
 //   generator      k rows of 3 words, bits from n up zero
 //   pivot          k codeword bits
-// Returns 0, or -1 when n or k is out of range (the code is left alone) or a variable is in more than 8 checks (the
-// code is then of no use).
+// Returns 0, or -1 when n is not above k or above 192 (the code is left alone) or a variable is in more than 8 checks
+// (the code is then of no use).
 int ldpc_load(ldpc_code& code, int32_t n, int32_t k, const uint8_t* check_degree, const uint8_t* check_vars,
               const uint64_t* generator, const uint8_t* pivot);
 
@@ -61,7 +61,7 @@ void ldpc_encode(const ldpc_code& code, const uint8_t* message, uint8_t* codewor
 //                   on each other.
 //   seed            of the random choices; 50 attempts are made with numbers derived from it
 // Returns 0, or -1 when an argument is out of range (the code is left alone) or no attempt gave n - k independent
-// checks of at most 31 variables (the code is then of no use).
+// checks, full at 31 variables and for the first check of a variable at 32 (the code is then of no use).
 int ldpc_build(ldpc_code& code, int32_t n, int32_t k, int32_t column_weight, uint32_t seed);
 
 // Finds the codeword behind noisy bits: sum-product belief propagation, and where that does not settle on a codeword,

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -13,6 +12,7 @@
 #include <string>
 #include <string_view>
 
+#include "ascii.h"
 #include "ovaudio.h"
 #include "ovcenc.h"
 #include "ovpipe.h"
@@ -36,7 +36,7 @@ constexpr double MIN_KEYED_HZ = 100;
 constexpr double KEYED_MARGIN_HZ = 5;  // beyond the band asked for
 
 bool is_separator(char c) {
-    return c == ',' || c == ';' || std::isspace(static_cast<unsigned char>(c)) != 0;
+    return c == ',' || c == ';' || is_ascii_blank(c);
 }
 
 // Copies text into a zeroed field, cut to what fits before the NUL.
@@ -166,7 +166,7 @@ int32_t ovl_set_known(ovl_decoder* decoder, const char* list) {
 
         std::array<char, MAX_TOKEN + 1> call{};
         std::copy_n(token, std::min(static_cast<std::size_t>(next - token), MAX_TOKEN), call.begin());
-        if (ovc_known_init(call.data(), decoder->known[static_cast<std::size_t>(decoder->n_known)]) == 0) {
+        if (ovc_known_init(call.data(), &decoder->known[static_cast<std::size_t>(decoder->n_known)]) == 0) {
             decoder->n_known++;
         }
     }

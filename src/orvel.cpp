@@ -3,7 +3,6 @@
 #include "orvel.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +11,7 @@
 #include <span>
 #include <string_view>
 
+#include "ascii.h"
 #include "ldpc_tables.h"
 #include "ovcenc.h"
 
@@ -131,8 +131,7 @@ int ov_pack_loc(const char* text, uint32_t* value) {
                                                            "ABCDEFGHIJKLMNOPQRSTUVWX"};
     std::array<uint32_t, 6> place{};
     for (std::size_t i = 0; i < length; i++) {
-        const auto c = static_cast<char>(std::toupper(static_cast<unsigned char>(text[i])));
-        const std::size_t found = ALPHABETS[i / 2].find(c);
+        const std::size_t found = ALPHABETS[i / 2].find(ascii_upper(text[i]));
         if (found == std::string_view::npos) return -1;
         place[i] = static_cast<uint32_t>(found);
     }

@@ -265,10 +265,10 @@ int32_t ovc_list_frames(const float* soft, int32_t maxn, ovc_frame* out) {
     return static_cast<int32_t>(listed.size());
 }
 
-int32_t ovc_check_frame(const ovc_frame& frame, char* call, uint32_t* value) {
+int ovc_check_frame(const ovc_frame* frame, char* call, uint32_t* value) {
     std::array<uint8_t, OVC_VECTOR_BITS> bits;
     for (std::size_t g = 0; g < OVC_GROUPS; g++) {
-        const uint32_t row = frame.rows[g];
+        const uint32_t row = frame->rows[g];
         bits[3 * g] = static_cast<uint8_t>(row / 4);
         bits[3 * g + 1] = static_cast<uint8_t>(row / 2 % 2);
         bits[3 * g + 2] = static_cast<uint8_t>(row % 2);
@@ -291,7 +291,7 @@ int32_t ovc_decode_soft(const float* soft, int32_t maxn, char* call, uint32_t* v
 
     for (int32_t rank = 0; rank < listed; rank++) {
         const ovc_frame& frame = frames[static_cast<std::size_t>(rank)];
-        if (ovc_check_frame(frame, call, value) != 0) continue;
+        if (ovc_check_frame(&frame, call, value) != 0) continue;
         if (info != nullptr) *info = {rank + 1, rank, frame.metric, frame.deficit};
         return 0;
     }
@@ -316,17 +316,17 @@ int32_t ov_call_plausible(const char* call) {
     return is_digit(first) && !is_digit(second);
 }
 
-double ovc_twin_margin(const float* soft, const ovc_frame& frame, int32_t plausible, char* twin_call) {
+double ovc_twin_margin(const float* soft, const ovc_frame* frame, int32_t plausible, char* twin_call) {
     const Metrics metrics = all_group_metrics(soft);
     if (twin_call != nullptr) twin_call[0] = '\0';
 
     double margin = NO_TWIN;
     for (const Twin& pattern : OVC_TWINS) {
-        ovc_frame twin = frame;
+        ovc_frame twin = *frame;
         double cost = 0;
         for (std::size_t i = 0; i < pattern.n; i++) {
             const std::size_t group = pattern.groups[i];
-            const std::size_t old_row = frame.rows[group];
+            const std::size_t old_row = frame->rows[group];
             const std::size_t new_row = old_row ^ pattern.masks[i];
             twin.rows[group] = static_cast<uint8_t>(new_row);
             cost += metrics[group][old_row] - metrics[group][new_row];
@@ -335,7 +335,7 @@ double ovc_twin_margin(const float* soft, const ovc_frame& frame, int32_t plausi
 
         std::array<char, 7> call;
         uint32_t value = 0;
-        if (ovc_check_frame(twin, call.data(), &value) != 0) continue;
+        if (ovc_check_frame(&twin, call.data(), &value) != 0) continue;
         if (plausible != 0 && ov_call_plausible(call.data()) == 0) continue;
         margin = cost;
         if (twin_call != nullptr) std::copy(call.begin(), call.end(), twin_call);

@@ -54,7 +54,7 @@ int32_t ovc_list_frames(const float* soft, int32_t maxn, ovc_frame* out);
 
 // Accepts a frame whose message is valid and gives its normalised callsign (7 bytes) and packed value; -1 otherwise,
 // the outputs possibly written.
-int ovc_check_frame(const ovc_frame& frame, char* call, uint32_t* value);
+int ovc_check_frame(const ovc_frame* frame, char* call, uint32_t* value);
 
 // Lists up to max(1, maxn) frames and takes the first that checks: 0, or -1 when none does or memory is short.
 // info may be null and is left alone when memory is short.
@@ -68,4 +68,4 @@ int ov_call_plausible(const char* call);
 //
 //   plausible   nonzero: twins with implausible callsigns do not count
 //   twin_call   7 bytes for the twin's callsign ("" when there is none), or null
-double ovc_twin_margin(const float* soft, const ovc_frame& frame, int32_t plausible, char* twin_call);
+double ovc_twin_margin(const float* soft, const ovc_frame* frame, int32_t plausible, char* twin_call);

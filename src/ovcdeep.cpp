@@ -260,25 +260,25 @@ double ovc_deep_threshold(double trials, double pfa) {
     return 0.5 * (low + high);
 }
 
-int32_t ovc_deep_search(const ov_specmap& map, const ovc_known* known, int32_t n_known, double t_min, double t_max,
+int32_t ovc_deep_search(const ov_specmap* map, const ovc_known* known, int32_t n_known, double t_min, double t_max,
                         double search_hz, double guard, double pfa, int32_t max_hits, ovc_deep_hit* hits,
                         double* threshold) {
     if (n_known < 1) return 0;
     ov_grid grid;
-    if (!ov_search_grid(map, OVC_CHIPS, t_min, t_max, search_hz, guard, grid)) return 0;
+    if (!ov_search_grid(*map, OVC_CHIPS, t_min, t_max, search_hz, guard, grid)) return 0;
 
     // About three independent places a chip of time and 1/chip of frequency.
-    const double trials = (3.0 * static_cast<double>(grid.n_rows) / map.steps_per_chip + 1) *
-                          (3.0 * static_cast<double>(grid.n_columns) * map.bin_hz * map.chip_s + 1) * n_known;
+    const double trials = (3.0 * static_cast<double>(grid.n_rows) / map->steps_per_chip + 1) *
+                          (3.0 * static_cast<double>(grid.n_columns) * map->bin_hz * map->chip_s + 1) * n_known;
     const double least_z = ovc_deep_threshold(trials, pfa);
     if (threshold != nullptr) *threshold = least_z;
 
     try {
         std::vector<ovc_deep_hit> found =
-            DeepSearch(map, grid, {known, static_cast<std::size_t>(n_known)}, least_z).hits();
+            DeepSearch(*map, grid, {known, static_cast<std::size_t>(n_known)}, least_z).hits();
         std::sort(found.begin(), found.end(), hit_before);
-        const double near_s = SAME_FRAMES * OVC_CHIPS * map.chip_s;
-        const double near_hz = SAME_CHIP_HZ / map.chip_s;
+        const double near_s = SAME_FRAMES * OVC_CHIPS * map->chip_s;
+        const double near_hz = SAME_CHIP_HZ / map->chip_s;
         const auto same = [&](const ovc_deep_hit& a, const ovc_deep_hit& b) {
             return a.known == b.known && std::fabs(a.t - b.t) < near_s && std::fabs(a.f - b.f) < near_hz;
         };
@@ -295,14 +295,14 @@ void try_deep(const ov_baseband& bb, const ov_specmap& map, const ovc_known& kno
     judge_deep(map, known, {start, f, drift, energy.data(), n_in}, min_chips, best);
 }
 
-int ovc_deep_refine(const ov_baseband& bb, const ov_specmap& map, const ovc_known& known, const ovc_deep_hit& hit,
+int ovc_deep_refine(const ov_baseband& bb, const ov_specmap* map, const ovc_known* known, const ovc_deep_hit* hit,
                     double drift_range, double guard, ov_hyp& hyp) {
     const int32_t min_chips = ov_chips_needed(guard, OVC_CHIPS);
     ov_hyp best{};
     best.metric = OVC_NO_METRIC;
-    const auto judge = [&](const ov_measured& measured) { judge_deep(map, known, measured, min_chips, best); };
-    if (ov_search_around(bb, map, hit.pos * map.hop, hit.f, drift_range, best, std::ref(judge)) != 0) return -1;
-    energies_to_soft(best.energy, OVC_PAIRS, best.noise, map.noise_rescale, best.soft);
+    const auto judge = [&](const ov_measured& measured) { judge_deep(*map, *known, measured, min_chips, best); };
+    if (ov_search_around(bb, *map, hit->pos * map->hop, hit->f, drift_range, best, std::ref(judge)) != 0) return -1;
+    energies_to_soft(best.energy, OVC_PAIRS, best.noise, map->noise_rescale, best.soft);
     hyp = best;
     return 0;
 }

@@ -35,7 +35,7 @@ double ovc_deep_threshold(double trials, double pfa);
 //                                    three chip bandwidths
 //   threshold                        the Z a hit must reach, or null; unwritten when there is nothing to search
 // Returns the number of hits, or -1 when memory is short.
-int32_t ovc_deep_search(const ov_specmap& map, const ovc_known* known, int32_t n_known, double t_min, double t_max,
+int32_t ovc_deep_search(const ov_specmap* map, const ovc_known* known, int32_t n_known, double t_min, double t_max,
                         double search_hz, double guard, double pfa, int32_t max_hits, ovc_deep_hit* hits,
                         double* threshold);
 
@@ -46,5 +46,5 @@ void try_deep(const ov_baseband& bb, const ov_specmap& map, const ovc_known& kno
 
 // Refines a hit in start, frequency and drift, as ov_refine does a candidate. Returns 0, or -1 with hyp untouched when
 // too few chips lie inside the baseband everywhere.
-int ovc_deep_refine(const ov_baseband& bb, const ov_specmap& map, const ovc_known& known, const ovc_deep_hit& hit,
+int ovc_deep_refine(const ov_baseband& bb, const ov_specmap* map, const ovc_known* known, const ovc_deep_hit* hit,
                     double drift_range, double guard, ov_hyp& hyp);

@@ -4,10 +4,11 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cstring>
 #include <span>
 #include <string_view>
+
+#include "ascii.h"
 
 namespace {
 
@@ -59,8 +60,7 @@ int ov_normalize_call(const char* in, char* out) {
 
     std::array<char, CALL_LENGTH + 1> call;
     call.fill(' ');
-    std::transform(token.begin(), token.end(), call.begin() + (move ? 1 : 0),
-                   [](char c) { return static_cast<char>(std::toupper(static_cast<unsigned char>(c))); });
+    std::transform(token.begin(), token.end(), call.begin() + (move ? 1 : 0), ascii_upper);
     call.back() = '\0';
     std::copy(call.begin(), call.end(), out);
 
@@ -159,10 +159,10 @@ int ovc_encode(const char* call, uint8_t* chips, char* normalised) {
     return 0;
 }
 
-int ovc_known_init(const char* call, ovc_known& entry) {
-    entry = {};
-    if (ovc_encode(call, entry.chips, entry.call) != 0) return -1;
-    for (std::size_t k = 0; k < OVC_PAIRS; k++) entry.signs[k] = entry.chips[2 + 2 * k] != 0 ? 1 : -1;
-    std::remove_copy(std::begin(entry.call), std::end(entry.call), entry.display, ' ');
+int ovc_known_init(const char* call, ovc_known* entry) {
+    *entry = {};
+    if (ovc_encode(call, entry->chips, entry->call) != 0) return -1;
+    for (std::size_t k = 0; k < OVC_PAIRS; k++) entry->signs[k] = entry->chips[2 + 2 * k] != 0 ? 1 : -1;
+    std::remove_copy(std::begin(entry->call), std::end(entry->call), entry->display, ' ');
     return 0;
 }

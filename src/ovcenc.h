@@ -79,4 +79,4 @@ struct ovc_known {
 };
 
 // Fills an entry; -1 (and a zeroed entry) when the callsign cannot be encoded.
-int ovc_known_init(const char* call, ovc_known& entry);
+int ovc_known_init(const char* call, ovc_known* entry);

@@ -56,7 +56,7 @@ std::vector<Pooled> pool_frames(const ov_params& params, std::span<const Fit> fi
 
 bool is_valid(const ov_params& params, const ovc_frame& frame, std::array<char, 7>& call) {
     uint32_t value = 0;
-    if (ovc_check_frame(frame, call.data(), &value) != 0) return false;
+    if (ovc_check_frame(&frame, call.data(), &value) != 0) return false;
     if (params.check_plausible != 0 && ov_call_plausible(call.data()) == 0) return false;
     if (params.known_only == 0) return true;
     std::array<char, 7> text;
@@ -74,7 +74,7 @@ std::optional<Decision> decide(const Search& search, std::span<const Fit> fits, 
         if (!is_valid(search.params, candidate.frame, call)) continue;
         if (!chosen) {
             std::array<char, 7> twin;
-            const double margin = ovc_twin_margin(fits[candidate.fit].hyp.soft, candidate.frame,
+            const double margin = ovc_twin_margin(fits[candidate.fit].hyp.soft, &candidate.frame,
                                                   search.params.check_plausible, twin.data());
             if (!(margin >= search.params.twin_min)) {
                 search.tell().crc_twin(number, call.data(), twin.data(), margin);
@@ -154,7 +154,7 @@ void examine_deep(const Search& search, const ovc_deep_hit& hit, SpotList& spots
         return;
     }
     ov_hyp hyp;
-    if (ovc_deep_refine(search.bb, search.map, known, hit, search.drift_range, search.params.chip_guard, hyp) != 0) {
+    if (ovc_deep_refine(search.bb, &search.map, &known, &hit, search.drift_range, search.params.chip_guard, hyp) != 0) {
         return;
     }
     const ov_spot spot = known_spot(search, known, hit, hyp);
@@ -176,7 +176,7 @@ void search_known(const Search& search, SpotList& spots) {
     std::array<ovc_deep_hit, MAX_DEEP_HITS> hits;
     double threshold = 0;
     const int32_t count = std::max(
-        0, ovc_deep_search(search.map, params.known, params.n_known, window.first, window.last, params.search_hz,
+        0, ovc_deep_search(&search.map, params.known, params.n_known, window.first, window.last, params.search_hz,
                            params.chip_guard, params.deep_pfa, MAX_DEEP_HITS, hits.data(), &threshold));
     search.tell().deep_search(params.n_known, threshold, count);
     for (const ovc_deep_hit& hit : std::span(hits).first(static_cast<std::size_t>(count))) {

@@ -233,9 +233,9 @@ TEST(EndToEnd, SnrIsWithoutBiasAndTimesWithinFiveMilliseconds) {
 
 TEST(EndToEnd, TenMinutesOfNoiseHoldNoFrame) {
     std::vector<ovc_known> known(3);
-    ASSERT_EQ(ovc_known_init("F5NQL", known[0]), 0);
-    ASSERT_EQ(ovc_known_init("OH1ABC", known[1]), 0);
-    ASSERT_EQ(ovc_known_init("W1AW", known[2]), 0);
+    ASSERT_EQ(ovc_known_init("F5NQL", &known[0]), 0);
+    ASSERT_EQ(ovc_known_init("OH1ABC", &known[1]), 0);
+    ASSERT_EQ(ovc_known_init("W1AW", &known[2]), 0);
     ov_params params = defaults();
     params.known = known.data();
     params.n_known = 3;
@@ -262,7 +262,7 @@ TEST(EndToEnd, NoMoreThanSixtyFourOfSeventyFramesAreReported) {
         sent.push_back({OVL_OPERA, call, random.uniform(0.5, 3), 206 + 52.0 * k, weak ? -11.0 : -6.0, 0});
         if (!weak) continue;
         known.emplace_back();
-        ASSERT_EQ(ovc_known_init(call.c_str(), known.back()), 0);
+        ASSERT_EQ(ovc_known_init(call.c_str(), &known.back()), 0);
         list += call + ' ';
     }
     ASSERT_EQ(known.size(), 40u);

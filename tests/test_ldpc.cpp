@@ -269,18 +269,9 @@ TEST_P(BothCodes, LoadingFillsEveryField) {
 }
 
 TEST(LdpcLoad, RefusesSizesOutOfRangeAndLeavesTheCodeAlone) {
-    const std::pair<int32_t, int32_t> sizes[] = {{193, 192},
-                                                 {193, 44},
-                                                 {44, 44},
-                                                 {44, 45},
-                                                 {119, 0},
-                                                 {119, -1},
-                                                 {0, 0},
-                                                 {-5, -6},
-                                                 {INT32_MIN, INT32_MAX},
-                                                 {INT32_MAX, INT32_MIN},
-                                                 {INT32_MAX, 1},
-                                                 {5, INT32_MIN}};
+    const std::pair<int32_t, int32_t> sizes[] = {
+        {193, 192},    {193, 44}, {44, 44}, {44, 45}, {0, 0}, {INT32_MIN, INT32_MAX}, {INT32_MAX, INT32_MIN},
+        {INT32_MAX, 1}};
     auto code = std::make_unique<ldpc_code>();
     code->n = 4711;
     for (const auto& [n, k] : sizes) {
@@ -314,6 +305,15 @@ TEST(LdpcLoad, TheLongestCodeHas192Bits) {
     const std::vector<uint8_t> pivot(191, 0);
     EXPECT_EQ(ldpc_load(*code, 192, 191, degree, vars, generator.data(), pivot.data()), 0);
     EXPECT_EQ(code->var_degree[191], 1);
+}
+
+TEST(LdpcLoad, ACodeMayCarryNothing) {
+    auto code = std::make_unique<ldpc_code>();
+    const uint8_t degree[2] = {1, 1};
+    const uint8_t vars[2] = {0, 1};
+    ASSERT_EQ(ldpc_load(*code, 2, 0, degree, vars, nullptr, nullptr), 0);
+    EXPECT_EQ(code->m, 2);
+    EXPECT_EQ(encode(*code, {}), (Bits{0, 0}));
 }
 
 // Encoding
@@ -485,13 +485,45 @@ TEST(LdpcBuild, AGraphWithoutCyclesHasNoGirth) {
     EXPECT_EQ(code->girth, LDPC_NO_CYCLE);
 }
 
-TEST(LdpcBuild, NoCheckTakesMoreThan31Variables) {
+TEST(LdpcBuild, ACheckTakes32VariablesWhoseFirstItIsAnd31Others) {
     auto code = std::make_unique<ldpc_code>();
-    EXPECT_EQ(ldpc_build(*code, 31, 30, 1, 1), 0);
-    EXPECT_EQ(code->check_degree[0], 31);
-    EXPECT_EQ(ldpc_build(*code, 32, 31, 1, 1), -1);
+    ASSERT_EQ(ldpc_build(*code, 32, 31, 1, 1), 0);
+    EXPECT_EQ(code->check_degree[0], 32);
+    EXPECT_EQ(code->check_vars[0][31], 31);
+    EXPECT_EQ(ldpc_build(*code, 33, 32, 1, 1), -1);
     EXPECT_EQ(ldpc_build(*code, 256, 255, 1, 1), -1);
+
+    // Three checks of all variables depend on each other, but before that they are full: at 31, and not at once.
+    EXPECT_EQ(ldpc_build(*code, 31, 28, 3, 1), -1);
+    EXPECT_EQ(ldpc_build(*code, 32, 29, 3, 1), -1);
     EXPECT_EQ(ldpc_build(*code, 256, 250, 3, 1), -1);
+}
+
+TEST(LdpcBuild, FillsTheChecksAsTheConstructionSays) {
+    auto code = std::make_unique<ldpc_code>();
+    for (int32_t n = 58; n < 66; ++n) {  // 60 to 64 variables in checks of 31 and 32
+        for (const int32_t weight : {1, 3}) {
+            const int32_t m = 2 * weight;
+            SCOPED_TRACE(testing::Message() << n << ", weight " << weight);
+            const auto expected = ldpc_model::construct(n, n - m, weight, 1);
+            ASSERT_EQ(ldpc_build(*code, n, n - m, weight, 1), expected ? 0 : -1);
+            if (expected) {
+                EXPECT_EQ(ldpc_model::checks_of(*code), *expected);
+            }
+        }
+    }
+}
+
+TEST_P(BothCodes, AreWhatTheConstructionMakesOfTheFirstSeed) {
+    auto code_built = std::make_unique<ldpc_code>();
+    ASSERT_EQ(ldpc_build(*code_built, tables().n, tables().k, 3, 1), 0);
+    const ldpc_code& stored = code();
+    EXPECT_TRUE(std::ranges::equal(code_built->check_degree, stored.check_degree));
+    for (int32_t c = 0; c < stored.m; ++c) {
+        EXPECT_TRUE(std::ranges::equal(code_built->check_vars[c], stored.check_vars[c])) << "check " << c;
+    }
+    EXPECT_TRUE(std::ranges::equal(code_built->generator, stored.generator));
+    EXPECT_TRUE(std::ranges::equal(code_built->pivot, stored.pivot));
 }
 
 TEST(LdpcBuild, EvenWeightsMakeDependentChecks) {

@@ -273,9 +273,9 @@ int32_t count_of(const auto& samples) {
 constexpr const char* KNOWN = "OH2XYZ DL1ABC K1ABC";
 std::array<ovc_known, 3> known_callsigns() {
     std::array<ovc_known, 3> known;
-    EXPECT_EQ(ovc_known_init("OH2XYZ", known[0]), 0);
-    EXPECT_EQ(ovc_known_init("DL1ABC", known[1]), 0);
-    EXPECT_EQ(ovc_known_init("K1ABC", known[2]), 0);
+    EXPECT_EQ(ovc_known_init("OH2XYZ", &known[0]), 0);
+    EXPECT_EQ(ovc_known_init("DL1ABC", &known[1]), 0);
+    EXPECT_EQ(ovc_known_init("K1ABC", &known[2]), 0);
     return known;
 }
 
@@ -297,7 +297,7 @@ struct Received {
         ov_spec_frame(orvel_map, ov_ncoded(0), 1);
         EXPECT_EQ(ov_find_candidates(map, -1e9, 1e9, SEARCH_HZ, 0.2, 7, 1, &cand, nullptr, nullptr), 1);
         EXPECT_EQ(ov_refine(bb, map, cand, 0.1, 0.2, hyp), 0);
-        EXPECT_GT(ovc_deep_search(map, known.data(), 3, -1e9, 1e9, SEARCH_HZ, 0.2, 1e-4, 1, &hit, nullptr), 0);
+        EXPECT_GT(ovc_deep_search(&map, known.data(), 3, -1e9, 1e9, SEARCH_HZ, 0.2, 1e-4, 1, &hit, nullptr), 0);
     }
 };
 
@@ -820,7 +820,7 @@ TEST(SearchMemory, ADeepSearchFindsAllOrFails) {
     const Received received;
     using Hits = std::array<ovc_deep_hit, 8>;
     const auto search = [&](Hits& hits) {
-        return ovc_deep_search(received.map, received.known.data(), 3, -1e9, 1e9, SEARCH_HZ, 0.2, 0.01, count_of(hits),
+        return ovc_deep_search(&received.map, received.known.data(), 3, -1e9, 1e9, SEARCH_HZ, 0.2, 0.01, count_of(hits),
                                hits.data(), nullptr);
     };
     Hits reference{};
@@ -871,8 +871,9 @@ TEST(RefinementMemory, ACandidateIsRefinedOrLeft) {
 TEST(RefinementMemory, ADeepHitIsRefinedOrLeft) {
     const Received received;
     refuse_refinement([&](ov_hyp& hyp) {
-        return ovc_deep_refine(received.bb, received.map, received.known[static_cast<std::size_t>(received.hit.known)],
-                               received.hit, 0.1, 0.2, hyp);
+        return ovc_deep_refine(received.bb, &received.map,
+                               &received.known[static_cast<std::size_t>(received.hit.known)], &received.hit, 0.1, 0.2,
+                               hyp);
     });
 }
 
@@ -1374,9 +1375,9 @@ TEST(NoMemory, IsNeededToMeasureAndJudgeAFrame) {
     EXPECT_EQ(ovc_list_frames(best.soft, 1, &frame), 1);
     std::array<char, 7> call{};
     uint32_t value = 0;
-    EXPECT_EQ(without_memory([&] { return ovc_check_frame(frame, call.data(), &value); }), 0);
+    EXPECT_EQ(without_memory([&] { return ovc_check_frame(&frame, call.data(), &value); }), 0);
     EXPECT_EQ(without_memory([&] { return ov_call_plausible(call.data()); }), 1);
-    EXPECT_GT(without_memory([&] { return ovc_twin_margin(best.soft, frame, 1, call.data()); }), 0);
+    EXPECT_GT(without_memory([&] { return ovc_twin_margin(best.soft, &frame, 1, call.data()); }), 0);
     EXPECT_GT(without_memory([&] { return ovc_frame_metric(best.soft); }), 0);
     EXPECT_GT(without_memory([&] { return median_value(energies); }), 0);
     std::array<uint8_t, OVC_CHIPS> chips;

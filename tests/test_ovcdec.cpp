@@ -108,7 +108,8 @@ struct Checked {
 Checked check(const Rows& rows) {
     char call[8] = "";
     uint32_t value = 0;
-    const int result = ovc_check_frame(frame_of(rows), call, &value);
+    const ovc_frame frame = frame_of(rows);
+    const int result = ovc_check_frame(&frame, call, &value);
     return {result, call, value};
 }
 
@@ -346,8 +347,9 @@ Margin model_margin(const Soft& soft, const Rows& rows, bool plausible) {
 
 Margin margin(const Soft& soft, const Rows& rows, int32_t plausible) {
     char call[7] = {'?', '?', '?', '?', '?', '?', '?'};
-    const double value = ovc_twin_margin(soft.data(), frame_of(rows), plausible, call);
-    EXPECT_EQ(ovc_twin_margin(soft.data(), frame_of(rows), plausible, nullptr), value);
+    const ovc_frame frame = frame_of(rows);
+    const double value = ovc_twin_margin(soft.data(), &frame, plausible, call);
+    EXPECT_EQ(ovc_twin_margin(soft.data(), &frame, plausible, nullptr), value);
     return {value, call};
 }
 
@@ -624,9 +626,10 @@ TEST(SoftBitsThatAreNotFinite, NeverWinAFrameMetric) {
 }
 
 TEST(SoftBitsThatAreNotFinite, LeaveAMarginThatIsANumber) {
+    const ovc_frame frame = frame_of(rows_of(123627437));
     for (const Soft& soft : soft_bits_that_are_not_finite()) {
         char call[7];
-        EXPECT_FALSE(std::isnan(ovc_twin_margin(soft.data(), frame_of(rows_of(123627437)), 0, call)));
+        EXPECT_FALSE(std::isnan(ovc_twin_margin(soft.data(), &frame, 0, call)));
     }
 }
 

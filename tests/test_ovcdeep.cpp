@@ -98,7 +98,7 @@ struct HandMap {
 
 ovc_known known_entry(const std::string& call) {
     ovc_known entry;
-    EXPECT_EQ(ovc_known_init(call.c_str(), entry), 0) << call;
+    EXPECT_EQ(ovc_known_init(call.c_str(), &entry), 0) << call;
     return entry;
 }
 
@@ -129,7 +129,7 @@ Result search_map(const ov_specmap& map, const std::vector<ovc_known>& known, co
     std::vector<ovc_deep_hit> room(static_cast<std::size_t>(std::max(search.max_hits, 0)) + 1);
     for (ovc_deep_hit& hit : room) hit.known = MARK;
     result.count =
-        ovc_deep_search(map, known.data(), static_cast<int32_t>(known.size()), search.t_min, search.t_max,
+        ovc_deep_search(&map, known.data(), static_cast<int32_t>(known.size()), search.t_min, search.t_max,
                         search.search_hz, search.guard, search.pfa, search.max_hits, room.data(), &result.threshold);
     const auto written =
         std::find_if(room.begin(), room.end(), [](const ovc_deep_hit& hit) { return hit.known == MARK; });
@@ -469,7 +469,7 @@ TEST(DeepSearch, NothingToSearchLeavesTheThresholdUnwritten) {
     const auto expect_nothing = [&](const HandMap& where, const std::vector<ovc_known>& entries, const Search& search) {
         Result result;
         EXPECT_EQ(peak_memory([&] {
-                      result.count = ovc_deep_search(where.map, entries.data(), static_cast<int32_t>(entries.size()),
+                      result.count = ovc_deep_search(&where.map, entries.data(), static_cast<int32_t>(entries.size()),
                                                      search.t_min, search.t_max, search.search_hz, search.guard,
                                                      search.pfa, search.max_hits, nullptr, &result.threshold);
                   }),
@@ -499,7 +499,7 @@ TEST(DeepSearch, NothingToSearchLeavesTheThresholdUnwritten) {
     const HandMap shorter(477 - 2 * 94 - 1, 4, 2, 1);  // one row too short for a frame that hangs over both edges
     expect_nothing(shorter, known, {});
     double threshold = UNWRITTEN;
-    EXPECT_EQ(ovc_deep_search(map.map, known.data(), -3, -1, 1, 10, 0.2, 1e-4, 64, nullptr, &threshold), 0);
+    EXPECT_EQ(ovc_deep_search(&map.map, known.data(), -3, -1, 1, 10, 0.2, 1e-4, 64, nullptr, &threshold), 0);
     EXPECT_EQ(threshold, UNWRITTEN);
 }
 
@@ -520,10 +520,10 @@ TEST(DeepSearch, ThresholdIsWrittenWithoutRoomForHitsAndMayBeLeftOut) {
     HandMap map(300 * 2, 4, 2, 1);
     map.key(known[0], 8, 4, 5);
     double threshold = UNWRITTEN;
-    EXPECT_EQ(ovc_deep_search(map.map, known.data(), 1, -9, 9, 99, 0.2, 1e-4, 0, nullptr, &threshold), 0);
+    EXPECT_EQ(ovc_deep_search(&map.map, known.data(), 1, -9, 9, 99, 0.2, 1e-4, 0, nullptr, &threshold), 0);
     EXPECT_GT(threshold, 4);
     ovc_deep_hit hit;
-    EXPECT_EQ(ovc_deep_search(map.map, known.data(), 1, -9, 9, 99, 0.2, 1e-4, 1, &hit, nullptr), 1);
+    EXPECT_EQ(ovc_deep_search(&map.map, known.data(), 1, -9, 9, 99, 0.2, 1e-4, 1, &hit, nullptr), 1);
     EXPECT_EQ(hit.pos, 8);
 }
 
@@ -601,7 +601,7 @@ std::size_t search_memory(double seconds, const std::vector<ovc_known>& known, i
     std::array<ovc_deep_hit, 64> hits;
     int32_t count = 0;
     const std::size_t peak = peak_memory([&] {
-        count = ovc_deep_search(map.map, known.data(), static_cast<int32_t>(known.size()), -1e9, 1e9, 1e9, 0.2, 1e-9,
+        count = ovc_deep_search(&map.map, known.data(), static_cast<int32_t>(known.size()), -1e9, 1e9, 1e9, 0.2, 1e-9,
                                 64, hits.data(), nullptr);
     });
     EXPECT_EQ(count, expected_hits);
@@ -636,7 +636,7 @@ TEST(DeepSearchMemory, ShortageIsReportedAndEverythingFreed) {
     const auto known = known_entries(random, 2);
     std::vector<ovc_deep_hit> room(100000);
     const auto search = [&] {
-        return ovc_deep_search(map.map, known.data(), 2, -1e9, 1e9, 1e9, 0.2, 1e9, 100000, room.data(), nullptr);
+        return ovc_deep_search(&map.map, known.data(), 2, -1e9, 1e9, 1e9, 0.2, 1e9, 100000, room.data(), nullptr);
     };
     const int32_t found = search();
     EXPECT_GT(found, 100);
@@ -869,7 +869,7 @@ TEST(DeepRefinement, EqualsTheGridWrittenOut) {
             const auto expected = refine_model(samples.view(), record.map, known, hit, range, 0.2);
             ASSERT_TRUE(expected.has_value());
             ov_hyp hyp{};
-            ASSERT_EQ(ovc_deep_refine(samples.view(), record.map, known, hit, range, 0.2, hyp), 0);
+            ASSERT_EQ(ovc_deep_refine(samples.view(), &record.map, &known, &hit, range, 0.2, hyp), 0);
             expect_equal_hyps(hyp, *expected);
             EXPECT_GT(hyp.metric, range > unit ? 7 : 3);
             EXPECT_EQ(hyp.nchips, 0);
@@ -891,7 +891,7 @@ TEST(DeepRefinement, WideDriftRangesAreCutIntoTwelveSteps) {
             const auto expected = refine_model(samples.view(), record.map, known, hit, range, 0.2);
             ASSERT_TRUE(expected.has_value());
             ov_hyp hyp{};
-            ASSERT_EQ(ovc_deep_refine(samples.view(), record.map, known, hit, range, 0.2, hyp), 0);
+            ASSERT_EQ(ovc_deep_refine(samples.view(), &record.map, &known, &hit, range, 0.2, hyp), 0);
             expect_equal_hyps(hyp, *expected);
             const double unit = steps > 12 ? range / 12 : HALF_BIN_A_FRAME;
             EXPECT_NEAR(hyp.drift / unit, std::round(hyp.drift / unit), 1e-9);
@@ -913,7 +913,7 @@ TEST(DeepRefinement, EqualsTheGridAtTheEdgesOfTheBlock) {
         const auto expected = refine_model(samples.view(), record.map, known, hit, HALF_BIN_A_FRAME, guard);
         ov_hyp hyp{};
         hyp.start = 12345;
-        const int result = ovc_deep_refine(samples.view(), record.map, known, hit, HALF_BIN_A_FRAME, guard, hyp);
+        const int result = ovc_deep_refine(samples.view(), &record.map, &known, &hit, HALF_BIN_A_FRAME, guard, hyp);
         ASSERT_EQ(result, expected.has_value() ? 0 : -1);
         if (expected.has_value()) {
             expect_equal_hyps(hyp, *expected);
@@ -942,7 +942,7 @@ TEST(DeepSearch, FindsAndRefinesAWeakFrame) {
     EXPECT_NEAR(plain.hits[0].t, 5.31, 0.06);
     EXPECT_NEAR(plain.hits[0].f, -7.4, 2.0);
     ov_hyp hyp{};
-    ASSERT_EQ(ovc_deep_refine(bb, map, known[1], plain.hits[0], 0.1, 0.2, hyp), 0);
+    ASSERT_EQ(ovc_deep_refine(bb, &map, &known[1], &plain.hits[0], 0.1, 0.2, hyp), 0);
     EXPECT_NEAR(hyp.start / 125.0, 5.31, 0.04);
     EXPECT_NEAR(hyp.f, -7.4, 2.0);  // a quarter of a chip bandwidth
     EXPECT_GE(hyp.metric, plain.hits[0].z - 1e-5);

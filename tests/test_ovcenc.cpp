@@ -678,7 +678,7 @@ TEST(KnownCallsign, HoldsBothTexts) {
                                         {"qq0x", "QQ0X  ", "QQ0X"},
                                         {" k1ab W", " K1AB ", "K1AB"}}) {
         ovc_known entry = filled_entry();
-        ASSERT_EQ(ovc_known_init(example.typed.c_str(), entry), 0) << example.typed;
+        ASSERT_EQ(ovc_known_init(example.typed.c_str(), &entry), 0) << example.typed;
         EXPECT_EQ(std::string(entry.call, 7), example.call + '\0');
         EXPECT_STREQ(entry.display, example.display.c_str());
         EXPECT_TRUE(
@@ -691,7 +691,7 @@ TEST(KnownCallsign, SignsAreTheSecondChipsOfThePairs) {
     for (int round = 0; round < 200; ++round) {
         const std::string call = random.callsign();
         ovc_known entry = filled_entry();
-        ASSERT_EQ(ovc_known_init(call.c_str(), entry), 0) << call;
+        ASSERT_EQ(ovc_known_init(call.c_str(), &entry), 0) << call;
         const Bits chips = encode(call);
         ASSERT_TRUE(std::equal(chips.begin(), chips.end(), entry.chips)) << call;
         for (std::size_t pair = 0; pair < 119; ++pair) {
@@ -703,7 +703,7 @@ TEST(KnownCallsign, SignsAreTheSecondChipsOfThePairs) {
 TEST(KnownCallsign, AnUnusableOneLeavesAnEmptyEntry) {
     for (const std::string text : {"", "AB", "Q1WXYZ", "QQ0/P", "QQ0XYZW"}) {
         ovc_known entry = filled_entry();
-        EXPECT_EQ(ovc_known_init(text.c_str(), entry), -1) << text;
+        EXPECT_EQ(ovc_known_init(text.c_str(), &entry), -1) << text;
         std::vector<char> bytes(sizeof entry);
         std::memcpy(bytes.data(), &entry, sizeof entry);
         EXPECT_TRUE(std::all_of(bytes.begin(), bytes.end(), [](char c) { return c == 0; })) << text;

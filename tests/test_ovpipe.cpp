@@ -125,7 +125,7 @@ ov_params verbose_params(int32_t protocols, int32_t max_cands = 10) {
 
 std::vector<ovc_known> known_entries(const std::vector<std::string>& calls) {
     std::vector<ovc_known> entries(calls.size());
-    for (std::size_t k = 0; k < calls.size(); k++) EXPECT_EQ(ovc_known_init(calls[k].c_str(), entries[k]), 0);
+    for (std::size_t k = 0; k < calls.size(); k++) EXPECT_EQ(ovc_known_init(calls[k].c_str(), &entries[k]), 0);
     return entries;
 }
 
@@ -307,12 +307,13 @@ class Model {
             const Pooled& item = pool[walked++];
             std::array<char, 7> six{};
             uint32_t value = 0;
-            if (ovc_check_frame(item.frame, six.data(), &value) != 0) continue;
+            if (ovc_check_frame(&item.frame, six.data(), &value) != 0) continue;
             if (p_.check_plausible != 0 && ov_call_plausible(six.data()) == 0) continue;
             if (p_.known_only != 0 && !known(without_blanks_around(six.data()))) continue;
             if (!chosen) {
                 std::array<char, 7> twin{};
-                const double margin = ovc_twin_margin(fits[item.fit].soft, item.frame, p_.check_plausible, twin.data());
+                const double margin =
+                    ovc_twin_margin(fits[item.fit].soft, &item.frame, p_.check_plausible, twin.data());
                 if (margin < p_.twin_min) {
                     say(format("Candidate %d: %s rejected, CRC twin %s only %.1f behind\n", number, six.data(),
                                twin.data(), margin));
@@ -364,7 +365,7 @@ class Model {
         double threshold = 0;
         const double latest_end = p_.end_max < 0 ? NO_LIMIT_S : p_.end_max;
         const double latest_start = p_.start_max < 0 ? NO_LIMIT_S : p_.start_max;
-        const int32_t n = ovc_deep_search(map, p_.known, p_.n_known, std::max(p_.end_min - opera_s_, p_.start_min),
+        const int32_t n = ovc_deep_search(&map, p_.known, p_.n_known, std::max(p_.end_min - opera_s_, p_.start_min),
                                           std::min(latest_end - opera_s_, latest_start), p_.search_hz, p_.chip_guard,
                                           p_.deep_pfa, 64, hits.data(), &threshold);
         say(format("Deep search: %d known callsign(s), threshold Z=%.2f, %d hit(s)\n", p_.n_known, threshold,
@@ -378,7 +379,7 @@ class Model {
                 continue;
             }
             ov_hyp hyp;
-            if (ovc_deep_refine(bb_, map, entry, hit, drift, p_.chip_guard, hyp) != 0) continue;
+            if (ovc_deep_refine(bb_, &map, &entry, &hit, drift, p_.chip_guard, hyp) != 0) continue;
             ov_spot spot = spot_of(hyp, hit.z, 1);
             std::strcpy(spot.call, entry.display);
             spot.rank = -1;
@@ -1136,7 +1137,7 @@ TEST(Run, TheTwinMarginItselfIsAccepted) {
     ASSERT_EQ(ov_fit_shift(block.baseband(), map, hyp, plain.spots[0].shift, 0.2, fit), 0);
     ovc_frame best;
     ASSERT_EQ(ovc_list_frames(fit.soft, 1, &best), 1);
-    const double margin = ovc_twin_margin(fit.soft, best, 1, nullptr);
+    const double margin = ovc_twin_margin(fit.soft, &best, 1, nullptr);
     ASSERT_LT(margin, 1e29);
 
     params.twin_min = margin;
@@ -1157,7 +1158,7 @@ TEST(Run, TwoValidCallsignsInOneCandidateAreNoSpot) {
         ovc_frame frame;
         ASSERT_EQ(ovc_list_frames(soft.data(), 1, &frame), 1);
         std::array<char, 7> text{};
-        if (ovc_twin_margin(soft.data(), frame, 1, text.data()) > 1e29) continue;
+        if (ovc_twin_margin(soft.data(), &frame, 1, text.data()) > 1e29) continue;
         const std::vector<uint8_t> other = opera_chips(text.data());
         std::set<std::size_t> groups;
         for (std::size_t k = 0; k < OVC_PAIRS; k++) {

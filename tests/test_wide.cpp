@@ -420,7 +420,7 @@ TEST(WideDecode, TellsWhatTheScanFoundAndWhichTileItLooksAt) {
 TEST(WideDecode, TheFalseAlarmsOfTheDeepSearchAreSharedOutOverTheTiles) {
     const IqSamples iq = three_strengths();
     ovc_known known{};
-    ASSERT_EQ(ovc_known_init("ZZ9ZZ", known), 0);
+    ASSERT_EQ(ovc_known_init("ZZ9ZZ", &known), 0);
     ov_params params = opera_band(0, 900);
     params.verbose = 1;
     params.known = &known;
@@ -437,7 +437,7 @@ TEST(WideDecode, TheFalseAlarmsOfTheDeepSearchAreSharedOutOverTheTiles) {
         ASSERT_EQ(ov_spectrogram(bb, 0.128, 20, 0, map), 0);
         std::array<ovc_deep_hit, 64> hits;
         double threshold = 0;
-        ovc_deep_search(map, &known, 1, -1e9, 1e9, 20, 0.2, 0.0001 / tiles, 64, hits.data(), &threshold);
+        ovc_deep_search(&map, &known, 1, -1e9, 1e9, 20, 0.2, 0.0001 / tiles, 64, hits.data(), &threshold);
         std::array<char, 100> line;
         std::snprintf(line.data(), line.size(), "Deep search: 1 known callsign(s), threshold Z=%.2f, ", threshold);
         EXPECT_EQ(count_text(result.text, line.data()), tiles) << line.data() << result.text;
@@ -468,7 +468,7 @@ TEST(WideDecode, AStationBetweenTwoTilesIsReportedOnceAsTheStrongerOne) {
 // second tile is that of C's other transmitter, which is weaker.
 TEST(WideDecode, AnOrdinaryDecodeReplacesADeepOne) {
     ovc_known known{};
-    ASSERT_EQ(ovc_known_init("CC3CC", known), 0);
+    ASSERT_EQ(ovc_known_init("CC3CC", &known), 0);
     ov_params params = opera_band(0, 450);
     params.known = &known;
     params.n_known = 1;
@@ -490,7 +490,7 @@ TEST(WideDecode, AnOrdinaryDecodeReplacesADeepOne) {
 // second, where C's other, stronger transmitter is left to the deep search.
 TEST(WideDecode, ADeepDecodeNeverReplacesAnOrdinaryOne) {
     ovc_known known{};
-    ASSERT_EQ(ovc_known_init("CC3CC", known), 0);
+    ASSERT_EQ(ovc_known_init("CC3CC", &known), 0);
     ov_params params = opera_band(0, 450);
     params.known = &known;
     params.n_known = 1;
@@ -514,7 +514,7 @@ TEST(WideDecode, OfTwoDeepDecodesTheFirstStays) {
         render(66, 1000, 2,
                std::vector<Sent>{opera("AA1AA", 1, 0, 0), opera("BB2BB", 1.5, 36, -2), opera("CC3CC", 34, 18, -12)});
     ovc_known known{};
-    ASSERT_EQ(ovc_known_init("CC3CC", known), 0);
+    ASSERT_EQ(ovc_known_init("CC3CC", &known), 0);
     ov_params params = opera_band(0, 450);
     params.known = &known;
     params.n_known = 1;
@@ -573,7 +573,7 @@ std::vector<Station> hostile_stations() {
 TEST(WideDecode, InventsNothing) {
     std::vector<ovc_known> known(20);
     Random random(6);
-    for (ovc_known& entry : known) ASSERT_EQ(ovc_known_init(random.callsign().c_str(), entry), 0);
+    for (ovc_known& entry : known) ASSERT_EQ(ovc_known_init(random.callsign().c_str(), &entry), 0);
     for (const bool bursts : {false, true}) {
         IqSamples iq = render(45, 4000, 8, hostile_stations());
         for (int32_t burst = 0; bursts && burst < 5; ++burst) {

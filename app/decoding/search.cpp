@@ -30,7 +30,7 @@ int32_t parse_protocols(const std::string& where, std::string_view list) {
 void add_known(const std::string& where, std::string_view list, std::vector<ovc_known>& known) {
     for (const std::string& call : split_list(list)) {
         if (known.size() == MAX_KNOWN) throw UsageError("too many known callsigns (max 256)");
-        if (ovc_known_init(call.c_str(), known.emplace_back()) != 0) {
+        if (ovc_known_init(call.c_str(), &known.emplace_back()) != 0) {
             throw UsageError(format("%s: '%s' is not a callsign that a frame can carry", where.c_str(), call.c_str()));
         }
     }

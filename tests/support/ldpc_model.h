@@ -247,22 +247,23 @@ inline std::optional<Matrix> construct(int32_t n, int32_t k, int32_t weight, uin
                         }
                     }
                 }
-                // Checks of the smallest degree below 31 among those that `allowed` lets through.
-                const auto candidates = [&](auto allowed) {
-                    int32_t smallest = 31;
+                // Checks of the smallest degree among those that `allowed` lets through, if it is below the limit.
+                const auto candidates = [&](int32_t limit, auto allowed) {
+                    int32_t smallest = limit;
                     for (size_t c = 0; c < checks; ++c) {
                         if (allowed(c)) smallest = std::min(smallest, degree[c]);
                     }
                     std::vector<size_t> out;
                     for (size_t c = 0; c < checks; ++c) {
-                        if (allowed(c) && degree[c] == smallest && smallest < 31) out.push_back(c);
+                        if (allowed(c) && degree[c] == smallest && smallest < limit) out.push_back(c);
                     }
                     return out;
                 };
                 const int32_t farthest = *std::max_element(to_check.begin(), to_check.end());
-                std::vector<size_t> choice = edge == 0 ? candidates([](size_t) { return true; })
-                                                       : candidates([&](size_t c) { return to_check[c] == farthest; });
-                if (choice.empty()) choice = candidates([&](size_t c) { return graph[c][v] == 0; });
+                std::vector<size_t> choice = edge == 0
+                                                 ? candidates(32, [](size_t) { return true; })
+                                                 : candidates(31, [&](size_t c) { return to_check[c] == farthest; });
+                if (choice.empty()) choice = candidates(31, [&](size_t c) { return graph[c][v] == 0; });
                 if (choice.empty()) {
                     stuck = true;
                     break;
