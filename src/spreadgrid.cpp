@@ -47,6 +47,11 @@ void SpreadGrid::finish() {
     judge_exactly(near);
 }
 
+// The best of the grid before lies on the finer grid, too.
+bool SpreadGrid::same_place(const Near& a, const Near& b) {
+    return a.start == b.start && a.f == b.f && a.drift == b.drift;
+}
+
 void SpreadGrid::begin() {
     near_.clear();
     if (found_) near_.push_back({best_.start, best_.f, best_.drift, best_.metric});
@@ -68,7 +73,8 @@ void SpreadGrid::offer(const ov_measured& measured) {
     best_.metric = bar;
     judge_(measured);
     if (best_.metric == bar) return;
-    near_.push_back({measured.start, measured.f, measured.drift, best_.metric});
+    const Near near{measured.start, measured.f, measured.drift, best_.metric};
+    if (near_.empty() || !same_place(near, near_.front())) near_.push_back(near);
     highest_ = std::max(highest_, best_.metric);
 }
 

@@ -38,6 +38,7 @@ class SpreadGrid {
         double f, drift, metric;
     };
 
+    static bool same_place(const Near& a, const Near& b);
     void begin();
     void offer_all(const StartGrid& starts, double f, int32_t n, double step_hz, double drift);
     void offer(const ov_measured& measured);
