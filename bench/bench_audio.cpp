@@ -1,4 +1,4 @@
-// Samples a second of what runs in the sound card's callbacks at 48 kHz: the transmitter, and the capture chain from
+// Samples per second of what runs in the sound card's callbacks at 48 kHz: the transmitter, and the capture chain from
 // one and two channels. x_real_time says how much faster than the sound card that is.
 #include <benchmark/benchmark.h>
 
@@ -22,7 +22,7 @@ void report(benchmark::State& state) {
     state.counters["x_real_time"] = benchmark::Counter(frames / RATE, benchmark::Counter::kIsRate);
 }
 
-// OPERA frames, started anew when they have ended.
+// OPERA frames, restarted when they have ended.
 void render(benchmark::State& state) {
     const std::unique_ptr<ovl_transmitter, decltype(&ovl_tx_destroy)> tx(ovl_tx_create(), ovl_tx_destroy);
     ovl_tx_settings settings;

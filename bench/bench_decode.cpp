@@ -1,5 +1,5 @@
-// CPU seconds of decoding one block with default settings, by stage, beside what FFTW's own transforms cost: one real
-// forward transform of the block, one cut back, one transform for each row of the score map.
+// CPU seconds of decoding one block with default settings, by stage, compared with what FFTW's own transforms cost: one
+// real forward transform of the block, one cut back, one transform for each row of the score map.
 //
 //     bench_decode [seconds of audio] [sample rate]      default 60 12000
 //     bench_decode growth                                from 30 s to 30 min: time, and memory beyond the samples
@@ -173,7 +173,7 @@ double map_cells_a_second(int32_t rate) {
     return cells;
 }
 
-// One decode of a block of noise by the C interface, in a process of its own, whose peak starts anew.
+// One decode of a block of noise by the C interface, in its own process, so that the peak of memory is its own.
 void report_growth(double seconds, int32_t rate, double cells_a_second) {
     std::fflush(stdout);
     malloc_trim(0);

@@ -1,5 +1,5 @@
-// LDPC decodes a second, in white Gaussian noise of a given sigma on ±1 bits: easy frames, frames at the threshold, and
-// noise only, where every decode runs through all passes and ordered statistics.
+// LDPC decodes per second, in white Gaussian noise of a given sigma on ±1 bits: easy frames, frames at the threshold,
+// and noise only, where every decode runs through all passes and ordered statistics.
 #include <benchmark/benchmark.h>
 
 #include <cstdint>

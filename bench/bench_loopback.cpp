@@ -1,7 +1,7 @@
-// How well the start of a transmission keeps the time it was asked for: carriers of half a second are played over a
-// sound server of our own and captured from its monitor, where the key-down edge is timed.
+// How well the start of a transmission keeps the time it was asked for: carriers of half a second are played over our
+// own sound server and captured from its monitor, where the key-down edge is timed.
 //
-// The error holds what the sound system says wrongly about its delays in both directions; the spread about its mean is
+// The error includes what the sound system misreports about its delays in both directions; the spread about its mean is
 // what differs from start to start.
 //
 //     bench_loopback [starts]      default 10
@@ -37,7 +37,7 @@ double wall_clock() {
     return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
-// Blocks come late by more or less, never early: the least delay counts.
+// Blocks arrive more or less late, never early: the least delay counts.
 void look_at_clock(const Audio& in, double& first_sample_s) {
     ovl_audio_stats stats;
     ovl_audio_input_stats(in.get(), &stats);
@@ -109,7 +109,7 @@ int measure(int32_t n) {
     samples.resize(
         static_cast<std::size_t>(ovl_audio_last(in.get(), samples.data(), static_cast<int32_t>(samples.size()))));
     const std::vector<double> starts = find_starts(samples);
-    if (starts.size() != wanted.size()) throw std::runtime_error("not every start has been heard");
+    if (starts.size() != wanted.size()) throw std::runtime_error("not every start has been captured");
 
     double sum = 0;
     double squares = 0;

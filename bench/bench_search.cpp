@@ -1,5 +1,5 @@
-// The candidate search of each protocol beside the plain model of the tests, which adds up every pair of every word for
-// every cell. Both search the same score map of a block with ten stations and must find the same candidates.
+// The candidate search of each protocol compared with the plain model of the tests, which adds up every pair of every
+// word for every cell. Both search the same score map of a block with ten stations and must find the same candidates.
 //
 //     bench_search [seconds of audio]      default 60
 #include <algorithm>
@@ -27,8 +27,8 @@ double cpu_seconds() {
     return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
 }
 
-// Differences of single-precision scores in the last bits may turn two neighbours round: the same number of candidates,
-// and all but a few at the same place.
+// Differences of single-precision scores in the last bits may swap two neighbours: the same number of candidates, and
+// all but a few at the same place.
 bool agree(const std::vector<ov_cand>& a, const std::vector<ov_cand>& b) {
     if (a.size() != b.size()) return false;
     const auto missing = std::count_if(a.begin(), a.end(), [&](const ov_cand& x) {

@@ -32,7 +32,7 @@ double peak_megabytes() {
     return static_cast<double>(usage.ru_maxrss) / 1024;
 }
 
-// Stations at even distances over the band, on the air now and then.
+// Stations evenly spaced over the band, on the air now and then.
 Scene make_scene(int32_t rate, double seconds, double from_hz, double to_hz, int32_t n_stations, int32_t frames,
                  uint64_t seed) {
     Scene scene;

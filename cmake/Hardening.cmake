@@ -1,6 +1,6 @@
-# What makes a fault hard to use, in optimised builds: guarded stacks, checked calls of the C library, tables of
-# addresses that cannot be written, and programs that load anywhere. Sanitizers, which bring checks of their own, and
-# unoptimised builds do without. tests/install/check reads the outcome from the built files.
+# What makes a fault hard to exploit, in optimised builds: stack protection, checked calls of the C library, read-only
+# relocations, and position-independent programs. Sanitizers, which have their own checks, and unoptimised builds do
+# without. tests/install/check verifies the outcome in the built files.
 include(CheckPIESupported)
 check_pie_supported()
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)

@@ -33,7 +33,7 @@ write_basic_package_version_file(${generated}/liborvelConfigVersion.cmake COMPAT
 install(FILES ${generated}/liborvelConfig.cmake ${generated}/liborvelConfigVersion.cmake
         DESTINATION ${package_dir} COMPONENT development)
 
-# liborvel.pc tells its prefix from where it lies, so that a tree may be installed or moved anywhere.
+# liborvel.pc derives its prefix from its own location, so that a tree may be installed or moved anywhere.
 file(RELATIVE_PATH pc_to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" pc_to_prefix "${pc_to_prefix}")
 foreach(directory LIBDIR INCLUDEDIR)
@@ -46,7 +46,7 @@ configure_file(cmake/liborvel.pc.in ${generated}/liborvel.pc @ONLY)
 install(FILES ${generated}/liborvel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
 install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
-# Beside the examples as in the tree: the encoder in Python reads its codes there.
+# Next to the examples as in the tree: the encoder in Python reads its codes there.
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT development PATTERN Doxyfile.in EXCLUDE)
 
 # ---- The command --------------------------------------------------------------------------------------------------
@@ -107,8 +107,8 @@ if(ORVEL_BUILD_TOOLS)
     set(CPACK_DEBIAN_COMMAND_PACKAGE_SECTION hamradio)
     set(CPACK_DEBIAN_COMMAND_PACKAGE_SHLIBDEPS ON)
     set(CPACK_DEBIAN_COMMAND_DESCRIPTION
-"This package holds the command, which decodes recordings and what a sound card
-hears, and which encodes, renders and sends OPERA and ORVEL frames.")
+"This package holds the command, which decodes recordings and the input of a
+sound card, and which encodes, renders and sends OPERA and ORVEL frames.")
 endif()
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)
     install(FILES cmake/debian/copyright DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package_of_${component}}

@@ -97,7 +97,7 @@ static int run_beacon(ovl_transmitter *tx, const char *call, const char *locator
     sigaction(SIGINT, &action, NULL);
     sigaction(SIGTERM, &action, NULL);
     while (status == 0 && !interrupted) {
-        status = prepare(tx, call, locator); /* a transmission that was played has to be prepared anew */
+        status = prepare(tx, call, locator); /* a transmission that was played has to be prepared again */
         if (status == 0) status = send_at(audio, tx, device, next_slot(utc_now()));
     }
     ovl_audio_destroy(audio); /* before the transmitter that it plays */

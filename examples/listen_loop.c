@@ -1,5 +1,5 @@
 /*
- * Decodes what a sound card hears, or raw audio from standard input: a sliding buffer, decoded every four seconds.
+ * Decodes the input of a sound card, or raw audio from standard input: a sliding buffer, decoded every four seconds.
  *
  *     listen_loop [DEVICE]               until it is interrupted
  *     sox recording.wav -t s16 -c 1 - | listen_loop --stdin RATE

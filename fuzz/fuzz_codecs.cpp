@@ -1,4 +1,4 @@
-// The codecs of callsigns, locators and message vectors, each way: what one direction makes the other takes back.
+// The codecs of callsigns, locators and message vectors, each way: what one direction makes the other inverts.
 #include "input.h"
 #include "orvel.h"
 #include "ovcdec.h"

@@ -1,5 +1,5 @@
-// The command line: any words are a command or wrong usage, said with a text, and the same when parsed again. Nothing
-// is opened, played or written: of the subcommands only encode runs.
+// The command line: any words are a command or wrong usage, with a message, and the same when parsed again. Nothing is
+// opened, played or written: of the subcommands only encode runs.
 #include <CLI/CLI.hpp>
 #include <optional>
 #include <vector>
@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t MAX_WORDS = 80;
 
-// The words, one a line.
+// The words, one per line.
 std::vector<std::string> split_words(const std::string& text) {
     std::vector<std::string> words = {"orvel"};
     for (std::size_t begin = 0; begin < text.size() && words.size() < MAX_WORDS;) {

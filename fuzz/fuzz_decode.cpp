@@ -1,5 +1,5 @@
-// Decoding any block with any settings, twice in a row with one decoder: a failure has a text and writes nothing, and
-// every result keeps what the header promises of it.
+// Decoding any block with any settings, twice in a row with one decoder: a failure has a message and writes nothing,
+// and every result is as the header promises.
 #include <memory>
 #include <vector>
 
@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr double FRAME_EDGE = 0.2;  // of a frame, which may hang over either edge of the block
+constexpr double FRAME_EDGE = 0.2;  // of a frame, which may extend past either end of the block
 constexpr double SLACK_S = 1;       // refining moves a start by up to six chips
 constexpr double SLACK_HZ = 25;     // and a frequency by its drift over half a frame
 constexpr uint8_t UNTOUCHED = 0x5A;

@@ -1,5 +1,5 @@
 // The LDPC decoder on any metrics, with the codes on the air and with new ones: what comes out is a codeword, and what
-// is told of it is true of it.
+// is reported about it is true.
 #include "ldpc.h"
 
 #include <cmath>

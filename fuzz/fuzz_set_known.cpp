@@ -16,7 +16,7 @@ bool is_callsign(std::string_view token) {
                       static_cast<int32_t>(chips.size())) > 0;
 }
 
-// What the header promises of a list: the callsigns in it, or -1 at a token that finds no room.
+// What the header promises of a list: the callsigns in it, or -1 at a token for which there is no room.
 int32_t expected_count(std::string_view list) {
     constexpr std::string_view SEPARATORS = ",; \t\r\n\v\f";
     int32_t count = 0;

@@ -1,5 +1,5 @@
 // Writes the seeds of the fuzzers: make_corpus fuzz/corpus. A seed is the draws of its fuzzer in order, with the values
-// that make something happen; a fuzzer that draws otherwise than before needs its seeds made anew.
+// that make something happen; a fuzzer that draws in another order than before needs new seeds.
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -124,7 +124,7 @@ std::vector<uint8_t> floats(std::initializer_list<float> values) {
     return data;
 }
 
-// Chunks behind a header of 12 bytes.
+// Chunks after a header of 12 bytes.
 std::vector<uint8_t> header(std::string_view id) {
     std::vector<uint8_t> bytes;
     put_id(bytes, id);

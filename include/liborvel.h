@@ -2,8 +2,8 @@
  * liborvel: encoder and decoder for slow, weak radio beacons.
  *
  * A station keys one audio tone on and off in chips of 0.128 s. A frame is a fixed number of chips that carries a
- * callsign (ORVEL L also a locator) behind checksums and error-correcting codes. The library finds such frames in a
- * block of audio and says who sent them, when, where in the band and how strong.
+ * callsign (ORVEL L also a locator) protected by checksums and error-correcting codes. The library finds such frames in
+ * a block of audio and says who sent them, when, where in the band and how strong.
  *
  *     ovl_decoder *decoder = ovl_create();
  *     ovl_settings settings;
@@ -133,18 +133,18 @@ OVL_API void ovl_tx_destroy(ovl_transmitter *tx);
 OVL_API int32_t ovl_tx_start(ovl_transmitter *tx, const ovl_tx_settings *settings, const ovl_tx_step *steps, int32_t n);
 
 /*
- * Renders the next n samples into out: mono, at the sample rate of the settings, silence behind the end. Returns how
- * many of them belong to the transmission; below n it has ended.
+ * Renders the next n samples into out: mono, at the sample rate of the settings, silence after the end. Returns how
+ * many of them belong to the transmission; fewer than n when it has ended.
  */
 OVL_API int32_t ovl_tx_render(ovl_transmitter *tx, float *out, int32_t n);
 
 /* Ends the transmission softly, with a ramp from the next rendered sample on. Any thread. NULL is ignored. */
 OVL_API void ovl_tx_stop(ovl_transmitter *tx);
 
-/* Lets the level glide to another value, above 0 and at most 1, within some 10 ms. Any thread. Returns 0 or -1. */
+/* Moves the level smoothly to another value, above 0 and at most 1, within some 10 ms. Any thread. Returns 0 or -1. */
 OVL_API int32_t ovl_tx_set_level(ovl_transmitter *tx, double level);
 
-/* Tells where the transmission stands. Any thread; during a render fields may be a sample apart. NULL is ignored. */
+/* Reports the progress of a transmission. Any thread; during a render fields may be a sample apart. NULL is ignored. */
 OVL_API void ovl_tx_status(const ovl_transmitter *tx, ovl_tx_progress *progress);
 
 /* Message of the last ovl_tx_start(): "" after a success. "no transmitter" when tx is NULL. */
@@ -209,7 +209,7 @@ OVL_API void ovl_audio_destroy(ovl_audio *audio);
  *
  *   device    0 to the count - 1; -1 = the default input device; OVL_AUDIO_NONE
  *   rate      sample rate of the device, Hz; 0 or less = its default; 8000 to 384000 with OVL_AUDIO_NONE
- *   seconds   of audio kept, at least 1; 0 or less = 60; more than 2^31 - 1 samples are out of memory
+ *   seconds   of audio kept, at least 1; 0 or less = 60; more than 2^31 - 1 samples are "out of memory"
  *
  * Returns 0, or -1. Errors: "rate out of range (8000-384000 Hz)", "PortAudio initialization failed", "no such input
  * device", "out of memory", "cannot open the input device: REASON".
@@ -232,15 +232,15 @@ OVL_API int32_t ovl_audio_push(ovl_audio *audio, const float *samples, int32_t f
  */
 OVL_API int32_t ovl_audio_last(ovl_audio *audio, float *out, int32_t n);
 
-/* Tells how capture is doing. NULL is ignored. */
+/* Reports how capture is doing. NULL is ignored. */
 OVL_API void ovl_audio_input_stats(const ovl_audio *audio, ovl_audio_stats *stats);
 
 /*
  * Plays a prepared transmitter on a device with outputs (-1 = the default output device). The transmitter must not be
- * started anew or destroyed before playback is stopped; stop, level and status are allowed.
+ * restarted or destroyed before playback is stopped; stop, level and status are allowed.
  *
  *   start_time   when the first sample leaves the sound card, seconds since 1970-01-01 UTC; 0 or less = at once. When
- *                the time has passed the transmission is late, not cut
+ *                the time has passed the transmission is late, not cut short
  *
  * Returns 0, or -1. Errors: "no transmit sequence prepared", "PortAudio initialization failed", "no such output
  * device", "cannot open the output device: REASON".
@@ -253,16 +253,16 @@ OVL_API int32_t ovl_audio_start_output(ovl_audio *audio, int32_t device, ovl_tra
 /* Delay of the output in seconds, as the sound system states it. 0 for NULL. */
 OVL_API double ovl_audio_output_latency(const ovl_audio *audio);
 
-/* When the first sample of the transmission left, or will leave, the sound card; 0 while that is not settled. */
+/* When the first sample of the transmission left, or will leave, the sound card; 0 while that is not known yet. */
 OVL_API double ovl_audio_output_started(const ovl_audio *audio);
 
 /*
  * 1 while playback runs; 0 soon after the transmission has ended: with the next buffer, or with ALSA, which would drop
- * what is still queued, when all has been heard.
+ * what is still queued, when all has been played.
  */
 OVL_API int32_t ovl_audio_output_active(const ovl_audio *audio);
 
-/* Ends playback. For an end without a click stop the transmitter first and wait for it. NULL is ignored. */
+/* Ends playback. To end without a click, stop the transmitter first and wait for it. NULL is ignored. */
 OVL_API void ovl_audio_stop_output(ovl_audio *audio);
 
 /*
@@ -301,7 +301,7 @@ OVL_API const char *ovl_last_error(const ovl_decoder *decoder);
  *
  *   list   callsigns separated by ASCII blanks, commas or semicolons; NULL or "" empties the list
  *
- * Returns the number of callsigns now known. Tokens that are no callsign of the protocols are left out silently.
+ * Returns the number of callsigns now known. Tokens that are not a callsign of the protocols are silently left out.
  * Fails with "too many known callsigns (max 256)" at the 257th token; the first 256 then stay in use.
  */
 OVL_API int32_t ovl_set_known(ovl_decoder *decoder, const char *list);
@@ -338,7 +338,7 @@ typedef struct ovl_result {
  * Finds and decodes all frames in a block of audio.
  *
  *   samples       n mono samples, all finite; full scale is usually 1, but anything from 1e-12 to 1e12 will do
- *   n             number of samples, at least 1; a frame may hang over either edge of the block by a fifth
+ *   n             number of samples, at least 1; a frame may extend past either end of the block by a fifth
  *   rate          sample rate, Hz; 8000, 12000, 16000, 24000, 32000, 48000, 96000 and 192000 are all served, as is
  *                 every rate whose quotient with 125 Hz times a power of two has no prime factor above 7
  *   settings      what to look for
@@ -368,12 +368,12 @@ typedef struct ov_hit {
 } ov_hit;
 
 /*
- * Tells whether and where in the band something is being keyed at the chip rate, in the newest seconds of a block: much
- * cheaper than decoding it. A steady carrier does not count, but beside a very strong one its leakage may.
+ * Reports whether and where in the band something is being keyed at the chip rate, in the newest seconds of a block:
+ * much cheaper than decoding it. A steady carrier does not count, but the leakage of a very strong one may.
  *
  *   samples, n, rate   as for ovl_decode(); at least 4000 Hz
  *   settings           center_hz and search_hz say where; hits lie within search_hz + 5 Hz of the centre
- *   seconds            how much of the block's end to look at, at least 3
+ *   seconds            how much of the block's end to examine, at least 3
  *   z_min              least z of a hit; noise alone seldom reaches 6
  *   out                room for max_out (at least 1) hits, strongest first, at least 15 Hz apart
  *

@@ -6,20 +6,20 @@
  *         std::printf("%7.2f s  %s\n", result.t_start, result.call);
  *     }
  *
- * liborvel.h is the manual: what a call means, its ranges and its messages are told there, and its records and
- * constants are used as they are. Here is told only what C++ adds.
+ * liborvel.h is the manual: it says what each call means, its ranges and its messages, and its records and constants
+ * are used as they are. This header says only what C++ adds.
  *
- * Errors. What the library refuses is thrown as ovl::Error with the library's message, and want of memory as
- * std::bad_alloc. An exception, not a result to be taken apart: constructors can fail too, and a refusal is a mistake
- * in the call or a missing device, never the ordinary "nothing found", which is an empty vector. Functions marked
- * noexcept throw nothing.
+ * Errors. What the library refuses is thrown as ovl::Error with the library's message, and lack of memory as
+ * std::bad_alloc. These are exceptions, not results to be unpacked, since constructors can fail too, and a refusal is a
+ * mistake in the call or a missing device, never the ordinary "nothing found", which is an empty vector. Functions
+ * marked noexcept throw nothing.
  *
  * Samples, steps and results. Spans are read or filled during the call only; results are the caller's. A span of more
  * than 2^31 - 1 elements is refused.
  *
  * Ownership. A Decoder, Transmitter or Audio owns its C object and ends it in its destructor. It moves and does not
- * copy; one that was moved from may be assigned to or destroyed, and any other call is refused or does nothing, as the
- * C call does for NULL. get() lends the C object.
+ * copy; a moved-from object may be assigned to or destroyed, and any other call is refused or does nothing, as the C
+ * call does for NULL. get() lends the C object.
  *
  * Threads. As in C: separate objects may work in separate threads at once; one object serves one thread at a time,
  * except where liborvel.h says "any thread". Moving or destroying an object must not overlap any other use of it.
@@ -69,7 +69,7 @@ inline const char *text(const std::string &value) {
     return value.c_str();
 }
 
-/* Copies a text into a field of a step, behind which a NUL must fit. */
+/* Copies a text into a field of a step, which must also hold a NUL. */
 template <std::size_t Size>
 void fill(char (&field)[Size], std::string_view value) {
     if (value.size() >= Size || value.find('\0') != std::string_view::npos) throw Error("text does not fit a step");
@@ -169,7 +169,7 @@ class Decoder {
         return results;
     }
 
-    /* Message of the last call, "" after a success; holds until the next call. */
+    /* Message of the last call, "" after a success; valid until the next call. */
     std::string_view last_error() const noexcept { return ovl_last_error(get()); }
 
     ovl_decoder *get() const noexcept { return decoder_.get(); }
@@ -185,7 +185,7 @@ class Decoder {
 
 /*
  * Frequencies at which something is keyed in the newest seconds of a block, strongest first, at most max_hits of them.
- * Throws Error for a bad argument or want of memory, which the C interface does not tell apart.
+ * Throws Error for a bad argument or lack of memory, which the C interface does not distinguish.
  */
 inline std::vector<ov_hit> keyed(std::span<const float> samples, int32_t rate, const ovl_settings &settings,
                                  double seconds, double z_min, int32_t max_hits = MAX_RESULTS) {
@@ -242,8 +242,8 @@ class Transmitter {
     }
 
     /*
-     * Fills `out` with the next samples, silence behind the end. Returns how many belong to the transmission; fewer
-     * than out.size() when it has ended. One that was moved from leaves `out` alone and returns 0.
+     * Fills `out` with the next samples, silence after the end. Returns how many belong to the transmission; fewer than
+     * out.size() when it has ended. A moved-from transmitter leaves `out` alone and returns 0.
      */
     std::size_t render(std::span<float> out) {
         return static_cast<std::size_t>(ovl_tx_render(get(), out.data(), detail::count(out.size())));
@@ -252,12 +252,12 @@ class Transmitter {
     /* Ends the transmission softly. Any thread. */
     void stop() noexcept { ovl_tx_stop(get()); }
 
-    /* Lets the level glide to another value. Any thread. */
+    /* Moves the level smoothly to another value. Any thread. */
     void set_level(double level) {
         if (ovl_tx_set_level(get(), level) < 0) throw Error("level out of range (0 < level <= 1)");
     }
 
-    /* Where the transmission stands. Any thread. */
+    /* The progress of the transmission. Any thread. */
     ovl_tx_progress status() const noexcept {
         ovl_tx_progress progress{};
         ovl_tx_status(get(), &progress);
@@ -298,7 +298,7 @@ inline ovl_audio_device audio_device_info(int32_t index) {
 /*
  * Capture and playback.
  *
- * A Transmitter that is being played stays the caller's: it must not be moved, started anew or destroyed before
+ * A Transmitter that is being played stays the caller's: it must not be moved, restarted or destroyed before
  * stop_output() or the end of this object. So declare it before the Audio that plays it. (A move of either object
  * leaves its C object where it is, but nobody else may be using it at that moment.)
  */
@@ -344,7 +344,7 @@ class Audio {
         checked(ovl_audio_start_output_at(get(), device, tx.get(), start_time));
     }
 
-    /* Delay of the output, s; when its first sample leaves the sound card, 0 while unsettled; whether it runs. */
+    /* Delay of the output, s; when its first sample leaves the sound card, 0 while unknown; whether it runs. */
     double output_latency() const noexcept { return ovl_audio_output_latency(get()); }
     double output_started() const noexcept { return ovl_audio_output_started(get()); }
     bool output_active() const noexcept { return ovl_audio_output_active(get()) != 0; }

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Draws the pictures of the documents anew, with the orvel command that ./demo built or the one given.
+# Redraws the pictures of the documents, with the orvel command that ./demo built or the one given.
 #
 #     scripts/draw_pictures.sh [ORVEL]
 set -euo pipefail

@@ -6,7 +6,7 @@ TEST_PACKAGES=(libgtest-dev sox ffmpeg libbenchmark-dev pulseaudio libasound2-pl
                dpkg-dev fakeroot locales python3 python3-numpy python3-pytest doxygen)
 CHECK_PACKAGES=(clang libclang-rt-dev clang-format clang-tidy cppcheck mypy)
 
-# need_packages PACKAGE...: installs those that are missing. Asks nothing; when all are there it does nothing and
+# need_packages PACKAGE...: installs those that are missing. Asks no questions; when all are there it does nothing and
 # needs no network.
 need_packages() {
     local missing=() package

@@ -4,7 +4,7 @@
     waterfall.py recording.wav -o waterfall.svg
     waterfall.py --iq --center -3000 --search 500 receiver.wav -o waterfall.svg
 
-Time runs to the right, a row of pixels is a frequency; colours tell by how many decibels a frequency stands above the
+Time runs to the right, a row of pixels is a frequency; colours show by how many decibels a frequency is above the
 noise there. Each decoded frame is framed and named. Only NumPy and the standard library are needed: the waterfall is a
 PNG inside the SVG, whose texts the viewer draws.
 """
@@ -63,7 +63,7 @@ def compute_waterfall(samples: npt.NDArray[Any], rate: int, low_hz: float, high_
     shape = np.hanning(window)
     power = np.empty((bins.size, n_times), dtype=np.float32)
     for k in range(n_times):
-        # Twice as long as the window: rows are half as far apart as frequencies can be told.
+        # Twice as long as the window: rows are half as far apart as the resolution in frequency.
         spectrum = np.fft.fft(shape * padded[k * step : k * step + window], 2 * window)
         power[:, k] = np.abs(spectrum[bins % spectrum.size]) ** 2
     noise = max(float(np.median(power)), 1e-30)
@@ -93,7 +93,7 @@ def png(pixels: npt.NDArray[np.uint8]) -> bytes:
 
 
 def ticks(low: float, high: float, most: int) -> list[float]:
-    """Round numbers from low to high, at most so many."""
+    """Round numbers from low to high, `most` at most."""
     for step in (m * 10.0**e for e in range(-1, 7) for m in (1, 2, 5)):
         numbers = np.arange(np.ceil(low / step), np.floor(high / step) + 1) * step
         if numbers.size <= most:

@@ -10,7 +10,7 @@ import numpy.typing as npt
 MAX_INT32 = 2**31 - 1
 
 Float32Array = npt.NDArray[np.float32]
-Rate = Union[float, SupportsIndex]  # a whole number all the same
+Rate = Union[float, SupportsIndex]  # in any case a whole number
 
 
 def _array(values: object, name: str, wanted: str) -> npt.NDArray[Any]:

@@ -1,7 +1,7 @@
 """Finds and loads the shared library, once, when the package is imported.
 
 Looked for in this order: the file that the environment variable ORVEL_LIBRARY names, and nothing else when it is set;
-liborvel.so.1 or liborvel.so beside this file; what the system knows as "orvel".
+liborvel.so.1 or liborvel.so next to this file; what the system finds as "orvel".
 """
 
 import ctypes
@@ -109,7 +109,7 @@ def _load() -> tuple[ctypes.CDLL, str]:
             tried.append(f"{path}: {error}")
     raise ImportError(
         "the shared library of liborvel cannot be loaded"
-        + "".join(f"\n  {line}" for line in tried or ["it is neither beside the package nor known to the system"])
+        + "".join(f"\n  {line}" for line in tried or ["it is neither next to the package nor known to the system"])
         + "\nInstall it, or name the file in the environment variable ORVEL_LIBRARY."
     )
 

@@ -70,7 +70,7 @@ class CaptureStats:
 def devices() -> list[Device]:
     """List the sound devices; empty when there are none or the sound system cannot be initialised.
 
-    The first call that needs the devices looks for them; the list then holds until the process ends.
+    The first call that needs the devices looks for them; the list then stays until the process ends.
     """
     found = []
     with _devices_lock:
@@ -179,7 +179,7 @@ class Capture(Handle):
                 raise _error(handle)
 
     def stats(self) -> CaptureStats:
-        """Tell how capture is doing."""
+        """Return how capture is doing."""
         with self._lock:
             return self._stats(self._open_handle())
 
@@ -225,7 +225,7 @@ class Player(Handle):
         steps, settings   as for render()
         device            number of a device, or DEFAULT_DEVICE
         at                when the first sample leaves the sound card: a datetime with a time zone, or seconds since
-                          1970-01-01 UTC; None = at once. When it has passed the transmission is late, not cut
+                          1970-01-01 UTC; None = at once. When it has passed the transmission is late, not cut short
 
         Raises OrvelError when the steps are refused or the device cannot be opened.
         """
@@ -248,7 +248,7 @@ class Player(Handle):
                 raise _error(handle)
 
     def close(self) -> None:
-        """End playback at once; for an end without a click stop() and wait() first. It may be called again."""
+        """End playback at once; to end without a click, stop() and wait() first. It may be called again."""
         with self._lock:
             self._handle = None
             self._end()
@@ -261,7 +261,7 @@ class Player(Handle):
 
     @property
     def started(self) -> float | None:
-        """When the first sample left, or will leave, the sound card, seconds since 1970; None while not settled."""
+        """When the first sample left, or will leave, the sound card, seconds since 1970; None while unknown."""
         with self._lock:
             seconds: float = lib.ovl_audio_output_started(self._open_handle())
         return seconds if seconds > 0 else None
@@ -274,7 +274,7 @@ class Player(Handle):
         return seconds
 
     def wait(self, timeout: float | None = None) -> bool:
-        """Wait for the end, at most `timeout` seconds; tell whether it has ended."""
+        """Wait for the end, at most `timeout` seconds; return whether it has ended."""
         deadline = None if timeout is None else time.monotonic() + timeout
         while self.active:
             if deadline is not None and time.monotonic() >= deadline:
@@ -287,9 +287,9 @@ class Player(Handle):
         self._transmitter.stop()
 
     def set_level(self, level: float) -> None:
-        """Let the level glide to another value, above 0 and at most 1."""
+        """Move the level smoothly to another value, above 0 and at most 1."""
         self._transmitter.set_level(level)
 
     def progress(self) -> Progress:
-        """Tell where the transmission stands."""
+        """Return the progress of the transmission."""
         return self._transmitter.progress()

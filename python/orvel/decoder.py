@@ -19,7 +19,7 @@ _MOST_SPOTS = 64  # that the library reports from one block
 _MOST_HITS = 64
 _LEAST_SCAN_RATE = 4000  # Hz
 _LEAST_SCAN_S = 3
-_ANY_END = -1e9  # the library's words for no limit
+_ANY_END = -1e9  # the library's values for no limit
 _NO_END = -1.0
 _NOT_MEASURED_DB = -99.0  # or lower, by the share of chips that are on
 
@@ -127,14 +127,14 @@ class Decoder(Handle):
         with orvel.Decoder(known=["K2QRX"]) as decoder:
             spots = decoder.decode(samples, 12000)
 
-    Calls of several threads for one decoder take turns. Separate decoders work at once: the interpreter's lock is
+    Calls of several threads for one decoder take turns. Separate decoders run in parallel: the interpreter's lock is
     released while the library decodes.
     """
 
     _name = "decoder"
 
     def __init__(self, known: str | Iterable[str] = (), search: Search = Search()) -> None:
-        """Make a decoder; see set_known() for `known`. `search` is what its calls look for unless told otherwise."""
+        """Make a decoder; see set_known() for `known`. `search` is what its calls look for by default."""
         handle = lib.ovl_create()
         if handle is None:
             raise MemoryError("no memory for a decoder")
@@ -159,7 +159,7 @@ class Decoder(Handle):
 
         calls   callsigns, or one text with callsigns between blanks, commas or semicolons; empty = none
 
-        What is no callsign of the protocols is left out. Raises OrvelError at the 257th; the first 256 stay in use.
+        What is not a callsign of the protocols is left out. Raises OrvelError at the 257th; the first 256 stay in use.
         """
         if isinstance(calls, str):
             calls = [calls]
@@ -178,7 +178,7 @@ class Decoder(Handle):
         rate      sample rate, a whole number of Hz: 8000, 12000, 48000, 192000 and most others in use
         search    what to look for, instead of the decoder's own
 
-        Returns at most 64 spots in order of start time; a frame may hang over either edge of the block by a fifth.
+        Returns at most 64 spots in order of start time; a frame may extend past either end of the block by a fifth.
         Raises TypeError or ValueError for an array of another kind, OrvelError for a block too short or a search that
         does not fit it.
         """
@@ -248,15 +248,15 @@ def scan(
     center_hz: float = 1500.0,
     search_hz: float = 200.0,
 ) -> list[Hit]:
-    """Tell whether and where in the band something is keyed at the chip rate, much cheaper than decoding.
+    """Find whether and where in the band something is keyed at the chip rate, much cheaper than decoding.
 
     samples, rate         as for decode(); rate at least 4000 Hz
-    seconds               how much of the block's end to look at, at least 3
+    seconds               how much of the block's end to examine, at least 3
     z_min                 least z of a hit; noise alone seldom reaches 6
     center_hz, search_hz  where; hits lie within search_hz + 5 Hz of the centre
 
     Returns at most 64 hits, strongest first, at least 15 Hz apart; none when the block is shorter than about half of
-    `seconds`. A steady carrier does not count, but beside a very strong one its leakage may. Raises as decode().
+    `seconds`. A steady carrier does not count, but the leakage of a very strong one may. Raises as decode().
     """
     block = checks.real_samples(samples)
     hertz = checks.whole_number(rate, "rate", _LEAST_SCAN_RATE)

@@ -22,7 +22,7 @@ from . import _checks as checks
 from .decoder import Decoder, Search, Spot
 from .protocols import Protocol
 
-# Beside a search of ±s the library looks at less than ±(2 s + spread + 87 Hz), for what noise there is.
+# For the noise around a search of ±s the library uses less than ±(2 s + spread + 87 Hz).
 _MARGIN_HZ = 100.0
 _LEAST_AUDIO_CENTER_HZ = 1500
 _GAP_HZ = 100  # between the slice and 0 Hz, at least

@@ -163,14 +163,14 @@ class Transmitter(Handle):
             lib.ovl_tx_stop(self._open_handle())
 
     def set_level(self, level: float) -> None:
-        """Let the level glide to another value, above 0 and at most 1, within some 10 ms."""
+        """Move the level smoothly to another value, above 0 and at most 1, within some 10 ms."""
         value = checks.real_number(level, "level")
         with self._life:
             if lib.ovl_tx_set_level(self._open_handle(), value) != 0:
                 raise OrvelError("level out of range (0 < level <= 1)")
 
     def progress(self) -> Progress:
-        """Tell where the transmission stands; during a render fields may be a sample apart."""
+        """Return the progress of the transmission; during a render fields may be a sample apart."""
         record = TxProgressRecord()
         with self._life:
             lib.ovl_tx_status(self._open_handle(), ctypes.byref(record))

@@ -1,7 +1,7 @@
 """Decoding of a whole band of I/Q: scan it for keyed frequencies, decode a narrow tile around each.
 
 The block is transformed once. Parts of a few kilohertz are brought into the audio range and scanned, one frame's length
-at a time; then each frequency at which something is keyed has a tile of its own decoded.
+at a time; then a tile of its own is decoded for each frequency at which something is keyed.
 """
 
 from __future__ import annotations
@@ -23,7 +23,7 @@ _SCAN_S = Protocol.OPERA.frame_chips * CHIP_SECONDS
 _SCAN_STEP_S = _SCAN_S / 4  # a frame lies in some scan but for an eighth of it
 _TILE_HZ = 20.0  # half-width of a tile
 _TILE_SEPARATION_HZ = 30.0
-_SAME_S = _SCAN_S / 2  # one callsign is reported once in so long
+_SAME_S = _SCAN_S / 2  # one callsign is reported once in this time
 
 
 def _scan_part(band: Band, center_hz: float, half_width_hz: float, z_min: float) -> list[Hit]:

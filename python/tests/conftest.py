@@ -1,4 +1,4 @@
-"""Sound for the tests: whatever the machine has, they hear and play nothing."""
+"""Sound for the tests: whatever the machine has, they capture and play nothing."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""I/Q through slices of its band: nothing but the slice is heard, at the right place."""
+"""I/Q through slices of its band: nothing but the slice is received, at the right place."""
 
 from __future__ import annotations
 

@@ -4,8 +4,8 @@
 
 Command lines are the lines of code blocks that begin with a command (COMMANDS); two blanks end one and begin a remark.
 They run in a scratch directory that has the files of which they speak. What needs a sound device has its options
-checked only; what would build or install is in NOT_RUN, with the reason. Lines behind "$ " in docs/formats.md are not
-looked at here but in test_formats.py.
+checked only; what would build or install is in NOT_RUN, with the reason. Lines after "$ " in docs/formats.md are not
+tested here but in test_formats.py.
 """
 
 import json
@@ -98,7 +98,7 @@ def command_lines():
             block = [line for line in block if line.strip()]
             commands = [line for line in block if is_command(line)]
             if last is not None and block and not commands and block[0].startswith(" "):
-                last[2] = block  # a table of numbers behind the command that prints it
+                last[2] = block  # a table of numbers after the command that prints it
             found += [[page.name, without_remark(line), None] for line in commands]
             last = found[-1] if len(commands) == len(block) == 1 else None
     for page in manual_pages():
