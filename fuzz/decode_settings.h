@@ -31,13 +31,13 @@ inline ovl_settings draw_settings(Input& input, int32_t rate) {
     return settings;
 }
 
-// Whether a search is one that a fuzzer can wait for: narrow, or so wide that it is refused at once. The widest that
-// are served hold millions of samples.
+// Whether a search is one that a fuzzer can wait for: narrow, or so wide that it is refused at once.
 inline bool is_quick(double search_hz, double spread_hz, int32_t n, int32_t rate) {
     constexpr double QUICK = 1 << 16;
-    constexpr double REFUSED = 1 << 24;
+    constexpr double REFUSED = 1 << 23;
     if (rate < 1) return true;
     const double width_hz = 2 * std::fmax(search_hz, 0.0) + std::fmax(spread_hz, 0.0) + 125;
     const double samples = width_hz * n / rate;
-    return !(samples > QUICK && samples < REFUSED);
+    const bool too_wide = width_hz > 2 * std::fmax(130e3, 2.0 * rate + 5e3);
+    return !(samples > QUICK) || (too_wide && samples > REFUSED);
 }

@@ -22,10 +22,12 @@ constexpr ov_protocol OPERA = *ov_protocol_by_id(OVL_OPERA);
 
 constexpr int64_t MIN_BASEBAND_RATE = 125;
 constexpr double MIN_CHIP_SAMPLES = 15.999999999;
-// A baseband far faster than the input is mostly empty band: its length is limited, or a careless search width or
-// sample rate would ask for all memory there is.
-constexpr int64_t FAR_FASTER = 4;       // times the input rate
-constexpr int64_t MAX_EMPTY = 1 << 22;  // samples
+// A careless search width or sample rate would ask for all memory there is. Baseband, map and scores of a search of
+// 125 kHz take 70 MB a second; a rate below 8 kHz is no audio's, and then the baseband alone may be as long as that.
+constexpr double WIDEST_HZ = 125e3;    // on each side, or twice the input rate where that is more
+constexpr double MARGIN_HZ = 1e3;      // for the width of the signals themselves
+constexpr int64_t FAR_FASTER = 32;     // times the input rate
+constexpr int64_t HARMLESS = 1 << 22;  // samples of any baseband
 
 constexpr int64_t CANDIDATES_LISTED = 50;  // for each candidate examined: most are shadows of stronger ones
 constexpr int32_t SHIFTS[] = {-6, -4, -2, 0, 2, 4, 6};
@@ -114,7 +116,8 @@ void ov_params_default(ov_params& params) {
 
 std::optional<int32_t> baseband_rate(const ov_params& params, int32_t n, int32_t input_rate) {
     const double chip = chip_seconds(params);
-    const double need = 2.0 * (3.0 / chip + params.search_hz + 0.5 * params.spread_hz) + 40.0;
+    const double half = 3.0 / chip + params.search_hz + 0.5 * params.spread_hz;
+    const double need = 2.0 * half + 40.0;
     if (!(chip > 0) || !std::isfinite(chip) || !std::isfinite(need) || input_rate < 1) return std::nullopt;
 
     int64_t rate = MIN_BASEBAND_RATE;
@@ -122,8 +125,8 @@ std::optional<int32_t> baseband_rate(const ov_params& params, int32_t n, int32_t
         rate *= 2;
         if (rate > std::numeric_limits<int32_t>::max()) return std::nullopt;
     }
-    const bool mostly_empty = rate > FAR_FASTER * input_rate;
-    if (mostly_empty && rate * n / input_rate > MAX_EMPTY) return std::nullopt;
+    const bool careless = half > std::fmax(WIDEST_HZ, 2.0 * input_rate) + MARGIN_HZ || rate > FAR_FASTER * input_rate;
+    if (careless && rate * n / input_rate > HARMLESS) return std::nullopt;
     return static_cast<int32_t>(rate);
 }
 

@@ -137,5 +137,5 @@ void search_orvel(const ov_baseband& bb, const ov_specmap& map, const ov_params&
                   double drift_range, SpotList& spots);
 
 // The lowest baseband rate that holds the search band with room beside it and 16 samples a chip; nothing when the
-// parameters are no numbers or ask for far more than the n samples of input hold.
+// parameters are no numbers or ask for memory without measure.
 std::optional<int32_t> baseband_rate(const ov_params& params, int32_t n, int32_t input_rate);

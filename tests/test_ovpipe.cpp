@@ -23,6 +23,7 @@
 #include "orvel.h"
 #include "ovcdec.h"
 #include "ovcdeep.h"
+#include "ovpipe_search.h"
 #include "owners.h"
 #include "siggen.h"
 
@@ -712,6 +713,41 @@ TEST(EntryPoints, ABlockWithoutBasebandIsRefusedWithoutAWord) {
         EXPECT_EQ(out.count, -1) << rate;
         EXPECT_EQ(out.text, "");
     }
+}
+
+TEST(EntryPoints, TheWidestSearchDoesNotDependOnTheLength) {
+    struct Case {
+        int32_t rate;
+        double search_hz, spread_hz;
+        std::optional<int32_t> baseband;
+    };
+    const Case cases[] = {
+        {8000, 200, 0, 500},      {8000, 16000, 0, 64000},    {8000, 125000, 0, 256000}, {8000, 124000, 2000, 256000},
+        {8000, 127000, 0, {}},    {8000, 124000, 6000, {}},   {8000, 1e9, 0, {}},        {12000, 20000, 0, 64000},
+        {48000, 24000, 0, 64000}, {48000, 125000, 0, 256000}, {48000, 127000, 0, {}},    {192000, 384000, 0, 1024000},
+        {192000, 386000, 0, {}},  {192000, 1e12, 0, {}},      {8000, 200, 1e9, {}},
+    };
+    for (const Case& c : cases) {
+        ov_params params = verbose_params(7);
+        params.search_hz = c.search_hz;
+        params.spread_hz = c.spread_hz;
+        for (const int32_t seconds : {35, 65, 66, 600, 3600}) {
+            EXPECT_EQ(baseband_rate(params, seconds * c.rate, c.rate), c.baseband)
+                << c.rate << ' ' << c.search_hz << ' ' << seconds;
+        }
+    }
+    EXPECT_EQ(baseband_rate(verbose_params(7), 60 * 48000, 15), std::nullopt) << "a minute of audio at no audio's rate";
+}
+
+TEST(EntryPoints, ASearchOf125KilohertzRuns) {
+    const std::vector<double> noise = render_real({8000, 0.5, 3, 0.05, true, {}});
+    ov_params params = verbose_params(7);
+    params.search_hz = 125000;
+    const Decoded out = capture(4, [&](ov_spot* s) {
+        return ov_decode_real(noise.data(), static_cast<int32_t>(noise.size()), 8000, params, s, 4);
+    });
+    EXPECT_EQ(out.count, 0);
+    EXPECT_EQ(out.text.rfind("Baseband: 256000 Hz around", 0), 0u) << out.text;
 }
 
 TEST(EntryPoints, ABlockShorterThanAChipIsToldAndRefused) {
