@@ -196,7 +196,7 @@ TEST_F(AirCommands, WhatCannotBeRenderedIsWrongUsage) {
         {{"orvel-l=G4QZB"}, "an ORVEL L frame needs a locator"},
         {{"opera=G4QZB,IO91"}, "OPERA 05 frames carry no locator"},
         {{"orvel-l=G4QZB,ZZ99"}, "cannot encode G4QZB ZZ99"},
-        {{"carrier=x"}, "'carrier=x': seconds expected behind the '='"},
+        {{"carrier=x"}, "'carrier=x': expected seconds after the '='"},
         {{"carrier=0.01"}, "carrier or pause duration out of range (0.05-3600 s)"},
         {{"pause=-1"}, "carrier or pause duration out of range (0.05-3600 s)"},
         {{"carrier=1", "--rate", "7999"}, "sample rate out of range (8000-384000 Hz)"},

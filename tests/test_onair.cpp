@@ -115,9 +115,9 @@ TEST_F(OnAir, WhatIsSentIsHeardAndAStalledInputIsOpenedAgain) {
     const auto listener = begin({"listen", "--json", "--every", "2"});
     sleep_s(4);
     server_->pause();
-    ASSERT_TRUE(says("orvel: no audio for 5 s, opening the device again\n", 12)) << messages();
+    ASSERT_TRUE(says("orvel: no audio for 5 s, reopening the device\n", 12)) << messages();
     server_->resume();
-    ASSERT_TRUE(says("orvel: audio again\n", 12)) << messages();
+    ASSERT_TRUE(says("orvel: audio is back\n", 12)) << messages();
 
     const double start = std::ceil(utc_now()) + 4;
     const ProcessResult sent =
@@ -141,7 +141,7 @@ TEST_F(OnAir, WhatIsSentIsHeardAndAStalledInputIsOpenedAgain) {
     EXPECT_NEAR(*heard, start, 0.2);
 
     server_->restart();
-    ASSERT_TRUE(says("audio again", 20)) << messages();
+    ASSERT_TRUE(says("audio is back", 20)) << messages();
 
     listener->send_signal(SIGINT);
     EXPECT_EQ(end_of(*listener, 6), 0);
@@ -238,7 +238,7 @@ TEST_F(OnAir, AnOutputThatStandsStillIsToldOf) {
     sleep_s(2);
     server_->pause();
     EXPECT_EQ(end_of(*sender, 20), 1);
-    EXPECT_NE(messages().find("orvel: the output device stands still"), std::string::npos) << messages();
+    EXPECT_NE(messages().find("orvel: the output device has stalled"), std::string::npos) << messages();
     server_->resume();
 }
 
