@@ -1,5 +1,5 @@
-// The manual pages and the completion files beside what the command's own help says: each option of each subcommand is
-// in all of them, and nothing else is. The subcommands, too, are those that the help lists.
+// The manual pages and the completion files compared with the command's own help: each option of each subcommand is in
+// all of them, and nothing else is. The subcommands, too, are those that the help lists.
 #include <gtest/gtest.h>
 
 #include <algorithm>
