@@ -196,7 +196,7 @@ TEST_F(AirCommands, WhatCannotBeRenderedIsWrongUsage) {
         {{"orvel-l=G4QZB"}, "an ORVEL L frame needs a locator"},
         {{"opera=G4QZB,IO91"}, "OPERA 05 frames carry no locator"},
         {{"orvel-l=G4QZB,ZZ99"}, "cannot encode G4QZB ZZ99"},
-        {{"carrier=x"}, "'carrier=x': seconds expected behind the '='"},
+        {{"carrier=x"}, "'carrier=x': expected seconds after the '='"},
         {{"carrier=0.01"}, "carrier or pause duration out of range (0.05-3600 s)"},
         {{"pause=-1"}, "carrier or pause duration out of range (0.05-3600 s)"},
         {{"carrier=1", "--rate", "7999"}, "sample rate out of range (8000-384000 Hz)"},
@@ -290,7 +290,7 @@ const std::vector<int16_t>& short_audio() {
     return samples;
 }
 
-// `orvel listen` on these bytes, in as few looks as it can be told.
+// `orvel listen` on these bytes, with as few decodes as it allows.
 ProcessResult listen(const std::string& file, const Arguments& options, const std::string& every = "15",
                      ProcessInput input = {}) {
     input.stdin_file = file;
@@ -369,7 +369,7 @@ TEST_F(AirCommands, ListeningFindsWhatTheDecoderFindsEachFrameOnceInOrderOfItsEn
         station(OVL_OPERA, "K2QRX", "", 110, 1450, -17),      // the first one again
         station(OVL_ORVEL_S, "K2QRX", "", 145, 1510, -16),    // and in another protocol
         station(OVL_ORVEL_L, "G4QZB", "IO91", 160, 1440, -17),
-        station(OVL_OPERA, "OH2QQ", "", 212, 1500, -14),  // hangs over the end
+        station(OVL_OPERA, "OH2QQ", "", 212, 1500, -14),  // extends past the end
     };
     const std::vector<std::tuple<std::string, std::string, double>> truth = {
         {"K2QRX", "OPERA 05", 5},   {"G4QZB", "OPERA 05", 12},   {"DL1QXA", "ORVEL L", 31},
@@ -408,7 +408,7 @@ TEST_F(AirCommands, ListeningFindsWhatTheDecoderFindsEachFrameOnceInOrderOfItsEn
     }
 }
 
-// Each strong frame brings candidates at its sides, which must not keep the decoder from looking at others.
+// Each strong frame brings candidates at its sides, which must not keep the decoder from examining others.
 TEST_F(AirCommands, TenStrongStationsAtOnceAreAllFound) {
     Scene scene;
     scene.rate = 8000;
@@ -454,8 +454,8 @@ class AirCommandsNearby : public AirCommands {
     }
 };
 
-// Where a look does not see the whole of a strong frame, what it sees of it hides a weaker one that follows.
-TEST_F(AirCommandsNearby, AWeakFrameIsHeardThatFollowsAStrongOne) {
+// Where a block does not hold the whole of a strong frame, the part it holds hides a weaker one that follows.
+TEST_F(AirCommandsNearby, AWeakFrameThatFollowsAStrongOneIsFound) {
     const auto starts = starts_heard(125, 2,
                                      {station(OVL_ORVEL_S, "K2QRX", "", 8.5, 1359, -8.5, 0.03),
                                       station(OVL_ORVEL_S, "K2QRX", "", 40.5, 1359, -18.7, 0.03)});
@@ -464,8 +464,8 @@ TEST_F(AirCommandsNearby, AWeakFrameIsHeardThatFollowsAStrongOne) {
     EXPECT_NEAR(starts[1], 40.5, 0.1);
 }
 
-// In the first look behind the end of the weak frame, at 44 s, the other has begun.
-TEST_F(AirCommandsNearby, AWeakFrameIsHeardThatAStrongOneFollows) {
+// In the first decode after the end of the weak frame, at 44 s, the other has begun.
+TEST_F(AirCommandsNearby, AWeakFrameThatAStrongOneFollowsIsFound) {
     const auto starts = starts_heard(
         100, 3, {station(OVL_OPERA, "K2QRX", "", 9.7, 1359, -22.5), station(OVL_OPERA, "K2QRX", "", 41.9, 1359, -8.5)});
     ASSERT_EQ(starts.size(), 2u);
@@ -474,11 +474,11 @@ TEST_F(AirCommandsNearby, AWeakFrameIsHeardThatAStrongOneFollows) {
 }
 
 // Of a block that begins at the first sample, or any number of samples of the baseband later, none of these is found:
-// one of the looks begins at the right place between two of them.
-TEST_F(AirCommandsNearby, AWeakFrameIsHeardThatOnlyOnePhaseOfTheLooksFinds) {
+// one of the overlapping decodes begins at the right place between two of them.
+TEST_F(AirCommandsNearby, AWeakFrameThatOnlyOnePhaseOfTheGridShowsIsFound) {
     for (const uint64_t seed : {19U, 77U, 141U}) {
         const auto starts =
-            starts_heard(62, seed, {station(OVL_OPERA, "K2QRX", "", 8, 1359, -24)}, {OPERA, "--settle=16"}, "2");
+            starts_heard(62, seed, {station(OVL_OPERA, "K2QRX", "", 8, 1359, -24)}, {OPERA, "--hold-off=16"}, "2");
         ASSERT_EQ(starts.size(), 1u) << seed;
         EXPECT_NEAR(starts[0], 8, 0.1) << seed;
     }
@@ -503,7 +503,7 @@ TEST_F(AirCommands, EveryFormOfTheSameSamplesGivesTheSameSpots) {
         {s16_bytes(stereo), {"--format=s16", "--channels", "2"}},
         {float_bytes(stereo_floats), {"--format=float", "--channels=2"}},
         {s16_bytes(sixteen), {"--channels=16"}},
-        {s16_bytes(mono) + "x", {}},  // half a sample, half a frame behind the end
+        {s16_bytes(mono) + "x", {}},  // half a sample, half a frame past the end
         {float_bytes(stereo_floats) + "seven b", {"--format=float", "--channels=2"}},
     };
     for (const auto& [bytes, options] : forms) {
@@ -651,13 +651,13 @@ Arguments listening(const Arguments& options) {
 }
 
 TEST_F(AirCommands, SpotsComeWhileTheInputIsOpen) {
-    // The frame has ended at 33.6 s. It is printed at the second look after it has settled, when nothing older can
-    // come. There is a look every fourth second, or a little later.
+    // The frame has ended at 33.6 s. It is printed at the second decode after its hold-off, when nothing older can
+    // come. There is a decode every fourth second, or a little later.
     struct Case {
         Arguments options;
         std::size_t printed_s;
     };
-    const std::array<Case, 3> cases = {{{{}, 88}, {{"--settle=0"}, 40}, {{"--settle=10"}, 48}}};
+    const std::array<Case, 3> cases = {{{{}, 88}, {{"--hold-off=0"}, 40}, {{"--settle=10"}, 48}}};
     Scene scene = short_scene();
     scene.seconds = 92;
     const std::string bytes = s16_bytes(quantised(scene));
@@ -767,7 +767,7 @@ TEST_F(AirCommands, OutputThatCannotBeWrittenEndsListening) {
     full.stdout_file = "/dev/full";
     const std::string audio = s16_bytes(short_audio()) + std::string(24000, '\0');
     for (const ProcessInput& input : {closed, full}) {
-        for (const Arguments& options : {Arguments{MIDNIGHT}, {MIDNIGHT, "--json", "--settle=0"}}) {
+        for (const Arguments& options : {Arguments{MIDNIGHT}, {MIDNIGHT, "--json", "--hold-off=0"}}) {
             RunningProcess process(listening(options), input);
             process.write(audio);                          // the table's header fails long before its end
             const auto result = process.wait(PATIENCE_S);  // the input stays open
@@ -811,9 +811,9 @@ TEST_F(AirCommands, WrongOptionsOfListenAreWrongUsage) {
         {{"--stdin", "--every", "nan"}, {"--every"}},
         {{"--stdin", "--every", "inf"}, {"--every"}},
         {{"--stdin", "--every", "100"}, {"--every"}},
-        {{"--stdin", "--settle", "-1"}, {"--settle"}},
-        {{"--stdin", "--settle", "61"}, {"--settle"}},
-        {{"--stdin", "--settle", "nan"}, {"--settle"}},
+        {{"--stdin", "--hold-off", "-1"}, {"--hold-off"}},
+        {{"--stdin", "--settle", "61"}, {"--hold-off"}},
+        {{"--stdin", "--hold-off", "nan"}, {"--hold-off"}},
         {{"--stdin", "--protocols", "morse"}, {"--protocols", "'morse'"}},
         {{"--stdin", "--known-only"}, {"--known-only"}},
         {{"--stdin", "--known", "G4/QZB"}, {"--known", "'G4/QZB'"}},

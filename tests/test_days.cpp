@@ -1,4 +1,4 @@
-// Days on one frequency: `orvel listen` hears hours of stations at many times real time, and is held against what
+// Days on one frequency: `orvel listen` receives hours of stations at many times real time, and is compared with what
 // `orvel decode` finds in the same audio afterwards.
 //
 // ORVEL_HOURS is how many, a part of one when it is not set; scripts/long-run sets it.
@@ -69,7 +69,7 @@ class Air {
         const auto pick = [this](const auto& from) {
             return from[static_cast<std::size_t>(random_.integer(0, static_cast<int32_t>(from.size()) - 1))];
         };
-        // A station has one transmitter: of those drawn, who is on the air already lets the next one go.
+        // A station has one transmitter: when the one drawn is on the air already, the next one sends.
         const auto pick_free = [&](double t) {
             auto k = static_cast<std::size_t>(random_.integer(0, static_cast<int32_t>(calls.size()) - 1));
             while (is_busy(calls[k], t)) k = (k + 1) % calls.size();
@@ -202,9 +202,9 @@ double seconds_since(std::chrono::steady_clock::time_point begin) {
 using Days = TestWithFiles;
 
 // Every frame that the decoder of recordings finds is printed once, in order of the frames' ends. The two search
-// different blocks: what one finds at the edge of readability may escape the other. Held against each other are:
+// different blocks: what one finds at the edge of readability may escape the other. They are compared:
 //   found in the recording    printed exactly once, without exception
-//   printed                   somebody sent it, and then
+//   printed                   was sent, and then
 //   sent well readable        found by both
 TEST_F(Days, ListeningPrintsWhatTheRecordingHoldsOnceAtTheRightTimeInMemoryThatStaysFlat) {
     const auto minutes = static_cast<int64_t>(std::ceil(60 * hours_wanted()));
@@ -275,7 +275,7 @@ TEST_F(Days, ListeningPrintsWhatTheRecordingHoldsOnceAtTheRightTimeInMemoryThatS
     for (const Frame& frame : found) EXPECT_EQ(times_in(printed, frame), 1) << frame;
     for (const Frame& frame : printed) {
         EXPECT_EQ(times_in(printed, frame), 1) << "twice: " << frame;
-        EXPECT_EQ(times_in(air.frames(), frame), 1) << "nobody sent " << frame;
+        EXPECT_EQ(times_in(air.frames(), frame), 1) << "never sent: " << frame;
     }
     std::size_t readable = 0;
     for (const Frame& sent : air.frames()) {
@@ -290,8 +290,8 @@ TEST_F(Days, ListeningPrintsWhatTheRecordingHoldsOnceAtTheRightTimeInMemoryThatS
     EXPECT_GE(static_cast<double>(readable), seconds / 600) << "too few for the test to say anything";
 
     if (MEMORY_TELLS) {
-        const int64_t settled = std::min<int64_t>(60, minutes / 3);
-        EXPECT_LE(memory.at(minutes).most_kb, memory.at(settled).most_kb + 1024);
+        const int64_t steady_from = std::min<int64_t>(60, minutes / 3);
+        EXPECT_LE(memory.at(minutes).most_kb, memory.at(steady_from).most_kb + 1024);
     }
 }
 

@@ -168,7 +168,7 @@ TEST(EndToEnd, TheSameCallsignComesAgainLater) {
     expect_spots(decode_real(render_real(scene_of(70, 10, sent)), defaults(OVL_OPERA)), sent);
 }
 
-// Closer than three chip bandwidths, two frames share their energy: the second is looked for only where it covers
+// Closer than three chip bandwidths, two frames share their energy: the second is searched for only where it covers
 // little of the first.
 TEST(EndToEnd, TwoStationsTwentyHertzApart) {
     const std::vector<Sent> sent = {{OVL_OPERA, "F5NQL", 3, 1490, -12, 0},

@@ -55,7 +55,7 @@ class Faults : public TestWithFiles {
         return write(name, wave_file(1, 1, RATE, 16, samples()));
     }
 
-    // The frame, and silence up to so many minutes: decoded block by block, which takes a while.
+    // The frame, and silence up to this many minutes: decoded block by block, which takes a while.
     std::string long_recording(int minutes) const {
         const auto data = static_cast<std::size_t>(2 * 60 * RATE) * static_cast<std::size_t>(minutes);
         const std::string header = wave_file(1, 1, RATE, 16, "");
@@ -81,7 +81,7 @@ class Faults : public TestWithFiles {
                 {"plot", sound, "--no-decode", "-o", "picture.pdf"}};
     }
 
-    // A command line behind a shell that sets something up: "ulimit -f 8; exec \"$@\"".
+    // A command line run by a shell that sets something up: "ulimit -f 8; exec \"$@\"".
     static Arguments in_shell(const std::string& script, const Arguments& arguments) {
         Arguments all = {"/bin/sh", "-c", script, "sh"};
         const Arguments command = orvel_arguments(arguments);
@@ -168,7 +168,7 @@ TEST_F(Faults, HoweverLittleMemoryThereIsTheCommandEndsByItself) {
     EXPECT_GT(refused, 0);
 }
 
-// A look that gets none is told of, and what others found is printed.
+// A decode that gets none is reported, and what others found is printed.
 TEST_F(Faults, ListeningGoesOnWithHoweverLittleMemory) {
     ProcessInput input;
     input.stdin_file = write("audio.raw", samples());
@@ -302,7 +302,7 @@ TEST_F(Faults, AReadErrorIsAFailureThatNamesTheFile) {
 }
 
 // Opening one would wait for its writer, and opening it again for the next.
-TEST_F(Faults, APipeIsNoRecordingAndHoldsNobodyUp) {
+TEST_F(Faults, APipeIsNoRecordingAndBlocksNothing) {
     const std::string pipe = path("pipe");
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     const std::string good = recording();
@@ -386,7 +386,7 @@ TEST_F(Faults, SignalsEndADecodeWithWhatItFoundSoFar) {
 TEST_F(Faults, SignalsEndListeningWhileItDecodes) {
     for (const int signal : ENDING) {
         RunningProcess process(orvel_arguments(listening({"--json", "--every=1"})));
-        ASSERT_TRUE(process.write(samples()));  // and is on its way to the last looks
+        ASSERT_TRUE(process.write(samples()));  // and is on its way to the last decodes
         process.send_signal(signal);
         expect_whole_lines(process.read_rest(PATIENCE_S));
         const auto result = process.wait(PATIENCE_S / 6);

@@ -75,7 +75,7 @@ std::vector<std::string> calls_of(const std::vector<ovl_result>& results) {
 
 using Calls = std::vector<std::string>;
 
-// A span of more elements than the C interface can count; it must never be looked into.
+// A span of more elements than the C interface can count; it must never be read.
 std::span<float> endless() {
     static float sample = 0;
     return {&sample, std::size_t{1} << 31};
@@ -105,7 +105,7 @@ TEST(CppHeader, HasAFaceForEveryFunctionOfTheCHeader) {
     EXPECT_GT(functions, 30);
 }
 
-TEST(CppLibrary, TellsVersionsAndProtocols) {
+TEST(CppLibrary, ReportsVersionsAndProtocols) {
     EXPECT_EQ(ovl::api_version(), ovl_api_version());
     EXPECT_EQ(ovl::version(), ovl_version());
     EXPECT_EQ(ovl::frame_chips(OVL_ORVEL_L), 321);
@@ -248,7 +248,7 @@ TEST(CppTransmitter, RendersWhatTheCFunctionRenders) {
     EXPECT_EQ(samples, expected);
 }
 
-TEST(CppTransmitter, TellsItsProgressAndStops) {
+TEST(CppTransmitter, ReportsItsProgressAndStops) {
     ovl::Transmitter tx;
     EXPECT_EQ(tx.status().done, 1);
     tx.start(std::vector{ovl::tx_pause(1), ovl::tx_pause(1, true), ovl::tx_carrier(1)});

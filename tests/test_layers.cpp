@@ -108,7 +108,7 @@ TEST(Layers, ProgramsUseOfTheLibraryWhatIsListed) {
     }
 }
 
-// The rooms of app/, from the ground up: each may know those before it that stand in its line.
+// The rooms of app/, from the bottom up: each may include those before it that are listed in its line.
 TEST(Layers, RoomsKnowOnlyTheRoomsBelowThem) {
     const std::map<std::string, std::set<std::string>> below = {
         {"base", {}},

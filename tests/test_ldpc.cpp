@@ -130,7 +130,7 @@ std::vector<float> coarse(std::vector<float> metrics, float step) {
     return metrics;
 }
 
-// Metrics that claim to know more than they do: messages run into their limits.
+// Overconfident metrics: messages run into their limits.
 std::vector<float> overconfident(std::vector<float> metrics) {
     for (float& metric : metrics) metric *= 15.0F;
     return metrics;
@@ -588,7 +588,7 @@ TEST_P(BothCodes, KnowingNothingDecodesToZerosInTheFirstPass) {
 }
 
 TEST(LdpcDecode, ABeliefOfExactlyZeroIsAZero) {
-    // The product over 31 variables that know nothing is too small for a double: the check answers exactly 0.
+    // The product over 31 variables without information is too small for a double: the check answers exactly 0.
     auto code = std::make_unique<ldpc_code>();
     ASSERT_EQ(ldpc_build(*code, 31, 30, 1, 1), 0);
     const Decoded got = decode(*code, std::vector<float>(31, -0.0F), 1, -1, 0);
@@ -735,7 +735,7 @@ TEST_P(ModelComparison, NoisyFramesDecodeAsDefined) {
     EXPECT_GT(with_status[setting.order < 0 ? 0 : 2], fewest);
 }
 
-// What a check tells of one of several erased bits is tiny, and its sign decides.
+// The message of a check to one of several erased bits is tiny, and its sign decides.
 TEST_P(BothCodes, FramesWithErasedBitsDecodeAsDefined) {
     Rng rng(12);
     int with_status[3] = {};
@@ -759,7 +759,7 @@ TEST(LdpcDecode, OneCheckOverThreeErasedBitsDecides) {
     auto code = std::make_unique<ldpc_code>();
     ASSERT_EQ(ldpc_build(*code, 4, 3, 1, 1), 0);
     ASSERT_EQ(code->check_degree[0], 4);
-    // The three agree on what makes the check even: each is told so by a message of some -1e-24.
+    // The three agree on what makes the check even: each gets a message of some -1e-24 that says so.
     const Decoded got = decode(*code, {0.0F, 0.0F, 0.0F, 5.0F}, 1, -1, 0);
     EXPECT_EQ(got.result, 0);
     EXPECT_EQ(got.status, 1);

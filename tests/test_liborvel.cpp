@@ -144,7 +144,7 @@ const std::vector<float>& noise_of_20_s() {
 
 // ---- Library and protocol table ------------------------------------------------------------------------------------
 
-TEST(Library, TellsItsVersions) {
+TEST(Library, ReportsItsVersions) {
     EXPECT_EQ(ovl_api_version(), 5);
     EXPECT_STREQ(ovl_version(), "1.6.1");
 }
@@ -284,7 +284,7 @@ TEST(KnownList, CountsTheCallsignsThatPack) {
         {"K1AB,/,QQ0XYZ;NOCALL A1 G4ABC", 4},
         {";,K1AB,;", 1},
         {"k1ab", 1},
-        {"K1AB K1AB K1AB", 3},  // nobody looks for doubles
+        {"K1AB K1AB K1AB", 3},  // duplicates are not checked
         {"K1AB/P", 0},
         {"QQ0XYZW", 0},
         {"K1 AB", 1},  // K1 is a callsign, AB is none

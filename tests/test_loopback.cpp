@@ -48,7 +48,7 @@ void sleep_s(double seconds) {
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }
 
-// Whether the condition holds, asked again and again for so long.
+// Whether the condition becomes true within a time, by polling.
 template <typename Condition>
 bool holds_within(double seconds, Condition condition) {
     for (const double end = steady_clock() + seconds; !condition(); sleep_s(0.005)) {
@@ -85,7 +85,7 @@ void start_capture(const Audio& audio) {
     ASSERT_EQ(stats_of(audio).rate, CAPTURE_RATE);
 }
 
-// A carrier behind half a second of silence: a sink that wakes up may lose the first milliseconds of what it is given.
+// A carrier after half a second of silence: a sink that wakes up may lose the first milliseconds of what it is given.
 void prepare_carrier(const Transmitter& tx, double seconds, double tone_hz, double level, double ramp_s = 0.005) {
     ovl_tx_settings settings;
     ovl_tx_settings_default(&settings);
@@ -101,8 +101,8 @@ void prepare_carrier(const Transmitter& tx, double seconds, double tone_hz, doub
     ASSERT_EQ(ovl_tx_start(tx.get(), &settings, steps.data(), 2), 0) << ovl_tx_last_error(tx.get());
 }
 
-// When the first captured sample was heard, by the wall clock: blocks come late by more or less, never early, so the
-// least delay seen tells the most.
+// When the first captured sample was recorded, by the wall clock: blocks arrive more or less late, never early, so the
+// least delay seen is the best estimate.
 class CaptureClock {
   public:
     explicit CaptureClock(const Audio& audio) : audio_(audio) {}
@@ -128,7 +128,7 @@ std::vector<double> envelope(const std::vector<float>& samples) {
     return peaks;
 }
 
-// How long a tone of level 0.5 is heard, to a few milliseconds.
+// How long a tone of level 0.5 is received, to a few milliseconds.
 double loud_seconds(const std::vector<float>& samples) {
     const std::vector<double> peaks = envelope(samples);
     return 0.001 * static_cast<double>(std::count_if(peaks.begin(), peaks.end(), [](double p) { return p > 0.25; }));
@@ -277,7 +277,7 @@ struct Sent {
     const char* call;
     const char* locator;
     double tone_hz;
-    double delay_s;  // behind the first of them
+    double delay_s;  // after the first of them
 };
 
 // All at the same time, since a frame takes as long as it takes.
@@ -349,7 +349,7 @@ TEST_F(Loopback, AFrameOfEachProtocolIsDecodedAsSentWhenAndWhereItWasAskedFor) {
         EXPECT_STREQ(result.locator, sent[i].locator);
         EXPECT_NEAR(result.freq_hz, sent[i].tone_hz, 1);
         const double heard = clock.first_sample() + result.t_start;
-        // Some 50 ms early: a monitor hears a sink's sound while that is still on its way.
+        // Some 50 ms early: a monitor gets a sink's sound while that is still on its way.
         EXPECT_NEAR(heard, first_start + sent[i].delay_s, 0.15);
     }
 }
@@ -402,7 +402,7 @@ TEST_F(Loopback, AStoppedTransmitterIsHeardToFadeAndPlaybackEnds) {
 
 // ---- A server in trouble ---------------------------------------------------------------------------------------
 
-TEST_F(Loopback, CaptureStandsStillWithTheServerAndGoesOnWithIt) {
+TEST_F(Loopback, CaptureStallsWithTheServerAndResumesWithIt) {
     const Audio audio = make_audio();
     ASSERT_NO_FATAL_FAILURE(start_capture(audio));
     server().pause();
@@ -475,7 +475,7 @@ TEST_F(Loopback, DestroyingWhatADeadServerServedDoesNotHang) {
 
 // ---- No server -------------------------------------------------------------------------------------------------
 
-// In a process of its own, since this one may have found devices already.
+// In a separate process, since this one may have found devices already.
 TEST(SoundlessMachine, HasNoDevicesAndSaysSo) {
     constexpr const char* INSIDE = "ORVEL_TEST_SOUNDLESS";
     if (std::getenv(INSIDE) == nullptr) {

@@ -1,5 +1,5 @@
-// The manual pages and the completion files beside what the command's own help says: each option of each subcommand is
-// in all of them, and nothing else is. The subcommands, too, are those that the help lists.
+// The manual pages and the completion files compared with the command's own help: each option of each subcommand is in
+// all of them, and nothing else is. The subcommands, too, are those that the help lists.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -155,7 +155,7 @@ TEST(Help, BreaksLinesBetweenWordsAndLosesNone) {
 TEST(Help, GoesOnUnderTheDescription) {
     const std::string help = help_of("listen");
     EXPECT_NE(help.find("\n  --start TIME          UTC time of the first sample of standard input:\n"
-                        "                        12:00[:00] (the last such) or"),
+                        "                        12:00[:00] (the latest such) or"),
               std::string::npos)
         << help;
     // A table in a footer likewise.
@@ -170,11 +170,11 @@ TEST(Help, SaysInWordsWhatDescriptionsLeaveUnsaid) {
     const std::string decode = in_one_line(help_of("decode"));
     for (const char* text :
          {"FILE... Recordings: ", " --channel N Channel ", " [mean] (1 to 1024) ",
-          " [all that the sample rate holds] (needs --wide) ", "so many seconds, 60 to 3600 [by rate] -"}) {
+          " [all that the sample rate holds] (needs --wide) ", "are decoded, 60 to 3600 [by rate] -"}) {
         EXPECT_NE(decode.find(text), std::string::npos) << text << "\n" << decode;
     }
     EXPECT_NE(in_one_line(help_of("send"))
-                  .find(" --times N Number of transmissions [without end] "
+                  .find(" --times N Number of transmissions [no limit] "
                         "(above 0; needs --every) "),
               std::string::npos);
     EXPECT_NE(in_one_line(help_of("encode")).find(" (not with --json) "), std::string::npos);

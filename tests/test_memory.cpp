@@ -1,6 +1,6 @@
 // When memory runs out: every call of the library, and every part inside it that asks for memory, with each of its
-// requests refused in turn. What it then says is what it promises, nothing is left behind, nothing is thrown where
-// nothing may be, and afterwards it works as if nothing had been.
+// requests refused in turn. It then reports what it promises, leaks nothing, throws nothing where nothing may be
+// thrown, and afterwards works as before.
 #include <fftw3.h>
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
@@ -44,7 +44,7 @@ namespace {
 
 // ---- The tool ------------------------------------------------------------------------------------------------------
 
-// Kept from the optimizer, which may drop requests whose memory nobody looks at.
+// Kept from the optimizer, which may drop requests whose memory is never read.
 void* volatile block = nullptr;
 
 TEST(FailingMemory, SeesEveryKindOfRequest) {
@@ -140,7 +140,7 @@ TEST(FailingMemory, RefusesTheOneOrAllFurther) {
     EXPECT_EQ(three(later), (std::array{false, false, false})) << "requests count on";
 }
 
-TEST(FailingMemory, TellsWhatIsLeftBehind) {
+TEST(FailingMemory, ReportsWhatIsLeaked) {
     FailingMemory memory;
     memory.watch([] { block = std::malloc(100); });
     EXPECT_EQ(memory.live_blocks(), 1);
@@ -160,7 +160,7 @@ TEST(FailingMemory, TellsWhatIsLeftBehind) {
     EXPECT_EQ(memory.peak_bytes(), 300u);
 }
 
-TEST(FailingMemory, LetsOtherThreadsBe) {
+TEST(FailingMemory, LeavesOtherThreadsAlone) {
     FailingMemory memory(1, Refuses::ALL_FURTHER);
     bool got = false;
     std::atomic<int> turn = 0;
@@ -197,7 +197,7 @@ TEST(FailingMemory, TriesEveryRequestOfACall) {
     EXPECT_EQ(seen, expected);
 }
 
-TEST(FailingMemory, AnAttemptThatLeavesSomethingBehindFails) {
+TEST(FailingMemory, AnAttemptThatLeaksFails) {
     static void* lost;
     const auto lose = [](FailingMemory& memory) {
         void* const got = memory.watch([] { return std::malloc(77); });
@@ -207,7 +207,7 @@ TEST(FailingMemory, AnAttemptThatLeavesSomethingBehindFails) {
             std::free(got);
         }
     };
-    EXPECT_NONFATAL_FAILURE(refuse_each_request(lose), "77 bytes are left behind");
+    EXPECT_NONFATAL_FAILURE(refuse_each_request(lose), "77 bytes are leaked");
     std::free(lost);
 }
 
@@ -383,7 +383,7 @@ void refuse_to_decode(int32_t expected, int32_t deep, Decode decode) {
                       is_new && memory.requests() == 1 ? "out of memory" : "block too short or invalid for decoding");
             return count;
         }
-        // What there was no memory to look at is missing; what is told is true.
+        // What there was no memory to examine is missing; what is reported is true.
         EXPECT_LE(count, all);
         EXPECT_EQ(error, "");
         for (int32_t i = 0; i < count; i++) {
@@ -448,15 +448,15 @@ void refuse_to_decode_scene(const Scene& scene, int32_t protocols, int32_t expec
     });
 }
 
-TEST(DecoderMemory, ADecodeOfOperaTellsOrLeavesOutWhatItCannotHold) {
+TEST(DecoderMemory, ADecodeOfOperaReportsOrLeavesOutWhatItCannotHold) {
     refuse_to_decode_scene(opera_scene(), OVL_OPERA, 2, 1);
 }
 
-TEST(DecoderMemory, ADecodeOfOrvelSTellsOrLeavesOutWhatItCannotHold) {
+TEST(DecoderMemory, ADecodeOfOrvelSReportsOrLeavesOutWhatItCannotHold) {
     refuse_to_decode_scene(orvel_s_scene(), OVL_ORVEL_S, 1, 0);
 }
 
-TEST(DecoderMemory, ADecodeOfOrvelLTellsOrLeavesOutWhatItCannotHold) {
+TEST(DecoderMemory, ADecodeOfOrvelLReportsOrLeavesOutWhatItCannotHold) {
     refuse_to_decode_scene(orvel_l_scene(), OVL_ORVEL_L, 1, 0);
 }
 
@@ -494,7 +494,7 @@ TEST(DecoderMemory, APhantomGoesWithoutItToo) {
     EXPECT_GT(decoded, 20 / DECODE_STRIDE);
 }
 
-TEST(DecoderMemory, ADecodeOfRecentFramesTellsOrLeavesOutWhatItCannotHold) {
+TEST(DecoderMemory, ADecodeOfRecentFramesReportsOrLeavesOutWhatItCannotHold) {
     const std::vector<float> samples = to_float(render_real(opera_scene_with_end()));
     const ovl_settings settings = settings_of(OVL_OPERA);
     refuse_to_decode(1, 1, [&](ovl_decoder* decoder, ovl_result* results) {
@@ -939,7 +939,7 @@ bool succeeds(FailingMemory& memory, Call call) {
     return false;
 }
 
-TEST(RefinementMemory, AMeterThrowsAndMeasuresAllTheSameAfterwards) {
+TEST(RefinementMemory, AMeterThrowsAndStillMeasuresAfterwards) {
     const Received received;
     const StartGrid starts{received.hyp.start, 3, 1};
     const std::array freqs = {received.hyp.f, received.hyp.f + 0.5};
@@ -980,7 +980,7 @@ TEST(RefinementMemory, AMeterThrowsAndMeasuresAllTheSameAfterwards) {
               5);
 }
 
-TEST(RefinementMemory, AMeterOfDriftsThrowsAndMeasuresAllTheSameAfterwards) {
+TEST(RefinementMemory, AMeterOfDriftsThrowsAndStillMeasuresAfterwards) {
     const Received received;
     const DriftGrid grid{received.hyp.f, 0.1, 2, 0.01, 3};
     DriftMeter used(received.bb, received.map.chip_len, OVC_CHIPS);
@@ -1415,7 +1415,7 @@ TEST(NoMemory, IsNeededToMeasureAndJudgeAFrame) {
 
 // ---- First use -----------------------------------------------------------------------------------------------------
 
-// Each in a process of its own, which has used nothing of the library before.
+// Each in a separate process, which has used nothing of the library before.
 class FirstUse : public testing::Test {
   protected:
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }

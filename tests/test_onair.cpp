@@ -1,4 +1,4 @@
-// orvel devices, send and listen over a real sound server, which also stands still, dies and comes back.
+// orvel devices, send and listen over a real sound server, which also stalls, dies and comes back.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -16,8 +16,8 @@
 #include <utility>
 #include <vector>
 
-#include "command.h"
 #include "base/utc.h"
+#include "command.h"
 
 namespace {
 
@@ -43,7 +43,7 @@ class OnAir : public TestWithFiles {
     }
     void TearDown() override { alarm(0); }
 
-    // The command beside the test; what it says on standard error goes into a file.
+    // The command, running during the test; its standard error goes into a file.
     std::unique_ptr<RunningProcess> begin(const Arguments& arguments) const {
         Arguments shell = {"/bin/sh", "-c", "exec \"$@\" 2>" + path("messages"), "sh"};
         const Arguments command = orvel_arguments(arguments);
@@ -109,15 +109,15 @@ TEST_F(OnAir, OutputThatCannotBeWrittenIsAFailure) {
     }
 }
 
-// The sound server stands still for longer than a buffer could explain, then a frame is sent; then the server dies,
-// before the frame has settled, and comes back. Listening goes on through all of it.
-TEST_F(OnAir, WhatIsSentIsHeardAndAStalledInputIsOpenedAgain) {
+// The sound server stalls for longer than a buffer could explain, then a frame is sent; then the server dies, before
+// the frame's hold-off has passed, and comes back. Listening goes on through all of it.
+TEST_F(OnAir, WhatIsSentIsReceivedAndAStalledInputIsReopened) {
     const auto listener = begin({"listen", "--json", "--every", "2"});
     sleep_s(4);
     server_->pause();
-    ASSERT_TRUE(says("orvel: no audio for 5 s, opening the device again\n", 12)) << messages();
+    ASSERT_TRUE(says("orvel: no audio for 5 s, reopening the device\n", 12)) << messages();
     server_->resume();
-    ASSERT_TRUE(says("orvel: audio again\n", 12)) << messages();
+    ASSERT_TRUE(says("orvel: audio is back\n", 12)) << messages();
 
     const double start = std::ceil(utc_now()) + 4;
     const ProcessResult sent =
@@ -141,14 +141,14 @@ TEST_F(OnAir, WhatIsSentIsHeardAndAStalledInputIsOpenedAgain) {
     EXPECT_NEAR(*heard, start, 0.2);
 
     server_->restart();
-    ASSERT_TRUE(says("audio again", 20)) << messages();
+    ASSERT_TRUE(says("audio is back", 20)) << messages();
 
     listener->send_signal(SIGINT);
     EXPECT_EQ(end_of(*listener, 6), 0);
     EXPECT_EQ(listener->read_rest(1), "") << "the frame was printed once";
 }
 
-TEST_F(OnAir, CtrlCPrintsWhatWasHeardSinceTheLastLook) {
+TEST_F(OnAir, CtrlCPrintsWhatWasReceivedSinceTheLastDecode) {
     const auto listener = begin({"listen", "--json", "--every", "15", "--protocols", "opera"});
     sleep_s(3);
     EXPECT_EQ(orvel({"send", "opera=DL1QXA"}, surroundings()).status, 0);
@@ -160,7 +160,7 @@ TEST_F(OnAir, CtrlCPrintsWhatWasHeardSinceTheLastLook) {
     EXPECT_EQ(end_of(*listener, 5), 0);
 }
 
-TEST_F(OnAir, CtrlCEndsListeningToADeviceThatStandsStill) {
+TEST_F(OnAir, CtrlCEndsListeningToADeviceThatStalls) {
     const auto listener = begin({"listen"});
     sleep_s(4);
     server_->pause();
@@ -225,7 +225,7 @@ TEST_F(OnAir, AScheduleIsKept) {
     EXPECT_EQ(slots[2] - slots[1], PERIOD_S);
 }
 
-TEST_F(OnAir, AnOutputThatDiesIsToldOf) {
+TEST_F(OnAir, AnOutputThatDiesIsReported) {
     const auto sender = begin({"send", "carrier=30"});
     sleep_s(2);
     server_->crash();
@@ -233,12 +233,12 @@ TEST_F(OnAir, AnOutputThatDiesIsToldOf) {
     EXPECT_NE(messages().find("orvel: the output device"), std::string::npos) << messages();
 }
 
-TEST_F(OnAir, AnOutputThatStandsStillIsToldOf) {
+TEST_F(OnAir, AnOutputThatStallsIsReported) {
     const auto sender = begin({"send", "carrier=30"});
     sleep_s(2);
     server_->pause();
     EXPECT_EQ(end_of(*sender, 20), 1);
-    EXPECT_NE(messages().find("orvel: the output device stands still"), std::string::npos) << messages();
+    EXPECT_NE(messages().find("orvel: the output device has stalled"), std::string::npos) << messages();
     server_->resume();
 }
 

@@ -112,7 +112,7 @@ std::optional<uint32_t> locator_model(const std::string& text) {
     return value;
 }
 
-// Coded bits of a frame's chips; the test fails where the chips are no Manchester pairs behind a leading 1.
+// Coded bits of a frame's chips; the test fails where the chips are not Manchester pairs after a leading 1.
 Bits coded_bits(const std::vector<uint8_t>& chips, std::size_t n) {
     EXPECT_EQ(chips.size(), 2 * n + 1);
     EXPECT_EQ(chips[0], 1);
@@ -552,12 +552,12 @@ TEST(OrvelCheck, ValuesThatAreNoCallsignOrLocatorAreRefused) {
     EXPECT_EQ(check(0, message_model(S, OVC_MAX_CALL, 0, S.crc_start)), (Checked{0, "999ZZZ", ""}));
     EXPECT_EQ(check(0, message_model(S, OVC_MAX_CALL + 1, 0, S.crc_start)).result, -1);
     EXPECT_EQ(check(0, message_model(S, (1u << 28) - 1, 0, S.crc_start)).result, -1);
-    EXPECT_EQ(check(0, message_model(S, 1, 0, S.crc_start)).result, -1);  // a letter behind a blank
+    EXPECT_EQ(check(0, message_model(S, 1, 0, S.crc_start)).result, -1);  // a letter after a blank
     const uint32_t call = packed_call("QQ0XYZ");
     EXPECT_EQ(check(1, message_model(L, call, OV_MAX_LOC, L.crc_start)), (Checked{0, "QQ0XYZ", "RR99XX"}));
     EXPECT_EQ(check(1, message_model(L, call, OV_MAX_LOC + 1, L.crc_start)).result, -1);
     EXPECT_EQ(check(1, message_model(L, call, (1u << 25) - 1, L.crc_start)).result, -1);
-    // Nobody reads the locator field in another mode.
+    // The locator field is not read in another mode.
     EXPECT_EQ(check(2, message_model(L, call, (1u << 25) - 1, L.crc_start)), (Checked{0, "QQ0XYZ", ""}));
 }
 
@@ -748,7 +748,7 @@ TEST(SoftBits, InfiniteEnergiesAndNoNoiseEnd) {
     EXPECT_EQ(noiseless.llr[0], INF_F);
     EXPECT_EQ(noiseless.llr[1], -INF_F);
     EXPECT_EQ(noiseless.llr[2], 0.0F);
-    // Where the mean square is no number the amplitude is the floor.
+    // Where the mean square is not a number the amplitude is the floor.
     EXPECT_EQ(soft_bits({{0, 0}, {1, 0}}, 0.0, 0).amplitude, 0.05);
     EXPECT_EQ(soft_bits({{INF_F}, {INF_F}}, 1.0, 0).amplitude, 0.05);
     EXPECT_EQ(soft_bits({{1}, {3}}, std::numeric_limits<double>::quiet_NaN(), 0).amplitude, 0.05);

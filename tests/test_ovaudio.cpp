@@ -204,7 +204,7 @@ std::vector<float> last_of(const Audio& audio, int32_t n) {
     std::vector<float> samples(static_cast<std::size_t>(n) + 1, 7.0f);
     const int32_t copied = ovl_audio_last(audio.get(), samples.data(), n);
     EXPECT_GE(copied, 0);
-    EXPECT_EQ(samples[static_cast<std::size_t>(copied)], 7.0f) << "written behind the samples";
+    EXPECT_EQ(samples[static_cast<std::size_t>(copied)], 7.0f) << "written past the samples";
     samples.resize(static_cast<std::size_t>(copied));
     return samples;
 }
@@ -832,7 +832,7 @@ class WithSound : public ::testing::Test {
     static constexpr int32_t SPEAKER = 0;     // no inputs
     static constexpr int32_t HEADSET = 1;     // one input, two outputs; the default for both
     static constexpr int32_t STUDIO = 2;      // eight inputs and outputs
-    static constexpr int32_t VANISHED = 3;    // PortAudio knows nothing of it any more
+    static constexpr int32_t VANISHED = 3;    // PortAudio no longer knows it
     static constexpr int32_t MICROPHONE = 4;  // no outputs
 
     WithSound() {
@@ -947,7 +947,7 @@ TEST_F(AudioDevices, ThatDoNotExistAreNotDescribed) {
     EXPECT_EQ(ovl_audio_device_info(STUDIO, &info), -1);
 }
 
-// ---- PortAudio itself: decided once in a process, so these run in processes of their own ---------------------------
+// ---- PortAudio itself: decided once in a process, so these run in separate processes -------------------------------
 
 void require(bool holds, const char* what) {
     if (holds) return;
@@ -1099,14 +1099,14 @@ TEST_F(CaptureStream, NeedsADeviceWithInputs) {
     sound->devices[HEADSET]->maxInputChannels = -1;
     refused(HEADSET);
     EXPECT_TRUE(sound->streams.empty());
-    // The device is looked at before memory.
+    // The device is checked before memory.
     EXPECT_EQ(ovl_audio_start_input(audio.get(), 77, 48000, NOT_A_NUMBER), -1);
     EXPECT_STREQ(ovl_audio_last_error(audio.get()), "no such input device");
 }
 
 TEST_F(CaptureStream, NeedsMemory) {
     for (const double seconds : {NOT_A_NUMBER, INF, 1e12, 1e300}) {
-        sound->open_error = paDeviceUnavailable;  // which nobody gets to see
+        sound->open_error = paDeviceUnavailable;  // which is never reported
         EXPECT_EQ(ovl_audio_start_input(audio.get(), HEADSET, 48000, seconds), -1);
         EXPECT_STREQ(ovl_audio_last_error(audio.get()), "out of memory");
         EXPECT_TRUE(sound->streams.empty());
@@ -1131,7 +1131,7 @@ TEST_F(CaptureStream, WithoutMemoryOpensNothingAndWorksAfterwards) {
     EXPECT_EQ(ova_input_rate(audio.get()), 12000);
 }
 
-TEST_F(CaptureStream, AsksForNoMemoryToLookAtDevices) {
+TEST_F(CaptureStream, AsksForNoMemoryToExamineDevices) {
     FailingMemory memory(1, Refuses::ALL_FURTHER);
     ovl_audio_device info;
     EXPECT_GT(memory.watch([] { return ovl_audio_device_count(); }), 0);
@@ -1265,7 +1265,7 @@ TEST_F(CaptureStream, IsStoppedAndClosedByAStopAStartAndTheEnd) {
 
 constexpr float UNTOUCHED = 7;  // louder than anything played
 
-// A carrier of so many samples, the closing ramp included; at 8000 Hz 440 at least.
+// A carrier of n samples, the closing ramp included; at 8000 Hz 440 at least.
 Transmitter prepared(int32_t samples, int32_t rate, double tone_hz) {
     Transmitter tx = make_transmitter();
     ovl_tx_settings settings;
@@ -1296,7 +1296,7 @@ bool silent(const std::vector<float>& samples) {
     return std::all_of(samples.begin(), samples.end(), [](float sample) { return sample == 0; });
 }
 
-// n samples from there on, silence behind the last.
+// n samples from there on, silence after the last.
 std::vector<float> part(const std::vector<float>& samples, std::size_t from, std::size_t n) {
     std::vector<float> out(n);
     for (std::size_t i = 0; i < n && from + i < samples.size(); i++) out[i] = samples[from + i];
@@ -1327,7 +1327,7 @@ class Playback : public WithSound {
         std::vector<float> buffer(n * channels + 1, UNTOUCHED);
         Heard heard;
         heard.result = stream.callback(nullptr, buffer.data(), n, time, 0, stream.user);
-        EXPECT_EQ(buffer.back(), UNTOUCHED) << "written behind the buffer";
+        EXPECT_EQ(buffer.back(), UNTOUCHED) << "written past the buffer";
         for (std::size_t i = 0; i < n; i++) {
             heard.samples.push_back(buffer[i * channels]);
             for (std::size_t c = 0; c < channels; c++) EXPECT_EQ(buffer[i * channels + c], heard.samples.back());
@@ -1508,7 +1508,7 @@ TEST_F(Playback, TheStreamsOwnTimesTellTheLatencyUnlessTheyCannotBeTrue) {
     EXPECT_EQ(latency_used(3.5, 3), 0.5);
     EXPECT_EQ(latency_used(7.75, 3), 4.75);
     EXPECT_EQ(latency_used(3, 3), 0);
-    EXPECT_EQ(latency_used(3, 3.125), 0.25) << "heard before it was asked for";
+    EXPECT_EQ(latency_used(3, 3.125), 0.25) << "played before it was asked for";
     EXPECT_EQ(latency_used(8, 3), 0.25) << "five seconds";
     EXPECT_EQ(latency_used(10, 3), 0.25) << "seven seconds";
     EXPECT_EQ(latency_used(INF, 3), 0.25);
@@ -1692,7 +1692,7 @@ TEST_F(Playback, TheStartIsReportedOnce) {
         ASSERT_EQ(started(), first);
     }
     start(HEADSET, tx.get());
-    EXPECT_EQ(started(), 0) << "a new start begins anew";
+    EXPECT_EQ(started(), 0) << "a restart clears it";
     EXPECT_EQ(ovl_audio_start_output(audio.get(), 77, tx.get()), -1);
     EXPECT_EQ(started(), 0);
 }
@@ -1849,7 +1849,7 @@ TEST_F(Playback, IsStoppedAndForgottenByAStopAStartAndTheEnd) {
     }
 }
 
-TEST_F(Playback, RunsBesideCaptureAndBothEndWithTheObject) {
+TEST_F(Playback, RunsAlongsideCaptureAndBothEndWithTheObject) {
     const Transmitter tx = prepared(1000);
     ASSERT_EQ(ovl_audio_start_input(audio.get(), HEADSET, 8000, 1), 0);
     const Stream& input = sound->last();
@@ -1880,7 +1880,7 @@ TEST_F(Playback, RunsBesideCaptureAndBothEndWithTheObject) {
 
 constexpr int32_t MODULUS = 1 << 23;  // counters stay exact
 
-// Pushes a counter in random chunks until told to end, as long as `allowed` lets it go on.
+// Pushes a counter in random chunks until `end` is set, as long as `allowed` permits.
 template <typename Allowed>
 void push_counter(ovl_audio* audio, const std::atomic<bool>& end, std::atomic<int64_t>& pushed, Allowed allowed) {
     Random random(9);
@@ -1974,7 +1974,7 @@ TEST(AudioThreads, ASlowReaderSeesNothingButSamples) {
 
 using AudioThreadsOnACard = WithSound;
 
-// In a process of its own, as ctest runs it, this is what initialises PortAudio.
+// In a separate process, as ctest runs it, this is what initialises PortAudio.
 TEST_F(AudioThreadsOnACard, FirstUseOfDevicesMayBeInSeveralAtOnce) {
     std::vector<std::jthread> threads;
     for (int32_t k = 0; k < 8; k++) {

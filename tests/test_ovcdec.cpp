@@ -760,7 +760,7 @@ TEST(TwinTable, HasPatternsOfTwoToFourGroups) {
 }
 
 // The frame checksum is linear but for zero bytes that are replaced. All patterns follow from its linear part except
-// two, which stand beside their linear neighbours: they lead to or from frames whose second checksum has a zero byte.
+// two, which lie next to their linear neighbours: they lead to or from frames whose second checksum has a zero byte.
 const std::set<Pattern> PATTERNS_OF_A_REPLACED_BYTE = {
     {{5, 6}, {10, 1}, {11, 1}, {16, 6}},
     {{9, 1}, {10, 3}, {11, 1}, {16, 6}},

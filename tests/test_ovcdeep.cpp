@@ -496,7 +496,7 @@ TEST(DeepSearch, NothingToSearchLeavesTheThresholdUnwritten) {
     limits.search_hz = NOT_A_NUMBER;
     expect_nothing(map, known, limits);
     expect_nothing(map, {}, {});
-    const HandMap shorter(477 - 2 * 94 - 1, 4, 2, 1);  // one row too short for a frame that hangs over both edges
+    const HandMap shorter(477 - 2 * 94 - 1, 4, 2, 1);  // one row too short for a frame that extends past both edges
     expect_nothing(shorter, known, {});
     double threshold = UNWRITTEN;
     EXPECT_EQ(ovc_deep_search(&map.map, known.data(), -3, -1, 1, 10, 0.2, 1e-4, 64, nullptr, &threshold), 0);

@@ -685,7 +685,7 @@ TEST(BasebandRate, IsTheLowestThatHoldsTheBandAndSixteenSamplesAChip) {
     }
 }
 
-TEST(BasebandRate, AChipThatIsNoWholeNumberOfSamplesIsToldAndRefused) {
+TEST(BasebandRate, AChipThatIsNotAWholeNumberOfSamplesIsReportedAndRefused) {
     const std::vector<double> noise = render_real({12000, 2, 3, 0.05, true, {}});
     ov_params params = verbose_params(7);
     params.op = 0.499;
@@ -750,7 +750,7 @@ TEST(EntryPoints, ASearchOf125KilohertzRuns) {
     EXPECT_EQ(out.text.rfind("Baseband: 256000 Hz around", 0), 0u) << out.text;
 }
 
-TEST(EntryPoints, ABlockShorterThanAChipIsToldAndRefused) {
+TEST(EntryPoints, ABlockShorterThanAChipIsReportedAndRefused) {
     const std::vector<double> noise = render_real({12000, 0.127, 3, 0.05, true, {}});
     const ov_params params = verbose_params(7);
     const Decoded out = capture(4, [&](ov_spot* s) {
@@ -843,7 +843,7 @@ TEST(TrimCall, TakesBlanksFromBothEnds) {
         EXPECT_EQ(text[out.size() + 1], '#');
     }
     std::array<char, 8> text;
-    trim_call("ABCDEFGH", text.data());  // six characters are looked at
+    trim_call("ABCDEFGH", text.data());  // six characters are examined
     EXPECT_STREQ(text.data(), "ABCDEF");
 }
 
@@ -1081,7 +1081,7 @@ TEST(Run, TriesNoMoreFramesThanAllowed) {
     EXPECT_TRUE(holds_like(out.text, " : no valid frame \\(1\\d\\d\\d tried\\)\n"));
 }
 
-// A weak frame is often not the best of the pool: then rank and gap tell how far down it was.
+// A weak frame is often not the best of the pool: then rank and gap show how far down it was.
 TEST(Run, AFrameFurtherDownThePoolHasItsRankAndGap) {
     bool seen = false;
     for (uint64_t seed = 1; seed <= 30 && !seen; seed++) {
@@ -1261,7 +1261,7 @@ TEST(Run, KnownOnlyAcceptsExactlyTheKnownCallsigns) {
     EXPECT_EQ(out.calls(), (Calls{"F5NQL", "G4JNT"}));
     EXPECT_EQ(out.find("F5NQL")->deep, 0);
 
-    params.n_known = 1;  // only W1AW is looked at
+    params.n_known = 1;  // only W1AW is examined
     EXPECT_EQ(decode(block, params).count, 0);
 
     std::vector<ovc_known> lower = known_entries({"F5NQL"});
@@ -1374,7 +1374,7 @@ TEST(Run, SnrAdjustmentIsTheShareOfOnChips) {
     EXPECT_NEAR(step("G4JNT"), 10 * std::log10(161.0 / 321.0), 1e-12);
 }
 
-TEST(Run, SpreadModeIsToldAndDecodes) {
+TEST(Run, SpreadModeIsReportedAndDecodes) {
     const Block block(40, 20, {opera("F5NQL", 4, -60, -3), orvel_s("DK2XYZ", 5, 60, -3)});
     ov_params params = verbose_params(7);
     params.spread_hz = 20;
@@ -1420,7 +1420,7 @@ TEST(Run, CandidatesOnASpotAreSkipped) {
     const Block beside(40, 35, {opera("F5NQL", 4, -0.9, -6), opera("OH1ABC", 4.5, 21.48, -6.3)});
     const Decoded out = decode(beside, verbose_params(OVL_OPERA));
     EXPECT_TRUE(out.find("F5NQL") != nullptr);
-    EXPECT_FALSE(out.says(" f=1521.48 Hz ->")) << "22.4 Hz beside the spot";
+    EXPECT_FALSE(out.says(" f=1521.48 Hz ->")) << "22.4 Hz from the spot";
 
     const Block behind(64, 36, {opera("F5NQL", 3, 0, -6), opera("OH1ABC", 3 + 0.85 * FRAME_S, 0, -6.2)});
     EXPECT_EQ(decode(behind, verbose_params(OVL_OPERA)).calls(), Calls{"F5NQL"});
@@ -1498,7 +1498,7 @@ TEST(DeepSearch, FindsKnownCallsignsBelowTheThreshold) {
     EXPECT_FALSE(decode(block, params).says("Deep search"));
 }
 
-TEST(DeepSearch, WhatIsDecodedAlreadyIsToldAndLeftAlone) {
+TEST(DeepSearch, WhatIsDecodedAlreadyIsReportedAndLeftAlone) {
     // The second frame of the callsign stands apart in frequency, the third callsign on another's frame.
     const Block block(40, 23, {opera("F5NQL", 4, -60, -5), opera("F5NQL", 5, 100, -16)});
     ov_params params = verbose_params(OVL_OPERA);
@@ -1599,7 +1599,7 @@ TEST(Orvel, AppendsToTheSpotsOfTheRun) {
     const Decoded full =
         capture(2, [&](ov_spot*) { return run_orvel(block.baseband(), map, params, 0, 0.1, spots.data(), 2, 2); });
     EXPECT_EQ(full.count, 2);
-    EXPECT_EQ(full.lines().size(), 1u);  // the map is told, no candidate examined
+    EXPECT_EQ(full.lines().size(), 1u);  // the map is reported, no candidate examined
     EXPECT_TRUE(full.says("ORVEL-S score map: "));
 }
 

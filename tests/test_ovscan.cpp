@@ -142,7 +142,7 @@ T pick(Random& random, const std::vector<T>& values) {
     return values[static_cast<std::size_t>(random.integer(0, static_cast<int32_t>(values.size()) - 1))];
 }
 
-// Noise, stations, carriers and bursts, looked at in any way.
+// Noise, stations, carriers and bursts, scanned in every way.
 Input random_input(uint64_t seed) {
     Random random(seed);
     Input input;
@@ -209,7 +209,7 @@ TEST(FrequencyScan, NoiseIsTakenFromEverySecondWindowOfMoreThanFourThousand) {
     }
 }
 
-TEST(FrequencyScan, TheOrdinaryScanLooksAtRunsOfOneFrameWithoutAVarianceTest) {
+TEST(FrequencyScan, TheOrdinaryScanExaminesRunsOfOneFrameWithoutAVarianceTest) {
     for (uint64_t seed = 1; seed <= 5; ++seed) {
         Input input = silence(500, 60, true);
         add_noise(input, seed);
@@ -231,7 +231,7 @@ TEST(FrequencyScan, TheOrdinaryScanLooksAtRunsOfOneFrameWithoutAVarianceTest) {
     }
 }
 
-TEST(FrequencyScan, TellsOnRequestWhatItLookedAt) {
+TEST(FrequencyScan, ReportsOnRequestWhatItExamined) {
     for (const bool is_complex : {false, true}) {
         Input input = silence(1000, 20, is_complex);
         add_noise(input, 3);
@@ -839,7 +839,7 @@ TEST(Keyed, TheStrongestComeFirst) {
     }
 }
 
-TEST(Keyed, ABeaconBesideTheBandIsNotReported) {
+TEST(Keyed, ABeaconOutsideTheBandIsNotReported) {
     // All in the scanned ±300 Hz.
     const std::vector<float> x = beacon_scene(30, {beacon(-1, 1500, 0), beacon(-1, 1640, 0, "BB2BB")}, 4000);
     const auto at = [&](double search) { return keyed(x, 4000, settings_at(1500, search), 25, 20); };
@@ -855,7 +855,7 @@ TEST(Keyed, ABeaconBesideTheBandIsNotReported) {
     EXPECT_FALSE(has_near(at(freq - 1505.001), freq, 0));
 }
 
-TEST(Keyed, NothingBelowAHundredHertzIsLookedAt) {
+TEST(Keyed, NothingBelowAHundredHertzIsExamined) {
     const std::vector<float> x = beacon_scene(30, {beacon(-1, 62.5, 10)}, 4000);
     const auto hits = keyed(x, 4000, settings_at(200, 200), 25, -1e9);
     EXPECT_FALSE(hits.empty());

@@ -319,7 +319,7 @@ TEST(ScoreMap, ASilentBlockHasTheFloorAsNoise) {
 }
 
 TEST(ScoreMap, SpreadSumsSlideInDoubleWithSinglePrecisionSteps) {
-    // A line far above everything else leaves its rounding behind in the columns that follow.
+    // A line far above everything else leaves its rounding error in the columns that follow.
     Samples samples = random_samples(512 + 32, 512, 5);
     for (Complex& x : samples.x) x *= 1e-3;
     add_tone(samples, 1e4, -150.3);
@@ -593,7 +593,7 @@ TEST(CandidateSearch, NoPlaceToSearchGivesNothingAndWritesNoStatistics) {
         EXPECT_EQ(result.median, -77);
         EXPECT_EQ(result.sigma, -77);
     }
-    // 150 rows hold 239 chips only when 89 hang over; a fifth at each end is enough, a tenth is not.
+    // 150 rows hold 239 chips only when 89 lie outside; a fifth at each end is enough, a tenth is not.
     HandMap part(150, 3, 1, 119, 0);
     part.randomise(13);
     Search search;
@@ -636,7 +636,7 @@ TEST(CandidateSearch, NanArgumentsAreHarmless) {
             EXPECT_FALSE(std::isnan(cand.score));
         }
         if (which == 2 || which == 4) {
-            EXPECT_EQ(result.count, 0) << "a limit that is no number admits nothing";
+            EXPECT_EQ(result.count, 0) << "a limit that is not a number admits nothing";
         }
     }
 }
@@ -1149,7 +1149,7 @@ TEST(Refine, WildArgumentsEndAndNeverGiveANumberThatIsNone) {
         if (std::isnan(wild)) continue;
         EXPECT_EQ(ov_refine(samples.view(), hand.map, cand, 0.05, wild, *hyp), wild > 0 ? 0 : -1) << wild;
     }
-    // An edge that is no number lets no chip lie outside.
+    // An edge that is not a number leaves no chip outside.
     auto hyp = empty_hyp();
     EXPECT_EQ(ov_refine(samples.view(), hand.map, cand, 0.05, NOT_A_NUMBER, *hyp), 0);
     EXPECT_EQ(hyp->n_in, 239);
@@ -1314,7 +1314,7 @@ TEST(Snr, InTheBasebandEqualsTheDefinition) {
 }
 
 TEST(Snr, NeedsTwoHundredNoiseBinsInTheBaseband) {
-    // 32 samples leave one bin beside the carrier in each window.
+    // 32 samples leave one bin next to the carrier in each window.
     Samples samples = random_samples(32 * 260, 250, 64);
     const ov_baseband bb = samples.view();
     for (const int32_t windows : {199, 200}) {

@@ -1,7 +1,7 @@
 // The two recording readers: every rule by hand-made files, every message to the character, recordings of three other
 // programs sample by sample, and damaged files against a plain model that works on the bytes in memory.
 //
-// The linker's --wrap lets single calls of the readers fail here (see Faults).
+// The linker's --wrap makes single calls of the readers fail here (see Faults).
 #include <gtest/gtest.h>
 #include <sndfile.h>
 #include <sys/stat.h>
@@ -31,9 +31,9 @@
 
 namespace {
 
-// --- Calls that fail when told to ------------------------------------------------------------------------------------
+// --- Calls that fail on demand ---------------------------------------------------------------------------------------
 
-// The n-th call from now on fails, counted from 1; 0 lets all succeed.
+// The n-th call from now on fails, counted from 1; with 0 all succeed.
 struct Countdown {
     int left = 0;
     bool strikes() { return left > 0 && --left == 0; }
@@ -90,7 +90,7 @@ Bytes join(const Parts&... parts) {
 
 constexpr uint32_t no_size = 0xFFFFFFFF;
 
-// A chunk whose header claims a size of its own; the body is padded to an even length.
+// A chunk whose header claims any size; the body is padded to an even length.
 Bytes chunk_claiming(std::string_view id, uint64_t size, const Bytes& body) {
     return join(text(id), little_endian(size, 4), body, Bytes(body.size() % 2));
 }
@@ -668,7 +668,7 @@ TEST(WavReader, SkipsDs64) {
               (Values{as_sample(7), as_sample(8)}));
 }
 
-TEST(WavReader, GoesOnBehindDataOfUnknownSizeAsBehindAnyOther) {
+TEST(WavReader, GoesOnAfterDataOfUnknownSizeAsAfterAnyOther) {
     EXPECT_EQ(refusal(wav, riff(chunk_claiming("data", no_size, frame(7)), stereo)),
               "wav_read: 'P' - missing fmt or data chunk\n");
 }
@@ -712,7 +712,7 @@ TEST(IqReader, ReadsDs64FromTheFileWhateverSizeItsChunkClaims) {
     const Bytes unsized = chunk_claiming("data", no_size, join(frame(7), frame(8)));
     EXPECT_EQ(quiet_samples(read_bytes(iq, rf64(chunk("ds64", join(body, Bytes(12))), stereo, unsized))),
               Values{as_sample(7)});
-    // The fields of an empty one are those bytes of the chunks behind it that lie in their place.
+    // The fields of an empty one are those bytes of the following chunks that lie in their place.
     const Bytes empty = chunk("ds64", {});
     const Bytes junk = chunk("junk", join(little_endian(4, 8), Bytes(12)));
     EXPECT_EQ(quiet_samples(read_bytes(iq, rf64(empty, junk, stereo, unsized))), Values{as_sample(7)});
@@ -740,7 +740,7 @@ TEST(IqReader, RefusesMorePairsThan31BitsCount) {
               "iq_read: '" + path.str() + "' is too long (2147483648 samples per channel, max 2147483647)\n");
 }
 
-// A file with chunks in front of and behind four gigabytes that are not written.
+// A file with chunks before and after four gigabytes that are not written.
 void write_around_hole(const TempPath& path, const Bytes& start, uint32_t hole, const Bytes& end) {
     path.write_sparse(start, static_cast<int64_t>(start.size()) + int64_t{hole});
     std::ofstream file(path.str(), std::ios::binary | std::ios::app);
@@ -834,7 +834,7 @@ TEST_F(FailingCalls, AllocationGivesTheMessageOfTheIqReader) {
     EXPECT_EQ(refused, 3);
 }
 
-// A file of fmt and data is positioned behind fmt, at the end, back, and at the data.
+// A file of fmt and data is positioned after fmt, at the end, back, and at the data.
 TEST_F(FailingCalls, PositioningGivesTheMessageOfItsStep) {
     for (const auto& [reader, name] : {std::pair<Reader, const char*>{wav, "wav_read"}, {iq, "iq_read"}}) {
         const std::string size = std::string(name) + ": cannot determine the size of 'P'\n";
@@ -978,7 +978,7 @@ TEST(OtherPrograms, FfmpegWritesRf64ThatIsRead) {
     EXPECT_EQ(wav(path.c_str()).messages, "wav_read: '" + path.str() + "' is not a valid RIFF/WAVE file\n");
 }
 
-// Into a pipe nobody can write the sizes afterwards.
+// The sizes cannot be written into a pipe afterwards.
 TEST(OtherPrograms, FfmpegWritesIntoAPipeWhatIsReadToItsEnd) {
     const auto signal = test_signal(10000, 16);
     const TempPath raw, path;
@@ -1046,7 +1046,7 @@ TEST(OtherPrograms, LibsndfileWritesFloatsThatAreRead) {
     expect_pairs(iq(path.c_str()), signal, 32, 22050);
 }
 
-// Extensible floats cannot be told from integers without the sub-format: their bits are taken as integers.
+// Extensible floats cannot be distinguished from integers without the sub-format: their bits are taken as integers.
 void expect_float_bits(const Outcome& outcome, const std::vector<int32_t>& signal) {
     ASSERT_EQ(outcome.result, 0);
     EXPECT_EQ(outcome.messages, "");
@@ -1074,7 +1074,7 @@ TEST(OtherPrograms, ExtensibleFloatsAreTakenAsIntegers) {
 
 // --- Damaged files against a plain model -----------------------------------------------------------------------------
 
-// A file is its bytes in memory, a read past the end is no bytes, and the steps follow one another as they are told.
+// A file is its bytes in memory, a read past the end is no bytes, and the steps follow one another as described.
 class Model {
   public:
     Model(const Bytes& bytes, std::string path, bool is_iq) : bytes_(bytes), path_(std::move(path)), is_iq_(is_iq) {}

@@ -81,7 +81,7 @@ TEST(Recordings, AreAllOfTheGeneratorsAndNoOthers) {
     EXPECT_EQ(shipped, expected);
 }
 
-TEST(Recordings, EqualWhatTheGeneratorMakesAnewSampleBySample) {
+TEST(Recordings, EqualWhatTheGeneratorMakesAgainSampleBySample) {
     for (const ShippedRecording& recording : shipped_recordings()) {
         SF_INFO info{};
         const std::unique_ptr<SNDFILE, int (*)(SNDFILE*)> file(sf_open(path_of(recording).c_str(), SFM_READ, &info),

@@ -1,5 +1,5 @@
 // What orvel decode and orvel scan make of recordings of every kind, as their user meets them: formats, channels,
-// sample rates, files that lie, long recordings in blocks, wide bands, and the line that tells how far they have come.
+// sample rates, files that lie, long recordings in blocks, wide bands, and the progress line.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sndfile.h>
@@ -206,7 +206,7 @@ Spots scanned(const Arguments& arguments) {
     return objects_of(result);
 }
 
-// orvel where 2 GB are all the memory: what asks for it without end must not take that of the machine.
+// orvel where 2 GB are all the memory: unbounded requests must not take that of the machine.
 ProcessResult orvel_within_memory(const Arguments& arguments) {
 #ifdef ORVEL_SANITIZED
     return orvel(arguments);  // sanitizers reserve more
@@ -498,7 +498,7 @@ TEST_F(RecordingsCommand, ATruncatedFlacOfManyBlocksIsNoFailureEither) {
     }
 }
 
-// What writes into a pipe cannot tell the length beforehand.
+// A program that writes into a pipe does not know the length in advance.
 TEST_F(RecordingsCommand, FlacOfUnknownLengthIsReadToItsEnd) {
     const std::string original = shipped("audio-crowded.wav");
     run("ffmpeg -v error -nostdin -i " + original + " -c:a flac -f flac pipe:1 | cat > " + path("stream.flac"));
@@ -535,7 +535,7 @@ TEST_F(RecordingsCommand, BrokenFilesOfOtherFormatsAreOneLine) {
     }
 }
 
-// The samples of a WAVE file on so many equal channels.
+// The samples of a WAVE file on several equal channels.
 std::string on_channels(const std::string& samples, std::size_t channels) {
     std::string bytes;
     bytes.reserve(samples.size() * channels);
@@ -841,7 +841,7 @@ TEST_F(RecordingsCommand, ScanListsTheStationsOfEveryShippedRecording) {
         const Spots hits = scanned(arguments);
         const auto truth = truth_of(name);
         for (const auto& sender : truth) EXPECT_TRUE(lists(hits, number(sender, "freq_hz"))) << name << sender;
-        // Weak shadows of the strongest may come behind them.
+        // Weak shadows of the strongest may follow them.
         EXPECT_LE(hits.size(), truth.size() + 3) << name;
         for (std::size_t k = 0; k < hits.size(); k++) {
             ASSERT_EQ(hits[k].size(), 4U) << hits[k];
@@ -907,7 +907,7 @@ TEST_F(RecordingsCommand, ScanKeepsToTheBandAndTheThreshold) {
     EXPECT_TRUE(lists(narrow, 1437.5));
 }
 
-TEST_F(RecordingsCommand, ScanTellsInWhichBlockSomethingIsKeyed) {
+TEST_F(RecordingsCommand, ScanReportsInWhichBlockSomethingIsKeyed) {
     const Scene two = scene(8000, 130, {opera("G4QZB", 5, 1200, -8), opera("K2QRX", 92, 2500, -8)});
     const std::string file = write_sound(path("two.wav"), FLOAT_WAV, mono(8000, render_real(two)));
     std::map<std::pair<double, double>, Spots> blocks;
@@ -1040,7 +1040,7 @@ std::vector<std::string> screen_of(const std::string& bytes) {
             line.resize(std::min(line.size(), column));
             at += 2;
         } else {
-            EXPECT_NE(bytes[at], '\033') << "a sequence that the test does not know";
+            EXPECT_NE(bytes[at], '\033') << "a sequence unknown to the test";
             if (line.size() <= column) line.resize(column + 1, ' ');
             line[column++] = bytes[at];
         }
@@ -1058,7 +1058,7 @@ class OnATerminal : public RecordingsCommand {
     }
 };
 
-TEST_F(OnATerminal, ALineTellsHowFarALongRecordingHasCome) {
+TEST_F(OnATerminal, ALineShowsTheProgressOfALongRecording) {
     const std::string file = long_recording();
     const Arguments arguments = {"decode", "--iq", OPERA, "--block", "60", file};
     const TerminalResult result = run_on_terminal(orvel_arguments(arguments), path("out"));

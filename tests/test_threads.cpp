@@ -29,7 +29,7 @@ std::vector<ovl_result> decode(const Block& block) {
     return results;
 }
 
-// In a process of its own, as ctest runs it, this is what loads the codes.
+// In a separate process, as ctest runs it, this is what loads the codes.
 TEST(Threads, FirstUseOfTheCodesMayBeInSeveralAtOnce) {
     std::vector<std::vector<uint8_t>> frames(8, std::vector<uint8_t>(321));
     std::vector<std::thread> threads;
@@ -40,8 +40,7 @@ TEST(Threads, FirstUseOfTheCodesMayBeInSeveralAtOnce) {
     for (const std::vector<uint8_t>& frame : frames) EXPECT_TRUE(frame == frames.front());
 }
 
-// Also in a process of its own: transforms are planned, codes loaded, notes written for the first time by eight at
-// once.
+// Also in a separate process: transforms are planned, codes loaded, notes written for the first time by eight at once.
 TEST(Threads, FirstUseOfEverythingMayBeInSeveralAtOnce) {
     struct Outcome {
         std::vector<ovl_result> results;

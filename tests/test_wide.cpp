@@ -347,7 +347,7 @@ std::vector<std::string> calls(const Outcome& result) {
     return names;
 }
 
-TEST(WideDecode, TheStrongestFrequenciesAreLookedAtFirst) {
+TEST(WideDecode, TheStrongestFrequenciesAreExaminedFirst) {
     const IqSamples iq = three_strengths();
     const ov_params params = opera_band(0, 900);
     using Calls = std::vector<std::string>;
@@ -387,7 +387,7 @@ TEST(WideDecode, WithTooLittleRoomATileGivesItsFirstSpots) {
     EXPECT_EQ(calls(cut), (std::vector<std::string>{"AA1AA"}));
 }
 
-TEST(WideDecode, TellsWhatTheScanFoundAndWhichTileItLooksAt) {
+TEST(WideDecode, ReportsWhatTheScanFoundAndWhichTileItExamines) {
     const IqSamples iq = three_strengths();
     ov_params params = opera_band(0, 900);
     params.verbose = 1;
@@ -464,7 +464,7 @@ TEST(WideDecode, AStationBetweenTwoTilesIsReportedOnceAsTheStrongerOne) {
     EXPECT_GT(merges.weaker_dropped, 0);
 }
 
-// One candidate is examined in each tile. In that of A this is A, and C beside it is left to the deep search; the
+// One candidate is examined in each tile. In that of A this is A, and C next to it is left to the deep search; the
 // second tile is that of C's other transmitter, which is weaker.
 TEST(WideDecode, AnOrdinaryDecodeReplacesADeepOne) {
     ovc_known known{};

@@ -41,7 +41,7 @@ void print_spot(bool json, const std::string& file, const ov_spot& found) {
     print(json ? spot_line(spot) : spot_row(format("%9s", cell(spot.start, 3).c_str()), spot));
 }
 
-// Decodes a file and prints its spots in order of time, behind a heading as soon as something could be decoded. Throws
+// Decodes a file and prints its spots in order of time, after a heading as soon as something could be decoded. Throws
 // IoError.
 void decode_file(const std::string& path, const Options& options, const DecodingOptions& decoding,
                  const std::function<void()>& heading) {
@@ -92,7 +92,7 @@ int decode(const Options& options) {
 void add_decode(CLI::App& app, int& status) {
     CLI::App* sub = app.add_subcommand("decode", "Decode the beacons in recordings");
     const auto options = std::make_shared<Options>();
-    sub->add_option("FILE", options->files, "Recordings: WAV, FLAC, Ogg, AIFF, W64 and what else libsndfile reads")
+    sub->add_option("FILE", options->files, "Recordings: WAV, FLAC, Ogg, AIFF, W64 and whatever else libsndfile reads")
         ->required();
     add_recording_options(*sub, options->recording);
     CLI::Option* wide =
@@ -101,20 +101,21 @@ void add_decode(CLI::App& app, int& status) {
                     "Band of a wide search, as -20000:20000 [all that the sample rate holds]")
         ->type_name("LO:HI")
         ->needs(wide);
-    sub->add_option("--min-z", options->search.scan_z, "Keyed carriers of a wide search stand out so many sigma [6]")
+    sub->add_option("--min-z", options->search.scan_z,
+                    "How far keyed carriers of a wide search stand out, in sigma [6]")
         ->type_name("SIGMA")
         ->check(finite_number())
         ->needs(wide);
     add_search_options(*sub, options->search, "1500; with --iq 0");
     sub->add_option("--block", options->block_s,
-                    "Work through longer recordings in overlapping blocks of so many seconds, 60 to 3600 [by rate]")
+                    "Length of the overlapping blocks in which longer recordings are decoded, 60 to 3600 [by rate]")
         ->type_name("SECONDS")
         ->check(finite_number())
         ->check(CLI::Range(60.0, 3600.0));
     sub->add_option("--jobs", options->jobs, "Blocks to decode at once [one for each core]")
         ->type_name("N")
         ->check(CLI::Range(1, 256));
-    sub->add_flag("--json", options->json, "Print one JSON object a line");
+    sub->add_flag("--json", options->json, "Print one JSON object per line");
     sub->add_flag("-v,--verbose", options->verbose, "Print what the decoder did to standard error");
     sub->footer("Times are seconds from the start of the file, SNRs refer to the mean power of the frame in 2500 Hz.");
     sub->callback([options, &status] { status = decode(*options); });

@@ -57,6 +57,6 @@ int devices(bool json) {
 void add_devices(CLI::App& app, int& status) {
     CLI::App* sub = app.add_subcommand("devices", "List the sound devices");
     const auto json = std::make_shared<bool>(false);
-    sub->add_flag("--json", *json, "Print one JSON object a line");
+    sub->add_flag("--json", *json, "Print one JSON object per line");
     sub->callback([json, &status] { status = devices(*json); });
 }

@@ -59,7 +59,7 @@ std::size_t head_of(std::string_view line) {
     return std::min(line.find_first_not_of(' ', gap), line.size());
 }
 
-// A text of several lines, of which those that are too wide go on below themselves.
+// A text of several lines, of which those that are too wide continue on the next line.
 std::string wrap_lines(const std::string& text, std::size_t width) {
     std::istringstream lines(text);
     std::string wrapped;
@@ -81,7 +81,7 @@ struct Value {
     std::string range;  // "1 to 1024", or "" for any
 };
 
-// CLI11 writes the checks of a value behind its name: "N:INT in [1 - 1024]".
+// CLI11 writes the checks of a value after its name: "N:INT in [1 - 1024]".
 Value value_of(const CLI::Option& option) {
     const std::string text = option.get_type_name();
     for (const std::string_view check : {":INT in [", ":UINT in [", ":FLOAT in ["}) {
@@ -114,7 +114,7 @@ std::string name_of_option(const CLI::Option& option) {
     return name + " " + value + (several ? "..." : "");
 }
 
-// "--draw, --json", in an order that does not depend on where they lie in memory
+// "--draw, --json", in an order that does not depend on their addresses
 std::string names_of(const std::set<CLI::Option*>& options) {
     std::vector<std::string> names(options.size());
     std::transform(options.begin(), options.end(), names.begin(), [](const CLI::Option* o) { return o->get_name(); });
@@ -122,7 +122,7 @@ std::string names_of(const std::set<CLI::Option*>& options) {
     return CLI::detail::join(names, ", ");
 }
 
-// Whether a phrase is in a text and no part of longer words or numbers.
+// Whether a phrase is in a text and not a part of longer words or numbers.
 bool says(std::string_view text, std::string_view phrase) {
     const auto joins = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '.' || c == '-'; };
     for (std::size_t at = text.find(phrase); at != std::string_view::npos; at = text.find(phrase, at + 1)) {
@@ -141,7 +141,7 @@ std::string describe(const CLI::Option& option, bool is_positional) {
     };
     const std::string range = value_of(option).range;
     if (!range.empty()) note(range);
-    if (option.get_required() && !is_positional) note("required");  // of others, the usage line tells
+    if (option.get_required() && !is_positional) note("required");  // for others, the usage line says so
     if (!option.get_needs().empty()) note("needs " + names_of(option.get_needs()));
     if (!option.get_excludes().empty()) note("not with " + names_of(option.get_excludes()));
     if (notes.empty()) return description;

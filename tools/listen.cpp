@@ -43,7 +43,7 @@ struct Options {
     bool json = false;
 };
 
-// What listening prints: spots on standard output, and how it goes on the status line.
+// What listening prints: spots on standard output, and the level on the status line.
 class Output {
   public:
     explicit Output(bool json) : json_(json) {
@@ -116,8 +116,8 @@ int listen_to_device(const Options& options, const Search& search, ovl_audio* au
 
 std::optional<double> start_of(const Options& options) {
     if (options.start.empty()) return std::nullopt;
-    const auto start = parse_utc(options.start, utc_now() - DAY_S);  // a time of day is the last such one
-    if (!start) throw UsageError("--start: '" + options.start + "' is no UTC time");
+    const auto start = parse_utc(options.start, utc_now() - DAY_S);  // a time of day is the latest such one
+    if (!start) throw UsageError("--start: '" + options.start + "' is not a UTC time");
     return start;
 }
 
@@ -181,24 +181,24 @@ void add_listen(CLI::App& app, int& status) {
         ->check(CLI::Range(1, MAX_CHANNELS))
         ->needs(raw);
     sub->add_option("--start", options->start,
-                    "UTC time of the first sample of standard input: 12:00[:00] (the last such) or "
-                    "2026-03-01T12:00[:00]Z [as it comes]")
+                    "UTC time of the first sample of standard input: 12:00[:00] (the latest such) or "
+                    "2026-03-01T12:00[:00]Z [as samples arrive]")
         ->type_name("TIME")
         ->needs(raw);
     sub->add_option("--every", options->listener.every_s,
-                    "Decode so often; a spot comes one to two such lengths behind its hold-off [4]")
+                    "Interval between decodes; a spot comes one to two intervals after its hold-off [4]")
         ->type_name("SECONDS")
         ->check(finite_number())
         ->check(CLI::Range(1.0, 15.0));
     sub->add_option(
            "--hold-off,--settle", options->listener.hold_off_s,
-           "Hold a frame back so long after its end, as another that has begun may hide it, or be taken for one "
-           "while it is not whole [48]; 0 prints spots sooner")
+           "How long a frame is held back after its end, as a later one may hide it, or pass for another while it is "
+           "incomplete [48]; 0 prints spots sooner")
         ->type_name("SECONDS")
         ->check(finite_number())
         ->check(CLI::Range(0.0, 60.0));
     add_search_options(*sub, options->search, "1500");
-    sub->add_flag("--json", options->json, "Print one JSON object a line");
+    sub->add_flag("--json", options->json, "Print one JSON object per line");
     sub->footer("Runs until Ctrl-C or the end of standard input. Times are UTC.");
     sub->callback([options, &status] { status = listen(*options); });
 }

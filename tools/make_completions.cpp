@@ -1,5 +1,5 @@
-// Writes completion files for bash, zsh and fish. They come of the options that the command itself has, so that nothing
-// is forgotten; only what the values of an option may be is told here.
+// Writes completion files for bash, zsh and fish. They are generated from the command's own options, so that nothing is
+// forgotten; only the possible values of an option are listed here.
 //
 //     make_completions DIRECTORY      writes orvel (bash), _orvel (zsh) and orvel.fish there
 #include <CLI/CLI.hpp>
@@ -20,11 +20,11 @@ namespace {
 
 enum class Values {
     NONE,   // a flag
-    OTHER,  // nothing that could be offered
+    OTHER,  // no values to offer
     FILES,
     WORDS,  // one of some words
     LIST,   // some of them, comma-separated
-    STEMS   // a word and what the user puts behind it
+    STEMS   // a word and what the user adds to it
 };
 
 struct Offer {

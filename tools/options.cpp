@@ -33,7 +33,7 @@ bool is_s16(const std::string& text) {
 void add_recording_options(CLI::App& sub, RecordingOptions& options) {
     sub.add_flag("--iq", options.iq, "The recordings are I/Q: two channels, I and Q");
     sub.add_option("--channel", options.channel,
-                   "Channel to take, counted from 1; with --iq that of I, Q behind it [mean]")
+                   "Channel to take, counted from 1; with --iq that of I, followed by Q [mean]")
         ->type_name("N")
         ->check(CLI::Range(1, 1024));
 }

@@ -13,10 +13,10 @@
 CLI::Validator finite_number();
 CLI::Validator width();
 
-// "LO:HI" behind an option. Throws UsageError.
+// "LO:HI" after an option. Throws UsageError.
 Range range_of(const std::string& option, const std::string& text);
 
-// "s16" or "float" behind --format; true for s16. Throws UsageError.
+// "s16" or "float" after --format; true for s16. Throws UsageError.
 bool is_s16(const std::string& text);
 
 void add_recording_options(CLI::App& sub, RecordingOptions& options);
@@ -36,12 +36,12 @@ struct SearchOptions {
     double scan_z = DEFAULT_SCAN_Z;
 };
 
-// `center` tells the help which centre is searched around by default.
+// `center` is the default centre of the search, for the help.
 void add_search_options(CLI::App& sub, SearchOptions& options, const std::string& center);
 
-// What they stand for. Throws UsageError.
+// The search that they describe. Throws UsageError.
 Search search_of(const SearchOptions& options, bool iq);
 
-// The steps of a transmission and how they sound, and what the steps are: help for a subcommand's end.
+// The steps of a transmission and how they sound; and the steps explained, for the end of a subcommand's help.
 void add_transmission_options(CLI::App& sub, Transmission& transmission);
 std::string step_help();

@@ -1,4 +1,4 @@
-// orvel: the library at the command line. Each subcommand has a file of its own.
+// orvel: the library at the command line. Each subcommand has its own file.
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <exception>
@@ -47,8 +47,8 @@ int run_command(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Writing into a pipe that nobody reads, or more than a file may hold, is then an error like any other, not the end
-    // of the process.
+    // Writing into a pipe that nobody reads, or beyond the limit of a file's size, is then an error like any other, not
+    // the end of the process.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
     try {

@@ -29,7 +29,7 @@
 namespace {
 
 constexpr double LONGEST_FRAME_S = 42;  // and a little more
-constexpr double AROUND = 1.1;          // the search is shown with a little around it
+constexpr double AROUND = 1.1;          // the search is shown with a margin
 constexpr double DAY_S = 86400;
 constexpr double MOST_DB = 300;  // that levels can be apart
 
@@ -71,7 +71,7 @@ PictureLayout layout_of(const Options& options) {
 std::optional<double> start_of(const Options& options) {
     if (options.start.empty()) return std::nullopt;
     const auto start = parse_utc(options.start, utc_now() - DAY_S);
-    if (!start) throw UsageError("--start: '" + options.start + "' is no UTC time");
+    if (!start) throw UsageError("--start: '" + options.start + "' is not a UTC time");
     return start;
 }
 
@@ -79,7 +79,7 @@ std::optional<Range> levels_of(const Options& options) {
     if (options.range.empty()) return std::nullopt;
     const Range levels = range_of("--range", options.range);
     if (std::max(std::abs(levels.low), std::abs(levels.high)) > MOST_DB) {
-        throw UsageError("--range: LO and HI lie between -300 and 300");
+        throw UsageError("--range: LO and HI must be between -300 and 300");
     }
     return levels;
 }
@@ -90,7 +90,7 @@ Plan make_plan(const Options& options) {
     plan.start_utc = start_of(options);
     plan.range_db = levels_of(options);
     if (options.from_s && options.to_s && !(*options.from_s < *options.to_s)) {
-        throw UsageError("--to: it is not behind --from");
+        throw UsageError("--to: it must be after --from");
     }
     if (options.no_decode && !options.chips.empty()) throw UsageError("--chips needs a decoded frame");
     plan.decoding.search = search_of(options.search, options.recording.iq);
@@ -108,7 +108,7 @@ void write_file(const std::string& path, const std::string& bytes) {
     if (!written) throw IoError("cannot write '" + path + "': " + std::strerror(errno));
 }
 
-// The band that is shown: the one asked for, or the search and a little around it.
+// The band that is shown: the one asked for, or the search with a margin.
 Range shown_band(const Search& search, int32_t rate) {
     if (search.band) return *search.band;
     if (search.wide) return whole_band(search.iq, rate);
@@ -213,7 +213,7 @@ int plot(const Options& options) {
 void add_plot(CLI::App& app, int& status) {
     CLI::App* sub = app.add_subcommand("plot", "Draw a recording and the frames in it");
     const auto options = std::make_shared<Options>();
-    sub->add_option("FILE", options->file, "Recording, as of decode")->required();
+    sub->add_option("FILE", options->file, "Recording, as for decode")->required();
     sub->add_option("-o,--output", options->output, "Picture to write: .png, .svg or .pdf")
         ->required()
         ->type_name("FILE");
@@ -235,7 +235,8 @@ void add_plot(CLI::App& app, int& status) {
     sub->add_option("--band", options->search.band,
                     "Band to show, with --wide also to search [the search; with --wide all that the rate holds]")
         ->type_name("LO:HI");
-    sub->add_option("--min-z", options->search.scan_z, "Keyed carriers of a wide search stand out so many sigma [6]")
+    sub->add_option("--min-z", options->search.scan_z,
+                    "How far keyed carriers of a wide search stand out, in sigma [6]")
         ->type_name("SIGMA")
         ->check(finite_number())
         ->needs(wide);
@@ -247,17 +248,17 @@ void add_plot(CLI::App& app, int& status) {
         ->check(CLI::Range(0.01, 10.0));
     sub->add_option("--range", options->range, "Levels of the darkest and the brightest colour [by content]")
         ->type_name("LO:HI");
-    sub->add_option("--width", options->width, "Of the picture, 300 to 4000 [1200]")
+    sub->add_option("--width", options->width, "Width of the picture, 300 to 4000 [1200]")
         ->type_name("PIXELS")
         ->check(CLI::Range(300, 4000));
-    sub->add_option("--height", options->height, "Of the picture, 200 to 4000 [700]")
+    sub->add_option("--height", options->height, "Height of the picture, 200 to 4000 [700]")
         ->type_name("PIXELS")
         ->check(CLI::Range(200, 4000));
     sub->add_option("--text", options->text_size, "Size of the texts, 6 to 60 [13]")
         ->type_name("PIXELS")
         ->check(finite_number())
         ->check(CLI::Range(6.0, 60.0));
-    sub->add_option("--title", options->title, "Above the picture [the name of the file]")->type_name("TEXT");
+    sub->add_option("--title", options->title, "Text above the picture [the name of the file]")->type_name("TEXT");
     sub->footer("Times are seconds from the start of the file; levels are dB over the median of the picture.");
     sub->callback([options, &status] { status = plot(*options); });
 }

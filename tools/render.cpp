@@ -21,7 +21,7 @@ struct Options {
     std::string sample_format = "s16";
 };
 
-// Writes all that the transmitter has to say, or what the file takes.
+// Writes the whole transmission, or as much of it as the file takes.
 void write_all(SoundWriter& file, ovl_transmitter* tx) {
     std::array<float, BLOCK> block;
     for (;;) {

@@ -108,17 +108,17 @@ int scan(const Options& options) {
 void add_scan(CLI::App& app, int& status) {
     CLI::App* sub = app.add_subcommand("scan", "List the frequencies at which recordings hold something keyed");
     const auto options = std::make_shared<Options>();
-    sub->add_option("FILE", options->files, "Recordings, as of decode")->required();
+    sub->add_option("FILE", options->files, "Recordings, as for decode")->required();
     add_recording_options(*sub, options->recording);
     sub->add_option("--band", options->band, "Band, as -20000:20000 [all that the sample rate holds]")
         ->type_name("LO:HI");
     sub->add_option("--min-z", options->min_z, "Least distance from the median of all frequencies [6]")
         ->type_name("SIGMA")
         ->check(finite_number());
-    sub->add_option("--block", options->block_s, "Seconds looked at together, 10 to 3600 [60]")
+    sub->add_option("--block", options->block_s, "Length of the blocks, 10 to 3600 [60]")
         ->type_name("SECONDS")
         ->check(finite_number())
         ->check(CLI::Range(10.0, 3600.0));
-    sub->add_flag("--json", options->json, "Print one JSON object a line");
+    sub->add_flag("--json", options->json, "Print one JSON object per line");
     sub->callback([options, &status] { status = scan(*options); });
 }

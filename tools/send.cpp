@@ -21,9 +21,9 @@
 namespace {
 
 constexpr double OPEN_AHEAD_S = 3;  // the device is opened this long before the start: on a busy machine it takes long
-constexpr double LATE_S = 0.05;     // a transmission later than this is told of
+constexpr double LATE_S = 0.05;     // a transmission later than this is reported
 constexpr double POLL_S = 0.1;
-constexpr double STALL_S = 5;  // without a sample rendered: the device stands still
+constexpr double STALL_S = 5;  // without a sample rendered: the device has stalled
 constexpr double CLOSE_S = 3;  // time that a device gets to close
 
 // The command line, as typed.
@@ -41,35 +41,36 @@ struct Schedule {
     double start = 0;                // of the first transmission, UTC; 0 = at once
     std::optional<double> period_s;  // between slots
     double offset_s = 0;
-    int32_t times = 1;  // 0 = without end
+    int32_t times = 1;  // 0 = no limit
 };
 
 Schedule make_schedule(const Options& options, double total_s) {
     Schedule schedule;
     if (!options.at.empty()) {
         const auto start = parse_utc(options.at, utc_now());
-        if (!start) throw UsageError("--at: '" + options.at + "' is no UTC time like 12:00:00 or 2026-03-01T12:00:00Z");
+        if (!start)
+            throw UsageError("--at: '" + options.at + "' is not a UTC time like 12:00:00 or 2026-03-01T12:00:00Z");
         if (*start < utc_now()) throw UsageError("--at: " + utc_text(*start, 0) + " has passed");
         schedule.start = *start;
     }
     if (options.every.empty()) return schedule;
 
     schedule.period_s = parse_duration(options.every);
-    if (!schedule.period_s) throw UsageError("--every: '" + options.every + "' is no length like 600, 10m or 1h");
+    if (!schedule.period_s) throw UsageError("--every: '" + options.every + "' is not a length like 600, 10m or 1h");
     if (*schedule.period_s < total_s + OPEN_AHEAD_S) {
-        throw UsageError(format("--every: the transmission takes %.1f s, and %.0f s must lie between two of them",
+        throw UsageError(format("--every: the transmission takes %.1f s, and there must be %.0f s between two of them",
                                 total_s, OPEN_AHEAD_S));
     }
     if (!options.offset.empty()) {
         const auto offset = parse_duration(options.offset, true);
-        if (!offset) throw UsageError("--offset: '" + options.offset + "' is no length like 30 or 1m");
+        if (!offset) throw UsageError("--offset: '" + options.offset + "' is not a length like 30 or 1m");
         schedule.offset_s = *offset;
     }
     schedule.times = options.times;
     return schedule;
 }
 
-// ---- The line that tells how it goes --------------------------------------------------------------------------------
+// ---- The status line ------------------------------------------------------------------------------------------------
 
 std::string step_text(const Transmission& transmission, const ovl_tx_progress& progress) {
     if (progress.step < 0) return "";
@@ -82,7 +83,7 @@ std::string step_text(const Transmission& transmission, const ovl_tx_progress& p
 
 enum class Outcome { SENT, STOPPED, FAILED };
 
-// Follows a transmission to its end, which Ctrl-C brings about with a soft ramp.
+// Follows a transmission to its end; Ctrl-C ends it with a soft ramp.
 Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const Transmission& transmission, double start) {
     StatusLine line;
     ovl_tx_progress progress{};
@@ -103,7 +104,7 @@ Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const Transmission& transm
         if (waiting || ended || progress.elapsed_s != elapsed_s) moved_at = now;
         elapsed_s = progress.elapsed_s;
         if (now - moved_at > STALL_S) {
-            print_error("the output device stands still");
+            print_error("the output device has stalled");
             return Outcome::FAILED;
         }
         if (ovl_audio_output_started(audio) == 0) {
@@ -120,7 +121,7 @@ Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const Transmission& transm
     }
     ovl_tx_status(tx, &progress);
     if (progress.done == 0) {
-        print_error("the output device has gone");
+        print_error("the output device is gone");
         return Outcome::FAILED;
     }
     return stopping ? Outcome::STOPPED : Outcome::SENT;
@@ -133,7 +134,7 @@ Outcome send_once(ovl_audio* audio, ovl_transmitter* tx, int32_t device, const T
         StatusLine line;
         line.show(format("waiting for %s", utc_text(start, 0).c_str()));
         while (!interrupted() && utc_now() < start - OPEN_AHEAD_S) {
-            nap(std::min(start - OPEN_AHEAD_S - utc_now(), 1.0));  // in small steps: the wall clock may be set
+            nap(std::min(start - OPEN_AHEAD_S - utc_now(), 1.0));  // in small steps: the wall clock may be stepped
         }
         if (interrupted()) return Outcome::STOPPED;
     }
@@ -199,14 +200,14 @@ void add_send(CLI::App& app, int& status) {
                                          "00:10, …)")
                              ->type_name("PERIOD")
                              ->excludes(at);
-    sub->add_option("--offset", options->offset, "Start so much later in each period [0]")
+    sub->add_option("--offset", options->offset, "Start this much later in each period [0]")
         ->type_name("LENGTH")
         ->needs(every);
-    sub->add_option("--times", options->times, "Number of transmissions [without end]")
+    sub->add_option("--times", options->times, "Number of transmissions [no limit]")
         ->type_name("N")
         ->check(CLI::PositiveNumber)
         ->needs(every);
     sub->footer(step_help() +
-                "\n\nCtrl-C ends a transmission with a soft ramp. Lengths are seconds, or have s, m or h behind them.");
+                "\n\nCtrl-C ends a transmission with a soft ramp. Lengths are in seconds, or end in s, m or h.");
     sub->callback([options, &status] { status = send(*options); });
 }

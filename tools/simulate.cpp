@@ -24,7 +24,7 @@
 
 namespace {
 
-constexpr double TAIL_S = 2;  // behind the last frame
+constexpr double TAIL_S = 2;  // after the last frame
 constexpr double MOST_SECONDS = 7 * 86400;
 constexpr std::size_t MOST_STATIONS = 1000;
 
@@ -46,13 +46,13 @@ struct Options {
 };
 
 std::string station_help() {
-    return "A station is a frame, and behind it what differs:\n"
+    return "A station is a frame, followed by what differs from the defaults:\n"
            "  opera=CALL            an OPERA frame\n"
            "  orvel-s=CALL          an ORVEL S frame\n"
            "  orvel-l=CALL,LOCATOR  an ORVEL L frame\n"
            "  ,freq=HZ              in the middle of the frame [1500; with --iq 0]\n"
            "  ,snr=DB               mean power of the frame in 2500 Hz, before fading [0]\n"
-           "  ,start=SECONDS        of the frame; it may hang over either end [0]\n"
+           "  ,start=SECONDS        of the frame; it may extend past either end [0]\n"
            "  ,drift=HZ/S           linear [0]\n"
            "  ,fading=NAME          Watterson channel: good (spread 0.1 Hz, delay 0.5 ms), moderate (0.5, 1), "
            "poor (1, 2)\n"
@@ -131,7 +131,7 @@ SimScene scene_of(const Options& options) {
 
     double end_s = 0;
     for (const SimStation& station : scene.stations) end_s = std::max(end_s, station.t_start + station.length_s());
-    if (!options.seconds && end_s <= 0) throw UsageError("no station to end with: --seconds is needed");
+    if (!options.seconds && end_s <= 0) throw UsageError("no station gives the length: --seconds is needed");
     scene.seconds = options.seconds.value_or(end_s + TAIL_S);
     if (scene.seconds > MOST_SECONDS || scene.frames() < 1) {
         throw UsageError("--seconds: the recording is empty or longer than a week");
@@ -177,10 +177,10 @@ void add_simulate(CLI::App& app, int& status) {
     const auto options = std::make_shared<Options>();
     sub->add_option("STATION", options->stations, "Stations, as opera=K2QRX,freq=1450,snr=-18,start=3.5");
     sub->add_option("--stations", options->stations_file,
-                    "File of stations: one JSON object a line, or an array, with the fields of a truth file")
+                    "File of stations: one JSON object per line, or an array, with the fields of a truth file")
         ->type_name("FILE");
     sub->add_option("-o,--output", options->output, "Recording to write: .wav or .flac")->required()->type_name("FILE");
-    sub->add_option("--truth", options->truth, "Truth to write: one JSON object a station [FILE with .jsonl]")
+    sub->add_option("--truth", options->truth, "Truth to write: one JSON object per station [FILE with .jsonl]")
         ->type_name("FILE");
     sub->add_option("--seconds", options->seconds, "Length of the recording [2 s more than the last frame]")
         ->type_name("SECONDS")
@@ -191,19 +191,20 @@ void add_simulate(CLI::App& app, int& status) {
     sub->add_flag("--iq", options->iq, "Write I/Q: two channels; frequencies count from the centre of the band");
     sub->add_option("--format", options->sample_format, "Samples of the file: s16 (16-bit) or float [s16]")
         ->type_name("FORMAT");
-    sub->add_option("--seed", options->seed, "Of the random numbers: equal seeds give equal files [1]")->type_name("N");
+    sub->add_option("--seed", options->seed, "Seed of the random numbers: equal seeds give equal files [1]")
+        ->type_name("N");
     sub->add_option("--noise", options->noise_db, "Rms of the noise in dB of full scale, -120 to 0 [-26]")
         ->type_name("DB")
         ->check(finite_number())
         ->check(CLI::Range(-120.0, 0.0));
-    sub->add_flag("--no-noise", options->no_noise, "Leave the noise out; all the rest stays as strong as it is");
+    sub->add_flag("--no-noise", options->no_noise, "Leave the noise out; everything else stays as strong as it is");
     sub->add_option("--carrier", options->carriers,
-                    "Steady carrier at HZ, DB over the noise in 2500 Hz; may be given again")
+                    "Steady carrier at HZ, DB over the noise in 2500 Hz; may be repeated")
         ->type_name("HZ,DB")
         ->expected(1)
         ->take_all();
     sub->add_option("--impulses", options->impulses,
-                    "So many clicks a second in the mean, which begin DB over the rms of the noise")
+                    "RATE clicks per second on average, which begin DB over the rms of the noise")
         ->type_name("RATE,DB");
     sub->footer(station_help());
     sub->callback([options, &status] { status = simulate(*options); });

@@ -1,4 +1,4 @@
-// The subcommands of orvel, a file each: for the command itself, and for what is generated from its options.
+// The subcommands of orvel, one file each: for the command itself, and for what is generated from its options.
 #pragma once
 
 #include <CLI/CLI.hpp>

@@ -5,7 +5,7 @@
 #include <functional>
 #include <memory>
 
-// A call into the sound system on a thread of its own: one that never returns holds up nobody.
+// A call into the sound system on its own thread: one that never returns blocks nothing else.
 class Background {
   public:
     Background() = default;

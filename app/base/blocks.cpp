@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr double STRETCH = 1.25;  // a recording up to so many blocks long is one
+constexpr double STRETCH = 1.25;  // a recording up to this many blocks long is one
 
 // Ends and joins its threads, whatever happens.
 class Crew {

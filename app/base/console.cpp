@@ -22,8 +22,8 @@ void clear_status() {
     if (std::exchange(status_shown, false)) std::fputs("\r\033[K", stderr);
 }
 
-// How many bytes at the beginning of a text are a character of UTF-8 that prints something: 0 when they are a control
-// character, of which U+0080 to U+009F are as good as those of ASCII to a terminal, or no UTF-8.
+// How many bytes at the beginning of a text are a printable UTF-8 character: 0 when they are a control character (to a
+// terminal U+0080 to U+009F are the same as those of ASCII), or not UTF-8.
 std::size_t printable_bytes(std::string_view text) {
     const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
     const uint32_t first = byte(0);

@@ -3,7 +3,7 @@
 
 #include <stdexcept>
 
-// Something that was asked for makes no sense: a value that is none, a combination that cannot be.
+// A request that makes no sense: a malformed value, an impossible combination.
 class UsageError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;

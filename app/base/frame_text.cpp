@@ -17,11 +17,11 @@ FrameText parse_frame(const std::string& text, const ov_protocol& protocol, std:
     const auto refuse = [&](const std::string& reason) { throw UsageError("'" + text + "': " + reason); };
     const std::size_t comma = value.find(',');
     FrameText frame{&protocol, std::string(value.substr(0, comma)), ""};
-    if (!fits(frame.call, MOST_OF_CALL)) refuse("a callsign of 1 to 15 characters expected");
+    if (!fits(frame.call, MOST_OF_CALL)) refuse("expected a callsign of 1 to 15 characters");
     if (protocol.id == OVL_ORVEL_L) {
         if (comma == std::string_view::npos) refuse("an ORVEL L frame needs a locator: orvel-l=CALL,LOCATOR");
         frame.locator = value.substr(comma + 1);
-        if (!fits(frame.locator, MOST_OF_LOCATOR)) refuse("a locator of 4 or 6 characters expected");
+        if (!fits(frame.locator, MOST_OF_LOCATOR)) refuse("expected a locator of 4 or 6 characters");
     } else if (comma != std::string_view::npos) {
         refuse(std::string(protocol.name) + " frames carry no locator");
     }

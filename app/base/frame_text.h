@@ -12,9 +12,9 @@ struct FrameText {
     std::string locator;  // "" where the protocol has none
 };
 
-// Takes CALL or CALL,LOCATOR apart. Only the lengths are checked: whether a frame can carry them is the coder's to say.
-// Throws UsageError.
+// Splits CALL or CALL,LOCATOR. Only the lengths are checked: the coder decides whether a frame can carry them. Throws
+// UsageError.
 //
 //   text       all that the user typed, for the error
-//   protocol   the one that `value` stood behind
+//   protocol   the one named before `value`
 FrameText parse_frame(const std::string& text, const ov_protocol& protocol, std::string_view value);

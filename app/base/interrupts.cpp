@@ -18,7 +18,7 @@ extern "C" void note_interrupt(int signal) {
 
 }  // namespace
 
-// A call that waits ends with the signal: output whose reader does not read would hold up the end for good.
+// A signal ends a call that waits: output that nobody reads would otherwise block the end for good.
 void watch_interrupts() {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         struct sigaction action {};

@@ -7,7 +7,7 @@
 
 class Progress {
   public:
-    // Of a job of so many seconds of recording; short ones are not worth a bar.
+    // Of a job of this many seconds of recording; short ones are not worth a bar.
     Progress(std::string name, double seconds);
 
     void show(double done_s, std::size_t spots);

@@ -71,7 +71,7 @@ double utc_now() {
 
 std::string utc_text(double utc, int decimals) {
     const double unit = std::pow(10.0, decimals);
-    const auto ticks = static_cast<int64_t>(std::llround(utc * unit));  // rounded once, so that 59.96 gives no 60.0
+    const auto ticks = static_cast<int64_t>(std::llround(utc * unit));  // rounded once: 59.96 never becomes 60.0
     const auto a_second = static_cast<int64_t>(unit);
     const std::chrono::sys_seconds whole{std::chrono::seconds(ticks >= 0 ? ticks / a_second : 0)};
     const auto day = std::chrono::floor<std::chrono::days>(whole);

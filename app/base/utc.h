@@ -7,15 +7,15 @@
 // The wall clock.
 double utc_now();
 
-// "2026-03-01T12:00:02.5Z", with so many decimals (at most 6).
+// "2026-03-01T12:00:02.5Z", with `decimals` decimals (at most 6).
 std::string utc_text(double utc, int decimals);
 
-// What a text stands for: "2026-03-01T12:00[:02[.5]][Z]", or "12:00[:02[.5]][Z]" for the next such time of day after
-// now. Nothing when it is neither.
+// The time that a text gives: "2026-03-01T12:00[:02[.5]][Z]", or "12:00[:02[.5]][Z]" for the next such time of day
+// after now. Nothing when it is neither.
 std::optional<double> parse_utc(const std::string& text, double now);
 
-// Seconds of a length like "90", "90s", "10m" or "1.5h". Nothing when it is none, is negative, or is 0 where that is
-// not allowed.
+// Seconds of a length like "90", "90s", "10m" or "1.5h". Nothing when it is not a length, is negative, or is 0 where
+// that is not allowed.
 std::optional<double> parse_duration(const std::string& text, bool zero_allowed = false);
 
 // First of the times offset + k · period since midnight 1970-01-01 that is at `earliest` or later.

@@ -10,7 +10,7 @@ constexpr double SPOTS_PER_MINUTE = 64;  // as the library reports from a block
 constexpr double MOST = 1e6;             // of either
 constexpr int32_t MAX_TILES = 1000;      // in a block
 
-// Minutes that have begun.
+// Minutes, rounded up.
 double minutes(double seconds) {
     return std::max(1.0, std::ceil(seconds / 60));
 }

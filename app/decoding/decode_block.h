@@ -17,9 +17,9 @@ struct Block {
 };
 
 // Finds the frames in a block, in order of time; times are seconds from its first sample. More candidates are examined
-// than the library's own entry does: a strong frame comes with a dozen others at its sides, and 30 a minute are used up
-// by three such frames. Nothing when the decoder refuses the block: it is too short, the search band does not fit it,
-// or memory is short. Throws std::bad_alloc. Any thread.
+// than the library's own entry does: a strong frame brings a dozen more to its sides, and three such frames use up 30
+// per minute. Nothing when the decoder refuses the block: it is too short, the search band does not fit it, or memory
+// is short. Throws std::bad_alloc. Any thread.
 //
 //   end_max   latest end of a frame, s; negative = no limit
 std::optional<std::vector<ov_spot>> decode_block(const Block& block, const Search& search, double end_max = -1);

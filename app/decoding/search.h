@@ -1,4 +1,4 @@
-// What our programs look for, and how the decoder is told.
+// What our programs look for, as the decoder takes it.
 #pragma once
 
 #include <cstdint>

@@ -9,8 +9,8 @@
 
 namespace {
 
-constexpr double STALL_S = 5;      // without a captured sample: the device stands still
-constexpr double RETRY_S = 5;      // between attempts to open it again
+constexpr double STALL_S = 5;      // without a captured sample: the device has stalled
+constexpr double RETRY_S = 5;      // between attempts to reopen it
 constexpr double STUCK_S = 60;     // a device that takes longer to open never will
 constexpr double CLOSE_S = 3;      // time that a device gets to close
 constexpr double COMPLAIN_S = 60;  // between reports of lost input
@@ -54,11 +54,11 @@ Capture::State Capture::watch(ovl_audio_stats& stats) {
     if (stats.captured_s != seen_s_) {
         seen_s_ = stats.captured_s;
         progress_at_ = now;
-        if (std::exchange(stalled_, false)) print_error("audio again");
+        if (std::exchange(stalled_, false)) print_error("audio is back");
     }
     if (now - progress_at_ > STALL_S) {
         if (!std::exchange(stalled_, true)) {
-            print_error(format("no audio for %.0f s, opening the device again", STALL_S));
+            print_error(format("no audio for %.0f s, reopening the device", STALL_S));
         }
         return State::STALLED;
     }
@@ -80,9 +80,9 @@ void Capture::close() {
 }
 
 void OverflowReport::see(const ovl_audio_stats& stats, double now) {
-    if (stats.overflows < reported_) reported_ = 0;  // capture has begun anew
+    if (stats.overflows < reported_) reported_ = 0;  // capture has restarted
     if (stats.overflows == reported_ || now - reported_at_ < COMPLAIN_S) return;
-    print_error(format("input was lost (%d times more)", stats.overflows - reported_));
+    print_error(format("input was lost (%d more times)", stats.overflows - reported_));
     reported_ = stats.overflows;
     reported_at_ = now;
 }

@@ -1,4 +1,4 @@
-// Capture from a sound device that may stand still, vanish, and hang.
+// Capture from a sound device that may stall, disappear, or hang.
 #pragma once
 
 #include <atomic>
@@ -11,14 +11,14 @@
 #include "base/interrupts.h"
 #include "liborvel.h"
 
-// A device that stands still, as some do for good while they call themselves active, is closed and opened again, by a
-// thread of its own: either call may hang. The audio object must outlive the capture.
+// A device that stalls, as some do for good while they claim to be active, is closed and reopened on a separate thread:
+// either call may hang. The audio object must outlive the capture.
 class Capture {
   public:
     enum class State {
         RUNNING,
         RESTARTED,  // since the last call
-        STALLED,    // to be opened again; the ring still holds what was captured
+        STALLED,    // to be reopened; the ring still holds what was captured
         OPENING
     };
 
@@ -28,10 +28,11 @@ class Capture {
     // Throws IoError.
     void open();
 
-    // How capture is doing; what goes wrong comes as a line on standard error. `stats` are filled in while it runs.
+    // How capture is doing; what goes wrong is reported as a line on standard error. `stats` are filled in while it
+    // runs.
     State watch(ovl_audio_stats& stats);
 
-    // Begins to open the device again.
+    // Begins to reopen the device.
     void reopen();
 
     // Ends capture. When even that hangs the process ends with exit status 1, as it does when a device does not open
@@ -48,7 +49,7 @@ class Capture {
     double seen_s_ = 0;
     double progress_at_ = monotonic_now();
     double retry_at_ = 0;
-    bool stalled_ = false;  // and said so
+    bool stalled_ = false;  // and reported
     std::string reason_;    // why the device did not open
     std::optional<Background> reopening_;
     std::shared_ptr<std::atomic<bool>> opened_;

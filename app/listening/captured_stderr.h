@@ -1,4 +1,4 @@
-// What foreign code prints to standard error, kept back.
+// What foreign code prints to standard error, intercepted.
 #pragma once
 
 #include <sys/mman.h>
@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-// Standard error of the process, kept in memory for the life of the object: there may be no room on any disk. Serves
+// Standard error of the process, kept in memory for the life of the object: there may be no room on any disk. For use
 // around code that prints messages itself; not for several threads.
 class CapturedStderr {
   public:
@@ -26,8 +26,8 @@ class CapturedStderr {
         if (file_) std::fclose(file_);
     }
 
-    // Gives standard error back and returns the lines that went into the file, with `name`, which may hold line feeds,
-    // as `shown`, which does not.
+    // Restores standard error and returns the lines that went into the file, with `name`, which may hold line feeds, as
+    // `shown`, which does not.
     std::vector<std::string> lines(std::string_view name, std::string_view shown) {
         restore();
         std::string text = content();

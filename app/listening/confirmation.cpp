@@ -5,11 +5,11 @@
 
 namespace {
 
-constexpr double CONTEXT_S = 90;  // decoded before what counts: two of the longest frames, and some
+constexpr double CONTEXT_S = 90;  // decoded before what counts: two of the longest frames, and a little more
 constexpr double GRID_S = 0.008;  // between positions on the decoder's grid, a sixteenth of a chip
 constexpr int32_t PHASES = 4;
 constexpr double PHASE_S = 0.0025;     // steps through the grid, and through the 2 ms between samples of the baseband
-constexpr int32_t ENOUGH_DECODES = 4;  // from so many on one find is too few
+constexpr int32_t ENOUGH_DECODES = 4;  // from this many on a single find is too few
 
 }  // namespace
 

@@ -1,4 +1,4 @@
-// Sound devices by number and name, and the owner of what captures and plays on them.
+// Sound devices by number and name, and the owner of the object that captures and plays on them.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ using AudioObject = std::unique_ptr<ovl_audio, DestroyAudio>;
 // An audio object, never null.
 AudioObject make_audio();
 
-// All sound devices, by their number. What the sound systems print while they are looked for is kept back.
+// All sound devices, by their number. What the sound systems print while they are enumerated is suppressed.
 std::vector<ovl_audio_device> list_devices();
 
 enum class Direction { INPUT, OUTPUT };

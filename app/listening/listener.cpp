@@ -14,8 +14,8 @@
 
 namespace {
 
-constexpr double SHORTEST_S = 20;  // less cannot hold enough of a frame
-constexpr double SPARE_S = 1;      // of the ring: a buffer may come while it is copied
+constexpr double SHORTEST_S = 20;  // less than this cannot hold enough of a frame
+constexpr double SPARE_S = 1;      // of the ring: a buffer may arrive while it is copied
 constexpr int32_t MAX_TRIES = 3;
 
 }  // namespace
@@ -62,7 +62,7 @@ double Listener::copy_block() {
         const int32_t n = ovl_audio_last(audio_, block_.data(), static_cast<int32_t>(block_.size()));
         block_.resize(static_cast<std::size_t>(n));
         ovl_audio_input_stats(audio_, &after);
-    } while (after.captured_s != before.captured_s && ++tries < MAX_TRIES);  // a buffer came between
+    } while (after.captured_s != before.captured_s && ++tries < MAX_TRIES);  // a buffer arrived meanwhile
     return after.captured_s;
 }
 
@@ -88,10 +88,10 @@ void Listener::decode(bool last) {
     }
 }
 
-// The whole block is decoded, though few of its frames are wanted: a strong frame hides the phantoms that parts of it
-// would be, and where it is not seen from its beginning to its end they are taken for frames or hide a weaker one
-// before or behind it. For the same reason ovl_decode_recent() is not enough: it examines too few candidates to get
-// past those of ten strong frames.
+// The whole block is decoded, though few of its frames are wanted: a strong frame suppresses the phantoms of its own
+// parts, and where the block does not hold all of it they pass for frames or hide a weaker one before or after it. For
+// the same reason ovl_decode_recent() is not enough: it examines too few candidates to get past those of ten strong
+// frames.
 bool Listener::decode_ring(bool last) {
     const double captured_s = copy_block();
     const double copied_s = captured_s - block_seconds();
@@ -109,12 +109,12 @@ bool Listener::decode_ring(bool last) {
     return true;
 }
 
-// Says once what is wrong until it is right again.
+// Reports a problem once, until it is over.
 void Listener::complain(const std::string& text) {
     if (std::exchange(complaint_, text) != text) print_error(text);
 }
 
-// Hands out the frames that ended up to so many captured seconds.
+// Hands out the frames that ended by captured_s.
 void Listener::release(double captured_s, const Clock& utc) {
     log_.release(captured_s, [&](ov_spot spot, int32_t finds) {
         if (!confirmation_.confirm(spot_end(spot), finds)) return;

@@ -1,4 +1,4 @@
-// Audio that comes in, decoded as it comes:
+// Incoming audio, decoded as it arrives:
 //     capture ring → a decode of its newest block every few seconds → each frame once, confirmed
 #pragma once
 
@@ -14,7 +14,7 @@
 
 struct ListenerOptions {
     double every_s = 4;      // between decodes
-    double hold_off_s = 48;  // behind the end of a frame: the longest frame, and a little more
+    double hold_off_s = 48;  // after the end of a frame: the longest frame, and a little more
 };
 
 class Listener {
@@ -22,22 +22,23 @@ class Listener {
     // Called with each frame that is confirmed, in the order in which they ended; t is UTC.
     using Taker = std::function<void(const ov_spot&)>;
 
-    // Says when the last of so many captured seconds was on the air, UTC.
+    // When the sample at this many captured seconds was on the air, UTC.
     using Clock = std::function<double(double captured_s)>;
 
     // Both must outlive the listener.
     Listener(const Search& search, const ListenerOptions& options, ovl_audio* audio, Taker take);
 
-    // How long a ring the audio has to be captured into, s.
+    // How long the capture ring has to be, s.
     static double ring_seconds(const ListenerOptions& options);
 
-    // Decodes the ring if it is time. A decode that fails comes as a line on standard error; the next may do better.
+    // Decodes the ring if it is time. A decode that fails is reported as a line on standard error; the next one may
+    // succeed.
     void update(const ovl_audio_stats& stats, const Clock& utc);
 
-    // The same at the end of the audio: there is nothing to wait for any more, and frames may hang over it.
+    // The same at the end of the audio: there is nothing left to wait for, and frames may extend past it.
     void finish(const Clock& utc);
 
-    // Capture has begun anew.
+    // Capture has restarted.
     void restart();
 
     bool last_decode_failed() const { return !complaint_.empty(); }

@@ -16,7 +16,7 @@
 namespace {
 
 constexpr double READ_S = 0.25;         // at a time
-constexpr float MOST_SAMPLE = 0x1p31f;  // full scale of 32-bit samples, should nobody have scaled them
+constexpr float MOST_SAMPLE = 0x1p31f;  // full scale of 32-bit samples, in case they were not scaled
 
 }  // namespace
 
@@ -51,8 +51,8 @@ Integer RawInput::little_endian(std::size_t at) const {
     return value;
 }
 
-// Takes the whole frames that are held. A sample that is not a number, or beyond any scale, would hide
-// everything else for as long as it is in the ring.
+// Takes the complete frames received so far. A sample that is not a number, or beyond any scale, would hide everything
+// else for as long as it is in the ring.
 void RawInput::convert(std::vector<float>& samples) {
     const std::size_t used = held_ - held_ % frame_bytes_;
     for (std::size_t at = 0; at < used; at += is_float_ ? sizeof(float) : sizeof(int16_t)) {

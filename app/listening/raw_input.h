@@ -1,4 +1,4 @@
-// Raw samples from standard input, as they come.
+// Raw samples from standard input, as they arrive.
 #pragma once
 
 #include <cstddef>

@@ -7,8 +7,8 @@
 namespace {
 
 constexpr double WINDOW_S = 5;
-constexpr double JUMP_S = 10;       // no buffer comes so late: the machine slept, or its clock was set
-constexpr double REMEMBER_S = 300;  // more than a frame and the time that it takes to settle
+constexpr double JUMP_S = 10;       // no buffer is this late: the machine was suspended, or its clock stepped
+constexpr double REMEMBER_S = 300;  // more than a frame and its hold-off
 
 }  // namespace
 
@@ -31,9 +31,9 @@ double SampleClock::utc(double captured_s) const {
     auto window = std::upper_bound(windows_.begin(), windows_.end(), captured_s,
                                    [](double at_s, const Window& w) { return at_s < w.from_s; });
     if (window != windows_.begin()) --window;
-    // From the window before, as one that has only begun has seen few buffers, to the latest that tells of the same.
-    if (window != windows_.begin() && !window->anew) --window;
+    // From the window before, as one that has only begun has seen few buffers, to the latest of the same stretch.
+    if (window != windows_.begin() && !window->fresh) --window;
     double begin = window->begin;
-    while (++window != windows_.end() && !window->anew) begin = std::min(begin, window->begin);
+    while (++window != windows_.end() && !window->fresh) begin = std::min(begin, window->begin);
     return begin + captured_s;
 }

@@ -3,15 +3,14 @@
 
 #include <vector>
 
-// Follows the machine's clock and the count of captured seconds. Buffers arrive late by more or less, the one that came
-// soonest is right. What was captured before input was lost, the clock was set or the machine slept keeps its time.
+// Follows the machine's clock and the count of captured seconds. Buffers arrive more or less late; the earliest one is
+// right. What was captured before input was lost, the clock was stepped or the machine was suspended keeps its time.
 class SampleClock {
   public:
-    // So many seconds of audio have arrived by now, UTC in seconds since 1970. Nothing to learn where there are none.
+    // captured_s seconds of audio have arrived by `now`, UTC in seconds since 1970. 0 seconds are ignored.
     void observe(double captured_s, double now);
 
-    // UTC of the moment at which so many seconds had been captured; before the first observation that is not known, and
-    // NaN.
+    // UTC of the moment at which captured_s seconds had been captured; NaN before the first observation.
     double utc(double captured_s) const;
 
   private:
@@ -19,7 +18,7 @@ class SampleClock {
     struct Window {
         double from_s;
         double begin;
-        bool anew;  // it has nothing to do with what was before
+        bool fresh;  // it does not continue the stretch before
     };
     std::vector<Window> windows_;
 };

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr double PLAIN_S = 120;  // longer times are told in minutes or hours
+constexpr double PLAIN_S = 120;  // longer times are shown in minutes or hours
 constexpr double HOUR_S = 3600;
 constexpr double DAY_S = 86400;
 constexpr const char* MINUS = "\u2212";
@@ -23,7 +23,7 @@ std::vector<double> multiples(double low, double high, double step) {
     return values;
 }
 
-// The smallest round step that gives so many ticks at most.
+// The smallest round step that gives at most `most` ticks.
 double round_step(double low, double high, int32_t most) {
     const double least = (high - low) / std::max(most, 2);
     const double decade = std::pow(10.0, std::floor(std::log10(least)));

@@ -43,7 +43,7 @@ cairo_status_t append(void* bytes, const unsigned char* data, unsigned length) {
     }
 }
 
-// Text as cairo and XML take it: the JSON library replaces what is no UTF-8.
+// Text as cairo and XML take it: the JSON library replaces what is not UTF-8.
 std::string clean(const std::string& text) {
     using nlohmann::json;
     std::string cleaned =

@@ -69,7 +69,7 @@ class Canvas {
     void clip(const Box& box);
     void unclip();
 
-    // The point is the left end, middle or right end of the base line. Bytes that are no UTF-8 and control characters
+    // The point is the left end, middle or right end of the base line. Bytes that are not UTF-8 and control characters
     // are replaced.
     void text(Point at, const std::string& text, const TextStyle& style);
     double text_width(const std::string& text, double size, bool bold = false);

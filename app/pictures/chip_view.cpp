@@ -14,7 +14,7 @@ namespace {
 
 constexpr int32_t BASEBAND_RATE = 500;  // Hz; a chip is 64 samples
 constexpr double MARGIN_S = 1;          // of samples around the frame
-constexpr int FIRST_BESIDE = 3;         // chip bandwidths beside the carrier at which noise is looked for
+constexpr int FIRST_BESIDE = 3;         // chip bandwidths from the carrier at which noise is measured
 constexpr int LAST_BESIDE = 10;
 
 class ChipEnergies {
@@ -27,7 +27,7 @@ class ChipEnergies {
           drift_(spot.drift),
           energies_(static_cast<std::size_t>(nchips)) {}
 
-    // So far beside the carrier.
+    // This far from the carrier.
     const std::vector<float>& beside(double hz) {
         ov_chip_energies(baseband_, chip_len_, static_cast<int32_t>(energies_.size()), start_, offset_hz_ + hz, drift_,
                          energies_.data());

@@ -24,14 +24,14 @@ constexpr Colour WHITE = {1, 1, 1};
 constexpr Colour SHADOW = {0, 0, 0, 0.5};
 constexpr Colour LABEL_GROUND = {0, 0, 0, 0.7};
 
-// Of the colours that M. Okabe and K. Ito (2008) chose to be told apart by all eyes.
+// From the colours that M. Okabe and K. Ito (2008) chose to be distinguishable to everyone.
 constexpr Colour BLUE = {0, 0.447, 0.698};
 constexpr Colour ORANGE = {0.902, 0.624, 0};
 constexpr Colour VERMILION = {0.835, 0.369, 0};
 
 using Align = TextStyle::Align;
 
-// Cuts a text that is too wide, at a whole character, and says so by an ellipsis.
+// Cuts a text that is too wide, at a whole character, and marks the cut with an ellipsis.
 std::string shortened(Canvas& canvas, std::string text, double size, bool bold, double room) {
     constexpr std::size_t MOST_BYTES = 500;  // far more than fits any picture
     const auto continues = [](char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; };
@@ -134,7 +134,7 @@ void draw_colour_bar(Canvas& canvas, const PictureLayout& layout, const Box& are
                 {size, SOFT_INK, Align::CENTRE, false, true});
 }
 
-// A label's parts, apart so that both are read at a glance.
+// A label's parts, set apart so that both can be read at a glance.
 std::string label_text(const ov_spot& spot) {
     const std::string snr = snr_text(spot);
     return std::string(spot.call) + (snr.empty() ? "" : "  " + snr);
@@ -242,7 +242,7 @@ constexpr double LEAST_BAR = 0.8;  // times the text size: a chip's share of a r
 constexpr double LEAST_ROW = 7;    // times the text size: a row's height
 constexpr double ROW_FOOT = 3.4;   // times the text size: decided chips and their numbers
 
-// Energies as bars: their height is the amplitude, which leaves weak and strong chips both to be seen.
+// Energies as bars: their height is the amplitude, so that weak and strong chips can both be seen.
 struct ChipRow {
     Box area;
     double most;  // amplitude at the top

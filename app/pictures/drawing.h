@@ -1,4 +1,4 @@
-// The pictures of orvel plot, drawn of what was measured.
+// The pictures of orvel plot, drawn from what was measured.
 #pragma once
 
 #include <cstdint>

@@ -24,7 +24,7 @@ struct Candidate {
     bool away;
 };
 
-// Above and below the visible part of the frame, then beside it, then ever further off.
+// Above and below the visible part of the frame, then to its sides, then further and further away.
 std::vector<Candidate> candidates(const Box& area, const LabelWish& wish, double width) {
     const double left = std::max(wish.frame.left, area.left);
     const double right = std::min(wish.frame.right(), area.right());

@@ -8,13 +8,13 @@
 struct LabelWish {
     Box frame;             // what is to be labelled
     double width, height;  // of the label
-    double short_width;    // of a shorter one, for want of room
+    double short_width;    // of a shorter one, where there is little room
 };
 
 struct LabelPlace {
     bool placed = false;
     bool shortened = false;
-    bool away = false;  // not beside its frame: a line should lead there
+    bool away = false;  // not next to its frame: a line should lead there
     Box box;
 };
 

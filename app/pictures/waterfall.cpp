@@ -15,7 +15,7 @@ namespace {
 
 constexpr double LEAST_PIECE_S = 10;      // read at a time
 constexpr int32_t MOST_LENGTH = 1 << 22;  // of a transform
-constexpr double PADDING = 4;             // zeros make a transform at most so many times as long as its window
+constexpr double PADDING = 4;             // zeros make a transform at most this many times as long as its window
 
 // The next length that FFTW transforms fast: free of prime factors above 7.
 int32_t good_length(double least) {
@@ -53,7 +53,7 @@ class Spectra {
     std::size_t window_samples() const { return window_.size(); }
     double bin_hz() const { return static_cast<double>(rate_) / length_; }
 
-    // Adds the spectrum of the window that begins with sample `first` of a stretch; it may reach out of it.
+    // Adds the spectrum of the window that begins with sample `first` of a stretch; it may extend past it.
     void add(const Stretch& stretch, int64_t first) {
         const auto size = static_cast<int64_t>(stretch.x.size());
         if (first >= size || first + static_cast<int64_t>(window_.size()) <= 0) return;

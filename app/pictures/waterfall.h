@@ -7,13 +7,13 @@
 
 #include "recordings/recording.h"
 
-// What of a recording is looked at: s from the start of the file, Hz.
+// The part of a recording that is shown: s from the start of the file, Hz.
 struct View {
     double from_s, to_s;
     double low_hz, high_hz;
 };
 
-// One value a pixel, the highest frequency in the first row. dB of an arbitrary reference; NaN where there are no
+// One value per pixel, the highest frequency in the first row. dB of an arbitrary reference; NaN where there are no
 // samples, or nothing but zeros.
 struct PowerGrid {
     int32_t columns = 0, rows = 0;
@@ -24,7 +24,7 @@ struct PowerGrid {
     }
 };
 
-// Length of the spectra for a view, s: long enough to tell frequencies apart as far as the keying allows.
+// Length of the spectra for a view, s: long enough to resolve frequencies as far as the keying allows.
 inline constexpr double WINDOW_S = 0.256;
 
 // Measures a view with Hann windows of window_s. A column is the mean of as many spectra as it is long, half

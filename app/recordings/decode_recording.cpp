@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr double EDGE_S = 10;     // a frame may begin so long before its block, and a little more
+constexpr double EDGE_S = 10;     // a frame may begin this long before its block, and a little more
 constexpr double OVERLAP_S = 50;  // of blocks: the longest frame and a little more
 constexpr double LEAST_BLOCK_S = 90;
 constexpr double MOST_BLOCK_S = 300;
@@ -37,7 +37,7 @@ std::vector<BlockSpan> cut(const Recording& recording, const DecodingOptions& op
 
 // Blocks to work on at once: as many as asked for, or one for each core as long as half of the memory holds them.
 unsigned jobs_for(const DecodingOptions& options, double block_samples) {
-    if (options.search.verbose) return 1;  // what each block says stays together
+    if (options.search.verbose) return 1;  // so that the messages of each block stay together
     if (options.jobs > 0) return options.jobs;
     const double memory =
         0.5 * static_cast<double>(sysconf(_SC_PHYS_PAGES)) * static_cast<double>(sysconf(_SC_PAGESIZE));
@@ -47,7 +47,7 @@ unsigned jobs_for(const DecodingOptions& options, double block_samples) {
 
 // ---- Blocks → samples → frames of a block ---------------------------------------------------------------------------
 
-// What became of a block: its frames, a reason why there are none, or neither, behind the end of the file.
+// The outcome of a block: its frames, a reason why there are none, or neither, past the end of the file.
 struct BlockResult {
     std::optional<std::vector<ov_spot>> spots;
     std::string problem;
@@ -99,8 +99,8 @@ class Merger {
   public:
     explicit Merger(const SpotTaker& taker) : taker_(taker) {}
 
-    // Takes what became of the next block, and hands out the frames that start before final_s: later ones may come
-    // again, and better, from the next block. False when the taker has had enough.
+    // Takes the outcome of the next block, and hands out the frames that start before final_s: the next block may find
+    // later ones again, and better. False when the taker wants no more.
     bool add(BlockResult block, double final_s) {
         if (problem_.empty()) problem_ = std::move(block.problem);
         if (block.spots) {

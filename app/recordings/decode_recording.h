@@ -14,7 +14,7 @@ struct DecodingOptions {
     unsigned jobs = 0;              // blocks decoded at once, 0 = as many as cores and memory allow
 };
 
-// Who takes what a decode finds. All is called on the thread that decodes the recording.
+// The receiver of what a decode finds. All calls come from the thread that decodes the recording.
 struct SpotTaker {
     std::function<void()> begin;               // before the first spot, once anything could be decoded
     std::function<void(const ov_spot&)> take;  // each spot once, in order of time; t counts from the start of the file
@@ -22,7 +22,7 @@ struct SpotTaker {
     std::function<bool()> go_on;                                     // after some spots; false ends the decode early
 };
 
-// Decodes what lies between two times of a recording, block by block. When some of it cannot be decoded the rest is all
-// the same, and IoError thrown at the end.
+// Decodes a recording between two times, block by block. When a block cannot be decoded the others still are, and
+// IoError is thrown at the end.
 void decode_recording(Recording& recording, const DecodingOptions& options, double from_s, double to_s,
                       const SpotTaker& taker);

@@ -20,8 +20,8 @@
 
 namespace {
 
-// Why the file cannot be opened and read, or an empty text when it can. Pipes are told by their kind: opening one would
-// wait for its writer, and take from it what the next opening lacks.
+// Why the file cannot be opened and read, or an empty text when it can. Pipes are recognised by their kind: opening one
+// would wait for its writer, and take from it what the next opening then misses.
 std::string open_problem(const std::string& path) {
     std::error_code error;
     const auto kind = std::filesystem::status(path, error).type();
@@ -114,7 +114,7 @@ constexpr std::uintmax_t SMALL_FILE = 32 << 20;  // bytes that may well be held 
 
 using RecordingPtr = std::unique_ptr<Recording>;
 
-// A reader's line as our programs say it: without the reader's name, and always with the name of the file.
+// A reader's line as our programs print it: without the reader's name, and always with the name of the file.
 std::string reader_message(std::string line, const std::string& shown) {
     for (const std::string_view prefix : {"wav_read: ", "iq_read: "}) {
         if (line.starts_with(prefix)) line.erase(0, prefix.size());
@@ -154,7 +154,7 @@ RecordingPtr read_iq(const std::string& path, const RecordingOptions& options, s
                                            std::vector<double>(read.q, read.q + read.count));
 }
 
-// The library's readers. An empty owner when they refuse the file; `reason` then holds what they said.
+// The library's readers. An empty owner when they refuse the file; `reason` then holds their message.
 RecordingPtr open_with_reader(const std::string& path, const RecordingOptions& options, std::string& reason) {
     std::string said;
     RecordingPtr recording = options.iq ? read_iq(path, options, said) : read_audio(path, options, said);
@@ -167,7 +167,7 @@ RecordingPtr open_with_reader(const std::string& path, const RecordingOptions& o
     return recording;
 }
 
-constexpr sf_count_t UNKNOWN_FRAMES = sf_count_t{1} << 48;  // more is no length but the lack of one
+constexpr sf_count_t UNKNOWN_FRAMES = sf_count_t{1} << 48;  // more stands for an unknown length
 
 // Frames of a file that was written into a pipe, or cut off, and does not say: all of it is read.
 sf_count_t count_frames(SNDFILE* file, int channels) {
@@ -203,7 +203,7 @@ bool holds_floats(const std::string& path) {
     return file && (samples == SF_FORMAT_FLOAT || samples == SF_FORMAT_DOUBLE);
 }
 
-// Opens a file by whatever can.
+// Opens a file with the first reader that can.
 RecordingPtr open_file(const std::string& path, const RecordingOptions& options) {
     if (const std::string problem = open_problem(path); !problem.empty()) refuse(path, problem);
     std::error_code error;
@@ -218,7 +218,7 @@ RecordingPtr open_file(const std::string& path, const RecordingOptions& options)
     if (readers_take_it && !small) {
         if (auto recording = open_with_reader(path, options, reason)) return recording;
     }
-    if (reason.empty()) refuse(path, "it is no recording that can be read");
+    if (reason.empty()) refuse(path, "it is not a recording that can be read");
     throw IoError(reason);
 }
 

@@ -7,6 +7,6 @@
 #include "recordings/recording.h"
 
 // Opens a recording: the library's own readers take what they can of small WAV files, libsndfile all the rest. Throws
-// IoError, whose text names the file and the reason, when it cannot be used. What a reader merely warns of comes as a
-// line on standard error.
+// IoError, whose text names the file and the reason, when it cannot be used. A reader's warnings become lines on
+// standard error.
 std::unique_ptr<Recording> open_recording(const std::string& path, const RecordingOptions& options);

@@ -19,7 +19,7 @@ inline constexpr double MOST_BLOCK_SAMPLES = 1.5e9;
 // How a file is to be read.
 struct RecordingOptions {
     bool iq = false;
-    int32_t channel = 0;  // audio: the one channel to take; I/Q: the channel of I, with Q behind it. 0 = the mean of
+    int32_t channel = 0;  // audio: the one channel to take; I/Q: the channel of I, with Q after it. 0 = the mean of
                           // all channels; with I/Q the first two of two
 };
 

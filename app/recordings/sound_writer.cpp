@@ -41,7 +41,7 @@ SoundWriter::SoundWriter(const std::string& path, const Format& format) : path_(
     sf_command(file_.get(), SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
 }
 
-// 16-bit samples are rounded to the nearest: libsndfile's own conversion cuts them off.
+// 16-bit samples are rounded to the nearest: libsndfile's own conversion truncates them.
 bool SoundWriter::write(std::span<const float> samples) {
     if (!problem_.empty()) return false;
     const auto count = static_cast<sf_count_t>(samples.size());

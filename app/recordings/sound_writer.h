@@ -19,7 +19,7 @@ class SoundWriter {
         int64_t frames;  // that will be written: a WAV file of more than 4 GB is RF64
     };
 
-    // Opens a file for samples of full scale 1. Whether that worked, and what follows, is asked once: by close.
+    // Opens a file for samples of full scale 1. close() reports once whether that and everything after it worked.
     SoundWriter(const std::string& path, const Format& format);
 
     // Interleaved samples, whole frames of them. False when the file takes no more.

@@ -3,7 +3,7 @@
 //
 // The signal arrives over two paths of equal mean power, one later than the other. The gain of each path is a complex
 // Gaussian process with a Gaussian Doppler spectrum: its magnitude fades by Rayleigh's law. The mean power of the whole
-// is that of the signal, so that an SNR holds in the mean of many fades.
+// is that of the signal, so that an SNR holds on average over many fades.
 #pragma once
 
 #include <array>

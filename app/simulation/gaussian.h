@@ -1,5 +1,5 @@
-// Random numbers with the same sequence everywhere for every seed: the standard library's engines have one, its
-// distributions do not.
+// Random numbers whose sequence for a seed is the same everywhere: the standard library promises that for its engines,
+// not for its distributions.
 #pragma once
 
 #include <cmath>

@@ -27,7 +27,7 @@ std::complex<double> unit_phasor(double turns) {
     return std::polar(1.0, 2 * std::numbers::pi * (turns - std::floor(turns)));
 }
 
-// Amplitude of a carrier of so much power against the noise in 2500 Hz.
+// Amplitude of a carrier of this power relative to the noise in 2500 Hz.
 double carrier_amplitude(const SimScene& scene, double snr_db) {
     const double bandwidth = scene.iq ? scene.rate : 0.5 * scene.rate;
     const double power = scene.noise_rms * scene.noise_rms * SNR_BANDWIDTH_HZ / bandwidth * std::pow(10, snr_db / 10);
@@ -56,7 +56,7 @@ class SceneSource::Part {
   protected:
     double time_of(int64_t frame) const { return static_cast<double>(frame) / rate_; }
 
-    // Adds to frame k what an I/Q receiver hears; an audio receiver has its real part.
+    // Adds to frame k what an I/Q receiver delivers; an audio receiver delivers its real part.
     static void put(std::span<double> i, std::span<double> q, std::size_t k, std::complex<double> value) {
         i[k] += value.real();
         if (!q.empty()) q[k] += value.imag();
@@ -163,7 +163,7 @@ class SceneSource::StationPart : public Part {
     }
 
   private:
-    // Keying, 0 to 1, so long after the start of the frame.
+    // Keying, 0 to 1, `since` seconds after the start of the frame.
     double keying(double since) const {
         const double chip_s = ovl_chip_seconds();
         const double border = std::round(since / chip_s);  // the nearest is the start of this chip

@@ -1,9 +1,9 @@
 // Recordings that never were on the air: stations behind fading channels, interference, impulses and noise, rendered
 // block by block.
 //
-// The SNR of a station is the mean power of its frame (keyed chips and pauses together) against the noise power in
-// 2500 Hz, before fading; that of a carrier is its power against the same noise. The random numbers of each part come
-// from a stream of their own: one station more changes neither the noise nor the other stations.
+// The SNR of a station is the mean power of its frame (keyed chips and pauses together) relative to the noise power in
+// 2500 Hz, before fading; that of a carrier is its power against the same noise. Each part has its own stream of random
+// numbers: one more station changes neither the noise nor the other stations.
 #pragma once
 
 #include <cstdint>
@@ -23,7 +23,7 @@ struct SimStation {
     uint32_t protocol = 0;       // OVL_ id
     std::string locator;         // of an ORVEL L frame, else empty
     std::vector<uint8_t> chips;  // 1 = carrier on
-    double t_start = 0;          // s from the first sample; a frame may hang over either end
+    double t_start = 0;          // s from the first sample; a frame may extend past either end
     double freq_hz = 1500;       // in the middle of the frame; offset from the centre of the band for I/Q
     double drift_hz_s = 0;       // linear
     double snr_db = 0;
@@ -64,7 +64,7 @@ class SceneSource {
     SceneSource(const SceneSource&) = delete;
     SceneSource& operator=(const SceneSource&) = delete;
 
-    // The next samples, I and Q interleaved; none at the end. They hold until the next call.
+    // The next samples, I and Q interleaved; none at the end. They are valid until the next call.
     std::span<const float> next();
 
   private:

@@ -70,7 +70,7 @@ void set_field(const std::string& what, std::string_view name, const std::string
         refuse(what, "'" + std::string(name) + "' is not one of freq, snr, start, drift, fading, spread, delay");
     }
     const auto number = parse_finite(value);
-    if (!number) refuse(what, "a finite number expected behind '" + std::string(name) + "='");
+    if (!number) refuse(what, "expected a finite number after '" + std::string(name) + "='");
     *field = *number;
 }
 
@@ -85,14 +85,14 @@ uint32_t protocol_of(const std::string& what, const std::string& name) {
 }
 
 SimStation station_of(const std::string& what, const nlohmann::json& object, double default_freq_hz) {
-    if (!object.is_object()) refuse(what, "a JSON object expected");
+    if (!object.is_object()) refuse(what, "expected a JSON object");
     SimStation station;
     station.protocol = OVL_OPERA;
     station.freq_hz = default_freq_hz;
     for (const auto& [key, value] : object.items()) {
         const bool text = key == "call" || key == "protocol" || key == "locator" || key == "fading";
         if (text ? !value.is_string() : !value.is_number()) {
-            refuse(what, "'" + key + (text ? "' is no text" : "' is no number"));
+            refuse(what, "'" + key + (text ? "' is not a string" : "' is not a number"));
         }
         if (key == "call") {
             station.call = value.get<std::string>();
@@ -125,14 +125,14 @@ SimStation station_of(const std::string& what, const nlohmann::json& object, dou
 
 nlohmann::json parse_json(const std::string& what, const std::string& text) {
     auto value = nlohmann::json::parse(text, nullptr, false);
-    if (value.is_discarded()) refuse(what, "it is no JSON");
+    if (value.is_discarded()) refuse(what, "it is not JSON");
     return value;
 }
 
 }  // namespace
 
 SimStation parse_station(const std::string& text, double default_freq_hz) {
-    // The step ends where the next NAME= begins: a locator behind a comma is part of it.
+    // The step ends where the next NAME= begins: a locator after a comma is part of it.
     std::size_t end = text.find(',');
     const auto has_equals = [&](std::size_t comma) {
         const std::size_t equals = text.find('=', comma);
@@ -142,7 +142,7 @@ SimStation parse_station(const std::string& text, double default_freq_hz) {
 
     const std::string frame_text = text.substr(0, end);
     const std::size_t equals = frame_text.find('=');
-    if (equals == std::string::npos) refuse(frame_text, "a station is NAME=VALUE, and what differs behind it");
+    if (equals == std::string::npos) refuse(frame_text, "a station is NAME=VALUE, followed by what differs");
     const ov_protocol* const protocol = ov_protocol_by_option(std::string_view(frame_text).substr(0, equals));
     if (protocol == nullptr) refuse(text, "a station sends one of " + ov_protocol_options());
     const FrameText frame = parse_frame(frame_text, *protocol, std::string_view(frame_text).substr(equals + 1));

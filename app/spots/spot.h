@@ -1,4 +1,4 @@
-// A decoded frame as our programs pass it on: one JSON object a line, written and read here.
+// A decoded frame as our programs pass it on: one JSON object per line, written and read here.
 #pragma once
 
 #include <cstdint>
@@ -31,6 +31,6 @@ double spot_end(const ov_spot& found);
 // receiver's; then "freq_hz", "drift_hz_s", "snr_db" (null where unknown), "protocol", "call", "locator", "deep".
 std::string spot_line(const Spot& spot);
 
-// Reads such a line. Fields of other names are passed over. Nothing when it is no such object, or a field is missing or
-// of the wrong kind: a line may come from anywhere.
+// Reads such a line. Other fields are ignored. Nothing when it is not such an object, or a field is missing or of the
+// wrong kind: a line may come from anywhere.
 std::optional<Spot> parse_spot_line(std::string_view line);

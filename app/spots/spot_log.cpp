@@ -18,7 +18,7 @@ bool same_frame(const ov_spot& a, const ov_spot& b) {
            std::fabs(a.t - b.t) < SAME_S && std::fabs(a.freq - b.freq) < SAME_HZ;
 }
 
-// An ordinary decode counts more than one that had to know the callsign.
+// An ordinary decode is preferred to one that needed the callsign to be known.
 bool saw_less(const ov_spot& spot, const ov_spot& other) {
     if (spot.deep != other.deep) return spot.deep != 0;
     return spot.chips_ok < other.chips_ok;

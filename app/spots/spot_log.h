@@ -15,12 +15,12 @@ class SpotLog {
     enum class Order { START, END };  // of the frames
     explicit SpotLog(Order order) : order_(order) {}
 
-    // Takes what was found in one block. Of a frame found before, what saw more of it stays, unless with that time it
-    // should have been handed out by now.
+    // Takes what was found in one block. Of a frame found before, the find that saw more of it stays, unless by its
+    // time it should already have been handed out.
     void add(const std::vector<ov_spot>& found);
 
     // Hands out the spots of frames that started (or ended) up to `time`, each with the number of blocks that it was
-    // found in, whatever is made of them, and forgets those from long before.
+    // found in, whatever the caller makes of them, and forgets much older ones.
     void release(double time, const std::function<void(const ov_spot&, int32_t finds)>& take);
 
   private:

@@ -5,6 +5,6 @@
 
 #include "spots/spot.h"
 
-// The columns of a spot, or their names, behind the first column: its time, set to the width that it needs.
+// The columns of a spot, or their names, after the first column: its time, already padded.
 std::string spot_row(const std::string& time, const Spot& spot);
 std::string spot_header(const std::string& time);

@@ -22,7 +22,7 @@ double parse_seconds(const std::string& step, std::string_view text) {
     double seconds = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
     if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(seconds)) {
-        refuse(step, "seconds expected behind the '='");
+        refuse(step, "expected seconds after the '='");
     }
     return seconds;
 }
@@ -58,7 +58,7 @@ void start_transmitter(ovl_transmitter* tx, const Transmission& transmission) {
     const ovl_tx_settings settings = {transmission.rate, transmission.tone_hz, transmission.level, transmission.ramp_s};
     if (ovl_tx_start(tx, &settings, steps.data(), static_cast<int32_t>(steps.size())) == 0) return;
     std::string reason = ovl_tx_last_error(tx);
-    while (reason.ends_with(' ')) reason.pop_back();  // of a locator that is not there
+    while (reason.ends_with(' ')) reason.pop_back();  // where there is no locator
     if (reason == "out of memory") throw std::bad_alloc();
     throw UsageError(reason);
 }

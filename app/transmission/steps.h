@@ -21,10 +21,10 @@ struct Transmission {
     double ramp_s = 0.005;
 };
 
-// One step. Throws UsageError when the text is none.
+// One step. Throws UsageError when the text is not a step.
 ovl_tx_step parse_step(const std::string& text);
 
-// Prepares a transmitter. Throws UsageError when a step is none, or the library refuses the transmission.
+// Prepares a transmitter. Throws UsageError when a text is not a step, or the library refuses the transmission.
 void start_transmitter(ovl_transmitter* tx, const Transmission& transmission);
 
 // A transmitter, never null.

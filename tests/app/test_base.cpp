@@ -281,7 +281,7 @@ TEST(Format, HoldsTextsOfEveryLength) {
     }
 }
 
-TEST(Cases, ChangeAsciiLettersAlone) {
+TEST(Cases, ChangeAsciiLettersOnly) {
     EXPECT_EQ(upper_case("aZ09-/\xe9 i"), "AZ09-/\xe9 I");
     EXPECT_EQ(lower_case("AzI[`\xc9"), "azi[`\xc9");
 }

@@ -26,7 +26,7 @@ double steady_now() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-TEST(Background, ACallThatNeverReturnsHoldsUpNobody) {
+TEST(Background, ACallThatNeverReturnsBlocksNothingElse) {
     const auto release = std::make_shared<std::atomic<bool>>(false);
     {
         const double before = steady_now();

@@ -17,7 +17,7 @@ namespace {
 
 // ---- Overlapping decodes -------------------------------------------------------------------------------------------
 
-// How far behind a multiple of a step a time is; a time that but for a rounding is one itself is 0 behind.
+// How far a time is past a multiple of a step; 0 for one that, but for rounding, is a multiple itself.
 double remainder_s(double time_s, double step_s) {
     const double rest_s = time_s - step_s * std::floor(time_s / step_s + 1e-6);
     return std::max(rest_s, 0.0);
@@ -67,7 +67,7 @@ TEST(OverlappingDecodes, OneFindOfFourIsNotBelieved) {
     EXPECT_TRUE(confirmation.confirm(68, 1));
 }
 
-// Whatever their pace: every decode between the end of a frame and its decision counts for it, the one behind which it
+// Whatever their pace: every decode between the end of a frame and its decision counts for it, the one after which it
 // is decided included.
 TEST(OverlappingDecodes, NoneIsLostBetweenTheEndOfAFrameAndItsDecision) {
     std::mt19937_64 random(5);
@@ -105,7 +105,7 @@ constexpr double MARCH_1 = 20513 * DAY;  // 2026-03-01
 // Audio that comes in buffers of a tenth of a second, each late by up to a quarter.
 class TheSampleClock : public ::testing::Test {
   protected:
-    // Captures so many seconds more, as if without interruption since `begin`.
+    // Captures `seconds` more, as if without interruption since `begin`.
     void capture(double seconds, double begin, double rate_error = 0) {
         const double end_s = captured_s_ + seconds;
         for (; captured_s_ < end_s; captured_s_ += 0.1) {

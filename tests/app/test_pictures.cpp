@@ -53,7 +53,7 @@ TEST(Axis, TicksStandAtRoundNumbers) {
     }
 }
 
-TEST(Axis, LongTimesAndTimesOfDayAreToldByTheClock) {
+TEST(Axis, LongTimesAndTimesOfDayAreShownAsOnAClock) {
     EXPECT_EQ(labels_of(time_ticks(0, 45, 5, {})), (Labels{"0", "10", "20", "30", "40"}));
     EXPECT_EQ(labels_of(time_ticks(0, 300, 5, {})), (Labels{"0:00", "1:00", "2:00", "3:00", "4:00", "5:00"}));
     EXPECT_EQ(labels_of(time_ticks(0, 7300, 4, {})), (Labels{"0:00", "1:00", "2:00"}));
@@ -253,7 +253,7 @@ TEST_F(Pictures, FramesAreOutlinedWhereTheStationsAre) {
     }
     EXPECT_LT(brightness_along(picture, {area.left + 5, area.top + 200}, {area.right() - 5, area.top + 200}), 0.3);
 
-    // Within the frame of the strong station the waterfall is bright, beside it dark.
+    // Within the frame of the strong station the waterfall is bright, outside it dark.
     const auto corners = frame_outline(spot_of(2, 1400, 0), view, area);
     const int middle = static_cast<int>((corners[0].y + corners[1].y) / 2);
     double inside = 0;
@@ -342,7 +342,7 @@ TEST_F(Pictures, MeasuredChipsAreThoseSent) {
     EXPECT_NEAR(10 * std::log10(on / 120), 10 * std::log10(320 * 239 / 120.0), 1.5);
     EXPECT_LT(off / 119, 5);
 
-    // Beside the station there is noise alone: about half of all chips lie on the wrong side.
+    // Away from the station there is noise alone: about half of all chips lie on the wrong side.
     spot.freq = 1480;
     const auto beside = measure_chips(*file, spot);
     ASSERT_TRUE(beside);

@@ -52,7 +52,7 @@ TEST(TheLogOfSpots, GivesEachFrameOnceThoughItIsFoundAgainAndAgain) {
     EXPECT_EQ(all, Calls{"K2QRX"});
 }
 
-TEST(TheLogOfSpots, TellsInHowManyBlocksAFrameWasFound) {
+TEST(TheLogOfSpots, CountsTheBlocksInWhichAFrameWasFound) {
     SpotLog log(SpotLog::Order::END);
     log.add({spot("K2QRX", 1000), spot("DL1QXA", 1001)});
     log.add({});
@@ -101,7 +101,7 @@ TEST(TheLogOfSpots, TheLaterBlockIsRight) {
 }
 
 // Between two others that were handed out in order.
-TEST(TheLogOfSpots, ALaterBlockDoesNotTakeAFrameBehindWhatWasGiven) {
+TEST(TheLogOfSpots, ALaterBlockDoesNotMoveAFrameBeforeWhatWasHandedOut) {
     SpotLog log(SpotLog::Order::END);
     log.add({spot("DL1QXA", 1000), spot("K2QRX", 1000.5, 1500)});
     EXPECT_EQ(calls(released(log, 1000.2)), Calls{"DL1QXA"});
@@ -131,7 +131,7 @@ TEST(TheLogOfSpots, WhatSawMoreOfAFrameStays) {
 
 TEST(TheLogOfSpots, MayGoByTheBeginningOfFrames) {
     SpotLog log(SpotLog::Order::START);
-    const ov_spot large = spot("G4QZB", 1041, 1500, OVL_ORVEL_L, "IO91");  // begins before the other and ends behind it
+    const ov_spot large = spot("G4QZB", 1041, 1500, OVL_ORVEL_L, "IO91");  // begins before the other and ends after it
     const ov_spot small = spot("K2QRX", 1032);
     ASSERT_LT(large.t, small.t);
     log.add({small, large});
@@ -146,11 +146,11 @@ TEST(TheLogOfSpots, TellsFramesApart) {
     log.add({spot("G4QZB", 1001), spot("G4QZB", 1001, 1500, OVL_ORVEL_S)});  // in two protocols
     log.add({spot("DL1QXA", 1002, 1500, OVL_ORVEL_L, "JO31"), spot("DL1QXA", 1002, 1500, OVL_ORVEL_L, "JO32")});
     log.add({spot("F5QXY", 1003), spot("OK2QJB", 1003)});  // of two stations
-    log.add({spot("F5QXY", 1003 + 30.592)});               // one right behind another
+    log.add({spot("F5QXY", 1003 + 30.592)});               // one directly after another
     EXPECT_EQ(released(log, HUGE_VAL).size(), 9U);
 }
 
-TEST(TheLogOfSpots, AStationIsHeardAgainLater) {
+TEST(TheLogOfSpots, AStationIsReportedAgainLater) {
     SpotLog log(SpotLog::Order::END);
     for (int k = 0; k < 200; k++) {
         const double end = 1000 + 600 * k;

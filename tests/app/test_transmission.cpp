@@ -63,11 +63,11 @@ TEST(Steps, WhatIsNoStepIsRefusedWithTheReason) {
                   "'" + std::string(text) + "': a step is one of opera, orvel-s, orvel-l, carrier, pause");
     }
     for (const char* text : {"opera=", "orvel-s=", "orvel-l=", "orvel-l=,JO31", "opera=ABCDEFGHIJKLMNOP", "opera=,"}) {
-        EXPECT_EQ(step_error(text), "'" + std::string(text) + "': a callsign of 1 to 15 characters expected");
+        EXPECT_EQ(step_error(text), "'" + std::string(text) + "': expected a callsign of 1 to 15 characters");
     }
     EXPECT_EQ(step_error("orvel-l=DL1QXA"), "'orvel-l=DL1QXA': an ORVEL L frame needs a locator: orvel-l=CALL,LOCATOR");
     for (const char* text : {"orvel-l=DL1QXA,", "orvel-l=DL1QXA,ABCDEFGH"}) {
-        EXPECT_EQ(step_error(text), "'" + std::string(text) + "': a locator of 4 or 6 characters expected");
+        EXPECT_EQ(step_error(text), "'" + std::string(text) + "': expected a locator of 4 or 6 characters");
     }
     EXPECT_EQ(step_error("opera=K2QRX,JO31"), "'opera=K2QRX,JO31': OPERA 05 frames carry no locator");
     EXPECT_EQ(step_error("orvel-s=K2QRX,JO31"), "'orvel-s=K2QRX,JO31': ORVEL S frames carry no locator");
@@ -79,7 +79,7 @@ TEST(Steps, SecondsAreAFiniteNumberAndNothingElse) {
          {"", " ", "x", "2s", " 2", "2 ", "1,5", "0x10", "inf", "-inf", "nan", "infinity", "1e999", "+2", "2=2"}) {
         for (const char* name : {"carrier=", "pause="}) {
             const std::string text = std::string(name) + value;
-            EXPECT_EQ(step_error(text), "'" + text + "': seconds expected behind the '='");
+            EXPECT_EQ(step_error(text), "'" + text + "': expected seconds after the '='");
         }
     }
 }

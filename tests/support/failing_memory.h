@@ -1,5 +1,5 @@
-// Memory that runs out on demand: counts what a call asks for, refuses a request of its own choice, and tells what was
-// not given back.
+// Memory that runs out on demand: counts what a call asks for, refuses a chosen request, and reports what was not
+// freed.
 //
 //     FailingMemory memory(3);  // the third request fails
 //     ovl_decoder* decoder = memory.watch([] { return ovl_create(); });
@@ -21,7 +21,7 @@
 // Which requests a FailingMemory refuses.
 enum class Refuses {
     ONE,         // the n-th
-    ALL_FURTHER  // the n-th and all behind it
+    ALL_FURTHER  // the n-th and all after it
 };
 
 // Watches calls: the requests that their thread makes until they return. Blocks may be freed at any later time and by
@@ -72,12 +72,12 @@ class FailingMemory {
     std::size_t peak_bytes_ = 0;
 };
 
-// Lets an attempt fail in every way there is: with its first, second, … request refused, alone and then with all that
-// follow, until it makes no more. attempt(memory) makes a call that the memory watches, looks at what came of it, and
-// frees that; when nothing was refused, it must be what always comes of it. Whatever the attempt leaves behind is a
-// failure. Returns the last request that was refused.
+// Makes an attempt fail in every way there is: with its first, second, … request refused, alone and then with all that
+// follow, until it makes no more. attempt(memory) makes a call that the memory watches, checks the result, and frees
+// it; when nothing was refused, it must be the usual result. Whatever the attempt leaks is a failure. Returns the last
+// request that was refused.
 //
-//   stride   of the requests behind the first 20, only every so many are refused: for what would take too long
+//   stride   of the requests after the first 20, only every stride-th is refused: for what would take too long
 template <class Attempt>
 int64_t refuse_each_request(Attempt attempt, int64_t stride = 1) {
     constexpr int64_t ALWAYS = 20;
@@ -89,10 +89,10 @@ int64_t refuse_each_request(Attempt attempt, int64_t stride = 1) {
             SCOPED_TRACE(testing::Message() << "request " << n << (refuses == Refuses::ONE ? "" : " and all further"));
             FailingMemory memory(n, refuses);
             attempt(memory);
-            EXPECT_EQ(memory.live_blocks(), 0) << memory.live_bytes() << " bytes are left behind";
+            EXPECT_EQ(memory.live_blocks(), 0) << memory.live_bytes() << " bytes are leaked";
             refused = memory.has_refused();
             if (refused) most = n > most ? n : most;
-            if (testing::Test::HasFailure()) return most;  // the same again and again tells nothing
+            if (testing::Test::HasFailure()) return most;  // the same again and again is no news
         }
         EXPECT_FALSE(refused);
     }

@@ -1,4 +1,4 @@
-// Writes the example recordings and, beside each, the truth: one JSON object a line and station.
+// Writes the example recordings and the truth of each: one JSON object per line and station.
 //
 //     make_recordings DIRECTORY
 #include <sndfile.h>

@@ -95,7 +95,7 @@ ProcessResult run_process(const std::vector<std::string>& arguments, const Proce
 }
 
 RunningProcess::RunningProcess(const std::vector<std::string>& arguments, const ProcessInput& input) {
-    // The program closes its copies of our ends as it starts. A write behind its end is an error, not our end.
+    // The program closes its copies of our ends as it starts. A write after its end is an error, not our end.
     std::array<int, 2> in{};
     std::array<int, 2> out{};
     if (pipe2(in.data(), O_CLOEXEC) != 0 || pipe2(out.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe");

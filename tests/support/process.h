@@ -1,4 +1,4 @@
-// Runs a program as a shell would, and tells what came out of it.
+// Runs a program as a shell would, and returns its output and status.
 #pragma once
 
 #include <sys/types.h>
@@ -24,7 +24,8 @@ struct ProcessResult {
 // arguments[0] is the program, with its path. Throws std::runtime_error when it cannot be started.
 ProcessResult run_process(const std::vector<std::string>& arguments, const ProcessInput& input = {});
 
-// A program that runs beside the test, which writes its standard input through a pipe and reads what it prints.
+// A program that runs concurrently with the test, which writes its standard input through a pipe and reads what it
+// prints.
 class RunningProcess {
   public:
     // input.stdin_file is not used; what the program prints can be read when the output is not taken away.

@@ -1,6 +1,6 @@
 // Signal generator for tests, benchmarks and the example recordings: keyed stations in white noise.
 //
-// SNR convention, kept everywhere: the mean power of the whole frame (keyed chips and pauses together) against the
+// SNR convention, kept everywhere: the mean power of the whole frame (keyed chips and pauses together) relative to the
 // noise power in 2500 Hz. Key-down power is higher by chips / ON chips of the frame, 3.0 dB for an OPERA frame.
 //   real samples  signal A²/2, noise noise_rms² · 2500 / (rate / 2)
 //   I/Q           signal A²,   noise noise_rms² · 2500 / rate

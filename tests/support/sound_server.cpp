@@ -38,7 +38,7 @@ std::string find_program(const std::string& name) {
     return "";
 }
 
-// Whether the condition holds, asked again and again for so long.
+// Whether the condition becomes true within a time, by polling.
 template <typename Condition>
 bool holds_within(double seconds, Condition condition) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
@@ -72,7 +72,7 @@ std::string content(const std::string& path) {
     return text.str();
 }
 
-// Variables that lead to no sound but what `directory` offers: its asound.conf is all that ALSA knows.
+// Variables that hide all sound but what `directory` offers: its asound.conf is all that ALSA knows.
 Environment sound_from(const std::string& directory, const std::string& socket) {
     return {{"ALSA_CONFIG_PATH", directory + "/asound.conf"},
             {"PULSE_SERVER", "unix:" + socket},
@@ -223,7 +223,7 @@ void SoundServer::restart() {
 // ---- No server -------------------------------------------------------------------------------------------------
 
 SoundlessMachine::SoundlessMachine() {
-    // ALSA lists names behind which there is no server. Without any name PortAudio runs into an assertion of its own.
+    // ALSA lists names without a server. Without any name PortAudio runs into one of its own assertions.
     write_file(directory_.path() + "/asound.conf", ALSA_DEVICES);
 }
 

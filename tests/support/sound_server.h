@@ -1,9 +1,8 @@
-// Sound for tests on machines without sound hardware: a PulseAudio server with one sink that nobody hears, whose
-// monitor records what is played on it. Programs reach it as ALSA devices. It needs no rights and touches no other
-// server.
+// Sound for tests on machines without sound hardware: a PulseAudio server with one silent sink, whose monitor records
+// what is played on it. Programs reach it as ALSA devices. It needs no rights and touches no other server.
 //
 //     SoundServer server;
-//     enter(server.environment());   // before the first ovl_audio_ call: PortAudio looks at it once in a process
+//     enter(server.environment());   // before the first ovl_audio_ call: PortAudio reads it once in a process
 #pragma once
 
 #include <sys/types.h>
@@ -46,7 +45,7 @@ class SoundServer {
     Environment environment() const;
 
     pid_t pid() const { return pid_; }  // 0 when it does not run
-    void pause();                       // it stands still, its connections stay
+    void pause();                       // it stalls, its connections stay
     void resume();
     void stop();   // it says goodbye to its clients and ends
     void crash();  // it ends on the spot

@@ -76,7 +76,7 @@ inline Map score_map(const ov_baseband& bb, double chip_s, double search_hz, dou
     if (!map.fits) return map;
     const auto cell = [&](int64_t p, int64_t b) { return static_cast<std::size_t>(p * map.nbins + b); };
 
-    // e^(-j2πk/M), so that a bin is one table look-up a sample.
+    // e^(-j2πk/M), so that a bin is one table look-up per sample.
     std::vector<Complex> turn;
     for (int64_t k = 0; k < map.nfft; ++k)
         turn.push_back(std::polar(1.0, -2 * std::numbers::pi * static_cast<double>(k) / static_cast<double>(map.nfft)));
@@ -327,7 +327,7 @@ inline double snr_on_off(const ov_hyp& hyp, const std::vector<uint8_t>& on, doub
     return to_decibel(ratio, chip_s);
 }
 
-// Powers of all bins more than 15 beside the carrier, over all windows in which it runs unbroken.
+// Powers of all bins more than 15 from the carrier, over all windows in which it runs unbroken.
 inline std::vector<float> noise_beside_carrier(const ov_baseband& bb, int32_t chip_len, const ov_hyp& hyp,
                                                const std::vector<uint8_t>& on) {
     std::vector<float> list;
