@@ -15,11 +15,11 @@
 #include <fstream>
 #include <iostream>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "command.h"
+#include "json_value.h"
 #include "liborvel.h"
 #include "process.h"
 #include "siggen.h"
@@ -158,10 +158,10 @@ double utc_seconds(const std::string& text) {
     return static_cast<double>(timegm(&date)) + second;
 }
 
-Frame frame_of(const nlohmann::json& object, double start) {
+Frame frame_of(const JsonValue& object, double start) {
     return {object.at("call"),    object.at("protocol"),
             object.at("locator"), start,
-            object.at("freq_hz"), object.at("snr_db").is_number() ? object.at("snr_db").get<double>() : -99.0};
+            object.at("freq_hz"), object.at("snr_db").is_number() ? object.at("snr_db").number() : -99.0};
 }
 
 std::ostream& operator<<(std::ostream& out, const Frame& frame) {
@@ -216,7 +216,7 @@ TEST_F(Days, ListeningPrintsWhatTheRecordingHoldsOnceAtTheRightTimeInMemoryThatS
     std::vector<Frame> printed;
     double last_end = -1;
     const auto take = [&](const std::string& line) {
-        const auto object = nlohmann::json::parse(line);
+        const auto object = JsonValue::parse(line);
         const double end = utc_seconds(object.at("utc_end")) - start_utc;
         EXPECT_GE(end, last_end) << "out of order: " << line;
         last_end = end;
@@ -265,7 +265,7 @@ TEST_F(Days, ListeningPrintsWhatTheRecordingHoldsOnceAtTheRightTimeInMemoryThatS
     EXPECT_EQ(decoded.err, "");
     std::vector<Frame> found;
     for (const std::string& line : lines_of(decoded.out)) {
-        const auto object = nlohmann::json::parse(line);
+        const auto object = JsonValue::parse(line);
         found.push_back(frame_of(object, object.at("t_start")));
     }
 
