@@ -14,8 +14,6 @@
 #include <limits>
 #include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
-#include <regex>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -23,7 +21,9 @@
 #include <vector>
 
 #include "command.h"
+#include "json_value.h"
 #include "liborvel.h"
+#include "pattern.h"
 #include "process.h"
 #include "siggen.h"
 
@@ -176,7 +176,7 @@ TEST_F(AirCommands, ARenderedSequenceIsDecoded) {
     const std::vector<std::tuple<const char*, const char*, const char*, double>> expected = {
         {"OPERA 05", "K2QRX", "", 5}, {"ORVEL S", "G4QZB", "", second}, {"ORVEL L", "DL1QXA", "JO31", third}};
     for (std::size_t k = 0; k < lines.size(); k++) {
-        const auto object = nlohmann::json::parse(lines[k]);
+        const auto object = JsonValue::parse(lines[k]);
         const auto& [protocol, call, locator, start] = expected[k];
         EXPECT_EQ(object.at("protocol"), protocol);
         EXPECT_EQ(object.at("call"), call);
@@ -308,22 +308,19 @@ struct Heard {
 
 // Seconds after midnight of a time near 2026-01-01; such a time has two decimals.
 double seconds_of(const std::string& text) {
-    static const std::regex pattern(R"(^(2025-12-31|2026-01-01)T(\d\d):(\d\d):(\d\d\.\d\d)Z$)");
-    std::smatch match;
-    if (!std::regex_match(text, match, pattern)) {
+    const auto match = match_of(text, R"((2025-12-31|2026-01-01)T(\d\d):(\d\d):(\d\d\.\d\d)Z)");
+    if (!match) {
         ADD_FAILURE() << "no such time: " << text;
         return 0;
     }
-    return (match[1] == "2025-12-31" ? -86400 : 0) + 3600 * std::stod(match[2]) + 60 * std::stod(match[3]) +
-           std::stod(match[4]);
+    const auto number = [&](std::size_t group) { return std::stod(match->at(group)); };
+    return (match->at(1) == "2025-12-31" ? -86400 : 0) + 3600 * number(2) + 60 * number(3) + number(4);
 }
 
 Heard heard_in(const std::string& line) {
-    const auto object = nlohmann::ordered_json::parse(line);
-    Arguments names;
-    for (const auto& [name, value] : object.items()) names.push_back(name);
-    EXPECT_EQ(names, (Arguments{"utc_start", "utc_end", "freq_hz", "drift_hz_s", "snr_db", "protocol", "call",
-                                "locator", "deep"}));
+    const auto object = JsonValue::parse(line);
+    EXPECT_EQ(object.names(), (Arguments{"utc_start", "utc_end", "freq_hz", "drift_hz_s", "snr_db", "protocol", "call",
+                                         "locator", "deep"}));
     EXPECT_TRUE(object.at("freq_hz").is_number());
     EXPECT_TRUE(object.at("drift_hz_s").is_number());
     EXPECT_TRUE(object.at("snr_db").is_number() || object.at("snr_db").is_null());
@@ -396,7 +393,7 @@ TEST_F(AirCommands, ListeningFindsWhatTheDecoderFindsEachFrameOnceInOrderOfItsEn
         orvel({"decode", "--json", "--search=80", write("audio.wav", wave_file(1, 1, 12000, 16, samples))});
     EXPECT_GE(lines_of(decoded.out).size(), truth.size() - 2) << decoded.out;
     for (const std::string& line : lines_of(decoded.out)) {
-        const auto object = nlohmann::json::parse(line);
+        const auto object = JsonValue::parse(line);
         EXPECT_EQ(times_heard(object.at("call"), object.at("protocol"), object.at("t_start")), 1) << line;
     }
     EXPECT_EQ(heard.size(), truth.size()) << result.out;
@@ -428,7 +425,7 @@ TEST_F(AirCommands, TenStrongStationsAtOnceAreAllFound) {
                                           "OH3QKJ", "OK2QJB", "SM5QAB", "VK2QQ", "ZL2QX"};
     for (const std::string& out : {decoded.out, result.out}) {
         std::vector<std::string> calls;
-        for (const std::string& line : lines_of(out)) calls.push_back(nlohmann::json::parse(line).at("call"));
+        for (const std::string& line : lines_of(out)) calls.push_back(JsonValue::parse(line).at("call"));
         std::sort(calls.begin(), calls.end());
         EXPECT_EQ(calls, all) << out;
     }
@@ -555,10 +552,9 @@ TEST_F(AirCommands, TheTableShowsWhatJsonShows) {
     const auto lines = lines_of(listen(file, {"--rate=12000", MIDNIGHT, OPERA}).out);
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_EQ(lines[0], "                   UTC  frequency Hz  drift Hz/s  SNR dB  protocol  callsign  locator");
-    EXPECT_TRUE(std::regex_match(
+    EXPECT_TRUE(match_of(
         lines[1],
-        std::regex(
-            R"(2026-01-01T00:00:0[23]\.\dZ  +14(79|80)\.\d\d  +[+-]0\.\d{3}  +-1[123]\.\d  OPERA 05  K2QRX     -)")))
+        R"(2026-01-01T00:00:0[23]\.\dZ  +14(79|80)\.\d\d  +[+-]0\.\d{3}  +-1[123]\.\d  OPERA 05  K2QRX     -)"))
         << lines[1];
 }
 
@@ -593,7 +589,7 @@ TEST_F(AirCommands, WithoutAStartTheNewestSampleHasJustCome) {
     const double after = now();
     ASSERT_EQ(lines_of(result.out).size(), 1U) << result.out;
     std::tm time{};
-    const std::string text = nlohmann::json::parse(result.out).at("utc_start");
+    const std::string text = JsonValue::parse(result.out).at("utc_start");
     ASSERT_NE(strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &time), nullptr) << text;
     const auto start = static_cast<double>(timegm(&time));
     EXPECT_GE(start, before - 37 - 1.5);  // the frame begins 37 s before the newest sample

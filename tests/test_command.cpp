@@ -11,15 +11,15 @@
 #include <fstream>
 #include <limits>
 #include <map>
-#include <nlohmann/json.hpp>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "command.h"
+#include "json_value.h"
 #include "liborvel.h"
+#include "pattern.h"
 #include "process.h"
 #include "recordings.h"
 
@@ -38,26 +38,21 @@ struct Row {
     std::string protocol, call, locator;
 };
 Row parse_row(const std::string& line) {
-    static const std::regex pattern(
-        R"(^ *(-?\d+\.\d{3})  +(-?\d+\.\d\d)  +([+-]\d+\.\d{3})  +([+-]\d+\.\d)  (OPERA 05|ORVEL S|ORVEL L)  +(\w+)  +(-|\w+)$)");
-    std::smatch match;
-    if (!std::regex_match(line, match, pattern)) {
+    const auto match = match_of(
+        line,
+        R"( *(-?\d+\.\d{3})  +(-?\d+\.\d\d)  +([+-]\d+\.\d{3})  +([+-]\d+\.\d)  (OPERA 05|ORVEL S|ORVEL L)  +(\w+)  +(-|\w+))");
+    if (!match) {
         ADD_FAILURE() << "no row of the table: " << line;
         return {};
     }
-    return {std::stod(match[1]),
-            std::stod(match[2]),
-            std::stod(match[3]),
-            std::stod(match[4]),
-            match[5],
-            match[6],
-            match[7]};
+    const auto number = [&](std::size_t group) { return std::stod(match->at(group)); };
+    return {number(1), number(2), number(3), number(4), match->at(5), match->at(6), match->at(7)};
 }
 
-std::vector<nlohmann::json> truth_of(const std::string& name) {
-    std::vector<nlohmann::json> stations;
+std::vector<JsonValue> truth_of(const std::string& name) {
+    std::vector<JsonValue> stations;
     std::ifstream file(shipped(name + ".jsonl"));
-    for (std::string line; std::getline(file, line);) stations.push_back(nlohmann::json::parse(line));
+    for (std::string line; std::getline(file, line);) stations.push_back(JsonValue::parse(line));
     EXPECT_FALSE(stations.empty());
     return stations;
 }
@@ -111,10 +106,10 @@ TEST_F(Command, JsonAgreesWithTheTable) {
     ASSERT_FALSE(objects.empty());
     for (std::size_t k = 0; k < objects.size(); ++k) {
         const Row row = parse_row(rows[k + 1]);
-        const auto object = nlohmann::json::parse(objects[k]);
+        const auto object = JsonValue::parse(objects[k]);
         EXPECT_EQ(object.at("file"), file);
         EXPECT_NEAR(object.at("t_start"), row.time, 0.00051);
-        EXPECT_NEAR(object.at("t_end").get<double>() - object.at("t_start").get<double>(), 30.592, 1e-9);
+        EXPECT_NEAR(object.at("t_end").number() - object.at("t_start").number(), 30.592, 1e-9);
         EXPECT_NEAR(object.at("freq_hz"), row.freq, 0.0051);
         EXPECT_NEAR(object.at("drift_hz_s"), row.drift, 0.00051);
         EXPECT_NEAR(object.at("snr_db"), row.snr, 0.051);
@@ -134,7 +129,7 @@ TEST_F(Command, SeveralFilesAreToldApart) {
 
     std::map<std::string, int> spots;
     for (const std::string& line : lines_of(orvel({"decode", "--json", first, second}).out)) {
-        ++spots[nlohmann::json::parse(line).at("file")];
+        ++spots[JsonValue::parse(line).at("file")];
     }
     EXPECT_EQ(spots[first], static_cast<int>(truth_of("audio-crowded").size()));
     EXPECT_EQ(spots[second], static_cast<int>(truth_of("audio-edges").size()));
@@ -148,7 +143,7 @@ std::map<std::string, double> decoded(const Arguments& arguments) {
     EXPECT_EQ(result.status, 0) << result.err;
     std::map<std::string, double> calls;
     for (const std::string& line : lines_of(result.out)) {
-        const auto object = nlohmann::json::parse(line);
+        const auto object = JsonValue::parse(line);
         calls.emplace(object.at("call"), object.at("freq_hz"));
     }
     return calls;
@@ -216,9 +211,9 @@ std::vector<std::string> protocols_found(const Arguments& arguments) {
     all.insert(all.end(), arguments.begin(), arguments.end());
     std::vector<std::string> protocols;
     for (const std::string& line : lines_of(orvel(all).out)) {
-        const auto object = nlohmann::json::parse(line);
-        protocols.push_back(object.at("protocol").get<std::string>() + " " + object.at("call").get<std::string>() +
-                            object.at("locator").get<std::string>());
+        const auto object = JsonValue::parse(line);
+        protocols.push_back(object.at("protocol").text() + " " + object.at("call").text() +
+                            object.at("locator").text());
     }
     std::sort(protocols.begin(), protocols.end());
     return protocols;
@@ -235,7 +230,7 @@ TEST_F(Command, ProtocolsAreChosenByName) {
     EXPECT_EQ(protocols_found({"--protocols", "orvel-l", file}), std::vector{all[1]});
 
     const std::string table = orvel({"decode", "--protocols", "orvel-l", file}).out;
-    EXPECT_TRUE(std::regex_search(table, std::regex(R"(ORVEL L +DL1QXA +JO31\n)"))) << table;
+    EXPECT_TRUE(first_match(table, R"(ORVEL L +DL1QXA +JO31\n)")) << table;
 }
 
 // ---- orvel encode ---------------------------------------------------------------------------------------------------
@@ -255,7 +250,7 @@ TEST_F(Command, EncodePrintsTheChipsOfAFrame) {
     const std::string long_frame = chips_as_text(OVL_ORVEL_L, "G4QZB", "IO91");
     EXPECT_EQ(orvel({"encode", "G4QZB", "io91"}).out, long_frame + "\n");
 
-    const auto object = nlohmann::json::parse(orvel({"encode", "G4QZB", "IO91", "--json"}).out);
+    const auto object = JsonValue::parse(orvel({"encode", "G4QZB", "IO91", "--json"}).out);
     EXPECT_EQ(object.at("protocol"), "ORVEL L");
     EXPECT_EQ(object.at("call"), "G4QZB");
     EXPECT_EQ(object.at("locator"), "IO91");
@@ -311,7 +306,7 @@ TEST_F(Command, KnownCallsignsAreFoundBelowTheOrdinaryThreshold) {
     EXPECT_EQ(orvel({"decode", "--json", file}).out, "");
     const ProcessResult result = orvel({"decode", "--json", "--known", "K2QRX,G4QZB", file});
     ASSERT_EQ(lines_of(result.out).size(), 1U) << result.out;
-    const auto object = nlohmann::json::parse(result.out);
+    const auto object = JsonValue::parse(result.out);
     EXPECT_EQ(object.at("call"), "G4QZB");
     EXPECT_EQ(object.at("deep"), true);
 }
@@ -341,7 +336,7 @@ TEST_F(Command, FileNamesThatAreNoUtf8MakeValidJson) {
     std::filesystem::copy_file(shipped("audio-crowded.wav"), file);
     const ProcessResult result = orvel({"decode", "--json", file});
     EXPECT_EQ(result.status, 0);
-    for (const std::string& line : lines_of(result.out)) EXPECT_TRUE(nlohmann::json::accept(line)) << line;
+    for (const std::string& line : lines_of(result.out)) EXPECT_TRUE(JsonValue::accept(line)) << line;
     EXPECT_EQ(lines_of(result.out).size(), truth_of("audio-crowded").size());
 }
 
@@ -529,7 +524,7 @@ TEST_F(Command, AProgramInCDecodesThroughTheSharedLibrary) {
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(lines_of(result.out).size(), truth_of("audio-crowded").size());
     for (const auto& station : truth_of("audio-crowded")) {
-        EXPECT_NE(result.out.find(station.at("call").get<std::string>()), std::string::npos) << station;
+        EXPECT_NE(result.out.find(station.at("call").text()), std::string::npos) << station;
     }
 
     const ProcessResult nothing = run_process({ORVEL_C_EXAMPLE, "8000"});

@@ -11,13 +11,13 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "command.h"
+#include "json_value.h"
 #include "liborvel.h"
 #include "process.h"
 #include "siggen.h"
@@ -109,8 +109,8 @@ AssertionResult failed_with(const ProcessResult& result, const Arguments& texts)
 AssertionResult holds_the_frame(const std::string& out, const std::string& file = {}) {
     const auto lines = lines_of(out);
     if (lines.size() != 1 || !out.ends_with('\n')) return AssertionFailure() << "not one line:\n" << out;
-    if (!nlohmann::json::accept(lines[0])) return AssertionFailure() << "no JSON: " << lines[0];
-    const auto object = nlohmann::json::parse(lines[0]);
+    if (!JsonValue::accept(lines[0])) return AssertionFailure() << "no JSON: " << lines[0];
+    const auto object = JsonValue::parse(lines[0]);
     if (object.at("call") != "K2QRX") return AssertionFailure() << out;
     if (!file.empty() && object.at("file") != file) return AssertionFailure() << object.at("file") << ", not " << file;
     return AssertionSuccess();
@@ -219,7 +219,7 @@ TEST_F(Faults, AFileThatMayNotGrowIsAFailureAndHoldsWhatWentIntoIt) {
         std::ifstream written(spots);
         std::string line;
         ASSERT_TRUE(std::getline(written, line)) << command;
-        EXPECT_TRUE(nlohmann::json::accept(line)) << line;
+        EXPECT_TRUE(JsonValue::accept(line)) << line;
     }
     const std::string audio = write("audio.raw", samples());
     for (const Arguments& command : {Arguments{"encode", "K2QRX"}, listening({"--json", "--every=15"})}) {
@@ -280,7 +280,7 @@ TEST_F(Faults, AFileThatShrinksIsDecodedAsFarAsItWent) {
         }
         std::filesystem::resize_file(file, 44 + samples().size());
         for (const std::string& more : lines_of(process.read_rest(PATIENCE_S))) {
-            EXPECT_TRUE(nlohmann::json::accept(more)) << more;
+            EXPECT_TRUE(JsonValue::accept(more)) << more;
         }
         const auto result = process.wait(PATIENCE_S);
         ASSERT_TRUE(result) << command;
@@ -310,7 +310,7 @@ TEST_F(Faults, APipeIsNoRecordingAndBlocksNothing) {
         RunningProcess process(orvel_arguments({command, "--json", pipe, good}));
         const auto line = process.read_line(PATIENCE_S);
         ASSERT_TRUE(line) << command << " waits for the pipe";
-        EXPECT_TRUE(nlohmann::json::accept(*line)) << *line;
+        EXPECT_TRUE(JsonValue::accept(*line)) << *line;
         process.read_rest(PATIENCE_S);
         const auto result = process.wait(PATIENCE_S);
         ASSERT_TRUE(result);
@@ -339,7 +339,7 @@ const std::vector<int> ENDING = {SIGINT, SIGTERM, SIGHUP};
 // All that a command printed before it was ended is whole lines of JSON.
 void expect_whole_lines(const std::string& out) {
     EXPECT_TRUE(out.empty() || out.ends_with('\n')) << out;
-    for (const std::string& line : lines_of(out)) EXPECT_TRUE(nlohmann::json::accept(line)) << line;
+    for (const std::string& line : lines_of(out)) EXPECT_TRUE(JsonValue::accept(line)) << line;
 }
 
 TEST_F(Faults, SignalsEndEveryCommandFromItsStartOn) {
@@ -572,7 +572,7 @@ TEST_F(Faults, TenThousandFilesAreNoTrouble) {
                                 [](const std::string& line) { return line.find("none'") != std::string::npos; }),
                   4999);
         ASSERT_FALSE(result.out.empty());
-        EXPECT_EQ(nlohmann::json::parse(lines_of(result.out).back()).at("file"), good);
+        EXPECT_EQ(JsonValue::parse(lines_of(result.out).back()).at("file"), good);
     }
 }
 
@@ -595,8 +595,8 @@ TEST_F(Faults, NamesOfEveryKindAreTakenAndMakeValidJson) {
         const ProcessResult scanned = orvel({"scan", "--json", file});
         ASSERT_FALSE(scanned.out.empty());
         for (const std::string& line : lines_of(scanned.out)) {
-            ASSERT_TRUE(nlohmann::json::accept(line)) << line;
-            EXPECT_EQ(nlohmann::json::parse(line).at("file"), path(shown));
+            ASSERT_TRUE(JsonValue::accept(line)) << line;
+            EXPECT_EQ(JsonValue::parse(line).at("file"), path(shown));
         }
         EXPECT_EQ(orvel({"plot", "--no-decode", "-o", file + ".svg", file}).status, 0) << name;
         EXPECT_EQ(orvel({"simulate", "--seconds=1", "-o", file, "--truth", file + ".jsonl"}).status, 0) << name;

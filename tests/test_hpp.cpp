@@ -1,5 +1,6 @@
 // The C++ face of the library: that each function reaches its C counterpart, what it throws, and that owners own.
 #include "liborvel.hpp"
+#include "pattern.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -13,7 +14,6 @@
 #include <limits>
 #include <new>
 #include <numeric>
-#include <regex>
 #include <set>
 #include <string>
 #include <utility>
@@ -85,21 +85,17 @@ TEST(CppHeader, HasAFaceForEveryFunctionOfTheCHeader) {
     const auto names_in = [](const char* path) {
         std::ifstream file(path);
         const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-        static const std::regex name(R"(\b(ovl_\w+)\b)");
         std::set<std::string> names;
-        for (std::sregex_iterator match(text.begin(), text.end(), name), end; match != end; ++match) {
-            names.insert((*match)[1]);
-        }
+        for (const Match& match : all_matches(text, R"(\bovl_\w+\b)")) names.insert(match[0]);
         return names;
     };
     const std::set<std::string> used = names_in(ORVEL_CPP_HEADER);
     int32_t functions = 0;
     std::ifstream file(ORVEL_HEADER);
-    const std::regex declaration(R"(^OVL_API .*?\b(ovl_\w+)\()");
-    std::smatch match;
     for (std::string line; std::getline(file, line);) {
-        if (!std::regex_search(line, match, declaration)) continue;
-        EXPECT_TRUE(used.contains(match[1])) << match[1];
+        const auto declaration = first_match(line, R"(^OVL_API .*?\b(ovl_\w+)\()");
+        if (!declaration) continue;
+        EXPECT_TRUE(used.contains(declaration->at(1))) << line;
         functions++;
     }
     EXPECT_GT(functions, 30);

@@ -7,13 +7,13 @@
 #include <fstream>
 #include <iterator>
 #include <map>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "command.h"
+#include "pattern.h"
 
 namespace {
 
@@ -67,14 +67,16 @@ constexpr const char* OPTIONAL_VALUE = "=";  // before the name of a value that 
 
 // What the help lists: names of an option and of its value, "" for a flag. What continues a description is further in.
 std::map<std::string, std::string> options_of(const std::string& subcommand) {
-    static const std::regex pattern(R"(^  (-[^ =\[]+)(?:\[(=[A-Z]+)\]| ([A-Z][A-Z:,]*))?(?:  .*)?$)");
     std::map<std::string, std::string> options;
-    std::smatch match;
     for (const std::string& line : lines_of(help_of(subcommand))) {
         if (!line.starts_with("  -")) continue;
-        EXPECT_TRUE(std::regex_match(line, match, pattern)) << line;
-        std::istringstream names(match[1]);
-        for (std::string name; std::getline(names, name, ',');) options[name] = match[2].str() + match[3].str();
+        const auto match = match_of(line, R"(  (-[^ =\[]+)(?:\[(=[A-Z]+)\]| ([A-Z][A-Z:,]*))?(?:  .*)?)");
+        if (!match) {
+            ADD_FAILURE() << line;
+            continue;
+        }
+        std::istringstream names(match->at(1));
+        for (std::string name; std::getline(names, name, ',');) options[name] = match->at(2) + match->at(3);
     }
     EXPECT_TRUE(options.contains("--help")) << subcommand;
     return options;
@@ -126,7 +128,7 @@ TEST(Help, IsAsWideAsTheTerminal) {
         const std::string script = "stty cols " + std::to_string(width) + " && '" ORVEL_COMMAND "' decode --help";
         const ProcessResult result = run_process({"/usr/bin/script", "-qec", script, "/dev/null"}, input);
         EXPECT_EQ(result.status, 0) << result.out << result.err;
-        const std::ptrdiff_t widest = widest_line(std::regex_replace(result.out, std::regex("\r"), ""));
+        const std::ptrdiff_t widest = widest_line(replaced(result.out, "\r", ""));
         EXPECT_LE(widest, width) << result.out;
         EXPECT_GT(widest, width - 10) << result.out;
     }
@@ -139,14 +141,13 @@ TEST(Help, BreaksLinesBetweenWordsAndLosesNone) {
         EXPECT_EQ(in_one_line(help_of(subcommand, "80")), words);
     }
     // The completions have the descriptions whole.
-    static const std::regex option(R"(.* -n '(?:__fish_seen_subcommand_from )?([a-z_]+)'.* -d '(.*)')");
     int32_t descriptions = 0;
     for (const std::string& line : lines_of(contents(ORVEL_COMPLETIONS "/orvel.fish"))) {
-        std::smatch match;
-        if (!std::regex_match(line, match, option)) continue;
+        const auto option = match_of(line, R"(.* -n '(?:__fish_seen_subcommand_from )?([a-z_]+)'.* -d '(.*)')");
+        if (!option) continue;
         descriptions++;
-        const std::string description = std::regex_replace(match[2].str(), std::regex(R"(\\(.))"), "$1");
-        const std::string help = in_one_line(help_of(match[1] == "__fish_use_subcommand" ? "" : match[1].str()));
+        const std::string description = replaced(option->at(2), R"(\\(.))", "$1");
+        const std::string help = in_one_line(help_of(option->at(1) == "__fish_use_subcommand" ? "" : option->at(1)));
         EXPECT_NE(help.find(in_one_line(description)), std::string::npos) << line;
     }
     EXPECT_GT(descriptions, 70);
@@ -317,7 +318,7 @@ class Completion : public TestWithFiles {
         const ProcessResult result = run_process({"/usr/bin/fish", "--no-config", "-c", script});
         EXPECT_EQ(result.status, 0) << result.err;
         EXPECT_EQ(result.err, "");
-        return lines_as_set(std::regex_replace(result.out, std::regex("\t[^\n]*"), ""));  // without descriptions
+        return lines_as_set(replaced(result.out, "\t[^\n]*", ""));  // without descriptions
     }
 
     // The arguments that zsh's completion gives to _arguments for a subcommand.
@@ -397,12 +398,11 @@ TEST_F(Completion, OfFishOffersValues) {
 
 TEST_F(Completion, OfZshOffersTheSubcommandsAndTheirOptions) {
     // Each is "(exclusions)name[explanation]:message:action", of which the first part may be missing.
-    static const std::regex option_form(R"(^(?:\([^)]*\))?(-[-a-z]+)\[.*)");
     for (const std::string& subcommand : all_commands()) {
         Names offered;
-        std::smatch match;
         for (const std::string& line : zsh_arguments(subcommand)) {
-            if (std::regex_match(line, match, option_form)) offered.insert(match[1]);
+            const auto option = match_of(line, R"((?:\([^)]*\))?(-[-a-z]+)\[.*)");
+            if (option) offered.insert(option->at(1));
         }
         EXPECT_EQ(offered, names_of(options_of(subcommand))) << subcommand;
     }

@@ -9,7 +9,6 @@
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -18,6 +17,7 @@
 
 #include "base/utc.h"
 #include "command.h"
+#include "json_value.h"
 
 namespace {
 
@@ -83,13 +83,13 @@ TEST_F(OnAir, DevicesAreListed) {
     int inputs = 0;
     int outputs = 0;
     for (const std::string& line : lines_of(orvel({"devices", "--json"}, surroundings()).out)) {
-        const auto device = nlohmann::json::parse(line);
-        EXPECT_FALSE(device.at("name").get<std::string>().empty());
+        const auto device = JsonValue::parse(line);
+        EXPECT_FALSE(device.at("name").text().empty());
         EXPECT_EQ(device.at("system"), "ALSA");
-        EXPECT_GT(device.at("default_rate").get<double>(), 0);
-        EXPECT_GE(device.at("input_channels").get<int>() + device.at("output_channels").get<int>(), 1);
-        inputs += device.at("default_input").get<bool>() ? 1 : 0;
-        outputs += device.at("default_output").get<bool>() ? 1 : 0;
+        EXPECT_GT(device.at("default_rate").number(), 0);
+        EXPECT_GE(device.at("input_channels").number() + device.at("output_channels").number(), 1);
+        inputs += device.at("default_input").truth() ? 1 : 0;
+        outputs += device.at("default_output").truth() ? 1 : 0;
     }
     EXPECT_EQ(inputs, 1);
     EXPECT_EQ(outputs, 1);
@@ -132,11 +132,11 @@ TEST_F(OnAir, WhatIsSentIsReceivedAndAStalledInputIsReopened) {
     ASSERT_TRUE(says("no audio for 5 s", 12)) << messages();
     const auto line = listener->read_line(5);
     ASSERT_TRUE(line.has_value()) << messages();
-    const auto spot = nlohmann::json::parse(*line);
+    const auto spot = JsonValue::parse(*line);
     EXPECT_EQ(spot.at("call"), "K2QRX");
     EXPECT_EQ(spot.at("protocol"), "ORVEL S");
-    EXPECT_NEAR(spot.at("freq_hz").get<double>(), 1455, 0.3);
-    const auto heard = parse_utc(spot.at("utc_start").get<std::string>(), 0);
+    EXPECT_NEAR(spot.at("freq_hz").number(), 1455, 0.3);
+    const auto heard = parse_utc(spot.at("utc_start").text(), 0);
     ASSERT_TRUE(heard.has_value());
     EXPECT_NEAR(*heard, start, 0.2);
 
@@ -156,7 +156,7 @@ TEST_F(OnAir, CtrlCPrintsWhatWasReceivedSinceTheLastDecode) {
     listener->send_signal(SIGINT);
     const auto line = listener->read_line(5);
     ASSERT_TRUE(line.has_value()) << messages();
-    EXPECT_EQ(nlohmann::json::parse(*line).at("call"), "DL1QXA");
+    EXPECT_EQ(JsonValue::parse(*line).at("call"), "DL1QXA");
     EXPECT_EQ(end_of(*listener, 5), 0);
 }
 

@@ -6,11 +6,11 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "iqread.h"
+#include "json_value.h"
 #include "liborvel.h"
 #include "ovpipe.h"
 #include "recordings.h"
@@ -104,7 +104,7 @@ TEST(Recordings, TruthFilesTellWhatTheGeneratorPutIn) {
         for (std::string line; std::getline(file, line); ++k) {
             ASSERT_LT(k, recording.senders.size()) << recording.name;
             const Station& station = recording.scene.stations[k];
-            const auto truth = nlohmann::json::parse(line);
+            const auto truth = JsonValue::parse(line);
             EXPECT_EQ(truth.at("call"), recording.senders[k].call);
             EXPECT_EQ(truth.at("protocol"), ovl_proto_name(recording.senders[k].protocol));
             EXPECT_EQ(truth.at("locator"), recording.senders[k].locator);

@@ -19,9 +19,7 @@
 #include <limits>
 #include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <numbers>
-#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -29,7 +27,9 @@
 #include <vector>
 
 #include "command.h"
+#include "json_value.h"
 #include "liborvel.h"
+#include "pattern.h"
 #include "process.h"
 #include "siggen.h"
 
@@ -42,10 +42,10 @@ std::string shipped(const std::string& name) {
     return std::string(ORVEL_RECORDINGS) + "/" + name;
 }
 
-std::vector<nlohmann::json> truth_of(const std::string& name) {
-    std::vector<nlohmann::json> stations;
+std::vector<JsonValue> truth_of(const std::string& name) {
+    std::vector<JsonValue> stations;
     std::ifstream file(shipped(name + ".jsonl"));
-    for (std::string line; std::getline(file, line);) stations.push_back(nlohmann::json::parse(line));
+    for (std::string line; std::getline(file, line);) stations.push_back(JsonValue::parse(line));
     EXPECT_FALSE(stations.empty());
     return stations;
 }
@@ -173,15 +173,12 @@ Scene scene(int32_t rate, double seconds, const std::vector<Station>& stations) 
 
 // ---- Spots ----------------------------------------------------------------------------------------------------------
 
-using Spots = std::vector<nlohmann::json>;
+using Spots = std::vector<JsonValue>;
 
 // The objects of an output, without the name of the file.
 Spots objects_of(const ProcessResult& result) {
     Spots spots;
-    for (const std::string& line : lines_of(result.out)) {
-        spots.push_back(nlohmann::json::parse(line));
-        EXPECT_EQ(spots.back().erase("file"), 1U) << line;
-    }
+    for (const std::string& line : lines_of(result.out)) spots.push_back(JsonValue::parse(line).without("file"));
     return spots;
 }
 
@@ -218,8 +215,8 @@ ProcessResult orvel_within_memory(const Arguments& arguments) {
 #endif
 }
 
-double number(const nlohmann::json& spot, const char* field) {
-    return spot.at(field).get<double>();
+double number(const JsonValue& spot, const char* field) {
+    return spot.at(field).number();
 }
 
 std::vector<std::string> calls_of(const Spots& spots) {
@@ -237,7 +234,7 @@ struct Tolerance {
 void expect_alike(const Spots& spots, const Spots& expected, const Tolerance& tolerance) {
     EXPECT_EQ(calls_of(spots), calls_of(expected));
     for (const auto& model : expected) {
-        const auto same = [&](const nlohmann::json& spot) {
+        const auto same = [&](const JsonValue& spot) {
             return spot.at("call") == model.at("call") && spot.at("protocol") == model.at("protocol") &&
                    spot.at("locator") == model.at("locator") &&
                    std::fabs(number(spot, "t_start") - number(model, "t_start")) <= tolerance.time_s &&
@@ -245,7 +242,7 @@ void expect_alike(const Spots& spots, const Spots& expected, const Tolerance& to
                    std::fabs(number(spot, "snr_db") - number(model, "snr_db")) <= tolerance.snr_db;
         };
         EXPECT_EQ(std::count_if(spots.begin(), spots.end(), same), 1) << model << " among\n"
-                                                                      << nlohmann::json(spots).dump(1);
+                                                                      << testing::PrintToString(spots);
     }
 }
 
@@ -371,7 +368,7 @@ TEST_F(RecordingsCommand, OneChannelOfSeveralMayBeTaken) {
     ASSERT_FALSE(mean.empty());
     for (const auto& spot : mean) {
         const auto model = std::find_if(expected.begin(), expected.end(),
-                                        [&](const nlohmann::json& each) { return each.at("call") == spot.at("call"); });
+                                        [&](const JsonValue& each) { return each.at("call") == spot.at("call"); });
         ASSERT_NE(model, expected.end()) << spot;
         EXPECT_NEAR(number(spot, "snr_db"), number(*model, "snr_db") - 3, 1.5) << spot;
     }
@@ -692,7 +689,7 @@ class LongRecordings : public RecordingsCommand {
         for (const Station& sent : long_scene().stations) {
             if (sent.freq_hz < low_hz || sent.freq_hz > high_hz) continue;
             expected++;
-            const auto near = [&](const nlohmann::json& spot) {
+            const auto near = [&](const JsonValue& spot) {
                 return std::fabs(number(spot, "t_start") - sent.t_start) < 0.012 &&
                        std::fabs(number(spot, "freq_hz") - sent.freq_hz) < 0.5 &&
                        std::fabs(number(spot, "snr_db") - sent.snr_db) < 4;
@@ -705,7 +702,7 @@ class LongRecordings : public RecordingsCommand {
     // The frames that no end of the recording cuts off.
     static Spots within(const Spots& spots) {
         Spots whole;
-        std::copy_if(spots.begin(), spots.end(), std::back_inserter(whole), [](const nlohmann::json& spot) {
+        std::copy_if(spots.begin(), spots.end(), std::back_inserter(whole), [](const JsonValue& spot) {
             return number(spot, "t_start") >= 0 && number(spot, "t_end") <= 400;
         });
         return whole;
@@ -831,7 +828,7 @@ TEST_F(WideIq, ABandThatDoesNotFitIsOneLine) {
 
 bool lists(const Spots& hits, double freq_hz) {
     return std::any_of(hits.begin(), hits.end(),
-                       [&](const nlohmann::json& hit) { return std::fabs(number(hit, "freq_hz") - freq_hz) <= 5; });
+                       [&](const JsonValue& hit) { return std::fabs(number(hit, "freq_hz") - freq_hz) <= 5; });
 }
 
 TEST_F(RecordingsCommand, ScanListsTheStationsOfEveryShippedRecording) {
@@ -844,7 +841,7 @@ TEST_F(RecordingsCommand, ScanListsTheStationsOfEveryShippedRecording) {
         // Weak shadows of the strongest may follow them.
         EXPECT_LE(hits.size(), truth.size() + 3) << name;
         for (std::size_t k = 0; k < hits.size(); k++) {
-            ASSERT_EQ(hits[k].size(), 4U) << hits[k];
+            ASSERT_EQ(hits[k].names().size(), 4U) << hits[k];
             EXPECT_EQ(number(hits[k], "t_from"), 0);
             EXPECT_GT(number(hits[k], "t_to"), 39);
             EXPECT_GE(number(hits[k], "z"), 6);
@@ -863,16 +860,15 @@ TEST_F(RecordingsCommand, ScanShowsATableOfWhatJsonHolds) {
     ASSERT_EQ(rows.size(), 1 + hits.size());
     ASSERT_FALSE(hits.empty());
     EXPECT_EQ(rows[0], "   from s       to s  frequency Hz        z");
-    static const std::regex pattern(R"(^ *(-?\d+\.\d)  +(\d+\.\d)  +(-?\d+\.\d)  +(\d+\.\d)$)");
     for (std::size_t k = 0; k < hits.size(); k++) {
-        std::smatch match;
-        ASSERT_TRUE(std::regex_match(rows[k + 1], match, pattern)) << rows[k + 1];
+        const auto match = match_of(rows[k + 1], R"( *(-?\d+\.\d)  +(\d+\.\d)  +(-?\d+\.\d)  +(\d+\.\d))");
+        ASSERT_TRUE(match) << rows[k + 1];
         const std::array<const char*, 4> fields = {"t_from", "t_to", "freq_hz", "z"};
         for (std::size_t field = 0; field < fields.size(); field++) {
-            EXPECT_NEAR(std::stod(match[field + 1]), number(hits[k], fields[field]), 0.051) << rows[k + 1];
+            EXPECT_NEAR(std::stod(match->at(field + 1)), number(hits[k], fields[field]), 0.051) << rows[k + 1];
         }
     }
-    EXPECT_EQ(nlohmann::json::parse(lines_of(run_json("scan", {"--iq", file}).out)[0]).at("file"), file);
+    EXPECT_EQ(JsonValue::parse(lines_of(run_json("scan", {"--iq", file}).out)[0]).at("file"), file);
 
     const std::string audio = shipped("audio-edges.wav");
     EXPECT_EQ(orvel({"scan", audio, audio}).out,
@@ -1065,12 +1061,11 @@ TEST_F(OnATerminal, ALineShowsTheProgressOfALongRecording) {
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(bytes_of(path("out")), orvel(arguments).out);
     EXPECT_NE(result.bytes.find("'" + file + "'  ....................    0 %  0 spots"), std::string::npos);
-    static const std::regex under_way(R"(#+\.+ +\d+ % +\d+\.\d x real time +\d+:\d\d left +\d+ spots?)");
-    EXPECT_TRUE(std::regex_search(result.bytes, under_way)) << result.bytes;
-    static const std::regex complete(R"(#{20}  100 % +\d+\.\d x real time +0:00 left +(\d+) spots)");
-    std::smatch match;
-    ASSERT_TRUE(std::regex_search(result.bytes, match, complete)) << result.bytes;
-    EXPECT_EQ(std::stoul(match[1]), lines_of(orvel(arguments).out).size() - 1);
+    EXPECT_TRUE(first_match(result.bytes, R"(#+\.+ +\d+ % +\d+\.\d x real time +\d+:\d\d left +\d+ spots?)"))
+        << result.bytes;
+    const auto complete = first_match(result.bytes, R"(#{20}  100 % +\d+\.\d x real time +0:00 left +(\d+) spots)");
+    ASSERT_TRUE(complete) << result.bytes;
+    EXPECT_EQ(std::stoul(complete->at(1)), lines_of(orvel(arguments).out).size() - 1);
     EXPECT_EQ(screen_of(result.bytes), std::vector<std::string>{""}) << "the line is cleared at the end";
 }
 

@@ -5,21 +5,19 @@
 #include <cstdio>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
+
+#include "pattern.h"
 
 namespace {
 
 std::set<std::string> declared_functions() {
     std::ifstream file(ORVEL_HEADER);
     const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    static const std::regex declaration(R"(\bOVL_API\s+[a-z][^;()]*?(\w+)\s*\()");
     std::set<std::string> names;
-    for (std::sregex_iterator match(text.begin(), text.end(), declaration), end; match != end; ++match) {
-        names.insert((*match)[1]);
-    }
+    for (const Match& match : all_matches(text, R"(\bOVL_API\s+[a-z][^;()]*?(\w+)\s*\()")) names.insert(match[1]);
     return names;
 }
 
@@ -48,10 +46,8 @@ TEST(SharedLibrary, ExportsExactlyTheFunctionsOfItsHeader) {
 TEST(SharedLibrary, EveryFunctionNamedInTheHeaderIsDeclaredForExport) {
     std::ifstream file(ORVEL_HEADER);
     const std::set<std::string> declared = declared_functions();
-    static const std::regex prototype(R"(^[a-z_][\w *]*?(ovl_\w+)\()");  // one without OVL_API in front
-    std::smatch match;
     for (std::string line; std::getline(file, line);) {
-        if (std::regex_search(line, match, prototype)) ADD_FAILURE() << match[1] << " lacks OVL_API";
+        EXPECT_FALSE(first_match(line, R"(^[a-z_][\w *]*?(ovl_\w+)\()")) << line << " lacks OVL_API";
     }
 }
 
