@@ -3,6 +3,7 @@
 //
 //     bench_decode [seconds of audio] [sample rate]      default 60 12000
 //     bench_decode growth                                from 30 s to 30 min: time, and memory beyond the samples
+//     bench_decode spread                                a minute in spread mode beside the plain mode
 #include <fftw3.h>
 #include <malloc.h>
 #include <sys/resource.h>
@@ -103,6 +104,45 @@ double measure_floor(const std::vector<double>& x, int32_t rate) {
     return seconds;
 }
 
+// ---- Spread mode -----------------------------------------------------------------------------------------------
+
+// Least CPU time of one decode by the C interface, s.
+double decode_seconds(const std::vector<double>& x, int32_t rate, double spread_hz) {
+    const std::vector<float> samples(x.begin(), x.end());
+    ovl_decoder* const decoder = ovl_create();
+    ovl_settings settings;
+    ovl_settings_default(&settings);
+    settings.spread_hz = spread_hz;
+    std::vector<ovl_result> results(64);
+    const double seconds = least_seconds([&] {
+        ovl_decode(decoder, samples.data(), static_cast<int32_t>(samples.size()), rate, &settings, results.data(),
+                   static_cast<int32_t>(results.size()));
+    });
+    ovl_destroy(decoder);
+    return seconds;
+}
+
+void report_spread() {
+    constexpr int32_t RATE = 12000;
+    constexpr double SECONDS = 60;
+    const std::vector<double> noise = render_real(noise_scene(SECONDS, RATE));
+    const std::vector<double> busy = render_real(busy_scene(SECONDS, RATE, 10));
+    std::printf("%.0f s at %d Hz, CPU milliseconds, and how many times the plain mode\n", SECONDS, RATE);
+    std::printf("%-10s %12s %8s %14s %8s\n", "spread, Hz", "noise", "ratio", "ten stations", "ratio");
+    double plain_noise_s = 0;
+    double plain_busy_s = 0;
+    for (const double spread_hz : {0.0, 10.0, 20.0, 50.0}) {
+        const double noise_s = decode_seconds(noise, RATE, spread_hz);
+        const double busy_s = decode_seconds(busy, RATE, spread_hz);
+        if (spread_hz == 0) {
+            plain_noise_s = noise_s;
+            plain_busy_s = busy_s;
+        }
+        std::printf("%-10.0f %12.1f %8.1f %14.1f %8.1f\n", spread_hz, 1e3 * noise_s, noise_s / plain_noise_s,
+                    1e3 * busy_s, busy_s / plain_busy_s);
+    }
+}
+
 // ---- Growth with the length of a block -------------------------------------------------------------------------
 
 double peak_memory_mb() {
@@ -179,6 +219,10 @@ void report(const char* name, const Stages& s, double floor_s) {
 int main(int argc, char** argv) {
     if (argc > 1 && std::string(argv[1]) == "growth") {
         report_growth();
+        return 0;
+    }
+    if (argc > 1 && std::string(argv[1]) == "spread") {
+        report_spread();
         return 0;
     }
     const double seconds = argc > 1 ? std::atof(argv[1]) : 60;

@@ -14,6 +14,8 @@
 #include "chipmeter.h"
 #include "multiversion.h"
 #include "ovcdec.h"
+#include "spreadgrid.h"
+#include "spreadmeter.h"
 
 namespace {
 
@@ -99,29 +101,28 @@ StartGrid starts_around(int32_t start, const Steps& steps) {
     return {start - steps.reach, 2 * steps.reach / steps.step + 1, steps.step};
 }
 
-// Measures hypotheses and hands them to a judge, start by start.
+// Measures hypotheses of a map without spread and hands them to a judge, start by start. Its counterpart for a spread
+// is SpreadGrid.
 class HypothesisGrid {
   public:
     HypothesisGrid(const ov_baseband& bb, const ov_specmap& map, const std::function<void(const ov_measured&)>& judge)
-        : bb_(bb),
-          map_(map),
-          judge_(judge),
-          meter_(bb, map.chip_len, map.frame_chips),
-          drift_meter_(bb, map.chip_len, map.frame_chips) {}
+        : judge_(judge), meter_(bb, map.chip_len, map.frame_chips), drift_meter_(bb, map.chip_len, map.frame_chips) {}
 
     // The starts with 2·n + 1 frequencies step_hz apart around f.
     void measure(const StartGrid& starts, double f, int32_t n, double step_hz, double drift) {
         freqs_.clear();
         for (int32_t i = -n; i <= n; i++) freqs_.push_back(f + i * step_hz);
-        if (map_.spread == 0) meter_.measure(starts, freqs_, drift);
+        meter_.measure(starts, freqs_, drift);
         for (int32_t s = 0; s < starts.count; s++) {
-            for (std::size_t i = 0; i < freqs_.size(); i++) judge_at(starts, s, i, drift);
+            for (std::size_t i = 0; i < freqs_.size(); i++) {
+                judge_({starts.at(s), freqs_[i], drift, meter_.energies(s, i), meter_.measured(s)});
+            }
         }
     }
 
     // One start with the frequencies and drifts of the grid.
     void measure_drifts(int32_t start, const DriftGrid& grid) {
-        const bool together = map_.spread == 0 && drift_meter_.measure(start, grid);
+        const bool together = drift_meter_.measure(start, grid);
         for (int32_t j = -grid.n_drifts; j <= grid.n_drifts; j++) {
             if (j == 0) continue;
             if (!together) {
@@ -136,23 +137,37 @@ class HypothesisGrid {
     }
 
   private:
-    void judge_at(const StartGrid& starts, int32_t s, std::size_t i, double drift) {
-        if (map_.spread == 0) {
-            judge_({starts.at(s), freqs_[i], drift, meter_.energies(s, i), meter_.measured(s)});
-            return;
-        }
-        std::array<float, OV_MAX_CHIPS> energy;
-        const int32_t n_in = ov_chip_energies_sp(bb_, map_, starts.at(s), freqs_[i], drift, energy.data());
-        judge_({starts.at(s), freqs_[i], drift, energy.data(), n_in});
-    }
-
-    const ov_baseband& bb_;
-    const ov_specmap& map_;
     const std::function<void(const ov_measured&)>& judge_;
     ChipMeter meter_;
     DriftMeter drift_meter_;
     std::vector<double> freqs_;
 };
+
+// The stages of a refinement, each around what the stage before it found, not around its own running best. -1 when the
+// first of them found nothing.
+template <class Grid>
+int search_stages(Grid& grid, const ov_specmap& map, int32_t start, double f, double drift_max, const ov_hyp& best) {
+    grid.measure(starts_around(start, coarse_start_steps(map.hop)), f, 4, map.bin_hz / 4, 0);
+    if (!(best.metric > -1e299)) return -1;
+
+    if (drift_max > 0) {
+        const DriftSteps steps = drift_steps(map, drift_max);
+        grid.measure_drifts(best.start, {best.f, map.bin_hz / 4, 2, steps.unit, steps.n});
+    }
+    grid.measure(starts_around(best.start, fine_start_steps(map.hop)), best.f, 2, map.bin_hz / 16, best.drift);
+    return 0;
+}
+
+// ov_chip_energies_sp, quickly where there is memory for it.
+int32_t measure_frame(const ov_baseband& bb, const ov_specmap& map, int32_t start, double f, double drift, float* out) {
+    if (map.spread != 0) {
+        try {
+            return SpreadFrameMeter(bb, map).measure(start, f, drift, out);
+        } catch (const std::bad_alloc&) {  // column by column needs none
+        }
+    }
+    return ov_chip_energies_sp(bb, map, start, f, drift, out);
+}
 
 // Replaces best by a measured hypothesis that has enough chips and scores strictly higher.
 void judge_hyp(const ov_specmap& map, const ov_measured& measured, int32_t min_chips, ov_hyp& best) {
@@ -246,17 +261,14 @@ int ov_refine(const ov_baseband& bb, const ov_specmap& map, const ov_cand& cand,
 int ov_search_around(const ov_baseband& bb, const ov_specmap& map, int32_t start, double f, double drift_max,
                      ov_hyp& best, const std::function<void(const ov_measured&)>& judge) {
     try {
-        HypothesisGrid grid(bb, map, judge);
-        grid.measure(starts_around(start, coarse_start_steps(map.hop)), f, 4, map.bin_hz / 4, 0);
-        if (!(best.metric > -1e299)) return -1;
-
-        // Each stage searches around what the stage before it found, not around its own running best.
-        if (drift_max > 0) {
-            const DriftSteps steps = drift_steps(map, drift_max);
-            grid.measure_drifts(best.start, {best.f, map.bin_hz / 4, 2, steps.unit, steps.n});
+        if (map.spread == 0) {
+            HypothesisGrid grid(bb, map, judge);
+            return search_stages(grid, map, start, f, drift_max, best);
         }
-        grid.measure(starts_around(best.start, fine_start_steps(map.hop)), best.f, 2, map.bin_hz / 16, best.drift);
-        return 0;
+        SpreadGrid grid(bb, map, best, judge);
+        const int result = search_stages(grid, map, start, f, drift_max, best);
+        grid.finish();
+        return result;
     } catch (const std::bad_alloc&) {
         return -1;
     }
@@ -272,7 +284,7 @@ int ov_fit_shift(const ov_baseband& bb, const ov_specmap& map, const ov_hyp& hyp
                  ov_hyp& out) {
     out = hyp;
     out.start = hyp.start + shift * map.chip_len;
-    out.n_in = ov_chip_energies_sp(bb, map, out.start, out.f, out.drift, out.energy);
+    out.n_in = measure_frame(bb, map, out.start, out.f, out.drift, out.energy);
     if (out.n_in < ov_chips_needed(edge, map.frame_chips)) return -1;
     energies_to_soft(out.energy, map.pairs, out.noise, map.noise_rescale, out.soft);
     out.metric = layout_metric(map, out.soft);
