@@ -865,7 +865,27 @@ void refuse_refinement(Refine refine) {
 
 TEST(RefinementMemory, ACandidateIsRefinedOrLeft) {
     const Received received;
-    refuse_refinement([&](ov_hyp& hyp) { return ov_refine(received.bb, received.map, received.cand, 0.1, 0.2, hyp); });
+    ov_specmap map = received.map;
+    for (const int32_t spread : {0, 5}) {
+        map.spread = spread;
+        refuse_refinement([&](ov_hyp& hyp) { return ov_refine(received.bb, map, received.cand, 0.1, 0.2, hyp); });
+    }
+}
+
+TEST(RefinementMemory, AFrameMovedByChipsIsMeasuredWithoutIt) {
+    const Received received;
+    ov_specmap map = received.map;
+    map.spread = 5;
+    ov_hyp reference{};
+    ASSERT_EQ(ov_fit_shift(received.bb, map, received.hyp, 2, 0.2, reference), 0);
+    EXPECT_GT(refuse_each_request([&](FailingMemory& memory) {
+                  ov_hyp hyp{};
+                  const int result =
+                      memory.watch([&] { return ov_fit_shift(received.bb, map, received.hyp, 2, 0.2, hyp); });
+                  EXPECT_EQ(result, 0);
+                  EXPECT_TRUE(same_hypothesis(hyp, reference));
+              }),
+              5);
 }
 
 TEST(RefinementMemory, ADeepHitIsRefinedOrLeft) {
