@@ -401,31 +401,44 @@ void SpreadMeter::measure(const StartGrid& starts, const FreqGrid& freqs, double
     }
 }
 
+// Weights whose outputs are the coefficients of the even and the odd series of S within reach_hz, `terms` of each. They
+// follow from S at the nodes of these series.
+void SpreadMeter::set_series(double reach_hz, std::size_t terms) {
+    std::vector<double> nodes = positive_nodes(terms);
+    std::vector<double> polynomials;  // a row for each degree
+    ChebyshevPolynomials at_nodes(nodes);
+    for (std::size_t degree = 0; degree < 2 * terms; degree++) {
+        polynomials.insert(polynomials.end(), at_nodes.values().begin(), at_nodes.values().end());
+        at_nodes.advance();
+    }
+    for (double& node : nodes) node *= reach_hz;
+    set_weights(reach_hz, nodes, terms, [&](std::size_t degree, std::span<const double> sums, std::span<double> out) {
+        for (std::size_t i = 0; i < terms; i++) {
+            const std::size_t q = 2 * i + degree % 2;
+            const double product = std::inner_product(sums.begin(), sums.end(), polynomials.data() + q * terms, 0.0);
+            out[i] = (q == 0 ? 1.0 : 2.0) / static_cast<double>(terms) * product;
+        }
+    });
+}
+
+// Offsets of the hypotheses with drifts above 0, as shares of the reach; those with drifts below 0 have the opposite
+// ones.
+void SpreadMeter::set_offsets(std::size_t chip, double reach_hz) {
+    double* offset = offsets_.data();
+    for (int32_t j = 1; j <= drifts_.n_drifts; j++) {
+        for (int32_t i = -drifts_.n_freqs; i <= drifts_.n_freqs; i++) {
+            *offset++ = (i * drifts_.step_hz + j * drifts_.unit * from_middle_s(chip)) / reach_hz;
+        }
+    }
+}
+
 bool SpreadMeter::measure_drifts(int32_t start, const DriftGrid& grid) {
     const double reach_hz =
         grid.n_freqs * std::fabs(grid.step_hz) + grid.n_drifts * std::fabs(grid.unit * from_middle_s(0));
     const double phi = 2 * std::numbers::pi * reach_hz * static_cast<double>(chip_len_) / rate_;
     if (!(phi > 0 && phi <= MAX_REACH)) return false;
-
-    // The outputs are the coefficients of the even and the odd series, which follow from sums at their own nodes.
     const std::size_t terms = pairs_for(phi);
-    offsets_ = positive_nodes(terms);
-    std::vector<double> polynomials;
-    ChebyshevPolynomials at_offsets(offsets_);
-    for (std::size_t q = 0; q < 2 * terms; q++) {
-        polynomials.insert(polynomials.end(), at_offsets.values().begin(), at_offsets.values().end());
-        at_offsets.advance();
-    }
-    for (double& offset : offsets_) offset *= reach_hz;
-    set_weights(reach_hz, offsets_, terms,
-                [&](std::size_t degree, std::span<const double> sums, std::span<double> out) {
-                    for (std::size_t i = 0; i < terms; i++) {
-                        const std::size_t q = 2 * i + degree % 2;
-                        const double* const row = polynomials.data() + q * terms;
-                        out[i] = (q == 0 ? 1.0 : 2.0) / static_cast<double>(terms) *
-                                 std::inner_product(sums.begin(), sums.end(), row, 0.0);
-                    }
-                });
+    set_series(reach_hz, terms);
     pairs_.prepare(node_hz_, 1, 1);
     const Weights weights{even_.data(), odd_.data(), node_hz_.size(), outputs_};
 
@@ -446,12 +459,7 @@ bool SpreadMeter::measure_drifts(int32_t start, const DriftGrid& grid) {
             continue;
         }
         measured_[0]++;
-        double* offset = offsets_.data();
-        for (int32_t j = 1; j <= grid.n_drifts; j++) {
-            for (int32_t i = -grid.n_freqs; i <= grid.n_freqs; i++) {
-                *offset++ = (i * grid.step_hz + j * grid.unit * from_middle_s(chip)) / reach_hz;
-            }
-        }
+        set_offsets(chip, reach_hz);
         pairs_.measure(first, grid.f);
         combine(pairs_.half_sum(0), pairs_.half_difference(0), weights, combined_.data());
         sum_series(combined_.data(), combined_.data() + outputs_, terms, offsets_.data(), offsets_.size(), plus_.data(),

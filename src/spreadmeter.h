@@ -48,8 +48,8 @@ struct FreqGrid {
     int32_t n;
 };
 
-// What ChipMeter and DriftMeter are without a spread: energies to nine digits or so. Keeps its memory from one
-// measurement to the next. The baseband must outlive it. One thread at a time.
+// What ChipMeter and DriftMeter are without a spread; the last bit of an energy may be another. Keeps its memory from
+// one measurement to the next. The baseband must outlive it. One thread at a time.
 class SpreadMeter {
   public:
     // For frames of the map's layout, summed over its spread.
@@ -76,6 +76,8 @@ class SpreadMeter {
     using Share = std::function<void(std::size_t degree, std::span<const double> sums, std::span<double> out)>;
 
     void set_weights(double reach_hz, std::span<const double> offsets_hz, std::size_t outputs, const Share& share);
+    void set_series(double reach_hz, std::size_t terms);
+    void set_offsets(std::size_t chip, double reach_hz);
     double from_middle_s(std::size_t chip) const;
 
     PairMeter pairs_;
