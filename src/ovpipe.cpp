@@ -59,8 +59,9 @@ void remove_overlaps(const Search& search, SpotList& spots) {
             (a.contrast < b.contrast ? a : b).protocol = DROPPED;
         }
     }
-    const auto dropped = std::ranges::remove(found, DROPPED, &ov_spot::protocol);
-    spots.shrink(found.size() - dropped.size());
+    const auto end =
+        std::remove_if(found.begin(), found.end(), [](const ov_spot& spot) { return spot.protocol == DROPPED; });
+    spots.shrink(static_cast<std::size_t>(end - found.begin()));
 }
 
 // All searches that are asked for. False when memory for the lists of candidates is short.
