@@ -1265,7 +1265,7 @@ TEST_F(CaptureStream, IsStoppedAndClosedByAStopAStartAndTheEnd) {
 
 constexpr float UNTOUCHED = 7;  // louder than anything played
 
-// A carrier of n samples, the closing ramp included; at 8000 Hz 440 at least.
+// A carrier of that many samples, the closing ramp included; at 8000 Hz 440 at least.
 Transmitter prepared(int32_t samples, int32_t rate, double tone_hz) {
     Transmitter tx = make_transmitter();
     ovl_tx_settings settings;
