@@ -3,7 +3,7 @@
 //
 //     bench_decode [seconds of audio] [sample rate]      default 60 12000
 //     bench_decode growth                                from 30 s to 30 min: time, and memory beyond the samples
-//     bench_decode spread                                a minute in spread mode beside the plain mode
+//     bench_decode spread                                a minute in spread mode compared with the plain mode
 #include <fftw3.h>
 #include <malloc.h>
 #include <sys/resource.h>
@@ -106,7 +106,7 @@ double measure_floor(const std::vector<double>& x, int32_t rate) {
 
 // ---- Spread mode -----------------------------------------------------------------------------------------------
 
-// Least CPU time of one decode by the C interface, s.
+// Least CPU time of one decode through the C interface, s.
 double decode_seconds(const std::vector<double>& x, int32_t rate, double spread_hz) {
     const std::vector<float> samples(x.begin(), x.end());
     ovl_decoder* const decoder = ovl_create();
@@ -161,7 +161,7 @@ double resident_mb() {
     return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1024 * 1024);
 }
 
-double map_cells_a_second(int32_t rate) {
+double map_cells_per_second(int32_t rate) {
     ov_params params;
     ov_params_default(params);
     const std::vector<double> block = render_real(noise_scene(31, rate));
@@ -173,8 +173,8 @@ double map_cells_a_second(int32_t rate) {
     return cells;
 }
 
-// One decode of a block of noise by the C interface, in its own process, so that the peak of memory is its own.
-void report_growth(double seconds, int32_t rate, double cells_a_second) {
+// One decode of a block of noise through the C interface, in its own process, so that the peak of memory is its own.
+void report_growth(double seconds, int32_t rate, double cells_per_second) {
     std::fflush(stdout);
     malloc_trim(0);
     const pid_t child = fork();
@@ -194,7 +194,7 @@ void report_growth(double seconds, int32_t rate, double cells_a_second) {
     const double start = cpu_seconds();
     const int32_t found = ovl_decode(decoder, samples.data(), static_cast<int32_t>(n), rate, &settings, nullptr, 0);
     const double decode_s = cpu_seconds() - start;
-    const double limit_mb = (4 * cells_a_second * seconds * 2 + 16 * static_cast<double>(n)) / (1024 * 1024);
+    const double limit_mb = (4 * cells_per_second * seconds * 2 + 16 * static_cast<double>(n)) / (1024 * 1024);
     std::printf("%9.0f %12.1f %14.3f %12.1f %12.1f%s\n", seconds, 1e3 * decode_s, 1e3 * decode_s / seconds,
                 peak_memory_mb() - before_mb, limit_mb, found < 0 ? "   not decoded!" : "");
     std::fflush(stdout);
@@ -203,10 +203,11 @@ void report_growth(double seconds, int32_t rate, double cells_a_second) {
 
 void report_growth() {
     const int32_t rate = 12000;
-    const double cells_a_second = map_cells_a_second(rate);
+    const double cells_per_second = map_cells_per_second(rate);
     std::printf("noise at 12000 Hz; the limit is 8 bytes a map cell and 16 bytes a sample\n");
     std::printf("%9s %12s %14s %12s %12s\n", "seconds", "CPU ms", "CPU ms / s", "peak MB", "limit MB");
-    for (const double seconds : {30.0, 60.0, 120.0, 300.0, 600.0, 1800.0}) report_growth(seconds, rate, cells_a_second);
+    for (const double seconds : {30.0, 60.0, 120.0, 300.0, 600.0, 1800.0})
+        report_growth(seconds, rate, cells_per_second);
 }
 
 void report(const char* name, const Stages& s, double floor_s) {

@@ -1,5 +1,5 @@
-// Deep search with many known callsigns on one block, compared with its plain definition: every callsign adds the 119
-// signed rows of differences of every start row and keeps all its Z. Both search the same score map of noise with weak
+// Deep search with many known callsigns on one block, compared with its plain definition: for every start row, every
+// callsign sums 119 signed rows of differences, and every Z is kept. Both search the same score map of noise with weak
 // frames in it.
 //
 //     bench_deep [known callsigns] [seconds of audio]      default 256 120

@@ -1,5 +1,5 @@
-// How well the start of a transmission keeps the time it was asked for: carriers of half a second are played over our
-// own sound server and captured from its monitor, where the key-down edge is timed.
+// How accurately a transmission starts at the requested time: carriers of half a second are played over our own sound
+// server and captured from its monitor, where the key-down edge is timed.
 //
 // The error includes what the sound system misreports about its delays in both directions; the spread about its mean is
 // what differs from start to start.
@@ -27,7 +27,7 @@ constexpr int32_t CAPTURE_RATE = 12000;
 constexpr double TONE_HZ = CAPTURE_RATE / 4.0;  // two samples in a row are in quadrature
 constexpr double LEVEL = 0.5;
 constexpr double RAMP_S = 0.005;
-constexpr double FILTER_DELAY_S = 32.0 / DEVICE_RATE;  // of the low-pass in front of the captured samples
+constexpr double FILTER_DELAY_S = 32.0 / DEVICE_RATE;  // of the low-pass before the ring
 constexpr double LEAD_S = 1;
 
 using Audio = std::unique_ptr<ovl_audio, decltype(&ovl_audio_destroy)>;
@@ -37,8 +37,8 @@ double wall_clock() {
     return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
-// Blocks arrive more or less late, never early: the least delay counts.
-void look_at_clock(const Audio& in, double& first_sample_s) {
+// Blocks arrive late by varying amounts, never early: the least delay counts.
+void observe_clock(const Audio& in, double& first_sample_s) {
     ovl_audio_stats stats;
     ovl_audio_input_stats(in.get(), &stats);
     if (stats.captured_s > 0) {
@@ -79,7 +79,7 @@ int measure(int32_t n) {
     const double end = wall_clock() + 5;
     while (!(first_sample_s < end)) {
         if (wall_clock() > end) throw std::runtime_error("nothing is captured");
-        look_at_clock(in, first_sample_s);
+        observe_clock(in, first_sample_s);
     }
 
     ovl_tx_settings settings;
@@ -92,7 +92,7 @@ int measure(int32_t n) {
     carrier.kind = OVL_TX_CARRIER;
     carrier.seconds = 0.5;
     std::vector<double> wanted;
-    std::vector<double> first_samples;  // as each start saw it: the clocks of server and system drift apart
+    std::vector<double> first_samples;  // as observed at each start: the clocks of server and system drift apart
     for (int32_t i = 0; i < n; i++) {
         ovl_tx_start(tx.get(), &settings, &carrier, 1);
         wanted.push_back(wall_clock() + LEAD_S);
@@ -100,7 +100,7 @@ int measure(int32_t n) {
             throw std::runtime_error(ovl_audio_last_error(out.get()));
         }
         first_sample_s = std::numeric_limits<double>::infinity();
-        while (wall_clock() < wanted.back() + 0.8) look_at_clock(in, first_sample_s);
+        while (wall_clock() < wanted.back() + 0.8) observe_clock(in, first_sample_s);
         first_samples.push_back(first_sample_s);
         ovl_audio_stop_output(out.get());
     }

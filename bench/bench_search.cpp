@@ -27,8 +27,8 @@ double cpu_seconds() {
     return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
 }
 
-// Differences of single-precision scores in the last bits may swap two neighbours: the same number of candidates, and
-// all but a few at the same place.
+// Last-bit differences of single-precision scores may swap two neighbours, so the lists agree when they have the same
+// number of candidates, all but a few at the same place.
 bool agree(const std::vector<ov_cand>& a, const std::vector<ov_cand>& b) {
     if (a.size() != b.size()) return false;
     const auto missing = std::count_if(a.begin(), a.end(), [&](const ov_cand& x) {

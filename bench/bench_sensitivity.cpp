@@ -6,9 +6,9 @@
 //     bench_sensitivity MODE noise [hours]                             default 1
 //
 // MODE is opera, orvel-s, orvel-l, or deep-N: OPERA with N known callsigns, the sender's among them. The first form
-// prints the fraction decoded, other callsigns decoded, and over the decoded frames the root mean square errors of time
-// and frequency and the mean error of the measured SNR; last, the SNR at which half of the frames decode. The second
-// counts what is decoded in noise alone, all protocols on.
+// prints the fraction decoded, other callsigns decoded, and over the decoded frames the RMS errors of time and
+// frequency and the mean error of the measured SNR; last, the SNR at which half of the frames decode. The second counts
+// what is decoded in noise alone, all protocols on.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -52,7 +52,7 @@ std::string without_spaces(std::string text) {
     return text;
 }
 
-// Loads n callsigns, `first` in front.
+// Loads n callsigns, `first` as the first.
 void set_known(ovl_decoder* decoder, int32_t n, const std::string& first, Random& random) {
     std::string list = n > 0 ? first : "";
     for (int32_t i = 1; i < n; i++) list.append(" ").append(without_spaces(random.callsign()));

@@ -17,7 +17,7 @@ inline Scene noise_scene(double seconds, int32_t rate) {
     return scene;
 }
 
-// Stations of the three protocols by turns, spread over the default search band.
+// Stations of the three protocols in turn, spread over the default search band.
 inline Scene busy_scene(double seconds, int32_t rate, int32_t n_stations) {
     Scene scene = noise_scene(seconds, rate);
     Random random(3);

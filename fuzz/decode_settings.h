@@ -31,7 +31,7 @@ inline ovl_settings draw_settings(Input& input, int32_t rate) {
     return settings;
 }
 
-// Whether a search is one that a fuzzer can wait for: narrow, or so wide that it is refused at once.
+// Whether a search is one that a fuzzer can wait for: narrow, or so wide that it is refused immediately.
 inline bool is_quick(double search_hz, double spread_hz, int32_t n, int32_t rate) {
     constexpr double QUICK = 1 << 16;
     constexpr double REFUSED = 1 << 23;

@@ -102,7 +102,7 @@ class Model {
     bool unfiltered_ = false;
     int64_t ring_ = 0;
     int64_t frames_ = 0;
-    std::vector<float> kept_;  // at rates that are neither filtered nor reduced
+    std::vector<float> kept_;  // at rates that are neither filtered nor decimated
 };
 
 }  // namespace

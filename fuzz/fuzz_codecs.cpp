@@ -1,4 +1,4 @@
-// The codecs of callsigns, locators and message vectors, each way: what one direction makes the other inverts.
+// The codecs of callsigns, locators and message vectors in both directions: each direction inverts the other.
 #include "input.h"
 #include "orvel.h"
 #include "ovcdec.h"
@@ -63,7 +63,8 @@ void locator_value(Input& input) {
     if (value <= OV_MAX_LOC) expect(ov_pack_loc(text.data(), &back) == 0 && back == value);
 }
 
-// Vectors that are accepted are exactly those that are built; one time in two a built one with a few bits changed.
+// Vectors that are accepted are exactly those that are built; half of those tried are built ones with a few bits
+// changed.
 void message_vector(Input& input) {
     std::array<uint8_t, OVC_VECTOR_BITS> bits{};
     if (input.flag()) {

@@ -25,10 +25,10 @@ std::vector<std::string> split_words(const std::string& text) {
     return words;
 }
 
-// Thrown when all words were understood, in place of what they ask for.
+// Thrown once all words are understood, instead of running the subcommand.
 struct Parsed {};
 
-// What the words gave: nothing, or the text of what was thrown.
+// The outcome of parsing: nothing, or the text of the exception.
 std::optional<std::string> parse(CLI::App& app, const std::vector<std::string>& words) {
     std::vector<const char*> arguments;
     for (const std::string& word : words) arguments.push_back(word.c_str());

@@ -1,4 +1,4 @@
-// Encoding any texts: a frame that comes out is one of its protocol and says what went in.
+// Encoding any texts: a frame that comes out is one of its protocol and carries what went in.
 #include <cctype>
 #include <vector>
 
@@ -27,7 +27,7 @@ std::string upper(std::string text) {
     return text;
 }
 
-// The coded bits, one a pair.
+// The coded bits, one per pair.
 std::vector<uint8_t> coded_bits(const std::vector<uint8_t>& chips) {
     expect(chips[0] == 1);
     std::vector<uint8_t> bits;

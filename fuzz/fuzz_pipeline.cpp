@@ -1,4 +1,4 @@
-// What the command decodes recordings with: I/Q and whole bands, with parameters that the public calls do not show.
+// What the command decodes recordings with: I/Q and whole bands, with parameters that the public calls do not expose.
 #include "ovpipe.h"
 
 #include <vector>
@@ -10,7 +10,7 @@ namespace {
 
 constexpr int32_t MAX_SPOTS = 32;
 
-// Few candidates and tiles: what is examined later is examined in the same way.
+// Few candidates and tiles: later ones are examined in the same way.
 constexpr int32_t MAX_CANDIDATES = 12;
 constexpr int32_t MAX_TILES = 4;
 

@@ -1,4 +1,4 @@
-// The list of known callsigns: any text is taken, and what counts are its tokens that OPERA frames can carry.
+// The list of known callsigns: any text is accepted, and only tokens that OPERA frames can carry count.
 #include <memory>
 #include <string_view>
 
@@ -8,7 +8,7 @@
 namespace {
 
 constexpr int32_t MAX_KNOWN = 256;
-constexpr std::size_t MAX_TOKEN = 15;  // characters of a token that are looked at
+constexpr std::size_t MAX_TOKEN = 15;  // characters of a token that are read
 
 bool is_callsign(std::string_view token) {
     std::array<uint8_t, 239> chips;
@@ -46,7 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     const std::string error = ovl_last_error(decoder.get());
     expect(count >= 0 ? error.empty() : error == "too many known callsigns (max 256)");
 
-    // A decoder that knows nobody says so before it looks at the block.
+    // A decoder without known callsigns reports that before it examines the block.
     ovl_settings settings;
     ovl_settings_default(&settings);
     settings.known_only = 1;

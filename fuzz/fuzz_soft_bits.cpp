@@ -16,7 +16,7 @@ float any_float(Input& input) {
     return static_cast<float>(std::clamp(input.any_double(), -3e38, 3e38));
 }
 
-// Bytes, the frame of a callsign with bytes added, or likelihoods of energies; a few of them then anything.
+// Bytes, the frame of a callsign with bytes added, or likelihoods of energies; then a few of them become arbitrary.
 SoftBits draw_soft_bits(Input& input) {
     SoftBits soft{};
     const int32_t kind = input.int32(0, 2);

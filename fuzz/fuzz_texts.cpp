@@ -1,5 +1,5 @@
-// Texts of the command line on their own: steps, times, lengths, numbers, lists, bands and stations; and the files that
-// it names, of stations and of callsigns.
+// Parsers of the command line on their own: steps, times, lengths, numbers, lists, bands and stations; and the files
+// that it names, of stations and of callsigns.
 #include <cmath>
 
 #include "base/error.h"

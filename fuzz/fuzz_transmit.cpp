@@ -1,4 +1,4 @@
-// A transmitter used in any order: it never gives a sample above 1, says where it stands, and ends.
+// A transmitter used in any order: it never gives a sample above 1, reports its progress, and ends.
 #include <cmath>
 #include <memory>
 #include <numeric>

@@ -9,7 +9,7 @@
 #include <limits>
 #include <string>
 
-// A promise of the code under test. Broken, it ends the process; the stack that libFuzzer then prints says which.
+// A promise of the code under test. A broken one ends the process; the stack that libFuzzer then prints says which.
 inline void expect(bool kept) {
     if (!kept) std::abort();
 }
@@ -20,7 +20,7 @@ inline std::size_t bytes_for(int64_t low, int64_t high) {
     return span <= UINT8_MAX ? 1 : span <= UINT16_MAX ? 2 : span <= UINT32_MAX ? 4 : 8;
 }
 
-// Values in the order of the bytes, so that seeds can be written by hand (see make_corpus.cpp). Behind the end of the
+// Values in the order of the bytes, so that seeds can be written by hand (see make_corpus.cpp). Past the end of the
 // input every byte is 0.
 class Input {
   public:
@@ -52,7 +52,7 @@ class Input {
     // In [low, high], in 65535 steps.
     double number(double low, double high) { return low + (high - low) * raw<uint16_t>() / 65535.0; }
 
-    // Any number at all; often one that stands at the edge of something.
+    // Any number at all; often an edge case.
     double any_double() {
         constexpr double INFINITE = std::numeric_limits<double>::infinity();
         constexpr std::array EDGES = {

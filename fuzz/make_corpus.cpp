@@ -1,5 +1,5 @@
-// Writes the seeds of the fuzzers: make_corpus fuzz/corpus. A seed is the draws of its fuzzer in order, with the values
-// that make something happen; a fuzzer that draws in another order than before needs new seeds.
+// Writes the seeds of the fuzzers: make_corpus fuzz/corpus. A seed holds the draws of its fuzzer in order, with values
+// that make something happen; when a fuzzer changes the order of its draws, it needs new seeds.
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -27,7 +27,7 @@ void write(const std::string& fuzzer, const std::string& seed, const std::vector
     }
 }
 
-// The other side of Input.
+// The counterpart of Input.
 class Seed {
   public:
     Seed& integer(int64_t value, int64_t low, int64_t high) {
@@ -219,7 +219,7 @@ Seed decode_block(std::string_view known, int32_t n) {
     return seed;
 }
 
-// Behind the settings: room for 64 results, the whole block.
+// After the settings: room for 64 results, the whole block.
 Seed& whole(Seed& seed) {
     return seed.flag(true).flag(false);
 }

@@ -1,4 +1,4 @@
-// Bytes as a file that can be opened by its path and is gone with the object.
+// Bytes as a file that can be opened by its path and disappears with the object.
 #pragma once
 
 #include <sys/mman.h>

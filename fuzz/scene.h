@@ -1,5 +1,5 @@
-// Blocks of samples drawn from the bytes of an input: frames, carriers and noise, raw bytes, and numbers that no sample
-// should be. A few dozen bytes make a block in which the whole decoder has work to do.
+// Blocks of samples drawn from the bytes of an input: frames, carriers and noise, raw bytes, and values that no sample
+// should have. A few dozen bytes make a block in which the whole decoder has work to do.
 #pragma once
 
 #include <cmath>
@@ -121,7 +121,7 @@ inline void draw_samples(Input& input, int32_t rate, std::vector<double>& sample
     }
 }
 
-// Samples as the public calls take them: what is too large for a float becomes infinite.
+// Samples as the public calls take them: values too large for a float become infinite.
 inline std::vector<float> to_floats(const std::vector<double>& samples) {
     std::vector<float> floats(samples.size());
     std::transform(samples.begin(), samples.end(), floats.begin(), [](double x) {

@@ -1,15 +1,15 @@
-// The windows of one chip at neighbouring starts have most of their samples in common. With one phase reference for all
-// of them each sum is
-//     samples before the common part + common part + samples behind it,
-// so that the common part is summed once for each frequency. Nothing is ever subtracted. A drift turns all frequencies
-// of a chip by the same angle a sample, which is taken out of the samples beforehand.
+// The windows of one chip at neighbouring starts share most of their samples. With one phase reference for all of them
+// each sum is
+//     samples before the common part + common part + samples after it,
+// so that the common part is summed once for each frequency. Nothing is ever subtracted. A drift rotates a chip by the
+// same angle per sample at all frequencies; the samples are rotated back beforehand.
 //
 // A frame's drift shifts the frequency of each of its chips a little. With u = −1 … 1 along the window and θ half of
-// the angle that the shift turns over it,
+// the angle by which the shift rotates over it,
 //     Σ y·e^(−jθu) = Σ_q (−1)^q·θ^2q·E_q − jθ·Σ_q (−1)^q·θ^2q·O_q
 //     E_q = Σ y·u^2q/(2q)!,  O_q = Σ y·u^(2q+1)/(2q+1)!,
-// the series of cosine and sine. E and O are summed once for a chip and serve the frequencies of all drifts, θ and −θ
-// at once.
+// the series of cosine and sine. E and O are summed once per chip and serve the frequencies of all drifts, θ and −θ
+// together.
 #include "chipmeter.h"
 
 #include <algorithm>
@@ -56,7 +56,7 @@ inline Sum dot(const double* re, const double* im, const double* phasor_re, cons
 constexpr std::size_t MAX_STARTS = 16;
 
 // Phasors of several frequencies along the span of a chip's windows, negative angles. The common part has a row for
-// each frequency, the samples before and behind it a row for each sample with the frequencies side by side.
+// each frequency, the samples before and after it have a row for each sample, with the frequencies side by side.
 struct Phasors {
     const double *re, *im;            // n_freqs rows of width samples
     const double *edge_re, *edge_im;  // 2·reach rows of n_lanes frequencies: samples 0 …, then chip_len …
@@ -104,7 +104,7 @@ ORVEL_MULTIVERSION void sum_windows(const double* re, const double* im, const Ph
         load(common_re, common + lane);
         load(common_im, common + n_lanes + lane);
 
-        // The earlier a window starts, the more samples it has before the common part, and the fewer behind it.
+        // The earlier a window starts, the more samples it has before the common part, and the fewer after it.
         std::array<Doubles8, MAX_STARTS> before_re;
         std::array<Doubles8, MAX_STARTS> before_im;
         Doubles8 sum_re{};
@@ -114,13 +114,13 @@ ORVEL_MULTIVERSION void sum_windows(const double* re, const double* im, const Ph
             before_re[i - 1] = sum_re;
             before_im[i - 1] = sum_im;
         }
-        Doubles8 behind_re{};
-        Doubles8 behind_im{};
+        Doubles8 after_re{};
+        Doubles8 after_im{};
         const std::size_t n_here = std::min(DOUBLES, n_freqs - lane);
         for (std::size_t i = 0, k = 0; i < windows.n_starts; i++) {
-            for (; k < i * windows.step; k++) add(behind_re, behind_im, windows.chip_len + k, reach + k);
-            const Doubles8 total_re = before_re[i] + common_re + behind_re;
-            const Doubles8 total_im = before_im[i] + common_im + behind_im;
+            for (; k < i * windows.step; k++) add(after_re, after_im, windows.chip_len + k, reach + k);
+            const Doubles8 total_re = before_re[i] + common_re + after_re;
+            const Doubles8 total_im = before_im[i] + common_im + after_im;
             const Doubles8 energy = total_re * total_re + total_im * total_im;
             for (std::size_t f = 0; f < n_here; f++) {
                 out.energy[(lane + f) * out.freq_stride + i * out.start_stride] = static_cast<float>(energy[f]);
@@ -132,11 +132,11 @@ ORVEL_MULTIVERSION void sum_windows(const double* re, const double* im, const Ph
 // ---- Series ---------------------------------------------------------------------------------------------------------
 
 constexpr std::size_t TERMS = 2 * DOUBLES;  // of each of the two series, at most
-constexpr double MAX_TURN = 5.5;            // where the first one left out is below 2e-12
+constexpr double MAX_TURN = 5.5;            // up to which the first term left out is below 2e-12
 constexpr double NEGLIGIBLE = 1e-13;
-constexpr std::size_t LANES = 2 * DOUBLES;  // hypotheses at a time: one vector alone would wait for its last product
+constexpr std::size_t LANES = 2 * DOUBLES;  // hypotheses at a time: one vector would wait for its own last product
 
-// The powers in the sums E and O with their signs and factorials, for the samples behind the middle of a window, the
+// The powers in the sums E and O with their signs and factorials, for the samples after the middle of a window, the
 // outermost first: TERMS for E, then TERMS for O.
 std::vector<double> power_table(std::size_t chip_len) {
     std::vector<double> powers;
@@ -155,7 +155,7 @@ std::vector<double> power_table(std::size_t chip_len) {
     return powers;
 }
 
-// Terms of the cosine series that count for angles up to theta, at most TERMS.
+// Terms of the cosine series that matter for angles up to theta, at most TERMS.
 std::size_t terms_for(double theta) {
     std::size_t n = 1;
     double term = 1;
@@ -172,7 +172,7 @@ struct Moments {
     std::array<double, TERMS> even_re, even_im, odd_re, odd_im;
 };
 
-// E and O of the turned samples of a window.
+// E and O of the mixed-down samples of a window.
 ORVEL_MULTIVERSION void sum_moments(const double* powers, const double* re, const double* im, std::size_t chip_len,
                                     Moments& out) {
     constexpr std::size_t VECTORS = TERMS / DOUBLES;
@@ -301,7 +301,7 @@ void ChipMeter::make_phasors(std::span<const double> freqs, std::size_t reach) {
     }
 }
 
-// Copies the samples from `first` on, each turned back by what the drift turned it, with zeros outside the baseband.
+// Copies the samples from `first` on, with the rotation by the drift removed and zeros outside the baseband.
 void ChipMeter::load_chip(int64_t first, double turn) {
     const auto width = static_cast<int64_t>(width_);
     const int64_t begin = std::clamp<int64_t>(-first, 0, width);

@@ -1,5 +1,4 @@
-// Energies of the chips of a frame at many neighbouring starts, frequencies and drifts at once, as the refinement of a
-// hypothesis asks for them.
+// Chip energies of a frame at many neighbouring starts, frequencies and drifts at once, for refining a hypothesis.
 #pragma once
 
 #include <cstdint>
@@ -44,8 +43,8 @@ class ChipMeter {
     std::vector<double> phasor_re_, phasor_im_;  // width_ for each frequency
     std::vector<double> edge_re_, edge_im_;      // the same at the ends of the span, frequencies side by side
     std::vector<double> common_;                 // sums of one chip
-    std::vector<double> re_, im_;                // of the span, drift taken out
-    std::vector<double> turn_re_, turn_im_;      // by which that is done
+    std::vector<double> re_, im_;                // of the span, drift removed
+    std::vector<double> turn_re_, turn_im_;      // phasors that remove the drift
     std::vector<float> energies_;
     std::vector<int32_t> measured_;
 };
@@ -82,8 +81,8 @@ class DriftMeter {
     DriftGrid grid_{};
     std::vector<double> powers_;                 // of each sample's distance from the middle of the window
     std::vector<double> phasor_re_, phasor_im_;  // of f
-    std::vector<double> re_, im_;                // samples of a chip, turned back by them
-    std::vector<double> turns_;                  // of the hypotheses at one chip
+    std::vector<double> re_, im_;                // samples of a chip, mixed down by them
+    std::vector<double> turns_;                  // θ of the hypotheses at one chip
     std::vector<float> plus_, minus_;            // energies of one chip
     std::vector<float> energies_;
     int32_t measured_ = 0;

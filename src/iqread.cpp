@@ -1,4 +1,4 @@
-// One pass: chunks, checks of the format, how much of the data is there, then the samples block by block. The record
+// One pass: chunks, checks of the format, how much of the data is present, then the samples block by block. The record
 // is filled in the last step, when nothing can fail any more.
 #include "iqread.h"
 
@@ -10,48 +10,48 @@ namespace {
 
 constexpr uint32_t n_channels = 2;
 
-bool is_supported(const riff_format& format, const char* path, std::string* said) {
+bool is_supported(const riff_format& format, const char* path, std::string* messages) {
     if (format.tag != format_pcm && format.tag != format_float && format.tag != format_extensible) {
-        riff_say(said, "iq_read: unsupported audio format %u (integer or float32 PCM required)\n", format.tag);
+        riff_say(messages, "iq_read: unsupported audio format %u (integer or float32 PCM required)\n", format.tag);
         return false;
     }
     if (format.tag == format_float && format.bits != 32) {
-        riff_say(said, "iq_read: float format requires 32-bit samples (got %u-bit)\n", format.bits);
+        riff_say(messages, "iq_read: float format requires 32-bit samples (got %u-bit)\n", format.bits);
         return false;
     }
     if (format.bits != 8 && format.bits != 16 && format.bits != 24 && format.bits != 32) {
-        riff_say(said, "iq_read: unsupported bit depth %u\n", format.bits);
+        riff_say(messages, "iq_read: unsupported bit depth %u\n", format.bits);
         return false;
     }
     if (format.channels != n_channels) {
-        riff_say(said, "iq_read: '%s' has %u channel(s) - I/Q capture requires exactly 2 (left=I, right=Q)\n", path,
+        riff_say(messages, "iq_read: '%s' has %u channel(s) - I/Q capture requires exactly 2 (left=I, right=Q)\n", path,
                  format.channels);
         return false;
     }
     return true;
 }
 
-// The whole pairs that are in the file, at least one; -1 when there is none or too many.
+// The number of whole pairs in the file, at least one; -1 when there are none or too many.
 int32_t count_pairs(std::FILE* file, const char* path, const riff_layout& layout, uint32_t pair_bytes,
-                    std::string* said) {
+                    std::string* messages) {
     const int64_t available = riff_bytes_from(file, layout.data_position);
     if (available < 0) {
-        riff_say(said, "iq_read: cannot determine the size of '%s'\n", path);
+        riff_say(messages, "iq_read: cannot determine the size of '%s'\n", path);
         return -1;
     }
     uint64_t data_bytes = layout.data_bytes;
     if (data_bytes > static_cast<uint64_t>(available)) {
-        riff_say(said, "iq_read: warning - data chunk claims %llu bytes but only %lld are available; truncating.\n",
+        riff_say(messages, "iq_read: warning - data chunk claims %llu bytes but only %lld are available; truncating.\n",
                  static_cast<unsigned long long>(data_bytes), static_cast<long long>(available));
         data_bytes = static_cast<uint64_t>(available);
     }
     const uint64_t pairs = data_bytes / pair_bytes;
     if (pairs == 0) {
-        riff_say(said, "iq_read: no usable I/Q data in '%s'\n", path);
+        riff_say(messages, "iq_read: no usable I/Q data in '%s'\n", path);
         return -1;
     }
     if (pairs > INT32_MAX) {
-        riff_say(said, "iq_read: '%s' is too long (%lld samples per channel, max %ld)\n", path,
+        riff_say(messages, "iq_read: '%s' is too long (%lld samples per channel, max %ld)\n", path,
                  static_cast<long long>(pairs), static_cast<long>(INT32_MAX));
         return -1;
     }
@@ -65,28 +65,28 @@ double sample_value(const uint8_t* bytes, const riff_format& format) {
 
 }  // namespace
 
-int iq_read(const char* path, iq_recording& out, std::string* said) {
+int iq_read(const char* path, iq_recording& out, std::string* messages) {
     out = {};
     const riff_file file(std::fopen(path, "rb"));
     if (!file) {
-        riff_say(said, "iq_read: cannot open '%s'\n", path);
+        riff_say(messages, "iq_read: cannot open '%s'\n", path);
         return -1;
     }
     if (!riff_is_wave(file.get(), riff_kind::riff_or_rf64)) {
-        riff_say(said, "iq_read: '%s' is not a valid RIFF/RF64 WAVE file\n", path);
+        riff_say(messages, "iq_read: '%s' is not a valid RIFF/RF64 WAVE file\n", path);
         return -1;
     }
     const riff_layout layout = riff_walk(file.get(), riff_kind::riff_or_rf64);
     if (!layout.has_format || !layout.has_data) {
-        riff_say(said, "iq_read: '%s' - missing fmt or data chunk\n", path);
+        riff_say(messages, "iq_read: '%s' - missing fmt or data chunk\n", path);
         return -1;
     }
     const riff_format& format = layout.format;
-    if (!is_supported(format, path, said)) return -1;
+    if (!is_supported(format, path, messages)) return -1;
 
     const uint32_t sample_bytes = format.bits / 8;
     const uint32_t pair_bytes = sample_bytes * n_channels;
-    const int32_t pairs = count_pairs(file.get(), path, layout, pair_bytes, said);
+    const int32_t pairs = count_pairs(file.get(), path, layout, pair_bytes, messages);
     if (pairs < 0) return -1;
 
     auto i = riff_allocate<double>(static_cast<std::size_t>(pairs));
@@ -94,11 +94,12 @@ int iq_read(const char* path, iq_recording& out, std::string* said) {
     const auto block =
         riff_allocate<uint8_t>(static_cast<std::size_t>(std::min(pairs, riff_block_frames)) * pair_bytes);
     if (!i || !q || !block) {
-        riff_say(said, "iq_read: memory allocation failed (%lld samples per channel)\n", static_cast<long long>(pairs));
+        riff_say(messages, "iq_read: memory allocation failed (%lld samples per channel)\n",
+                 static_cast<long long>(pairs));
         return -1;
     }
     if (!riff_seek(file.get(), layout.data_position)) {
-        riff_say(said, "iq_read: seek error in '%s'\n", path);
+        riff_say(messages, "iq_read: seek error in '%s'\n", path);
         return -1;
     }
     const auto split = [&](std::size_t k, const uint8_t* pair) {
@@ -106,7 +107,7 @@ int iq_read(const char* path, iq_recording& out, std::string* said) {
         q[k] = sample_value(pair + sample_bytes, format);
     };
     if (!riff_read_frames(file.get(), block.get(), pair_bytes, pairs, split)) {
-        riff_say(said, "iq_read: incomplete read of I/Q data\n");
+        riff_say(messages, "iq_read: incomplete read of I/Q data\n");
         return -1;
     }
     out = {.rate = format.rate,

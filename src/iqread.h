@@ -15,8 +15,8 @@ struct iq_recording {
 
 // Reads a whole recording. Returns 0, or -1 with a message and no samples. Free it with iq_free.
 //
-//   said   messages and warnings are appended to it, a line each; null: they go to standard error
-int iq_read(const char* path, iq_recording& out, std::string* said = nullptr);
+//   messages   errors and warnings are appended to it, one per line; null: they go to standard error
+int iq_read(const char* path, iq_recording& out, std::string* messages = nullptr);
 void iq_free(iq_recording& recording);
 
 // One little-endian integer sample of 8 (unsigned), 16, 24 or 32 bits as a number from -1 to below 1.

@@ -1,5 +1,5 @@
 // Bits are bytes at the interfaces and 64-bit words inside, so that adding codewords and summing the cost of their
-// differences takes a few instructions a word. Scratch lives on the stack.
+// differences takes a few instructions per word. Scratch lives on the stack.
 #include "ldpc.h"
 
 #include <algorithm>
@@ -67,14 +67,14 @@ int32_t ldpc_syndrome_weight(const ldpc_code& code, const uint8_t* bits) {
 
 namespace {
 
-constexpr int32_t GROWTH_LIMIT = 31;  // a check of this degree takes no variable but as the first check of that
+constexpr int32_t GROWTH_LIMIT = 31;  // a check of this degree accepts only variables without a check
 constexpr int32_t UNREACHED = -1;
 
 // Distances in edges from one variable. Variables and checks are the two kinds of nodes.
 struct Distances {
     std::array<int32_t, LDPC_MAX_N> variable;
     std::array<int32_t, LDPC_MAX_N> check;
-    int32_t shortest_cycle;  // met on the way, no longer than the shortest through that variable
+    int32_t shortest_cycle;  // met on the way; no longer than the shortest through that variable
 };
 
 Distances measure_distances(const ldpc_code& code, int32_t from) {
@@ -129,8 +129,7 @@ struct Xorshift {
     }
 };
 
-// One of the checks that are allowed and of the smallest degree among those, drawn at random; UNREACHED when there is
-// none below the limit.
+// Draws one of the allowed checks of smallest degree at random; UNREACHED when none is below the limit.
 template <class Allowed>
 int32_t draw_check(const ldpc_code& code, Xorshift& random, int32_t limit, Allowed allowed) {
     std::array<int32_t, LDPC_MAX_N> candidates;
@@ -146,7 +145,7 @@ int32_t draw_check(const ldpc_code& code, Xorshift& random, int32_t limit, Allow
     return count == 0 ? UNREACHED : candidates[random.next() % count];
 }
 
-// The check for the next edge of variable v: the farthest, those out of reach before all others.
+// The check for the next edge of variable v: the farthest; those out of reach come first.
 int32_t choose_check(const ldpc_code& code, int32_t v, Xorshift& random) {
     if (code.var_degree[v] == 0) return draw_check(code, random, LDPC_MAX_CHECK_DEGREE, [](int32_t) { return true; });
 
@@ -217,8 +216,8 @@ namespace {
 
 constexpr size_t MAX_EDGES = size_t{LDPC_MAX_N} * LDPC_MAX_VAR_DEGREE;
 
-// Logarithms of likelihood ratios, positive for a 0: the opposite of the metrics' sign. What a variable tells a check
-// is its posterior less what the check told it, so one message an edge is kept.
+// Log-likelihood ratios, positive for a 0: the opposite of the metrics' sign. The message of a variable to a check is
+// its posterior minus the check's message to it, so one message per edge is kept.
 struct Beliefs {
     std::array<double, LDPC_MAX_N> channel;
     std::array<double, LDPC_MAX_N> posterior;
@@ -230,7 +229,7 @@ struct Beliefs {
     std::array<double, MAX_EDGES> product;  // of all factors of the edge's check
 };
 
-// The floor keeps the product divisible, and its positive sign lets variables that know nothing settle on 0.
+// The floor keeps the product divisible, and its positive sign makes variables without information converge to 0.
 ORVEL_MULTIVERSION void fill_factors(Beliefs& beliefs) {
     for (size_t e = 0; e < beliefs.n_edges; ++e) {
         const double message = beliefs.factor[e];
@@ -240,7 +239,7 @@ ORVEL_MULTIVERSION void fill_factors(Beliefs& beliefs) {
     }
 }
 
-ORVEL_MULTIVERSION void fill_answers(Beliefs& beliefs) {
+ORVEL_MULTIVERSION void fill_messages(Beliefs& beliefs) {
     for (size_t e = 0; e < beliefs.n_edges; ++e) {
         const double ratio = beliefs.product[e] / beliefs.factor[e];
         const double low = ratio < -0.999999 ? -0.999999 : ratio;
@@ -248,7 +247,7 @@ ORVEL_MULTIVERSION void fill_answers(Beliefs& beliefs) {
     }
 }
 
-// All checks answer the variables' beliefs of the last pass.
+// New messages of all checks, from the posteriors of the last pass.
 void update_checks(const ldpc_code& code, Beliefs& beliefs) {
     for (size_t e = 0; e < beliefs.n_edges; ++e) {
         beliefs.factor[e] = beliefs.posterior[static_cast<size_t>(beliefs.variable[e])] - beliefs.from_check[e];
@@ -263,10 +262,10 @@ void update_checks(const ldpc_code& code, Beliefs& beliefs) {
                   beliefs.product.begin() + static_cast<ptrdiff_t>(end), product);
         first = end;
     }
-    fill_answers(beliefs);
+    fill_messages(beliefs);
 }
 
-// Each variable adds up the answers of its checks, in increasing check order.
+// Each variable adds up the messages of its checks, in increasing check order.
 void update_posteriors(Beliefs& beliefs) {
     beliefs.posterior = beliefs.channel;
     for (size_t e = 0; e < beliefs.n_edges; ++e) {
@@ -274,7 +273,7 @@ void update_posteriors(Beliefs& beliefs) {
     }
 }
 
-// True when the passes settled on a codeword.
+// True when the passes converged to a codeword.
 bool propagate_beliefs(const ldpc_code& code, const float* metrics, int32_t max_iterations, uint8_t* codeword) {
     Beliefs beliefs;
     beliefs.channel.fill(0.0);
@@ -301,14 +300,14 @@ bool propagate_beliefs(const ldpc_code& code, const float* metrics, int32_t max_
 
 constexpr double INF = std::numeric_limits<double>::infinity();
 
-// The metrics taken apart.
+// The metrics split into signs and magnitudes.
 struct HardDecisions {
     ldpc_bits bits{};                                // 1 where the metric is positive
     std::array<double, LDPC_MAX_N> reliability{};    // |metric|
     std::array<uint8_t, LDPC_MAX_N> by_reliability;  // variables, the most reliable first
 };
 
-// Order of two reliabilities, the larger first; what is not a number comes last.
+// Order of two reliabilities, the larger first; NaN comes last.
 int cmp_rel(double a, double b) {
     const double key_a = std::isnan(a) ? -1.0 : a;
     const double key_b = std::isnan(b) ? -1.0 : b;
@@ -322,7 +321,7 @@ HardDecisions decide(const ldpc_code& code, const float* metrics) {
         out.reliability[static_cast<size_t>(v)] = std::fabs(static_cast<double>(metrics[v]));
     }
     out.by_reliability = gf2::ALL_COLUMNS;
-    // Equal variables keep their order; std::stable_sort would ask for memory.
+    // Equal variables keep their order; std::stable_sort would allocate.
     std::sort(out.by_reliability.begin(), out.by_reliability.begin() + code.n, [&](uint8_t a, uint8_t b) {
         const int order = cmp_rel(out.reliability[a], out.reliability[b]);
         return order != 0 ? order < 0 : a < b;
@@ -343,8 +342,8 @@ double cost_of(const ldpc_bits& differences, const std::array<double, LDPC_MAX_N
     return cost;
 }
 
-// Sums of reliabilities over all values of each byte of a codeword: a cost costs one look-up a byte. Its terms are
-// added in another order than cost_of adds them, so it can only tell what is far from good enough.
+// Sums of reliabilities over all values of each byte of a codeword: a cost then takes one look-up per byte. The terms
+// are added in another order than in cost_of, so the result can only rule out what is clearly too expensive.
 class CostTable {
   public:
     CostTable(const std::array<double, LDPC_MAX_N>& reliability, int32_t n)
@@ -360,7 +359,7 @@ class CostTable {
 
     // False only when the cost is above the limit.
     bool may_reach(const ldpc_bits& differences, double limit) const {
-        constexpr double ROUNDING = 1e-12;  // far more than the order of the terms can make
+        constexpr double ROUNDING = 1e-12;  // far more than the order of the terms can cause
         std::array<double, 2> cost{};       // two sums: neither waits for the other
         for (size_t b = 0; b < n_bytes_; ++b) {
             cost[b % 2] += sums_[b][(differences[b / 8] >> (8 * (b % 8))) & (N_VALUES - 1)];
@@ -374,13 +373,13 @@ class CostTable {
     std::array<std::array<double, N_VALUES>, LDPC_MAX_N / 8> sums_;
 };
 
-// The best candidate so far. Candidates are held by their differences from the hard decisions.
+// The best candidate so far. Candidates are stored as their differences from the hard decisions.
 struct Best {
     const HardDecisions& hard;
     ldpc_bits differences;
     double cost;
 
-    // Of equal candidates the first stays; a cost that is not a number loses against any other.
+    // Of equal candidates the first stays; a NaN cost loses to any other.
     void offer(const ldpc_bits& candidate) {
         const double candidate_cost = cost_of(candidate, hard.reliability, cost);
         if (!(candidate_cost < cost)) return;
@@ -430,13 +429,13 @@ void search_ordered(const ldpc_code& code, const float* metrics, int32_t order, 
 
 int ldpc_decode(const ldpc_code& code, const float* metrics, int32_t max_iterations, int32_t order, int32_t span,
                 uint8_t* codeword, uint8_t* message, double* cost, int32_t* status) {
-    const bool settled = propagate_beliefs(code, metrics, max_iterations, codeword);
-    if (!settled) {
+    const bool converged = propagate_beliefs(code, metrics, max_iterations, codeword);
+    if (!converged) {
         if (order < 0) return -1;
         search_ordered(code, metrics, order, span, codeword);
     }
 
-    *status = settled ? 1 : 2;
+    *status = converged ? 1 : 2;
     *cost = 0.0;
     for (int32_t v = 0; v < code.n; ++v) {
         if ((codeword[v] != 0) != (metrics[v] > 0)) *cost += std::fabs(static_cast<double>(metrics[v]));

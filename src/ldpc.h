@@ -1,10 +1,10 @@
-// The LDPC codes behind ORVEL: a (119, 44) code for ORVEL S and a (160, 69) code for ORVEL L.
+// The LDPC codes of ORVEL: a (119, 44) code for ORVEL S and a (160, 69) code for ORVEL L.
 //
 //     check lists → generator → ldpc_code → encode: message → codeword
 //                                         → decode: bit metrics → codeword and message
 //
 // A code is given by its parity checks alone; the generator follows from them by elimination. Codewords are systematic,
-// but not at one end: message bit i is codeword bit pivot[i].
+// with the message bits scattered: message bit i is codeword bit pivot[i].
 //
 // Codewords and messages are vectors of bytes, one bit (0 or 1) in each. Nothing here keeps state: a filled ldpc_code
 // may be shared by any number of threads, and every function may run in several threads at once. No heap memory is
@@ -45,7 +45,7 @@ struct ldpc_code {
 //   generator      k rows of 3 words, bits from n up zero
 //   pivot          k codeword bits
 // Returns 0, or -1 when n is not above k or above 192 (the code is left alone) or a variable is in more than 8 checks
-// (the code is then of no use).
+// (the code is then unusable).
 int ldpc_load(ldpc_code& code, int32_t n, int32_t k, const uint8_t* check_degree, const uint8_t* check_vars,
               const uint64_t* generator, const uint8_t* pivot);
 
@@ -61,18 +61,18 @@ void ldpc_encode(const ldpc_code& code, const uint8_t* message, uint8_t* codewor
 //                   on each other.
 //   seed            of the random choices; 50 attempts are made with numbers derived from it
 // Returns 0, or -1 when an argument is out of range (the code is left alone) or no attempt gave n - k independent
-// checks, full at 31 variables and for the first check of a variable at 32 (the code is then of no use).
+// checks, full at 31 variables and for the first check of a variable at 32 (the code is then unusable).
 int ldpc_build(ldpc_code& code, int32_t n, int32_t k, int32_t column_weight, uint32_t seed);
 
-// Finds the codeword behind noisy bits: sum-product belief propagation, and where that does not settle on a codeword,
-// ordered-statistics decoding, which reads the most reliable bits and tries to flip up to `order` of them.
+// Finds the codeword behind noisy bits: sum-product belief propagation, and where that does not converge to a codeword,
+// ordered-statistics decoding, which starts from the most reliable bits and tries to flip up to `order` of them.
 //
-//   metrics          n soft bits, positive for a 1. 0 knows nothing, infinities are sure. One that is not a number
-//                    spoils its own checks in belief propagation and is the least reliable bit afterwards.
+//   metrics          n soft bits, positive for a 1. 0 means unknown, an infinity is certain. A NaN spoils its own
+//                    checks in belief propagation and is the least reliable bit in ordered statistics.
 //   max_iterations   passes of belief propagation; 0 or less: none
 //   order            bits that ordered statistics may flip, 2 at most; below 0: no ordered statistics
-//   span             of order 2: only the `span` least reliable of the bits it may flip are paired; below 1 or from k
-//                    up: all
+//   span             of order 2: only the `span` least reliable of the bits it may flip are paired; below 1 or at
+//                    least k: all
 //   codeword         n bits out
 //   message          k bits out, the codeword's at the pivots
 //   cost             sum of |metric| over the bits in which the codeword differs from the metrics' signs

@@ -1,4 +1,4 @@
-// The check lists define the codes: equal lists on both ends of the air, or nothing decodes. Everything else in the
+// The check lists define the codes: sender and receiver need equal lists, or nothing decodes. Everything else in the
 // tables is computed from them here.
 #include "ldpc_tables.h"
 

@@ -1,4 +1,4 @@
-// The constant tables of the two ORVEL codes, and the elimination over GF(2) by which they follow from check lists.
+// The constant tables of the two ORVEL codes, and the elimination over GF(2) that derives them from check lists.
 //
 // ORVEL S is a (119, 44) code, ORVEL L a (160, 69) code, every variable in three checks. Only the check lists are
 // written down; generators and pivots are derived from them at compile time.
@@ -15,7 +15,7 @@
 #include "ldpc.h"
 
 // CHECK_DEG holds the degree of each check, CHECK_VAR the variables of check 0, then of check 1, and so on.
-// G holds the generator, three words a row; PIVOT the codeword bit of each message bit.
+// G holds the generator, three words per row; PIVOT the codeword bit of each message bit.
 extern const std::array<uint8_t, 75> OVS_CHECK_DEG;
 extern const std::array<uint8_t, 357> OVS_CHECK_VAR;
 extern const std::array<uint64_t, 44 * 3> OVS_G;
@@ -44,7 +44,7 @@ constexpr ldpc_bits sum_of(ldpc_bits a, const ldpc_bits& b) {
     return a;
 }
 
-// Eliminates over the columns in the given order, leaving out those that depend on earlier ones, until every row has a
+// Eliminates over the columns in the given order, skipping those that depend on earlier ones, until every row has a
 // basis column: row r is then the only one with a 1 in column basis[r]. Returns the number of rows that got one.
 constexpr size_t reduce_rows(std::span<ldpc_bits> rows, std::span<const uint8_t> columns, std::span<uint8_t> basis) {
     size_t rank = 0;
@@ -71,7 +71,7 @@ inline constexpr auto ALL_COLUMNS = [] {
 }();
 
 // Solves the checks for their generator: columns outside the basis carry the message, in increasing order, and the
-// basis columns follow from them. Uses up the checks. generator and pivot have room for columns - checks.
+// basis columns follow from them. Overwrites the checks. generator and pivot have room for columns - checks.
 // False when the checks depend on each other.
 constexpr bool solve_checks(std::span<ldpc_bits> checks, int32_t n, std::span<ldpc_bits> generator,
                             std::span<int32_t> pivot) {

@@ -24,16 +24,16 @@ namespace {
 
 constexpr int32_t MAX_KNOWN = 256;
 constexpr int32_t MAX_SPOTS = 64;      // reported from one block
-constexpr std::size_t MAX_TOKEN = 15;  // characters of a known callsign that are looked at
+constexpr std::size_t MAX_TOKEN = 15;  // characters of a known callsign that are read
 
-// What ovl_keyed() looks at.
+// Limits of ovl_keyed().
 constexpr int32_t MAX_KEYED = 64;
 constexpr int32_t MIN_KEYED_RATE = 4000;  // Hz
 constexpr double MIN_KEYED_SECONDS = 3;
-constexpr double KEYED_EXTRA_S = 0.256;       // two chips beyond the seconds asked for
+constexpr double KEYED_EXTRA_S = 0.256;       // two chips beyond the requested seconds
 constexpr double MIN_KEYED_HALF_WIDTH = 300;  // Hz: the median needs bins without a signal
 constexpr double MIN_KEYED_HZ = 100;
-constexpr double KEYED_MARGIN_HZ = 5;  // beyond the band asked for
+constexpr double KEYED_MARGIN_HZ = 5;  // beyond the requested band
 
 bool is_separator(char c) {
     return c == ',' || c == ';' || is_ascii_blank(c);

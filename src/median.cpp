@@ -1,6 +1,6 @@
 // Halving the range of floating-point numbers 32 times leaves one: the smallest that has enough values at or below it.
-// Each time the values are counted, which the machine does for many at once and without a branch; sorting or
-// partitioning moves them about and guesses wrong at every other comparison.
+// Each step counts values, which vectorises and needs no branch; sorting or partitioning would move them about and
+// mispredict every other comparison.
 #include "median.h"
 
 #include <algorithm>
@@ -13,7 +13,7 @@
 
 namespace {
 
-// Numbers in ascending order by their bits: those of negative ones are turned over.
+// Keys in the order of the numbers: the bits of negative numbers are inverted.
 constexpr uint32_t SIGN = 0x80000000u;
 uint32_t key_of(float value) {
     const auto bits = std::bit_cast<uint32_t>(value);
@@ -23,7 +23,7 @@ float value_of(uint32_t key) {
     return std::bit_cast<float>((key & SIGN) != 0 ? key & ~SIGN : ~key);
 }
 
-// Values are counted a chunk at a time, so that the counts fit beside the values.
+// Values are counted in chunks, so that a count fits a lane as wide as a value.
 constexpr std::size_t CHUNK = 1 << 20;
 
 // How many values are at or below a limit.
@@ -76,14 +76,14 @@ float select_rank(std::span<const float> values, std::size_t rank) {
             low = middle + 1;
         }
     }
-    return value_of(low) + 0.0f;  // a zero is the positive one: what is divided by it goes by its sign
+    return value_of(low) + 0.0f;  // +0, never -0: its sign shows in whatever is divided by it
 }
 
 float median_value(std::span<const float> values) {
     if (values.empty()) return 0;
     const float upper = upper_median(values);
     if (values.size() % 2 == 1 || std::isnan(upper)) return upper;
-    // The other middle value is the next one below, unless as many are equal to the upper one.
+    // The other middle value is the greatest below the upper one, or equals it where too few are below.
     const Below below = find_below(values.data(), values.size(), upper);
     const float lower = below.count == values.size() / 2 ? below.greatest : upper;
     return (lower + upper) * 0.5f;

@@ -1,8 +1,8 @@
-// ORVEL_MULTIVERSION before a function makes it several times over, for plain x86-64, AVX2 and AVX-512; the loader
-// takes the one that the machine can run. All of them give the same results: none may fuse a multiplication with an
-// addition. It must not throw, whatever it is declared: calls of it count as calls that do not, so that an exception
-// would end the process. Elsewhere, and under sanitizers, which are not yet set up when the loader chooses, there is
-// one function.
+// ORVEL_MULTIVERSION before a function compiles it for plain x86-64, AVX2 and AVX-512; the loader picks the version
+// that the machine can run. All versions give the same results: none may fuse a multiplication with an addition. The
+// function must not throw, however it is declared: the compiler assumes that calls of it do not, so an exception would
+// end the process. Elsewhere, and under sanitizers, which are not yet set up when the loader chooses, there is one
+// version.
 #pragma once
 
 #include <cstddef>
@@ -23,7 +23,7 @@
 #define ORVEL_MULTIVERSION
 #endif
 
-// Some numbers side by side. The compiler makes of them what registers the machine has.
+// Several numbers side by side. The compiler maps them to the registers that the machine has.
 inline constexpr std::size_t DOUBLES = 8;
 inline constexpr std::size_t FLOATS = 16;
 using Doubles8 [[gnu::vector_size(DOUBLES * sizeof(double))]] = double;

@@ -1,5 +1,5 @@
-// A message is its fields, most significant bit first, a CRC that differs between the modes so that neither passes for
-// the other, and a whitening sequence that keeps the keying lively. The LDPC code does the rest.
+// A message consists of its fields, most significant bit first, and a CRC that differs between the modes so that
+// neither passes for the other. A whitening sequence keeps the keying varied. The LDPC code does the rest.
 #include "orvel.h"
 
 #include <algorithm>
@@ -21,7 +21,7 @@ constexpr int32_t MAX_KBITS = 69;
 constexpr int32_t CALL_BITS = 28;
 constexpr int32_t LOC_BITS = 25;
 constexpr int32_t CRC_BITS = 16;
-constexpr uint32_t SUBSQUARES = 24 * 24 + 1;  // and none at all
+constexpr uint32_t SUBSQUARES = 24 * 24 + 1;  // + 1: no subsquare
 
 using Message = std::array<uint8_t, MAX_KBITS>;
 
@@ -62,7 +62,7 @@ uint32_t crc16(std::span<const uint8_t> bits, uint32_t start) {
     return crc;
 }
 
-// Adds the mode's whitening sequence, from a 20-bit shift register; a second time takes it off again.
+// Adds the mode's whitening sequence, from a 20-bit shift register; applied twice, it cancels.
 void whiten(int32_t mode, std::span<uint8_t> bits) {
     uint32_t s = traits(mode).whitening_seed;
     for (uint8_t& bit : bits) {
@@ -200,7 +200,7 @@ double ov_llr(const float* first, const float* second, int32_t n, double noise, 
         return 0;
     }
 
-    // Exponential noise powers alone differ by 2 in the mean square; what is above that is signal.
+    // The mean square difference of exponential noise powers alone is 2; the excess is signal.
     const double mean_square = squares / count;
     const double amplitude = mean_square > 2.0 ? std::fmax(std::sqrt(mean_square - 1) - 1, 0.05) : 0.05;
     for (int32_t i = 0; i < n; i++) {
@@ -229,7 +229,7 @@ int ov_check(int32_t mode, const uint8_t* bits, char* call, char* locator) {
     std::array<char, 7> text;
     if (ov_unpack_call(read_field(payload.first(CALL_BITS)), text.data()) != 0) return -1;
 
-    // The form has a blank in front or behind only.
+    // A normalised callsign has blanks at its ends only.
     *std::remove_copy(text.begin(), text.end() - 1, call, ' ') = '\0';
     locator[0] = '\0';
     return mode == 1 ? ov_unpack_loc(read_field(payload.last(LOC_BITS)), locator) : 0;

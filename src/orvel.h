@@ -5,7 +5,7 @@
 //
 // Mode 0 is ORVEL S (a callsign, 44 message bits in 119 coded bits), mode 1 is ORVEL L (a callsign and a locator, 69
 // in 160); any other mode counts as L without a locator. Bits and chips are one byte each, 0 or 1, first at index 0.
-// Functions return 0, or -1 when something is refused, unless said otherwise. All may run in any thread.
+// Functions return 0, or -1 when something is refused, unless stated otherwise. All may run in any thread.
 #pragma once
 
 #include <array>
@@ -16,7 +16,7 @@
 
 inline constexpr uint32_t OV_MAX_LOC = 18694799;  // RR99XX, the largest packed locator
 
-// Message bits and coded bits of a mode; each coded bit is one chip pair behind the leading chip.
+// Message bits and coded bits of a mode; each coded bit is one chip pair after the leading chip.
 int32_t ov_kbits(int32_t mode);
 int32_t ov_ncoded(int32_t mode);
 

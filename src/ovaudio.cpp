@@ -1,6 +1,6 @@
-// Captured audio is reduced to a rate near 11025 Hz by a windowed-sinc low-pass. Whoever writes the ring publishes the
-// count of samples behind them; whoever reads takes the count first, so it never sees a slot that is not yet filled.
-// A reader slower than a whole turn of the ring sees newer samples at its oldest end.
+// Captured audio is reduced to a rate near 11025 Hz by a windowed-sinc low-pass. The writer of the ring publishes the
+// count of samples after the samples; a reader takes the count first, so it never sees a slot that is not yet filled. A
+// reader that the writer laps sees newer samples at its oldest end.
 #include "ovaudio.h"
 
 #include <portaudio.h>
@@ -27,7 +27,7 @@ constexpr int32_t MAX_PUSH_RATE = 384000;
 constexpr int32_t MAX_PUSH_CHANNELS = 16;
 constexpr double SILENCE_DB = -120;
 constexpr double SILENCE = 1e-6;
-constexpr double MAX_LATENCY = 5;       // s; what a sound system says beyond it is wrong
+constexpr double MAX_LATENCY = 5;       // s; a sound system that reports more is wrong
 constexpr int64_t RENDER_CHUNK = 1024;  // samples
 
 // ---- PortAudio -------------------------------------------------------------------------------------------------
@@ -206,8 +206,8 @@ int out_cb(const void*, void* output, unsigned long frames, const PaStreamCallba
     return a.drain >= 0 ? paContinue : paComplete;
 }
 
-// Frames that a stream must go on behind the end of what is to be heard. With ALSA PortAudio drops what is still queued
-// when a stream completes: the closing ramp and some of the last chip.
+// Frames by which a stream must outlast the transmission. With ALSA, PortAudio drops what is still queued when a stream
+// completes: the closing ramp and some of the last chip.
 int64_t frames_to_drain(const PaDeviceInfo& device, double latency_s, int32_t rate) {
     const PaHostApiInfo* api = Pa_GetHostApiInfo(device.hostApi);
     if (api == nullptr || api->type != paALSA || !(latency_s >= 0 && latency_s < MAX_LATENCY)) return 0;
@@ -430,7 +430,7 @@ int64_t ova_place_start(ova_state& a, int64_t n, double dac_s, double stream_s, 
     int64_t first = 0;
     if (a.start_time > 0) {
         const double ahead = std::floor(rate * (a.start_time - heard_s) + 0.5);
-        if (ahead >= static_cast<double>(n)) return n;  // days ahead, too: no integer could hold the frames
+        if (ahead >= static_cast<double>(n)) return n;  // also days ahead, where no integer could hold the frames
         if (ahead >= 1) first = static_cast<int64_t>(ahead);
     }
     a.actual_start = heard_s + static_cast<double>(first) / rate;

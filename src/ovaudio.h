@@ -3,9 +3,9 @@
 //     sound card or ova_push → mono → low-pass, every D-th sample → ring → ova_last
 //     transmitter → silence up to the start time → output buffers → sound card
 //
-// PortAudio's own threads write the ring and render the transmitter; the host copies the ring and asks for levels and
+// PortAudio's own threads write the ring and render the transmitter; the host copies the ring and reads levels and
 // times at any moment, without a lock. Start, stop and destroy of one object must not overlap any other call for it.
-// Functions take null objects and say so by their result.
+// Functions accept null objects and report them by their result.
 #pragma once
 
 #include <atomic>
@@ -36,7 +36,7 @@ struct ova_state {
     int32_t decimation_count;
     std::unique_ptr<float[], OvaFree> ring;  // its slots are read and written atomically
     int64_t ring_length;
-    std::atomic<int64_t> total;  // samples ever written, published behind the ring
+    std::atomic<int64_t> total;  // samples ever written, published after them
 
     // Levels of the last tenth of a second.
     double block_peak;
@@ -54,10 +54,10 @@ struct ova_state {
     // Playback.
     ovtx_state* tx;  // not owned
     int32_t output_channels;
-    double start_time;                    // wanted, s since 1970-01-01 UTC; otherwise than above 0: at once
+    double start_time;                    // wanted, s since 1970-01-01 UTC; at once unless above 0
     std::atomic<int32_t> output_started;  // the first sample has been placed
     double output_latency;                // s, as the stream reports it
-    int64_t drain;                        // frames of silence to go on with behind the end
+    int64_t drain;                        // frames of silence still to play after the end
     std::atomic<double> actual_start;     // s since 1970-01-01 UTC, once started
     std::unique_ptr<void, OvaCloseStream> output;
 
@@ -67,28 +67,28 @@ struct ova_state {
 // 1: audio support is built in.
 int32_t ova_available();
 
-// Devices that PortAudio knows, 0 when it cannot be initialised. They are looked for once in a process.
+// Devices that PortAudio knows, 0 when it cannot be initialised. They are enumerated once per process.
 int32_t ova_device_count();
 
-// Describes a device. Returns 0, or -1 when there is none of that index.
+// Describes a device. Returns 0, or -1 when no device has that index.
 int32_t ova_device_info(int32_t index, ovl_audio_device* info);
 
 ova_state* ova_create();
 void ova_destroy(ova_state* a);
 
-// Starts capture, ending one under way.
+// Starts capture; ends a running one first.
 //
-//   device    index, -1 = the default input device, OVL_AUDIO_NONE = samples come by ova_push
+//   device    index, -1 = the default input device, OVL_AUDIO_NONE = samples come through ova_push
 //   rate      of the device, Hz; 0 or less = its default. 8000 … 384000 without a device
 //   seconds   of audio kept, at least one second; 0 or less = 60. More than 2^31 − 1 samples count as too much memory
 // Returns 0, or -1 with the reason in ova_error.
 int32_t ova_start_input(ova_state* a, int32_t device, int32_t rate, double seconds);
 void ova_stop_input(ova_state* a);
 
-// Takes interleaved samples instead of a sound card, `channels` (1 … 16) of them a frame. Returns the frames, or -1.
+// Takes interleaved samples instead of a sound card, `channels` (1 … 16) of them per frame. Returns the frames, or -1.
 int32_t ova_push(ova_state* a, const float* samples, int32_t frames, int32_t channels);
 
-// Copies the newest n captured samples, oldest first, or what there is. Returns how many.
+// Copies the newest n captured samples, or as many as there are, oldest first. Returns how many.
 int32_t ova_last(ova_state* a, float* out, int32_t n);
 
 void ova_input_stats(const ova_state* a, ovl_audio_stats* stats);
@@ -97,7 +97,7 @@ void ova_input_stats(const ova_state* a, ovl_audio_stats* stats);
 int32_t ova_input_rate(const ova_state* a);
 
 // Plays a prepared transmitter on a device (-1 = the default output device) so that its first sample is heard at t0,
-// seconds since 1970-01-01 UTC, or at once. The transmitter must live, and not be started anew, until output stops.
+// seconds since 1970-01-01 UTC, or at once. The transmitter must live, and not be restarted, until output stops.
 // Returns 0, or -1 with the reason in ova_error.
 int32_t ova_start_output_at(ova_state* a, int32_t device, ovtx_state* tx, double t0);
 int32_t ova_start_output(ova_state* a, int32_t device, ovtx_state* tx);
@@ -117,6 +117,6 @@ const char* ova_error(const ova_state* a);
 // Returns the frame with which the transmission begins; n when that is in a later buffer.
 int64_t ova_place_start(ova_state& a, int64_t n, double dac_s, double stream_s, double now_s);
 
-// Fills an output buffer of n frames: silence before frame `first`, the transmission from there. False when the
-// transmission has nothing left to say.
+// Fills an output buffer of n frames: silence before frame `first`, the transmission from there. False when nothing was
+// left to render.
 bool ova_fill_output(ova_state& a, float* out, int64_t n, int64_t first);

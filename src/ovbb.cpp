@@ -17,7 +17,7 @@ using Complex = std::complex<double>;
 
 constexpr std::array<int64_t, 4> FAST_PRIMES = {2, 3, 5, 7};
 constexpr int32_t SIZE_TRIES = 100000;
-constexpr double MAX_CENTRE_BIN = 0x1p52;  // bins beyond this are not told apart in a double
+constexpr double MAX_CENTRE_BIN = 0x1p52;  // a double cannot tell bins beyond this apart
 
 bool is_fast_length(int64_t n) {
     if (n < 1) return false;

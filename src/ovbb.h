@@ -1,13 +1,13 @@
 // Receive front end: from a block of samples at the sound card's rate to a complex baseband at a low rate around a
 // chosen frequency.
 //
-// The block is transformed once, zero-padded to a length at which the wanted band is a whole number of bins; a
+// The block is transformed once, zero-padded to a length at which the requested band is a whole number of bins; a
 // rectangular cut of those bins around the centre, transformed back, is the baseband. Many bands can be cut from one
 // spectrum. A real tone of amplitude A becomes a phasor of magnitude A/2, a complex one keeps its magnitude.
 //
-// Records are plain; whoever has one filled owns its buffer (from fftw_malloc) and empties it with the _free function,
-// which may be called again on an emptied or failed record. Calls return 0, or -1 with the record zeroed: no transform
-// size, no memory, a rate below 1 or a sample that is not finite.
+// Records are plain; the caller that has one filled owns its buffer (from fftw_malloc) and frees it with the _free
+// function, which may be called again on a freed or failed record. Calls return 0, or -1 with the record zeroed: no
+// transform size, no memory, a rate below 1 or a sample that is not finite.
 #pragma once
 
 #include <complex>
@@ -42,8 +42,8 @@ struct ov_baseband {
 //   n         samples in the block, any value (below 1 counts as 1)
 //   rate      their sample rate, Hz
 //   out_rate  wanted baseband rate, Hz
-// Returns 0, or -1 with both outputs untouched when a rate is below 1, 100 000 multiples were tried in vain, or the
-// lengths outgrow 32 bits.
+// Returns 0, or -1 with both outputs untouched when a rate is below 1, 100 000 multiples were tried without success, or
+// the lengths outgrow 32 bits.
 int choose_sizes(int32_t n, int32_t rate, int32_t out_rate, int32_t& nfft, int32_t& nout);
 
 // The spectrum of n real samples, or of n I/Q pairs.

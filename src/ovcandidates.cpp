@@ -41,7 +41,7 @@ inline void correlate(const float* differences, std::size_t stride, EightWords& 
     }
 }
 
-// n is a multiple of 16, here and in the next.
+// n is a multiple of 16, here and in the next function.
 ORVEL_MULTIVERSION void correlate_words(const float* differences, std::size_t n, float* words) {
     for (std::size_t c = 0; c < n; c += FLOATS) {
         EightWords x;
@@ -58,7 +58,7 @@ ORVEL_MULTIVERSION void correlate_best(const float* differences, std::size_t n, 
         correlate(differences + c, n, x);
         Floats16 best = lowest;
         for (std::size_t w = 0; w < x.size(); w++) {
-            best = x[w] > best ? x[w] : best;  // unchanged where x is no number
+            best = x[w] > best ? x[w] : best;  // unchanged where x is NaN
             if (w == 3) store(best, four + c);
         }
         store(best, all + c);
@@ -85,7 +85,7 @@ ORVEL_MULTIVERSION void sum_groups(const GroupRows& rows, std::size_t n, float* 
     }
 }
 
-// The score of every place of a grid, row by row.
+// The score of every cell of a grid, row by row.
 class ScoreGrid {
   public:
     explicit ScoreGrid(const ov_grid& grid)
@@ -134,7 +134,7 @@ using ColumnSums = std::array<double, SUM_COLUMNS>;
 }
 
 // Scores of some columns, of frames that start in rows t, t + 2S, …: pair k of the frame in row t compares the chips at
-// row t + (2k + 1)S, so that neighbouring scores of this sequence have all but one of their terms in common.
+// row t + (2k + 1)S, so that neighbouring scores of this sequence share all but one of their terms.
 ORVEL_MULTIVERSION void score_columns(const ov_specmap& map, const ov_grid& grid, int64_t residue, std::size_t column,
                                       std::size_t width, ColumnSums* ends, ScoreGrid& scores) noexcept {
     const int64_t stride = 2 * int64_t{map.steps_per_chip};

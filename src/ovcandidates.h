@@ -32,10 +32,10 @@ void ov_pair_difference(const ov_specmap& map, const ov_grid& grid, int64_t r, f
 
 // Correlations of one Walsh group with its eight words, by the map row in which the group begins.
 //
-// Pair g + 17j of a frame at row t compares the chips at rows t + (2g + 1)S + 34jS and S later (S rows a chip), so the
-// correlations of a group depend only on the row u = t + (2g + 1)S in which it begins, not on the frame: each row's
-// are formed once, kept while a frame can still use them, and shared by all groups, frames and known callsigns. Making
-// one throws std::bad_alloc when memory is short.
+// Pair g + 17j of a frame at row t compares the chips at rows t + (2g + 1)S + 34jS and S later (S rows per chip), so
+// the correlations of a group depend only on the row u = t + (2g + 1)S in which it begins, not on the frame: each row's
+// are formed once, kept while a frame can still use them, and shared by all groups, frames and known callsigns.
+// Construction throws std::bad_alloc when memory is short.
 class ov_group_rows {
   public:
     enum class Keep {
@@ -43,14 +43,14 @@ class ov_group_rows {
         WORDS  // the correlation with each word, and the sum of the squared differences
     };
 
-    // Rows for frames that start in the grid, which must be asked for in ascending order of frame start.
+    // Rows for frames that start in the grid, which must be requested in ascending order of frame start.
     ov_group_rows(const ov_specmap& map, const ov_grid& grid, Keep keep);
 
     // Forms what frames up to start row t need.
     void advance(int64_t t);
 
     // One value for each column of the grid, and zeros up to a multiple of 16 columns, of group g of a frame that
-    // starts in row t. A best is taken over numbers only and is at least -1e30.
+    // starts in row t. A best ignores NaN and is at least -1e30.
     const float* word(int64_t t, std::size_t g, std::size_t w) const { return row(t, g, w); }
     const float* best(int64_t t, std::size_t g) const {
         return row(t, g, g == 0 ? ONLY_LAST : g == 1 ? FIRST_FOUR : ALL);
@@ -85,7 +85,7 @@ class ov_group_rows {
 //
 //   t_min, t_max   allowed start times, s
 //   search_hz      half-width of the search, Hz
-//   edge           fraction of the frame that may hang over each end of the block, clamped to 0 … 0.5
+//   edge           fraction of the frame that may extend past each end of the block, clamped to 0 … 0.5
 //   z_min          threshold in sigma above the median score
 //   max_out, out   room for the result
 //   median_out, sigma_out   statistics of the scores, or null; unwritten when there is no place to search

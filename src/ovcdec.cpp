@@ -1,5 +1,5 @@
 // The 17 Walsh groups are independent until the CRC: the best frame takes the best row of every group, and every other
-// frame costs the sum of the metrics that its changed rows give away. The cheapest changes are enumerated, not all
+// frame costs the sum of the metrics that its changed rows lose. The cheapest changes are enumerated, not all
 // 4 · 8^15.
 #include "ovcdec.h"
 
@@ -17,7 +17,7 @@ constexpr double NO_TWIN = 1e30;
 // Metrics of every group's rows.
 using Metrics = std::array<std::array<double, 8>, OVC_GROUPS>;
 
-// One group takes another row than its best.
+// One group takes a row other than its best.
 struct Change {
     uint8_t group;
     uint8_t row;
@@ -145,7 +145,7 @@ Metrics all_group_metrics(const float* soft) {
     return metrics;
 }
 
-// The first allowed row with the largest metric; -1 when none is a number.
+// The first allowed row with the largest metric; -1 when all are NaN.
 int32_t best_row(const std::array<double, 8>& metrics, int32_t group) {
     const ovc_row_range allowed = ovc_allowed_rows(group);
     int32_t best = -1;

@@ -1,11 +1,11 @@
 // OPERA frame decision: which message do the 119 soft bits of a frame carry?
 //
-// Every Walsh group is scored by itself; the best rows of all groups and their cheapest variations make a ranked list
+// Every Walsh group is scored separately; the best rows of all groups and their cheapest variations make a ranked list
 // of frames, each checked against CRC and callsign packing. How far an accepted frame lies from its nearest CRC twin
-// (another valid frame a few groups away) tells how safe the decision is.
+// (another valid frame a few groups away) shows how safe the decision is.
 //
 // Soft bits are OVC_PAIRS floats in order of transmission, positive for a 1. Pair 17·j + g carries position j of group
-// g. Soft bits that are not finite decide nothing: they list no frames. Pure functions, any thread.
+// g. Soft bits that are not finite list no frames. Pure functions, any thread.
 #pragma once
 
 #include <array>
@@ -46,7 +46,7 @@ constexpr ovc_row_range ovc_allowed_rows(int32_t group) {
 // Correlation of group g with each of the 8 Walsh rows.
 void group_metrics(const float* soft, int32_t g, double* out);
 
-// Metric of the best frame, whether it checks or not.
+// Metric of the best frame, whether or not it passes the checks.
 double ovc_frame_metric(const float* soft);
 
 // Lists up to maxn frames, best first; returns their number.
@@ -64,7 +64,7 @@ int ovc_decode_soft(const float* soft, int32_t maxn, char* call, uint32_t* value
 // chance decodes, narrower than what the frame can carry.
 int ov_call_plausible(const char* call);
 
-// Metric that the nearest CRC twin of an accepted frame loses against it; 1e30 when it has no twin.
+// How far the metric of an accepted frame exceeds that of its nearest CRC twin; 1e30 when it has no twin.
 //
 //   plausible   nonzero: twins with implausible callsigns do not count
 //   twin_call   7 bytes for the twin's callsign ("" when there is none), or null

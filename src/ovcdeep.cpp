@@ -1,7 +1,7 @@
 // The 119 signs of a frame are 17 Walsh words of 7 pairs each. The correlations of a group with its eight words are
-// shared by all known callsigns, so a callsign costs 17 look-ups and additions a cell instead of 119. A few columns are
-// worked on at a time: the correlations that all callsigns choose from then fit the first-level cache. Peaks are found
-// while the map streams by: three rows of Z for each callsign are all that is kept.
+// shared by all known callsigns, so a callsign costs 17 look-ups and additions per cell instead of 119. Columns are
+// processed a few at a time, so that the correlations that all callsigns choose from fit the first-level cache. Peaks
+// are found while the map streams by: only three rows of Z are kept for each callsign.
 #include "ovcdeep.h"
 
 #include <algorithm>
@@ -31,7 +31,7 @@ using Lanes = std::array<float, LANES>;
 constexpr std::size_t N_WORDS = OVC_WALSH.size();
 using WordTable = std::array<Lanes, OVC_GROUPS * N_WORDS>;
 
-// The places of a frame's words in a table; nothing when its signs are no code words.
+// The indices of a frame's words in a table; nothing when its signs are not code words.
 using Words = std::array<uint8_t, OVC_GROUPS>;
 std::optional<Words> words_of(const ovc_known& known) {
     Words words;
@@ -130,7 +130,7 @@ class DeepSearch {
                        [](double squares) { return squares > 0 ? static_cast<float>(1 / std::sqrt(squares)) : 0; });
     }
 
-    // Z of row i for all callsigns of code words, in the columns from `first` on that a table holds.
+    // Z of row i for all callsigns with code words, in the columns from `first` on that a table holds.
     void sum_columns(int64_t i, std::size_t first) {
         const std::size_t width = std::min(LANES, grid_.n_columns - first);
         WordTable table;
@@ -153,7 +153,7 @@ class DeepSearch {
         }
     }
 
-    // Z of row i, pair by pair, for signs that are no code words.
+    // Z of row i, pair by pair, for signs that are not code words.
     void sum_pairs(std::size_t entry, int64_t i) {
         const std::span<float> z = row(entry, i);
         std::ranges::fill(z, 0.0f);
@@ -203,7 +203,7 @@ class DeepSearch {
     std::vector<std::optional<Words>> words_;
     std::vector<float> z_;
     std::vector<float> highest_;
-    std::vector<double> squares_;  // Σ d² of the row in work
+    std::vector<double> squares_;  // Σ d² of the current row
     std::vector<float> scale_;     // and 1/sqrt of it
     std::vector<float> difference_;
     std::vector<ovc_deep_hit> hits_;
@@ -267,7 +267,7 @@ int32_t ovc_deep_search(const ov_specmap* map, const ovc_known* known, int32_t n
     ov_grid grid;
     if (!ov_search_grid(*map, OVC_CHIPS, t_min, t_max, search_hz, guard, grid)) return 0;
 
-    // About three independent places a chip of time and 1/chip of frequency.
+    // About three independent positions per chip of time and as many per 1/chip of frequency.
     const double trials = (3.0 * static_cast<double>(grid.n_rows) / map->steps_per_chip + 1) *
                           (3.0 * static_cast<double>(grid.n_columns) * map->bin_hz * map->chip_s + 1) * n_known;
     const double least_z = ovc_deep_threshold(trials, pfa);

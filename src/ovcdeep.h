@@ -3,7 +3,7 @@
 // With d_k the power difference of chip pair k and s_k = ±1 the sign that the known frame gives it,
 //     Z = (Σ s_k·d_k) / sqrt(Σ d_k²)
 // is close to a standard normal variable under noise alone, whatever its level, and grows with the frame. The
-// threshold follows from the number of places tried and the false-alarm probability wanted.
+// threshold follows from the number of positions tried and the required false-alarm probability.
 //
 // Working memory is a few map rows for each known callsign, however long the block. No state; any thread.
 #pragma once
@@ -14,7 +14,7 @@
 #include "ovcenc.h"
 #include "ovsync.h"
 
-// A place where a known frame stands out.
+// A position where a known frame stands out.
 struct ovc_deep_hit {
     int32_t known;   // index of the known callsign
     int32_t pos;     // start, map rows, may be negative

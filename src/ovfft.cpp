@@ -1,3 +1,4 @@
+// Every call of FFTW's planner holds the lock; plans are made only when memory suffices.
 #include "ovfft.h"
 
 #include <mutex>
@@ -10,12 +11,12 @@ fftw_complex* raw(std::complex<double>* buffer) {
     return reinterpret_cast<fftw_complex*>(buffer);
 }
 
-// FFTW ends the process when it gets no memory for itself, be it to plan or to execute, so it is not asked unless there
-// is enough. Plans of 16 to 9.6 million points took 175 kB, or 20 bytes a point, at most.
+// FFTW ends the process when it gets no memory, in planning or execution, so it is called only when there is enough.
+// Plans of 16 to 9.6 million points took 175 kB, or 20 bytes per point, at most.
 bool has_enough_memory(int32_t n) noexcept {
     constexpr int64_t BYTES = 512 << 10;
-    constexpr int64_t BYTES_A_POINT = 32;
-    return fftw_array<char>(BYTES + BYTES_A_POINT * n) != nullptr;
+    constexpr int64_t BYTES_PER_POINT = 32;
+    return fftw_array<char>(BYTES + BYTES_PER_POINT * n) != nullptr;
 }
 
 }  // namespace

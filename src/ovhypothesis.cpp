@@ -1,5 +1,5 @@
 // The starts, frequencies and drifts around a candidate are tried in three stages, each around the best of the one
-// before it. All chips of all hypotheses of a stage are measured together where that can be done.
+// before it. All chips of all hypotheses of a stage are measured together where possible.
 #include "ovhypothesis.h"
 
 #include <algorithm>
@@ -23,8 +23,8 @@ using Complex = std::complex<double>;
 
 constexpr int32_t MAX_DRIFT_STEPS = 12;
 
-// |Σ x[k]·e^(−jθk)|² over n samples. Several phasors take turns, each advanced by as many rotations a time: one alone
-// would have to wait for its own last product.
+// |Σ x[k]·e^(−jθk)|² over n samples. Several phasors take turns, each advanced by that many rotations at a time: one
+// alone would wait for its own last product.
 ORVEL_MULTIVERSION double tone_energy(const Complex* x, std::size_t n, const Complex& rotation) {
     Doubles8 phasor_re{};
     Doubles8 phasor_im{};
@@ -101,8 +101,8 @@ StartGrid starts_around(int32_t start, const Steps& steps) {
     return {start - steps.reach, 2 * steps.reach / steps.step + 1, steps.step};
 }
 
-// Measures hypotheses of a map without spread and hands them to a judge, start by start. Its counterpart for a spread
-// is SpreadGrid.
+// Measures hypotheses of a map without spread and hands them to a judge, start by start. SpreadGrid is its counterpart
+// with a spread.
 class HypothesisGrid {
   public:
     HypothesisGrid(const ov_baseband& bb, const ov_specmap& map, const std::function<void(const ov_measured&)>& judge)
@@ -158,7 +158,7 @@ int search_stages(Grid& grid, const ov_specmap& map, int32_t start, double f, do
     return 0;
 }
 
-// ov_chip_energies_sp, quickly where there is memory for it.
+// ov_chip_energies_sp, by the fast path where there is memory for it.
 int32_t measure_frame(const ov_baseband& bb, const ov_specmap& map, int32_t start, double f, double drift, float* out) {
     if (map.spread != 0) {
         try {
@@ -205,7 +205,7 @@ int32_t ov_chip_energies(const ov_baseband& bb, int32_t chip_len, int32_t nchips
             continue;
         }
         const double theta = 2 * std::numbers::pi * line.at(static_cast<double>(s)) / bb.rate;
-        if (theta != last_theta) rotation = {std::cos(theta), -std::sin(theta)};  // without drift once for all
+        if (theta != last_theta) rotation = {std::cos(theta), -std::sin(theta)};  // only once without drift
         last_theta = theta;
         out[c] = n > 0 ? static_cast<float>(tone_energy(bb.samples + s, n, rotation)) : 0;
         measured++;

@@ -1,6 +1,6 @@
 // Frame hypotheses: measured chip by chip on the baseband, where start, frequency and drift are free.
 //
-//     candidate → grid of starts, frequencies and drifts → best hypothesis → the same moved by whole chips
+//     candidate → grid of starts, frequencies and drifts → best hypothesis → the same shifted by whole chips
 //
 // No state; any thread.
 #pragma once
@@ -11,7 +11,7 @@
 #include "ovbb.h"
 #include "ovrecords.h"
 
-// Frequency of a window of a drifting frame that has frequency f in its middle.
+// Frequency in each window of a drifting frame whose frequency is f in its middle.
 class DriftLine {
   public:
     DriftLine(double rate, int32_t start, int32_t nchips, int32_t chip_len, double f, double drift)
@@ -58,7 +58,7 @@ void try_hyp(const ov_baseband& bb, const ov_specmap& map, int32_t start, double
 int ov_refine(const ov_baseband& bb, const ov_specmap& map, const ov_cand& cand, double drift_max, double edge,
               ov_hyp& out);
 
-// Measures a hypothesis moved by a whole number of chips. Returns 0, or -1 when too few chips lie inside (out then
+// Measures a hypothesis shifted by a whole number of chips. Returns 0, or -1 when too few chips lie inside (out then
 // holds what was measured).
 int ov_fit_shift(const ov_baseband& bb, const ov_specmap& map, const ov_hyp& hyp, int32_t shift, double edge,
                  ov_hyp& out);
@@ -73,8 +73,8 @@ struct ov_measured {
 };
 
 // The grid of ov_refine around a start sample and frequency: coarse in start and frequency, then drift, then fine.
-// judge(hypothesis) keeps one in best where it is better; where making a std::function of it could ask for memory, pass
-// it by std::ref. Returns 0, or -1 when none of the coarse stage was, or memory is short.
+// judge(hypothesis) keeps one in best where it is better; where converting it to a std::function could allocate, pass
+// it by std::ref. Returns 0, or -1 when the coarse stage kept none, or memory is short.
 int ov_search_around(const ov_baseband& bb, const ov_specmap& map, int32_t start, double f, double drift_max,
                      ov_hyp& best, const std::function<void(const ov_measured&)>& judge);
 

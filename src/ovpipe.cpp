@@ -1,5 +1,5 @@
-// One run takes a baseband from score map to spots: the searches of all protocols on one map, and then what is left of
-// their spots where they overlap.
+// One run takes a baseband from score map to spots: the searches of all protocols on one map, and then the removal of
+// spots that overlap across protocols.
 #include "ovpipe.h"
 
 #include <algorithm>
@@ -22,8 +22,8 @@ constexpr ov_protocol OPERA = *ov_protocol_by_id(OVL_OPERA);
 
 constexpr int64_t MIN_BASEBAND_RATE = 125;
 constexpr double MIN_CHIP_SAMPLES = 15.999999999;
-// A careless search width or sample rate would ask for all memory there is. Baseband, map and scores of a search of
-// 125 kHz take 70 MB a second; a rate below 8 kHz is no audio's, and then the baseband alone may be as long as that.
+// A careless search width or sample rate would take all memory there is. Baseband, map and scores of a search of
+// 125 kHz take 70 MB per second; a rate below 8 kHz is not that of audio, and the baseband alone may then be as large.
 constexpr double WIDEST_HZ = 125e3;    // on each side, or twice the input rate where that is more
 constexpr double MARGIN_HZ = 1e3;      // for the width of the signals themselves
 constexpr int64_t FAR_FASTER = 32;     // times the input rate
@@ -38,7 +38,7 @@ int32_t cmp_spot_dt(const ov_spot& a, const ov_spot& b) {
     return (a.t > b.t) - (a.t < b.t);
 }
 
-// Whether two spots of different protocols lie on each other.
+// Whether two spots of different protocols overlap in time and frequency.
 bool overlap(const Search& search, const ov_spot& a, const ov_spot& b) {
     if (a.protocol == b.protocol || !(std::fabs(a.freq - b.freq) < search.same_place_hz())) return false;
     const double length_a = frame_seconds(search.params, a.protocol);
@@ -47,7 +47,7 @@ bool overlap(const Search& search, const ov_spot& a, const ov_spot& b) {
 }
 
 // Where two protocols decoded something at the same place, the one with less contrast was a phantom of the other. It is
-// marked by a protocol that does not exist: memory for marks might be short, and the phantom would stay.
+// marked by a protocol id that does not exist: allocating marks could fail, and the phantom would stay.
 void remove_overlaps(const Search& search, SpotList& spots) {
     constexpr int32_t DROPPED = 0;
     const std::span<ov_spot> found = spots.found();
@@ -64,7 +64,7 @@ void remove_overlaps(const Search& search, SpotList& spots) {
     spots.shrink(static_cast<std::size_t>(end - found.begin()));
 }
 
-// All searches that are asked for. False when memory for the lists of candidates is short.
+// Runs all requested searches. False when memory for the lists of candidates is short.
 bool search_all(const Search& search, SpotList& found) {
     const ov_params& params = search.params;
     {
@@ -131,7 +131,7 @@ std::optional<int32_t> baseband_rate(const ov_params& params, int32_t n, int32_t
     return static_cast<int32_t>(rate);
 }
 
-// Baseband rates are 125 Hz times a power of two, so that the lowest tells whether an input rate fits any of them.
+// Baseband rates are 125 Hz times a power of two, so the lowest decides whether an input rate fits any of them.
 bool ov_rate_served(uint32_t rate) {
     int32_t nfft = 0;
     int32_t nout = 0;
@@ -167,7 +167,7 @@ int32_t run(const ov_baseband& bb, const ov_params& params, ov_spot* spots, int3
     const double frame_s = FRAME_PER_OP * params.op;
     const double drift_range = params.drift_max >= 0 ? params.drift_max : 2 * map.bin_hz / frame_s;
     const Search search{bb, map, params, OPERA, chip_s, frame_s, drift_range};
-    search.tell().block(bb, map, drift_range);
+    search.verbose().block(bb, map, drift_range);
 
     SpotList found(spots, 0, max_spots);
     if (!search_all(search, found)) return -1;
@@ -254,7 +254,7 @@ std::span<const ov_cand> list_candidates(const Search& search, const CandidateLi
     const int32_t listed =
         std::max(0, ov_find_candidates(search.map, window.first, window.last, params.search_hz, params.chip_guard,
                                        params.z_min, lists.capacity, lists.found.get(), &median, &sigma));
-    search.tell().score_map(search.protocol.label, median, sigma, listed, params.z_min);
+    search.verbose().score_map(search.protocol.label, median, sigma, listed, params.z_min);
     return {lists.found.get(), static_cast<std::size_t>(listed)};
 }
 

@@ -55,8 +55,8 @@ struct ov_spot {
     double score;       // metric of the hypothesis that gave the frame
     int32_t rank;       // OPERA: place of the frame among those tried, from 0, or -1 from the deep search;
                         // ORVEL: decoder stage, 1 = belief propagation, 2 = ordered statistics
-    double gap;         // metric by which the best frame tried was ahead
-    int32_t shift;      // chips by which the frame start was moved against the candidate's
+    double gap;         // metric of the best frame tried minus this one's
+    int32_t shift;      // shift of the frame start from the candidate's, chips
     int32_t chips_ok;   // chips measured
     int32_t deep;       // 1 when the deep search found it
     double contrast;    // ON chips minus OFF chips in units of noise
@@ -67,7 +67,7 @@ struct ov_spot {
 
 // Decodes a block of n samples (or I/Q pairs) at `rate` Hz into at most max_spots spots, ordered by start time.
 // Returns their number, or -1 when no baseband or score map can be made of the block: too short, a sample that is not
-// finite, a rate without fitting transform sizes, a search band that is no number or far wider than the input, or
+// finite, a rate without fitting transform sizes, a search band that is not finite or far wider than the input, or
 // memory is short.
 int32_t ov_decode_real(const double* x, int32_t n, int32_t rate, const ov_params& params, ov_spot* spots,
                        int32_t max_spots);
@@ -77,11 +77,11 @@ int32_t ov_decode_iq(const double* i, const double* q, int32_t n, int32_t rate, 
 // Decodes a band far wider than one search: scans it for keyed frequencies and decodes a narrow tile around each. q is
 // null for real samples.
 //
-//   params      center_hz ± search_hz is the whole band; the false-alarm probability of the deep search is shared out
-//               over the tiles
+//   params      center_hz ± search_hz is the whole band; the false-alarm probability of the deep search is divided
+//               among the tiles
 //   z_scan      least z of a keyed frequency, sigma
-//   max_tiles   most frequencies to look at, strongest first
-// Returns the number of spots, ordered by start time; one callsign is reported once in half an OPERA frame. -1 when the
+//   max_tiles   most frequencies to decode, strongest first
+// Returns the number of spots, ordered by start time; a callsign is reported once per half OPERA frame. -1 when the
 // scan or the spectrum fails; a tile that cannot be decoded gives no spots.
 int32_t ov_decode_wide(const double* i, const double* q, int32_t n, int32_t rate, const ov_params& params,
                        double z_scan, int32_t max_tiles, ov_spot* spots, int32_t max_spots);

@@ -1,6 +1,6 @@
 // Every OPERA candidate passes the same gates: refined, measured at seven chip shifts, its frames listed and checked,
-// the winner compared with its CRC twins, with rival callsigns and with the energy in its OFF chips. Then the frames of
-// known callsigns are searched for on what is left.
+// the winner compared with its CRC twins, with rival callsigns and with the energy in its OFF chips. Then the deep
+// search looks for frames of known callsigns where nothing was decoded.
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -64,7 +64,7 @@ bool is_valid(const ov_params& params, const ovc_frame& frame, std::array<char, 
     return is_known(params, text.data());
 }
 
-// The one callsign that the tried frames agree on, safe against CRC twins. walked counts the frames looked at.
+// The one callsign that the tried frames agree on, safe against CRC twins. walked counts the frames tried.
 std::optional<Decision> decide(const Search& search, std::span<const Fit> fits, std::span<const Pooled> pool,
                                int32_t number, int32_t& walked) {
     std::optional<Decision> chosen;
@@ -77,12 +77,12 @@ std::optional<Decision> decide(const Search& search, std::span<const Fit> fits, 
             const double margin = ovc_twin_margin(fits[candidate.fit].hyp.soft, &candidate.frame,
                                                   search.params.check_plausible, twin.data());
             if (!(margin >= search.params.twin_min)) {
-                search.tell().crc_twin(number, call.data(), twin.data(), margin);
+                search.verbose().crc_twin(number, call.data(), twin.data(), margin);
                 return std::nullopt;
             }
             chosen = Decision{call, candidate.fit, walked - 1, pool.front().metric - candidate.metric};
         } else if (call != chosen->call) {
-            search.tell().ambiguous(number, chosen->call.data(), call.data());
+            search.verbose().ambiguous(number, chosen->call.data(), call.data());
             return std::nullopt;
         }
     }
@@ -107,11 +107,11 @@ ov_spot opera_spot(const Search& search, const ov_cand& cand, const Fit& fit, co
 
 void accept_opera(const Search& search, const ov_spot& spot, const ov_cand& cand, int32_t number, SpotList& spots) {
     if (!off_chips_empty(search.params, spot.contrast, spot.off_excess)) {
-        search.tell().other_signal(number, spot);
+        search.verbose().other_signal(number, spot);
         return;
     }
     const bool duplicate = spots.has_call_near(spot.call, spot.t, DUPLICATE_FRAMES * search.frame_s);
-    search.tell().opera_frame(number, cand, search.bb.centre, spot, duplicate);
+    search.verbose().opera_frame(number, cand, search.bb.centre, spot, duplicate);
     if (!duplicate) spots.push_back(spot);
 }
 
@@ -125,11 +125,11 @@ void examine_opera(const Search& search, const ov_cand& cand, int32_t number, Sp
     if (const auto decision = decide(search, fits, pool, number, walked)) {
         accept_opera(search, opera_spot(search, cand, fits[decision->fit], *decision), cand, number, spots);
     } else {
-        search.tell().no_opera_frame(number, cand, hyp, search.bb, walked);
+        search.verbose().no_opera_frame(number, cand, hyp, search.bb, walked);
     }
 }
 
-// Whether an earlier spot lies on this place.
+// Whether an earlier spot is at this place.
 bool is_decoded(const Search& search, const SpotList& spots, double t, double f) {
     return std::ranges::any_of(spots.found(), [&](const ov_spot& spot) {
         return std::fabs(search.absolute(f) - spot.freq) < search.same_place_hz() &&
@@ -150,7 +150,7 @@ void examine_deep(const Search& search, const ovc_deep_hit& hit, SpotList& spots
     const ovc_known& known = search.params.known[hit.known];
     if (is_decoded(search, spots, hit.t, hit.f) ||
         spots.has_call_near(known.display, hit.t, DUPLICATE_FRAMES * search.frame_s)) {
-        search.tell().deep_hit_decoded(known.display, hit, search.bb.centre);
+        search.verbose().deep_hit_decoded(known.display, hit, search.bb.centre);
         return;
     }
     ov_hyp hyp;
@@ -158,7 +158,7 @@ void examine_deep(const Search& search, const ovc_deep_hit& hit, SpotList& spots
         return;
     }
     const ov_spot spot = known_spot(search, known, hit, hyp);
-    search.tell().deep_frame(hit, spot);
+    search.verbose().deep_frame(hit, spot);
     spots.push_back(spot);
 }
 
@@ -178,7 +178,7 @@ void search_known(const Search& search, SpotList& spots) {
     const int32_t count = std::max(
         0, ovc_deep_search(&search.map, params.known, params.n_known, window.first, window.last, params.search_hz,
                            params.chip_guard, params.deep_pfa, MAX_DEEP_HITS, hits.data(), &threshold));
-    search.tell().deep_search(params.n_known, threshold, count);
+    search.verbose().deep_search(params.n_known, threshold, count);
     for (const ovc_deep_hit& hit : std::span(hits).first(static_cast<std::size_t>(count))) {
         if (spots.is_full()) return;
         examine_deep(search, hit, spots);

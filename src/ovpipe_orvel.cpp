@@ -1,5 +1,5 @@
-// The fits of an ORVEL candidate are read from the best down: energies to soft bits, LDPC decoder, CRC, and then the
-// same doubts as about an OPERA frame.
+// The fits of an ORVEL candidate are decoded from the best down: energies to soft bits, LDPC decoder, CRC, and then the
+// same tests as for an OPERA frame.
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -49,7 +49,7 @@ struct CodeWord {
 std::optional<CodeWord> decode_fit(const Search& search, const Fit& fit) {
     std::array<float, OV_MAX_PAIRS> first;
     std::array<float, OV_MAX_PAIRS> second;
-    const float* energy = fit.hyp.energy + 1;  // behind the leading chip
+    const float* energy = fit.hyp.energy + 1;  // after the leading chip
     for (int32_t i = 0; i < search.map.pairs; i++) {
         first.data()[i] = *energy++;
         second.data()[i] = *energy++;
@@ -78,7 +78,7 @@ std::array<uint8_t, OV_MAX_CHIPS> chips_of(std::span<const uint8_t> coded) {
     return chips;
 }
 
-// Tries to read one fit; the spot is complete when it is accepted.
+// Tries to decode one fit; the spot is complete when it is accepted.
 Verdict read_fit(const Search& search, const ov_cand& cand, const Fit& fit, ov_spot& spot) {
     const auto word = decode_fit(search, fit);
     if (!word) return Verdict::NO_FRAME;
@@ -98,12 +98,12 @@ Verdict read_fit(const Search& search, const ov_cand& cand, const Fit& fit, ov_s
 
 void accept_orvel(const Search& search, const ov_spot& spot, int32_t number, SpotList& spots) {
     const bool duplicate = spots.has_call_near(spot.call, spot.t, DUPLICATE_FRAMES * search.frame_s);
-    search.tell().orvel_frame(search.protocol.label, number, spot, search.map.frame_chips, duplicate);
+    search.verbose().orvel_frame(search.protocol.label, number, spot, search.map.frame_chips, duplicate);
     if (!duplicate) spots.push_back(spot);
 }
 
-// Fits that were read in vain. Candidates of one frame are often whole chips apart, and then share most of their fits.
-class ReadInVain {
+// Fits that were rejected. Candidates of one frame are often whole chips apart, and then share most of their fits.
+class RejectedFits {
   public:
     void add(const ov_hyp& hyp, Verdict verdict) {
         newest_[count_++ % newest_.size()] = {hyp.start, hyp.f, hyp.drift, verdict};
@@ -117,7 +117,7 @@ class ReadInVain {
     }
 
   private:
-    // All that the measurement of a fit depends on, and so all that reading it depends on.
+    // All that the measurement of a fit depends on, and therefore its verdict.
     struct Entry {
         int32_t start;
         double f, drift;
@@ -128,20 +128,20 @@ class ReadInVain {
 };
 
 // The verdict about a fit; an accepted one is added to the spots.
-Verdict judge_fit(const Search& search, const ov_cand& cand, const Fit& fit, int32_t number, ReadInVain& in_vain,
+Verdict judge_fit(const Search& search, const ov_cand& cand, const Fit& fit, int32_t number, RejectedFits& rejected,
                   SpotList& spots) {
-    if (const auto known = in_vain.find(fit.hyp)) return *known;
+    if (const auto known = rejected.find(fit.hyp)) return *known;
     ov_spot spot;
     const Verdict verdict = read_fit(search, cand, fit, spot);
     if (verdict == Verdict::ACCEPTED) {
         accept_orvel(search, spot, number, spots);
     } else {
-        in_vain.add(fit.hyp, verdict);
+        rejected.add(fit.hyp, verdict);
     }
     return verdict;
 }
 
-void examine_orvel(const Search& search, const ov_cand& cand, int32_t number, ReadInVain& in_vain, SpotList& spots) {
+void examine_orvel(const Search& search, const ov_cand& cand, int32_t number, RejectedFits& rejected, SpotList& spots) {
     ov_hyp hyp;
     if (ov_refine(search.bb, search.map, cand, search.drift_range, search.params.chip_guard, hyp) != 0) return;
     std::vector<Fit> fits = fit_shifts(search, hyp);
@@ -149,14 +149,14 @@ void examine_orvel(const Search& search, const ov_cand& cand, int32_t number, Re
 
     Verdict lowest = Verdict::NO_FRAME;
     for (const Fit& fit : fits) {
-        const Verdict verdict = judge_fit(search, cand, fit, number, in_vain, spots);
+        const Verdict verdict = judge_fit(search, cand, fit, number, rejected, spots);
         if (verdict == Verdict::ACCEPTED) return;
         lowest = std::min(lowest, verdict);
     }
-    search.tell().no_orvel_frame(search.protocol.label, number, cand, search.bb.centre, reason(lowest));
+    search.verbose().no_orvel_frame(search.protocol.label, number, cand, search.bb.centre, reason(lowest));
 }
 
-// Whether an earlier spot of the same protocol takes more than half of the shorter frame at this place.
+// Whether an earlier spot of the same protocol covers more than half of the shorter frame at this place.
 bool overlaps_spot(const Search& search, const SpotList& spots, const ov_cand& cand) {
     return std::ranges::any_of(spots.found(), [&](const ov_spot& spot) {
         if (spot.protocol != search.protocol.id) return false;
@@ -178,10 +178,10 @@ void search_orvel(const ov_baseband& bb, const ov_specmap& map, const ov_params&
 
     auto lists = make_lists(params);
     if (!lists) return;
-    ReadInVain in_vain;
+    RejectedFits rejected;
     search_candidates(
         search, *lists, spots, [&](const ov_cand& cand) { return overlaps_spot(search, spots, cand); },
-        [&](const ov_cand& cand, int32_t number) { examine_orvel(search, cand, number, in_vain, spots); });
+        [&](const ov_cand& cand, int32_t number) { examine_orvel(search, cand, number, rejected, spots); });
 }
 
 int32_t run_orvel(const ov_baseband& bb, const ov_specmap& map, const ov_params& params, int32_t mode,

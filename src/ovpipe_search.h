@@ -17,8 +17,8 @@
 #include "protocol.h"
 #include "verbose_lines.h"
 
-inline constexpr double FRAME_PER_OP = 61.184;  // length of an OPERA frame in seconds for each unit of the speed number
-inline constexpr double DUPLICATE_FRAMES = 0.5;  // spots of one callsign this close are one
+inline constexpr double FRAME_PER_OP = 61.184;   // length of an OPERA frame per unit of the speed number, s
+inline constexpr double DUPLICATE_FRAMES = 0.5;  // spots of one callsign this close count as one
 
 inline double chip_seconds(const ov_params& params) {
     return OV_CHIP_PER_OP * params.op;
@@ -35,7 +35,7 @@ class SpotList {
     std::span<ov_spot> found() const { return room_.first(std::min(count_, room_.size())); }
     int32_t count() const { return static_cast<int32_t>(count_); }
 
-    // Nothing else is read of a frame than its callsign and start when it is found twice.
+    // Duplicates are recognised by callsign and start alone.
     bool has_call_near(const char* call, double t, double within_s) const;
     void sort_by_time() const;
 
@@ -54,10 +54,10 @@ struct Search {
     double frame_s;
     double drift_range;  // Hz/s, each side
 
-    VerboseLines tell() const { return {params.verbose != 0}; }
+    VerboseLines verbose() const { return {params.verbose != 0}; }
     double absolute(double f) const { return f + bb.centre; }
 
-    // Closer than this two signals share their energy.
+    // Two signals closer than this share their energy.
     double same_place_hz() const { return 3.0 / chip_s; }
 };
 
@@ -67,13 +67,13 @@ bool share_half(double t1, double length1, double t2, double length2);
 // Length of a frame of the protocol with that id.
 double frame_seconds(const ov_params& params, int32_t protocol);
 
-// Start times that the limits on start and end of a frame leave.
+// Start times that the limits on the start and end of a frame allow.
 struct StartWindow {
     double first, last;
 };
 StartWindow start_window(const ov_params& params, double frame_s);
 
-// Candidates as found, and those of them that were examined.
+// The candidates found, and those of them that were examined.
 struct CandidateLists {
     std::unique_ptr<ov_cand[]> found;
     int32_t capacity = 0;
@@ -115,7 +115,7 @@ struct Fit {
     ov_hyp hyp;
 };
 
-// The map tells a frame from itself moved by a chip or two only by a little: all shifts get their chance.
+// On the map a frame differs little from itself shifted by a chip or two, so every shift is measured.
 std::vector<Fit> fit_shifts(const Search& search, const ov_hyp& hyp);
 
 // Whether a callsign without blanks is on the list of known ones.
@@ -124,10 +124,10 @@ bool is_known(const ov_params& params, std::string_view call);
 // False when the OFF chips hold more than noise and what keying leaks into them: another signal lies there.
 bool off_chips_empty(const ov_params& params, double contrast, double off_excess);
 
-// What a fit says about the spot.
+// The spot with what a fit measured.
 ov_spot measured_spot(const Search& search, double z, const ov_hyp& hyp);
 
-// Adds what the comparison with the chips that the frame should show says.
+// Adds SNR, contrast and OFF excess, by comparison with the chips that the frame should show.
 void compare_with_chips(const Search& search, const ov_hyp& hyp, const uint8_t* chips, ov_spot& spot);
 
 // The searches of a run. Each adds to the spots.
@@ -136,6 +136,6 @@ void search_known(const Search& search, SpotList& spots);
 void search_orvel(const ov_baseband& bb, const ov_specmap& map, const ov_params& params, const ov_protocol& protocol,
                   double drift_range, SpotList& spots);
 
-// The lowest baseband rate that holds the search band with room beside it and 16 samples a chip; nothing when the
-// parameters are no numbers or ask for memory without measure.
+// The lowest baseband rate that holds the search band with a margin and 16 samples per chip; nothing when the
+// parameters are invalid or would take excessive memory.
 std::optional<int32_t> baseband_rate(const ov_params& params, int32_t n, int32_t input_rate);

@@ -26,8 +26,8 @@ ov_params tile_params(const ov_params& params, int32_t tiles) {
     return tile;
 }
 
-// Adds the spots of a tile. A station may show in two of them: of the same frame an ordinary decode stays rather than a
-// deep one, and of two ordinary ones the stronger.
+// Adds the spots of a tile. A station may appear in two of them: of two decodes of the same frame, an ordinary one is
+// kept rather than a deep one, and of two ordinary ones the stronger.
 void merge_spots(std::span<const ov_spot> tile, double op, SpotList& found) {
     for (const ov_spot& spot : tile) {
         if (found.is_full()) return;

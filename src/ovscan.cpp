@@ -1,5 +1,5 @@
 // Windows overlap by three quarters, so that some are in step with the chips; those a whole chip apart form one of four
-// interleaved phases, and a run stays within its phase. Bins are worked on a few at a time, side by side.
+// interleaved phases, and a run stays within its phase. Bins are processed a few at a time, side by side.
 #include "ovscan.h"
 
 #include <algorithm>
@@ -25,10 +25,10 @@ constexpr int32_t MIN_RUN = 16;    // chips
 constexpr int32_t MIN_WINDOW = 8;  // samples
 constexpr int64_t MIN_WINDOWS = 32;
 constexpr int64_t MIN_BINS = 5;
-constexpr int64_t PHASES = 4;  // windows a chip
+constexpr int64_t PHASES = 4;  // windows per chip
 constexpr int64_t NOISE_WINDOWS = 2000;
 constexpr int64_t NOISE_MARGIN = 16;  // bins each side over which the noise is smoothed
-constexpr double JUMP_SHARE = 0.7;    // of the power of a keyed carrier that its jumps carry at least
+constexpr double JUMP_SHARE = 0.7;    // least share of the power of a keyed carrier in its jumps
 
 // Windows and bins of one scan.
 struct Grid {

@@ -1,5 +1,5 @@
-// Noise is measured in the windows in which the carrier runs unbroken, once it has been taken out of them, and
-// otherwise in the chips in which it is off.
+// Noise is measured in the windows in which the carrier is continuous, after removing it, and otherwise in the chips in
+// which it is off.
 #include "ovsnr.h"
 
 #include <algorithm>
@@ -40,7 +40,7 @@ bool mean_energy(const ov_hyp& hyp, const uint8_t* on, bool wanted, double& mean
     return true;
 }
 
-// Takes the carrier, a constant amplitude at theta rad a sample, out of a window.
+// Removes the carrier, a constant amplitude at theta rad per sample, from a window.
 void remove_carrier(std::span<const Complex> x, double theta, Complex* out) {
     const Complex rotation(std::cos(theta), std::sin(theta));
     Complex amplitude;
@@ -58,7 +58,7 @@ void remove_carrier(std::span<const Complex> x, double theta, Complex* out) {
     }
 }
 
-// Powers of the bins beside the carrier in every window from the middle of an ON chip to the middle of the next ON
+// Powers of the bins away from the carrier in every window from the middle of an ON chip to the middle of the next ON
 // chip. Empty when there is no such window or no memory.
 std::vector<float> noise_powers(const ov_baseband& bb, int32_t chip_len, const ov_hyp& hyp, const uint8_t* on) {
     const auto window = fftw_array<Complex>(chip_len);

@@ -1,4 +1,4 @@
-// Each row of the score map is a short-time power spectrum, and the noise of every column is brought to 1. A frame
+// Each row of the score map is a short-time power spectrum, and the noise of every column is normalised to 1. A frame
 // shows in it as a pattern of ON and OFF chips.
 #include "ovsync.h"
 
@@ -75,8 +75,8 @@ std::span<float> open_row(const ov_specmap& map, int64_t r) {
     return {map.power + r * map.nbins, map.row(r).size()};
 }
 
-// One row: sums of neighbouring powers, as many as leave one sum for each column. The sum runs in double; each step is
-// formed in single precision.
+// One row: sums over neighbouring powers, over as many as leave one sum per column. The running sum is in double; each
+// step is computed in single precision.
 void sum_spread(std::span<const float> powers, std::span<float> row) {
     const std::size_t width = powers.size() - row.size() + 1;
     double sum = 0;
@@ -113,7 +113,7 @@ bool fill_powers(const ov_baseband& bb, const ov_specmap& map) {
     return true;
 }
 
-// Noise of each column by itself: the mean of its powers by their median.
+// Noise of each column by itself: the mean of its powers, estimated from their median.
 std::vector<float> noise_levels(const ov_specmap& map) {
     constexpr std::size_t BLOCK = 16;  // columns gathered at once: one cache line of a row
     const std::size_t columns = map.row(0).size();

@@ -2,7 +2,7 @@
 //
 //     baseband → score map → candidates → refined hypothesis → shifted fits → SNR
 //
-// The score map, made here, is a power spectrogram, one row each sixteenth of a chip and one column each frequency bin,
+// The score map, made here, is a power spectrogram, one row per sixteenth of a chip and one column per frequency bin,
 // normalised so that noise has mean 1 in every column. Candidates (ovcandidates.h) are peaks of the map's correlation
 // with the frame structure; a hypothesis (ovhypothesis.h) is measured chip by chip on the baseband itself, and its SNR
 // (ovsnr.h) when its chips are known. No state; any thread.
@@ -29,5 +29,5 @@ float median_of(const float* values, int32_t n, float* scratch);
 int ov_spectrogram(const ov_baseband& bb, double chip_s, double search_hz, double spread_hz, ov_specmap& out);
 void ov_spectrogram_free(ov_specmap& map);
 
-// Sets the frame layout: ncoded chip pairs (at most OV_MAX_PAIRS) behind one leading chip.
+// Sets the frame layout: ncoded chip pairs (at most OV_MAX_PAIRS) after one leading chip.
 void ov_spec_frame(ov_specmap& map, int32_t ncoded, int32_t pair_mode);

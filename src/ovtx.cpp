@@ -1,5 +1,5 @@
-// All times are kept absolute: a segment starts at its own rounded sample, so roundings never add up. Every edge is a
-// raised cosine that begins where the segment does; equal neighbours make a flat line of it.
+// All times are kept absolute: a segment starts at its own rounded sample, so rounding errors never accumulate. Every
+// edge is a raised cosine that begins where the segment does; between equal neighbours it is flat.
 #include "ovtx.h"
 
 #include <algorithm>

@@ -2,9 +2,9 @@
 //
 //     steps → keyed segments (tone on or off) → raised-cosine envelope → phase-continuous sine
 //
-// A transmitter is made, started with a sequence as often as wanted, rendered to its end or stopped softly, and
+// A transmitter is made, started with a sequence any number of times, rendered to its end or stopped softly, and
 // destroyed. One thread renders while others may call stop, set_level and status; start and destroy must not overlap a
-// render. Functions take null transmitters and say so by their result.
+// render. Functions accept null transmitters and report them by their result.
 #pragma once
 
 #include <atomic>
@@ -31,17 +31,17 @@ struct ovtx_state {
     int32_t chips[OVTX_MAX_STEPS];   // chips of each frame step, else 0
     std::vector<ovtx_seg> segments;  // keeps its memory from one start to the next
     int32_t length;                  // samples of all steps
-    int32_t ramp;                    // samples of a key transition, and of the closing ramp behind the last step
+    int32_t ramp;                    // samples of a key transition, and of the closing ramp after the last step
     int32_t end;                     // length + ramp
 
     // Where rendering stands; written by render, read by status.
     std::atomic<int32_t> position;       // samples
     std::atomic<int32_t> segment;        // current segment
     double phase;                        // rad
-    double increment;                    // rad a sample
+    double increment;                    // rad per sample
     float last_amplitude;                // of the envelope
     float level;                         // gliding towards the target
-    float glide;                         // share of the way that it goes in a sample
+    float glide;                         // share of the remaining way that it covers per sample
     std::atomic<int32_t> stop_position;  // -1: no stop under way
     float stop_amplitude;                // of the envelope where the stop began
 

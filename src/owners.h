@@ -1,4 +1,5 @@
-// Owners of the plain records of the receive chain: each is one and empties itself at the end of its scope.
+// Owners of the plain records of the receive chain: each is such a record and frees its buffers at the end of its
+// scope.
 #pragma once
 
 #include "ovbb.h"

@@ -1,3 +1,4 @@
+// A table is computed by rotation from a few phasors instead of by a sine and a cosine per sample.
 #include "phasors.h"
 
 #include <array>
@@ -8,7 +9,8 @@
 
 namespace {
 
-// e^(−jk·turn) for k = 0 … n − 1. Four at a time: each is the fourth before it, turned.
+// e^(−jk·turn) for k = 0 … n − 1. Four at a time: each is the one four before it, rotated, so that none waits for its
+// neighbour.
 ORVEL_MULTIVERSION void fill_table(double turn, std::size_t n, double* re, double* im) {
     constexpr std::size_t STRIDE = 4;
     const std::complex<double> once(std::cos(turn), -std::sin(turn));

@@ -1,4 +1,4 @@
-// Turning samples back by a frequency.
+// Mixing samples down by a frequency, given as its `turn` in rad per sample.
 #pragma once
 
 #include <cstddef>

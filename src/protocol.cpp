@@ -1,3 +1,4 @@
+// Look-ups in the table of protocols, and frames of any of them by the protocol's own coder.
 #include "protocol.h"
 
 #include "orvel.h"

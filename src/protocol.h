@@ -29,18 +29,18 @@ inline constexpr int32_t OV_NO_MODE = -1;
 inline constexpr double OV_CHIP_SECONDS = 0.128;  // length of a chip on the air, of all protocols
 inline constexpr double OV_CHIP_PER_OP = 0.256;   // the same for each unit of OPERA's speed number
 
-// The shares of OPERA and ORVEL S are the same but for the rounding of their last bit, which results show.
+// The shares of OPERA and ORVEL S differ only in the rounding of their last bit, which shows in results.
 inline constexpr std::array OV_PROTOCOLS = {
     ov_protocol{OVL_OPERA, "OPERA 05", "opera", "Classic", OV_NO_MODE, 119, -2.9921665490051286},
     ov_protocol{OVL_ORVEL_S, "ORVEL S", "orvel-s", "ORVEL-S", 0, 119, -2.992166549005129},
     ov_protocol{OVL_ORVEL_L, "ORVEL L", "orvel-l", "ORVEL-L", 1, 160, -2.9967915637302238},
 };
 
-// Of the longest frame.
+// Size of the longest frame.
 inline constexpr int32_t OV_MAX_PAIRS = std::ranges::max(OV_PROTOCOLS, {}, &ov_protocol::pairs).pairs;
 inline constexpr int32_t OV_MAX_CHIPS = 2 * OV_MAX_PAIRS + 1;
 
-// The mask of them all.
+// The mask of all protocols.
 inline constexpr int32_t OV_ALL_PROTOCOLS = [] {
     int32_t mask = 0;
     for (const ov_protocol& protocol : OV_PROTOCOLS) mask |= protocol.id;
@@ -71,7 +71,7 @@ constexpr const ov_protocol& ov_protocol_by_mode(int32_t mode) {
 // "opera, orvel-s, orvel-l"
 std::string ov_protocol_options();
 
-// Chips in one frame of a protocol, 0 when there is none of that id.
+// Chips in one frame of a protocol, 0 for an unknown id.
 int32_t frame_chips(uint32_t proto);
 
 // Encodes a frame of any protocol.

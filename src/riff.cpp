@@ -1,5 +1,5 @@
-// The walk keeps its place by adding up sizes in 64 bits. Each step goes forward by a chunk header at least, so that
-// a walk ends with the file, whatever sizes its chunks claim.
+// The walk keeps its position in 64 bits, as the sum of the chunk sizes. Each step advances by at least a chunk header,
+// so a walk ends with the file, whatever sizes its chunks claim.
 #include "riff.h"
 
 #include <sys/types.h>
@@ -60,10 +60,10 @@ bool read_ds64(std::FILE* file, uint64_t& data_bytes) {
 
 }  // namespace
 
-void riff_say(std::string* said, const char* pattern, ...) {
+void riff_say(std::string* messages, const char* pattern, ...) {
     std::va_list arguments;
     va_start(arguments, pattern);
-    if (said == nullptr) {
+    if (messages == nullptr) {
         std::vfprintf(stderr, pattern, arguments);
         va_end(arguments);
         return;
@@ -72,11 +72,11 @@ void riff_say(std::string* said, const char* pattern, ...) {
     va_copy(again, arguments);
     const int length = std::vsnprintf(nullptr, 0, pattern, arguments);
     va_end(arguments);
-    const std::size_t before = said->size();
+    const std::size_t before = messages->size();
     try {
-        said->resize(before + static_cast<std::size_t>(std::max(length, 0)));
-        std::vsnprintf(said->data() + before, said->size() - before + 1, pattern, again);
-    } catch (const std::bad_alloc&) {  // as if nothing had been said
+        messages->resize(before + static_cast<std::size_t>(std::max(length, 0)));
+        std::vsnprintf(messages->data() + before, messages->size() - before + 1, pattern, again);
+    } catch (const std::bad_alloc&) {  // the message is lost
     }
     va_end(again);
 }
@@ -135,7 +135,7 @@ double riff_pcm_value(const uint8_t* bytes, uint32_t bits) {
             return (bytes[0] - 128) / 128.0;
         case 16:
             return static_cast<int16_t>(le16(bytes)) / 32768.0;
-        case 24:  // in the upper bytes of 32 the sign stands where it belongs
+        case 24:  // in the upper three of four bytes, where the sign bit is in place
             return static_cast<int32_t>(le16(bytes) << 8 | static_cast<uint32_t>(bytes[2]) << 24) / full_scale_32;
         case 32:
             return static_cast<int32_t>(le32(bytes)) / full_scale_32;

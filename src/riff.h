@@ -1,5 +1,5 @@
 // What the two recording readers share: the walk over the chunks of a RIFF or RF64 file, the scaling of samples, and
-// buffers that are freed on every way out.
+// buffers that are freed on every exit path.
 //
 // Everything in such a file is little-endian: a 12-byte header ("RIFF", size, "WAVE"), then chunks of an 8-byte header
 // (id, size) and a body padded to an even length. An RF64 file keeps the sizes that do not fit 32 bits in its ds64
@@ -14,13 +14,13 @@
 #include <memory>
 #include <string>
 
-// Which files a reader takes.
+// Which files a reader accepts.
 enum class riff_kind { riff, riff_or_rf64 };
 
 // Format tags of a fmt chunk.
 constexpr uint32_t format_pcm = 1;
 constexpr uint32_t format_float = 3;
-constexpr uint32_t format_extensible = 0xFFFE;  // the real format stands in a sub-format, which is not looked at
+constexpr uint32_t format_extensible = 0xFFFE;  // the real format is in a sub-format, which is ignored
 
 // The fields of a fmt chunk that are used.
 struct riff_format {
@@ -30,7 +30,7 @@ struct riff_format {
     uint32_t bits;      // bits per sample, 16 bits in the file
 };
 
-// What a walk over the chunks has found. Nothing is checked: any value of any field may come.
+// What a walk over the chunks has found. Nothing is checked: any field may hold any value.
 struct riff_layout {
     riff_format format;
     uint64_t data_position;  // first byte of the samples in the file
@@ -58,9 +58,8 @@ riff_buffer<T> riff_allocate(std::size_t n) {
     return riff_buffer<T>(static_cast<T*>(std::malloc(n * sizeof(T))));
 }
 
-// printf on standard error, or, when `said` is not null, behind what that holds already; nothing when it gets no
-// memory.
-[[gnu::format(printf, 2, 3)]] void riff_say(std::string* said, const char* pattern, ...);
+// printf to standard error, or, when `messages` is not null, appended to it; the message is lost when memory is short.
+[[gnu::format(printf, 2, 3)]] void riff_say(std::string* messages, const char* pattern, ...);
 
 // Reads the 12-byte header; false when it is short or not of the kind.
 bool riff_is_wave(std::FILE* file, riff_kind kind);
@@ -75,7 +74,7 @@ riff_layout riff_walk(std::FILE* file, riff_kind kind);
 // Bytes of the file from position to its end, 0 when it ends earlier; -1 when its size cannot be found.
 int64_t riff_bytes_from(std::FILE* file, uint64_t position);
 
-// Goes to a position counted from the start of the file; false when the file cannot be positioned there.
+// Seeks to a position counted from the start of the file; false when that fails.
 bool riff_seek(std::FILE* file, uint64_t position);
 
 // One integer sample of 8 (unsigned), 16, 24 or 32 (signed) bits as a number from -1 to below 1.
@@ -87,7 +86,7 @@ double riff_float_value(const uint8_t* bytes);
 // Frames are read in blocks of this many.
 constexpr int32_t riff_block_frames = 65536;
 
-// Reads `frames` frames of `frame_bytes` bytes from where the file stands and hands each to take(index, bytes).
+// Reads `frames` frames of `frame_bytes` bytes from the current position and hands each to take(index, bytes).
 //   block  room for riff_block_frames frames, or for all when there are fewer
 // Returns false when the file ends, or fails, before the last one.
 template <class Take>

@@ -1,4 +1,4 @@
-// Robust statistics of the receive chain: what noise looks like when some of it is signal, and what stands out of it.
+// Robust statistics of the receive chain: the level of noise with signals in it, and what stands out from it.
 #pragma once
 
 #include <algorithm>
@@ -9,21 +9,21 @@
 
 #include "median.h"
 
-// Noise powers are distributed exponentially: their median is so much of their mean. The digits and the precision are
-// part of the results.
+// Noise powers are exponentially distributed: their median is this share of their mean. Results depend on the digits
+// and the precision.
 inline constexpr double LN2 = 0.6931472;
 inline constexpr float LN2_F32 = 0.6931472f;
 
-// Noise where there is none.
+// Noise level where there is none, as in digital silence.
 inline constexpr float NOISE_FLOOR = 1e-30f;
 
-// Median of a statistic, and its standard deviation as far as it is that of a normal distribution.
+// Median of a statistic, and its standard deviation, estimated as for a normal distribution.
 struct RobustStatistics {
     float median;
     double sigma;  // above 0
 };
 
-// By one of the medians of median.h. Uses up the values.
+// By one of the medians of median.h. Overwrites the values.
 template <class Median>
 RobustStatistics robust_statistics(std::span<float> values, Median median_of_values) {
     constexpr double SIGMA_PER_MAD = 1.4826;  // standard deviation / median absolute deviation
@@ -34,7 +34,8 @@ RobustStatistics robust_statistics(std::span<float> values, Median median_of_val
     return {median, sigma > 0 ? sigma : LEAST_SIGMA};
 }
 
-// Whether no neighbour of a value in a grid is greater; a flat top is several peaks. rows(r) gives row r as a span.
+// Whether no neighbour of a value in a grid is greater; each point of a flat top is a peak. rows(r) gives row r as a
+// span.
 template <class Rows>
 bool is_peak(const Rows& rows, int64_t n_rows, int64_t row, std::size_t column) {
     const float value = rows(row)[column];
@@ -49,8 +50,8 @@ bool is_peak(const Rows& rows, int64_t n_rows, int64_t row, std::size_t column) 
     return true;
 }
 
-// Copies the strongest of each neighbourhood, as far as there is room: each for which near(kept, item) holds with none
-// that was kept. Returns their number.
+// Copies the strongest item of each neighbourhood while there is room: an item is kept if near(kept, item) holds for
+// none kept before it. Returns the number kept.
 template <class Item, class Near>
 int32_t thin_out(std::span<const Item> sorted, std::span<Item> out, const Near& near) {
     std::size_t kept = 0;

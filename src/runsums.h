@@ -1,8 +1,8 @@
 // Sums over all runs of neighbouring terms.
 //
-// Were the sum of a sliding run kept up by adding the term that enters and subtracting the one that leaves, the
-// rounding of one huge term would stay in it for good. So nothing is subtracted: the terms are cut into blocks of one
-// run's length, and each run is the end of one block, summed from behind, and the beginning of the next.
+// If a sliding sum added the term that enters and subtracted the one that leaves, the rounding error of one huge term
+// would stay in it for good. So nothing is subtracted: the terms are cut into blocks of one run's length, and each run
+// is the end of one block, summed backwards, and the beginning of the next.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 //   use(i, sum)    takes the sum of the run that begins with term i
 //   join(a, b)     the sum of two sums
 //   ends           working memory of `run` sums
-// Asks for no memory itself. Inlined always, so that it is made for the machine that its caller is made for.
+// Allocates nothing itself. Always inlined, so that it is compiled for the same machine as its caller.
 template <class Sum, class Add, class Use, class Join>
 [[gnu::always_inline]] inline void sum_runs(int64_t n, int64_t run, Sum* ends, const Add& add, const Use& use,
                                             const Join& join) {

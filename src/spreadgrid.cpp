@@ -1,3 +1,5 @@
+// The judge first sees every hypothesis as it was measured together with its neighbours. Where several come within a
+// margin of the best metric, each of them is measured exactly and judged again.
 #include "spreadgrid.h"
 
 #include <algorithm>
@@ -6,8 +8,8 @@
 
 namespace {
 
-// Metrics this close may change places when they are measured to the last bit. Sums of single-precision energies that
-// hardly differ, as below a strong carrier, are good to four digits only.
+// Metrics this close may change places when they are measured exactly. Sums of single-precision energies that hardly
+// differ, as below a strong carrier, are accurate to four digits only.
 double margin_below(double metric) {
     return 1e-4 * (1 + std::fabs(metric));
 }
@@ -47,7 +49,7 @@ void SpreadGrid::finish() {
     judge_exactly(near);
 }
 
-// The best of the grid before lies on the finer grid, too.
+// The best of the previous grid is on the finer grid, too.
 bool SpreadGrid::same_place(const Near& a, const Near& b) {
     return a.start == b.start && a.f == b.f && a.drift == b.drift;
 }
@@ -67,7 +69,7 @@ void SpreadGrid::offer_all(const StartGrid& starts, double f, int32_t n, double 
     }
 }
 
-// The judge sees a bar a little below the best so far: what he takes may be the best of the grid.
+// The bar that the judge sees is a little below the best so far: whatever passes it may be the best of the grid.
 void SpreadGrid::offer(const ov_measured& measured) {
     const double bar = highest_ - margin_below(highest_);
     best_.metric = bar;

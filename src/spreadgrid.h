@@ -1,7 +1,7 @@
 // The search for the best of a grid of hypotheses in spread mode.
 //
-// All are measured together, to a little less than single precision. The few that may be the best are measured again to
-// the last bit, so that the choice is the one that ov_chip_energies_sp would lead to.
+// All are measured together, to a little less than single precision. The few that may be the best are measured again
+// exactly, so that the choice is the one that ov_chip_energies_sp would lead to.
 #pragma once
 
 #include <cstdint>
@@ -14,21 +14,21 @@
 #include "ovrecords.h"
 #include "spreadmeter.h"
 
-// Measures grids of hypotheses for a judge, who keeps the best in `best`. All methods throw
+// Measures grids of hypotheses for a judge, which keeps the best in `best`. All methods throw
 // std::bad_alloc when memory is short.
 class SpreadGrid {
   public:
     SpreadGrid(const ov_baseband& bb, const ov_specmap& map, ov_hyp& best,
                const std::function<void(const ov_measured&)>& judge);
 
-    // The starts with 2·n + 1 frequencies step_hz apart around f. Of the best only start, frequency, drift and metric
-    // (to some digits) are known before the end.
+    // The starts with 2·n + 1 frequencies step_hz apart around f. Before finish(), only start, frequency, drift and
+    // metric (to some digits) of the best are known.
     void measure(const StartGrid& starts, double f, int32_t n, double step_hz, double drift);
 
     // One start with the frequencies and drifts of the grid.
     void measure_drifts(int32_t start, const DriftGrid& grid);
 
-    // Shows the judge the best of all grids, exactly.
+    // Passes the best of all grids to the judge, measured exactly.
     void finish();
 
   private:

@@ -1,12 +1,12 @@
 // In spread mode the energy of a chip is a sum over columns k, S(f) = Σ_k E(f + k·b) with E(f) = |X(f)|². Over a chip
 // of N samples E is a trigonometric polynomial of the lags below N: it cannot change faster than by a whole turn in 1/N
-// of the rate. So all frequencies of all columns together depend on E at few places, and S is interpolated: with
-// Chebyshev's polynomials over the range r to each side of the middle frequency,
+// of the rate. So all frequencies of all columns together depend on E at a few points, and S is interpolated: with
+// Chebyshev polynomials over the range r to each side of the middle frequency,
 //     E(f_0 + r·x) = Σ_m a_m·T_m(x),   a_m = 2/J·Σ_j E(f_0 + r·x_j)·T_m(x_j)   (half of it for m = 0)
-// from J nodes x_j = cos(π·(j + ½)/J). Each S wanted is the sum of such values, and therefore one fixed combination of
-// the E at the nodes. With φ = 2π·r·N/rate what is left out is below (φ/2)^J/J!.
+// from J nodes x_j = cos(π·(j + ½)/J). Each S is the sum of such values, and therefore a fixed combination of the E at
+// the nodes. With φ = 2π·r·N/rate the truncation error is below (φ/2)^J/J!.
 //
-// Nodes come in pairs ±x. With the samples y turned back to the middle frequency and u counted from the middle of a
+// Nodes come in pairs ±x. With the samples y mixed down by the middle frequency and u counted from the middle of a
 // window, both follow from the same two real-weighted sums C = Σ y·cos(θu) and D = Σ y·sin(θu), to which the samples at
 // u and −u contribute at once:
 //     E(±x) = |C ∓ jD|² = (|C|² + |D|²) ± 2·(Re C·Im D − Im C·Re D).
@@ -34,7 +34,7 @@ namespace {
 
 using Complex = std::complex<double>;
 
-// Four side by side, and two of those at a time: GCC keeps wider ones in memory where registers hold four.
+// Four side by side, and two of those at a time: GCC keeps wider vectors in memory where registers hold four.
 using Doubles4 [[gnu::vector_size(4 * sizeof(double))]] = double;
 inline void load(Doubles4& out, const double* from) {
     std::memcpy(&out, from, sizeof out);
@@ -117,14 +117,14 @@ inline void add(Folded& sum, const Tables& tables, std::size_t at, double c_re, 
     }
 }
 
-// Puts the differences of mirrored samples before the middle and their sums behind it, in the part that all windows
-// have in common.
+// Puts the differences of mirrored samples before the middle and their sums after it, in the part that all windows have
+// in common.
 ORVEL_MULTIVERSION void fold(double* x, std::size_t reach, std::size_t width) {
     for (std::size_t k = reach; k < width / 2; k++) {
         const double before = x[k];
-        const double behind = x[width - 1 - k];
-        x[k] = behind - before;
-        x[width - 1 - k] = behind + before;
+        const double after = x[width - 1 - k];
+        x[k] = after - before;
+        x[width - 1 - k] = after + before;
     }
 }
 
@@ -147,7 +147,7 @@ ORVEL_MULTIVERSION void sum_windows(const double* re, const double* im, const Wi
             add(common, tables, k * pairs + lane, re[mirror], im[mirror], re[k], im[k]);
         }
 
-        // The earlier a window starts, the more samples it has before the common part, and the fewer behind it.
+        // The earlier a window starts, the more samples it has before the common part, and the fewer after it.
         std::array<Folded, MAX_STARTS> before;
         Folded sum{};
         for (std::size_t i = windows.n_starts, k = reach; i > 0; i--) {
@@ -156,17 +156,17 @@ ORVEL_MULTIVERSION void sum_windows(const double* re, const double* im, const Wi
             }
             before[i - 1] = sum;
         }
-        Folded behind{};
+        Folded after{};
         for (std::size_t i = 0, k = 0; i < windows.n_starts; i++) {
             for (; k < i * windows.step; k++) {
                 const std::size_t sample = windows.chip_len + k;
-                add(behind, tables, (reach - 1 - k) * pairs + lane, re[sample], im[sample], re[sample], im[sample]);
+                add(after, tables, (reach - 1 - k) * pairs + lane, re[sample], im[sample], re[sample], im[sample]);
             }
             for (std::size_t h = 0; h < HALVES; h++) {
-                const Doubles4 c_re = before[i].c_re[h] + common.c_re[h] + behind.c_re[h];
-                const Doubles4 c_im = before[i].c_im[h] + common.c_im[h] + behind.c_im[h];
-                const Doubles4 d_re = before[i].d_re[h] + common.d_re[h] + behind.d_re[h];
-                const Doubles4 d_im = before[i].d_im[h] + common.d_im[h] + behind.d_im[h];
+                const Doubles4 c_re = before[i].c_re[h] + common.c_re[h] + after.c_re[h];
+                const Doubles4 c_im = before[i].c_im[h] + common.c_im[h] + after.c_im[h];
+                const Doubles4 d_re = before[i].d_re[h] + common.d_re[h] + after.d_re[h];
+                const Doubles4 d_im = before[i].d_im[h] + common.d_im[h] + after.d_im[h];
                 const std::size_t at = i * pairs + lane + h * HALF;
                 store((c_re * c_re + c_im * c_im) + (d_re * d_re + d_im * d_im), half_sum + at);
                 store(2 * (c_re * d_im - c_im * d_re), half_difference + at);
@@ -289,7 +289,7 @@ void PairMeter::measure(int64_t first, double f) {
 
 void PairMeter::load_chip(int64_t first, double f) {
     const double turn = 2 * std::numbers::pi * f / bb_.rate;
-    if (turn != turn_) {  // without drift once for all
+    if (turn != turn_) {  // only once without drift
         turn_ = turn;
         turn_table(turn, re_.size(), turn_re_.data(), turn_im_.data());
     }
@@ -316,8 +316,8 @@ SpreadMeter::SpreadMeter(const ov_baseband& bb, const ov_specmap& map)
       spread_(map.spread),
       bin_hz_(map.bin_hz) {}
 
-// Nodes and weights for sums over the spread up to reach_hz from the middle frequency. `share` makes of the polynomials
-// of one degree, summed over the columns at each offset (all ≥ 0), what of it each output gets.
+// Nodes and weights for sums over the spread up to reach_hz from the middle frequency. `share` turns the polynomials of
+// one degree, summed over the columns at each offset (all ≥ 0), into the share of each output.
 void SpreadMeter::set_weights(double reach_hz, std::span<const double> offsets_hz, std::size_t outputs,
                               const Share& share) {
     const double range_hz = reach_hz + spread_ * bin_hz_;

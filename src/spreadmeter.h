@@ -1,5 +1,5 @@
-// Energies of chips summed over neighbouring map columns, as a refinement in spread mode asks for them: of many
-// neighbouring hypotheses at once, or of one frame.
+// Energies of chips summed over neighbouring map columns, for refining in spread mode: of many neighbouring hypotheses
+// at once, or of one frame.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +12,7 @@
 #include "ovbb.h"
 #include "ovrecords.h"
 
-// Energies of the windows of one chip at pairs of frequencies, f ± node, of which it gives half the sum and half the
+// Energies of the windows of one chip at pairs of frequencies, f ± node, given as half their sum and half their
 // difference. The baseband must outlive it. One thread at a time.
 class PairMeter {
   public:
@@ -36,9 +36,9 @@ class PairMeter {
     std::size_t chip_len_;
     std::size_t pairs_ = 0, n_starts_ = 0, step_ = 0;
     std::vector<double> cos_, sin_;  // of each node's turn, a row for each sample before the middle of the span
-    double turn_ = 0;                // rad a sample, of the last measurement
+    double turn_ = 0;                // rad per sample, of the last measurement
     std::vector<double> turn_re_, turn_im_;
-    std::vector<double> re_, im_;  // samples of the span, turned back by it
+    std::vector<double> re_, im_;  // samples of the span, mixed down by it
     std::vector<double> half_sum_, half_difference_;
 };
 
@@ -48,7 +48,7 @@ struct FreqGrid {
     int32_t n;
 };
 
-// What ChipMeter and DriftMeter are without a spread; the last bit of an energy may be another. Keeps its memory from
+// The counterpart of ChipMeter and DriftMeter with a spread; energies may differ in the last bit. Keeps its memory from
 // one measurement to the next. The baseband must outlive it. One thread at a time.
 class SpreadMeter {
   public:

@@ -1,5 +1,5 @@
-// Elementary functions without a branch or a call, so that the compiler can work on several elements of a loop at once.
-// Right to a few units in the last place also of tiny results.
+// Elementary functions without a branch or a call, so that the compiler can vectorise loops over them. Accurate to a
+// few units in the last place, for tiny results too.
 #pragma once
 
 #include <bit>
@@ -8,7 +8,7 @@
 
 namespace vecmath {
 
-// 1.5 · 2^52: added to a number of less than 2^51 it rounds that to an integer, which then stands in the low bits.
+// 1.5 · 2^52: added to a number of less than 2^51 it rounds that to an integer, which is then in the low bits.
 inline constexpr double ROUNDER = 6755399441055744.0;
 inline constexpr double LN2_HIGH = 6.93147180369123816490e-01;
 inline constexpr double LN2_LOW = 1.90821492927058770002e-10;
@@ -51,15 +51,15 @@ inline double two_atanh(double x) {
     constexpr uint64_t EXPONENT = 0xfff0000000000000ULL;
     constexpr uint64_t TWO_52 = 0x4330000000000000ULL;  // bits of 2^52
     // It is ln((1 + a) / (1 - a)) with the sign of x. The ratio is m · 2^k with m between sqrt(1/2) and sqrt(2). The
-    // exponent is kept above 0 until it is a number.
+    // exponent is biased above 0 until it is converted to a number.
     const double a = std::fabs(x);
     const double ratio = (1.0 + a) / (1.0 - a);
     const uint64_t bits = std::bit_cast<uint64_t>(ratio) - SQRT_HALF + (uint64_t{1024} << 52);
     const double k = std::bit_cast<double>((bits >> 52) | TWO_52) - (4503599627370496.0 + 1024.0);
     const auto power_of_two = std::bit_cast<double>((bits & EXPONENT) - (uint64_t{1} << 52));
 
-    // ln m = 2·artanh s with s = (m - 1) / (m + 1), formed so that it is a itself when k is 0: the ratio has lost what
-    // there is of a small one. The first term left out is below 2e-17.
+    // ln m = 2·artanh s with s = (m - 1) / (m + 1), formed so that it is a itself when k is 0: the ratio has lost the
+    // digits of a small a. The first term left out is below 2e-17.
     const double s = (2.0 * a - (power_of_two - 1.0) * (1.0 - a)) / ((1.0 + a) + power_of_two * (1.0 - a));
     const double q = s * s;
     double p = 1.0 / 19.0;

@@ -1,3 +1,4 @@
+// The wording of a decode's diagnostics, kept out of the searches.
 #include "verbose_lines.h"
 
 #include <cstdio>

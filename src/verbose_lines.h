@@ -1,4 +1,5 @@
-// What a decode tells about its decisions on standard error, one call a line, while `on`. Nothing else depends on it.
+// What a decode reports about its decisions on standard error while `on`, one call per line. Nothing else depends on
+// it.
 #pragma once
 
 #include <cstdint>

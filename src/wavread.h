@@ -16,6 +16,6 @@ struct wav_audio {
 // Reads a whole recording. Returns 0, or -1 with a message and no samples. A data chunk that claims more than the file
 // holds is read as far as it goes, with a warning. Free the record with wav_free.
 //
-//   said   messages and warnings are appended to it, a line each; null: they go to standard error
-int wav_read(const char* path, wav_audio& out, std::string* said = nullptr);
+//   messages   errors and warnings are appended to it, one per line; null: they go to standard error
+int wav_read(const char* path, wav_audio& out, std::string* messages = nullptr);
 void wav_free(wav_audio& audio);
