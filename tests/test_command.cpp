@@ -98,8 +98,8 @@ TEST_F(Command, TableShowsTheTruthOfEveryShippedRecording) {
 
 TEST_F(Command, JsonAgreesWithTheTable) {
     const std::string file = shipped("audio-crowded.wav");
-    const auto rows = lines_of(orvel({"decode", file}).out);
-    const ProcessResult result = orvel({"decode", "--json", file});
+    const auto rows = lines_of(orvel({"decode", OPERA, file}).out);
+    const ProcessResult result = orvel({"decode", OPERA, "--json", file});
     EXPECT_EQ(result.status, 0);
     const auto objects = lines_of(result.out);
     ASSERT_EQ(objects.size(), rows.size() - 1);
@@ -123,16 +123,21 @@ TEST_F(Command, JsonAgreesWithTheTable) {
 TEST_F(Command, SeveralFilesAreToldApart) {
     const std::string first = shipped("audio-crowded.wav");
     const std::string second = shipped("audio-edges.wav");
-    const std::string expected =
-        first + ":\n" + orvel({"decode", first}).out + "\n" + second + ":\n" + orvel({"decode", second}).out;
-    EXPECT_EQ(orvel({"decode", first, second}).out, expected);
+    const std::string expected = first + ":\n" + orvel({"decode", OPERA, first}).out + "\n" + second + ":\n" +
+                                 orvel({"decode", OPERA, second}).out;
+    EXPECT_EQ(orvel({"decode", OPERA, first, second}).out, expected);
 
     std::map<std::string, int> spots;
-    for (const std::string& line : lines_of(orvel({"decode", "--json", first, second}).out)) {
+    for (const std::string& line : lines_of(orvel({"decode", OPERA, "--json", first, second}).out)) {
         ++spots[JsonValue::parse(line).at("file")];
     }
-    EXPECT_EQ(spots[first], static_cast<int>(truth_of("audio-crowded").size()));
-    EXPECT_EQ(spots[second], static_cast<int>(truth_of("audio-edges").size()));
+    const auto sent = [](const char* name) {
+        const auto truth = truth_of(name);
+        return std::count_if(truth.begin(), truth.end(),
+                             [](const JsonValue& station) { return station.at("protocol") == "OPERA 05"; });
+    };
+    EXPECT_EQ(spots[first], sent("audio-crowded"));
+    EXPECT_EQ(spots[second], sent("audio-edges"));
 }
 
 // The callsigns of a decode with --json, and their times.
@@ -313,12 +318,12 @@ TEST_F(Command, KnownCallsignsAreFoundBelowTheOrdinaryThreshold) {
 
 TEST_F(Command, VerbosePrintsTheDiagnosticsToStandardError) {
     const std::string file = shipped("audio-crowded.wav");
-    const ProcessResult result = orvel({"decode", "-v", file});
+    const ProcessResult result = orvel({"decode", OPERA, "-v", file});
     EXPECT_EQ(result.status, 0);
     EXPECT_TRUE(result.err.starts_with("Baseband: 500 Hz around 1500.00 Hz")) << result.err;
     EXPECT_NE(result.err.find("Classic score map: "), std::string::npos) << result.err;
-    EXPECT_EQ(result.out, orvel({"decode", file}).out);
-    EXPECT_EQ(orvel({"decode", "--verbose", file}).err, result.err);
+    EXPECT_EQ(result.out, orvel({"decode", OPERA, file}).out);
+    EXPECT_EQ(orvel({"decode", OPERA, "--verbose", file}).err, result.err);
 }
 
 TEST_F(Command, ARecordingWithoutStationsHasNoSpots) {
@@ -490,8 +495,8 @@ TEST_F(Command, OutputThatCannotBeWrittenIsAFailure) {
     ProcessInput full;
     full.stdout_file = "/dev/full";
     for (const ProcessInput& input : {closed, full}) {
-        for (const Arguments& arguments : {Arguments{"decode", file},
-                                           {"decode", "--json", file, file},
+        for (const Arguments& arguments : {Arguments{"decode", OPERA, file},
+                                           {"decode", OPERA, "--json", file, file},
                                            {"--help"},
                                            {"--version"},
                                            {"decode", "--help"}}) {

@@ -32,13 +32,7 @@ constexpr double HOUR_S = 3600;
 constexpr double LONGEST_HOURS = 49;  // of samples that a WAVE file of 4 GB can hold
 constexpr double PATIENCE_S = 120;
 constexpr std::size_t SECOND_BYTES = 2 * RATE;
-#ifdef ORVEL_SANITIZED
-constexpr double SHORT_HOURS = 0.1;
-constexpr bool MEMORY_TELLS = false;  // it is the sanitizer's
-#else
 constexpr double SHORT_HOURS = 0.2;
-constexpr bool MEMORY_TELLS = true;
-#endif
 
 // ---- The air -------------------------------------------------------------------------------------------------------
 
@@ -305,13 +299,11 @@ TEST_F(Days, ListeningPrintsWhatTheRecordingHoldsOnceAtTheRightTimeInMemoryThatS
     EXPECT_GE(static_cast<double>(readable), seconds / 600) << "too few for the test to say anything";
 
     // Between two looks it holds what it always holds, however much comes and goes with a look.
-    if (MEMORY_TELLS) {
-        const std::ptrdiff_t third = minutes / 3;
-        const long before_kb = *std::min_element(memory_kb.begin() + third, memory_kb.end() - third);
-        const long after_kb = *std::min_element(memory_kb.end() - third, memory_kb.end());
-        std::cout << before_kb << " kB in the second third, " << after_kb << " kB in the last" << std::endl;
-        EXPECT_LE(after_kb, before_kb + 512);
-    }
+    const std::ptrdiff_t third = minutes / 3;
+    const long before_kb = *std::min_element(memory_kb.begin() + third, memory_kb.end() - third);
+    const long after_kb = *std::min_element(memory_kb.end() - third, memory_kb.end());
+    std::cout << before_kb << " kB in the second third, " << after_kb << " kB in the last" << std::endl;
+    EXPECT_LE(after_kb, before_kb + 512);
 }
 
 }  // namespace

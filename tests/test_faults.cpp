@@ -152,7 +152,7 @@ TEST_F(Faults, AFullDiskIsAFailureOfEveryCommandThatWritesAFile) {
 TEST_F(Faults, HoweverLittleMemoryThereIsTheCommandEndsByItself) {
     int32_t decoded = 0;
     int32_t refused = 0;
-    for (int32_t kilobytes = 20000; kilobytes < 80000; kilobytes += 2000) {
+    for (int32_t kilobytes = 20000; kilobytes < 80000; kilobytes += 3000) {
         const std::string limited = "ulimit -v " + std::to_string(kilobytes) + "; \"$@\"; status=$?; ";
         const ProcessResult result = run_process(
             in_shell(limited + "test $status = 127 && exit 77; exit $status", {"decode", "--jobs=1", recording()}));
@@ -174,7 +174,7 @@ TEST_F(Faults, ListeningGoesOnWithHoweverLittleMemory) {
     input.stdin_file = write("audio.raw", samples());
     int32_t complained = 0;
     int32_t heard = 0;
-    for (int32_t kilobytes = 20000; kilobytes < 80000; kilobytes += 2000) {
+    for (int32_t kilobytes = 20000; kilobytes < 80000; kilobytes += 3000) {
         const std::string limited = "ulimit -v " + std::to_string(kilobytes) + "; \"$@\"; status=$?; ";
         const ProcessResult result = run_process(
             in_shell(limited + "test $status = 127 && exit 77; exit $status", listening({"--json"})), input);

@@ -201,7 +201,7 @@ TEST(Transmitter, SamplesEqualTheClosedFormOverRandomSequences) {
         settings.tone_hz = random.uniform(300, 3000);
         settings.level = random.uniform(0.01, 1);
         settings.ramp_s = round % 4 == 0 ? 0 : random.uniform(0, 0.05);
-        const std::vector<ovl_tx_step> steps = random_steps(random, random.integer(1, 6));
+        const std::vector<ovl_tx_step> steps = random_steps(random, random.integer(1, 3));
         const Transmitter tx = make_transmitter();
         ASSERT_EQ(ovl_tx_start(tx.get(), &settings, steps.data(), static_cast<int32_t>(steps.size())), 0);
         SCOPED_TRACE(round);

@@ -21,6 +21,7 @@ std::vector<ovl_result> decode(const Block& block) {
     const std::unique_ptr<ovl_decoder, void (*)(ovl_decoder*)> decoder(ovl_create(), ovl_destroy);
     ovl_settings settings;
     ovl_settings_default(&settings);
+    settings.protocols = OVL_OPERA;
     std::vector<ovl_result> results(64);
     const int32_t count = ovl_decode(decoder.get(), block.samples.data(), static_cast<int32_t>(block.samples.size()),
                                      block.rate, &settings, results.data(), 64);

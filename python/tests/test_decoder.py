@@ -101,18 +101,21 @@ def test_only_recent_frames_are_decoded_when_asked() -> None:
 
 
 def test_arrays_of_every_float_type_and_order_are_the_same_to_it(block: Any) -> None:
+    def decode(samples: Any, rate: Any = 8000) -> list[orvel.Spot]:
+        return orvel.decode(samples, rate, protocols=orvel.Protocol.OPERA)
+
     samples = block.astype(np.float32)
-    expected = orvel.decode(samples, 8000)
+    expected = decode(samples)
     assert len(expected) == 1
-    assert orvel.decode(samples.astype(np.float64), 8000.0) == expected
-    assert orvel.decode(samples.astype(np.longdouble), 8000) == expected
-    assert orvel.decode(samples.astype(">f4"), np.int64(8000)) == expected
-    assert orvel.decode(np.column_stack([samples, samples])[:, 1], 8000) == expected
-    assert orvel.decode(samples[::-1].copy()[::-1], 8000) == expected
-    assert orvel.decode(samples.tolist(), 8000) == expected
+    assert decode(samples.astype(np.float64), 8000.0) == expected
+    assert decode(samples.astype(np.longdouble)) == expected
+    assert decode(samples.astype(">f4"), np.int64(8000)) == expected
+    assert decode(np.column_stack([samples, samples])[:, 1]) == expected
+    assert decode(samples[::-1].copy()[::-1]) == expected
+    assert decode(samples.tolist()) == expected
     readonly = samples.copy()
     readonly.flags.writeable = False
-    assert orvel.decode(readonly, 8000) == expected
+    assert decode(readonly) == expected
 
 
 NOISE = np.random.default_rng(3).normal(size=8000)
@@ -220,16 +223,24 @@ def test_wrong_arguments_of_scan_are_told(block: Any) -> None:
 
 def test_separate_decoders_in_threads_find_what_they_find_alone() -> None:
     recordings = [read_recording(name) for name in AUDIO] * 2
-    alone = [orvel.decode(samples, rate) for samples, rate in recordings]
+
+    def decode(recording: Any) -> list[orvel.Spot]:
+        return orvel.decode(*recording, protocols=orvel.Protocol.OPERA)
+
+    alone = [decode(recording) for recording in recordings[:3]] * 2
     with ThreadPoolExecutor(len(recordings)) as pool:
-        assert list(pool.map(lambda recording: orvel.decode(*recording), recordings)) == alone
+        assert list(pool.map(decode, recordings)) == alone
 
 
 def test_one_decoder_serves_threads_in_turn(block: Any) -> None:
-    expected = orvel.decode(block, 8000)
+    search = orvel.Search(protocols=orvel.Protocol.OPERA)
+
+    def decode(seconds: int) -> list[orvel.Spot]:
+        return decoder.decode(block[: seconds * 8000], 8000, search)
+
     with orvel.Decoder() as decoder, ThreadPoolExecutor(4) as pool:
-        found = list(pool.map(lambda seconds: decoder.decode(block[: seconds * 8000], 8000), [40, 39, 38, 37] * 2))
-    assert all([spot.call for spot in spots] == [expected[0].call] for spots in found)
+        found = list(pool.map(decode, [40, 39, 38, 37] * 2))
+    assert all([spot.call for spot in spots] == ["K2QRX"] for spots in found)
 
 
 def test_other_threads_run_while_the_library_decodes() -> None:

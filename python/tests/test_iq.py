@@ -72,7 +72,7 @@ def test_a_station_near_the_edge_of_the_band_is_found_once() -> None:
 
 def test_a_wide_search_is_one_slice() -> None:
     iq = heard_iq("K2QRX", 5321.0, -5, rate=RATE) + station_iq("OH3QKJ", -5500, -5, n=40 * RATE, rate=RATE)
-    found = orvel.decode_iq(iq, RATE, search_hz=6000)
+    found = orvel.decode_iq(iq, RATE, search_hz=6000, protocols=orvel.Protocol.OPERA)
     assert {spot.call: round(spot.freq_hz) for spot in found} == {"K2QRX": 5321, "OH3QKJ": -5500}
 
 

@@ -26,7 +26,7 @@ PATHS = ("./", "build/", "examples/", "scripts/", ".ci/")
 
 # Command lines that are not run, and why. Each is looked at by test_what_is_not_run_exists.
 NOT_RUN = (
-    (r"\./demo|\./test|\.ci/run", "install packages and build everything"),
+    (r"\./demo|\./test( \w+)?|\.ci/run", "install packages and build everything"),
     (r"cmake --(preset|build|install) .*", "build what this test is a part of"),
     (r"cpack .*|ctest .*", "run the suite that this test is a part of"),
     (r"git .*", "change the repository"),
@@ -153,17 +153,19 @@ class Commands(unittest.TestCase):
         )
 
     def test_every_command_line_works(self):
-        ran = 0
+        ran = set()
         for page, command, shown in command_lines():
             if reason_not_to_run(command) or re.match(NEED_A_DEVICE, command):
                 continue
+            if command in ran and shown is None:
+                continue  # which another page shows too
             with self.subTest(page=page, command=command):
                 done = self.run_line(command)
                 self.assertEqual(done.returncode, 0, done.stderr)
                 if shown is not None:
                     self.assertEqual(done.stdout.splitlines(), shown)
-                ran += 1
-        self.assertGreater(ran, 15)
+                ran.add(command)
+        self.assertGreater(len(ran), 15)
 
     def test_what_needs_a_sound_device_has_valid_options(self):
         checked = 0
