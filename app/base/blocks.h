@@ -16,8 +16,8 @@ struct BlockSpan {
 // others, or a recording not much longer than a block is one block.
 std::vector<BlockSpan> cut_blocks(double seconds, double block_s, double overlap_s);
 
-// Calls work(k) for k = 0 … count − 1 on that many threads, and use(k), in order and on the calling thread, when work(k)
-// has ended. use returns false to end it early. What work throws is thrown here.
+// Calls work(k) for k = 0 … count − 1 on that many threads, and use(k), in order and on the calling thread, when
+// work(k) has ended. use returns false to end it early. What work throws is thrown here.
 void in_order(std::size_t count, unsigned threads, const std::function<void(std::size_t)>& work,
               const std::function<bool(std::size_t)>& use);
 
