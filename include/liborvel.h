@@ -341,10 +341,10 @@ typedef struct ovl_result {
  *   n             number of samples, at least 1; a frame may extend past either end of the block by a fifth
  *   rate          sample rate, Hz; 8000, 12000, 16000, 24000, 32000, 48000, 96000 and 192000 are all served, as is
  *                 every rate whose quotient with 125 Hz times a power of two has no prime factor above 7
- *   settings      what to look for. search_hz may be up to 125 kHz, or up to twice the sample rate where that is more:
- * a decode takes about 0.6 kB of memory for each Hz of it and second of the block results       room for max_results
- * records, filled in order of start time; may be NULL when max_results is 0 max_results   0 or more; at most 64 frames
- * are reported from one block
+ *   settings      what to look for. search_hz may be up to 125 kHz, or twice the sample rate where that is more; a
+ *                 decode takes about 0.6 kB of memory per Hz of it and second of the block
+ *   results       room for max_results records, filled in order of start time; may be NULL when max_results is 0
+ *   max_results   0 or more; at most 64 frames are reported from one block
  *
  * Returns the number of records written, or -1 with no record written. Errors: "invalid argument", "no protocol
  * selected", "out of memory", "known_only needs a list of known callsigns (ovl_set_known)", "block too short or
