@@ -19,8 +19,10 @@ int32_t parse_protocols(const std::string& where, std::string_view list) {
             continue;
         }
         const ov_protocol* const found = ov_protocol_by_option(name);
-        if (found == nullptr)
-            throw UsageError(where + ": '" + name + "' is not one of " + ov_protocol_options() + ", all");
+        if (found == nullptr) {
+            throw UsageError(
+                format("%s: '%s' is not one of %s, all", where.c_str(), name.c_str(), ov_protocol_options().c_str()));
+        }
         mask |= found->id;
     }
     if (mask == 0) throw UsageError(where + ": the list is empty");
