@@ -911,7 +911,7 @@ TEST(Run, DecodesAStationOfEachProtocolInOrderOfStart) {
 }
 
 TEST(Run, EqualsTheModelOnCrowdedScenes) {
-    for (uint64_t seed = 1; seed <= 3; seed++) {
+    for (const uint64_t seed : {1U, 2U, 10U}) {  // in the last, two shifts of one hypothesis give a frame
         SCOPED_TRACE(seed);
         Random random(seed);
         std::vector<Station> stations;

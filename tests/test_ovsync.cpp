@@ -282,6 +282,15 @@ TEST(ScoreMap, EqualsTheDefinition) {
     }
 }
 
+TEST(ScoreMap, HasAColumnOnEachSideOfTheCentreAtLeast) {
+    constexpr double BIN_HZ = 125.0 / 64;
+    Samples samples = random_samples(60, 125, 1);
+    MapOwner map;
+    ASSERT_EQ(ov_spectrogram(samples.view(), 0.128, -39 * BIN_HZ, 0, map), 0);
+    EXPECT_EQ(map.nbins, 3U);
+    EXPECT_EQ(ov_spectrogram(samples.view(), 0.128, -40 * BIN_HZ, 0, map), -1);
+}
+
 TEST(ScoreMap, SixteenSamplesAChipAreTheSmallestOperaMap) {
     Samples samples = random_samples(500, 125, 3);
     MapOwner map;
