@@ -62,8 +62,8 @@ PictureLayout layout_of(const Options& options) {
     const auto format = picture_format(options.output);
     if (!format) throw UsageError("--output: '" + options.output + "' does not end in .png, .svg or .pdf");
     const std::string name = std::filesystem::path(options.file).filename().string();
-    const PictureLayout layout = {*format, options.width, options.height, options.text_size,
-                                  options.title.empty() ? name : options.title};
+    PictureLayout layout = {*format, options.width, options.height, options.text_size,
+                            options.title.empty() ? name : options.title};
     if (!waterfall_area(layout)) throw UsageError("the picture is too small for its texts");
     return layout;
 }
