@@ -911,7 +911,7 @@ TEST(Run, DecodesAStationOfEachProtocolInOrderOfStart) {
 }
 
 TEST(Run, EqualsTheModelOnCrowdedScenes) {
-    for (const uint64_t seed : {1U, 2U, 10U}) {  // in the last, two shifts of one hypothesis give a frame
+    for (uint64_t seed = 1; seed <= 3; seed++) {
         SCOPED_TRACE(seed);
         Random random(seed);
         std::vector<Station> stations;
@@ -947,6 +947,17 @@ TEST(Run, EqualsTheModelOnCrowdedScenes) {
         const Decoded out = decode(block, params, random.integer(3, 20));
         EXPECT_GT(out.count, 0);
         EXPECT_TRUE(out.says("no valid frame"));
+    }
+}
+
+// Two stations in one place, four chips apart: two shifts of the hypothesis give a frame.
+TEST(Run, OfTwoFramesAtOneHypothesisTheOneOfTheLargerMetricIsTaken) {
+    for (uint64_t seed = 4; seed <= 6; seed++) {
+        SCOPED_TRACE(seed);
+        const Block block(42, seed, {orvel_s("DK2XYZ", 2, 20, -20.5), orvel_s("F5NQL", 2 + 4 * 0.128, 20, -20)});
+        ov_params params = verbose_params(2);
+        params.off_max = 5;  // each fills the other's OFF chips
+        EXPECT_GT(decode(block, params).count, 0);
     }
 }
 
