@@ -23,21 +23,51 @@
 #define ORVEL_MULTIVERSION
 #endif
 
-// Several numbers side by side. The compiler maps them to the registers that the machine has.
+// Numbers side by side, as many as a register of AVX2 holds: GCC keeps wider vectors in memory.
+inline constexpr std::size_t FLOATS = 8;
+using Floats8 [[gnu::vector_size(FLOATS * sizeof(float))]] = float;
+using Doubles4 [[gnu::vector_size(4 * sizeof(double))]] = double;
+
+// Two such vectors, for loops in which one would wait for its own last result.
 inline constexpr std::size_t DOUBLES = 8;
-inline constexpr std::size_t FLOATS = 16;
-using Doubles8 [[gnu::vector_size(DOUBLES * sizeof(double))]] = double;
-using Floats16 [[gnu::vector_size(FLOATS * sizeof(float))]] = float;
+struct Doubles8 {
+    Doubles4 low, high;
+
+    double operator[](std::size_t i) const { return i < DOUBLES / 2 ? low[i] : high[i - DOUBLES / 2]; }
+    Doubles8& operator+=(const Doubles8& b) {
+        low += b.low;
+        high += b.high;
+        return *this;
+    }
+};
+inline Doubles8 operator+(const Doubles8& a, const Doubles8& b) {
+    return {a.low + b.low, a.high + b.high};
+}
+inline Doubles8 operator-(const Doubles8& a, const Doubles8& b) {
+    return {a.low - b.low, a.high - b.high};
+}
+inline Doubles8 operator*(const Doubles8& a, const Doubles8& b) {
+    return {a.low * b.low, a.high * b.high};
+}
+inline Doubles8 operator+(const Doubles8& a, double b) {
+    return {a.low + b, a.high + b};
+}
+inline Doubles8 operator*(const Doubles8& a, double b) {
+    return {a.low * b, a.high * b};
+}
+inline Doubles8 operator*(double a, const Doubles8& b) {
+    return b * a;
+}
 
 inline void load(Doubles8& out, const double* from) {
     std::memcpy(&out, from, sizeof out);
 }
-inline void load(Floats16& out, const float* from) {
+inline void load(Floats8& out, const float* from) {
     std::memcpy(&out, from, sizeof out);
+}
+inline void store(const Floats8& values, float* to) {
+    std::memcpy(to, &values, sizeof values);
 }
 inline double sum_of(const Doubles8& x) {
     return ((x[0] + x[4]) + (x[2] + x[6])) + ((x[1] + x[5]) + (x[3] + x[7]));
-}
-inline void store(const Floats16& values, float* to) {
-    std::memcpy(to, &values, sizeof values);
 }

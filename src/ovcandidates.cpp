@@ -24,9 +24,9 @@ constexpr double THINNING_BANDWIDTHS = 2;  // and frequency (in 1/chip) are one
 
 // Correlations of a group with the eight words, for some columns: bit j of word w is the parity of w AND (j + 1), so
 // they are the negated Walsh-Hadamard transform of 0 and the seven differences, which lie `stride` apart.
-using EightWords = std::array<Floats16, 8>;
+using EightWords = std::array<Floats8, 8>;
 inline void correlate(const float* differences, std::size_t stride, EightWords& x) {
-    x[0] = Floats16{};
+    x[0] = Floats8{};
     for (std::size_t j = 0; j < OVC_WORD_BITS; j++) {
         load(x[j + 1], differences + j * stride);
         x[j + 1] = -x[j + 1];
@@ -34,14 +34,14 @@ inline void correlate(const float* differences, std::size_t stride, EightWords& 
     for (std::size_t half = 1; half < x.size(); half *= 2) {
         for (std::size_t k = 0; k < x.size(); k++) {
             if ((k & half) != 0) continue;
-            const Floats16 sum = x[k] + x[k + half];
+            const Floats8 sum = x[k] + x[k + half];
             x[k + half] = x[k] - x[k + half];
             x[k] = sum;
         }
     }
 }
 
-// n is a multiple of 16, here and in the next function.
+// n is a multiple of FLOATS, here and in the next function.
 ORVEL_MULTIVERSION void correlate_words(const float* differences, std::size_t n, float* words) {
     for (std::size_t c = 0; c < n; c += FLOATS) {
         EightWords x;
@@ -52,11 +52,11 @@ ORVEL_MULTIVERSION void correlate_words(const float* differences, std::size_t n,
 
 // The best of the last word alone, of the first four, and of all.
 ORVEL_MULTIVERSION void correlate_best(const float* differences, std::size_t n, float* last, float* four, float* all) {
-    const Floats16 lowest = Floats16{} - 1e30f;
+    const Floats8 lowest = Floats8{} - 1e30f;
     for (std::size_t c = 0; c < n; c += FLOATS) {
         EightWords x;
         correlate(differences + c, n, x);
-        Floats16 best = lowest;
+        Floats8 best = lowest;
         for (std::size_t w = 0; w < x.size(); w++) {
             best = x[w] > best ? x[w] : best;  // unchanged where x is NaN
             if (w == 3) store(best, four + c);
@@ -75,9 +75,9 @@ ORVEL_MULTIVERSION void subtract(const float* a, const float* b, std::size_t n, 
 using GroupRows = std::array<const float*, OVC_GROUPS>;
 ORVEL_MULTIVERSION void sum_groups(const GroupRows& rows, std::size_t n, float* out) {
     for (std::size_t c = 0; c < n; c += FLOATS) {
-        Floats16 sum{};
+        Floats8 sum{};
         for (const float* row : rows) {
-            Floats16 values;
+            Floats8 values;
             load(values, row + c);
             sum += values;
         }

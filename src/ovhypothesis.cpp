@@ -26,14 +26,18 @@ constexpr int32_t MAX_DRIFT_STEPS = 12;
 // |Σ x[k]·e^(−jθk)|² over n samples. Several phasors take turns, each advanced by that many rotations at a time: one
 // alone would wait for its own last product.
 ORVEL_MULTIVERSION double tone_energy(const Complex* x, std::size_t n, const Complex& rotation) {
-    Doubles8 phasor_re{};
-    Doubles8 phasor_im{};
+    std::array<double, DOUBLES> first_re;
+    std::array<double, DOUBLES> first_im;
     Complex turn = 1;
     for (std::size_t j = 0; j < DOUBLES; j++) {
-        phasor_re[j] = turn.real();
-        phasor_im[j] = turn.imag();
+        first_re[j] = turn.real();
+        first_im[j] = turn.imag();
         turn *= rotation;
     }
+    Doubles8 phasor_re;
+    Doubles8 phasor_im;
+    load(phasor_re, first_re.data());
+    load(phasor_im, first_im.data());
     Doubles8 sum_re{};
     Doubles8 sum_im{};
     const auto add = [&](const Doubles8& x_re, const Doubles8& x_im) {
@@ -49,16 +53,22 @@ ORVEL_MULTIVERSION double tone_energy(const Complex* x, std::size_t n, const Com
         Doubles8 back;
         std::memcpy(&front, x + k, sizeof front);
         std::memcpy(&back, x + k + DOUBLES / 2, sizeof back);
-        add(__builtin_shufflevector(front, back, 0, 2, 4, 6, 8, 10, 12, 14),
-            __builtin_shufflevector(front, back, 1, 3, 5, 7, 9, 11, 13, 15));
+        add({__builtin_shufflevector(front.low, front.high, 0, 2, 4, 6),
+             __builtin_shufflevector(back.low, back.high, 0, 2, 4, 6)},
+            {__builtin_shufflevector(front.low, front.high, 1, 3, 5, 7),
+             __builtin_shufflevector(back.low, back.high, 1, 3, 5, 7)});
     }
-    Doubles8 rest_re{};
-    Doubles8 rest_im{};
+    std::array<double, DOUBLES> rest_re{};
+    std::array<double, DOUBLES> rest_im{};
     for (std::size_t j = 0; k + j < n; j++) {
         rest_re[j] = x[k + j].real();
         rest_im[j] = x[k + j].imag();
     }
-    add(rest_re, rest_im);
+    Doubles8 last_re;
+    Doubles8 last_im;
+    load(last_re, rest_re.data());
+    load(last_im, rest_im.data());
+    add(last_re, last_im);
     const double re = sum_of(sum_re);
     const double im = sum_of(sum_im);
     return re * re + im * im;
