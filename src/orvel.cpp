@@ -156,27 +156,29 @@ int ov_unpack_loc(uint32_t value, char* text) {
     return 0;
 }
 
+void ov_encode_values(int32_t mode, uint32_t call, uint32_t locator, uint8_t* coded) {
+    Message message{};
+    const auto bits = std::span(message).first(static_cast<std::size_t>(ov_kbits(mode)));
+    const auto payload = bits.first(payload_bits(mode));
+    write_field(call, payload.first(CALL_BITS));
+    if (mode != 0) write_field(locator, payload.last(LOC_BITS));
+    write_field(crc16(payload, traits(mode).crc_start), bits.last(CRC_BITS));
+    whiten(mode, bits);
+    ldpc_encode(ov_code(mode), bits.data(), coded);
+}
+
 int ov_encode(int32_t mode, const char* call, const char* locator, uint8_t* chips) {
-    const ldpc_code& code = ov_code(mode);
     std::array<char, 7> normalised;
     uint32_t call_value = 0;
-    if (!has_expected_size(code, mode) || ov_normalize_call(call, normalised.data()) != 0 ||
+    if (!has_expected_size(ov_code(mode), mode) || ov_normalize_call(call, normalised.data()) != 0 ||
         ov_pack_call(normalised.data(), &call_value) != 0) {
         return -1;
     }
     uint32_t loc_value = 0;
     if (mode == 1 && (locator == nullptr || ov_pack_loc(locator, &loc_value) != 0)) return -1;
 
-    Message message{};
-    const auto bits = std::span(message).first(static_cast<std::size_t>(ov_kbits(mode)));
-    const auto payload = bits.first(payload_bits(mode));
-    write_field(call_value, payload.first(CALL_BITS));
-    if (mode != 0) write_field(loc_value, payload.last(LOC_BITS));
-    write_field(crc16(payload, traits(mode).crc_start), bits.last(CRC_BITS));
-    whiten(mode, bits);
-
     std::array<uint8_t, OV_MAX_PAIRS> coded;
-    ldpc_encode(code, bits.data(), coded.data());
+    ov_encode_values(mode, call_value, loc_value, coded.data());
     *chips++ = 1;
     for (const uint8_t bit : std::span(coded).first(static_cast<std::size_t>(ov_ncoded(mode)))) {
         *chips++ = static_cast<uint8_t>(1 - bit);

@@ -49,6 +49,9 @@ int ov_unpack_loc(uint32_t value, char* text);
 //   chips     2·ov_ncoded(mode) + 1 bytes, left alone on failure
 int ov_encode(int32_t mode, const char* call, const char* locator, uint8_t* chips);
 
+// The ov_ncoded(mode) coded bits of a packed callsign and, in mode 1, a packed locator.
+void ov_encode_values(int32_t mode, uint32_t call, uint32_t locator, uint8_t* coded);
+
 // Soft bits of chip pairs by the likelihood of noncoherent detection: the energies of a pair are a known amplitude in
 // noise in one chip and noise alone in the other.
 //

@@ -17,6 +17,13 @@ using Environment = std::vector<std::pair<std::string, std::string>>;
 // Sets the variables for this process.
 void enter(const Environment& environment);
 
+// With this, streams that are opened have so much sound with the server, more than ALSA knows of: no gap when a busy
+// machine is late with more, and a monitor hears it that much earlier than ALSA reckons.
+inline constexpr double DEEP_BUFFER_S = 0.1;
+inline Environment deep_buffers() {
+    return {{"PULSE_LATENCY_MSEC", "100"}};
+}
+
 // A directory below that for temporary files, removed with all it holds.
 class TemporaryDirectory {
   public:
