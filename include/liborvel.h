@@ -326,7 +326,8 @@ typedef struct ovl_result {
     char call[8];      /* callsign, NUL-terminated */
     char locator[8];   /* grid locator of an ORVEL L frame, otherwise "" */
     int32_t protocol;  /* OVL_OPERA, OVL_ORVEL_S or OVL_ORVEL_L */
-    int32_t deep;      /* 1 when only the search for known callsigns found it */
+    int32_t deep;      /* 0, or 1 when only the search for known callsigns found it; with the coherent search on, the
+                          OVL_ method that found it */
     double t_start;    /* start of the frame; negative when it began before the block */
     double t_end;      /* end of the frame */
     double freq_hz;    /* carrier frequency in the middle of the frame, Hz */
@@ -361,6 +362,55 @@ OVL_API int32_t ovl_decode(ovl_decoder *decoder, const float *samples, int32_t n
 OVL_API int32_t ovl_decode_recent(ovl_decoder *decoder, const float *samples, int32_t n, int32_t rate,
                                   const ovl_settings *settings, double recent_s, ovl_result *results,
                                   int32_t max_results);
+
+/* ---- Coherent search ------------------------------------------------------------------------------------------ */
+
+/*
+ * A search some 5 dB deeper, for carriers that keep their phase for seconds, which most do. It is off unless a host
+ * asks for it, and then looks beside what the other searches of a decode have found, whose results stay as they are. A
+ * host that loads the library at run time finds it by its symbols: the version of the interface says nothing of it.
+ */
+
+/* How a result was found. */
+enum {
+    OVL_STANDARD = 0,      /* by the standard search, which needs no phase */
+    OVL_DEEP = 1,          /* by the standard search for known callsigns */
+    OVL_COHERENT = 2,      /* by the coherent search */
+    OVL_COHERENT_KNOWN = 3 /* by the coherent search for known callsigns: as known, never as certain as the others */
+};
+
+/* How far the coherent search goes. Fill it with ovl_coherent_default() and change what differs. */
+typedef struct ovl_coherent {
+    int32_t places;  /* limit on effort: places examined for each length of frames and pass, 2 to 64; default 16 */
+    int32_t passes;  /* over the block, each without the frames found before: 1 to 8; default 4 */
+    int32_t threads; /* 1 or 2; default 1. A second thread ends before the decode returns */
+    int32_t known;   /* nonzero: also look for the known callsigns further down; default 1 */
+} ovl_coherent;
+
+/* How sure a result is. */
+typedef struct ovl_finding {
+    int32_t method; /* OVL_ method, the result's `deep` */
+    double odds;    /* natural logarithm of the odds that it was sent as it was read; NaN where that is not measured,
+                       with OVL_STANDARD and OVL_DEEP */
+} ovl_finding;
+
+/* Fills settings with the defaults. NULL is ignored. */
+OVL_API void ovl_coherent_default(ovl_coherent *settings);
+
+/*
+ * Switches the coherent search on for the decodes of a decoder; NULL switches it off. Returns 0, or -1 with nothing
+ * changed; error: "invalid argument" for a number out of its range.
+ */
+OVL_API int32_t ovl_set_coherent(ovl_decoder *decoder, const ovl_coherent *settings);
+
+/*
+ * How the results of the last decode were found, in the order of the results: writes at most max records and returns
+ * how many results there are, 0 after a decode that failed. -1 when decoder is NULL, max is negative, or findings is
+ * NULL and max is not 0.
+ */
+OVL_API int32_t ovl_findings(const ovl_decoder *decoder, ovl_finding *findings, int32_t max);
+
+/* ---- Keying --------------------------------------------------------------------------------------------------- */
 
 /* A frequency at which something is keyed. */
 typedef struct ov_hit {

@@ -9,10 +9,12 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "ascii.h"
+#include "coherent/coherent.h"
 #include "ovaudio.h"
 #include "ovcenc.h"
 #include "ovpipe.h"
@@ -66,6 +68,9 @@ struct ovl_decoder {
     int32_t n_known;
     std::unique_ptr<double[]> samples;  // the block in double precision; grows to the longest block seen
     int32_t capacity;
+    std::optional<ov_coherent> coherent;  // the search, when it is on
+    std::array<ovl_finding, MAX_SPOTS> findings;
+    int32_t n_findings;
     char error[164];
 };
 
@@ -193,6 +198,7 @@ int32_t ovl_decode(ovl_decoder* decoder, const float* samples, int32_t n, int32_
                    ovl_result* results, int32_t max_results) {
     if (decoder == nullptr) return -1;
     set_error(*decoder, "");
+    decoder->n_findings = 0;
     if (samples == nullptr || settings == nullptr || n <= 0 || rate <= 0 || max_results < 0 ||
         (max_results > 0 && results == nullptr)) {
         return fail(*decoder, "invalid argument");
@@ -206,12 +212,21 @@ int32_t ovl_decode(ovl_decoder* decoder, const float* samples, int32_t n, int32_
         return fail(*decoder, "known_only needs a list of known callsigns (ovl_set_known)");
     }
     std::array<ov_spot, MAX_SPOTS> spots;
-    const int32_t found = ov_decode_real(decoder->samples.get(), n, rate, params, spots.data(), MAX_SPOTS);
+    int32_t found = ov_decode_real(decoder->samples.get(), n, rate, params, spots.data(), MAX_SPOTS);
     if (found < 0) return fail(*decoder, "block too short or invalid for decoding");
 
+    std::array<double, MAX_SPOTS> odds;
+    odds.fill(std::numeric_limits<double>::quiet_NaN());
+    if (decoder->coherent) {
+        found =
+            ov_add_coherent({decoder->samples.get(), nullptr, n, rate}, params, *decoder->coherent, spots, odds, found);
+    }
     const int32_t written = std::min(found, max_results);
-    std::transform(spots.begin(), spots.begin() + written, results,
-                   [&](const ov_spot& spot) { return to_result(spot, params.op); });
+    for (std::size_t k = 0; k < static_cast<std::size_t>(written); k++) {
+        results[k] = to_result(spots[k], params.op);
+        decoder->findings[k] = {spots[k].deep, odds[k]};
+    }
+    decoder->n_findings = written;
     return written;
 }
 
@@ -224,6 +239,38 @@ int32_t ovl_decode_recent(ovl_decoder* decoder, const float* samples, int32_t n,
     recent.end_min = duration - recent_s;
     recent.end_max = duration;
     return ovl_decode(decoder, samples, n, rate, &recent, results, max_results);
+}
+
+void ovl_coherent_default(ovl_coherent* settings) {
+    if (settings == nullptr) return;
+    ov_coherent defaults;
+    ov_coherent_default(defaults);
+    *settings = {
+        .places = defaults.places, .passes = defaults.passes, .threads = defaults.threads, .known = defaults.known};
+}
+
+int32_t ovl_set_coherent(ovl_decoder* decoder, const ovl_coherent* settings) {
+    if (decoder == nullptr) return -1;
+    set_error(*decoder, "");
+    if (settings == nullptr) {
+        decoder->coherent.reset();
+        return 0;
+    }
+    const auto within = [](int32_t value, int32_t least, int32_t most) { return value >= least && value <= most; };
+    if (!within(settings->places, 2, 64) || !within(settings->passes, 1, 8) || !within(settings->threads, 1, 2)) {
+        return fail(*decoder, "invalid argument");
+    }
+    decoder->coherent = ov_coherent{.places = settings->places,
+                                    .passes = settings->passes,
+                                    .threads = settings->threads,
+                                    .known = settings->known != 0 ? 1 : 0};
+    return 0;
+}
+
+int32_t ovl_findings(const ovl_decoder* decoder, ovl_finding* findings, int32_t max) {
+    if (decoder == nullptr || max < 0 || (max > 0 && findings == nullptr)) return -1;
+    std::copy_n(decoder->findings.begin(), std::min(decoder->n_findings, max), findings);
+    return decoder->n_findings;
 }
 
 int32_t ovl_keyed(const float* samples, int32_t n, int32_t rate, const ovl_settings* settings, double seconds,

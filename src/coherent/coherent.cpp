@@ -1,0 +1,283 @@
+#include "coherent/coherent.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <future>
+#include <limits>
+
+#include "coherent/acceptance.h"
+#include "coherent/frames.h"
+#include "coherent/search.h"
+#include "coherent/subtraction.h"
+#include "coherent/whiten.h"
+#include "owners.h"
+
+using namespace coherent;
+
+namespace {
+
+constexpr int32_t BASEBAND_RATE = 500;  // Hz
+constexpr double SLICE_HZ = 200;        // half-width that is searched in one baseband
+constexpr double SLICE_OVERLAP_HZ = 5;
+constexpr double MAP_MARGIN_HZ = 3;  // drift takes a frame that far to its sides
+constexpr double MAX_DRIFT = 0.055;  // Hz/s
+constexpr double NO_LIMIT_S = 1e9;
+constexpr std::array SEGMENT_PAIRS = {8, 4};
+
+constexpr double SAME_FRAMES = 0.5;  // of a frame's length: spots of one callsign this close are one
+constexpr double SAME_HZ = 8;
+
+double frame_length_s(const ov_protocol& protocol) {
+    return protocol.chips() * OV_CHIP_SECONDS;
+}
+
+// Protocols whose frames have the same length share a search.
+struct Group {
+    int32_t pairs;
+    std::vector<const AffineCode*> codes;
+};
+
+std::vector<Group> make_groups(int32_t protocols) {
+    std::vector<Group> groups;
+    for (const ov_protocol& protocol : OV_PROTOCOLS) {
+        if ((protocols & protocol.id) == 0) continue;
+        auto group = std::ranges::find(groups, protocol.pairs, &Group::pairs);
+        if (group == groups.end()) group = groups.insert(groups.end(), Group{protocol.pairs, {}});
+        group->codes.push_back(&code_of(protocol));
+    }
+    return groups;
+}
+
+// A frame in the block, as this search or another found it.
+struct Known {
+    Hypothesis at;  // frequency from the baseband's centre
+    std::vector<uint8_t> chips;
+};
+
+std::vector<uint8_t> chips_of(const AffineCode& code, const Word& word) {
+    std::vector<uint8_t> chips(static_cast<std::size_t>(2 * code.length + 1), 0);
+    chips[0] = 1;
+    for (std::size_t k = 0; 2 * k + 2 < chips.size(); k++) chips[2 * k + (bit_of(word, k) ? 2 : 1)] = 1;
+    return chips;
+}
+
+SearchRange range_of(const ov_params& params, int32_t pairs, double half_width) {
+    const double frame_s = (2 * pairs + 1) * OV_CHIP_SECONDS;
+    const auto limit = [](double t) { return t < 0 ? NO_LIMIT_S : t; };
+    const double drift = params.drift_max >= 0 ? std::min(params.drift_max, MAX_DRIFT) : MAX_DRIFT;
+    return {half_width, drift, params.chip_guard, std::max(params.end_min - frame_s, params.start_min),
+            std::min(limit(params.end_max) - frame_s, limit(params.start_max))};
+}
+
+// One band of a block.
+class Slice {
+  public:
+    Slice(const ov_baseband& baseband, double half_width, const ov_params& params, const ov_coherent& settings)
+        : centre_(baseband.centre),
+          rate_(baseband.rate),
+          half_width_(half_width),
+          params_(params),
+          settings_(settings),
+          samples_(baseband.samples, baseband.samples + baseband.n) {}
+
+    void take_out_spot(const ov_spot& spot) {
+        const ov_protocol* const protocol = ov_protocol_by_id(static_cast<uint32_t>(spot.protocol));
+        if (protocol == nullptr || std::fabs(spot.freq - centre_) > rate_ / 2) return;
+        std::vector<uint8_t> chips(static_cast<std::size_t>(protocol->chips()));
+        if (encode_frame(*protocol, spot.call, spot.locator, chips.data()) != 0) return;
+        remove({{spot.t, spot.freq - centre_, spot.drift}, std::move(chips)});
+    }
+
+    std::vector<ov_coherent_spot> search(const std::vector<Group>& groups) {
+        std::vector<ov_coherent_spot> all;
+        for (int32_t pass = 0; pass < settings_.passes; pass++) {
+            const auto frames = search_once(groups);
+            if (frames.empty()) break;
+            for (const auto& [frame, odds, z] : frames) {
+                all.push_back({to_spot(frame, z), odds});
+                remove({frame.at, chips_of(*frame.code, frame.word)});
+            }
+        }
+        return all;
+    }
+
+  private:
+    struct Accepted {
+        Frame frame;
+        double odds, z;
+    };
+
+    void remove(const Known& known) {
+        take_out(samples_, rate_, static_cast<int32_t>(std::lround(OV_CHIP_SECONDS * rate_)), known.at, known.chips);
+    }
+
+    std::vector<Accepted> search_once(const std::vector<Group>& groups) {
+        ov_baseband baseband{samples_.data(), static_cast<int32_t>(samples_.size()), rate_, centre_};
+        const auto block = whiten(baseband, OV_CHIP_SECONDS);
+        if (!block) return {};
+        std::vector<SegmentMap> maps;
+        for (const int32_t pairs : SEGMENT_PAIRS) {
+            auto map = segment_map(*block, pairs, half_width_ + MAP_MARGIN_HZ);
+            if (!map) return {};
+            maps.push_back(std::move(*map));
+        }
+        std::vector<Accepted> accepted;
+        if (settings_.threads > 1 && groups.size() > 1) {
+            std::vector<std::future<std::vector<Accepted>>> parts;
+            for (const Group& group : groups) {
+                parts.push_back(std::async(std::launch::async, [&] { return search_group(*block, maps, group); }));
+            }
+            for (auto& part : parts) {
+                for (Accepted& frame : part.get()) accepted.push_back(std::move(frame));
+            }
+        } else {
+            for (const Group& group : groups) {
+                for (Accepted& frame : search_group(*block, maps, group)) accepted.push_back(std::move(frame));
+            }
+        }
+        return strongest_of_each(std::move(accepted));
+    }
+
+    std::vector<Accepted> search_group(const Whitened& block, const std::vector<SegmentMap>& maps,
+                                       const Group& group) const {
+        const SearchRange range = range_of(params_, group.pairs, half_width_);
+        std::vector<Place> places;
+        for (const SegmentMap& map : maps) {
+            const auto most = static_cast<std::size_t>(settings_.places) / maps.size();
+            for (const Place& place : find_places(block, map, group.pairs, range, most)) {
+                const auto near = [&](const Place& other) { return is_near(place, other, OV_CHIP_SECONDS); };
+                if (std::ranges::none_of(places, near)) places.push_back(place);
+            }
+        }
+        std::vector<Accepted> accepted;
+        for (const Place& place : places) {
+            // A frame's sides are no other frames; what they hide shows when it has been taken out.
+            const auto covers = [&](const Accepted& other) {
+                return std::fabs(other.frame.at.f - place.f) < SAME_HZ &&
+                       std::fabs(other.frame.at.start_s - place.start_s) < frame_length_s(*group.codes[0]->protocol);
+            };
+            if (std::ranges::any_of(accepted, covers)) continue;
+            const auto frame = read_frame(block, place, group.codes);
+            if (!frame || frame->at.start_s < range.start_first || frame->at.start_s > range.start_last) continue;
+            if (const auto odds = accepted_odds(*frame)) accepted.push_back({*frame, *odds, place.z});
+        }
+        return accepted;
+    }
+
+    // Several places may lead to one frame, or to frames of which one is the other's side.
+    static std::vector<Accepted> strongest_of_each(std::vector<Accepted> all) {
+        std::stable_sort(all.begin(), all.end(),
+                         [](const Accepted& a, const Accepted& b) { return a.frame.likelihood > b.frame.likelihood; });
+        std::vector<Accepted> kept;
+        for (const Accepted& next : all) {
+            const bool taken = std::ranges::any_of(kept, [&](const Accepted& other) {
+                const double shared = std::min(end_of(other.frame), end_of(next.frame)) -
+                                      std::max(other.frame.at.start_s, next.frame.at.start_s);
+                return std::fabs(other.frame.at.f - next.frame.at.f) < SAME_HZ && shared > 0;
+            });
+            if (!taken) kept.push_back(next);
+        }
+        return kept;
+    }
+    static double end_of(const Frame& frame) { return frame.at.start_s + frame_length_s(*frame.code->protocol); }
+
+    ov_spot to_spot(const Frame& frame, double z) const {
+        ov_spot spot{};
+        std::strncpy(spot.call, frame.message.call, sizeof spot.call - 1);
+        std::strncpy(spot.locator, frame.message.locator, sizeof spot.locator - 1);
+        spot.t = frame.at.start_s;
+        spot.freq = centre_ + frame.at.f;
+        spot.drift = frame.at.drift;
+        spot.z = z;
+        spot.score = frame.likelihood;
+        spot.rank = -1;
+        spot.chips_ok = static_cast<int32_t>(std::lround(frame.measured * (2 * frame.code->length + 1)));
+        spot.deep = OV_COHERENT;
+        spot.contrast = frame.on - frame.off;
+        spot.off_excess = frame.off;
+        spot.protocol = frame.code->protocol->id;
+        // A chip of energy 1 has as much as the noise in 1/chip Hz.
+        constexpr double REFERENCE_HZ = 2500;
+        const double share_db = params_.snr_adjust != 0 ? frame.code->protocol->on_share_db : 0;
+        spot.snr =
+            10 * std::log10(std::max(frame.on - std::max(frame.off, 0.0), 1e-6) / OV_CHIP_SECONDS / REFERENCE_HZ) +
+            share_db;
+        return spot;
+    }
+
+    double centre_, rate_, half_width_;
+    const ov_params& params_;
+    const ov_coherent& settings_;
+    std::vector<std::complex<double>> samples_;
+};
+
+bool is_same(const ov_spot& a, const ov_spot& b) {
+    const ov_protocol* const protocol = ov_protocol_by_id(static_cast<uint32_t>(a.protocol));
+    return a.protocol == b.protocol && std::strcmp(a.call, b.call) == 0 &&
+           std::fabs(a.t - b.t) < SAME_FRAMES * frame_length_s(*protocol) && std::fabs(a.freq - b.freq) < SAME_HZ;
+}
+
+bool is_listed(const ov_params& params, const ov_spot& spot) {
+    return std::any_of(params.known, params.known + params.n_known,
+                       [&](const ovc_known& known) { return std::strcmp(known.display, spot.call) == 0; });
+}
+
+}  // namespace
+
+void ov_coherent_default(ov_coherent& settings) {
+    settings = {.places = 16, .passes = 4, .threads = 1, .known = 1};
+}
+
+std::vector<ov_coherent_spot> ov_decode_coherent(const ov_block& block, const ov_params& params,
+                                                 const ov_coherent& settings, std::span<const ov_spot> found) {
+    SpectrumOwner spectrum;
+    const int failed = block.q != nullptr
+                           ? ov_spectrum_iq(block.x, block.q, block.n, block.rate, BASEBAND_RATE, spectrum)
+                           : ov_spectrum_real(block.x, block.n, block.rate, BASEBAND_RATE, spectrum);
+    if (failed != 0 || !(params.search_hz > 0) || !std::isfinite(params.search_hz)) return {};
+    const std::vector<Group> groups = make_groups(params.protocols);
+
+    std::vector<ov_coherent_spot> all;
+    const auto add = [&](const ov_coherent_spot& next) {
+        const auto same = [&](const ov_spot& spot) { return is_same(spot, next.spot); };
+        if (params.known_only != 0 && !is_listed(params, next.spot)) return;
+        if (std::ranges::none_of(found, same) && std::ranges::none_of(all, same, &ov_coherent_spot::spot))
+            all.push_back(next);
+    };
+    const double reach = std::min(params.search_hz, static_cast<double>(block.rate));
+    const double step = 2 * SLICE_HZ - SLICE_OVERLAP_HZ;
+    const auto slices = static_cast<int32_t>(std::max(1.0, std::ceil((2 * reach - SLICE_OVERLAP_HZ) / step)));
+    for (int32_t k = 0; k < slices; k++) {
+        const double width = std::min(reach, SLICE_HZ);
+        const double offset = slices > 1 ? (reach - width) * (2.0 * k / (slices - 1) - 1) : 0;
+        BasebandOwner baseband;
+        if (ov_baseband_extract(spectrum, params.center_hz + offset, baseband) != 0) continue;
+        Slice slice(baseband, width, params, settings);
+        for (const ov_spot& spot : found) slice.take_out_spot(spot);
+        for (const ov_coherent_spot& spot : slice.search(groups)) add(spot);
+    }
+    std::stable_sort(all.begin(), all.end(),
+                     [](const ov_coherent_spot& a, const ov_coherent_spot& b) { return a.spot.t < b.spot.t; });
+    return all;
+}
+
+int32_t ov_add_coherent(const ov_block& block, const ov_params& params, const ov_coherent& settings,
+                        std::span<ov_spot> spots, std::span<double> odds, int32_t n) noexcept {
+    try {
+        const auto more = ov_decode_coherent(block, params, settings, spots.first(static_cast<std::size_t>(n)));
+        for (const ov_coherent_spot& next : more) {
+            if (static_cast<std::size_t>(n) == spots.size()) break;
+            auto at = static_cast<std::size_t>(n++);
+            for (; at > 0 && spots[at - 1].t > next.spot.t; at--) {
+                spots[at] = spots[at - 1];
+                odds[at] = odds[at - 1];
+            }
+            spots[at] = next.spot;
+            odds[at] = next.odds;
+        }
+    } catch (const std::exception&) {
+        return n;
+    }
+    return n;
+}

@@ -1,0 +1,170 @@
+#include "coherent/subtraction.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+#include <vector>
+
+namespace coherent {
+namespace {
+
+using Complex = std::complex<double>;
+constexpr double TURN = 2 * std::numbers::pi;
+
+// A strong frame's gain is measured chip by chip, a weak one's over many.
+constexpr double CERTAIN = 100;     // signal energy over noise energy that a gain is measured from
+constexpr int32_t MOST_CHIPS = 12;  // on each side
+constexpr double STRONG = 30;       // energy of a chip over noise from which its edges are measured, too
+constexpr double EDGE_S = 0.005;    // of other frames
+
+// The frame mixed down to 0 Hz, `chip_len` samples a chip, with a chip before and after it; outside the block zeros.
+class MixedDown {
+  public:
+    MixedDown(std::span<Complex> samples, double rate, int32_t chip_len, const Hypothesis& frame, std::size_t chips)
+        : samples_(samples),
+          first_(std::llround(frame.start_s * rate) - chip_len),
+          x_((chips + 2) * static_cast<std::size_t>(chip_len)),
+          phasors_(x_.size()) {
+        const double middle_s = frame.start_s + static_cast<double>(chips) * chip_len / rate / 2;
+        for (std::size_t i = 0; i < x_.size(); i++) {
+            const double t = static_cast<double>(first_ + static_cast<int64_t>(i)) / rate - middle_s;
+            phasors_[i] = std::polar(1.0, TURN * (frame.f * t + frame.drift * t * t / 2));
+            if (inside(i)) x_[i] = at(i) * std::conj(phasors_[i]);
+        }
+    }
+    bool inside(std::size_t i) const {
+        const int64_t k = first_ + static_cast<int64_t>(i);
+        return k >= 0 && k < static_cast<int64_t>(samples_.size());
+    }
+    const std::vector<Complex>& values() const { return x_; }
+    void subtract(std::size_t i, Complex value) {
+        if (inside(i)) at(i) -= value * phasors_[i];
+    }
+
+  private:
+    Complex& at(std::size_t i) { return samples_[static_cast<std::size_t>(first_ + static_cast<int64_t>(i))]; }
+
+    std::span<Complex> samples_;
+    int64_t first_;
+    std::vector<Complex> x_, phasors_;
+};
+
+// Means over the middle of each chip.
+std::vector<Complex> chip_means(const std::vector<Complex>& x, std::size_t chip, std::size_t chips) {
+    std::vector<Complex> means(chips);
+    for (std::size_t k = 0; k < chips; k++) {
+        Complex sum = 0;
+        for (std::size_t i = chip / 8; i < chip - chip / 8; i++) sum += x[(k + 1) * chip + i];
+        means[k] = sum / static_cast<double>(chip - 2 * (chip / 8));
+    }
+    return means;
+}
+
+// The carrier's gain at each chip: a straight line through the ON chips around it.
+std::vector<Complex> smooth_gains(const std::vector<Complex>& means, std::span<const uint8_t> chips,
+                                  std::span<const uint8_t> measured, int32_t side) {
+    const auto n = static_cast<int32_t>(chips.size());
+    std::vector<Complex> gains(chips.size());
+    for (int32_t k = 0; k < n; k++) {
+        double w = 0, wt = 0, wtt = 0;
+        Complex s = 0, st = 0;
+        for (int32_t reach = side; reach <= MOST_CHIPS && w < 2; reach++) {
+            w = wt = wtt = 0;
+            s = st = 0;
+            for (int32_t i = std::max(0, k - reach); i <= std::min(n - 1, k + reach); i++) {
+                const auto at = static_cast<std::size_t>(i);
+                if (chips[at] == 0 || measured[at] == 0) continue;
+                const double t = i - k;
+                w += 1;
+                wt += t;
+                wtt += t * t;
+                s += means[at];
+                st += means[at] * t;
+            }
+        }
+        const double determinant = w * wtt - wt * wt;
+        gains[static_cast<std::size_t>(k)] = determinant > 1e-9 ? (s * wtt - st * wt) / determinant
+                                             : w > 0            ? s / w
+                                                                : Complex{};
+    }
+    return gains;
+}
+
+}  // namespace
+
+void take_out(std::span<std::complex<double>> samples, double rate, int32_t chip_len, const Hypothesis& frame,
+              std::span<const uint8_t> chips) {
+    const auto chip = static_cast<std::size_t>(chip_len);
+    MixedDown mixed(samples, rate, chip_len, frame, chips.size());
+    const std::vector<Complex>& x = mixed.values();
+    std::vector<uint8_t> measured(chips.size());
+    for (std::size_t k = 0; k < chips.size(); k++) {
+        measured[k] = mixed.inside((k + 1) * chip) && mixed.inside((k + 2) * chip - 1) ? 1 : 0;
+    }
+
+    // How strong it is: ON chips against OFF chips.
+    const std::vector<Complex> means = chip_means(x, chip, chips.size());
+    double on = 0, off = 0, n_on = 0, n_off = 0;
+    for (std::size_t k = 0; k < chips.size(); k++) {
+        if (measured[k] == 0) continue;
+        (chips[k] != 0 ? on : off) += std::norm(means[k]);
+        (chips[k] != 0 ? n_on : n_off) += 1;
+    }
+    if (n_on == 0 || n_off == 0) return;
+    const double energy = (on / n_on) / std::max(off / n_off, 1e-30) - 1;
+    if (!(energy > 0)) return;
+    const auto side = static_cast<int32_t>(std::clamp(CERTAIN / energy, 2.0, static_cast<double>(MOST_CHIPS)));
+    const std::vector<Complex> gains = smooth_gains(means, chips, measured, side);
+
+    // The gain at a sample, between the middles of chips.
+    const auto gain_at = [&](std::size_t i) {
+        const double position = std::clamp((static_cast<double>(i) + 0.5) / static_cast<double>(chip) - 1.5, 0.0,
+                                           static_cast<double>(chips.size()) - 1);
+        const auto left = std::min(static_cast<std::size_t>(position), chips.size() - 2);
+        const double share = position - static_cast<double>(left);
+        return (1 - share) * gains[left] + share * gains[left + 1];
+    };
+    const auto is_on = [&](std::size_t k) {
+        return k >= 1 && k <= chips.size() && chips[k - 1] != 0;
+    };  // k counts the chip before
+
+    // The envelope from the middle of a chip to the middle of the next, for the four pairs of neighbours.
+    std::vector<double> envelope(4 * chip);
+    const double edge = EDGE_S * rate;
+    for (std::size_t i = 0; i < chip; i++) {
+        const double from_border = static_cast<double>(i) + 0.5 - static_cast<double>(chip) / 2;
+        const double rise = 0.5 + 0.5 * std::sin(std::numbers::pi * std::clamp(from_border / edge, -0.5, 0.5));
+        envelope[1 * chip + i] = rise;
+        envelope[2 * chip + i] = 1 - rise;
+        envelope[3 * chip + i] = 1;
+    }
+    const auto for_each_border = [&](const auto& visit) {
+        for (std::size_t k = 0; k <= chips.size(); k++) {
+            const std::size_t kind = (is_on(k) ? 2U : 0U) + (is_on(k + 1) ? 1U : 0U);
+            visit(kind, k * chip + chip / 2);
+        }
+    };
+    if (energy > STRONG) {
+        // The real part of what is measured over the gain, weighted by the gain's power.
+        std::vector<double> sum(envelope.size(), 0.0);
+        std::vector<double> weight(envelope.size(), 0.0);
+        for_each_border([&](std::size_t kind, std::size_t first) {
+            for (std::size_t i = 0; i < chip; i++) {
+                if (!mixed.inside(first + i)) continue;
+                const Complex gain = gain_at(first + i);
+                sum[kind * chip + i] += (x[first + i] * std::conj(gain)).real();
+                weight[kind * chip + i] += std::norm(gain);
+            }
+        });
+        for (std::size_t i = 0; i < envelope.size(); i++) {
+            if (weight[i] > 0) envelope[i] = sum[i] / weight[i];
+        }
+    }
+    for_each_border([&](std::size_t kind, std::size_t first) {
+        for (std::size_t i = 0; i < chip; i++) {
+            mixed.subtract(first + i, envelope[kind * chip + i] * gain_at(first + i));
+        }
+    });
+}
+
+}  // namespace coherent
