@@ -263,7 +263,9 @@ int32_t ovl_set_coherent(ovl_decoder* decoder, const ovl_coherent* settings) {
     decoder->coherent = ov_coherent{.places = settings->places,
                                     .passes = settings->passes,
                                     .threads = settings->threads,
-                                    .known = settings->known != 0 ? 1 : 0};
+                                    .known = settings->known != 0 ? 1 : 0,
+                                    .highest_fit = nullptr,
+                                    .highest_known_fit = nullptr};
     return 0;
 }
 

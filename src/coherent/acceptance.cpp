@@ -20,6 +20,11 @@ bool off_chips_empty(const Frame& frame) {
     return frame.off < OFF_SHARE * frame.on + margin && frame.off_segments < OFF_SHARE * frame.on_segments + margin;
 }
 
+// For known frames.
+constexpr double KNOWN_LEAST_FIT = 30;  // log likelihood ratio beyond the logarithm of the number of them
+constexpr double KNOWN_PATTERN_MARGIN = 5;
+constexpr double KNOWN_RIVAL_MARGIN = 12;  // by which another word would have to fit better
+
 }  // namespace
 
 std::optional<double> accepted_odds(const Frame& frame) {
@@ -33,6 +38,16 @@ std::optional<double> accepted_odds(const Frame& frame) {
     }
     return -std::log(std::exp(-against_noise) + std::exp(frame.doubt) + std::exp(-against_rival) +
                      std::exp(-against_pattern));
+}
+
+std::optional<double> accepted_known_odds(const Frame& frame, std::size_t known) {
+    const double fit = frame.likelihood - std::log(static_cast<double>(known));
+    const double against_pattern = fit - frame.evidence;
+    if (!(fit > KNOWN_LEAST_FIT && against_pattern > KNOWN_PATTERN_MARGIN &&
+          frame.rival < frame.likelihood + KNOWN_RIVAL_MARGIN && off_chips_empty(frame))) {
+        return std::nullopt;
+    }
+    return -std::log(std::exp(LOG_PLACES - fit) + std::exp(-against_pattern));
 }
 
 }  // namespace coherent

@@ -5,9 +5,11 @@
 #include <cstring>
 #include <future>
 #include <limits>
+#include <memory>
 
 #include "coherent/acceptance.h"
 #include "coherent/frames.h"
+#include "coherent/known.h"
 #include "coherent/search.h"
 #include "coherent/subtraction.h"
 #include "coherent/whiten.h"
@@ -36,15 +38,33 @@ double frame_length_s(const ov_protocol& protocol) {
 struct Group {
     int32_t pairs;
     std::vector<const AffineCode*> codes;
+    std::vector<KnownWord> known;
 };
 
-std::vector<Group> make_groups(int32_t protocols) {
+// The frames of known callsigns. Those of ORVEL L hold a locator, too, which is not known.
+std::vector<KnownWord> known_words(const ov_params& params, const AffineCode& code) {
+    std::vector<KnownWord> words;
+    if (code.protocol->id == OVL_ORVEL_L) return words;
+    std::vector<uint8_t> chips(static_cast<std::size_t>(2 * code.length + 1));
+    for (int32_t k = 0; k < params.n_known; k++) {
+        if (encode_frame(*code.protocol, params.known[k].display, nullptr, chips.data()) != 0) continue;
+        const Word word = word_of(chips);
+        if (const auto message = code.read(word)) words.push_back({&code, word, *message});
+    }
+    return words;
+}
+
+std::vector<Group> make_groups(const ov_params& params, bool with_known) {
     std::vector<Group> groups;
     for (const ov_protocol& protocol : OV_PROTOCOLS) {
-        if ((protocols & protocol.id) == 0) continue;
+        if ((params.protocols & protocol.id) == 0) continue;
         auto group = std::ranges::find(groups, protocol.pairs, &Group::pairs);
-        if (group == groups.end()) group = groups.insert(groups.end(), Group{protocol.pairs, {}});
-        group->codes.push_back(&code_of(protocol));
+        if (group == groups.end()) group = groups.insert(groups.end(), Group{protocol.pairs, {}, {}});
+        const AffineCode& code = code_of(protocol);
+        group->codes.push_back(&code);
+        if (!with_known) continue;
+        const std::vector<KnownWord> words = known_words(params, code);
+        group->known.insert(group->known.end(), words.begin(), words.end());
     }
     return groups;
 }
@@ -92,12 +112,23 @@ class Slice {
     std::vector<ov_coherent_spot> search(const std::vector<Group>& groups) {
         std::vector<ov_coherent_spot> all;
         for (int32_t pass = 0; pass < settings_.passes; pass++) {
-            const auto frames = search_once(groups);
-            if (frames.empty()) break;
+            const auto view = prepare();
+            if (!view) break;
+            const auto frames = search_groups(groups, [&](const Group& group) { return search_any(*view, group); });
             for (const auto& [frame, odds, z] : frames) {
-                all.push_back({to_spot(frame, z), odds});
+                all.push_back({to_spot(frame, z, OV_COHERENT), odds});
                 remove({frame.at, chips_of(*frame.code, frame.word)});
             }
+            if (!frames.empty() && pass + 1 < settings_.passes) continue;
+
+            // Nothing more shows by itself.
+            const auto rest = frames.empty() ? view : prepare();
+            if (!rest) break;
+            for (const auto& [frame, odds, z] :
+                 search_groups(groups, [&](const Group& group) { return search_known(*rest, group); })) {
+                all.push_back({to_spot(frame, z, OV_COHERENT_KNOWN), odds});
+            }
+            break;
         }
         return all;
     }
@@ -112,9 +143,14 @@ class Slice {
         take_out(samples_, rate_, static_cast<int32_t>(std::lround(OV_CHIP_SECONDS * rate_)), known.at, known.chips);
     }
 
-    std::vector<Accepted> search_once(const std::vector<Group>& groups) {
+    // The block as the searches see it.
+    struct View {
+        Whitened block;
+        std::vector<SegmentMap> maps;
+    };
+    std::shared_ptr<const View> prepare() {
         ov_baseband baseband{samples_.data(), static_cast<int32_t>(samples_.size()), rate_, centre_};
-        const auto block = whiten(baseband, OV_CHIP_SECONDS);
+        auto block = whiten(baseband, OV_CHIP_SECONDS);
         if (!block) return {};
         std::vector<SegmentMap> maps;
         for (const int32_t pairs : SEGMENT_PAIRS) {
@@ -122,30 +158,28 @@ class Slice {
             if (!map) return {};
             maps.push_back(std::move(*map));
         }
+        return std::make_shared<const View>(std::move(*block), std::move(maps));
+    }
+
+    // What a search finds in all groups, in two threads where the host allows it.
+    template <class SearchGroup>
+    std::vector<Accepted> search_groups(const std::vector<Group>& groups, const SearchGroup& search_group) const {
         std::vector<Accepted> accepted;
-        if (settings_.threads > 1 && groups.size() > 1) {
-            std::vector<std::future<std::vector<Accepted>>> parts;
-            for (const Group& group : groups) {
-                parts.push_back(std::async(std::launch::async, [&] { return search_group(*block, maps, group); }));
-            }
-            for (auto& part : parts) {
-                for (Accepted& frame : part.get()) accepted.push_back(std::move(frame));
-            }
-        } else {
-            for (const Group& group : groups) {
-                for (Accepted& frame : search_group(*block, maps, group)) accepted.push_back(std::move(frame));
-            }
+        std::vector<std::future<std::vector<Accepted>>> parts;
+        const auto policy = settings_.threads > 1 ? std::launch::async : std::launch::deferred;
+        for (const Group& group : groups) parts.push_back(std::async(policy, [&] { return search_group(group); }));
+        for (auto& part : parts) {
+            for (Accepted& frame : part.get()) accepted.push_back(std::move(frame));
         }
         return strongest_of_each(std::move(accepted));
     }
 
-    std::vector<Accepted> search_group(const Whitened& block, const std::vector<SegmentMap>& maps,
-                                       const Group& group) const {
+    std::vector<Accepted> search_any(const View& view, const Group& group) const {
         const SearchRange range = range_of(params_, group.pairs, half_width_);
         std::vector<Place> places;
-        for (const SegmentMap& map : maps) {
-            const auto most = static_cast<std::size_t>(settings_.places) / maps.size();
-            for (const Place& place : find_places(block, map, group.pairs, range, most)) {
+        for (const SegmentMap& map : view.maps) {
+            const auto most = static_cast<std::size_t>(settings_.places) / view.maps.size();
+            for (const Place& place : find_places(view.block, map, group.pairs, range, most)) {
                 const auto near = [&](const Place& other) { return is_near(place, other, OV_CHIP_SECONDS); };
                 if (std::ranges::none_of(places, near)) places.push_back(place);
             }
@@ -158,11 +192,31 @@ class Slice {
                        std::fabs(other.frame.at.start_s - place.start_s) < frame_length_s(*group.codes[0]->protocol);
             };
             if (std::ranges::any_of(accepted, covers)) continue;
-            const auto frame = read_frame(block, place, group.codes);
-            if (!frame || frame->at.start_s < range.start_first || frame->at.start_s > range.start_last) continue;
+            const auto frame = read_frame(view.block, place, group.codes);
+            if (!frame || !starts_within(range, *frame)) continue;
+            if (settings_.highest_fit != nullptr) {
+                *settings_.highest_fit = std::max(*settings_.highest_fit, frame->likelihood - frame->code->log_words);
+            }
             if (const auto odds = accepted_odds(*frame)) accepted.push_back({*frame, *odds, place.z});
         }
         return accepted;
+    }
+
+    std::vector<Accepted> search_known(const View& view, const Group& group) const {
+        const SearchRange range = range_of(params_, group.pairs, half_width_);
+        std::vector<Accepted> accepted;
+        if (group.known.empty()) return accepted;
+        for (const Frame& frame : find_known(view.block, view.maps[0], range, group.known)) {
+            if (!starts_within(range, frame)) continue;
+            if (settings_.highest_known_fit != nullptr) {
+                *settings_.highest_known_fit = std::max(*settings_.highest_known_fit, frame.likelihood);
+            }
+            if (const auto odds = accepted_known_odds(frame, group.known.size())) accepted.push_back({frame, *odds, 0});
+        }
+        return accepted;
+    }
+    static bool starts_within(const SearchRange& range, const Frame& frame) {
+        return frame.at.start_s >= range.start_first && frame.at.start_s <= range.start_last;
     }
 
     // Several places may lead to one frame, or to frames of which one is the other's side.
@@ -182,7 +236,7 @@ class Slice {
     }
     static double end_of(const Frame& frame) { return frame.at.start_s + frame_length_s(*frame.code->protocol); }
 
-    ov_spot to_spot(const Frame& frame, double z) const {
+    ov_spot to_spot(const Frame& frame, double z, int32_t method) const {
         ov_spot spot{};
         std::strncpy(spot.call, frame.message.call, sizeof spot.call - 1);
         std::strncpy(spot.locator, frame.message.locator, sizeof spot.locator - 1);
@@ -193,7 +247,7 @@ class Slice {
         spot.score = frame.likelihood;
         spot.rank = -1;
         spot.chips_ok = static_cast<int32_t>(std::lround(frame.measured * (2 * frame.code->length + 1)));
-        spot.deep = OV_COHERENT;
+        spot.deep = method;
         spot.contrast = frame.on - frame.off;
         spot.off_excess = frame.off;
         spot.protocol = frame.code->protocol->id;
@@ -226,7 +280,8 @@ bool is_listed(const ov_params& params, const ov_spot& spot) {
 }  // namespace
 
 void ov_coherent_default(ov_coherent& settings) {
-    settings = {.places = 16, .passes = 4, .threads = 1, .known = 1};
+    settings = {
+        .places = 16, .passes = 4, .threads = 1, .known = 1, .highest_fit = nullptr, .highest_known_fit = nullptr};
 }
 
 std::vector<ov_coherent_spot> ov_decode_coherent(const ov_block& block, const ov_params& params,
@@ -236,7 +291,7 @@ std::vector<ov_coherent_spot> ov_decode_coherent(const ov_block& block, const ov
                            ? ov_spectrum_iq(block.x, block.q, block.n, block.rate, BASEBAND_RATE, spectrum)
                            : ov_spectrum_real(block.x, block.n, block.rate, BASEBAND_RATE, spectrum);
     if (failed != 0 || !(params.search_hz > 0) || !std::isfinite(params.search_hz)) return {};
-    const std::vector<Group> groups = make_groups(params.protocols);
+    const std::vector<Group> groups = make_groups(params, settings.known != 0);
 
     std::vector<ov_coherent_spot> all;
     const auto add = [&](const ov_coherent_spot& next) {

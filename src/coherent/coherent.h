@@ -29,6 +29,11 @@ struct ov_coherent {
     int32_t passes;   // over a block from which what was found has been taken out, at most
     int32_t threads;  // 1 or 2
     int32_t known;    // nonzero: also for the known callsigns, further down
+
+    // For measurements, or null: raised to the highest fit of any word, its log likelihood against noise less the
+    // logarithm of the number of words; and of any known one, its log likelihood. One thread only.
+    double* highest_fit;
+    double* highest_known_fit;
 };
 
 void ov_coherent_default(ov_coherent& settings);

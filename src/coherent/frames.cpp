@@ -19,7 +19,7 @@ constexpr std::size_t WORDS = 160;     // and in the end
 constexpr int32_t ORDER = 3;           // of the ordered statistics
 constexpr int32_t ROUNDS = 3;          // of measuring with the pattern known and decoding again
 constexpr double IMPLAUSIBLE = -9;     // added to the log likelihood of callsigns that no administration issues
-constexpr float LEAST_AMPLITUDE = 0.45f;
+constexpr float LEAST_AMPLITUDE = 0.4f;
 constexpr float LARGEST_AMPLITUDE = 4.0f;  // beyond that a frame needs no phase
 
 using Chips = std::vector<ChipSum>;
@@ -120,6 +120,25 @@ class Reader {
         strip_ = Strip(block_, best->at, n_chips_, 4);
         measure(*best);
         return best;
+    }
+
+    Frame measure_known(const Word& word, const Message& message) {
+        amplitude_ = blind_amplitude(measure_chips(at_), 8);
+        Frame frame{};
+        frame.code = codes_[0];
+        frame.word = word;
+        frame.message = message;
+        frame.at = at_;
+        frame.amplitude = amplitude_;
+        frame.walk = 1;
+        for (int32_t round = 0; round < ROUNDS; round++) polish(frame);
+        const PhaseTable table(measure_chips(frame.at), frame.amplitude);
+        frame.evidence = -INFINITY;
+        for (std::size_t i = 0; i < WALKS.size(); i++) frame.evidence = std::max(frame.evidence, table.evidence(i));
+        const auto other = decode(frame.at, frame.amplitude, FEW_WORDS);
+        frame.rival = other && other->word != word ? other->likelihood : -INFINITY;
+        measure(frame);
+        return frame;
     }
 
   private:
@@ -335,6 +354,12 @@ class Reader {
 
 std::optional<Frame> read_frame(const Whitened& block, const Place& place, std::span<const AffineCode* const> codes) {
     return Reader(block, place, codes).read();
+}
+
+Frame read_known(const Whitened& block, const Hypothesis& at, const AffineCode& code, const Word& word,
+                 const Message& message) {
+    const std::array codes = {&code};
+    return Reader(block, {at.start_s, at.f, at.drift, 0}, codes).measure_known(word, message);
 }
 
 }  // namespace coherent

@@ -35,4 +35,9 @@ struct Frame {
 // The best frame near a place; nothing when none of the codes, which have frames of the same length, has a word there.
 std::optional<Frame> read_frame(const Whitened& block, const Place& place, std::span<const AffineCode* const> codes);
 
+// The frame of a word that is known, measured from where it is thought to be. Its rival is the best other word at the
+// same start.
+Frame read_known(const Whitened& block, const Hypothesis& at, const AffineCode& code, const Word& word,
+                 const Message& message);
+
 }  // namespace coherent

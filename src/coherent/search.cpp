@@ -15,7 +15,6 @@ using Complex = std::complex<double>;
 
 constexpr int32_t ROWS_PER_CHIP = 4;
 constexpr int32_t PADDING = 2;  // of a segment: columns are half of its width apart
-constexpr double LEAST_Z = 3;
 constexpr double SAME_HZ = 0.6;
 constexpr double SAME_CHIPS = 24;
 constexpr std::size_t SAMPLED = 100'000;  // scores of which the median is taken
@@ -122,7 +121,7 @@ std::optional<SegmentMap> segment_map(const Whitened& block, int32_t pairs, doub
 }
 
 std::vector<Place> find_places(const Whitened& block, const SegmentMap& map, int32_t frame_pairs,
-                               const SearchRange& range, std::size_t most) {
+                               const SearchRange& range, std::size_t most, double least_z) {
     const double row_s = map.hop / block.rate;
     const double chip_s = ROWS_PER_CHIP * row_s;
     const double frame_s = (2 * frame_pairs + 1) * chip_s;
@@ -192,7 +191,7 @@ std::vector<Place> find_places(const Whitened& block, const SegmentMap& map, int
     for (std::size_t r = 0; r < n_rows; r++) {
         for (std::size_t c = 0; c < n_columns; c++) {
             const double z = (best[r * n_columns + c] - noise.median) / noise.sigma;
-            if (!(z >= LEAST_Z) || !is_peak(rows, static_cast<int64_t>(n_rows), static_cast<int64_t>(r), c)) continue;
+            if (!(z >= least_z) || !is_peak(rows, static_cast<int64_t>(n_rows), static_cast<int64_t>(r), c)) continue;
             peaks.push_back({(first_row + static_cast<double>(r) * START_STEP) * row_s,
                              (static_cast<double>(c) - searched) * map.column_hz, which[r * n_columns + c] * drift_step,
                              z});

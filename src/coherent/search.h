@@ -54,8 +54,9 @@ struct SegmentMap {
 // drift beyond.
 std::optional<SegmentMap> segment_map(const Whitened& block, int32_t pairs, double half_width);
 
-// The strongest places of frames with that many pairs, strongest first, each the only one within a few chips and hertz.
+// The strongest places of frames with that many pairs, of at least that z, strongest first, each the only one within a
+// few chips and hertz.
 std::vector<Place> find_places(const Whitened& block, const SegmentMap& map, int32_t frame_pairs,
-                               const SearchRange& range, std::size_t most);
+                               const SearchRange& range, std::size_t most, double least_z = 3);
 
 }  // namespace coherent
