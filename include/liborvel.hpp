@@ -140,12 +140,25 @@ inline ovl_settings default_settings() noexcept {
     return settings;
 }
 
+/* How far the coherent search goes, with everything at its default. */
+inline ovl_coherent default_coherent() noexcept {
+    ovl_coherent settings;
+    ovl_coherent_default(&settings);
+    return settings;
+}
+
 class Decoder {
   public:
     Decoder() : decoder_(detail::made(ovl_create())) {}
 
     /* Replaces the list of known callsigns; "" empties it. Returns how many are known now. */
     int32_t set_known(const std::string &list) { return checked(ovl_set_known(get(), detail::text(list))); }
+
+    /* Switches the coherent search on for the decodes that follow, and off. */
+    void set_coherent(const ovl_coherent &settings = default_coherent()) {
+        checked(ovl_set_coherent(get(), &settings));
+    }
+    void clear_coherent() { checked(ovl_set_coherent(get(), nullptr)); }
 
     /* All frames in a block of mono samples, in order of start time. */
     std::vector<ovl_result> decode(std::span<const float> samples, int32_t rate,
@@ -167,6 +180,13 @@ class Decoder {
             ovl_decode_recent(get(), samples.data(), n, rate, &settings, recent_s, results.data(), MAX_RESULTS));
         results.resize(static_cast<std::size_t>(found));
         return results;
+    }
+
+    /* How the results of the last decode were found, in their order. */
+    std::vector<ovl_finding> findings() const {
+        std::vector<ovl_finding> findings(MAX_RESULTS);
+        findings.resize(static_cast<std::size_t>(checked(ovl_findings(get(), findings.data(), MAX_RESULTS))));
+        return findings;
     }
 
     /* Message of the last call, "" after a success; valid until the next call. */

@@ -405,6 +405,37 @@ TEST_F(AirCommands, ListeningFindsWhatTheDecoderFindsEachFrameOnceInOrderOfItsEn
     }
 }
 
+// A line of JSON then says how each frame was found; a frame that both searches find is given as the ordinary one's.
+TEST_F(AirCommands, ListeningFindsTheWeakestFramesCoherently) {
+    Scene scene;
+    scene.rate = 8000;
+    scene.seconds = 80;
+    scene.seed = 3;
+    scene.stations = {station(OVL_ORVEL_S, "K2QRX", "", 4, 1520, -28),
+                      station(OVL_ORVEL_S, "G4QZB", "", 10, 1470, -15)};
+    const std::string file = write("audio.raw", s16_bytes(quantised(scene)));
+    const Arguments options = {"--rate=8000", MIDNIGHT, "--json", "--search=60", "--protocols=orvel-s"};
+    const auto heard = all_heard(listen(file, options).out);
+    ASSERT_EQ(heard.size(), 1u);
+    EXPECT_EQ(heard[0].call, "G4QZB");
+
+    Arguments coherent = options;
+    coherent.emplace_back("--coherent");
+    const ProcessResult result = listen(file, coherent);
+    EXPECT_EQ(result.status, 0) << result.err;
+    const auto lines = lines_of(result.out);
+    ASSERT_EQ(lines.size(), 2u) << result.out;
+    const auto weak = JsonValue::parse(lines[0]);
+    EXPECT_EQ(weak.at("call"), "K2QRX");
+    EXPECT_EQ(weak.at("method"), "coherent");
+    EXPECT_GT(weak.at("odds").number(), 0);
+    EXPECT_NEAR(seconds_of(weak.at("utc_start")), 4, 0.1);
+    const auto strong = JsonValue::parse(lines[1]);
+    EXPECT_EQ(strong.at("call"), "G4QZB");
+    EXPECT_EQ(strong.at("method"), "standard");
+    EXPECT_TRUE(strong.at("odds").is_null());
+}
+
 // Each strong frame brings candidates at its sides, which must not keep the decoder from examining others.
 TEST_F(AirCommands, TenStrongStationsAtOnceAreAllFound) {
     Scene scene;

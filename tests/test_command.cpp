@@ -316,6 +316,84 @@ TEST_F(Command, KnownCallsignsAreFoundBelowTheOrdinaryThreshold) {
     EXPECT_EQ(object.at("deep"), true);
 }
 
+// ---- orvel decode --coherent ----------------------------------------------------------------------------------------
+
+class CoherentCommand : public Command {
+  protected:
+    // A recording of simulated stations.
+    std::string simulated(const Arguments& stations) const {
+        Arguments all = {"simulate", "-o", path("weak.wav"), "--rate=12000", "--seconds=40"};
+        all.insert(all.end(), stations.begin(), stations.end());
+        EXPECT_EQ(orvel(all).status, 0);
+        return path("weak.wav");
+    }
+};
+
+const std::string ORVEL_S = "--protocols=orvel-s";
+const std::string WEAK_STATION = "orvel-s=K2QRX,snr=-29,start=4.5,freq=1520,drift=0.01";
+
+TEST_F(CoherentCommand, FindsWhatTheOrdinarySearchCannot) {
+    const std::string file = simulated({WEAK_STATION});
+    EXPECT_EQ(orvel({"decode", ORVEL_S, "--json", file}).out, "");
+    const ProcessResult result = orvel({"decode", ORVEL_S, "--json", "--coherent", file});
+    EXPECT_EQ(result.status, 0) << result.err;
+    ASSERT_EQ(lines_of(result.out).size(), 1u) << result.out;
+    const auto object = JsonValue::parse(result.out);
+    EXPECT_EQ(object.names(), (Arguments{"file", "t_start", "t_end", "freq_hz", "drift_hz_s", "snr_db", "protocol",
+                                         "call", "locator", "deep", "method", "odds"}));
+    EXPECT_EQ(object.at("call"), "K2QRX");
+    EXPECT_EQ(object.at("protocol"), "ORVEL S");
+    EXPECT_EQ(object.at("method"), "coherent");
+    EXPECT_EQ(object.at("deep"), false);
+    EXPECT_GT(object.at("odds").number(), 0);
+    EXPECT_NEAR(object.at("t_start"), 4.5, 0.05);
+    EXPECT_NEAR(object.at("freq_hz"), 1520, 0.2);
+    EXPECT_NEAR(object.at("drift_hz_s"), 0.01, 0.006);
+    EXPECT_NEAR(object.at("snr_db"), -29, 4);
+
+    const auto rows = lines_of(orvel({"decode", ORVEL_S, "--coherent", file}).out);
+    ASSERT_EQ(rows.size(), 2u);
+    EXPECT_TRUE(rows[0].ends_with("  locator  method")) << rows[0];
+    EXPECT_TRUE(rows[1].ends_with("  K2QRX     -        coherent")) << rows[1];
+}
+
+TEST_F(CoherentCommand, LeavesWhatTheOrdinarySearchFinds) {
+    const std::string file = shipped("audio-modes.wav");
+    const auto ordinary = lines_of(orvel({"decode", ORVEL_S, "--json", file}).out);
+    ASSERT_EQ(ordinary.size(), 2u);
+    const auto all = lines_of(orvel({"decode", ORVEL_S, "--json", "--coherent", file}).out);
+    ASSERT_EQ(all.size(), ordinary.size());
+    for (std::size_t k = 0; k < all.size(); k++) {
+        const std::string same = ordinary[k].substr(0, ordinary[k].size() - 1);
+        EXPECT_EQ(all[k], same + R"(,"method":"standard","odds":null})");
+    }
+}
+
+// A weak station 10 Hz beside a strong one; elsewhere in the band nothing is keyed.
+TEST_F(CoherentCommand, OfAWideBandSearchesAroundWhatIsKeyed) {
+    const std::string file =
+        simulated({"--iq", "opera=G4QZB,snr=-15,start=3,freq=-4010", "orvel-s=K2QRX,snr=-26.5,start=4.5,freq=-4000",
+                   "orvel-s=DL1QXA,snr=-26.5,start=4.5,freq=3000"});
+    std::map<std::string, std::string> methods;
+    for (const std::string& line : lines_of(orvel({"decode", "--json", "--iq", "--wide", "--coherent", file}).out)) {
+        const auto object = JsonValue::parse(line);
+        methods[object.at("call")] = std::string(object.at("method"));
+        EXPECT_NEAR(object.at("freq_hz"), object.at("call") == "K2QRX" ? -4000 : -4010, 0.3);
+    }
+    EXPECT_EQ(methods, (std::map<std::string, std::string>{{"G4QZB", "standard"}, {"K2QRX", "coherent"}}));
+}
+
+TEST_F(CoherentCommand, DrawsWhatItFinds) {
+    const std::string file = simulated({WEAK_STATION});
+    Arguments plot = {"plot", ORVEL_S, "--search=60", "--chips=K2QRX", "-o", path("weak.svg"), file};
+    EXPECT_TRUE(one_line_with(orvel(plot), {"no frame found"}));
+    plot.emplace_back("--coherent");
+    EXPECT_EQ(orvel(plot).status, 0);
+    EXPECT_TRUE(std::filesystem::exists(path("weak.svg")));
+}
+
+// ---- Still more of orvel decode -------------------------------------------------------------------------------------
+
 TEST_F(Command, VerbosePrintsTheDiagnosticsToStandardError) {
     const std::string file = shipped("audio-crowded.wav");
     const ProcessResult result = orvel({"decode", OPERA, "-v", file});

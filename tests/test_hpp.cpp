@@ -177,6 +177,46 @@ TEST(CppDecoder, KnowsCallsigns) {
     EXPECT_EQ(error_of([&] { decoder.set_known(std::string("K1ABC\0G4XYZ", 11)); }), "text with a NUL in it");
 }
 
+TEST(CppDecoder, SearchesCoherentlyWhenAskedTo) {
+    Scene scene;
+    scene.rate = RATE;
+    scene.seconds = 40;
+    std::vector<uint8_t> chips = ovl::encode(OVL_ORVEL_S, "K1ABC");
+    scene.stations.push_back({.chips = std::move(chips), .t_start = 5, .snr_db = -27.5});
+    const std::vector<float> weak = to_float(render_real(scene));
+    ovl::Decoder decoder;
+    ovl_settings settings = ovl::default_settings();
+    settings.protocols = OVL_ORVEL_S;
+    EXPECT_TRUE(decoder.decode(weak, RATE, settings).empty());
+    EXPECT_TRUE(decoder.findings().empty());
+
+    decoder.set_coherent();
+    const std::vector<ovl_result> results = decoder.decode(weak, RATE, settings);
+    ASSERT_EQ(calls_of(results), Calls{"K1ABC"});
+    EXPECT_EQ(results[0].deep, OVL_COHERENT);
+    const std::vector<ovl_finding> findings = decoder.findings();
+    ASSERT_EQ(findings.size(), 1u);
+    EXPECT_EQ(findings[0].method, OVL_COHERENT);
+    EXPECT_GT(findings[0].odds, 0);
+
+    decoder.clear_coherent();
+    EXPECT_TRUE(decoder.decode(weak, RATE, settings).empty());
+    ovl_coherent wrong = ovl::default_coherent();
+    wrong.threads = 3;
+    EXPECT_EQ(error_of([&] { decoder.set_coherent(wrong); }), "invalid argument");
+}
+
+TEST(CppDecoder, SaysHowItFoundWhatItFound) {
+    ovl::Decoder decoder;
+    decoder.decode(two_frames(), RATE);
+    const std::vector<ovl_finding> findings = decoder.findings();
+    ASSERT_EQ(findings.size(), 2u);
+    for (const ovl_finding& finding : findings) {
+        EXPECT_EQ(finding.method, OVL_STANDARD);
+        EXPECT_TRUE(std::isnan(finding.odds));
+    }
+}
+
 TEST(CppDecoder, ThrowsTheLibrarysMessages) {
     ovl::Decoder decoder;
     EXPECT_EQ(error_of([&] { decoder.decode({}, RATE); }), "invalid argument");
@@ -200,6 +240,9 @@ TEST(CppDecoder, MovesAndIsEmptyAfterwards) {
     EXPECT_EQ(error_of([&] { first.decode(two_frames(), RATE); }), "no decoder");
     EXPECT_EQ(error_of([&] { first.decode_recent(two_frames(), RATE, 1); }), "no decoder");
     EXPECT_EQ(error_of([&] { first.set_known("K1ABC"); }), "no decoder");
+    EXPECT_EQ(error_of([&] { first.set_coherent(); }), "no decoder");
+    EXPECT_EQ(error_of([&] { first.clear_coherent(); }), "no decoder");
+    EXPECT_EQ(error_of([&] { first.findings(); }), "no decoder");
 
     first = ovl::Decoder();
     EXPECT_EQ(first.set_known("K1ABC"), 1);

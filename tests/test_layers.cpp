@@ -69,6 +69,16 @@ TEST(Layers, TheLibraryKnowsNothingAboveIt) {
     }
 }
 
+// What the standard search finds does not depend on the coherent one.
+TEST(Layers, OnlyTheExportedFunctionsKnowTheCoherentSearch) {
+    for (const fs::path& file : sources_in("src")) {
+        if (file.parent_path().filename() == "coherent" || file.filename() == "liborvel.cpp") continue;
+        for (const std::string& include : includes_of(file)) {
+            EXPECT_FALSE(include.starts_with("coherent/")) << file << " includes " << include;
+        }
+    }
+}
+
 // What a frame is does not depend on how one is found.
 TEST(Layers, CodersDoNotKnowTheReceiver) {
     const std::set<std::string> receiver = {"ovbb.h",   "ovsync.h",  "ovcandidates.h", "ovhypothesis.h", "ovsnr.h",
@@ -85,14 +95,16 @@ TEST(Layers, CodersDoNotKnowTheReceiver) {
 // Of the library's inside the programs use its pipeline, and what is listed here with its reason.
 TEST(Layers, ProgramsUseOfTheLibraryWhatIsListed) {
     const std::map<std::string, std::set<std::string>> allowed = {
-        {"ovpipe.h", {}},                                      // decodes of I/Q and of wide bands: everywhere
-        {"protocol.h", {}},                                    // the names of the protocols: everywhere
-        {"ovscan.h", {"tools/scan.cpp"}},                      // a scan of I/Q, and of any band
-        {"wavread.h", {"app/recordings/open_recording.cpp"}},  // the library's readers
+        {"ovpipe.h", {}},                                              // decodes of I/Q and of wide bands: everywhere
+        {"protocol.h", {}},                                            // the names of the protocols: everywhere
+        {"coherent/coherent.h", {"app/decoding/coherent_block.cpp"}},  // the same search of I/Q
+        {"ovscan.h", {"app/decoding/coherent_block.cpp", "tools/scan.cpp"}},  // a scan of I/Q, and of any band
+        {"wavread.h", {"app/recordings/open_recording.cpp"}},                 // the library's readers
         {"iqread.h", {"app/recordings/open_recording.cpp"}},
-        {"ovbb.h", {"app/pictures/chip_view.cpp"}},  // one frame chip by chip
+        // Parts of a wide band; one frame chip by chip.
+        {"ovbb.h", {"app/decoding/coherent_block.cpp", "app/pictures/chip_view.cpp"}},
         {"ovsync.h", {"app/pictures/chip_view.cpp"}},
-        {"owners.h", {"app/pictures/chip_view.cpp"}},
+        {"owners.h", {"app/decoding/coherent_block.cpp", "app/pictures/chip_view.cpp"}},
         {"ovfft.h", {"app/pictures/waterfall.cpp"}},  // spectra
     };
     for (const char* const folder : {"app", "tools"}) {
@@ -113,7 +125,7 @@ TEST(Layers, RoomsKnowOnlyTheRoomsBelowThem) {
     const std::map<std::string, std::set<std::string>> below = {
         {"base", {}},
         {"spots", {"base"}},
-        {"decoding", {"base"}},
+        {"decoding", {"base", "spots"}},
         {"transmission", {"base"}},
         {"simulation", {"base"}},
         {"recordings", {"base", "spots", "decoding"}},

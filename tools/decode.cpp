@@ -36,9 +36,10 @@ DecodingOptions decoding_of(const Options& options) {
     return decoding;
 }
 
-void print_spot(bool json, const std::string& file, const ov_spot& found) {
-    const Spot spot = spot_of(found, file);
-    print(json ? spot_line(spot) : spot_row(format("%9s", cell(spot.start, 3).c_str()), spot));
+void print_spot(const Options& options, const std::string& file, const Found& found) {
+    Spot spot = spot_of(found, file);
+    if (options.search.coherent) spot.finding = finding_of(found);
+    print(options.json ? spot_line(spot) : spot_row(format("%9s", cell(spot.start, 3).c_str()), spot));
 }
 
 // Decodes a file and prints its spots in order of time, after a heading as soon as something could be decoded. Throws
@@ -52,9 +53,9 @@ void decode_file(const std::string& path, const Options& options, const Decoding
         progress.clear();
         heading();
     };
-    taker.take = [&](const ov_spot& spot) {
+    taker.take = [&](const Found& spot) {
         progress.clear();
-        print_spot(options.json, path, spot);
+        print_spot(options, path, spot);
     };
     taker.progress = [&](double done_s, std::size_t spots) { progress.show(done_s, spots); };
     taker.go_on = flush_output;
@@ -70,7 +71,7 @@ int decode(const Options& options) {
         const auto heading = [&] {
             if (options.json) return;
             if (options.files.size() > 1) print((first ? "" : "\n") + printable(path) + ":\n");
-            print(spot_header(format("%9s", "time s")));
+            print(spot_header(format("%9s", "time s"), options.search.coherent));
             first = false;
         };
         try {

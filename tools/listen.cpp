@@ -46,13 +46,14 @@ struct Options {
 // What listening prints: spots on standard output, and the level on the status line.
 class Output {
   public:
-    explicit Output(bool json) : json_(json) {
-        if (!json) print(spot_header(format("%22s", "UTC")));
+    Output(bool json, bool with_method) : json_(json), with_method_(with_method) {
+        if (!json) print(spot_header(format("%22s", "UTC"), with_method));
     }
 
-    void spot(const ov_spot& found) {
+    void spot(const Found& found) {
         line_.clear();
-        const Spot spot = spot_of(found);
+        Spot spot = spot_of(found);
+        if (with_method_) spot.finding = finding_of(found);
         print(json_ ? spot_line(spot) : spot_row(utc_text(spot.start, 1), spot));
         flush_output();
         printed_++;
@@ -65,6 +66,7 @@ class Output {
 
   private:
     bool json_;
+    bool with_method_;
     StatusLine line_;
     int64_t printed_ = 0;
 };
@@ -83,8 +85,8 @@ int listen_to_device(const Options& options, const Search& search, ovl_audio* au
         capture.close();
         throw;
     }
-    Output output(options.json);
-    Listener listener(search, options.listener, audio, [&](const ov_spot& spot) { output.spot(spot); });
+    Output output(options.json, search.coherent);
+    Listener listener(search, options.listener, audio, [&](const Found& spot) { output.spot(spot); });
     SampleClock clock;
     const auto utc = [&](double captured_s) { return clock.utc(captured_s); };
     OverflowReport overflows;
@@ -128,8 +130,8 @@ int listen_to_stdin(const Options& options, const Search& search, ovl_audio* aud
         throw IoError(ovl_audio_last_error(audio));
     }
     require_served_rate(audio);
-    Output output(options.json);
-    Listener listener(search, options.listener, audio, [&](const ov_spot& spot) { output.spot(spot); });
+    Output output(options.json, search.coherent);
+    Listener listener(search, options.listener, audio, [&](const Found& spot) { output.spot(spot); });
     RawInput input({options.sample_format == "float", options.channels, rate});
     SampleClock clock;
     ovl_audio_stats stats{};

@@ -54,6 +54,8 @@ void add_search_options(CLI::App& sub, SearchOptions& options, const std::string
     sub.add_option("--known-file", options.known_file, "File of known callsigns; # starts a comment")
         ->type_name("FILE");
     sub.add_flag("--known-only", options.known_only, "Accept known callsigns only");
+    sub.add_flag("--coherent", options.coherent,
+                 "Also look some 4 dB deeper, for carriers that keep their phase for seconds");
 }
 
 Search search_of(const SearchOptions& options, bool iq) {
@@ -69,6 +71,7 @@ Search search_of(const SearchOptions& options, bool iq) {
     add_known("--known", options.known_list, search.known);
     if (!options.known_file.empty()) add_known_file("--known-file", options.known_file, search.known);
     search.known_only = options.known_only;
+    search.coherent = options.coherent;
     if (options.known_only && search.known.empty()) {
         throw UsageError("--known-only needs known callsigns (--known or --known-file)");
     }

@@ -30,6 +30,7 @@ struct SearchOptions {
     std::string known_list;
     std::string known_file;
     bool known_only = false;
+    bool coherent = false;
     // Of a wide search; the subcommands that have one add these themselves.
     bool wide = false;
     std::optional<std::string> band;

@@ -3,25 +3,21 @@
 #include <algorithm>
 #include <cmath>
 
+#include "decoding/coherent_block.h"
+
 namespace {
 
 constexpr double CANDIDATES_PER_MINUTE = 120;
 constexpr double SPOTS_PER_MINUTE = 64;  // as the library reports from a block
 constexpr double MOST = 1e6;             // of either
-constexpr int32_t MAX_TILES = 1000;      // in a block
-
-// Minutes, rounded up.
-double minutes(double seconds) {
-    return std::max(1.0, std::ceil(seconds / 60));
-}
 
 }  // namespace
 
-std::optional<std::vector<ov_spot>> decode_block(const Block& block, const Search& search, double end_max) {
+std::optional<std::vector<Found>> decode_block(const Block& block, const Search& search, double end_max) {
     ov_params params = decode_params(search, block.rate);
     params.end_max = end_max;
-    params.max_cands = static_cast<int32_t>(std::min(CANDIDATES_PER_MINUTE * minutes(block.seconds()), MOST));
-    const double room = SPOTS_PER_MINUTE * minutes(block.seconds()) + (search.wide ? MAX_TILES : 0);
+    params.max_cands = static_cast<int32_t>(std::min(CANDIDATES_PER_MINUTE * block.minutes(), MOST));
+    const double room = SPOTS_PER_MINUTE * block.minutes() + (search.wide ? MAX_TILES : 0);
     std::vector<ov_spot> spots(static_cast<std::size_t>(std::min(room, MOST)));
 
     const double* const q = block.q.empty() ? nullptr : block.q.data();
@@ -37,5 +33,8 @@ std::optional<std::vector<ov_spot>> decode_block(const Block& block, const Searc
     }
     if (count < 0) return std::nullopt;
     spots.resize(static_cast<std::size_t>(count));
-    return spots;
+    std::vector<Found> found;
+    for (const ov_spot& spot : spots) found.push_back({spot});
+    if (search.coherent) add_coherent(block, search, params, found);
+    return found;
 }

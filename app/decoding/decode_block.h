@@ -1,12 +1,17 @@
 // One block of samples decoded.
 #pragma once
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <vector>
 
 #include "decoding/search.h"
+#include "spots/found.h"
+
+inline constexpr int32_t MAX_TILES = 1000;  // of a wide search, in a block
 
 // Audio, or I/Q when q is not empty.
 struct Block {
@@ -14,12 +19,14 @@ struct Block {
     int32_t rate;  // Hz
 
     double seconds() const { return static_cast<double>(x.size()) / rate; }
+    double minutes() const { return std::max(1.0, std::ceil(seconds() / 60)); }  // begun
 };
 
 // Finds the frames in a block, in order of time; times are seconds from its first sample. More candidates are examined
 // than the library's own entry does: a strong frame brings a dozen more to its sides, and three such frames use up 30
 // per minute. Nothing when the decoder refuses the block: it is too short, the search band does not fit it, or memory
-// is short. Throws std::bad_alloc. Any thread.
+// is short. Throws std::bad_alloc. Any thread. The coherent search, where it is asked for, adds to what the others
+// find.
 //
 //   end_max   latest end of a frame, s; negative = no limit
-std::optional<std::vector<ov_spot>> decode_block(const Block& block, const Search& search, double end_max = -1);
+std::optional<std::vector<Found>> decode_block(const Block& block, const Search& search, double end_max = -1);

@@ -24,6 +24,7 @@ struct Search {
     bool wide = false;          // the whole band of the samples instead, or `band`
     std::optional<Range> band;  // Hz
     double scan_z = DEFAULT_SCAN_Z;
+    bool coherent = false;  // also look for what only its carrier's phase gives away
     bool verbose = false;
 };
 

@@ -17,12 +17,20 @@ namespace {
 constexpr double SHORTEST_S = 20;  // less than this cannot hold enough of a frame
 constexpr double SPARE_S = 1;      // of the ring: a buffer may arrive while it is copied
 constexpr int32_t MAX_TRIES = 3;
+constexpr double COHERENT_SEARCHES = 4;  // of a frame before it is decided on, about: they cost more than the rest
+
+// Every which decode has a coherent search.
+int64_t coherent_every(const ListenerOptions& options) {
+    const double decodes = 1 + options.hold_off_s / options.every_s;  // of a frame before it is decided on
+    return std::max<int64_t>(1, static_cast<int64_t>(decodes / COHERENT_SEARCHES));
+}
 
 }  // namespace
 
 Listener::Listener(const Search& search, const ListenerOptions& options, ovl_audio* audio, Taker take)
     : search_(search),
       every_s_(options.every_s),
+      coherent_every_(coherent_every(options)),
       audio_(audio),
       take_(std::move(take)),
       confirmation_(options.every_s, options.hold_off_s),
@@ -99,14 +107,21 @@ bool Listener::decode_ring(bool last) {
     const double seconds = block_seconds();
     if (seconds < SHORTEST_S) return true;
     samples_.assign(block_.begin(), block_.end());
-    auto spots = decode_block({samples_, {}, rate_}, search_, last ? -1 : seconds);
+    auto spots = decode_block({samples_, {}, rate_}, next_search(last), last ? -1 : seconds);
     if (!spots) return false;
 
     const double earliest_end = confirmation_.add(captured_s);
-    for (ov_spot& spot : *spots) spot.t += captured_s - seconds;
+    for (Found& spot : *spots) spot.t += captured_s - seconds;
     std::erase_if(*spots, [&](const ov_spot& spot) { return spot_end(spot) < earliest_end; });
     log_.add(*spots);
     return true;
+}
+
+// What the next decode looks for.
+Search Listener::next_search(bool last) {
+    Search search = search_;
+    search.coherent = search_.coherent && (last || decodes_++ % coherent_every_ == 0);
+    return search;
 }
 
 // Reports a problem once, until it is over.
@@ -116,7 +131,7 @@ void Listener::complain(const std::string& text) {
 
 // Hands out the frames that ended by captured_s.
 void Listener::release(double captured_s, const Clock& utc) {
-    log_.release(captured_s, [&](ov_spot spot, int32_t finds) {
+    log_.release(captured_s, [&](Found spot, int32_t finds) {
         if (!confirmation_.confirm(spot_end(spot), finds)) return;
         spot.t = utc(spot.t);
         take_(spot);

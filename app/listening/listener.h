@@ -20,7 +20,7 @@ struct ListenerOptions {
 class Listener {
   public:
     // Called with each frame that is confirmed, in the order in which they ended; t is UTC.
-    using Taker = std::function<void(const ov_spot&)>;
+    using Taker = std::function<void(const Found&)>;
 
     // When the sample at this many captured seconds was on the air, UTC.
     using Clock = std::function<double(double captured_s)>;
@@ -49,11 +49,13 @@ class Listener {
     void skip(double seconds);
     void decode(bool last);
     bool decode_ring(bool last);
+    Search next_search(bool last);
     void complain(const std::string& text);
     void release(double captured_s, const Clock& utc);
 
     const Search& search_;
     double every_s_;
+    int64_t coherent_every_;  // which decode has a coherent search
     ovl_audio* audio_;
     Taker take_;
     Confirmation confirmation_;
@@ -63,6 +65,7 @@ class Listener {
     SpotLog log_{SpotLog::Order::END};
     std::string complaint_;
     double next_decode_s_;
+    int64_t decodes_ = 0;
 };
 
 // Throws IoError when the decoder cannot work with the rate of the captured audio.

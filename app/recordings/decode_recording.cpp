@@ -49,7 +49,7 @@ unsigned jobs_for(const DecodingOptions& options, double block_samples) {
 
 // The outcome of a block: its frames, a reason why there are none, or neither, past the end of the file.
 struct BlockResult {
-    std::optional<std::vector<ov_spot>> spots;
+    std::optional<std::vector<Found>> spots;
     std::string problem;
 };
 
@@ -77,7 +77,7 @@ class BlockDecoder {
         const Block block{stretch.x, stretch.q, recording_.rate()};
         auto spots = decode_block(block, search_);
         if (!spots) return {std::nullopt, "cannot decode '" + recording_.path() + "': " + refusal(block)};
-        for (ov_spot& spot : *spots) spot.t += stretch.begin_s;
+        for (Found& spot : *spots) spot.t += stretch.begin_s;
         return {std::move(spots), ""};
     }
 
@@ -107,7 +107,7 @@ class Merger {
             if (!std::exchange(begun_, true)) taker_.begin();
             log_.add(*block.spots);
         }
-        log_.release(final_s, [&](const ov_spot& spot, int32_t) {
+        log_.release(final_s, [&](const Found& spot, int32_t) {
             taker_.take(spot);
             taken_++;
         });

@@ -7,6 +7,7 @@
 
 #include "decoding/search.h"
 #include "recordings/recording.h"
+#include "spots/found.h"
 
 struct DecodingOptions {
     Search search;
@@ -16,8 +17,8 @@ struct DecodingOptions {
 
 // The receiver of what a decode finds. All calls come from the thread that decodes the recording.
 struct SpotTaker {
-    std::function<void()> begin;               // before the first spot, once anything could be decoded
-    std::function<void(const ov_spot&)> take;  // each spot once, in order of time; t counts from the start of the file
+    std::function<void()> begin;             // before the first spot, once anything could be decoded
+    std::function<void(const Found&)> take;  // each spot once, in order of time; t counts from the start of the file
     std::function<void(double done_s, std::size_t spots)> progress;  // after each block
     std::function<bool()> go_on;                                     // after some spots; false ends the decode early
 };

@@ -1,5 +1,7 @@
 #include "spots/spot.h"
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <utility>
 
@@ -10,6 +12,7 @@
 namespace {
 
 constexpr int UTC_DECIMALS = 2;
+constexpr std::array METHODS = {"standard", "deep", "coherent", "coherent-known"};  // by OVL_ method
 
 using Json = nlohmann::ordered_json;
 
@@ -59,6 +62,17 @@ bool take_protocol(const Json& object, Spot& spot) {
     return protocol != nullptr;
 }
 
+bool take_finding(const Json& object, Spot& spot) {
+    if (!object.contains("method") && !object.contains("odds")) return true;
+    std::string name;
+    ovl_finding finding{};
+    if (!take(object, "method", name) || !take(object, "odds", finding.odds)) return false;
+    const auto method = std::find(METHODS.begin(), METHODS.end(), name);
+    finding.method = static_cast<int32_t>(method - METHODS.begin());
+    spot.finding = finding;
+    return method != METHODS.end();
+}
+
 }  // namespace
 
 Spot spot_of(const ov_spot& found, std::string file) {
@@ -72,12 +86,16 @@ Spot spot_of(const ov_spot& found, std::string file) {
     spot.protocol = static_cast<uint32_t>(found.protocol);
     spot.call = found.call;
     spot.locator = found.locator;
-    spot.deep = found.deep != 0;
+    spot.deep = found.deep == OVL_DEEP || found.deep == OVL_COHERENT_KNOWN;
     return spot;
 }
 
 double spot_end(const ov_spot& found) {
     return found.t + ovl_chip_seconds() * ovl_frame_chips(static_cast<uint32_t>(found.protocol));
+}
+
+const char* method_name(int32_t method) {
+    return METHODS.at(static_cast<std::size_t>(method));
 }
 
 std::string spot_line(const Spot& spot) {
@@ -97,6 +115,10 @@ std::string spot_line(const Spot& spot) {
     object["call"] = spot.call;
     object["locator"] = spot.locator;
     object["deep"] = spot.deep;
+    if (spot.finding) {
+        object["method"] = method_name(spot.finding->method);
+        object["odds"] = spot.finding->odds;
+    }
     return json_line(object);
 }
 
@@ -108,7 +130,8 @@ std::optional<Spot> parse_spot_line(std::string_view line) {
     const bool complete = take_times(object, spot) && take(object, "freq_hz", spot.freq_hz) &&
                           take(object, "drift_hz_s", spot.drift_hz_s) && take(object, "snr_db", snr_db) &&
                           take_protocol(object, spot) && take(object, "call", spot.call) &&
-                          take(object, "locator", spot.locator) && take(object, "deep", spot.deep);
+                          take(object, "locator", spot.locator) && take(object, "deep", spot.deep) &&
+                          take_finding(object, spot);
     if (!complete) return std::nullopt;
     if (!std::isnan(snr_db)) spot.snr_db = snr_db;
     return spot;

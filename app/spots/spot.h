@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "liborvel.h"
 #include "ovpipe.h"
 
 // A spot. Of a recording the times are seconds from its first sample; of a receiver they are UTC, in seconds since
@@ -17,20 +18,25 @@ struct Spot {
     std::optional<double> snr_db;  // nothing where it could not be measured
     uint32_t protocol;             // OVL_ id
     std::string call;
-    std::string locator;  // "" where the frame carries none
-    bool deep;            // only the search for known callsigns found it
+    std::string locator;                 // "" where the frame carries none
+    bool deep;                           // only a search for known callsigns found it
+    std::optional<ovl_finding> finding;  // nothing unless the coherent search was asked for
 };
 
-// What the decoder found at a time that counts as in Spot.
+// What the decoder found at a time that counts as in Spot, without its finding.
 Spot spot_of(const ov_spot& found, std::string file = {});
 
 // End of a frame whose start is in `found`, s.
 double spot_end(const ov_spot& found);
 
+// Name of an OVL_ method: "standard", "deep", "coherent" or "coherent-known".
+const char* method_name(int32_t method);
+
 // One JSON object and a line feed: "file", "t_start" and "t_end" of a recording's spot, "utc_start" and "utc_end" of a
-// receiver's; then "freq_hz", "drift_hz_s", "snr_db" (null where unknown), "protocol", "call", "locator", "deep".
+// receiver's; then "freq_hz", "drift_hz_s", "snr_db" (null where unknown), "protocol", "call", "locator", "deep". Of a
+// finding there follow "method", as method_name() has it, and "odds" (null where not measured).
 std::string spot_line(const Spot& spot);
 
 // Reads such a line. Other fields are ignored. Nothing when it is not such an object, or a field is missing or of the
-// wrong kind: a line may come from anywhere.
+// wrong kind: a line may come from anywhere. "method" and "odds" may be missing together.
 std::optional<Spot> parse_spot_line(std::string_view line);

@@ -18,17 +18,19 @@ bool same_frame(const ov_spot& a, const ov_spot& b) {
            std::fabs(a.t - b.t) < SAME_S && std::fabs(a.freq - b.freq) < SAME_HZ;
 }
 
-// An ordinary decode is preferred to one that needed the callsign to be known.
-bool saw_less(const ov_spot& spot, const ov_spot& other) {
-    if (spot.deep != other.deep) return spot.deep != 0;
-    return spot.chips_ok < other.chips_ok;
+// A find of the standard search is preferred to one that needed the callsign to be known, and either to those of the
+// coherent search. Of these the surer one counts, of the others the one that saw more of the frame.
+bool is_worse(const Found& find, const Found& other) {
+    if (find.deep != other.deep) return find.deep > other.deep;
+    if (find.deep >= OVL_COHERENT) return find.odds < other.odds;
+    return find.chips_ok < other.chips_ok;
 }
 
 }  // namespace
 
-void SpotLog::add(const std::vector<ov_spot>& found) {
+void SpotLog::add(const std::vector<Found>& found) {
     blocks_++;
-    for (const ov_spot& spot : found) {
+    for (const Found& spot : found) {
         const auto known = std::find_if(entries_.begin(), entries_.end(),
                                         [&](const Entry& entry) { return same_frame(entry.spot, spot); });
         if (known == entries_.end()) {
@@ -36,7 +38,7 @@ void SpotLog::add(const std::vector<ov_spot>& found) {
             continue;
         }
         if (std::exchange(known->block, blocks_) != blocks_) known->finds++;
-        if (!known->released && !saw_less(spot, known->spot) && time_of(spot) > released_) known->spot = spot;
+        if (!known->released && !is_worse(spot, known->spot) && time_of(spot) > released_) known->spot = spot;
     }
 }
 
@@ -44,7 +46,7 @@ double SpotLog::time_of(const ov_spot& spot) const {
     return order_ == Order::START ? spot.t : spot_end(spot);
 }
 
-void SpotLog::release(double time, const std::function<void(const ov_spot&, int32_t finds)>& take) {
+void SpotLog::release(double time, const std::function<void(const Found&, int32_t finds)>& take) {
     std::stable_sort(entries_.begin(), entries_.end(),
                      [this](const Entry& a, const Entry& b) { return time_of(a.spot) < time_of(b.spot); });
     released_ = std::max(released_, time);

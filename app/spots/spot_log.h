@@ -6,7 +6,7 @@
 #include <functional>
 #include <vector>
 
-#include "ovpipe.h"
+#include "spots/found.h"
 
 // A frame is found again in every block that holds it, each time with values a little different. Spots are held back
 // until no block can bring an earlier one, and remembered until none can bring them again.
@@ -15,17 +15,17 @@ class SpotLog {
     enum class Order { START, END };  // of the frames
     explicit SpotLog(Order order) : order_(order) {}
 
-    // Takes what was found in one block. Of a frame found before, the find that saw more of it stays, unless by its
-    // time it should already have been handed out.
-    void add(const std::vector<ov_spot>& found);
+    // Takes what was found in one block. Of a frame found before, the better find stays, unless by its time it
+    // should already have been handed out.
+    void add(const std::vector<Found>& found);
 
     // Hands out the spots of frames that started (or ended) up to `time`, each with the number of blocks that it was
     // found in, whatever the caller makes of them, and forgets much older ones.
-    void release(double time, const std::function<void(const ov_spot&, int32_t finds)>& take);
+    void release(double time, const std::function<void(const Found&, int32_t finds)>& take);
 
   private:
     struct Entry {
-        ov_spot spot;
+        Found spot;
         bool released;
         int32_t finds;
         int64_t block;  // the last that it was found in

@@ -5,6 +5,7 @@
 
 #include "spots/spot.h"
 
-// The columns of a spot, or their names, after the first column: its time, already padded.
+// The columns of a spot, or their names, after the first column: its time, already padded. The last one, how it was
+// found, is there for spots with a finding.
 std::string spot_row(const std::string& time, const Spot& spot);
-std::string spot_header(const std::string& time);
+std::string spot_header(const std::string& time, bool with_method);

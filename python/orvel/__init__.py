@@ -13,7 +13,7 @@ the library's own text.
 from ._errors import OrvelError
 from ._library import library_path, library_version
 from .audio import DEFAULT_DEVICE, NO_DEVICE, Capture, CaptureStats, Device, Player, devices
-from .decoder import Decoder, Hit, Search, Spot, decode, scan
+from .decoder import Coherent, Decoder, Hit, Search, Spot, decode, scan
 from .iq import Slice, cut_slice, decode_iq
 from .protocols import CHIP_SECONDS, Protocol, encode
 from .transmit import Carrier, Frame, Pause, Progress, Step, Transmitter, TransmitSettings, render
@@ -24,6 +24,7 @@ __all__ = [
     "Capture",
     "CaptureStats",
     "Carrier",
+    "Coherent",
     "DEFAULT_DEVICE",
     "Decoder",
     "Device",

@@ -75,6 +75,9 @@ PROTOTYPES: dict[str, tuple[object, list[object]]] = {
             c_int32,
         ],
     ),
+    "ovl_coherent_default": (None, [POINTER(records.CoherentRecord)]),
+    "ovl_set_coherent": (c_int32, [c_void_p, POINTER(records.CoherentRecord)]),
+    "ovl_findings": (c_int32, [c_void_p, POINTER(records.FindingRecord), c_int32]),
     "ovl_keyed": (
         c_int32,
         [

@@ -31,6 +31,14 @@ class ResultRecord(ctypes.Structure):
     ]
 
 
+class CoherentRecord(ctypes.Structure):
+    _fields_ = [("places", c_int32), ("passes", c_int32), ("threads", c_int32), ("known", c_int32)]
+
+
+class FindingRecord(ctypes.Structure):
+    _fields_ = [("method", c_int32), ("odds", c_double)]
+
+
 class HitRecord(ctypes.Structure):
     _fields_ = [("freq_hz", c_double), ("z", c_double)]
 
@@ -90,6 +98,8 @@ class AudioStatsRecord(ctypes.Structure):
 RECORDS: dict[str, type[ctypes.Structure]] = {
     "ovl_settings": SettingsRecord,
     "ovl_result": ResultRecord,
+    "ovl_coherent": CoherentRecord,
+    "ovl_finding": FindingRecord,
     "ov_hit": HitRecord,
     "ovl_tx_settings": TxSettingsRecord,
     "ovl_tx_step": TxStepRecord,

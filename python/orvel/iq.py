@@ -19,7 +19,7 @@ import numpy as np
 import numpy.typing as npt
 
 from . import _checks as checks
-from .decoder import Decoder, Search, Spot
+from .decoder import Coherent, Decoder, Search, Spot
 from .protocols import Protocol
 
 # For the noise around a search of ±s the library uses less than ±(2 s + spread + 87 Hz).
@@ -132,6 +132,7 @@ def decode_iq(
     known_only: bool = False,
     end_min: float | None = None,
     end_max: float | None = None,
+    coherent: bool | Coherent = False,
 ) -> list[Spot]:
     """Find and decode all frames in a slice of I/Q.
 
@@ -153,6 +154,6 @@ def decode_iq(
     band = Band(iq, hertz)
     part = band.cut(search.center_hz, search_half_width(search))
     in_audio = replace(search, center_hz=search.center_hz - part.offset_hz)
-    with Decoder(known, in_audio) as decoder:
+    with Decoder(known, in_audio, coherent) as decoder:
         spots = decoder.decode(part.samples, part.rate)
     return [replace(spot, freq_hz=band.wrapped(spot.freq_hz + part.offset_hz)) for spot in spots]

@@ -13,7 +13,7 @@ from dataclasses import replace
 import numpy as np
 
 from . import _checks as checks
-from .decoder import Decoder, Hit, Search, Spot, scan
+from .decoder import METHODS, Coherent, Decoder, Hit, Search, Spot, scan
 from .iq import Band, search_half_width
 from .protocols import CHIP_SECONDS, Protocol
 
@@ -48,15 +48,15 @@ def _strongest_apart(hits: Iterable[Hit]) -> list[Hit]:
     return kept
 
 
-def _strength(spot: Spot) -> float:
-    return -math.inf if spot.snr_db is None else spot.snr_db
+def _preference(spot: Spot) -> tuple[int, float]:
+    return -METHODS.index(spot.method), -math.inf if spot.snr_db is None else spot.snr_db
 
 
 def _add(spot: Spot, spots: list[Spot]) -> None:
-    """Of spots of one callsign at one time the strongest stays."""
+    """Of spots of one callsign at one time the one of the plainest method stays, then the strongest."""
     for k, other in enumerate(spots):
         if other.call == spot.call and abs(other.t_start - spot.t_start) < _SAME_S:
-            if _strength(spot) > _strength(other):
+            if _preference(spot) > _preference(other):
                 spots[k] = spot
             return
     spots.append(spot)
@@ -73,6 +73,7 @@ def decode_wide(
     protocols: Protocol = Protocol.ALL,
     deep_search: bool = False,
     known_only: bool = False,
+    coherent: bool | Coherent = False,
 ) -> list[Spot]:
     """Find and decode all frames in a whole band of I/Q.
 
@@ -81,6 +82,7 @@ def decode_wide(
     low_hz, high_hz  the band relative to the receiver's centre, within -rate/2 to rate/2; None = all of that
     z_min            how far a keyed frequency must stand out, sigma; noise alone seldom reaches 6
     deep_search      as for decode(), in each tile: its chance of a false alarm is that of a block, times the tiles
+    coherent         as for decode(), in each tile: where something is keyed
 
     The rest is as for decode(). Frames too weak to stand out in the scan are not found: decode_iq() around their
     frequency goes deeper. Returns spots in order of start time, one of a callsign in half of a frame's length, with
@@ -94,7 +96,7 @@ def decode_wide(
         raise ValueError(f"the band from {low:g} to {high:g} Hz is none within {-hertz / 2:g} to {hertz / 2:g} Hz")
     tile = Search(protocols, 0.0, _TILE_HZ, 0.0, deep_search, known_only)
     least_z = checks.real_number(z_min, "z_min")
-    with Decoder(known, tile) as decoder:
+    with Decoder(known, tile, coherent) as decoder:
         band = Band(iq, hertz)
         n_parts = math.ceil((high - low) / (2 * _PART_HZ))
         edges = np.linspace(low, high, n_parts + 1)

@@ -9,7 +9,7 @@ from typing import Any
 
 import numpy as np
 import pytest
-from stations import heard, read_recording, read_truth
+from stations import heard, heard_iq, read_recording, read_truth
 
 import orvel
 
@@ -75,6 +75,32 @@ def test_a_known_callsign_is_found_deeper() -> None:
     assert (spot.call, spot.deep) == ("K2QRX", True)
     assert spot.snr_db is None or spot.snr_db < -24
     assert orvel.decode(weak, 8000, known="K2QRX", deep_search=False) == []
+
+
+def test_the_coherent_search_goes_deeper_and_says_so(block: Any) -> None:
+    weak = heard("K2QRX", 1500.3, -27.5, seed=2)
+    opera = orvel.Protocol.OPERA
+    assert orvel.decode(weak, 8000, protocols=opera) == []
+    [spot] = orvel.decode(weak, 8000, protocols=opera, coherent=True)
+    assert (spot.call, spot.method, spot.deep) == ("K2QRX", "coherent", False)
+    assert spot.odds is not None and spot.odds > 0
+    assert orvel.decode_iq(heard_iq("K2QRX", 300, -27.5, rate=1000, seed=2), 1000, center_hz=300, coherent=True)[
+        0
+    ].method == "coherent"
+
+    with orvel.Decoder(coherent=orvel.Coherent(passes=1)) as decoder:
+        [strong] = decoder.decode(block, 8000)
+        assert (strong.method, strong.odds) == ("standard", None)
+        assert [s.call for s in decoder.decode(weak, 8000)] == ["K2QRX"]
+        decoder.set_coherent(False)
+        assert decoder.decode(weak, 8000) == []
+        assert decoder.decode(block, 8000) == [strong]
+
+
+@pytest.mark.parametrize("wrong", [{"places": 1}, {"places": 65}, {"passes": 0}, {"threads": 3}])
+def test_a_coherent_search_without_sense_is_refused(wrong: Any) -> None:
+    with pytest.raises(ValueError, match=next(iter(wrong))):
+        orvel.Coherent(**wrong)
 
 
 def test_a_decoder_counts_the_callsigns_it_knows() -> None:

@@ -13,7 +13,7 @@ import pytest
 
 import orvel
 from orvel import _library
-from orvel._records import RECORDS, SettingsRecord, TxSettingsRecord
+from orvel._records import RECORDS, CoherentRecord, SettingsRecord, TxSettingsRecord
 
 INCLUDE = Path(__file__).parents[2] / "include"
 
@@ -62,6 +62,9 @@ def test_default_settings_are_the_librarys() -> None:
     settings = SettingsRecord()
     _library.lib.ovl_settings_default(ctypes.byref(settings))
     assert bytes(orvel.Search().record()) == bytes(settings)
+    coherent = CoherentRecord()
+    _library.lib.ovl_coherent_default(ctypes.byref(coherent))
+    assert bytes(orvel.Coherent().record()) == bytes(coherent)
     sound = TxSettingsRecord()
     _library.lib.ovl_tx_settings_default(ctypes.byref(sound))
     ours = orvel.TransmitSettings()

@@ -18,8 +18,8 @@ namespace {
 
 // ---- The log of spots -----------------------------------------------------------------------------------------------
 
-ov_spot spot(const char* call, double end, double freq = 1500, int32_t protocol = OVL_OPERA, const char* locator = "") {
-    ov_spot result{};
+Found spot(const char* call, double end, double freq = 1500, int32_t protocol = OVL_OPERA, const char* locator = "") {
+    Found result{};
     std::strcpy(result.call, call);
     std::strcpy(result.locator, locator);
     result.protocol = protocol;
@@ -28,15 +28,15 @@ ov_spot spot(const char* call, double end, double freq = 1500, int32_t protocol 
     return result;
 }
 
-std::vector<ov_spot> released(SpotLog& log, double utc) {
-    std::vector<ov_spot> spots;
-    log.release(utc, [&](const ov_spot& s, int32_t) { spots.push_back(s); });
+std::vector<Found> released(SpotLog& log, double utc) {
+    std::vector<Found> spots;
+    log.release(utc, [&](const Found& s, int32_t) { spots.push_back(s); });
     return spots;
 }
 
-std::vector<std::string> calls(const std::vector<ov_spot>& spots) {
+std::vector<std::string> calls(const std::vector<Found>& spots) {
     std::vector<std::string> names;
-    for (const ov_spot& s : spots) names.emplace_back(s.call);
+    for (const Found& s : spots) names.emplace_back(s.call);
     return names;
 }
 
@@ -59,7 +59,7 @@ TEST(TheLogOfSpots, CountsTheBlocksInWhichAFrameWasFound) {
     log.add({spot("K2QRX", 1000.1), spot("K2QRX", 1000.2), spot("G4QZB", 1002)});  // twice in one block
     log.add({spot("K2QRX", 1000), spot("G4QZB", 1002)});
     std::map<std::string, int32_t> finds;
-    log.release(1003, [&](const ov_spot& s, int32_t n) { finds[s.call] = n; });
+    log.release(1003, [&](const Found& s, int32_t n) { finds[s.call] = n; });
     EXPECT_EQ(finds, (std::map<std::string, int32_t>{{"K2QRX", 3}, {"DL1QXA", 1}, {"G4QZB", 2}}));
 }
 
@@ -112,27 +112,53 @@ TEST(TheLogOfSpots, ALaterBlockDoesNotMoveAFrameBeforeWhatWasHandedOut) {
 }
 
 TEST(TheLogOfSpots, WhatSawMoreOfAFrameStays) {
-    ov_spot much = spot("K2QRX", 1000, 1500);
+    Found much = spot("K2QRX", 1000, 1500);
     much.chips_ok = 239;
-    ov_spot little = spot("K2QRX", 1000, 1501);
+    Found little = spot("K2QRX", 1000, 1501);
     little.chips_ok = 200;
-    ov_spot deep = spot("K2QRX", 1000, 1502);
+    Found deep = spot("K2QRX", 1000, 1502);
     deep.chips_ok = 239;
     deep.deep = 1;
-    for (const std::vector<ov_spot>& order : std::vector<std::vector<ov_spot>>{
+    for (const std::vector<Found>& order : std::vector<std::vector<Found>>{
              {much, little, deep}, {deep, little, much}, {little, much, deep}, {little, deep, much}}) {
         SpotLog log(SpotLog::Order::END);
-        for (const ov_spot& s : order) log.add({s});
+        for (const Found& s : order) log.add({s});
         const auto given = released(log, HUGE_VAL);
         ASSERT_EQ(given.size(), 1U);
         EXPECT_EQ(given[0].freq, 1500);
     }
 }
 
+TEST(TheLogOfSpots, WhatTheStandardSearchFoundStaysAndOfCoherentFindsTheSurest) {
+    const auto find = [](int32_t method, double odds) {
+        Found result = spot("K2QRX", 1000, 1500 + method);
+        result.deep = method;
+        result.odds = odds;
+        return result;
+    };
+    const std::vector<Found> worse_to_better = {find(OVL_COHERENT_KNOWN, 30), find(OVL_COHERENT, 12),
+                                                find(OVL_COHERENT, 20), find(OVL_DEEP, NAN), find(OVL_STANDARD, NAN)};
+    for (std::size_t best = 1; best < worse_to_better.size(); best++) {
+        for (std::size_t other = 0; other < best; other++) {
+            for (const auto& [first, second] : {std::pair(best, other), std::pair(other, best)}) {
+                SpotLog log(SpotLog::Order::END);
+                log.add({worse_to_better[first]});
+                log.add({worse_to_better[second]});
+                const auto given = released(log, HUGE_VAL);
+                ASSERT_EQ(given.size(), 1U);
+                EXPECT_EQ(given[0].deep, worse_to_better[best].deep);
+                if (given[0].deep >= OVL_COHERENT) {
+                    EXPECT_EQ(given[0].odds, worse_to_better[best].odds);
+                }
+            }
+        }
+    }
+}
+
 TEST(TheLogOfSpots, MayGoByTheBeginningOfFrames) {
     SpotLog log(SpotLog::Order::START);
-    const ov_spot large = spot("G4QZB", 1041, 1500, OVL_ORVEL_L, "IO91");  // begins before the other and ends after it
-    const ov_spot small = spot("K2QRX", 1032);
+    const Found large = spot("G4QZB", 1041, 1500, OVL_ORVEL_L, "IO91");  // begins before the other and ends after it
+    const Found small = spot("K2QRX", 1032);
     ASSERT_LT(large.t, small.t);
     log.add({small, large});
     EXPECT_EQ(calls(released(log, large.t + 0.01)), Calls{"G4QZB"});
@@ -184,6 +210,14 @@ void expect_equal(const Spot& a, const Spot& b) {
     EXPECT_EQ(a.call, b.call);
     EXPECT_EQ(a.locator, b.locator);
     EXPECT_EQ(a.deep, b.deep);
+    ASSERT_EQ(a.finding.has_value(), b.finding.has_value());
+    if (!a.finding) return;
+    EXPECT_EQ(a.finding->method, b.finding->method);
+    if (std::isnan(b.finding->odds)) {
+        EXPECT_TRUE(std::isnan(a.finding->odds));
+    } else {
+        EXPECT_EQ(a.finding->odds, b.finding->odds);
+    }
 }
 
 TEST(SpotLine, IsReadBackAsTheSameSpot) {
@@ -205,6 +239,30 @@ TEST(SpotLine, IsReadBackAsTheSameSpot) {
     }
 }
 
+TEST(SpotLine, SaysHowTheFrameWasFoundWhereThatWasAsked) {
+    const std::vector<std::pair<int32_t, std::string>> methods = {
+        {OVL_STANDARD, R"("deep":false,"method":"standard")"},
+        {OVL_DEEP, R"("deep":true,"method":"deep")"},
+        {OVL_COHERENT, R"("deep":false,"method":"coherent")"},
+        {OVL_COHERENT_KNOWN, R"("deep":true,"method":"coherent-known")"}};
+    for (const auto& [method, text] : methods) {
+        Found found = spot("K2QRX", 1.7e9);
+        found.deep = method;
+        if (method >= OVL_COHERENT) found.odds = 12.25;
+        Spot written = spot_of(found, "x.wav");
+        EXPECT_EQ(spot_line(written).find("method"), std::string::npos);
+        EXPECT_EQ(spot_line(written).find("odds"), std::string::npos);
+        written.finding = finding_of(found);
+        const std::string line = spot_line(written);
+        EXPECT_NE(line.find(text + (method >= OVL_COHERENT ? R"(,"odds":12.25})" : R"(,"odds":null})")),
+                  std::string::npos)
+            << line;
+        const auto read = parse_spot_line(line);
+        ASSERT_TRUE(read) << line;
+        expect_equal(*read, written);
+    }
+}
+
 TEST(SpotLine, OfARecordingHasItsFileAndSecondsAndOfAReceiverTheTime) {
     const ov_spot found = spot("K2QRX", 1e9);
     const std::string heard = spot_line(spot_of(found));
@@ -216,7 +274,9 @@ TEST(SpotLine, OfARecordingHasItsFileAndSecondsAndOfAReceiverTheTime) {
 }
 
 TEST(SpotLine, WithoutAFieldOrWithOneOfTheWrongKindIsNone) {
-    const std::string line = spot_line(spot_of(spot("K2QRX", 1e9, 1500, OVL_ORVEL_L, "FN31"), "x.wav"));
+    Spot written = spot_of(spot("K2QRX", 1e9, 1500, OVL_ORVEL_L, "FN31"), "x.wav");
+    written.finding = ovl_finding{.method = OVL_COHERENT, .odds = 12};
+    const std::string line = spot_line(written);
     ASSERT_TRUE(parse_spot_line(line));
     const auto whole = nlohmann::json::parse(line);
     for (const auto& [name, value] : whole.items()) {
@@ -237,6 +297,9 @@ TEST(SpotLine, WithoutAFieldOrWithOneOfTheWrongKindIsNone) {
     auto protocol = whole;
     protocol["protocol"] = "MORSE";
     EXPECT_FALSE(parse_spot_line(protocol.dump()));
+    auto method = whole;
+    method["method"] = "guess";
+    EXPECT_FALSE(parse_spot_line(method.dump()));
     EXPECT_FALSE(parse_spot_line(line.substr(0, line.size() / 2)));
 }
 
@@ -258,6 +321,15 @@ TEST(SpotText, AnUnmeasuredSnrIsADashOrNull) {
     EXPECT_NE(spot_line(spot_of(s)).find("\"snr_db\":null"), std::string::npos);
     s.snr = -20.5;
     EXPECT_NE(spot_line(spot_of(s)).find("\"snr_db\":-20.5"), std::string::npos);
+}
+
+TEST(SpotText, ALastColumnSaysHowTheFrameWasFoundWhereThatWasAsked) {
+    Spot s = spot_of(spot("K2QRX", 1000));
+    EXPECT_TRUE(spot_row("t", s).ends_with("  K2QRX     -\n")) << spot_row("t", s);
+    EXPECT_TRUE(spot_header("t", false).ends_with("  locator\n"));
+    s.finding = ovl_finding{.method = OVL_COHERENT, .odds = 12};
+    EXPECT_TRUE(spot_row("t", s).ends_with("  K2QRX     -        coherent\n")) << spot_row("t", s);
+    EXPECT_TRUE(spot_header("t", true).ends_with("  locator  method\n"));
 }
 
 }  // namespace
