@@ -406,7 +406,7 @@ void command_line() {
     Seed().integer(10, 0, LAST_KIND).rest("K2QRX, G4QZB # friends\n\nDL1QXA\r\n").save("texts", "callsigns");
     const std::string found =
         "\"freq_hz\":1500.5,\"drift_hz_s\":0,\"snr_db\":null,\"protocol\":\"ORVEL L\",\"call\":\"K2QRX\",\"locator\":"
-        "\"FN31\",\"deep\":false}";
+        "\"FN31\",\"deep\":false,\"method\":\"coherent\",\"odds\":12.5}";
     Seed()
         .integer(11, 0, LAST_KIND)
         .rest("{\"file\":\"a.wav\",\"t_start\":-1.5,\"t_end\":39.6," + found)

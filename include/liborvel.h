@@ -326,8 +326,7 @@ typedef struct ovl_result {
     char call[8];      /* callsign, NUL-terminated */
     char locator[8];   /* grid locator of an ORVEL L frame, otherwise "" */
     int32_t protocol;  /* OVL_OPERA, OVL_ORVEL_S or OVL_ORVEL_L */
-    int32_t deep;      /* 0, or 1 when only the search for known callsigns found it; with the coherent search on, the
-                          OVL_ method that found it */
+    int32_t deep;      /* OVL_ method: 0; 1 = only the search for known callsigns found it; 2, 3 = coherent */
     double t_start;    /* start of the frame; negative when it began before the block */
     double t_end;      /* end of the frame */
     double freq_hz;    /* carrier frequency in the middle of the frame, Hz */
@@ -387,11 +386,10 @@ typedef struct ovl_coherent {
     int32_t known;   /* nonzero: also look for the known callsigns further down; default 1 */
 } ovl_coherent;
 
-/* How sure a result is. */
+/* How sure a result is. The odds are NaN where they are not measured, with OVL_STANDARD and OVL_DEEP. */
 typedef struct ovl_finding {
     int32_t method; /* OVL_ method, the result's `deep` */
-    double odds;    /* natural logarithm of the odds that it was sent as it was read; NaN where that is not measured,
-                       with OVL_STANDARD and OVL_DEEP */
+    double odds;    /* natural logarithm of the odds that it was sent as it was read */
 } ovl_finding;
 
 /* Fills settings with the defaults. NULL is ignored. */

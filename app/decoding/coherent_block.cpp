@@ -39,26 +39,25 @@ void search_block(const Block& block, const ov_params& params, double offset_hz,
     }
 }
 
-std::vector<double> keyed_frequencies(const Block& block, const Search& search, const ov_params& params) {
+std::vector<ov_hit> keyed_frequencies(const Block& block, const Search& search, const ov_params& params) {
     std::vector<ov_hit> hits(MAX_TILES);
     const int32_t n = ov_scan(block.x.data(), q_of(block), samples_of(block), block.rate, OV_CHIP_SECONDS,
                               params.center_hz - params.search_hz, params.center_hz + params.search_hz, search.scan_z,
                               TILE_SEPARATION_HZ, MAX_TILES, hits.data(), nullptr, 0);
     hits.resize(static_cast<std::size_t>(std::max(n, 0)));
-    std::vector<double> frequencies;
-    for (const ov_hit& hit : hits) frequencies.push_back(hit.freq_hz);
-    return frequencies;
+    return hits;
 }
 
 // The tiles around keyed frequencies, neighbours joined as far as a baseband goes.
-std::vector<Range> bands_around(std::vector<double> keyed_hz) {
-    std::ranges::sort(keyed_hz);
+std::vector<Range> bands_around(std::vector<ov_hit> keyed) {
+    std::ranges::sort(keyed, {}, &ov_hit::freq_hz);
     std::vector<Range> bands;
-    for (const double hz : keyed_hz) {
-        if (!bands.empty() && hz + TILE_HZ - bands.back().low <= MOST_BAND_HZ) {
-            bands.back().high = hz + TILE_HZ;
+    for (const ov_hit& hit : keyed) {
+        const Range tile = {hit.freq_hz - TILE_HZ, hit.freq_hz + TILE_HZ};
+        if (!bands.empty() && tile.high - bands.back().low <= MOST_BAND_HZ) {
+            bands.back().high = tile.high;
         } else {
-            bands.push_back({hz - TILE_HZ, hz + TILE_HZ});
+            bands.push_back(tile);
         }
     }
     return bands;

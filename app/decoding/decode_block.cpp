@@ -34,6 +34,7 @@ std::optional<std::vector<Found>> decode_block(const Block& block, const Search&
     if (count < 0) return std::nullopt;
     spots.resize(static_cast<std::size_t>(count));
     std::vector<Found> found;
+    found.reserve(spots.size());
     for (const ov_spot& spot : spots) found.push_back({spot});
     if (search.coherent) add_coherent(block, search, params, found);
     return found;
