@@ -219,9 +219,21 @@ Seed decode_block(std::string_view known, int32_t n) {
     return seed;
 }
 
-// After the settings: room for 64 results, the whole block.
+// After the settings: room for 64 results, the whole block, and no coherent search.
 Seed& whole(Seed& seed) {
-    return seed.flag(true).flag(false);
+    return seed.flag(true).flag(false).integer(0, 0, 7);
+}
+
+// The same with it, a few places and passes, in one thread.
+Seed& coherent(Seed& seed) {
+    return seed.flag(true)
+        .flag(false)
+        .integer(7, 0, 7)
+        .flag(false)
+        .integer(4, 2, 8)
+        .integer(2, 1, 3)
+        .integer(1, 1, 2)
+        .integer(1, 0, 1);
 }
 
 void blocks() {
@@ -243,7 +255,17 @@ void blocks() {
         .carrier(20, 0.5, RATE)
         .part(Part::END);
     whole(crowded.settings(60, 24, RATE, 1));
-    crowded.settings(62, 6, RATE, 3).flag(true).flag(true).mostly(4, 0, 60).save("decode", "crowded_then_recent");
+    crowded.settings(62, 6, RATE, 3)
+        .flag(true)
+        .flag(true)
+        .mostly(4, 0, 60)
+        .integer(0, 0, 7)
+        .save("decode", "crowded_then_recent");
+
+    // Too weak for the standard search, beside a frame that it finds.
+    Seed phase = decode_block("", 9000);
+    phase.noise(8, 2).frame(1, "K2QRX", "", 1.5, 58, 0.25, RATE).frame(0, "G4QZB", "", 2, 75, 1, RATE).part(Part::END);
+    coherent(phase.settings(65, 15, RATE, 3)).save("decode", "coherent");
 
     // The one and then the other.
     Seed windows = decode_block("", 11500);

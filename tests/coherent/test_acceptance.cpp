@@ -1,0 +1,107 @@
+// What makes a frame believable: each condition by itself decides.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+
+#include "coherent/acceptance.h"
+
+using namespace coherent;
+
+namespace {
+
+// A frame of a protocol with everything in its favour.
+Frame good_frame(int32_t id) {
+    Frame frame{};
+    frame.code = &code_of(*ov_protocol_by_id(static_cast<uint32_t>(id)));
+    frame.message.plausible = true;
+    frame.amplitude = 1;
+    frame.likelihood = frame.code->log_words + 80;
+    frame.evidence = 30;
+    frame.doubt = -20;
+    frame.rival = frame.likelihood - 40;
+    frame.measured = 1;
+    frame.on = frame.on_segments = 1;
+    frame.off = frame.off_segments = 0;
+    frame.off_sigma = 0.09;
+    return frame;
+}
+
+using Change = std::function<void(Frame&)>;
+std::optional<double> odds_with(int32_t id, const Change& change) {
+    Frame frame = good_frame(id);
+    change(frame);
+    return accepted_odds(frame);
+}
+
+class Acceptance : public testing::TestWithParam<int32_t> {};
+INSTANTIATE_TEST_SUITE_P(OfProtocol, Acceptance, testing::Values(OVL_OPERA, OVL_ORVEL_S, OVL_ORVEL_L));
+
+TEST_P(Acceptance, TakesAFrameThatLacksNothing) {
+    const auto odds = odds_with(GetParam(), [](Frame&) {});
+    ASSERT_TRUE(odds);
+    EXPECT_GT(*odds, 15);
+    EXPECT_LT(*odds, 20.1) << "more certain than its word";
+}
+
+TEST_P(Acceptance, OneWeaknessIsEnoughToRefuse) {
+    const struct {
+        const char* what;
+        Change change;
+    } weaknesses[] = {
+        {"noise fits some word as well",
+         [](Frame& f) {
+             f.likelihood = f.code->log_words + 20;
+             f.evidence = f.rival = 0;
+         }},
+        {"another word fits nearly as well", [](Frame& f) { f.doubt = -4; }},
+        {"another start fits nearly as well", [](Frame& f) { f.rival = f.likelihood - 6; }},
+        {"any pattern fits as well", [](Frame& f) { f.evidence = f.likelihood - f.code->log_words - 1; }},
+        {"OFF chips have energy", [](Frame& f) { f.off = 0.5; }},
+        {"OFF chips have the carrier", [](Frame& f) { f.off_segments = 0.5; }},
+    };
+    for (const auto& [what, change] : weaknesses) EXPECT_FALSE(odds_with(GetParam(), change)) << what;
+}
+
+TEST_P(Acceptance, TakesWhatIsHardlyWeaker) {
+    const Change hardly[] = {
+        [](Frame& f) {
+            f.likelihood = f.code->log_words + 45;
+            f.evidence = 15;
+            f.rival = f.likelihood - 40;
+        },
+        [](Frame& f) { f.doubt = -8; },
+        [](Frame& f) { f.rival = f.likelihood - 14; },
+        [](Frame& f) { f.rival = -INFINITY; },  // no other start had a word
+        [](Frame& f) { f.evidence = f.likelihood - f.code->log_words - 16; },
+        [](Frame& f) { f.off = 0.2; },  // little above its noise
+        [](Frame& f) { f.off = f.off_segments = -0.3; },
+        [](Frame& f) {  // strong: keying leaks
+            f.on = f.on_segments = 10;
+            f.off = f.off_segments = 0.8;
+        },
+    };
+    for (const Change& change : hardly) EXPECT_TRUE(odds_with(GetParam(), change)) << &change - hardly;
+}
+
+TEST_P(Acceptance, OddsSinkWithEachDoubt) {
+    const double best = odds_with(GetParam(), [](Frame&) {}).value();
+    for (const Change& change :
+         {Change([](Frame& f) { f.doubt = -8; }), Change([](Frame& f) { f.rival = f.likelihood - 14; }),
+          Change([](Frame& f) { f.evidence = f.likelihood - f.code->log_words - 16; })}) {
+        EXPECT_LT(odds_with(GetParam(), change).value(), best);
+    }
+    EXPECT_LE(odds_with(GetParam(), [](Frame& f) { f.doubt = -8; }).value(), 8);
+    EXPECT_LE(odds_with(GetParam(), [](Frame& f) { f.rival = f.likelihood - 14; }).value(), 14);
+}
+
+TEST_P(Acceptance, WhatIsNoNumberIsRefused) {
+    for (const Change& change :
+         {Change([](Frame& f) { f.likelihood = NAN; }), Change([](Frame& f) { f.evidence = NAN; }),
+          Change([](Frame& f) { f.doubt = NAN; }), Change([](Frame& f) { f.off = NAN; }),
+          Change([](Frame& f) { f.off_segments = NAN; }), Change([](Frame& f) { f.on = NAN; })}) {
+        EXPECT_FALSE(odds_with(GetParam(), change));
+    }
+}
+
+}  // namespace
