@@ -343,6 +343,11 @@ TEST(CoherentSearch, FindingsBelongToTheLastDecode) {
     const ovl_settings settings = settings_for(SHORT);
     EXPECT_EQ(ovl_decode(decoder.get(), nullptr, 1, RATE, &settings, nullptr, 0), -1);
     EXPECT_EQ(ovl_findings(decoder.get(), findings.data(), 4), 0);
+
+    decode(decoder, samples, settings_for(SHORT));
+    ovl_result result;
+    EXPECT_EQ(ovl_decode_recent(decoder.get(), samples.data(), 100, RATE, &settings, -1, &result, 1), -1);
+    EXPECT_EQ(ovl_findings(decoder.get(), findings.data(), 4), 0);
 }
 
 // ---- What it must not believe --------------------------------------------------------------------------------------
