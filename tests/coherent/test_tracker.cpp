@@ -284,4 +284,21 @@ TEST(PhaseTracker, StaysFiniteForStrongCarriersAndWrongPatterns) {
     }
 }
 
+// Many wrong bits in a row make products of ratios that single precision cannot hold.
+TEST(PhaseTracker, LikelihoodsOfWrongPatternsEqualTheMarkovChainForStrongCarriers) {
+    constexpr std::size_t PAIRS = 20;
+    for (const float amplitude : {2.0f, 3.0f, 4.0f}) {
+        Chips chips(2 * PAIRS + 1);
+        for (std::size_t k = 0; k < chips.size(); k++) {
+            chips[k] = {k == 0 || k % 2 == 1 ? amplitude : 0.0f, 1};  // all bits 0
+        }
+        const PhaseTable table(chips, amplitude);
+        const Model model(chips, amplitude, 0);
+        for (const uint64_t wrong : {0x0u, 0x3u, 0xFu, 0xFFu, 0xFFFFFu}) {
+            EXPECT_NEAR(table.likelihood(0, Word{wrong}), model.likelihood(Word{wrong}), 0.01)
+                << amplitude << ", wrong bits " << std::hex << wrong;
+        }
+    }
+}
+
 }  // namespace

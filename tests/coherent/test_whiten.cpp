@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <complex>
+#include <limits>
 #include <vector>
 
 #include "band.h"
@@ -144,6 +145,16 @@ TEST(Whitening, RatesWhoseChipsDoNotDivideAreRefused) {
     for (const double rate : {100.0, 490.0, 505.0}) {
         const ov_baseband baseband{samples.data(), static_cast<int32_t>(samples.size()), rate, 0};
         EXPECT_FALSE(whiten(baseband, CHIP_S)) << rate;
+    }
+}
+
+TEST(Whitening, ASampleThatIsNotFiniteIsRefused) {
+    Random random(68);
+    const Samples samples = noise(random, 30);
+    for (const double wrong : {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity()}) {
+        Samples changed = samples;
+        changed[5000] = {wrong, 0};
+        EXPECT_FALSE(whiten_samples(changed)) << wrong;
     }
 }
 
