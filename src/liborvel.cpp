@@ -10,6 +10,7 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -233,6 +234,7 @@ int32_t ovl_decode(ovl_decoder* decoder, const float* samples, int32_t n, int32_
 int32_t ovl_decode_recent(ovl_decoder* decoder, const float* samples, int32_t n, int32_t rate,
                           const ovl_settings* settings, double recent_s, ovl_result* results, int32_t max_results) {
     if (decoder == nullptr) return -1;
+    decoder->n_findings = 0;
     if (settings == nullptr || rate < 1 || recent_s <= 0) return fail(*decoder, "invalid argument");
     const double duration = static_cast<double>(n) / rate;
     ovl_settings recent = *settings;
@@ -263,9 +265,7 @@ int32_t ovl_set_coherent(ovl_decoder* decoder, const ovl_coherent* settings) {
     decoder->coherent = ov_coherent{.places = settings->places,
                                     .passes = settings->passes,
                                     .threads = settings->threads,
-                                    .known = settings->known != 0 ? 1 : 0,
-                                    .highest_fit = nullptr,
-                                    .highest_known_fit = nullptr};
+                                    .known = settings->known != 0 ? 1 : 0};
     return 0;
 }
 

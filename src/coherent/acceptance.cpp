@@ -11,7 +11,7 @@ constexpr double LEAST_ODDS = 9.21;  // against noise: 10^4 blocks
 
 constexpr double LEAST_DOUBT = -5.29;  // all other words at this start together: 1 in 200
 constexpr double RIVAL_MARGIN = 8;     // over the best word at another start
-constexpr double PATTERN_MARGIN = 3;   // over any pattern: other protocols and other keying
+constexpr double PATTERN_MARGIN = 7;   // over any pattern: other protocols and other keying
 constexpr double OFF_SHARE = 0.12;     // of the energy of ON chips that OFF chips may have, as keying leaks
 constexpr double OFF_SIGMAS = 3.5;
 

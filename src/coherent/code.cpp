@@ -87,7 +87,6 @@ Vector operator^(Vector a, const Vector& b) {
     return a;
 }
 
-// Adds the words that the sums of an origin's rows lie apart from it.
 AffineCode opera_code() {
     AffineCode code{OVC_PAIRS, std::log(OVC_MAX_CALL + 1.0), {}, {}, ov_protocol_by_id(OVL_OPERA)};
 
@@ -129,6 +128,8 @@ AffineCode opera_code() {
     for (std::size_t i = 0; i < TAIL_BITS; i++) last[TAIL_FIRST + i] = FOR_ZERO_HIGH >> (TAIL_BITS - 1 - i) & 1;
     const std::array changes = {replaced(CRC_FIRST, FOR_ZERO_LOW), replaced(CRC_FIRST + 8, FOR_ZERO_HIGH), last};
     for (uint32_t chosen = 0; chosen < 8; chosen++) {
+        // The second checksum never has a zero byte where the first one had its high byte replaced.
+        if ((chosen & 6) == 6) continue;
         Vector offset = origin;
         for (std::size_t i = 0; i < changes.size(); i++) {
             if ((chosen >> i & 1) != 0) offset = offset ^ changes[i];
@@ -187,6 +188,11 @@ std::optional<Message> read_orvel(const ov_protocol& protocol, const Word& word)
     std::array<uint8_t, OV_MAX_PAIRS> bits{};
     for (int32_t i = 0; i < code.k; i++) {
         bits[static_cast<std::size_t>(i)] = bit_of(word, static_cast<std::size_t>(code.pivot[i])) ? 1 : 0;
+    }
+    std::array<uint8_t, OV_MAX_PAIRS> coded{};
+    ldpc_encode(code, bits.data(), coded.data());
+    for (std::size_t k = 0; k < static_cast<std::size_t>(code.n); k++) {
+        if (bit_of(word, k) != (coded[k] != 0)) return std::nullopt;
     }
     Message message{};
     std::array<char, 7> normalised;
@@ -334,7 +340,7 @@ std::vector<RankedWord> ordered_statistics(const AffineCode& code, std::span<con
             if (bit_of(wrong, basis.positions[i])) wrong = sum_of(wrong, basis.rows[i]);
         }
         cheapest.add(wrong, costs.of(wrong));
-        flip_rows(basis, soft, costs, wrong, 0, 0, order, cheapest);
+        if (order > 0) flip_rows(basis, soft, costs, wrong, 0, 0, order, cheapest);
     }
     std::vector<RankedWord> words = cheapest.take();
     for (RankedWord& ranked : words) ranked.word = sum_of(ranked.word, hard);

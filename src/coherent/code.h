@@ -37,7 +37,7 @@ struct Message {
 };
 
 // A protocol's words: the sums of some generator rows and one offset. OPERA replaces checksum bytes that are zero, so
-// about 1 callsign in 85 lies beside the space of the others: it has eight offsets.
+// about 1 callsign in 85 lies beside the space of the others: it has six offsets.
 struct AffineCode {
     int32_t length;
     double log_words;  // natural logarithm of the number of words

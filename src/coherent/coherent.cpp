@@ -54,16 +54,20 @@ std::vector<KnownWord> known_words(const ov_params& params, const AffineCode& co
     return words;
 }
 
+// Protocols of one length compete even where only one is asked for.
 std::vector<Group> make_groups(const ov_params& params, bool with_known) {
     std::vector<Group> groups;
-    for (const ov_protocol& protocol : OV_PROTOCOLS) {
-        if ((params.protocols & protocol.id) == 0) continue;
-        auto group = std::ranges::find(groups, protocol.pairs, &Group::pairs);
-        if (group == groups.end()) group = groups.insert(groups.end(), Group{protocol.pairs, {}, {}});
-        const AffineCode& code = code_of(protocol);
-        group->codes.push_back(&code);
+    for (const ov_protocol& wanted : OV_PROTOCOLS) {
+        if ((params.protocols & wanted.id) == 0) continue;
+        auto group = std::ranges::find(groups, wanted.pairs, &Group::pairs);
+        if (group == groups.end()) {
+            group = groups.insert(groups.end(), Group{wanted.pairs, {}, {}});
+            for (const ov_protocol& protocol : OV_PROTOCOLS) {
+                if (protocol.pairs == wanted.pairs) group->codes.push_back(&code_of(protocol));
+            }
+        }
         if (!with_known) continue;
-        const std::vector<KnownWord> words = known_words(params, code);
+        const std::vector<KnownWord> words = known_words(params, code_of(wanted));
         group->known.insert(group->known.end(), words.begin(), words.end());
     }
     return groups;
@@ -86,8 +90,8 @@ SearchRange range_of(const ov_params& params, int32_t pairs, double half_width) 
     const double frame_s = (2 * pairs + 1) * OV_CHIP_SECONDS;
     const auto limit = [](double t) { return t < 0 ? NO_LIMIT_S : t; };
     const double drift = params.drift_max >= 0 ? std::min(params.drift_max, MAX_DRIFT) : MAX_DRIFT;
-    return {half_width, drift, params.chip_guard, std::max(params.end_min - frame_s, params.start_min),
-            std::min(limit(params.end_max) - frame_s, limit(params.start_max))};
+    return {half_width, drift, params.chip_guard, std::fmax(params.end_min - frame_s, params.start_min),
+            std::fmin(limit(params.end_max) - frame_s, limit(params.start_max))};
 }
 
 // One band of a block.
@@ -116,7 +120,9 @@ class Slice {
             if (!view) break;
             const auto frames = search_groups(groups, [&](const Group& group) { return search_any(*view, group); });
             for (const auto& [frame, odds, z] : frames) {
-                all.push_back({to_spot(frame, z, OV_COHERENT), odds});
+                if ((params_.protocols & frame.code->protocol->id) != 0) {
+                    all.push_back({to_spot(frame, z, OV_COHERENT), odds});
+                }
                 remove({frame.at, chips_of(*frame.code, frame.word)});
             }
             if (!frames.empty() && pass + 1 < settings_.passes) continue;
@@ -192,12 +198,12 @@ class Slice {
                        std::fabs(other.frame.at.start_s - place.start_s) < frame_length_s(*group.codes[0]->protocol);
             };
             if (std::ranges::any_of(accepted, covers)) continue;
-            const auto frame = read_frame(view.block, place, group.codes);
+            auto frame = read_frame(view.block, place, group.codes);
             if (!frame || !starts_within(range, *frame)) continue;
             if (settings_.highest_fit != nullptr) {
                 *settings_.highest_fit = std::max(*settings_.highest_fit, frame->likelihood - frame->code->log_words);
             }
-            if (const auto odds = accepted_odds(*frame)) accepted.push_back({*frame, *odds, place.z});
+            if (const auto odds = sure_odds(view.block, *frame)) accepted.push_back({*frame, *odds, place.z});
         }
         return accepted;
     }
@@ -214,6 +220,12 @@ class Slice {
             if (const auto odds = accepted_known_odds(frame, group.known.size())) accepted.push_back({frame, *odds, 0});
         }
         return accepted;
+    }
+    // A frame that passes is compared with all that may be keyed around it, which takes longer.
+    static std::optional<double> sure_odds(const Whitened& block, Frame& frame) {
+        if (!accepted_odds(frame)) return std::nullopt;
+        frame.evidence = evidence_around(block, frame);
+        return accepted_odds(frame);
     }
     static bool starts_within(const SearchRange& range, const Frame& frame) {
         return frame.at.start_s >= range.start_first && frame.at.start_s <= range.start_last;
@@ -254,9 +266,7 @@ class Slice {
         // A chip of energy 1 has as much as the noise in 1/chip Hz.
         constexpr double REFERENCE_HZ = 2500;
         const double share_db = params_.snr_adjust != 0 ? frame.code->protocol->on_share_db : 0;
-        spot.snr =
-            10 * std::log10(std::max(frame.on - std::max(frame.off, 0.0), 1e-6) / OV_CHIP_SECONDS / REFERENCE_HZ) +
-            share_db;
+        spot.snr = 10 * std::log10(std::max(frame.on - frame.off, 1e-6) / OV_CHIP_SECONDS / REFERENCE_HZ) + share_db;
         return spot;
     }
 
@@ -280,8 +290,7 @@ bool is_listed(const ov_params& params, const ov_spot& spot) {
 }  // namespace
 
 void ov_coherent_default(ov_coherent& settings) {
-    settings = {
-        .places = 16, .passes = 4, .threads = 1, .known = 1, .highest_fit = nullptr, .highest_known_fit = nullptr};
+    settings = {.places = 16, .passes = 4, .threads = 1, .known = 1};
 }
 
 std::vector<ov_coherent_spot> ov_decode_coherent(const ov_block& block, const ov_params& params,

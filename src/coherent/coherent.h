@@ -32,8 +32,8 @@ struct ov_coherent {
 
     // For measurements, or null: raised to the highest fit of any word, its log likelihood against noise less the
     // logarithm of the number of words; and of any known one, its log likelihood. One thread only.
-    double* highest_fit;
-    double* highest_known_fit;
+    double* highest_fit = nullptr;
+    double* highest_known_fit = nullptr;
 };
 
 void ov_coherent_default(ov_coherent& settings);

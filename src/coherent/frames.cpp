@@ -10,15 +10,17 @@
 namespace coherent {
 namespace {
 
-constexpr int32_t REACH = 24;          // chips by which the start of a frame may lie beside its place
-constexpr std::size_t STARTS = 12;     // that are decoded
-constexpr double LEAST_EVIDENCE = 12;  // of frames that can be accepted in the end
-constexpr std::size_t FINALISTS = 4;   // of them that are measured with their patterns known
-constexpr std::size_t FEW_WORDS = 24;  // of each code and start whose likelihood is computed at first
-constexpr std::size_t WORDS = 160;     // and in the end
-constexpr int32_t ORDER = 3;           // of the ordered statistics
-constexpr int32_t ROUNDS = 3;          // of measuring with the pattern known and decoding again
-constexpr double IMPLAUSIBLE = -9;     // added to the log likelihood of callsigns that no administration issues
+constexpr int32_t REACH = 24;             // chips by which the start of a frame may lie beside its place
+constexpr std::size_t STARTS = 12;        // that are decoded
+constexpr double LEAST_EVIDENCE = 12;     // of frames that can be accepted in the end
+constexpr std::size_t FINALISTS = 4;      // of them that are measured with their patterns known
+constexpr std::size_t FEW_WORDS = 24;     // of each code and start whose likelihood is computed at first
+constexpr std::size_t WORDS = 160;        // and in the end
+constexpr int32_t ORDER = 3;              // of the ordered statistics
+constexpr int32_t ROUNDS = 3;             // of measuring with the pattern known and decoding again
+constexpr std::size_t EVIDENCE_WALK = 2;  // with which starts are compared
+constexpr double IMPLAUSIBLE = -9;        // added to the log likelihood of callsigns that no administration issues
+constexpr double OVERLAP = 0.75;          // of a frame by which others around it may lie beside it
 constexpr float LEAST_AMPLITUDE = 0.4f;
 constexpr float LARGEST_AMPLITUDE = 4.0f;  // beyond that a frame needs no phase
 
@@ -95,6 +97,7 @@ class Reader {
 
     std::optional<Frame> read() {
         refine_blindly();
+        refine_by_evidence();
         std::vector<Frame> frames;
         for (const Start& start : likely_starts()) {
             if (const auto frame = decode(moved(start.start_s), amplitude_, FEW_WORDS)) frames.push_back(*frame);
@@ -179,14 +182,31 @@ class Reader {
 
     Hypothesis moved(double start_s) const { return {start_s, at_.f + at_.drift * (start_s - at_.start_s), at_.drift}; }
 
+    // Frequency and drift by the evidence at the most likely start.
+    void refine_by_evidence() {
+        const std::vector<Start> starts = likely_starts();
+        if (starts.empty()) return;
+        at_ = moved(starts[0].start_s);
+        const auto evidence = [&](const Hypothesis& at) {
+            return PhaseTable(measure_chips(at), amplitude_).evidence(EVIDENCE_WALK);
+        };
+        double best = evidence(at_);
+        for (const double scale : {1.0, 0.5}) {
+            improve(at_.f, 0.06 * scale, best, [&](double x) { return evidence({at_.start_s, x, at_.drift}); });
+            improve(at_.drift, 0.2 / (n_chips_ * chip_s_) * scale, best, [&](double x) {
+                return evidence({at_.start_s, at_.f, x});
+            });
+        }
+        strip_ = Strip(block_, at_, n_chips_, REACH + 4);
+    }
+
     // The starts around with the highest evidence of being keyed in any pattern, each the best of its neighbours.
     std::vector<Start> likely_starts() {
         constexpr int32_t STEPS = 4;
-        constexpr std::size_t WALK = 2;
         std::vector<Start> starts;
         for (int32_t k = -REACH * STEPS; k <= REACH * STEPS; k++) {
             const double start_s = at_.start_s + k * chip_s_ / STEPS;
-            starts.push_back({start_s, PhaseTable(measure_chips(moved(start_s)), amplitude_).evidence(WALK)});
+            starts.push_back({start_s, PhaseTable(measure_chips(moved(start_s)), amplitude_).evidence(EVIDENCE_WALK)});
         }
         std::vector<Start> peaks;
         for (std::size_t i = 1; i + 1 < starts.size(); i++) {
@@ -210,7 +230,9 @@ class Reader {
         for (int32_t round = 0; round < ROUNDS; round++) {
             polish(frame);
             const auto again = decode(frame.at, frame.amplitude, WORDS);
-            if (!again || rank(*again) < rank(frame) - 1e-6) return;
+            if (!again) return;
+            frame.evidence = again->evidence;
+            if (rank(*again) < rank(frame) - 1e-6) return;
             const bool same = same_message(*again, frame);
             frame = *again;
             if (same) return;
@@ -354,6 +376,26 @@ class Reader {
 
 std::optional<Frame> read_frame(const Whitened& block, const Place& place, std::span<const AffineCode* const> codes) {
     return Reader(block, place, codes).read();
+}
+
+double evidence_around(const Whitened& block, const Frame& frame) {
+    const double chip_s = block.chip_len / block.rate;
+    double highest = frame.evidence;
+    for (const ov_protocol& protocol : OV_PROTOCOLS) {
+        const int32_t chips = protocol.chips();
+        const auto reach = static_cast<int32_t>(OVERLAP * std::max(chips, 2 * frame.code->length + 1));
+        std::vector<ChipSum> sums(static_cast<std::size_t>(chips));
+        // The strip's middle is that of its own frames.
+        Hypothesis around = frame.at;
+        around.f += around.drift * (chips - (2 * frame.code->length + 1)) * chip_s / 2;
+        const Strip strip(block, around, chips, reach + 1);
+        for (int32_t k = -2 * reach; k <= 2 * reach; k++) {
+            const double later = k * chip_s / 2;
+            strip.measure({around.start_s + later, around.f + around.drift * later, around.drift}, sums);
+            highest = std::max(highest, PhaseTable(sums, frame.amplitude).evidence(frame.walk));
+        }
+    }
+    return highest;
 }
 
 Frame read_known(const Whitened& block, const Hypothesis& at, const AffineCode& code, const Word& word,

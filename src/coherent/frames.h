@@ -35,6 +35,10 @@ struct Frame {
 // The best frame near a place; nothing when none of the codes, which have frames of the same length, has a word there.
 std::optional<Frame> read_frame(const Whitened& block, const Place& place, std::span<const AffineCode* const> codes);
 
+// The highest evidence of being keyed in any pattern for all starts of frames of any protocol that overlap this one, at
+// its frequency: what another protocol sends is keyed in another place or for another time.
+double evidence_around(const Whitened& block, const Frame& frame);
+
 // The frame of a word that is known, measured from where it is thought to be. Its rival is the best other word at the
 // same start.
 Frame read_known(const Whitened& block, const Hypothesis& at, const AffineCode& code, const Word& word,

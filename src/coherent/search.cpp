@@ -137,9 +137,10 @@ std::vector<Place> find_places(const Whitened& block, const SegmentMap& map, int
     }
     const double first_s = std::max(range.start_first, -range.guard * frame_s);
     const double last_s = std::min(range.start_last, block_s - (1 - range.guard) * frame_s);
+    if (!(last_s >= first_s)) return {};  // also bounds both: neither lies further out than the guard
     const auto first_row = static_cast<int32_t>(std::ceil(first_s / row_s));
     const auto last_row = static_cast<int32_t>(std::floor(last_s / row_s));
-    if (!(last_s >= first_s)) return {};
+    if (last_row < first_row) return {};
     constexpr int32_t START_STEP = ROWS_PER_CHIP / 2;
 
     // Drifts: neighbours differ by two columns between the ends of a frame.

@@ -50,8 +50,8 @@ struct SegmentMap {
     }
 };
 
-// The map of segments of that many pairs; nothing when memory is short. The columns reach `half_width` and one frame's
-// drift beyond.
+// The map of segments of that many pairs; nothing or std::bad_alloc when memory is short. The columns reach
+// `half_width` and one frame's drift beyond.
 std::optional<SegmentMap> segment_map(const Whitened& block, int32_t pairs, double half_width);
 
 // The strongest places of frames with that many pairs, of at least that z, strongest first, each the only one within a

@@ -15,7 +15,7 @@ constexpr double TURN = 2 * std::numbers::pi;
 Strip::Strip(const Whitened& block, const Hypothesis& around, int32_t chips, int32_t reach)
     : around_(around), chip_s_(block.chip_len / block.rate), chips_(chips), scale_(1 / std::sqrt(block.chip_len)) {
     const int32_t step = block.chip_len / STEPS;
-    const int32_t count = (chips + 2 * reach) * STEPS;
+    const int32_t count = (chips + 2 * reach) * STEPS + 2;  // a start at the very end is interpolated, too
     const auto first = static_cast<int64_t>(std::floor(around.start_s * block.rate)) - reach * block.chip_len;
     first_s_ = static_cast<double>(first) / block.rate;
     sums_.resize(static_cast<std::size_t>(count) + 1);

@@ -49,13 +49,13 @@ class MixedDown {
     std::vector<Complex> x_, phasors_;
 };
 
-// Means over the middle of each chip.
+// Means over the middle half of each chip.
 std::vector<Complex> chip_means(const std::vector<Complex>& x, std::size_t chip, std::size_t chips) {
     std::vector<Complex> means(chips);
     for (std::size_t k = 0; k < chips; k++) {
         Complex sum = 0;
-        for (std::size_t i = chip / 8; i < chip - chip / 8; i++) sum += x[(k + 1) * chip + i];
-        means[k] = sum / static_cast<double>(chip - 2 * (chip / 8));
+        for (std::size_t i = chip / 4; i < chip - chip / 4; i++) sum += x[(k + 1) * chip + i];
+        means[k] = sum / static_cast<double>(chip - 2 * (chip / 4));
     }
     return means;
 }

@@ -162,7 +162,8 @@ ORVEL_MULTIVERSION void run_back(const Kernel& kernel, const Row* chips, std::si
                                  float* soft) {
     Row after;
     after.fill(1.0f / PHASES);
-    for (std::size_t k = pairs; k-- > 0;) {
+    for (std::size_t left = pairs; left > 0; left--) {
+        const std::size_t k = left - 1;
         Row one;
         Row zero;
         for (std::size_t i = 0; i < PHASES; i++) {
@@ -187,15 +188,14 @@ ORVEL_MULTIVERSION double run_word(const Kernel& kernel, const Row& leading, con
         Row next;
         walk_step(kernel, state, next);
         for (std::size_t i = 0; i < PHASES; i++) state[i] = next[i] * chip[i];
-        if (k % 4 == 3 || k + 1 == pairs) log_sum += normalise(state);
+        log_sum += normalise(state);
     }
     return log_sum;
 }
 
 }  // namespace
 
-PhaseTable::PhaseTable(std::span<const ChipSum> chips, float amplitude)
-    : pairs_(chips.size() / 2), rows_(chips.size()) {
+PhaseTable::PhaseTable(std::span<const ChipSum> chips, float amplitude) : pairs_(chips.size() / 2) {
     // 2·A·chip, limited, and A²·weight, both in the logarithm.
     std::array<Exponent, OV_MAX_CHIPS> exponents{};
     std::array<float, OV_MAX_CHIPS> tops{};
@@ -226,7 +226,7 @@ double PhaseTable::evidence(std::size_t walk) const {
 }
 
 double PhaseTable::soft_bits(std::size_t walk, std::span<float> soft) const {
-    std::vector<Row> before(pairs_);
+    std::array<Row, OV_MAX_PAIRS> before;
     const double sum = run_any(kernel_of(walk), rows_[0], rows_.data() + 1, pairs_, before.data());
     run_back(kernel_of(walk), rows_.data() + 1, pairs_, before.data(), soft.data());
     return log_scale_ + sum - static_cast<double>(pairs_) * std::numbers::ln2;

@@ -9,7 +9,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
-#include <vector>
 
 #include "coherent/code.h"
 #include "coherent/strip.h"
@@ -42,8 +41,8 @@ class PhaseTable {
     using Row = std::array<float, PHASES>;
 
     std::size_t pairs_;
-    double log_scale_ = 0;   // what the rows were divided by
-    std::vector<Row> rows_;  // of the chips
+    double log_scale_ = 0;                // what the rows were divided by
+    std::array<Row, OV_MAX_CHIPS> rows_;  // of the chips
 };
 
 }  // namespace coherent

@@ -151,6 +151,9 @@ std::optional<Whitened> whiten(const ov_baseband& baseband, double chip_s) {
     if (chip_len < 16 || chip_len % 16 != 0 || baseband.n < SHORTEST_CHIPS * chip_len) return std::nullopt;
     const auto chip = static_cast<std::size_t>(chip_len);
     std::vector<Complex> samples(baseband.samples, baseband.samples + baseband.n);
+    if (!std::ranges::all_of(samples, [](Complex x) { return std::isfinite(x.real()) && std::isfinite(x.imag()); })) {
+        return std::nullopt;
+    }
     const auto by_frequency = spectrogram(samples, 2 * chip, chip, true);
     if (!by_frequency) return std::nullopt;
     const std::vector<float> levels = levels_by_frequency(*by_frequency);

@@ -23,8 +23,8 @@ struct Whitened {
     int32_t chip_len;            // samples in a chip, a multiple of 16
 };
 
-// Nothing for a block shorter than a few seconds, for silence, for a sample that is not finite, and when memory is
-// short.
+// Nothing for a block shorter than a few seconds, for silence and for a sample that is not finite. Nothing or
+// std::bad_alloc when memory is short.
 std::optional<Whitened> whiten(const ov_baseband& baseband, double chip_s);
 
 }  // namespace coherent
