@@ -365,7 +365,7 @@ OVL_API int32_t ovl_decode_recent(ovl_decoder *decoder, const float *samples, in
 /* ---- Coherent search ------------------------------------------------------------------------------------------ */
 
 /*
- * A search some 5 dB deeper, for carriers that keep their phase for seconds, which most do. It is off unless a host
+ * A search some 4 dB deeper, for carriers that keep their phase for seconds, which most do. It is off unless a host
  * asks for it, and then looks beside what the other searches of a decode have found, whose results stay as they are. A
  * host that loads the library at run time finds it by its symbols: the version of the interface says nothing of it.
  */

@@ -31,7 +31,6 @@ void search_block(const Block& block, const ov_params& params, double offset_hz,
     for (ov_spot& spot : found) spot.freq -= offset_hz;
     ov_coherent settings;
     ov_coherent_default(settings);
-    settings.places *= static_cast<int32_t>(block.minutes());
     const ov_block samples = {block.x.data(), q_of(block), samples_of(block), block.rate};
     for (const auto& [spot, odds] : ov_decode_coherent(samples, params, settings, found)) {
         spots.push_back({spot, odds});

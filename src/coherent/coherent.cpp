@@ -128,6 +128,7 @@ class Slice {
             if (!frames.empty() && pass + 1 < settings_.passes) continue;
 
             // Nothing more shows by itself.
+            if (std::ranges::all_of(groups, [](const Group& group) { return group.known.empty(); })) break;
             const auto rest = frames.empty() ? view : prepare();
             if (!rest) break;
             for (const auto& [frame, odds, z] :
@@ -276,6 +277,35 @@ class Slice {
     std::vector<std::complex<double>> samples_;
 };
 
+// A stretch of a long block: memory goes with the length of what is searched at once.
+struct Stretch {
+    int32_t first, count;  // samples of a baseband
+};
+constexpr double STRETCH_S = 120;
+constexpr double STRETCH_OVERLAP_S = 1.4 * OV_MAX_CHIPS * OV_CHIP_SECONDS;  // a frame, and what may hang over
+
+std::vector<Stretch> stretches_of(const ov_baseband& baseband) {
+    const auto longest = static_cast<int32_t>(STRETCH_S * baseband.rate);
+    const auto step = static_cast<int32_t>((STRETCH_S - STRETCH_OVERLAP_S) * baseband.rate);
+    std::vector<Stretch> stretches;
+    int32_t first = 0;
+    for (; baseband.n - first > longest; first += step) stretches.push_back({first, longest});
+    stretches.push_back({first, baseband.n - first});
+    return stretches;
+}
+
+// The parameters with times that count from `offset_s`; nothing when all limits lie before it.
+std::optional<ov_params> later(ov_params params, double offset_s) {
+    params.start_min -= offset_s;
+    params.end_min -= offset_s;
+    for (double* const limit : {&params.start_max, &params.end_max}) {
+        if (*limit < 0) continue;  // no limit
+        *limit -= offset_s;
+        if (*limit < 0) return std::nullopt;
+    }
+    return params;
+}
+
 bool is_same(const ov_spot& a, const ov_spot& b) {
     const ov_protocol* const protocol = ov_protocol_by_id(static_cast<uint32_t>(a.protocol));
     return a.protocol == b.protocol && std::strcmp(a.call, b.call) == 0 &&
@@ -317,9 +347,21 @@ std::vector<ov_coherent_spot> ov_decode_coherent(const ov_block& block, const ov
         const double offset = slices > 1 ? (reach - width) * (2.0 * k / (slices - 1) - 1) : 0;
         BasebandOwner baseband;
         if (ov_baseband_extract(spectrum, params.center_hz + offset, baseband) != 0) continue;
-        Slice slice(baseband, width, params, settings);
-        for (const ov_spot& spot : found) slice.take_out_spot(spot);
-        for (const ov_coherent_spot& spot : slice.search(groups)) add(spot);
+        for (const Stretch& stretch : stretches_of(baseband)) {
+            const double offset_s = stretch.first / baseband.rate;
+            const auto here = later(params, offset_s);
+            if (!here) continue;
+            Slice slice({baseband.samples + stretch.first, stretch.count, baseband.rate, baseband.centre}, width, *here,
+                        settings);
+            for (ov_spot spot : found) {
+                spot.t -= offset_s;
+                slice.take_out_spot(spot);
+            }
+            for (ov_coherent_spot spot : slice.search(groups)) {
+                spot.spot.t += offset_s;
+                add(spot);
+            }
+        }
     }
     std::stable_sort(all.begin(), all.end(),
                      [](const ov_coherent_spot& a, const ov_coherent_spot& b) { return a.spot.t < b.spot.t; });

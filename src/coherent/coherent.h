@@ -38,7 +38,7 @@ struct ov_coherent {
 
 void ov_coherent_default(ov_coherent& settings);
 
-// How far a spot's `deep` goes beyond 1.
+// Further values of `deep` of a spot: by this search, by the one for known callsigns.
 inline constexpr int32_t OV_COHERENT = 2;
 inline constexpr int32_t OV_COHERENT_KNOWN = 3;
 
@@ -51,6 +51,8 @@ struct ov_coherent_spot {
 // Finds what `found` lacks, in order of start time. A block that cannot be searched has nothing. Throws std::bad_alloc.
 //
 //   params   protocols, band, limits of start and end, drift (no more than some 0.06 Hz/s is searched)
+//
+// A block of more than two minutes is searched in stretches, each with so many places and passes.
 std::vector<ov_coherent_spot> ov_decode_coherent(const ov_block& block, const ov_params& params,
                                                  const ov_coherent& settings, std::span<const ov_spot> found);
 

@@ -522,6 +522,57 @@ TEST(CoherentSearch, ReadsClippedAndVeryLoudAndVeryQuietBlocks) {
     EXPECT_EQ(decode(coherent_decoder(), clipped, settings_for(OVL_ORVEL_S)).results.size(), 1u);
 }
 
+// Far below what can be read, a known callsign's pattern still shows, and is marked as no more than that.
+TEST(CoherentSearch, KnownCallsignsAreFoundFurtherDown) {
+    const std::vector<float> samples = block_of({{OVL_OPERA, "DL1QXA", "", 4.2, 489, -0.02, -31.3}}, 44);
+    const Decoder decoder = coherent_decoder();
+    const ovl_settings settings = settings_for(OVL_OPERA);
+    EXPECT_EQ(decode(decoder, samples, settings).results.size(), 0u);
+
+    ASSERT_EQ(ovl_set_known(decoder.get(), "G4QZB DL1QXA SM5QQ"), 3);
+    const Found found = decode(decoder, samples, settings);
+    ASSERT_EQ(found.results.size(), 1u) << text_of(found);
+    EXPECT_STREQ(found.results[0].call, "DL1QXA");
+    EXPECT_EQ(found.results[0].deep, OVL_COHERENT_KNOWN);
+    EXPECT_EQ(found.findings[0].method, OVL_COHERENT_KNOWN);
+    EXPECT_GT(found.findings[0].odds, 0);
+    EXPECT_NEAR(found.results[0].t_start, 4.2, 0.03);
+    EXPECT_NEAR(found.results[0].freq_hz, 489, 0.1);
+
+    ovl_coherent without = quick();
+    without.known = 0;
+    ASSERT_EQ(ovl_set_coherent(decoder.get(), &without), 0);
+    EXPECT_EQ(decode(decoder, samples, settings).results.size(), 0u);
+    const Decoder others = coherent_decoder();
+    ASSERT_EQ(ovl_set_known(others.get(), "G4QZB K2QRX SM5QQ"), 3);
+    EXPECT_EQ(decode(others, samples, settings).results.size(), 0u);
+}
+
+// Longer blocks are searched in stretches: frames in each, over their borders, and within limits.
+TEST(CoherentSearch, LongBlocksHaveEachFrameOnceAtItsTime) {
+    Scene scene;
+    scene.rate = RATE;
+    scene.seconds = 260;
+    scene.seed = 45;
+    const std::vector<Sent> sent = {{OVL_ORVEL_S, "K1ABC", "", 10, 480, 0.01, -28},
+                                    {OVL_ORVEL_S, "OH2XYZ", "", 103, 510, -0.02, -28},
+                                    {OVL_ORVEL_S, "DL1QXA", "", 222, 495, 0.02, -28}};
+    for (const Sent& one : sent) scene.stations.push_back(station_of(one));
+    const std::vector<float> samples = to_float(render_real(scene));
+    const Found found = decode(coherent_decoder(), samples, settings_for(OVL_ORVEL_S));
+    ASSERT_EQ(found.results.size(), sent.size()) << text_of(found);
+    for (std::size_t k = 0; k < sent.size(); k++) {
+        EXPECT_STREQ(found.results[k].call, sent[k].call);
+        EXPECT_NEAR(found.results[k].t_start, sent[k].t, 0.03);
+    }
+    ovl_settings late = settings_for(OVL_ORVEL_S);
+    late.end_min = 130;
+    late.end_max = 140;
+    const Found limited = decode(coherent_decoder(), samples, late);
+    ASSERT_EQ(limited.results.size(), 1u) << text_of(limited);
+    EXPECT_STREQ(limited.results[0].call, "OH2XYZ");
+}
+
 TEST(CoherentSearch, WhatIsNoBlockHasNoResults) {
     const Decoder decoder = coherent_decoder();
     const ovl_settings settings = settings_for(ALL);
