@@ -127,7 +127,7 @@ class Slice {
             if (!map) return {};
             maps.push_back(std::move(*map));
         }
-        return std::make_shared<const View>(std::move(*block), std::move(maps));
+        return std::make_shared<const View>(View{std::move(*block), std::move(maps)});
     }
 
     // What a search finds in all groups, in two threads where the host allows it.
