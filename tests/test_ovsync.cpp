@@ -288,7 +288,8 @@ TEST(ScoreMap, HasAColumnOnEachSideOfTheCentreAtLeast) {
     MapOwner map;
     ASSERT_EQ(ov_spectrogram(samples.view(), 0.128, -39 * BIN_HZ, 0, map), 0);
     EXPECT_EQ(map.nbins, 3U);
-    EXPECT_EQ(ov_spectrogram(samples.view(), 0.128, -40 * BIN_HZ, 0, map), -1);
+    MapOwner none;
+    EXPECT_EQ(ov_spectrogram(samples.view(), 0.128, -40 * BIN_HZ, 0, none), -1);
 }
 
 TEST(ScoreMap, SixteenSamplesAChipAreTheSmallestOperaMap) {

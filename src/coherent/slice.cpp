@@ -138,7 +138,7 @@ class Slice {
         const auto policy = settings_.threads > 1 ? std::launch::async : std::launch::deferred;
         for (const Group& group : groups) parts.push_back(std::async(policy, [&] { return search_group(group); }));
         for (auto& part : parts) {
-            for (Accepted& frame : part.get()) accepted.push_back(std::move(frame));
+            for (const Accepted& frame : part.get()) accepted.push_back(frame);
         }
         return strongest_of_each(std::move(accepted));
     }

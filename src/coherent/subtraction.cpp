@@ -51,11 +51,12 @@ class MixedDown {
 
 // Means over the middle half of each chip.
 std::vector<Complex> chip_means(const std::vector<Complex>& x, std::size_t chip, std::size_t chips) {
+    const std::size_t margin = chip / 4;
     std::vector<Complex> means(chips);
     for (std::size_t k = 0; k < chips; k++) {
         Complex sum = 0;
-        for (std::size_t i = chip / 4; i < chip - chip / 4; i++) sum += x[(k + 1) * chip + i];
-        means[k] = sum / static_cast<double>(chip - 2 * (chip / 4));
+        for (std::size_t i = margin; i < chip - margin; i++) sum += x[(k + 1) * chip + i];
+        means[k] = sum / static_cast<double>(chip - 2 * margin);
     }
     return means;
 }
