@@ -41,9 +41,11 @@ std::optional<PairMap> pair_map(const Whitened& block, double half_width) {
 
     // A pair's difference is one transform: the samples of its first chip negated.
     for (int32_t row = 0; row < map.rows; row++) {
-        const std::complex<float>* const x = &block.samples[static_cast<std::size_t>(row * hop)];
-        for (int32_t i = 0; i < chip; i++) buffer[static_cast<std::size_t>(i)] = -Complex(x[i]);
-        for (int32_t i = chip; i < 2 * chip; i++) buffer[static_cast<std::size_t>(i)] = Complex(x[i]);
+        const auto x = std::span(block.samples).subspan(static_cast<std::size_t>(row * hop));
+        for (int32_t i = 0; i < chip; i++)
+            buffer[static_cast<std::size_t>(i)] = -Complex(x[static_cast<std::size_t>(i)]);
+        for (int32_t i = chip; i < 2 * chip; i++)
+            buffer[static_cast<std::size_t>(i)] = Complex(x[static_cast<std::size_t>(i)]);
         std::fill(buffer.get() + 2 * chip, buffer.get() + length, Complex{});
         fftw_execute(plan.get());
         float* const out = &map.power[static_cast<std::size_t>(row) * static_cast<std::size_t>(map.columns)];
@@ -101,8 +103,9 @@ std::optional<SegmentMap> segment_map(const Whitened& block, int32_t pairs, doub
     const auto width = static_cast<std::size_t>(differences->columns);
     std::vector<float> sum(width);
     for (int32_t row = 0; row < map.rows; row++) {
-        const std::complex<float>* const x = &block.samples[static_cast<std::size_t>(row * hop)];
-        for (int32_t i = 0; i < window; i++) buffer[static_cast<std::size_t>(i)] = Complex(x[i]);
+        const auto x = std::span(block.samples).subspan(static_cast<std::size_t>(row * hop));
+        for (int32_t i = 0; i < window; i++)
+            buffer[static_cast<std::size_t>(i)] = Complex(x[static_cast<std::size_t>(i)]);
         std::fill(buffer.get() + window, buffer.get() + length, Complex{});
         fftw_execute(plan.get());
         std::fill(sum.begin(), sum.end(), 0.0f);
