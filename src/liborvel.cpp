@@ -219,8 +219,10 @@ int32_t ovl_decode(ovl_decoder* decoder, const float* samples, int32_t n, int32_
     std::array<double, MAX_SPOTS> odds;
     odds.fill(std::numeric_limits<double>::quiet_NaN());
     if (decoder->coherent) {
-        found =
-            ov_add_coherent({decoder->samples.get(), nullptr, n, rate}, params, *decoder->coherent, spots, odds, found);
+        // Never in the place of what the standard searches found.
+        const auto room = static_cast<std::size_t>(std::clamp(max_results, found, MAX_SPOTS));
+        found = ov_add_coherent({decoder->samples.get(), nullptr, n, rate}, params, *decoder->coherent,
+                                std::span(spots).first(room), odds, found);
     }
     const int32_t written = std::min(found, max_results);
     for (std::size_t k = 0; k < static_cast<std::size_t>(written); k++) {

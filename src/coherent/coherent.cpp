@@ -35,7 +35,7 @@ std::vector<Stretch> stretches_of(const ov_baseband& baseband) {
     return stretches;
 }
 
-// The parameters with times that count from `offset_s`; nothing when all limits lie before it.
+// The parameters with times that count from `offset_s`; nothing when a limit lies before it.
 std::optional<ov_params> later(ov_params params, double offset_s) {
     params.start_min -= offset_s;
     params.end_min -= offset_s;

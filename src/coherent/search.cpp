@@ -19,7 +19,7 @@ constexpr double SAME_HZ = 0.6;
 constexpr double SAME_CHIPS = 24;
 constexpr std::size_t SAMPLED = 100'000;  // scores of which the median is taken
 
-// |second − first|² of chip pairs at any row: frequencies `step_hz` apart, from −half upward.
+// |second − first|² of chip pairs at any row: frequencies `column_hz` apart, from −half upward.
 struct PairMap {
     int32_t rows, columns;
     double column_hz;

@@ -522,6 +522,19 @@ TEST(CoherentSearch, ReadsClippedAndVeryLoudAndVeryQuietBlocks) {
     EXPECT_EQ(decode(coherent_decoder(), clipped, settings_for(OVL_ORVEL_S)).results.size(), 1u);
 }
 
+// The coherent one begins first.
+TEST(CoherentSearch, TakesNoRoomFromWhatTheStandardSearchFinds) {
+    const std::vector<float> samples =
+        block_of({{OVL_OPERA, "OH2XYZ", "", 2, 521, 0, -28}, {OVL_OPERA, "K1ABC", "", 12, 480, 0, -12}}, 46);
+    const ovl_settings settings = settings_for(OVL_OPERA);
+    const Found all = decode(coherent_decoder(), samples, settings);
+    ASSERT_EQ(all.results.size(), 2u) << text_of(all);
+    EXPECT_STREQ(all.results[0].call, "OH2XYZ");
+    const Found one = decode(coherent_decoder(), samples, settings, 1);
+    ASSERT_EQ(one.results.size(), 1u);
+    EXPECT_TRUE(same(one.results[0], all.results[1])) << text_of(one);
+}
+
 // Far below what can be read, a known callsign's pattern still shows, and is marked as no more than that.
 TEST(CoherentSearch, KnownCallsignsAreFoundFurtherDown) {
     const std::vector<float> samples = block_of({{OVL_OPERA, "DL1QXA", "", 4.2, 489, -0.02, -31.3}}, 44);
