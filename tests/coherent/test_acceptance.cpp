@@ -4,7 +4,10 @@
 #include <cmath>
 #include <functional>
 
+#include "band.h"
 #include "coherent/acceptance.h"
+#include "coherent/slice.h"
+#include "coherent/tracker.h"
 
 using namespace coherent;
 
@@ -102,6 +105,50 @@ TEST_P(Acceptance, WhatIsNoNumberIsRefused) {
           Change([](Frame& f) { f.off_segments = NAN; }), Change([](Frame& f) { f.on = NAN; })}) {
         EXPECT_FALSE(odds_with(GetParam(), change));
     }
+}
+
+// What a longer frame of another protocol shows of itself in the place of a shorter one is less than the whole of it.
+TEST(EvidenceAround, IsThatOfTheFrameWhichIsReallyThere) {
+    constexpr std::size_t WALK = 1;
+    Random random(3);
+    const Hypothesis sent = {6, 12.3, 0.01};
+    band::Samples samples = band::noise(random, 60);
+    const std::vector<uint8_t> chips = band::random_chips(random, 160);
+    band::add_frame(samples, chips, sent, 1.2);
+    const Whitened block = band::as_white(samples);
+
+    const auto evidence_at = [&](const Hypothesis& at, int32_t n) {
+        std::vector<ChipSum> sums(static_cast<std::size_t>(n));
+        Strip(block, at, n, 1).measure(at, sums);
+        return PhaseTable(sums, 1.2f).evidence(WALK);
+    };
+    Frame frame{};
+    frame.code = &code_of(*ov_protocol_by_id(OVL_ORVEL_S));
+    frame.amplitude = 1.2f;
+    frame.walk = WALK;
+    // Twenty chips into it, at the frequency that it has there.
+    frame.at = {sent.start_s + 20 * band::CHIP_S, sent.f + sent.drift * (20 + 239 / 2.0 - 321 / 2.0) * band::CHIP_S,
+                sent.drift};
+    frame.evidence = evidence_at(frame.at, 239);
+    const double whole = evidence_at(sent, 321);
+    ASSERT_GT(whole, frame.evidence + 15);
+    EXPECT_NEAR(evidence_around(block, frame), whole, 2);
+}
+
+// A frame of a protocol that is not asked for is the best explanation of itself.
+TEST(Groups, HoldEveryProtocolOfALength) {
+    ov_params params;
+    ov_params_default(params);
+    params.protocols = OVL_OPERA;
+    const std::vector<Group> opera = make_groups(params, false);
+    ASSERT_EQ(opera.size(), 1u);
+    EXPECT_EQ(opera[0].codes.size(), 2u);
+    params.protocols = OVL_ORVEL_L;
+    const std::vector<Group> longer = make_groups(params, false);
+    ASSERT_EQ(longer.size(), 1u);
+    ASSERT_EQ(longer[0].codes.size(), 1u);
+    EXPECT_EQ(longer[0].codes[0]->protocol->id, OVL_ORVEL_L);
+    EXPECT_TRUE(longer[0].known.empty());
 }
 
 }  // namespace
