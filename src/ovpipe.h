@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "ovbb.h"
 #include "ovcenc.h"
@@ -88,6 +89,10 @@ int32_t ov_decode_wide(const double* i, const double* q, int32_t n, int32_t rate
 
 // ov_decode_iq for a baseband that was already cut.
 int32_t run(const ov_baseband& bb, const ov_params& params, ov_spot* spots, int32_t max_spots);
+
+// The lowest baseband rate that holds the search band with a margin and 16 samples per chip; nothing when the
+// parameters are invalid or would take excessive memory.
+std::optional<int32_t> baseband_rate(const ov_params& params, int32_t n, int32_t input_rate);
 
 // Decodes one ORVEL mode (0 = S, 1 = L) on the score map of a run and appends to its n spots; drift_range is the run's
 // half-range, Hz/s. Returns the new number of spots.

@@ -135,7 +135,3 @@ void search_opera(const Search& search, CandidateLists& lists, SpotList& spots);
 void search_known(const Search& search, SpotList& spots);
 void search_orvel(const ov_baseband& bb, const ov_specmap& map, const ov_params& params, const ov_protocol& protocol,
                   double drift_range, SpotList& spots);
-
-// The lowest baseband rate that holds the search band with a margin and 16 samples per chip; nothing when the
-// parameters are invalid or would take excessive memory.
-std::optional<int32_t> baseband_rate(const ov_params& params, int32_t n, int32_t input_rate);

@@ -19,11 +19,18 @@ namespace {
 using Complex = std::complex<double>;
 
 constexpr int32_t MIN_SNR_CHIP_SAMPLES = 16;
-constexpr int32_t SNR_GUARD_BINS = 15;  // bins each side of the carrier that are not noise
+constexpr int32_t SNR_GUARD_BINS = 15;    // bins each side of the carrier that are not noise
+constexpr int32_t NARROW_GUARD_BINS = 4;  // where the passband leaves no other
 constexpr std::size_t MIN_SNR_SAMPLES = 200;
 
 double snr_from_ratio(double ratio, double chip_s) {
     return 10.0 * std::log10(std::fmax(ratio, 0.0001) / (chip_s * 2500.0));
+}
+
+double snr_above(double on_mean, std::span<float> noise_powers, double chip_s) {
+    // The upper middle value for an even count, not the mean of two.
+    const double noise = upper_median(noise_powers) / LN2;
+    return snr_from_ratio((on_mean - noise) / noise, chip_s);
 }
 
 // Mean energy of the measured chips that are ON (or OFF); false when there is none.
@@ -58,9 +65,10 @@ void remove_carrier(std::span<const Complex> x, double theta, Complex* out) {
     }
 }
 
-// Powers of the bins away from the carrier in every window from the middle of an ON chip to the middle of the next ON
-// chip. Empty when there is no such window or no memory.
-std::vector<float> noise_powers(const ov_baseband& bb, int32_t chip_len, const ov_hyp& hyp, const uint8_t* on) {
+// Powers of the bins more than `guard` from the carrier in every window from the middle of an ON chip to the middle of
+// the next ON chip, of those bins that are filled where that is given. Empty when there is none or no memory.
+std::vector<float> noise_powers(const ov_baseband& bb, int32_t chip_len, const ov_hyp& hyp, const uint8_t* on,
+                                int32_t guard, std::span<const uint8_t> filled) {
     const auto window = fftw_array<Complex>(chip_len);
     const auto bins = fftw_array<Complex>(chip_len);
     if (!window || !bins) return {};
@@ -84,7 +92,8 @@ std::vector<float> noise_powers(const ov_baseband& bb, int32_t chip_len, const o
         for (int32_t j = 0; j < chip_len; j++) {
             double distance = std::fmod(j - carrier_bin, chip_len);
             if (distance < 0) distance += chip_len;
-            if (std::fmin(distance, chip_len - distance) > SNR_GUARD_BINS) {
+            const bool has_noise = filled.empty() || filled[static_cast<std::size_t>(j)] != 0;
+            if (has_noise && std::fmin(distance, chip_len - distance) > guard) {
                 powers.push_back(static_cast<float>(std::norm(bins.get()[j])));
             }
         }
@@ -111,13 +120,21 @@ double ov_estimate_snr_bb(const ov_baseband& bb, const ov_specmap& map, const ov
 
     std::vector<float> powers;
     try {
-        powers = noise_powers(bb, map.chip_len, hyp, on);
+        powers = noise_powers(bb, map.chip_len, hyp, on, SNR_GUARD_BINS, {});
     } catch (const std::bad_alloc&) {
         powers.clear();
     }
     if (powers.size() < MIN_SNR_SAMPLES) return ov_estimate_snr(hyp, on, chip_s);
+    return snr_above(on_mean, powers, chip_s);
+}
 
-    // The upper middle value for an even count, not the mean of two.
-    const double noise = upper_median(powers) / LN2;
-    return snr_from_ratio((on_mean - noise) / noise, chip_s);
+double ov_estimate_snr_filled(const ov_baseband& bb, int32_t chip_len, const ov_hyp& hyp, const uint8_t* on,
+                              double chip_s, std::span<const uint8_t> filled) {
+    double on_mean = 0;
+    if (!mean_energy(hyp, on, true, on_mean)) return OV_NO_SNR;
+    for (const int32_t guard : {SNR_GUARD_BINS, NARROW_GUARD_BINS}) {
+        std::vector<float> powers = noise_powers(bb, chip_len, hyp, on, guard, filled);
+        if (powers.size() >= MIN_SNR_SAMPLES) return snr_above(on_mean, powers, chip_s);
+    }
+    return OV_NO_SNR;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 #include "ovbb.h"
 #include "ovrecords.h"
@@ -16,3 +17,8 @@ inline constexpr double OV_NO_SNR = -99;  // dB, where it could not be measured
 double ov_estimate_snr(const ov_hyp& hyp, const uint8_t* on, double chip_s);
 double ov_estimate_snr_bb(const ov_baseband& bb, const ov_specmap& map, const ov_hyp& hyp, const uint8_t* on,
                           double chip_s);
+
+// The same where only a part of the baseband holds noise: `filled` has a byte for each bin of a chip-long window, in
+// FFTW's order, nonzero where it does. -99 where too little of that lies beside the carrier. Throws std::bad_alloc.
+double ov_estimate_snr_filled(const ov_baseband& bb, int32_t chip_len, const ov_hyp& hyp, const uint8_t* on,
+                              double chip_s, std::span<const uint8_t> filled);

@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 
+#include "ascii.h"
 #include "liborvel.h"
 
 struct ov_protocol {
@@ -47,14 +48,21 @@ inline constexpr int32_t OV_ALL_PROTOCOLS = [] {
     return mask;
 }();
 
-// The protocol with that id, option name or name; null when there is none.
+constexpr bool ov_same_text(std::string_view a, std::string_view b) {
+    return std::ranges::equal(a, b, {}, ascii_upper, ascii_upper);
+}
+
+// The protocol with that id, that is typed so (its option or its name, in any case), or of that name; null when there
+// is none.
 constexpr const ov_protocol* ov_protocol_by_id(uint32_t id) {
     const auto found = std::ranges::find(
         OV_PROTOCOLS, id, [](const ov_protocol& protocol) { return static_cast<uint32_t>(protocol.id); });
     return found == OV_PROTOCOLS.end() ? nullptr : &*found;
 }
 constexpr const ov_protocol* ov_protocol_by_option(std::string_view option) {
-    const auto found = std::ranges::find(OV_PROTOCOLS, option, &ov_protocol::option);
+    const auto found = std::ranges::find_if(OV_PROTOCOLS, [&](const ov_protocol& protocol) {
+        return ov_same_text(option, protocol.option) || ov_same_text(option, protocol.name);
+    });
     return found == OV_PROTOCOLS.end() ? nullptr : &*found;
 }
 

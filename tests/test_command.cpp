@@ -492,11 +492,56 @@ TEST_F(Command, ATruncatedFileIsDecodedAsFarAsItGoesWithAWarning) {
     EXPECT_NE(result.out.find("DL1QXA"), std::string::npos);
 }
 
-TEST_F(Command, ASearchWiderThanTheRecordingIsOneLine) {
+TEST_F(Command, ASearchWiderThanTheRecordingEndsAtItsBand) {
+    const std::string file = shipped("audio-modes.wav");
+    const auto within = [&](const char* search) {
+        std::map<std::string, double> snrs;
+        for (const std::string& line : lines_of(orvel({"decode", "--json", "--search", search, file}).out)) {
+            const auto object = JsonValue::parse(line);
+            snrs.emplace(object.at("call"), object.at("snr_db"));
+        }
+        return snrs;
+    };
+    const auto narrow = within("200");
+    EXPECT_EQ(narrow.size(), 4u);
+    for (const char* search : {"2000", "1e12"}) {
+        const auto wide = within(search);
+        ASSERT_EQ(wide.size(), narrow.size()) << search;
+        for (const auto& [call, snr] : wide) EXPECT_NEAR(snr, narrow.at(call), 1) << search << " " << call;
+    }
+}
+
+TEST_F(Command, ASearchBesideTheRecordingIsOneLine) {
     const std::string file = shipped("audio-crowded.wav");
-    const ProcessResult result = orvel({"decode", "--search", "1e12", file});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_TRUE(one_line_with(result, {"'" + file + "'", "search band"}));
+    for (const Arguments& search :
+         {Arguments{"--center", "-150"}, {"--center", "4100"}, {"--wide", "--band", "5000:6000"}}) {
+        Arguments all = {"decode", file};
+        all.insert(all.end(), search.begin(), search.end());
+        const ProcessResult result = orvel(all);
+        EXPECT_EQ(result.status, 1);
+        EXPECT_TRUE(one_line_with(result, {"'" + file + "' holds 0 to 4000 Hz, and nothing at"}));
+    }
+    EXPECT_EQ(orvel({"scan", "--band", "5000:6000", file}).status, 1);
+}
+
+TEST_F(Command, CallsignsThatAFrameWouldNotCarryAsTypedAreRefused) {
+    EXPECT_TRUE(usage_error_with({"encode", "K2 QRX"}, {"'K2 QRX': a callsign holds no blank"}));
+    EXPECT_TRUE(usage_error_with({"encode", "3DA0RU"}, {"'3DA0RU': a prefix of that form does not fit"}));
+    EXPECT_TRUE(usage_error_with({"render", "-o", path("x.wav"), "opera=K2Q RX"}, {"a callsign holds no blank"}));
+    EXPECT_TRUE(usage_error_with({"simulate", "-o", path("x.wav"), "opera=K2Q RX"}, {"a callsign holds no blank"}));
+    EXPECT_TRUE(usage_error_with({"decode", "--known", "DL1QXA/P", "x.wav"}, {"--known", "letters and digits only"}));
+}
+
+// Such a frame goes on the air, and nobody's decoder shows it.
+TEST_F(Command, CallsignsThatDecodersDoNotReportAreWarnedOf) {
+    for (const char* call : {"K2", "A1", "123ABC", "00AAA"}) {
+        const ProcessResult result = orvel({"encode", call});
+        EXPECT_EQ(result.status, 0) << call;
+        EXPECT_NE(result.err.find("'" + std::string(call) + "' is not of a form that administrations issue"),
+                  std::string::npos)
+            << call;
+    }
+    EXPECT_EQ(orvel({"encode", "K2QRX"}).err, "");
 }
 
 // ---- Usage ----------------------------------------------------------------------------------------------------------
@@ -529,6 +574,8 @@ TEST_F(Command, WrongUsageIsOneLineAndStatusTwo) {
     EXPECT_TRUE(usage_error_with({"decode", "--no-such-option", file}, {"--no-such-option"}));
     EXPECT_TRUE(usage_error_with({"decode", "--protocols", "opera,morse", file}, {"--protocols", "'morse'"}));
     EXPECT_TRUE(usage_error_with({"decode", "--protocols", ",", file}, {"--protocols"}));
+    EXPECT_EQ(orvel({"decode", "--protocols", "ORVEL S, opera 05", file}).out,
+              orvel({"decode", "--protocols", "orvel-s,opera", file}).out);
     EXPECT_TRUE(usage_error_with({"decode", file, "--center"}, {"--center"}));
 }
 
@@ -543,7 +590,7 @@ TEST_F(Command, NumbersMustBeFiniteAndWidthsNotNegative) {
         EXPECT_TRUE(usage_error_with({"decode", option, "-1", file}, {option, "'-1'"}));
         EXPECT_EQ(orvel({"decode", OPERA, option, "0", file}).status, 0) << option;
     }
-    EXPECT_EQ(orvel({"decode", OPERA, "--center", "-1.5e2", file}).status, 0);
+    EXPECT_EQ(orvel({"decode", OPERA, "--center", "1.5e2", file}).status, 0);
 }
 
 TEST_F(Command, KnownCallsignsAreChecked) {

@@ -98,13 +98,16 @@ TEST(Layers, ProgramsUseOfTheLibraryWhatIsListed) {
         {"ovpipe.h", {}},                                              // decodes of I/Q and of wide bands: everywhere
         {"protocol.h", {}},                                            // the names of the protocols: everywhere
         {"coherent/coherent.h", {"app/decoding/coherent_block.cpp"}},  // the same search of I/Q
-        {"ovscan.h", {"app/decoding/coherent_block.cpp", "tools/scan.cpp"}},  // a scan of I/Q, and of any band
-        {"wavread.h", {"app/recordings/open_recording.cpp"}},                 // the library's readers
+        {"ovscan.h", {"app/decoding/bands.cpp", "tools/scan.cpp"}},    // a scan of I/Q, and of any band
+        {"ovcenc.h", {"app/base/callsign.cpp"}},                       // whether a callsign passes for one
+        {"ovcdec.h", {"app/base/callsign.cpp"}},
+        {"ovpassband.h", {"app/decoding/decode_block.cpp"}},   // SNRs that are right at the edge of a filter
+        {"wavread.h", {"app/recordings/open_recording.cpp"}},  // the library's readers
         {"iqread.h", {"app/recordings/open_recording.cpp"}},
         // Parts of a wide band; one frame chip by chip.
-        {"ovbb.h", {"app/decoding/coherent_block.cpp", "app/pictures/chip_view.cpp"}},
+        {"ovbb.h", {"app/decoding/coherent_block.h", "app/decoding/decode_block.cpp", "app/pictures/chip_view.cpp"}},
         {"ovsync.h", {"app/pictures/chip_view.cpp"}},
-        {"owners.h", {"app/decoding/coherent_block.cpp", "app/pictures/chip_view.cpp"}},
+        {"owners.h", {"app/decoding/decode_block.cpp", "app/pictures/chip_view.cpp"}},
         {"ovfft.h", {"app/pictures/waterfall.cpp"}},  // spectra
     };
     for (const char* const folder : {"app", "tools"}) {

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/callsign.h"
 #include "base/console.h"
 #include "base/error.h"
 #include "base/json.h"
@@ -44,11 +45,14 @@ std::vector<uint8_t> chips_of(uint32_t proto, const Options& options) {
     if (proto != OVL_ORVEL_L && !options.locator.empty()) {
         throw UsageError(std::string(ovl_proto_name(proto)) + " frames carry no locator");
     }
+    if (const std::string problem = callsign_problem(options.call); !problem.empty()) {
+        throw UsageError("'" + options.call + "': " + problem);
+    }
     std::vector<uint8_t> chips(static_cast<std::size_t>(ovl_frame_chips(proto)));
     if (ovl_encode(proto, options.call.c_str(), options.locator.c_str(), chips.data(), ovl_frame_chips(proto)) < 0) {
-        const std::string message = options.call + (options.locator.empty() ? "" : " " + options.locator);
-        throw UsageError("'" + message + "' cannot be carried by a frame");
+        throw UsageError("'" + options.locator + "': expected a locator of 4 or 6 characters, as JO62 or JO62qm");
     }
+    warn_of_doubtful(options.call);
     return chips;
 }
 

@@ -80,7 +80,7 @@ int listen_to_device(const Options& options, const Search& search, ovl_audio* au
     Capture capture(audio, device, options.rate.value_or(0), Listener::ring_seconds(options.listener));
     capture.open();
     try {
-        require_served_rate(audio);
+        require_served(audio, search);
     } catch (const IoError&) {
         capture.close();
         throw;
@@ -129,7 +129,7 @@ int listen_to_stdin(const Options& options, const Search& search, ovl_audio* aud
     if (ovl_audio_start_input(audio, OVL_AUDIO_NONE, rate, Listener::ring_seconds(options.listener)) != 0) {
         throw IoError(ovl_audio_last_error(audio));
     }
-    require_served_rate(audio);
+    require_served(audio, search);
     Output output(options.json, search.coherent);
     Listener listener(search, options.listener, audio, [&](const Found& spot) { output.spot(spot); });
     RawInput input({options.sample_format == "float", options.channels, rate});

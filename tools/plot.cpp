@@ -112,8 +112,8 @@ void write_file(const std::string& path, const std::string& bytes) {
 Range shown_band(const Search& search, int32_t rate) {
     if (search.band) return *search.band;
     if (search.wide) return whole_band(search.iq, rate);
-    const ov_params params = decode_params(search, rate);
-    return {params.center_hz - AROUND * params.search_hz, params.center_hz + AROUND * params.search_hz};
+    const double center = center_of(search);
+    return {center - AROUND * search.search_hz, center + AROUND * search.search_hz};
 }
 
 // The part of a recording that is shown.

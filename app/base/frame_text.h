@@ -12,8 +12,8 @@ struct FrameText {
     std::string locator;  // "" where the protocol has none
 };
 
-// Splits CALL or CALL,LOCATOR. Only the lengths are checked: the coder decides whether a frame can carry them. Throws
-// UsageError.
+// Splits CALL or CALL,LOCATOR. The callsign is one that a frame can carry; of the locator only the length is
+// checked. Throws UsageError.
 //
 //   text       all that the user typed, for the error
 //   protocol   the one named before `value`

@@ -41,5 +41,12 @@ void add_known_file(const std::string& where, const std::string& path, std::vect
 // The band that samples of a rate hold, Hz.
 Range whole_band(bool iq, int32_t rate);
 
-// The decoder's parameters for samples of a rate; they point into `search`.
-ov_params decode_params(const Search& search, int32_t rate);
+// The centre of a search that is not wide, Hz.
+double center_of(const Search& search);
+
+// Throws IoError when samples of a rate hold nothing of the search: its centre, or all of a wide one's band, lies
+// outside theirs. `what` names them.
+void require_within(const std::string& what, const Search& search, int32_t rate);
+
+// The decoder's parameters but for the band ; they point into `search`.
+ov_params decode_params(const Search& search);

@@ -138,9 +138,11 @@ void Listener::release(double captured_s, const Clock& utc) {
     });
 }
 
-void require_served_rate(const ovl_audio* audio) {
+void require_served(const ovl_audio* audio, const Search& search) {
     ovl_audio_stats stats;
     ovl_audio_input_stats(audio, &stats);
-    if (ov_rate_served(static_cast<uint32_t>(stats.rate))) return;
-    throw IoError(format("audio captured at %d Hz cannot be decoded; another --rate may do", stats.rate));
+    if (!ov_rate_served(static_cast<uint32_t>(stats.rate))) {
+        throw IoError(format("audio captured at %d Hz cannot be decoded; another --rate may do", stats.rate));
+    }
+    require_within(format("audio captured at %d Hz", stats.rate), search, stats.rate);
 }

@@ -68,5 +68,6 @@ class Listener {
     int64_t decodes_ = 0;
 };
 
-// Throws IoError when the decoder cannot work with the rate of the captured audio.
-void require_served_rate(const ovl_audio* audio);
+// Throws IoError when the decoder cannot work with the rate of the captured audio, or the audio holds nothing of the
+// search.
+void require_served(const ovl_audio* audio, const Search& search);

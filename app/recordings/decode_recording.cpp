@@ -129,6 +129,7 @@ class Merger {
 
 void decode_recording(Recording& recording, const DecodingOptions& options, double from_s, double to_s,
                       const SpotTaker& taker) {
+    require_within("'" + recording.path() + "'", options.search, recording.rate());
     const std::vector<BlockSpan> blocks = cut(recording, options, from_s, to_s);
     BlockDecoder decoder(recording, options.search);
     Merger merger(taker);

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string_view>
 
+#include "base/callsign.h"
 #include "base/error.h"
 #include "base/frame_text.h"
 #include "base/json.h"
@@ -40,11 +41,13 @@ SimStation complete(const std::string& what, SimStation station) {
     if (station.fading.spread_hz > 0 && station.fading.spread_hz < 1e-3) {
         refuse(what, "spread is out of range (0, or 0.001 to 50)");
     }
+    if (const std::string problem = callsign_problem(station.call); !problem.empty()) refuse(what, problem);
     station.chips.resize(static_cast<std::size_t>(ovl_frame_chips(station.protocol)));
     if (ovl_encode(station.protocol, station.call.c_str(), station.locator.c_str(), station.chips.data(),
                    static_cast<int32_t>(station.chips.size())) < 0) {
-        refuse(what, "cannot encode " + station.call + (station.locator.empty() ? "" : " " + station.locator));
+        refuse(what, "'" + station.locator + "' is no locator of 4 or 6 characters");
     }
+    warn_of_doubtful(station.call);
     return station;
 }
 
@@ -76,10 +79,8 @@ void set_field(const std::string& what, std::string_view name, const std::string
 
 // ---- Files ----------------------------------------------------------------------------------------------------------
 
-// By the name on the command line or the one in results.
 uint32_t protocol_of(const std::string& what, const std::string& name) {
-    const ov_protocol* const by_option = ov_protocol_by_option(name);
-    const ov_protocol* const protocol = by_option != nullptr ? by_option : ov_protocol_by_name(name);
+    const ov_protocol* const protocol = ov_protocol_by_option(name);
     if (protocol == nullptr) refuse(what, "protocol '" + name + "' is not one of " + ov_protocol_options());
     return static_cast<uint32_t>(protocol->id);
 }

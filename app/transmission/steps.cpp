@@ -7,6 +7,7 @@
 #include <new>
 #include <string_view>
 
+#include "base/callsign.h"
 #include "base/error.h"
 #include "base/frame_text.h"
 
@@ -44,6 +45,7 @@ ovl_tx_step parse_step(const std::string& text) {
     const ov_protocol* const protocol = ov_protocol_by_option(name);
     if (protocol == nullptr) refuse(text, "a step is one of " + ov_protocol_options() + ", carrier, pause");
     const FrameText frame = parse_frame(text, *protocol, value);
+    warn_of_doubtful(frame.call);
     step.kind = OVL_TX_FRAME;
     step.protocol = protocol->id;
     frame.call.copy(step.call, sizeof step.call - 1);

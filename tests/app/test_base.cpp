@@ -12,11 +12,13 @@
 #include <utility>
 #include <vector>
 
+#include "base/callsign.h"
 #include "base/console.h"
 #include "base/parse.h"
 #include "base/progress.h"
 #include "base/text.h"
 #include "base/utc.h"
+#include "ovcenc.h"
 
 namespace {
 
@@ -328,6 +330,33 @@ TEST(ProgressText, OneSpotIsNoSpots) {
 TEST(ProgressText, AJobOfNoLengthIsDone) {
     EXPECT_EQ(progress(0, 0, 0, 0), "#################### 100 % 0 spots");
     EXPECT_EQ(progress(0, 0, 1, 0), "#################### 100 % 0 spots");
+}
+
+// ---- Callsigns ------------------------------------------------------------------------------------------------------
+
+// What the coder would drop, a text behind a blank, is a problem as well.
+TEST(Callsigns, AProblemIsWhatTheCoderRefusesOrDrops) {
+    const std::string characters = "aB07 /";
+    int32_t fine = 0;
+    for (int32_t length = 0; length <= 6; length++) {
+        const auto count = static_cast<int32_t>(std::lround(std::pow(characters.size(), length)));
+        for (int32_t number = 0; number < count; number++) {
+            std::string call;
+            for (int32_t k = 0, rest = number; k < length; k++, rest /= 6) {
+                call += characters[static_cast<std::size_t>(rest % 6)];
+            }
+            char normalised[7];
+            const bool coded = ov_normalize_call(call.c_str(), normalised) == 0;
+            const std::size_t blank = call.find(' ', call.find_first_not_of(' '));
+            const bool dropped = blank != std::string::npos && call.find_first_not_of(' ', blank) != std::string::npos;
+            const bool taken = callsign_problem(call).empty();
+            ASSERT_EQ(taken, coded && !dropped) << "'" << call << "'";
+            fine += taken ? 1 : 0;
+        }
+    }
+    EXPECT_GT(fine, 100);
+    EXPECT_EQ(callsign_problem("ABCDEFG"), "a frame holds at most 6 characters");
+    EXPECT_EQ(callsign_problem("K2QRXY"), "at most three letters may follow the digit");
 }
 
 }  // namespace

@@ -36,7 +36,8 @@ TEST(Steps, EveryKindIsRead) {
     EXPECT_EQ(pause.kind, OVL_TX_PAUSE);
     EXPECT_EQ(pause.seconds, 10);
     EXPECT_EQ(pause.keep_keyed, 0);
-    EXPECT_STREQ(parse_step("opera=ABCDEFGHIJKLMNO").call, "ABCDEFGHIJKLMNO");  // 15 characters: the library judges
+    EXPECT_EQ(parse_step("ORVEL S=K2QRX").protocol, OVL_ORVEL_S);  // as results name it
+    EXPECT_EQ(parse_step("Opera=K2QRX").protocol, OVL_OPERA);
     EXPECT_STREQ(parse_step("orvel-l=DL1QXA,ABCDEFG").locator, "ABCDEFG");
 }
 
@@ -58,13 +59,14 @@ TEST(Steps, WhatIsNoStepIsRefusedWithTheReason) {
     for (const char* text : {"", "opera", "K2QRX", "carrier 2"}) {
         EXPECT_EQ(step_error(text), "'" + std::string(text) + "': a step is NAME=VALUE");
     }
-    for (const char* text : {"morse=K2QRX", "=K2QRX", "OPERA=K2QRX", " opera=K2QRX", "opera =K2QRX", "orvel=K2QRX"}) {
+    for (const char* text : {"morse=K2QRX", "=K2QRX", " opera=K2QRX", "opera =K2QRX", "orvel=K2QRX"}) {
         EXPECT_EQ(step_error(text),
                   "'" + std::string(text) + "': a step is one of opera, orvel-s, orvel-l, carrier, pause");
     }
-    for (const char* text : {"opera=", "orvel-s=", "orvel-l=", "orvel-l=,JO31", "opera=ABCDEFGHIJKLMNOP", "opera=,"}) {
-        EXPECT_EQ(step_error(text), "'" + std::string(text) + "': expected a callsign of 1 to 15 characters");
+    for (const char* text : {"opera=", "orvel-s=", "orvel-l=", "orvel-l=,JO31", "opera=,"}) {
+        EXPECT_EQ(step_error(text), "'" + std::string(text) + "': a callsign is missing");
     }
+    EXPECT_EQ(step_error("opera=K2 QRX"), "'opera=K2 QRX': a callsign holds no blank");
     EXPECT_EQ(step_error("orvel-l=DL1QXA"), "'orvel-l=DL1QXA': an ORVEL L frame needs a locator: orvel-l=CALL,LOCATOR");
     for (const char* text : {"orvel-l=DL1QXA,", "orvel-l=DL1QXA,ABCDEFGH"}) {
         EXPECT_EQ(step_error(text), "'" + std::string(text) + "': expected a locator of 4 or 6 characters");
@@ -148,7 +150,8 @@ TEST(Steps, WhatTheLibraryRefusesIsRefusedInItsWords) {
         EXPECT_EQ(with([=](Transmission& o) { o.steps = {step}; }),
                   "carrier or pause duration out of range (0.05-3600 s)");
     }
-    EXPECT_EQ(with([](Transmission& o) { o.steps = {"opera=G4/QZB"}; }), "cannot encode G4/QZB");
+    EXPECT_EQ(with([](Transmission& o) { o.steps = {"opera=G4/QZB"}; }),
+              "'opera=G4/QZB': a callsign holds letters and digits only");
     EXPECT_EQ(with([](Transmission& o) { o.steps = {"orvel-l=G4QZB,ZZ99"}; }), "cannot encode G4QZB ZZ99");
 }
 

@@ -1,0 +1,188 @@
+// Decodes of one block: the bands that it is cut into, neighbours in them, and SNRs beside a filter's edge.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <complex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "decoding/bands.h"
+#include "decoding/decode_block.h"
+#include "ovfft.h"
+#include "siggen.h"
+
+namespace {
+
+Search search_of(double center_hz, double search_hz) {
+    Search search;
+    search.center_hz = center_hz;
+    search.search_hz = search_hz;
+    search.protocols = OVL_OPERA;
+    return search;
+}
+
+Station station(const std::string& call, double freq_hz, double snr_db, double t_start = 5) {
+    return {.chips = opera_chips(call), .t_start = t_start, .freq_hz = freq_hz, .snr_db = snr_db};
+}
+
+// Leaves of real samples the frequencies between two.
+void filter(std::vector<double>& samples, int32_t rate, double low_hz, double high_hz) {
+    const auto n = static_cast<int32_t>(samples.size());
+    const auto bins = fftw_array<std::complex<double>>(n);
+    std::copy(samples.begin(), samples.end(), bins.get());
+    fftw_execute(plan_complex(n, bins.get(), bins.get(), FFTW_FORWARD).get());
+    for (int32_t k = 0; k < n; k++) {
+        const double f = std::min(k, n - k) * (static_cast<double>(rate) / n);
+        if (f < low_hz || f > high_hz) bins[static_cast<std::size_t>(k)] = 0;
+    }
+    fftw_execute(plan_complex(n, bins.get(), bins.get(), FFTW_BACKWARD).get());
+    for (int32_t k = 0; k < n; k++) samples[static_cast<std::size_t>(k)] = bins[static_cast<std::size_t>(k)].real() / n;
+}
+
+// ---- Bands ----------------------------------------------------------------------------------------------------------
+
+const std::vector<double> SILENCE(8000);
+const Block AUDIO = {SILENCE, {}, 8000};
+
+TEST(Bands, UpTo250HzEachSideAreDecodedAtOnce) {
+    for (const double half : {0.0, 60.0, 200.0, 250.0}) EXPECT_TRUE(is_one_band(search_of(1500, half)));
+    EXPECT_FALSE(is_one_band(search_of(1500, 251)));
+}
+
+TEST(Bands, AWiderSearchIsCoveredByNeighboursWithinTheBandOfTheSamples) {
+    for (const double half : {251.0, 400.0, 1000.0, 2000.0, 1e9}) {
+        const auto bands = bands_of(AUDIO, search_of(1500, half));
+        ASSERT_TRUE(bands && !bands->empty());
+        const double first = std::max(0.0, 1500 - half);
+        const double last = std::min(4000.0, 1500 + half);
+        EXPECT_NEAR(bands->front().center_hz - bands->front().half_hz, first, 1e-6);
+        EXPECT_NEAR(bands->back().center_hz + bands->back().half_hz, last, 1e-6);
+        for (std::size_t k = 0; k < bands->size(); k++) {
+            EXPECT_LE((*bands)[k].half_hz, MOST_BAND_HZ / 2);
+            if (k == 0) continue;
+            const double overlap =
+                (*bands)[k - 1].center_hz + (*bands)[k - 1].half_hz - ((*bands)[k].center_hz - (*bands)[k].half_hz);
+            EXPECT_NEAR(overlap, 4, 1e-6);
+        }
+    }
+}
+
+TEST(Bands, ASearchBesideTheBandOfTheSamplesHasNone) {
+    const auto bands = bands_of(AUDIO, search_of(9000, 1000));
+    ASSERT_TRUE(bands);
+    EXPECT_TRUE(bands->empty());
+}
+
+// ---- Neighbours -----------------------------------------------------------------------------------------------------
+
+// Of two stations close together the weaker does not stand out by itself.
+TEST(WideBlock, FindsBothOfTwoNeighboursAtAnySpacingEachOnce) {
+    Random random(11);
+    for (const double spacing : {12.0, 16.0, 21.0, 24.0, 29.0, 45.0}) {
+        Scene scene;
+        scene.rate = 6000;
+        scene.seconds = 42;
+        scene.seed = random.next();
+        std::multiset<std::string> sent;
+        for (int32_t pair = 0; pair < 3; pair++) {
+            for (const int32_t weaker : {0, 1}) {
+                const std::string call = random.callsign();
+                sent.insert(call);
+                scene.stations.push_back(station(call, -1400 + 1100.0 * pair + weaker * spacing,
+                                                 weaker != 0 ? -16 : -10, random.uniform(1, 10)));
+            }
+        }
+        const IqSamples samples = render_iq(scene);
+        Search search;
+        search.iq = true;
+        search.wide = true;
+        search.protocols = OVL_OPERA;
+        const auto found = decode_block({samples.i, samples.q, scene.rate}, search);
+        ASSERT_TRUE(found);
+        std::multiset<std::string> calls;
+        for (const Found& spot : *found) calls.insert(spot.call);
+        EXPECT_EQ(calls, sent) << spacing;
+    }
+}
+
+// ---- SNR ------------------------------------------------------------------------------------------------------------
+
+class Passband : public testing::Test {
+  protected:
+    // The SNRs found in audio through a filter, less those sent.
+    std::vector<double> errors(double low_hz, double high_hz, const Search& search, const std::vector<double>& freqs) {
+        Scene scene;
+        scene.rate = 8000;
+        scene.seconds = 40;
+        Random random(5);
+        for (const double freq : freqs) scene.stations.push_back(station(random.callsign(), freq, -14));
+        std::vector<double> samples = render_real(scene);
+        filter(samples, scene.rate, low_hz, high_hz);
+        const auto found = decode_block({samples, {}, scene.rate}, search);
+        EXPECT_TRUE(found && found->size() == freqs.size());
+        std::vector<double> out;
+        for (const Found& spot : *found) out.push_back(spot.snr + 14);
+        return out;
+    }
+};
+
+TEST_F(Passband, SnrIsRightWhereTheSearchIsWiderThanTheFilter) {
+    for (const double search_hz : {1000.0, 1400.0, 3000.0}) {
+        for (const double error : errors(300, 2700, search_of(1500, search_hz), {700, 1500, 2300})) {
+            EXPECT_NEAR(error, 0, 1) << search_hz;
+        }
+    }
+}
+
+TEST_F(Passband, SnrIsRightBesideTheEdgesOfAFilterAndOfTheBand) {
+    for (const double error : errors(300, 2700, search_of(330, 200), {330})) EXPECT_NEAR(error, 0, 1.2);
+    for (const double error : errors(300, 2700, search_of(2600, 200), {2670})) EXPECT_NEAR(error, 0, 1.2);
+    for (const double error : errors(0, 4000, search_of(100, 200), {60})) EXPECT_NEAR(error, 0, 1.2);
+    for (const double error : errors(0, 4000, search_of(3950, 250), {3950})) EXPECT_NEAR(error, 0, 1.2);
+}
+
+TEST_F(Passband, SnrIsRightThroughATelegraphyFilter) {
+    for (const double width : {120.0, 200.0, 400.0}) {
+        for (const double error : errors(1500 - width / 2, 1500 + width / 2, search_of(1500, 200), {1495})) {
+            EXPECT_NEAR(error, 0, 1.5) << width;
+        }
+    }
+}
+
+// Where nothing is missing the library's value stands, also beside strong carriers and keyed neighbours.
+TEST_F(Passband, SnrIsTheLibrarysWhereNoiseFillsTheBaseband) {
+    Scene scene;
+    scene.rate = 8000;
+    scene.seconds = 40;
+    Random random(5);
+    scene.stations = {station(random.callsign(), 1500, -14), station(random.callsign(), 1540, 5),
+                      station(random.callsign(), 1420, 0)};
+    scene.stations.push_back({.chips = std::vector<uint8_t>(310, 1), .freq_hz = 1600, .snr_db = 15});
+    const std::vector<double> samples = render_real(scene);
+    const Search search = search_of(1500, 200);
+    const auto found = decode_block({samples, {}, scene.rate}, search);
+    ov_params params = decode_params(search);
+    params.max_cands = 120;
+    std::vector<ov_spot> spots(64);
+    spots.resize(static_cast<std::size_t>(
+        ov_decode_real(samples.data(), static_cast<int32_t>(samples.size()), scene.rate, params, spots.data(), 64)));
+    ASSERT_TRUE(found && found->size() == 3);
+    ASSERT_EQ(spots.size(), 3u);
+    for (std::size_t k = 0; k < 3; k++) EXPECT_EQ((*found)[k].snr, spots[k].snr);
+}
+
+TEST_F(Passband, DigitalSilenceAroundAFrameIsNoPassband) {
+    Scene scene;
+    scene.rate = 8000;
+    scene.seconds = 40;
+    scene.noise = false;
+    scene.stations = {station("K2QRX", 1500, 0)};
+    const std::vector<double> samples = render_real(scene);
+    const auto found = decode_block({samples, {}, scene.rate}, search_of(1500, 200));
+    ASSERT_TRUE(found && found->size() == 1);
+    EXPECT_GT(found->front().snr, 10);
+}
+
+}  // namespace
