@@ -149,6 +149,62 @@ TEST_F(OnAir, WhatIsSentIsReceivedAndAStalledInputIsReopened) {
     EXPECT_EQ(listener->read_rest(1), "") << "the frame was printed once";
 }
 
+class OnAirBehindALoss : public OnAir {
+  protected:
+    // What `pactl` prints.
+    std::string server_does(const Arguments& arguments) const {
+        Arguments all = {"/usr/bin/pactl"};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        const ProcessResult result = run_process(all, surroundings());
+        EXPECT_EQ(result.status, 0) << result.err;
+        return result.out;
+    }
+
+    // Sends a frame that begins `behind_s` after the input was disturbed, and expects that listening tells when.
+    void expect_the_right_time(const std::function<void()>& disturb, double behind_s) {
+        const auto listener = begin({"listen", "--json", "--every", "2", "--hold-off", "0", "--protocols", "orvel-s"});
+        sleep_s(7);
+        disturb();
+        const double start = std::ceil(utc_now() + behind_s);
+        ProcessInput deep = surroundings();
+        for (const auto& variable : deep_buffers()) deep.environment.push_back(variable);
+        const ProcessResult sent = orvel({"send", "--at", utc_text(start, 0), "orvel-s=K2QRX"}, deep);
+        EXPECT_EQ(sent.out, utc_text(start, 3) + "  sent\n") << sent.err;
+        const auto line = listener->read_line(10);
+        ASSERT_TRUE(line.has_value()) << messages();
+        const auto heard = parse_utc(JsonValue::parse(*line).at("utc_start").text(), 0);
+        ASSERT_TRUE(heard.has_value()) << *line;
+        EXPECT_NEAR(*heard, start - DEEP_BUFFER_S, 0.2);
+        listener->send_signal(SIGINT);
+        EXPECT_EQ(end_of(*listener, 6), 0);
+    }
+};
+
+TEST_F(OnAirBehindALoss, AnotherSourceKeepsTheTime) {
+    server_does({"load-module", "module-null-sink", "sink_name=another"});
+    server_does({"set-default-sink", "orvel_test"});
+    const auto move = [&] {
+        const std::string output = server_does({"list", "short", "source-outputs"});
+        const std::string number = output.substr(0, output.find('\t'));
+        for (int k = 0; k < 3; k++) {
+            for (const char* const source : {"another.monitor", "orvel_test.monitor"}) {
+                server_does({"move-source-output", number, source});
+                sleep_s(0.3);
+            }
+        }
+    };
+    expect_the_right_time(move, 4);
+}
+
+TEST_F(OnAirBehindALoss, AServerThatStoodStillKeepsTheTime) {
+    const auto stall = [&] {
+        server_->pause();
+        sleep_s(3);
+        server_->resume();
+    };
+    expect_the_right_time(stall, 4);
+}
+
 TEST_F(OnAir, CtrlCPrintsWhatWasReceivedSinceTheLastDecode) {
     const auto listener = begin({"listen", "--json", "--every", "15", "--protocols", "opera"});
     sleep_s(3);
