@@ -17,6 +17,7 @@
 #include "exit_status.h"
 #include "listening/devices.h"
 #include "options.h"
+#include "ovaudio.h"
 
 namespace {
 
@@ -34,6 +35,7 @@ struct Options {
     std::string every;
     std::string offset;
     int32_t times = 0;
+    bool strict = false;
 };
 
 // When to send: once, or in slots.
@@ -81,7 +83,20 @@ std::string step_text(const Transmission& transmission, const ovl_tx_progress& p
 
 // ---- Sending --------------------------------------------------------------------------------------------------------
 
-enum class Outcome { SENT, STOPPED, FAILED };
+enum class Outcome { SENT, WITH_GAPS, STOPPED, FAILED };
+
+const char* name_of(Outcome outcome) {
+    switch (outcome) {
+        case Outcome::SENT:
+        case Outcome::WITH_GAPS:
+            return "sent";
+        case Outcome::STOPPED:
+            return "stopped";
+        case Outcome::FAILED:
+            return "failed";
+    }
+    return "";
+}
 
 // Follows a transmission to its end; Ctrl-C ends it with a soft ramp.
 Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const Transmission& transmission, double start) {
@@ -124,7 +139,9 @@ Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const Transmission& transm
         print_error("the output device is gone");
         return Outcome::FAILED;
     }
-    return stopping ? Outcome::STOPPED : Outcome::SENT;
+    const int32_t gaps = ova_output_underflows(audio);
+    if (gaps > 0) print_error(format("the transmission has gaps: the output ran out of samples (%d times)", gaps));
+    return stopping ? Outcome::STOPPED : gaps > 0 ? Outcome::WITH_GAPS : Outcome::SENT;
 }
 
 // Sends once; start 0 = at once.
@@ -153,10 +170,7 @@ Outcome send_once(ovl_audio* audio, ovl_transmitter* tx, int32_t device, const T
     }
     if (start > 0 && started > start + LATE_S) print_error(format("started %.2f s late", started - start));
     if (started > 0) {
-        print(format("%s  %s\n", utc_text(started, 3).c_str(),
-                     outcome == Outcome::SENT      ? "sent"
-                     : outcome == Outcome::STOPPED ? "stopped"
-                                                   : "failed"));
+        print(format("%s  %s\n", utc_text(started, 3).c_str(), name_of(outcome)));
     }
     return outcome;
 }
@@ -175,7 +189,8 @@ int send(const Options& options) {
     for (int32_t n = 0; schedule.times == 0 || n < schedule.times; n++) {
         const Outcome outcome = send_once(audio.get(), tx.get(), device, options.transmission, schedule.start);
         if (!flush_output()) return EXIT_FAILED;
-        if (outcome != Outcome::SENT) status = EXIT_FAILED;
+        const bool good = outcome == Outcome::SENT || (outcome == Outcome::WITH_GAPS && !options.strict);
+        if (!good) status = EXIT_FAILED;
         if (outcome == Outcome::STOPPED || interrupted()) break;
         if (!schedule.period_s) break;
         const double next = std::max(utc_now() + OPEN_AHEAD_S, schedule.start + *schedule.period_s / 2);
@@ -207,6 +222,7 @@ void add_send(CLI::App& app, int& status) {
         ->type_name("N")
         ->check(CLI::PositiveNumber)
         ->needs(every);
+    sub->add_flag("--strict", options->strict, "Exit with 1 when a transmission had gaps, too");
     sub->footer(step_help() +
                 "\n\nCtrl-C ends a transmission with a soft ramp. Lengths are in seconds, or end in s, m or h.");
     sub->callback([options, &status] { status = send(*options); });
