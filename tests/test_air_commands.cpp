@@ -970,6 +970,14 @@ TEST_F(AirCommands, WhatCannotBeSentIsWrongUsage) {
         {{"carrier=1", "--every", "10m", "--times", "0"}, {"--times"}},
         {{"carrier=1", "--every", "10m", "--times", "-1"}, {"--times"}},
         {{"carrier=1", "--every", "10m", "--times", "x"}, {"--times"}},
+        {{"carrier=1", "--ptt", "vox"}, {"--ptt", "'vox' is not serial:PORT:rts"}},
+        {{"carrier=1", "--ptt", ""}, {"--ptt"}},
+        {{"carrier=1", "--ptt", "serial:/dev/null:cts"}, {"--ptt", "cts"}},
+        {{"carrier=1", "--ptt", "serial:/:rts"}, {"'/' is no serial port"}},
+        {{"carrier=1", "--ptt", "rigctld:localhost:0"}, {"--ptt", "'0' is no port"}},
+        {{"carrier=1", "--ptt-command", "/nonexistent"}, {"--ptt-command", "no program '/nonexistent'"}},
+        {{"carrier=1", "--ptt-command", ""}, {"--ptt-command", "no program ''"}},
+        {{"carrier=1", "--ptt-command", "true", "--ptt", "vox"}, {"--ptt", "--ptt-command"}},
     };
     for (const auto& [options, texts] : wrong) {
         Arguments all = {"send"};

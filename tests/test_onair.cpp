@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -297,6 +298,149 @@ TEST_F(OnAir, AnOutputThatStallsIsReported) {
     EXPECT_EQ(end_of(*sender, 20), 1);
     EXPECT_NE(messages().find("orvel: the output device has stalled"), std::string::npos) << messages();
     server_->resume();
+}
+
+// A machine that is too slow, or is put to sleep, for a second.
+TEST_F(OnAir, GapsAreReportedAndCountWhenStrict) {
+    for (const bool strict : {false, true}) {
+        Arguments arguments = {"send", "carrier=4"};
+        if (strict) arguments.emplace_back("--strict");
+        const auto sender = begin(arguments);
+        sleep_s(2);
+        sender->send_signal(SIGSTOP);
+        sleep_s(1);
+        sender->send_signal(SIGCONT);
+        EXPECT_EQ(end_of(*sender, 15), strict ? 1 : 0);
+        EXPECT_NE(messages().find("orvel: the transmission has a gap: the output ran out of samples\n"),
+                  std::string::npos)
+            << messages();
+        EXPECT_TRUE(sender->read_rest(1).ends_with("  sent\n"));
+    }
+}
+
+// ---- Keying a transmitter -------------------------------------------------------------------------------------------
+
+class OnAirKeyed : public OnAir {
+  protected:
+    // A program that notes when it is told what.
+    std::string keying_program() const {
+        const std::string file = write("key", "#!/bin/sh\necho \"$1 $(date +%s.%N)\" >> " + path("keyed") + "\n");
+        std::filesystem::permissions(file, std::filesystem::perms::owner_all);
+        return file;
+    }
+    struct Keyed {
+        std::string word;
+        double at;
+    };
+    std::vector<Keyed> keyed() const {
+        std::vector<Keyed> all;
+        std::ifstream file(path("keyed"));
+        for (Keyed one; file >> one.word >> one.at;) all.push_back(one);
+        return all;
+    }
+    std::string words() const {
+        std::string text;
+        for (const Keyed& one : keyed()) text += one.word + " ";
+        return text;
+    }
+};
+
+TEST_F(OnAirKeyed, BeforeTheSoundAndReleasedBehindIt) {
+    const double at = std::ceil(utc_now()) + 5;
+    for (const Arguments& when : {Arguments{}, {"--at", utc_text(at, 0)}}) {
+        std::filesystem::remove(path("keyed"));
+        Arguments arguments = {"send", "carrier=1", "--ptt-command", keying_program()};
+        arguments.insert(arguments.end(), when.begin(), when.end());
+        const ProcessResult sent = orvel(arguments, surroundings());
+        EXPECT_EQ(sent.status, 0) << sent.err;
+        const auto start = parse_utc(sent.out.substr(0, sent.out.find(' ')), 0);
+        ASSERT_TRUE(start.has_value()) << sent.out;
+        ASSERT_EQ(words(), "on off ");
+        EXPECT_LT(keyed()[0].at, *start);
+        EXPECT_GT(keyed()[0].at, *start - (when.empty() ? 5 : 1.05));
+        EXPECT_GT(keyed()[1].at, *start + 1);
+        EXPECT_LT(keyed()[1].at, *start + 5);
+    }
+}
+
+TEST_F(OnAirKeyed, AnewForEachTransmission) {
+    EXPECT_EQ(orvel({"send", "carrier=0.3", "--every", "4", "--times", "2", "--ptt-command", keying_program()},
+                    surroundings())
+                  .status,
+              0);
+    EXPECT_EQ(words(), "on off on off ");
+}
+
+TEST_F(OnAirKeyed, IsReleasedWhateverEndsTheTransmission) {
+    const std::string program = keying_program();
+    const Arguments arguments = {"send", "carrier=30", "--ptt-command", program};
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGKILL, SIGSEGV}) {
+        std::filesystem::remove(path("keyed"));
+        const auto sender = begin(arguments);
+        ASSERT_TRUE(holds_within(10, [&] { return words() == "on "; }));
+        sleep_s(0.5);
+        sender->send_signal(signal);
+        sender->wait(5);
+        EXPECT_TRUE(holds_within(3, [&] { return words() == "on off "; })) << signal << ": " << words();
+    }
+    {
+        std::filesystem::remove(path("keyed"));
+        const auto sender = begin(arguments);
+        ASSERT_TRUE(holds_within(10, [&] { return words() == "on "; }));
+        server_->pause();  // so that no ramp ends
+        sender->send_signal(SIGTERM);
+        sleep_s(0.2);
+        sender->send_signal(SIGTERM);
+        sender->wait(5);
+        EXPECT_TRUE(holds_within(3, [&] { return words() == "on off "; })) << words();
+        server_->resume();
+    }
+    std::filesystem::remove(path("keyed"));
+    const auto sender = begin(arguments);
+    ASSERT_TRUE(holds_within(10, [&] { return words() == "on "; }));
+    sleep_s(0.5);
+    server_->crash();
+    EXPECT_EQ(end_of(*sender, 15), 1);
+    EXPECT_EQ(words(), "on off ");
+}
+
+TEST_F(OnAirKeyed, WithoutSuccessNothingIsSent) {
+    const std::string file = write("key", "#!/bin/sh\necho no rig here >&2; test $1 = off\n");
+    std::filesystem::permissions(file, std::filesystem::perms::owner_all);
+    for (const Arguments& when : {Arguments{}, {"--at", utc_text(std::ceil(utc_now()) + 4, 0)}}) {
+        Arguments arguments = {"send", "carrier=1", "--ptt-command", file};
+        arguments.insert(arguments.end(), when.begin(), when.end());
+        const ProcessResult sent = orvel(arguments, surroundings());
+        EXPECT_EQ(sent.status, 1);
+        EXPECT_EQ(sent.out, "");
+        EXPECT_EQ(sent.err, "orvel: cannot run '" + file + " on': exit status 1: no rig here\n");
+    }
+}
+
+// Hamlib's own program with its rig for tests.
+TEST_F(OnAirKeyed, ByRigctld) {
+    constexpr const char* RIGCTLD = "/usr/bin/rigctld";
+    constexpr const char* RIGCTL = "/usr/bin/rigctl";
+    if (!std::filesystem::exists(RIGCTLD)) GTEST_SKIP() << "rigctld is not installed";
+    const std::string port = std::to_string(20000 + getpid() % 20000);
+    RunningProcess rig({RIGCTLD, "-m", "1", "-P", "RIG", "-T", "127.0.0.1", "-t", port});
+    const auto is_keyed = [&] { return run_process({RIGCTL, "-m", "2", "-r", "127.0.0.1:" + port, "get_ptt"}).out; };
+    ASSERT_TRUE(holds_within(10, [&] { return is_keyed() == "0\n"; }));
+    for (const int signal : {0, SIGTERM, SIGKILL}) {
+        const auto sender = begin({"send", "carrier=4", "--ptt", "rigctld:127.0.0.1:" + port});
+        EXPECT_TRUE(holds_within(10, [&] { return is_keyed() == "1\n"; })) << messages();
+        if (signal != 0) sender->send_signal(signal);
+        EXPECT_TRUE(holds_within(10, [&] { return is_keyed() == "0\n"; })) << signal;
+        EXPECT_EQ(end_of(*sender, 10), signal == 0 ? 0 : signal == SIGTERM ? 1 : -SIGKILL) << messages();
+        EXPECT_EQ(messages(), "");
+    }
+    rig.send_signal(SIGTERM);
+    rig.wait(5);
+    const ProcessResult without =
+        orvel({"send", "carrier=1", "--at", utc_text(utc_now() + 3600, 0), "--ptt", "rigctld:127.0.0.1:" + port},
+              surroundings());
+    EXPECT_EQ(without.status, 1);
+    EXPECT_TRUE(one_line_with(without, {"cannot use rigctld at 127.0.0.1 port " + port, "Connection refused"}));
 }
 
 }  // namespace

@@ -18,11 +18,13 @@
 #include "listening/devices.h"
 #include "options.h"
 #include "ovaudio.h"
+#include "transmission/keyer.h"
 
 namespace {
 
 constexpr double OPEN_AHEAD_S = 3;  // the device is opened this long before the start: on a busy machine it takes long
 constexpr double LATE_S = 0.05;     // a transmission later than this is reported
+constexpr double KEY_AHEAD_S = 1;   // a transmitter is keyed this long before the start: relays, and slow programs
 constexpr double POLL_S = 0.1;
 constexpr double STALL_S = 5;  // without a sample rendered: the device has stalled
 constexpr double CLOSE_S = 3;  // time that a device gets to close
@@ -36,6 +38,8 @@ struct Options {
     std::string offset;
     int32_t times = 0;
     bool strict = false;
+    std::optional<std::string> ptt_command;
+    std::optional<std::string> ptt;
 };
 
 // When to send: once, or in slots.
@@ -98,8 +102,21 @@ const char* name_of(Outcome outcome) {
     return "";
 }
 
-// Follows a transmission to its end; Ctrl-C ends it with a soft ramp.
-Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const Transmission& transmission, double start) {
+std::unique_ptr<Ptt> ptt_of(const Options& options) {
+    if (options.ptt_command) return make_command_ptt(*options.ptt_command);
+    return options.ptt ? make_ptt(*options.ptt) : nullptr;
+}
+
+// Keys the transmitter when it is time.
+void key_in_time(Keyer& keyer, double start) {
+    if (keyer.keyed() || !keyer.has_ptt() || utc_now() < start - KEY_AHEAD_S) return;
+    keyer.key();
+    const double late_s = utc_now() - start;
+    if (start > 0 && late_s > 0) print_error(format("keyed the transmitter %.2f s late", late_s));
+}
+
+// Follows a transmission to its end; Ctrl-C ends it with a soft ramp. Throws IoError when it cannot be keyed.
+Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const Transmission& transmission, double start, Keyer& keyer) {
     StatusLine line;
     ovl_tx_progress progress{};
     double moved_at = monotonic_now();
@@ -112,6 +129,7 @@ Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const Transmission& transm
             if (ovl_audio_output_started(audio) == 0) return Outcome::STOPPED;
             ovl_tx_stop(tx);
         }
+        if (!stopping) key_in_time(keyer, start);
         ovl_tx_status(tx, &progress);
         const double now = monotonic_now();
         const bool waiting = ovl_audio_output_started(audio) == 0 && utc_now() < start;
@@ -140,13 +158,16 @@ Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const Transmission& transm
         return Outcome::FAILED;
     }
     const int32_t gaps = ova_output_underflows(audio);
-    if (gaps > 0) print_error(format("the transmission has gaps: the output ran out of samples (%d times)", gaps));
+    if (gaps > 0) {
+        const std::string count = gaps == 1 ? "a gap" : format("%d gaps", gaps);
+        print_error("the transmission has " + count + ": the output ran out of samples");
+    }
     return stopping ? Outcome::STOPPED : gaps > 0 ? Outcome::WITH_GAPS : Outcome::SENT;
 }
 
 // Sends once; start 0 = at once.
-Outcome send_once(ovl_audio* audio, ovl_transmitter* tx, int32_t device, const Transmission& transmission,
-                  double start) {
+Outcome send_once(ovl_audio* audio, ovl_transmitter* tx, int32_t device, const Transmission& transmission, double start,
+                  Keyer& keyer) {
     if (start > 0) {
         StatusLine line;
         line.show(format("waiting for %s", utc_text(start, 0).c_str()));
@@ -156,11 +177,15 @@ Outcome send_once(ovl_audio* audio, ovl_transmitter* tx, int32_t device, const T
         if (interrupted()) return Outcome::STOPPED;
     }
     start_transmitter(tx, transmission);
-    if (ovl_audio_start_output_at(audio, device, tx, start) != 0) {
-        print_error(ovl_audio_last_error(audio));
-        return Outcome::FAILED;
+    Outcome outcome = Outcome::FAILED;
+    try {
+        if (start == 0) key_in_time(keyer, start);
+        if (ovl_audio_start_output_at(audio, device, tx, start) != 0) throw IoError(ovl_audio_last_error(audio));
+        outcome = follow(audio, tx, transmission, start, keyer);
+    } catch (const IoError& error) {
+        print_error(error.what());
     }
-    const Outcome outcome = follow(audio, tx, transmission, start);
+    if (!keyer.release()) outcome = Outcome::FAILED;
     const double started = ovl_audio_output_started(audio);
     const Background closing([audio] { ovl_audio_stop_output(audio); });
     if (!closing.wait(CLOSE_S)) {
@@ -179,6 +204,7 @@ int send(const Options& options) {
     const TransmitterPtr tx = make_transmitter();
     start_transmitter(tx.get(), options.transmission);  // what cannot be sent is refused before any waiting
     Schedule schedule = make_schedule(options, total_seconds(tx.get()));
+    Keyer keyer(ptt_of(options));  // before there is any thread
     const int32_t device = find_device(options.device, Direction::OUTPUT);
     const AudioObject audio = make_audio();
     watch_interrupts();
@@ -187,7 +213,7 @@ int send(const Options& options) {
 
     int status = EXIT_DONE;
     for (int32_t n = 0; schedule.times == 0 || n < schedule.times; n++) {
-        const Outcome outcome = send_once(audio.get(), tx.get(), device, options.transmission, schedule.start);
+        const Outcome outcome = send_once(audio.get(), tx.get(), device, options.transmission, schedule.start, keyer);
         if (!flush_output()) return EXIT_FAILED;
         const bool good = outcome == Outcome::SENT || (outcome == Outcome::WITH_GAPS && !options.strict);
         if (!good) status = EXIT_FAILED;
@@ -222,6 +248,15 @@ void add_send(CLI::App& app, int& status) {
         ->type_name("N")
         ->check(CLI::PositiveNumber)
         ->needs(every);
+    CLI::Option* command =
+        sub->add_option("--ptt-command", options->ptt_command,
+                        "Key the transmitter by a program, run as PROGRAM on before and PROGRAM off after")
+            ->type_name("PROGRAM");
+    sub->add_option("--ptt", options->ptt,
+                    "Key the transmitter: serial:PORT:rts or serial:PORT:dtr, a line of a serial port, or "
+                    "rigctld:HOST:PORT")
+        ->type_name("HOW")
+        ->excludes(command);
     sub->add_flag("--strict", options->strict, "Exit with 1 when a transmission had gaps, too");
     sub->footer(step_help() +
                 "\n\nCtrl-C ends a transmission with a soft ramp. Lengths are in seconds, or end in s, m or h.");
