@@ -1,11 +1,14 @@
 // orvel devices, send and listen over a real sound server, which also stalls, dies and comes back.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -415,6 +418,40 @@ TEST_F(OnAirKeyed, WithoutSuccessNothingIsSent) {
         EXPECT_EQ(sent.out, "");
         EXPECT_EQ(sent.err, "orvel: cannot run '" + file + " on': exit status 1: no rig here\n");
     }
+}
+
+// A pseudo terminal in place of a serial port, with lines or as it is.
+TEST_F(OnAirKeyed, ByALineOfASerialPort) {
+    const int master = posix_openpt(O_RDWR | O_NOCTTY);
+    grantpt(master);
+    unlockpt(master);
+    const std::string port = ptsname(master);
+    const ProcessResult without = orvel({"send", "carrier=1", "--ptt", "serial:" + port + ":rts"}, surroundings());
+    EXPECT_EQ(without.status, 1);
+    EXPECT_EQ(without.out, "");
+    EXPECT_TRUE(one_line_with(without, {"cannot use '" + port + "'", "cannot lower the lines"}));
+
+    const std::string up = "-" + std::to_string(TIOCM_RTS | TIOCM_DTR) + " +";
+    const std::string down = " -" + std::to_string(TIOCM_RTS | TIOCM_DTR) + " ";
+    ProcessInput with_lines = surroundings();
+    with_lines.environment.emplace_back("LD_PRELOAD", ORVEL_FALSE_LINES);
+    with_lines.environment.emplace_back("ORVEL_FALSE_LINES", path("keyed"));
+    const ProcessResult sent = orvel({"send", "carrier=1", "--ptt", "serial:" + port + ":dtr"}, with_lines);
+    EXPECT_EQ(sent.status, 0) << sent.err;
+    const auto start = parse_utc(sent.out.substr(0, sent.out.find(' ')), 0);
+    ASSERT_TRUE(start.has_value()) << sent.out;
+    ASSERT_EQ(words(), up + std::to_string(TIOCM_DTR) + down);
+    EXPECT_LT(keyed()[1].at, *start);
+    EXPECT_GT(keyed()[2].at, *start + 1);
+
+    std::filesystem::remove(path("keyed"));
+    RunningProcess sender(orvel_arguments({"send", "carrier=30", "--ptt", "serial:" + port + ":rts"}), with_lines);
+    const std::string raised = up + std::to_string(TIOCM_RTS);
+    ASSERT_TRUE(holds_within(10, [&] { return words() == raised + " "; })) << words();
+    sender.send_signal(SIGTERM);
+    sender.wait(5);
+    EXPECT_EQ(words(), raised + down);
+    close(master);
 }
 
 // Hamlib's own program with its rig for tests.
