@@ -206,6 +206,7 @@ int send(const Options& options) {
     Schedule schedule = make_schedule(options, total_seconds(tx.get()));
     Keyer keyer(ptt_of(options));  // before there is any thread
     const int32_t device = find_device(options.device, Direction::OUTPUT);
+    keyer.check();
     const AudioObject audio = make_audio();
     watch_interrupts();
     // Only now: looking for the devices takes time too.

@@ -93,6 +93,10 @@ void Keyer::tell_guard(char state) {
     if (to_guard_ >= 0) send(to_guard_, &state, 1, MSG_NOSIGNAL);
 }
 
+void Keyer::check() {
+    if (ptt_) ptt_->check();
+}
+
 void Keyer::key() {
     if (!ptt_ || keyed_) return;
     keyed_ = true;

@@ -20,6 +20,9 @@ class Keyer {
     bool keyed() const { return keyed_; }
     bool has_ptt() const { return ptt_ != nullptr; }
 
+    // As Ptt::check().
+    void check();
+
     // Throws IoError when that fails; then it counts as keyed, as nobody knows.
     void key();
 

@@ -9,7 +9,10 @@ class Ptt {
   public:
     virtual ~Ptt() = default;
 
-    // Switches; returns within `patience_s` of the constructor, about. Throws IoError with the reason.
+    // Throws UsageError or IoError when what shall switch is not there.
+    virtual void check() = 0;
+
+    // Switches; takes as long as the patience below, about. Throws IoError with the reason.
     virtual void set(bool on) = 0;
 
     // What set(true) began does not end with this process.
@@ -19,17 +22,17 @@ class Ptt {
 constexpr double PTT_PATIENCE_S = 5;
 
 // A program of the user's, run without a shell as PROGRAM on or PROGRAM off, with the same word in the variable
-// ORVEL_PTT. Exit status 0 is success. Throws UsageError when there is no such program.
+// ORVEL_PTT. Exit status 0 is success.
 std::unique_ptr<Ptt> make_command_ptt(const std::string& program, double patience_s = PTT_PATIENCE_S);
 
 // A line of a serial port, which is open while it sends only, as opening a port raises its lines.
 enum class SerialLine { RTS, DTR };
 std::unique_ptr<Ptt> make_serial_ptt(const std::string& port, SerialLine line);
 
-// A rig that Hamlib's rigctld controls. Throws IoError when rigctld does not answer.
+// A rig that Hamlib's rigctld controls. Throws UsageError when the port is no number of one.
 std::unique_ptr<Ptt> make_rigctld_ptt(const std::string& host, const std::string& port,
                                       double patience_s = PTT_PATIENCE_S);
 
 // As a user types it: serial:PORT:rts, serial:PORT:dtr or rigctld:HOST:PORT. Throws UsageError when it is not one of
-// them, and as the functions above.
+// them.
 std::unique_ptr<Ptt> make_ptt(const std::string& text);

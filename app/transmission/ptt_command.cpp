@@ -34,7 +34,8 @@ std::string path_of(const std::string& program) {
     const char* const path = std::getenv("PATH");
     std::istringstream directories(path != nullptr ? path : "");
     for (std::string directory; std::getline(directories, directory, ':');) {
-        if (is_program(directory + "/" + program)) return directory + "/" + program;
+        directory += "/" + program;
+        if (is_program(directory)) return directory;
     }
     return "";
 }
@@ -50,6 +51,7 @@ std::vector<std::string> environment_with(const std::string& word) {
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
     std::vector<char*> all;
+    all.reserve(texts.size() + 1);
     for (std::string& text : texts) all.push_back(text.data());
     all.push_back(nullptr);
     return all;
@@ -148,8 +150,10 @@ class Program {
 class CommandPtt : public Ptt {
   public:
     CommandPtt(const std::string& program, double patience_s)
-        : program_(program), path_(path_of(program)), patience_s_(patience_s) {
-        if (path_.empty()) throw UsageError("--ptt-command: there is no program '" + program + "'");
+        : program_(program), path_(path_of(program)), patience_s_(patience_s) {}
+
+    void check() override {
+        if (path_.empty()) throw UsageError("--ptt-command: there is no program '" + program_ + "'");
     }
 
     void set(bool on) override {

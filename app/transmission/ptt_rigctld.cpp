@@ -119,8 +119,14 @@ class Connection {
 class RigctldPtt : public Ptt {
   public:
     RigctldPtt(const std::string& host, const std::string& port, double patience_s)
-        : host_(host), port_(port), patience_s_(patience_s) {
-        reach();
+        : host_(host), port_(port), patience_s_(patience_s) {}
+
+    void check() override {
+        try {
+            connect();
+        } catch (const IoError& error) {
+            refuse(error);
+        }
     }
 
     void set(bool on) override {
@@ -135,14 +141,6 @@ class RigctldPtt : public Ptt {
     }
 
   private:
-    void reach() {
-        try {
-            connect();
-        } catch (const IoError& error) {
-            refuse(error);
-        }
-    }
-
     [[noreturn]] void refuse(const IoError& error) {
         throw IoError("cannot use rigctld at " + host_ + " port " + port_ + ": " + error.what());
     }

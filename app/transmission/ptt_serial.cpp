@@ -15,15 +15,17 @@ namespace {
 
 class SerialPtt : public Ptt {
   public:
-    SerialPtt(const std::string& port, SerialLine line) : port_(port), line_(line) {
-        struct stat file {};
-        if (stat(port.c_str(), &file) != 0) refuse("");
-        if (!S_ISCHR(file.st_mode)) throw UsageError("--ptt: '" + port + "' is no serial port");
-        if (access(port.c_str(), R_OK | W_OK) != 0) refuse("");
-    }
+    SerialPtt(const std::string& port, SerialLine line) : port_(port), line_(line) {}
     SerialPtt(const SerialPtt&) = delete;
     SerialPtt& operator=(const SerialPtt&) = delete;
     ~SerialPtt() override { close_port(); }
+
+    void check() override {
+        struct stat file {};
+        if (stat(port_.c_str(), &file) != 0) refuse("");
+        if (!S_ISCHR(file.st_mode)) throw UsageError("--ptt: '" + port_ + "' is no serial port");
+        if (access(port_.c_str(), R_OK | W_OK) != 0) refuse("");
+    }
 
     void set(bool on) override {
         if (on) {

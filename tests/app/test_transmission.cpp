@@ -194,14 +194,14 @@ TEST(Ptt, WhatIsNoWayToKeyIsWrongUsage) {
     for (const char* const text :
          {"", "serial", "serial:", "serial:/dev/null", "serial:/dev/null:cts", "serial::rts", "serial:/dev/null:RTS",
           "rigctld", "rigctld:", "rigctld:localhost", "rigctld::4532", "rigctld:localhost:", "vox", "serial:/:rts"}) {
-        EXPECT_NE(thrown_by<UsageError>([&] { make_ptt(text); }), "") << text;
+        EXPECT_NE(thrown_by<UsageError>([&] { make_ptt(text)->check(); }), "") << text;
     }
     for (const char* const port : {"0", "65536", "-1", "4532x", "99999999999", "http"}) {
         EXPECT_NE(thrown_by<UsageError>([&] { make_ptt(std::string("rigctld:localhost:") + port); }), "") << port;
     }
-    EXPECT_NE(thrown_by<UsageError>([] { make_command_ptt("/nonexistent/program"); }), "");
-    EXPECT_NE(thrown_by<UsageError>([] { make_command_ptt("no-such-program-in-path"); }), "");
-    EXPECT_NE(thrown_by<UsageError>([] { make_command_ptt(""); }), "");
+    EXPECT_NE(thrown_by<UsageError>([] { make_command_ptt("/nonexistent/program")->check(); }), "");
+    EXPECT_NE(thrown_by<UsageError>([] { make_command_ptt("no-such-program-in-path")->check(); }), "");
+    EXPECT_NE(thrown_by<UsageError>([] { make_command_ptt("")->check(); }), "");
 }
 
 // A program of the user's that writes its arguments and ORVEL_PTT to a file, then does more.
@@ -227,7 +227,9 @@ TEST_F(PttCommand, IsToldByArgumentAndEnvironmentWithoutAShell) {
     ptt->set(true);
     ptt->set(false);
     EXPECT_EQ(log(), "1:on:on\n1:off:off\n");
-    make_command_ptt("true")->set(true);
+    const auto in_path = make_command_ptt("true");
+    in_path->check();
+    in_path->set(true);
 }
 
 TEST_F(PttCommand, ThatFailsSaysWhy) {
@@ -326,7 +328,7 @@ TEST_F(PttSerial, WithoutLinesOrPortsSaysSo) {
     EXPECT_NE(thrown_by([&] { ptt->set(true); }).find("cannot use '" + port_ + "': cannot lower the lines: "),
               std::string::npos);
     EXPECT_FALSE(open_here());
-    EXPECT_EQ(thrown_by([&] { make_ptt("serial:/dev/pts/999999:rts"); }),
+    EXPECT_EQ(thrown_by([&] { make_ptt("serial:/dev/pts/999999:rts")->check(); }),
               "cannot use '/dev/pts/999999': No such file or directory");
     const auto no_terminal = make_ptt("serial:/dev/null:dtr");
     EXPECT_NE(thrown_by([&] { no_terminal->set(true); }).find("Inappropriate ioctl"), std::string::npos);
@@ -381,7 +383,9 @@ TEST(PttRigctld, SendsTheCommandsOfItsProtocol) {
     ptt->set(false);
     EXPECT_EQ(rig.commands, "T 1\nT 0\n");
     EXPECT_TRUE(ptt->outlives_us());
-    make_ptt("rigctld:localhost:" + rig.port())->set(true);
+    const auto by_name = make_ptt("rigctld:localhost:" + rig.port());
+    by_name->check();
+    by_name->set(true);
 }
 
 TEST(PttRigctld, WhateverItAnswersIsAnErrorWithinItsTime) {
@@ -408,9 +412,9 @@ TEST(PttRigctld, WhateverItAnswersIsAnErrorWithinItsTime) {
 TEST(PttRigctld, ThatIsNotThereIsAnErrorAtOnce) {
     std::string port;
     { port = FalseRigctld("").port(); }
-    EXPECT_EQ(thrown_by([&] { make_ptt("rigctld:127.0.0.1:" + port); }),
+    EXPECT_EQ(thrown_by([&] { make_ptt("rigctld:127.0.0.1:" + port)->check(); }),
               "cannot use rigctld at 127.0.0.1 port " + port + ": Connection refused");
-    EXPECT_NE(thrown_by([] { make_ptt("rigctld:no-such-host.invalid:4532"); }), "");
+    EXPECT_NE(thrown_by([] { make_ptt("rigctld:no-such-host.invalid:4532")->check(); }), "");
 }
 
 // ---- Keyer ----------------------------------------------------------------------------------------------------------
