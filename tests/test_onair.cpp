@@ -218,6 +218,38 @@ TEST_F(OnAirBehindALoss, AServerThatStoodStillKeepsTheTime) {
     expect_the_right_time(stall, 4);
 }
 
+// Samples through a pipe as they are captured, of which some seconds never come.
+TEST_F(OnAirBehindALoss, APipeKeepsTheTime) {
+    constexpr double LOST_AT_S = 8;
+    constexpr double LOST_S = 3;
+    constexpr double BEGIN_S = 8.7;  // of the frame, in what comes
+    constexpr double STEP_S = 0.1;
+    constexpr std::size_t BYTES_A_SECOND = 2 * 8000;
+    constexpr std::size_t WAVE_HEADER = 44;
+    ASSERT_EQ(
+        orvel({"render", "pause=8.7", "orvel-s=K2QRX", "pause=6", "--rate", "8000", "-o", path("frame.wav")}).status,
+        0);
+    std::ostringstream bytes;
+    bytes << std::ifstream(path("frame.wav"), std::ios::binary).rdbuf();
+    const std::string samples = bytes.str().substr(WAVE_HEADER);
+
+    RunningProcess listener(orvel_arguments({"listen", "--stdin", "--rate", "8000", "--json", "--every", "2",
+                                             "--hold-off", "0", "--protocols", "orvel-s"}));
+    const double begin = utc_now();
+    constexpr auto STEP = static_cast<std::size_t>(STEP_S * BYTES_A_SECOND);
+    for (std::size_t at = 0; at < samples.size(); at += STEP) {
+        const double captured_s = static_cast<double>(at + STEP) / BYTES_A_SECOND;
+        sleep_s(begin + captured_s + (captured_s > LOST_AT_S ? LOST_S : 0) - utc_now());
+        ASSERT_TRUE(listener.write(samples.substr(at, STEP)));
+    }
+    listener.close_stdin();
+    const auto line = listener.read_line(15);
+    ASSERT_TRUE(line.has_value());
+    const auto heard = parse_utc(JsonValue::parse(*line).at("utc_start").text(), 0);
+    ASSERT_TRUE(heard.has_value()) << *line;
+    EXPECT_NEAR(*heard, begin + LOST_S + BEGIN_S, 0.1);
+}
+
 TEST_F(OnAir, CtrlCPrintsWhatWasReceivedSinceTheLastDecode) {
     const auto listener = begin({"listen", "--json", "--every", "15", "--protocols", "opera"});
     sleep_s(3);
