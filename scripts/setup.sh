@@ -2,7 +2,7 @@
 
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libfftw3-dev portaudio19-dev libcli11-dev nlohmann-json3-dev
                 libsndfile1-dev libsoxr-dev libcairo2-dev)
-TEST_PACKAGES=(libgtest-dev sox ffmpeg libbenchmark-dev pulseaudio libasound2-plugins mandoc zsh fish
+TEST_PACKAGES=(libgtest-dev sox ffmpeg libbenchmark-dev pulseaudio libasound2-plugins libhamlib-utils mandoc zsh fish
                dpkg-dev fakeroot locales python3 python3-numpy python3-pytest doxygen)
 CHECK_PACKAGES=(clang libclang-rt-dev clang-format clang-tidy cppcheck mypy)
 

@@ -15,6 +15,8 @@
 #include <new>
 #include <numbers>
 
+#include "sound_systems.h"
+
 namespace {
 
 constexpr int32_t TARGET_RATE = 11025;         // Hz
@@ -43,7 +45,8 @@ bool pa_ready() {
     static std::mutex lock;
     const std::lock_guard guard(lock);
     if (pa_state == 0) {
-        pa_state = Pa_Initialize() == paNoError ? 1 : -1;
+        const QuietSoundSystems quiet;
+        pa_state = prepare_alsa_names() && Pa_Initialize() == paNoError ? 1 : -1;
         if (pa_state == 1) std::atexit(pa_atexit);
     }
     return pa_state == 1;
@@ -191,17 +194,21 @@ int in_cb(const void* input, void*, unsigned long frames, const PaStreamCallback
 
 // ---- Playback --------------------------------------------------------------------------------------------------
 
-int out_cb(const void*, void* output, unsigned long frames, const PaStreamCallbackTimeInfo* time, PaStreamCallbackFlags,
-           void* user) {
+int out_cb(const void*, void* output, unsigned long frames, const PaStreamCallbackTimeInfo* time,
+           PaStreamCallbackFlags flags, void* user) {
     ova_state& a = *static_cast<ova_state*>(user);
+    const bool begun = a.output_started.load(std::memory_order_relaxed) != 0;
     const auto n = static_cast<int64_t>(frames);
     int64_t first = 0;
-    if (a.output_started.load(std::memory_order_relaxed) == 0) {
+    if (!begun) {
         const double dac_s = time != nullptr ? time->outputBufferDacTime : 0;
         const double stream_s = time != nullptr ? time->currentTime : 0;
         first = ova_place_start(a, n, dac_s, stream_s, now_seconds());
     }
-    if (ova_fill_output(a, static_cast<float*>(output), n, first)) return paContinue;
+    if (ova_fill_output(a, static_cast<float*>(output), n, first)) {
+        if (begun && (flags & paOutputUnderflow) != 0) a.underflows.fetch_add(1, std::memory_order_relaxed);
+        return paContinue;
+    }
     a.drain -= n;
     return a.drain >= 0 ? paContinue : paComplete;
 }
@@ -364,6 +371,7 @@ int32_t ova_start_output_at(ova_state* a, int32_t device, ovtx_state* tx, double
     a->output_started = 0;
     a->output_latency = 0;
     a->actual_start = 0;
+    a->underflows = 0;
     a->drain = 0;
     a->start_time = t0;
     const int32_t rate = ovtx_rate(tx);
@@ -454,4 +462,8 @@ bool ova_fill_output(ova_state& a, float* out, int64_t n, int64_t first) {
         return rendered > 0;
     }
     return true;
+}
+
+int32_t ova_output_underflows(const ova_state* a) {
+    return a != nullptr ? a->underflows.load(std::memory_order_relaxed) : 0;
 }

@@ -62,6 +62,8 @@ struct ova_state {
     std::unique_ptr<void, OvaCloseStream> output;
 
     char error[200];
+
+    std::atomic<int32_t> underflows;  // of the output, since it started
 };
 
 // 1: audio support is built in.
@@ -106,6 +108,9 @@ double ova_output_latency(const ova_state* a);  // s
 double ova_output_started(const ova_state* a);  // actual start, s since 1970-01-01 UTC; 0 before it is placed
 int32_t ova_output_active(const ova_state* a);  // 1 while the stream runs
 void ova_stop_output(ova_state* a);
+
+// How often the sound card ran out of samples during the transmission that was started last: each is a gap in it.
+int32_t ova_output_underflows(const ova_state* a);
 
 const char* ova_error(const ova_state* a);
 

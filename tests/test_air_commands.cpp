@@ -865,15 +865,78 @@ ProcessInput on(const SoundlessMachine& machine) {
     return input;
 }
 
+// ALSA's configuration may be missing, empty, or garbage; or have one name, all of which PortAudio can open.
+std::vector<ProcessInput> without_sound(const SoundlessMachine& machine, const std::string& empty,
+                                        const std::string& garbage) {
+    std::vector<ProcessInput> machines = {on(machine)};
+    for (const std::string& configuration : {std::string("/nonexistent"), empty, garbage}) {
+        machines.push_back(on(machine));
+        machines.back().environment.emplace_back("ALSA_CONFIG_PATH", configuration);
+    }
+    return machines;
+}
+
 TEST_F(AirCommands, AMachineWithoutSoundHasNoDevices) {
     const SoundlessMachine machine;
-    const ProcessResult table = orvel({"devices"}, on(machine));
-    EXPECT_EQ(table.status, 0);
-    EXPECT_EQ(table.out, "");
-    EXPECT_TRUE(one_line_with(table, {"there is no sound device"}));
-    const ProcessResult json = orvel({"devices", "--json"}, on(machine));
-    EXPECT_EQ(json.status, 0);
-    EXPECT_EQ(json.out + json.err, "");
+    for (const ProcessInput& input : without_sound(machine, write("empty", ""), write("garbage", "x\n"))) {
+        for (const Arguments& command : {Arguments{"devices"}, {"devices", "--json"}}) {
+            const ProcessResult result = orvel(command, input);
+            EXPECT_EQ(result.status, 1);
+            EXPECT_EQ(result.out, "");
+            EXPECT_EQ(result.err, "orvel: no sound devices\n") << input.environment.back().second;
+        }
+        for (const Arguments& command : {Arguments{"send", "carrier=0.1"}, {"listen"}}) {
+            const ProcessResult result = orvel(command, input);
+            EXPECT_EQ(result.status, 1);
+            EXPECT_EQ(result.out, "");
+            EXPECT_TRUE(one_line_with(result, {"no such", "device"})) << input.environment.back().second;
+        }
+    }
+}
+
+TEST_F(AirCommands, ADeviceThatIsTheOnlyNameOfAlsaIsListed) {
+    const SoundlessMachine machine;
+    ProcessInput input = on(machine);
+    const std::string file = write("one", "pcm.sink { type file file /dev/null slave.pcm { type null } }\n");
+    input.environment.emplace_back("ALSA_CONFIG_PATH", file);
+    const ProcessResult result = orvel({"devices", "--json"}, input);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "");
+    ASSERT_EQ(lines_of(result.out).size(), 1u) << result.out;
+    EXPECT_EQ(JsonValue::parse(result.out).at("name"), "sink");
+}
+
+TEST_F(AirCommands, WhatShallKeyIsLookedForBeforeTheWait) {
+    const SoundlessMachine machine;
+    ProcessInput input = on(machine);
+    const std::string file = write("one", "pcm.sink { type file file /dev/null slave.pcm { type null } }\n");
+    input.environment.emplace_back("ALSA_CONFIG_PATH", file);
+    const std::vector<std::tuple<Arguments, int, std::string>> cases = {
+        {{"--ptt", "serial:/:rts"}, 2, "--ptt: '/' is no serial port"},
+        {{"--ptt", "serial:/nonexistent:dtr"}, 1, "cannot use '/nonexistent': No such file or directory"},
+        {{"--ptt", "rigctld:127.0.0.1:1"}, 1, "cannot use rigctld at 127.0.0.1 port 1: Connection refused"},
+        {{"--ptt-command", "/nonexistent"}, 2, "--ptt-command: there is no program '/nonexistent'"},
+        {{"--ptt-command", ""}, 2, "--ptt-command: there is no program ''"},
+    };
+    for (const auto& [options, status, reason] : cases) {
+        Arguments all = {"send", "carrier=0.1", "--at", "2099-01-01T00:00:00Z"};
+        all.insert(all.end(), options.begin(), options.end());
+        const ProcessResult result = orvel(all, input);
+        EXPECT_EQ(result.status, status);
+        EXPECT_EQ(result.err, "orvel: " + reason + "\n");
+    }
+}
+
+// Nobody waits for hours to hear that there is nothing to send on.
+TEST_F(AirCommands, SendingLooksForItsDeviceBeforeItWaits) {
+    const SoundlessMachine machine;
+    for (const Arguments& device : {Arguments{}, {"--device", "radio"}}) {
+        Arguments all = {"send", "carrier=0.1", "--at", "2099-01-01T00:00:00Z"};
+        all.insert(all.end(), device.begin(), device.end());
+        const ProcessResult result = orvel(all, on(machine));
+        EXPECT_EQ(result.status, device.empty() ? 1 : 2);
+        EXPECT_TRUE(one_line_with(result, {"output device"}));
+    }
 }
 
 TEST_F(AirCommands, AMachineWithoutSoundNeitherSendsNorListens) {
@@ -930,6 +993,11 @@ TEST_F(AirCommands, WhatCannotBeSentIsWrongUsage) {
         {{"carrier=1", "--every", "10m", "--times", "0"}, {"--times"}},
         {{"carrier=1", "--every", "10m", "--times", "-1"}, {"--times"}},
         {{"carrier=1", "--every", "10m", "--times", "x"}, {"--times"}},
+        {{"carrier=1", "--ptt", "vox"}, {"--ptt", "'vox' is not serial:PORT:rts"}},
+        {{"carrier=1", "--ptt", ""}, {"--ptt"}},
+        {{"carrier=1", "--ptt", "serial:/dev/null:cts"}, {"--ptt", "cts"}},
+        {{"carrier=1", "--ptt", "rigctld:localhost:0"}, {"--ptt", "'0' is no port"}},
+        {{"carrier=1", "--ptt-command", "true", "--ptt", "vox"}, {"--ptt", "--ptt-command"}},
     };
     for (const auto& [options, texts] : wrong) {
         Arguments all = {"send"};

@@ -1,5 +1,6 @@
 // The real thing over a real sound server: what is played on its sink is captured from that sink's monitor, by the
 // same process, and decoded. A server that stops, dies or was never there must do no harm.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -482,18 +483,30 @@ TEST(SoundlessMachine, HasNoDevicesAndSaysSo) {
     constexpr const char* INSIDE = "ORVEL_TEST_SOUNDLESS";
     if (std::getenv(INSIDE) == nullptr) {
         const SoundlessMachine machine;
-        ProcessInput input;
-        input.environment = machine.environment();
-        input.environment.emplace_back(INSIDE, "1");
-        const ProcessResult result =
-            run_process({"/proc/self/exe", "--gtest_filter=SoundlessMachine.HasNoDevicesAndSaysSo"}, input);
-        EXPECT_EQ(result.status, 0) << result.out;
-        EXPECT_NE(result.out.find("[  PASSED  ] 1 test."), std::string::npos) << result.out;
+        for (const bool with_names : {true, false}) {
+            ProcessInput input;
+            input.environment = machine.environment();
+            input.environment.emplace_back(INSIDE, "1");
+            if (!with_names) input.environment.emplace_back("ALSA_CONFIG_PATH", "/nonexistent");
+            const ProcessResult result =
+                run_process({"/proc/self/exe", "--gtest_filter=SoundlessMachine.HasNoDevicesAndSaysSo"}, input);
+            EXPECT_EQ(result.status, 0) << result.out;
+            EXPECT_NE(result.out.find("[  PASSED  ] 1 test."), std::string::npos) << result.out;
+            EXPECT_EQ(result.err, "") << "what the sound systems say";
+        }
         return;
     }
 
+    // A host's own handlers of JACK's messages stay.
+    const auto info_handler = static_cast<void**>(dlsym(RTLD_DEFAULT, "jack_info_callback"));
+    const auto error_handler = static_cast<void**>(dlsym(RTLD_DEFAULT, "jack_error_callback"));
+    ASSERT_TRUE(info_handler != nullptr && error_handler != nullptr);
+    const void* const info_before = *info_handler;
+    const void* const error_before = *error_handler;
     EXPECT_EQ(ovl_audio_available(), 1);
     EXPECT_EQ(ovl_audio_device_count(), 0);
+    EXPECT_EQ(*info_handler, info_before);
+    EXPECT_EQ(*error_handler, error_before);
     ovl_audio_device device;
     EXPECT_EQ(ovl_audio_device_info(0, &device), -1);
 

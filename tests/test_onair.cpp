@@ -1,14 +1,19 @@
 // orvel devices, send and listen over a real sound server, which also stalls, dies and comes back.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -149,6 +154,102 @@ TEST_F(OnAir, WhatIsSentIsReceivedAndAStalledInputIsReopened) {
     EXPECT_EQ(listener->read_rest(1), "") << "the frame was printed once";
 }
 
+class OnAirBehindALoss : public OnAir {
+  protected:
+    // What `pactl` prints.
+    std::string server_does(const Arguments& arguments) const {
+        Arguments all = {"/usr/bin/pactl"};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        const ProcessResult result = run_process(all, surroundings());
+        EXPECT_EQ(result.status, 0) << result.err;
+        return result.out;
+    }
+
+    // Sends a frame that begins `behind_s` after the input was disturbed, and expects that listening tells when.
+    void expect_the_right_time(const std::function<void()>& disturb, double behind_s) {
+        const auto listener = begin({"listen", "--json", "--every", "2", "--hold-off", "0", "--protocols", "orvel-s"});
+        sleep_s(7);
+        ProcessInput deep = surroundings();
+        for (const auto& variable : deep_buffers()) deep.environment.push_back(variable);
+        double start = 0;
+        std::optional<std::string> line;
+        std::string sender_says;
+        // A frame with gaps, as on a machine that is too busy, may be lost.
+        for (int tries = 0; tries < 2 && !line; tries++) {
+            disturb();
+            start = std::ceil(utc_now() + behind_s);
+            const ProcessResult sent = orvel({"send", "--at", utc_text(start, 0), "orvel-s=K2QRX"}, deep);
+            EXPECT_TRUE(sent.out.ends_with("  sent\n")) << sent.err;
+            sender_says = sent.err;
+            line = listener->read_line(15);
+            if (sender_says.find("gap") == std::string::npos) break;
+        }
+        ASSERT_TRUE(line.has_value()) << messages() << sender_says;
+        const auto heard = parse_utc(JsonValue::parse(*line).at("utc_start").text(), 0);
+        ASSERT_TRUE(heard.has_value()) << *line;
+        EXPECT_NEAR(*heard, start - DEEP_BUFFER_S, 0.2);
+        listener->send_signal(SIGINT);
+        EXPECT_EQ(end_of(*listener, 6), 0);
+    }
+};
+
+TEST_F(OnAirBehindALoss, AnotherSourceKeepsTheTime) {
+    server_does({"load-module", "module-null-sink", "sink_name=another"});
+    server_does({"set-default-sink", "orvel_test"});
+    const auto move = [&] {
+        const std::string output = server_does({"list", "short", "source-outputs"});
+        const std::string number = output.substr(0, output.find('\t'));
+        for (int k = 0; k < 3; k++) {
+            for (const char* const source : {"another.monitor", "orvel_test.monitor"}) {
+                server_does({"move-source-output", number, source});
+                sleep_s(0.3);
+            }
+        }
+    };
+    expect_the_right_time(move, 4);
+}
+
+TEST_F(OnAirBehindALoss, AServerThatStoodStillKeepsTheTime) {
+    const auto stall = [&] {
+        server_->pause();
+        sleep_s(3);
+        server_->resume();
+    };
+    expect_the_right_time(stall, 4);
+}
+
+// Samples through a pipe as they are captured, of which some seconds never come.
+TEST_F(OnAirBehindALoss, APipeKeepsTheTime) {
+    constexpr double LOST_AT_S = 8;
+    constexpr double LOST_S = 3;
+    constexpr double BEGIN_S = 8.7;  // of the frame, in what comes
+    constexpr double STEP_S = 0.1;
+    constexpr std::size_t BYTES_A_SECOND = 2 * 8000;
+    constexpr std::size_t WAVE_HEADER = 44;
+    ASSERT_EQ(
+        orvel({"render", "pause=8.7", "orvel-s=K2QRX", "pause=6", "--rate", "8000", "-o", path("frame.wav")}).status,
+        0);
+    std::ostringstream bytes;
+    bytes << std::ifstream(path("frame.wav"), std::ios::binary).rdbuf();
+    const std::string samples = bytes.str().substr(WAVE_HEADER);
+
+    RunningProcess listener(orvel_arguments({"listen", "--stdin", "--rate", "8000", "--json", "--every", "2",
+                                             "--hold-off", "0", "--protocols", "orvel-s"}));
+    const double begin = utc_now();
+    constexpr auto STEP = static_cast<std::size_t>(STEP_S * BYTES_A_SECOND);
+    for (std::size_t at = 0; at < samples.size(); at += STEP) {
+        const double captured_s = static_cast<double>(at + STEP) / BYTES_A_SECOND;
+        sleep_s(begin + captured_s + (captured_s > LOST_AT_S ? LOST_S : 0) - utc_now());
+        ASSERT_TRUE(listener.write(samples.substr(at, STEP)));
+    }
+    listener.close_stdin();
+    const auto line = listener.read_line(15);
+    ASSERT_TRUE(line.has_value());
+    const auto heard = parse_utc(JsonValue::parse(*line).at("utc_start").text(), 0);
+    ASSERT_TRUE(heard.has_value()) << *line;
+    EXPECT_NEAR(*heard, begin + LOST_S + BEGIN_S, 0.1);
+}
+
 TEST_F(OnAir, CtrlCPrintsWhatWasReceivedSinceTheLastDecode) {
     const auto listener = begin({"listen", "--json", "--every", "15", "--protocols", "opera"});
     sleep_s(3);
@@ -241,6 +342,183 @@ TEST_F(OnAir, AnOutputThatStallsIsReported) {
     EXPECT_EQ(end_of(*sender, 20), 1);
     EXPECT_NE(messages().find("orvel: the output device has stalled"), std::string::npos) << messages();
     server_->resume();
+}
+
+// A machine that is too slow, or is put to sleep, for a second.
+TEST_F(OnAir, GapsAreReportedAndCountWhenStrict) {
+    for (const bool strict : {false, true}) {
+        Arguments arguments = {"send", "carrier=4"};
+        if (strict) arguments.emplace_back("--strict");
+        const auto sender = begin(arguments);
+        sleep_s(2);
+        sender->send_signal(SIGSTOP);
+        sleep_s(1);
+        sender->send_signal(SIGCONT);
+        EXPECT_EQ(end_of(*sender, 15), strict ? 1 : 0);
+        const std::string told = messages();  // a busy machine may add gaps of its own
+        EXPECT_NE(told.find("orvel: the transmission has "), std::string::npos) << told;
+        EXPECT_NE(told.find(": the output ran out of samples\n"), std::string::npos) << told;
+        EXPECT_TRUE(sender->read_rest(1).ends_with("  sent\n"));
+    }
+}
+
+// ---- Keying a transmitter -------------------------------------------------------------------------------------------
+
+class OnAirKeyed : public OnAir {
+  protected:
+    // A program that notes when it is told what.
+    std::string keying_program() const {
+        const std::string file = write("key", "#!/bin/sh\necho \"$1 $(date +%s.%N)\" >> " + path("keyed") + "\n");
+        std::filesystem::permissions(file, std::filesystem::perms::owner_all);
+        return file;
+    }
+    struct Keyed {
+        std::string word;
+        double at;
+    };
+    std::vector<Keyed> keyed() const {
+        std::vector<Keyed> all;
+        std::ifstream file(path("keyed"));
+        for (Keyed one; file >> one.word >> one.at;) all.push_back(one);
+        return all;
+    }
+    std::string words() const {
+        std::string text;
+        for (const Keyed& one : keyed()) text += one.word + " ";
+        return text;
+    }
+};
+
+TEST_F(OnAirKeyed, BeforeTheSoundAndReleasedBehindIt) {
+    const double at = std::ceil(utc_now()) + 5;
+    for (const Arguments& when : {Arguments{}, {"--at", utc_text(at, 0)}}) {
+        std::filesystem::remove(path("keyed"));
+        Arguments arguments = {"send", "carrier=1", "--ptt-command", keying_program()};
+        arguments.insert(arguments.end(), when.begin(), when.end());
+        const ProcessResult sent = orvel(arguments, surroundings());
+        EXPECT_EQ(sent.status, 0) << sent.err;
+        const auto start = parse_utc(sent.out.substr(0, sent.out.find(' ')), 0);
+        ASSERT_TRUE(start.has_value()) << sent.out;
+        ASSERT_EQ(words(), "on off ");
+        EXPECT_LT(keyed()[0].at, *start);
+        EXPECT_GT(keyed()[0].at, *start - (when.empty() ? 5 : 1.05));
+        EXPECT_GT(keyed()[1].at, *start + 1);
+        EXPECT_LT(keyed()[1].at, *start + 5);
+    }
+}
+
+TEST_F(OnAirKeyed, AnewForEachTransmission) {
+    EXPECT_EQ(orvel({"send", "carrier=0.3", "--every", "4", "--times", "2", "--ptt-command", keying_program()},
+                    surroundings())
+                  .status,
+              0);
+    EXPECT_EQ(words(), "on off on off ");
+}
+
+TEST_F(OnAirKeyed, IsReleasedWhateverEndsTheTransmission) {
+    const std::string program = keying_program();
+    const Arguments arguments = {"send", "carrier=30", "--ptt-command", program};
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGKILL, SIGSEGV}) {
+        std::filesystem::remove(path("keyed"));
+        const auto sender = begin(arguments);
+        ASSERT_TRUE(holds_within(10, [&] { return words() == "on "; }));
+        sleep_s(0.5);
+        sender->send_signal(signal);
+        sender->wait(5);
+        EXPECT_TRUE(holds_within(3, [&] { return words() == "on off "; })) << signal << ": " << words();
+    }
+    {
+        std::filesystem::remove(path("keyed"));
+        const auto sender = begin(arguments);
+        ASSERT_TRUE(holds_within(10, [&] { return words() == "on "; }));
+        server_->pause();  // so that no ramp ends
+        sender->send_signal(SIGTERM);
+        sleep_s(0.2);
+        sender->send_signal(SIGTERM);
+        sender->wait(5);
+        EXPECT_TRUE(holds_within(3, [&] { return words() == "on off "; })) << words();
+        server_->resume();
+    }
+    std::filesystem::remove(path("keyed"));
+    const auto sender = begin(arguments);
+    ASSERT_TRUE(holds_within(10, [&] { return words() == "on "; }));
+    sleep_s(0.5);
+    server_->crash();
+    EXPECT_EQ(end_of(*sender, 15), 1);
+    EXPECT_EQ(words(), "on off ");
+}
+
+TEST_F(OnAirKeyed, WithoutSuccessNothingIsSent) {
+    const std::string file = write("key", "#!/bin/sh\necho no rig here >&2; test $1 = off\n");
+    std::filesystem::permissions(file, std::filesystem::perms::owner_all);
+    for (const Arguments& when : {Arguments{}, {"--at", utc_text(std::ceil(utc_now()) + 4, 0)}}) {
+        Arguments arguments = {"send", "carrier=1", "--ptt-command", file};
+        arguments.insert(arguments.end(), when.begin(), when.end());
+        const ProcessResult sent = orvel(arguments, surroundings());
+        EXPECT_EQ(sent.status, 1);
+        EXPECT_EQ(sent.out, "");
+        EXPECT_EQ(sent.err, "orvel: cannot run '" + file + " on': exit status 1: no rig here\n");
+    }
+}
+
+// A pseudo terminal in place of a serial port, with lines or as it is.
+TEST_F(OnAirKeyed, ByALineOfASerialPort) {
+    const int master = posix_openpt(O_RDWR | O_NOCTTY);
+    grantpt(master);
+    unlockpt(master);
+    const std::string port = ptsname(master);
+    const ProcessResult without = orvel({"send", "carrier=1", "--ptt", "serial:" + port + ":rts"}, surroundings());
+    EXPECT_EQ(without.status, 1);
+    EXPECT_EQ(without.out, "");
+    EXPECT_TRUE(one_line_with(without, {"cannot use '" + port + "'", "cannot lower the lines"}));
+
+    const std::string up = "-" + std::to_string(TIOCM_RTS | TIOCM_DTR) + " +";
+    const std::string down = " -" + std::to_string(TIOCM_RTS | TIOCM_DTR) + " ";
+    ProcessInput with_lines = surroundings();
+    with_lines.environment.emplace_back("LD_PRELOAD", ORVEL_FALSE_LINES);
+    with_lines.environment.emplace_back("ORVEL_FALSE_LINES", path("keyed"));
+    const ProcessResult sent = orvel({"send", "carrier=1", "--ptt", "serial:" + port + ":dtr"}, with_lines);
+    EXPECT_EQ(sent.status, 0) << sent.err;
+    const auto start = parse_utc(sent.out.substr(0, sent.out.find(' ')), 0);
+    ASSERT_TRUE(start.has_value()) << sent.out;
+    ASSERT_EQ(words(), up + std::to_string(TIOCM_DTR) + down);
+    EXPECT_LT(keyed()[1].at, *start);
+    EXPECT_GT(keyed()[2].at, *start + 1);
+
+    std::filesystem::remove(path("keyed"));
+    RunningProcess sender(orvel_arguments({"send", "carrier=30", "--ptt", "serial:" + port + ":rts"}), with_lines);
+    const std::string raised = up + std::to_string(TIOCM_RTS);
+    ASSERT_TRUE(holds_within(10, [&] { return words() == raised + " "; })) << words();
+    sender.send_signal(SIGTERM);
+    sender.wait(5);
+    EXPECT_EQ(words(), raised + down);
+    close(master);
+}
+
+// Hamlib's own program with its rig for tests.
+TEST_F(OnAirKeyed, ByRigctld) {
+    constexpr const char* RIGCTLD = "/usr/bin/rigctld";
+    constexpr const char* RIGCTL = "/usr/bin/rigctl";
+    if (!std::filesystem::exists(RIGCTLD)) GTEST_SKIP() << "rigctld is not installed";
+    const std::string port = std::to_string(20000 + getpid() % 20000);
+    RunningProcess rig({RIGCTLD, "-m", "1", "-P", "RIG", "-T", "127.0.0.1", "-t", port});
+    const auto is_keyed = [&] { return run_process({RIGCTL, "-m", "2", "-r", "127.0.0.1:" + port, "get_ptt"}).out; };
+    ASSERT_TRUE(holds_within(10, [&] { return is_keyed() == "0\n"; }));
+    for (const int signal : {0, SIGTERM, SIGKILL}) {
+        const auto sender = begin({"send", "carrier=4", "--ptt", "rigctld:127.0.0.1:" + port});
+        EXPECT_TRUE(holds_within(10, [&] { return is_keyed() == "1\n"; })) << messages();
+        if (signal != 0) sender->send_signal(signal);
+        EXPECT_TRUE(holds_within(10, [&] { return is_keyed() == "0\n"; })) << signal;
+        EXPECT_EQ(end_of(*sender, 10), signal == 0 ? 0 : signal == SIGTERM ? 1 : -SIGKILL) << messages();
+        EXPECT_EQ(messages(), "");
+    }
+    rig.send_signal(SIGTERM);
+    rig.wait(5);
+    const ProcessResult without =
+        orvel({"send", "carrier=1", "--at", utc_text(utc_now() + 3600, 0), "--ptt", "rigctld:127.0.0.1:" + port},
+              surroundings());
+    EXPECT_EQ(without.status, 1);
+    EXPECT_TRUE(one_line_with(without, {"cannot use rigctld at 127.0.0.1 port " + port, "Connection refused"}));
 }
 
 }  // namespace

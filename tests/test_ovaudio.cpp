@@ -1544,6 +1544,32 @@ TEST_F(Playback, TheCallbackPassesTheTimesOn) {
     EXPECT_LE(started(), wall_clock() + 0.25 + 1e-6);
 }
 
+TEST_F(Playback, GapsAreCountedWhileTheTransmissionIsHeard) {
+    const auto buffer = [](PaStreamCallbackFlags flags) {
+        const Stream& stream = sound->last();
+        const PaStreamCallbackTimeInfo time{0, 0, 0};
+        std::vector<float> samples(100 * static_cast<std::size_t>(stream.output->channelCount));
+        stream.callback(nullptr, samples.data(), 100, &time, flags, stream.user);
+    };
+    EXPECT_EQ(ova_output_underflows(nullptr), 0);
+    const Transmitter tx = prepared(1000);
+    for (int round = 0; round < 2; round++) {
+        start(HEADSET, tx.get());
+        EXPECT_EQ(ova_output_underflows(audio.get()), 0) << "those of the transmission before";
+        buffer(paOutputUnderflow);
+        EXPECT_EQ(ova_output_underflows(audio.get()), 0) << "before the first sample";
+        buffer(0);
+        buffer(paOutputOverflow);
+        EXPECT_EQ(ova_output_underflows(audio.get()), 0);
+        buffer(paOutputUnderflow);
+        buffer(paOutputUnderflow | paOutputOverflow);
+        EXPECT_EQ(ova_output_underflows(audio.get()), 2);
+    }
+    for (int k = 0; k < 10; k++) buffer(0);
+    buffer(paOutputUnderflow);
+    EXPECT_EQ(ova_output_underflows(audio.get()), 2) << "after the last sample";
+}
+
 // Times of this test are exact binary fractions.
 TEST_F(Playback, TheStartFallsOnTheNearestFrame) {
     constexpr double FRAME = 1.0 / 8192;

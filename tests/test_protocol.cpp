@@ -25,12 +25,14 @@ TEST(Protocols, AreFoundByIdOptionAndMode) {
     for (const ov_protocol& protocol : OV_PROTOCOLS) {
         EXPECT_EQ(ov_protocol_by_id(static_cast<uint32_t>(protocol.id)), &protocol);
         EXPECT_EQ(ov_protocol_by_option(protocol.option), &protocol);
+        EXPECT_EQ(ov_protocol_by_option(protocol.name), &protocol);
         if (protocol.mode != OV_NO_MODE) {
             EXPECT_EQ(&ov_protocol_by_mode(protocol.mode), &protocol);
         }
     }
     for (const uint32_t id : {0U, 3U, 5U, 6U, 7U, 8U, 0x80000001U}) EXPECT_EQ(ov_protocol_by_id(id), nullptr) << id;
-    for (const char* option : {"", "OPERA", "opera ", "orvel", "Classic"}) {
+    EXPECT_EQ(ov_protocol_by_option("Orvel-S"), ov_protocol_by_id(OVL_ORVEL_S));
+    for (const char* option : {"", "opera ", "orvel", "Classic"}) {
         EXPECT_EQ(ov_protocol_by_option(option), nullptr) << option;
     }
     EXPECT_EQ(ov_protocol_by_mode(2).id, OVL_ORVEL_L);

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "base/console.h"
+#include "base/error.h"
 #include "base/json.h"
 #include "base/text.h"
 #include "exit_status.h"
@@ -42,10 +43,9 @@ void print_json(const std::vector<ovl_audio_device>& devices) {
 
 int devices(bool json) {
     const std::vector<ovl_audio_device> found = list_devices();
+    if (found.empty()) throw IoError("no sound devices");
     if (json) {
         print_json(found);
-    } else if (found.empty()) {
-        print_error("there is no sound device");
     } else {
         print_table(found);
     }

@@ -68,7 +68,7 @@ Offer offer_of(const CLI::Option& option) {
         for (const std::string& protocol : protocol_words()) words.push_back(protocol + "=");
         return {Values::STEMS, words};
     }
-    if (name == "FILE" || option.get_type_name() == "FILE") return {Values::FILES, {}};
+    if (name == "FILE" || name == "ptt-command" || option.get_type_name() == "FILE") return {Values::FILES, {}};
     return {Values::OTHER, {}};
 }
 

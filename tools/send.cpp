@@ -17,11 +17,14 @@
 #include "exit_status.h"
 #include "listening/devices.h"
 #include "options.h"
+#include "ovaudio.h"
+#include "transmission/keyer.h"
 
 namespace {
 
 constexpr double OPEN_AHEAD_S = 3;  // the device is opened this long before the start: on a busy machine it takes long
 constexpr double LATE_S = 0.05;     // a transmission later than this is reported
+constexpr double KEY_AHEAD_S = 1;   // a transmitter is keyed this long before the start: relays, and slow programs
 constexpr double POLL_S = 0.1;
 constexpr double STALL_S = 5;  // without a sample rendered: the device has stalled
 constexpr double CLOSE_S = 3;  // time that a device gets to close
@@ -34,6 +37,9 @@ struct Options {
     std::string every;
     std::string offset;
     int32_t times = 0;
+    bool strict = false;
+    std::optional<std::string> ptt_command;
+    std::optional<std::string> ptt;
 };
 
 // When to send: once, or in slots.
@@ -81,10 +87,36 @@ std::string step_text(const Transmission& transmission, const ovl_tx_progress& p
 
 // ---- Sending --------------------------------------------------------------------------------------------------------
 
-enum class Outcome { SENT, STOPPED, FAILED };
+enum class Outcome { SENT, WITH_GAPS, STOPPED, FAILED };
 
-// Follows a transmission to its end; Ctrl-C ends it with a soft ramp.
-Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const Transmission& transmission, double start) {
+const char* name_of(Outcome outcome) {
+    switch (outcome) {
+        case Outcome::SENT:
+        case Outcome::WITH_GAPS:
+            return "sent";
+        case Outcome::STOPPED:
+            return "stopped";
+        case Outcome::FAILED:
+            return "failed";
+    }
+    return "";
+}
+
+std::unique_ptr<Ptt> ptt_of(const Options& options) {
+    if (options.ptt_command) return make_command_ptt(*options.ptt_command);
+    return options.ptt ? make_ptt(*options.ptt) : nullptr;
+}
+
+// Keys the transmitter when it is time.
+void key_in_time(Keyer& keyer, double start) {
+    if (keyer.keyed() || !keyer.has_ptt() || utc_now() < start - KEY_AHEAD_S) return;
+    keyer.key();
+    const double late_s = utc_now() - start;
+    if (start > 0 && late_s > 0) print_error(format("keyed the transmitter %.2f s late", late_s));
+}
+
+// Follows a transmission to its end; Ctrl-C ends it with a soft ramp. Throws IoError when it cannot be keyed.
+Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const Transmission& transmission, double start, Keyer& keyer) {
     StatusLine line;
     ovl_tx_progress progress{};
     double moved_at = monotonic_now();
@@ -97,6 +129,7 @@ Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const Transmission& transm
             if (ovl_audio_output_started(audio) == 0) return Outcome::STOPPED;
             ovl_tx_stop(tx);
         }
+        if (!stopping) key_in_time(keyer, start);
         ovl_tx_status(tx, &progress);
         const double now = monotonic_now();
         const bool waiting = ovl_audio_output_started(audio) == 0 && utc_now() < start;
@@ -124,12 +157,17 @@ Outcome follow(ovl_audio* audio, ovl_transmitter* tx, const Transmission& transm
         print_error("the output device is gone");
         return Outcome::FAILED;
     }
-    return stopping ? Outcome::STOPPED : Outcome::SENT;
+    const int32_t gaps = ova_output_underflows(audio);
+    if (gaps > 0) {
+        const std::string count = gaps == 1 ? "a gap" : format("%d gaps", gaps);
+        print_error("the transmission has " + count + ": the output ran out of samples");
+    }
+    return stopping ? Outcome::STOPPED : gaps > 0 ? Outcome::WITH_GAPS : Outcome::SENT;
 }
 
 // Sends once; start 0 = at once.
-Outcome send_once(ovl_audio* audio, ovl_transmitter* tx, int32_t device, const Transmission& transmission,
-                  double start) {
+Outcome send_once(ovl_audio* audio, ovl_transmitter* tx, int32_t device, const Transmission& transmission, double start,
+                  Keyer& keyer) {
     if (start > 0) {
         StatusLine line;
         line.show(format("waiting for %s", utc_text(start, 0).c_str()));
@@ -139,11 +177,15 @@ Outcome send_once(ovl_audio* audio, ovl_transmitter* tx, int32_t device, const T
         if (interrupted()) return Outcome::STOPPED;
     }
     start_transmitter(tx, transmission);
-    if (ovl_audio_start_output_at(audio, device, tx, start) != 0) {
-        print_error(ovl_audio_last_error(audio));
-        return Outcome::FAILED;
+    Outcome outcome = Outcome::FAILED;
+    try {
+        if (start == 0) key_in_time(keyer, start);
+        if (ovl_audio_start_output_at(audio, device, tx, start) != 0) throw IoError(ovl_audio_last_error(audio));
+        outcome = follow(audio, tx, transmission, start, keyer);
+    } catch (const IoError& error) {
+        print_error(error.what());
     }
-    const Outcome outcome = follow(audio, tx, transmission, start);
+    if (!keyer.release()) outcome = Outcome::FAILED;
     const double started = ovl_audio_output_started(audio);
     const Background closing([audio] { ovl_audio_stop_output(audio); });
     if (!closing.wait(CLOSE_S)) {
@@ -153,10 +195,7 @@ Outcome send_once(ovl_audio* audio, ovl_transmitter* tx, int32_t device, const T
     }
     if (start > 0 && started > start + LATE_S) print_error(format("started %.2f s late", started - start));
     if (started > 0) {
-        print(format("%s  %s\n", utc_text(started, 3).c_str(),
-                     outcome == Outcome::SENT      ? "sent"
-                     : outcome == Outcome::STOPPED ? "stopped"
-                                                   : "failed"));
+        print(format("%s  %s\n", utc_text(started, 3).c_str(), name_of(outcome)));
     }
     return outcome;
 }
@@ -165,7 +204,9 @@ int send(const Options& options) {
     const TransmitterPtr tx = make_transmitter();
     start_transmitter(tx.get(), options.transmission);  // what cannot be sent is refused before any waiting
     Schedule schedule = make_schedule(options, total_seconds(tx.get()));
+    Keyer keyer(ptt_of(options));  // before there is any thread
     const int32_t device = find_device(options.device, Direction::OUTPUT);
+    keyer.check();
     const AudioObject audio = make_audio();
     watch_interrupts();
     // Only now: looking for the devices takes time too.
@@ -173,9 +214,10 @@ int send(const Options& options) {
 
     int status = EXIT_DONE;
     for (int32_t n = 0; schedule.times == 0 || n < schedule.times; n++) {
-        const Outcome outcome = send_once(audio.get(), tx.get(), device, options.transmission, schedule.start);
+        const Outcome outcome = send_once(audio.get(), tx.get(), device, options.transmission, schedule.start, keyer);
         if (!flush_output()) return EXIT_FAILED;
-        if (outcome != Outcome::SENT) status = EXIT_FAILED;
+        const bool good = outcome == Outcome::SENT || (outcome == Outcome::WITH_GAPS && !options.strict);
+        if (!good) status = EXIT_FAILED;
         if (outcome == Outcome::STOPPED || interrupted()) break;
         if (!schedule.period_s) break;
         const double next = std::max(utc_now() + OPEN_AHEAD_S, schedule.start + *schedule.period_s / 2);
@@ -207,6 +249,16 @@ void add_send(CLI::App& app, int& status) {
         ->type_name("N")
         ->check(CLI::PositiveNumber)
         ->needs(every);
+    CLI::Option* command =
+        sub->add_option("--ptt-command", options->ptt_command,
+                        "Key the transmitter by a program, run as PROGRAM on before and PROGRAM off after")
+            ->type_name("PROGRAM");
+    sub->add_option("--ptt", options->ptt,
+                    "Key the transmitter: serial:PORT:rts or serial:PORT:dtr, a line of a serial port, or "
+                    "rigctld:HOST:PORT")
+        ->type_name("HOW")
+        ->excludes(command);
+    sub->add_flag("--strict", options->strict, "Exit with 1 when a transmission had gaps, too");
     sub->footer(step_help() +
                 "\n\nCtrl-C ends a transmission with a soft ramp. Lengths are in seconds, or end in s, m or h.");
     sub->callback([options, &status] { status = send(*options); });

@@ -1,12 +1,12 @@
 #include "listening/devices.h"
 
+#include <algorithm>
 #include <charconv>
 #include <new>
 #include <optional>
 
 #include "base/error.h"
 #include "base/text.h"
-#include "listening/captured_stderr.h"
 
 namespace {
 
@@ -25,7 +25,6 @@ AudioObject make_audio() {
 }
 
 std::vector<ovl_audio_device> list_devices() {
-    const CapturedStderr chatter;
     std::vector<ovl_audio_device> devices;
     const int32_t count = ovl_audio_device_count();
     for (int32_t i = 0; i < count; i++) {
@@ -38,12 +37,17 @@ std::vector<ovl_audio_device> list_devices() {
 
 int32_t find_device(const std::string& text, Direction direction) {
     const std::vector<ovl_audio_device> devices = list_devices();
-    if (text.empty()) return -1;
-
     const char* const kind = direction == Direction::INPUT ? "input" : "output";
     const auto usable = [&](const ovl_audio_device& device) {
         return (direction == Direction::INPUT ? device.input_channels : device.output_channels) > 0;
     };
+    if (text.empty()) {
+        const auto is_default = [&](const ovl_audio_device& device) {
+            return (direction == Direction::INPUT ? device.is_default_input : device.is_default_output) != 0;
+        };
+        if (std::none_of(devices.begin(), devices.end(), is_default)) throw IoError(format("no such %s device", kind));
+        return -1;
+    }
     const auto number = parse_number(text);
     std::vector<int32_t> found;
     for (std::size_t i = 0; i < devices.size(); i++) {

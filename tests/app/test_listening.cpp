@@ -165,6 +165,77 @@ TEST_F(TheSampleClock, FollowsASoundCardWhoseClockIsWrongForADay) {
     }
 }
 
+// How far the clock is out, at worst, for frames that begin at times behind a loss of gap_s, asked when they have
+// ended.
+struct Arrival {
+    double every_s;   // between buffers
+    double late_s;    // at most
+    double stuck_s;   // every fourth second nothing is read for so long, and then all at once
+    bool told_empty;  // there are observations between the buffers too
+};
+double worst_error_behind(double gap_s, const Arrival& arrival, double lost_at_s, uint64_t seed) {
+    constexpr double SHORTEST_FRAME_S = 20;
+    std::mt19937_64 random(seed);
+    std::uniform_real_distribution<double> late(0, arrival.late_s);
+    SampleClock clock;
+    double worst = 0;
+    double captured_s = 0;
+    double next_frame_s = lost_at_s + 0.5;
+    double free_at = 0;
+    while (captured_s < lost_at_s + 35) {
+        captured_s += arrival.every_s;
+        const double truth = MARCH_1 + captured_s + (captured_s > lost_at_s ? gap_s : 0);
+        double seen = std::max(truth + late(random), free_at);
+        if (arrival.stuck_s > 0 && std::fmod(captured_s, 4) < arrival.every_s) free_at = seen + arrival.stuck_s;
+        clock.observe(captured_s, seen);
+        for (int k = 1; arrival.told_empty && k < 100 * gap_s; k++) clock.observe(captured_s, seen + k * 0.01);
+        while (next_frame_s + SHORTEST_FRAME_S < captured_s) {
+            worst = std::max(worst, std::fabs(clock.utc(next_frame_s) - (MARCH_1 + next_frame_s + gap_s)));
+            next_frame_s += 0.173;
+        }
+    }
+    for (double before_s = lost_at_s - 15; before_s < lost_at_s - arrival.every_s - 0.1; before_s += 0.191) {
+        worst =
+            std::max(worst, std::fabs(clock.utc(before_s) - (MARCH_1 + before_s)) - arrival.late_s - arrival.stuck_s);
+    }
+    return worst;
+}
+
+// Of every length, and for every start half a second or more behind it; what began before it is at most as late as its
+// buffers were.
+TEST(TheSampleClockBehindALoss, IsRightAtOnce) {
+    const std::vector<Arrival> arrivals = {{0.05, 0, 0, false},     {0.1, 0.1, 0, true},  {0.02, 0.25, 0, false},
+                                           {0.1, 0.25, 0, false},   {0.25, 0.3, 0, true}, {0.68, 0.2, 0, false},
+                                           {0.25, 0.1, 1.5, false}, {0.05, 0.1, 3, false}};
+    for (std::size_t k = 0; k < arrivals.size(); k++) {
+        for (int tenths = 1; tenths <= 90; tenths++) {
+            const double lost_at_s = 20 + 0.37 * (tenths % 7);
+            const auto seed = static_cast<uint64_t>(tenths);
+            EXPECT_LT(worst_error_behind(0.1 * tenths, arrivals[k], lost_at_s, seed), 0.1) << k << ", " << tenths;
+        }
+    }
+}
+
+TEST_F(TheSampleClock, KeepsUpWithOneLossAfterTheOther) {
+    double begin = MARCH_1;
+    std::vector<std::pair<double, double>> truth;  // where to look, and what capture began at
+    for (int k = 0; k < 30; k++) {
+        truth.emplace_back(captured_s_ + 0.6, begin);
+        capture(3 + k % 5, begin);
+        begin += 0.1 + 0.3 * k;
+    }
+    capture(30, begin);
+    for (const auto& [at_s, expected] : truth) EXPECT_NEAR(clock_.utc(at_s), expected + at_s, 0.1) << at_s;
+}
+
+TEST_F(TheSampleClock, WhatIsLateForSecondsIsNotTakenForALoss) {
+    capture(50, MARCH_1);
+    capture(2, MARCH_1 + 4);
+    capture(2, MARCH_1 + 2);
+    capture(30, MARCH_1);
+    for (double at_s = 40; at_s < 60; at_s += 0.1) EXPECT_NEAR(clock_.utc(at_s), MARCH_1 + at_s, NEAR_S) << at_s;
+}
+
 TEST_F(TheSampleClock, OfWhatComesAllAtOnceTheNewestSampleHasJustCome) {
     for (double captured_s = 0.25; captured_s <= 200; captured_s += 0.25) clock_.observe(captured_s, MARCH_1);
     for (const double at_s : {0.0, 100.0, 200.0}) EXPECT_NEAR(clock_.utc(at_s), MARCH_1 - 200 + at_s, 1e-6) << at_s;

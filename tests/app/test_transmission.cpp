@@ -1,13 +1,32 @@
 // Transmissions as a user types them.
+#include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <csignal>
+#include <cstdarg>
 #include <cstdint>
 #include <cstring>
+#include <fstream>
 #include <functional>
+#include <sstream>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "base/error.h"
+#include "process.h"
+#include "sound_server.h"
+#include "transmission/keyer.h"
+#include "transmission/ptt.h"
 #include "transmission/steps.h"
 
 namespace {
@@ -155,4 +174,322 @@ TEST(Steps, WhatTheLibraryRefusesIsRefusedInItsWords) {
     EXPECT_EQ(with([](Transmission& o) { o.steps = {"orvel-l=G4QZB,ZZ99"}; }), "cannot encode G4QZB ZZ99");
 }
 
+// ---- Push to talk ---------------------------------------------------------------------------------------------------
+
+// What a call throws; "" when it throws nothing.
+template <class Error = IoError, class Call>
+std::string thrown_by(Call call) {
+    try {
+        call();
+        return "";
+    } catch (const Error& error) {
+        return error.what();
+    }
+}
+
+double seconds_of(const std::function<void()>& call) {
+    const auto begin = std::chrono::steady_clock::now();
+    call();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+TEST(Ptt, WhatIsNoWayToKeyIsWrongUsage) {
+    for (const char* const text :
+         {"", "serial", "serial:", "serial:/dev/null", "serial:/dev/null:cts", "serial::rts", "serial:/dev/null:RTS",
+          "rigctld", "rigctld:", "rigctld:localhost", "rigctld::4532", "rigctld:localhost:", "vox", "serial:/:rts"}) {
+        EXPECT_NE(thrown_by<UsageError>([&] { make_ptt(text)->check(); }), "") << text;
+    }
+    for (const char* const port : {"0", "65536", "-1", "4532x", "99999999999", "http"}) {
+        EXPECT_NE(thrown_by<UsageError>([&] { make_ptt(std::string("rigctld:localhost:") + port); }), "") << port;
+    }
+    EXPECT_NE(thrown_by<UsageError>([] { make_command_ptt("/nonexistent/program")->check(); }), "");
+    EXPECT_NE(thrown_by<UsageError>([] { make_command_ptt("no-such-program-in-path")->check(); }), "");
+    EXPECT_NE(thrown_by<UsageError>([] { make_command_ptt("")->check(); }), "");
+}
+
+// A program of the user's that writes its arguments and ORVEL_PTT to a file, then does more.
+class PttCommand : public ::testing::Test {
+  protected:
+    std::string path(const std::string& name) const { return directory_.path() + "/" + name; }
+    std::string program(const std::string& then) const {
+        const std::string file = path("key me;true");  // a shell would take it apart
+        std::ofstream(file) << "#!/bin/sh\necho \"$#:$*:$ORVEL_PTT\" >> " << path("log") << "\n" << then << "\n";
+        chmod(file.c_str(), 0700);
+        return file;
+    }
+    std::string log() const {
+        std::ostringstream text;
+        text << std::ifstream(path("log")).rdbuf();
+        return text.str();
+    }
+    TemporaryDirectory directory_;
+};
+
+TEST_F(PttCommand, IsToldByArgumentAndEnvironmentWithoutAShell) {
+    const auto ptt = make_command_ptt(program("cat"));  // its standard input is empty
+    ptt->set(true);
+    ptt->set(false);
+    EXPECT_EQ(log(), "1:on:on\n1:off:off\n");
+    const auto in_path = make_command_ptt("true");
+    in_path->check();
+    in_path->set(true);
+}
+
+TEST_F(PttCommand, ThatFailsSaysWhy) {
+    EXPECT_NE(thrown_by([&] {
+                  make_command_ptt(program("echo one; echo two >&2; exit 3"))->set(true);
+              }).find("on': exit status 3: two"),
+              std::string::npos);
+    EXPECT_NE(thrown_by([&] { make_command_ptt(program("kill -9 $$"))->set(false); }).find("off': ended by signal 9"),
+              std::string::npos);
+    EXPECT_EQ(thrown_by([&] { make_command_ptt(program("yes | head -c 1000000; exit 0"))->set(true); }), "");
+    const std::string file = path("text");
+    std::ofstream(file) << "no program";
+    chmod(file.c_str(), 0700);
+    EXPECT_NE(thrown_by([&] { make_command_ptt(file)->set(true); }).find("Exec format error"), std::string::npos);
+}
+
+TEST_F(PttCommand, ThatDoesNotEndIsEndedWithAllThatItStarted) {
+    const auto ptt = make_command_ptt(program("sleep 60 & echo $! > " + path("child") + "; sleep 60"), 0.3);
+    std::string reason;
+    EXPECT_LT(seconds_of([&] { reason = thrown_by([&] { ptt->set(true); }); }), 2);
+    EXPECT_NE(reason.find("takes longer than"), std::string::npos) << reason;
+    pid_t child = 0;
+    std::ifstream(path("child")) >> child;
+    ASSERT_GT(child, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::ifstream stat("/proc/" + std::to_string(child) + "/stat");
+    std::string number;
+    std::string name;
+    std::string state = "gone";
+    stat >> number >> name >> state;
+    EXPECT_TRUE(state == "gone" || state == "Z" || state == "X") << state;
+}
+
+TEST_F(PttCommand, LeavesThatItStartsAndThatPrintNothingMoreDoNotHoldUsUp) {
+    const auto ptt = make_command_ptt(program("sleep 3 &"), 2);
+    EXPECT_LT(seconds_of([&] { ptt->set(true); }), 1.5) << "the program has ended";
+}
+
+// ---- Serial ports ---------------------------------------------------------------------------------------------------
+
+// Pseudo terminals have no lines: these calls are noted, and succeed, while `lines` says so.
+struct Line {
+    bool raised;
+    int lines;
+    bool operator==(const Line&) const = default;
+};
+bool with_lines = false;
+std::vector<Line> moved;
+
+class PttSerial : public ::testing::Test {
+  protected:
+    PttSerial() : master_(posix_openpt(O_RDWR | O_NOCTTY)) {
+        grantpt(master_);
+        unlockpt(master_);
+        port_ = ptsname(master_);
+        moved.clear();
+    }
+    ~PttSerial() override {
+        with_lines = false;
+        close(master_);
+    }
+    bool open_here() const {
+        for (int fd = 0; fd < 64; fd++) {
+            char name[64]{};
+            const std::string link = "/proc/self/fd/" + std::to_string(fd);
+            if (readlink(link.c_str(), name, sizeof name - 1) > 0 && port_ == name) return true;
+        }
+        return false;
+    }
+    int master_;
+    std::string port_;
+};
+
+TEST_F(PttSerial, MovesTheLineItIsToldAndIsOpenWhileItSendsOnly) {
+    with_lines = true;
+    const std::vector<std::pair<std::string, int>> lines = {{"rts", TIOCM_RTS}, {"dtr", TIOCM_DTR}};
+    for (const auto& [name, line] : lines) {
+        moved.clear();
+        const auto ptt = make_ptt("serial:" + port_ + ":" + name);
+        EXPECT_FALSE(ptt->outlives_us());
+        EXPECT_FALSE(open_here());
+        ptt->set(true);
+        EXPECT_TRUE(open_here());
+        EXPECT_EQ(moved, (std::vector<Line>{{false, TIOCM_RTS | TIOCM_DTR}, {true, line}})) << name;
+        ptt->set(false);
+        EXPECT_FALSE(open_here());
+        EXPECT_EQ(moved.back(), (Line{false, TIOCM_RTS | TIOCM_DTR}));
+        EXPECT_EQ(moved.size(), 3u);
+        ptt->set(false);
+        EXPECT_EQ(moved.size(), 3u) << "it is released";
+    }
+}
+
+TEST_F(PttSerial, WithoutLinesOrPortsSaysSo) {
+    const auto ptt = make_serial_ptt(port_, SerialLine::RTS);
+    EXPECT_NE(thrown_by([&] { ptt->set(true); }).find("cannot use '" + port_ + "': cannot lower the lines: "),
+              std::string::npos);
+    EXPECT_FALSE(open_here());
+    EXPECT_EQ(thrown_by([&] { make_ptt("serial:/dev/pts/999999:rts")->check(); }),
+              "cannot use '/dev/pts/999999': No such file or directory");
+    const auto no_terminal = make_ptt("serial:/dev/null:dtr");
+    EXPECT_NE(thrown_by([&] { no_terminal->set(true); }).find("Inappropriate ioctl"), std::string::npos);
+}
+
+// ---- rigctld --------------------------------------------------------------------------------------------------------
+
+// Answers each connection's first line with a text, or closes it without one.
+class FalseRigctld {
+  public:
+    explicit FalseRigctld(std::string answer) : answer_(std::move(answer)) {
+        socket_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        bind(socket_, reinterpret_cast<const sockaddr*>(&address), size);
+        listen(socket_, 8);
+        getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &size);
+        port_ = std::to_string(ntohs(address.sin_port));
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~FalseRigctld() {
+        shutdown(socket_, SHUT_RDWR);
+        thread_.join();
+        close(socket_);
+    }
+    const std::string& port() const { return port_; }
+    std::string commands;  // read it after the calls that it answered
+
+  private:
+    void serve() {
+        for (int client = 0; (client = accept(socket_, nullptr, nullptr)) >= 0;) {
+            char block[64];
+            const ssize_t got = recv(client, block, sizeof block, 0);
+            if (got > 0) commands.append(block, static_cast<std::size_t>(got));
+            if (got > 0) send(client, answer_.data(), answer_.size(), MSG_NOSIGNAL);
+            if (got > 0 && answer_.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(600));
+            close(client);
+        }
+    }
+    std::string answer_;
+    std::string port_;
+    int socket_;
+    std::thread thread_;
+};
+
+TEST(PttRigctld, SendsTheCommandsOfItsProtocol) {
+    FalseRigctld rig("RPRT 0\n");
+    const auto ptt = make_ptt("rigctld:127.0.0.1:" + rig.port());
+    ptt->set(true);
+    ptt->set(false);
+    EXPECT_EQ(rig.commands, "T 1\nT 0\n");
+    EXPECT_TRUE(ptt->outlives_us());
+    const auto by_name = make_ptt("rigctld:localhost:" + rig.port());
+    by_name->check();
+    by_name->set(true);
+}
+
+TEST(PttRigctld, WhateverItAnswersIsAnErrorWithinItsTime) {
+    const std::vector<std::pair<std::string, std::string>> answers = {
+        {"RPRT -1\n", "it answers 'RPRT -1'"},
+        {"RPRT 00\n", "it answers"},
+        {"\n", "it answers ''"},
+        {std::string(100000, 'x'), "its answer has no end"},
+        {"RPRT 0", "it closed the connection"},
+        {"", "no answer in time"},
+        {std::string("RPRT 0\0\n", 8), "it answers"},
+        {"\x1b]0;x\a\n", "it answers"},
+    };
+    for (const auto& [answer, reason] : answers) {
+        FalseRigctld rig(answer);
+        const auto ptt = make_rigctld_ptt("127.0.0.1", rig.port(), 0.4);
+        std::string error;
+        EXPECT_LT(seconds_of([&] { error = thrown_by([&] { ptt->set(true); }); }), 1.5);
+        EXPECT_NE(error.find("cannot use rigctld at 127.0.0.1 port " + rig.port() + ": " + reason), std::string::npos)
+            << error;
+    }
+}
+
+TEST(PttRigctld, ThatIsNotThereIsAnErrorAtOnce) {
+    std::string port;
+    { port = FalseRigctld("").port(); }
+    EXPECT_EQ(thrown_by([&] { make_ptt("rigctld:127.0.0.1:" + port)->check(); }),
+              "cannot use rigctld at 127.0.0.1 port " + port + ": Connection refused");
+    EXPECT_NE(thrown_by([] { make_ptt("rigctld:no-such-host.invalid:4532")->check(); }), "");
+}
+
+// ---- Keyer ----------------------------------------------------------------------------------------------------------
+
+TEST_F(PttCommand, OfAKeyerIsReleasedOnce) {
+    {
+        Keyer keyer(make_command_ptt(program("")));
+        EXPECT_TRUE(keyer.release());
+        keyer.key();
+        keyer.key();
+        EXPECT_TRUE(keyer.keyed());
+        EXPECT_TRUE(keyer.release());
+        EXPECT_TRUE(keyer.release());
+        EXPECT_EQ(log(), "1:on:on\n1:off:off\n");
+        keyer.key();
+    }
+    EXPECT_EQ(log(), "1:on:on\n1:off:off\n1:on:on\n1:off:off\n") << "the end of the keyer releases";
+    Keyer none(nullptr);
+    none.key();
+    EXPECT_FALSE(none.keyed());
+    EXPECT_TRUE(none.release());
+}
+
+TEST_F(PttCommand, OfAKeyerThatFailsToKeyIsReleasedAllTheSame) {
+    Keyer keyer(make_command_ptt(program("test $1 = off")));
+    EXPECT_NE(thrown_by([&] { keyer.key(); }), "");
+    EXPECT_TRUE(keyer.release());
+    EXPECT_EQ(log(), "1:on:on\n1:off:off\n");
+}
+
+TEST_F(PttCommand, OfAKeyerThatFailsToReleaseIsTriedAgain) {
+    Keyer keyer(make_command_ptt(program("test $1 = on")));
+    keyer.key();
+    ::testing::internal::CaptureStderr();
+    EXPECT_FALSE(keyer.release());
+    const std::string text = ::testing::internal::GetCapturedStderr();
+    EXPECT_NE(text.find("orvel: the transmitter may still be keyed: "), std::string::npos) << text;
+    EXPECT_EQ(log(), "1:on:on\n1:off:off\n1:off:off\n");
+}
+
+// By the guard: nothing of ours runs any more.
+TEST_F(PttCommand, OfAKilledProcessIsReleased) {
+    for (const bool keyed : {true, false}) {
+        const std::string file = program("");
+        unlink(path("log").c_str());
+        const pid_t child = fork();
+        if (child == 0) {
+            Keyer keyer(make_command_ptt(file));
+            keyer.key();
+            if (!keyed) keyer.release();
+            kill(getpid(), SIGKILL);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_TRUE(WIFSIGNALED(status));
+        for (int k = 0; k < 200 && log() != "1:on:on\n1:off:off\n"; k++) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_EQ(log(), "1:on:on\n1:off:off\n") << keyed;
+    }
+}
+
 }  // namespace
+
+extern "C" {
+
+int __real_ioctl(int fd, unsigned long request, void* argument);
+
+int __wrap_ioctl(int fd, unsigned long request, void* argument) {
+    if (!with_lines || (request != TIOCMBIS && request != TIOCMBIC)) return __real_ioctl(fd, request, argument);
+    moved.push_back({request == TIOCMBIS, *static_cast<const int*>(argument)});
+    return 0;
+}
+}

@@ -223,7 +223,7 @@ void SoundServer::restart() {
 // ---- No server -------------------------------------------------------------------------------------------------
 
 SoundlessMachine::SoundlessMachine() {
-    // ALSA lists names without a server. Without any name PortAudio runs into one of its own assertions.
+    // ALSA lists names without a server.
     write_file(directory_.path() + "/asound.conf", ALSA_DEVICES);
 }
 
