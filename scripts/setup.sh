@@ -1,6 +1,6 @@
 # Shell functions of ./demo, ./test and .ci/run; to be sourced with the repository as working directory.
 
-BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libfftw3-dev portaudio19-dev libcli11-dev nlohmann-json3-dev
+BUILD_PACKAGES=(g++ cmake make ninja-build pkg-config libfftw3-dev portaudio19-dev libcli11-dev nlohmann-json3-dev
                 libsndfile1-dev libsoxr-dev libcairo2-dev)
 TEST_PACKAGES=(libgtest-dev sox ffmpeg libbenchmark-dev pulseaudio libasound2-plugins mandoc zsh fish
                dpkg-dev fakeroot locales python3 python3-numpy python3-pytest doxygen)
