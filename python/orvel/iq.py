@@ -66,7 +66,7 @@ def search_half_width(search: Search) -> float:
 class Band:
     """A block of I/Q, transformed once, from which slices are cut; checked as cut_slice() says."""
 
-    def __init__(self, iq: object, rate: checks.Rate) -> None:
+    def __init__(self, iq: checks.IqSamples, rate: checks.Rate) -> None:
         block = checks.iq_samples(iq)
         self._rate = checks.whole_number(rate, "rate", 1, _MOST_RATE)
         self._n = block.size
@@ -105,7 +105,7 @@ class Band:
         return Slice(samples, rate, float(audio_center), center_bin / seconds - audio_center)
 
 
-def cut_slice(iq: object, rate: checks.Rate, *, center_hz: float = 0.0, half_width_hz: float = 500.0) -> Slice:
+def cut_slice(iq: checks.IqSamples, rate: checks.Rate, *, center_hz: float = 0.0, half_width_hz: float = 500.0) -> Slice:
     """Bring the slice center_hz ± half_width_hz of I/Q into the audio range.
 
     iq             shape (n,), complex, I + jQ, all finite
@@ -120,11 +120,11 @@ def cut_slice(iq: object, rate: checks.Rate, *, center_hz: float = 0.0, half_wid
 
 
 def decode_iq(
-    iq: object,
+    iq: checks.IqSamples,
     rate: checks.Rate,
     *,
     known: str | Iterable[str] = (),
-    protocols: Protocol = Protocol.ALL,
+    protocols: Protocol | str = Protocol.ALL,
     center_hz: float = 0.0,
     search_hz: float = 200.0,
     spread_hz: float = 0.0,
