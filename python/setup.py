@@ -13,7 +13,11 @@ from pathlib import Path
 
 from setuptools import Distribution, setup
 from setuptools.command.build_py import build_py
-from wheel.bdist_wheel import bdist_wheel
+
+try:
+    from setuptools.command.bdist_wheel import bdist_wheel
+except ImportError:  # before setuptools 70
+    from wheel.bdist_wheel import bdist_wheel
 
 TREE = Path(__file__).resolve().parents[1]
 CHOSEN = os.environ.get("ORVEL_WHEEL_LIBRARY", "")

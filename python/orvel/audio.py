@@ -142,7 +142,9 @@ class Capture(Handle):
     rate: int
     """Sample rate of the captured audio, Hz: the device's divided by a whole number, 12000 from 48000."""
 
-    def __init__(self, device: int | str = DEFAULT_DEVICE, rate: checks.Rate | None = None, seconds: float = 60.0) -> None:
+    def __init__(
+        self, device: int | str = DEFAULT_DEVICE, rate: checks.Rate | None = None, seconds: float = 60.0
+    ) -> None:
         """Start capture.
 
         device    number or name of a device, as devices() has them, DEFAULT_DEVICE or NO_DEVICE; a part of the name

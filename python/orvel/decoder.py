@@ -267,7 +267,9 @@ class Decoder(Handle):
             raise ValueError(f"recent_s is {recent}; it must be above 0")
         return self._decode(samples, rate, search, recent)
 
-    def _decode(self, samples: checks.Samples, rate: checks.Rate, search: Search | None, recent_s: float | None) -> list[Spot]:
+    def _decode(
+        self, samples: checks.Samples, rate: checks.Rate, search: Search | None, recent_s: float | None
+    ) -> list[Spot]:
         block = checks.real_samples(samples)
         hertz = checks.sample_rate(rate)
         settings = ctypes.byref((self.search if search is None else search).record())

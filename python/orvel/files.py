@@ -6,6 +6,7 @@ the package soundfile.
 
 from __future__ import annotations
 
+import contextlib
 import os
 import wave
 from collections.abc import Iterable, Iterator
@@ -16,8 +17,8 @@ import numpy as np
 import numpy.typing as npt
 
 from . import _checks as checks
-from .decoder import METHODS, Coherent, Spot, decode
-from .iq import decode_iq
+from .decoder import METHODS, Coherent, Decoder, Search, Spot
+from .iq import decode_slice
 from .protocols import Protocol
 from .wide import decode_wide
 
@@ -25,6 +26,9 @@ from .wide import decode_wide
 _OVERLAP_S = 50  # the longest frame and a little more
 _LEAST_BLOCK_S, _MOST_BLOCK_S, _BLOCK_SAMPLES = 90, 300, 18_000_000
 _STRETCH = 1.25  # a recording up to this many blocks long is one
+# The library examines 30 candidates of each protocol in a call: one call for these seconds of ends makes them the 120 a
+# minute that the command examines.
+_WINDOW_S = 15
 _SAME_S, _SAME_HZ = 10, 15  # a station cannot send two frames this close
 
 _Frames = npt.NDArray[np.float64]  # shape (frames, channels), full scale 1
@@ -109,6 +113,20 @@ def _samples(block: _Frames, iq: bool, channel: int | None) -> Any:
     return block[:, checks.whole_number(channel, "channel", 1, channels) - 1]
 
 
+def _decode_crowded(
+    decoder: Decoder, samples: checks.Samples, rate: int, search: Search, coherent: bool | Coherent
+) -> list[Spot]:
+    """One block, window by window of ends; then all of it at once, so that no edge of a window costs a frame."""
+    last = max(1, int(len(samples) / rate) // _WINDOW_S)
+    ends: list[float | None] = [None, *(_WINDOW_S * k for k in range(2, last)), None]
+    spots: list[Spot] = []
+    decoder.set_coherent(False)
+    for begin, end in zip(ends[:-1], ends[1:]):
+        spots += decoder.decode(samples, rate, replace(search, end_min=begin, end_max=end))
+    decoder.set_coherent(coherent)
+    return spots + decoder.decode(samples, rate, search)
+
+
 def _merge(found: list[tuple[float, Spot]]) -> list[Spot]:
     """Each frame once: found by the plainest method, then the surest of the coherent ones, or the most of it heard."""
     best: list[tuple[float, Spot]] = []
@@ -152,37 +170,41 @@ def decode_file(
     center_hz  centre of the search; None = 1500 Hz, of I/Q 0
 
     The rest is as for decode(). Spots count from the start of the file, each frame is reported once, in order of start
-    time. What `orvel decode` prints is the same but where a band is crowded: it examines more candidates than the C
-    interface does, 120 a minute, and reports more than 64 frames of a block. Samples that are not finite count as
-    silence; a file that ends before its header says is decoded up to there.
+    time, as `orvel decode` prints them, which reads sample rates that the library refuses too, and works on all cores.
+    Samples that are not finite count as silence; a file that ends before its header says is decoded up to there.
 
     Raises OSError when the file cannot be opened, ValueError when it cannot be read as asked, OrvelError for one that
     the decoder refuses; soundfile raises errors of its own.
     """
     if wide and not iq:
         raise ValueError("wide is for I/Q")
-    search: dict[str, Any] = {
-        "known": known if isinstance(known, str) else list(known),
-        "protocols": protocols,
-        "deep_search": deep_search,
-        "known_only": known_only,
-        "coherent": coherent,
-    }
     center = (0.0 if iq else 1500.0) if center_hz is None else center_hz
-    where: dict[str, Any] = {"center_hz": center, "search_hz": search_hz, "spread_hz": spread_hz}
-    file = _open(os.fspath(path))
+    search = Search(protocols, center, search_hz, spread_hz, deep_search, known_only)
+    calls = known if isinstance(known, str) else list(known)
     found: list[tuple[float, Spot]] = []
-    try:
+    with contextlib.closing(_open(os.fspath(path))) as file, Decoder(calls) as decoder:
+
+        def decode(samples: checks.Samples, rate: int, where: Search) -> list[Spot]:
+            return _decode_crowded(decoder, samples, rate, where, coherent)
+
         for begin, block in _blocks(file):
             samples = _samples(block, iq, channel)
             if wide:
-                spots = decode_wide(samples, file.rate, **search)
+                spots = decode_wide(
+                    samples,
+                    file.rate,
+                    known=calls,
+                    protocols=protocols,
+                    deep_search=deep_search,
+                    known_only=known_only,
+                    coherent=coherent,
+                )
+            elif iq:
+                spots = decode_slice(samples, file.rate, search, decode)
             else:
-                spots = (decode_iq if iq else decode)(samples, file.rate, **search, **where)
+                spots = decode(samples, file.rate, search)
             begin_s, length_s = begin / file.rate, samples.size / file.rate
             for spot in spots:
                 heard_s = min(spot.t_end, length_s) - max(spot.t_start, 0)
                 found.append((heard_s, replace(spot, t_start=spot.t_start + begin_s, t_end=spot.t_end + begin_s)))
-    finally:
-        file.close()
     return _merge(found)

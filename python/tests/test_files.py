@@ -41,9 +41,8 @@ def quiet(samples: npt.NDArray[Any]) -> npt.NDArray[Any]:
 def test_a_recording_gives_what_the_command_prints(name: str) -> None:
     path, iq = RECORDINGS / f"{name}.wav", name.startswith("iq")
     options = ["--iq"] if iq else []
-    done = subprocess.run(
-        [os.environ["ORVEL_COMMAND"], "decode", "--json", *options, str(path)], capture_output=True, text=True, check=True
-    )
+    command = [os.environ["ORVEL_COMMAND"], "decode", "--json", *options, str(path)]
+    done = subprocess.run(command, capture_output=True, text=True, check=True)
     printed = [json.loads(line) for line in done.stdout.splitlines()]
     spots = [spot.to_dict() for spot in orvel.decode_file(path, iq=iq)]
     assert len(spots) == len(printed) == len(read_truth(name))
@@ -74,17 +73,30 @@ def test_channels_are_averaged_or_chosen(tmp_path: Path) -> None:
         orvel.decode_file(path, channel=3)
 
 
-def test_each_frame_of_a_long_recording_is_found_once(tmp_path: Path) -> None:
-    rate, seconds = 8000, 560  # blocks from 0, 250 and 260 s
-    starts = {"K2QRX": 5.0, "OH3QKJ": 245.0, "G4QZB": 262.0, "F5QVB": 285.0, "DL1QXA": 520.0}
+def test_each_frame_of_a_long_recording_is_found_once(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(files, "_MOST_BLOCK_S", 100)
+    rate, seconds = 8000, 160  # blocks from 0, 50 and 60 s
+    starts = {"K2QRX": 5.0, "OH3QKJ": 45.0, "G4QZB": 62.0, "F5QVB": 85.0, "DL1QXA": 125.0}
     signal = 0.5 * noise_iq(seconds, rate, 3).real
     for k, (call, start) in enumerate(starts.items()):
         signal += station_iq(call, 1400.0 + 40 * k, -8, n=signal.size, rate=rate, t_start=start).real
-    spots = orvel.decode_file(write_wave(tmp_path / "long.wav", quiet(signal), rate))
+    spots = orvel.decode_file(write_wave(tmp_path / "long.wav", quiet(signal), rate), protocols="opera")
     assert [spot.call for spot in spots] == list(starts)
     for spot in spots:
         assert spot.t_start == pytest.approx(starts[spot.call], abs=0.01)
         assert spot.t_end - spot.t_start == pytest.approx(239 * orvel.CHIP_SECONDS)
+
+
+def test_a_crowd_is_found_of_which_one_decode_finds_a_part(tmp_path: Path) -> None:
+    rate = 8000
+    calls = ["K2QRX", "OH3QKJ", "G4QZB", "F5QVB", "DL1QXA", "9A5QQA", "LY2QSD", "OE3QTN", "EI7QKA"] * 4
+    signal = noise_iq(110, rate, 2).real
+    for k, call in enumerate(calls):
+        freq_hz, t_start = 1160.0 + 40 * (k % 18), 1 + 2.1 * k
+        signal += station_iq(call, freq_hz, -6, n=signal.size, rate=rate, t_start=t_start).real
+    path = write_wave(tmp_path / "crowd.wav", quiet(signal), rate)
+    assert len(orvel.decode(signal, rate, protocols="opera", search_hz=400)) <= 30
+    assert [spot.call for spot in orvel.decode_file(path, protocols="opera", search_hz=400)] == calls
 
 
 def test_blocks_cover_a_file_and_overlap() -> None:
