@@ -1,7 +1,7 @@
-# Where everything goes: cmake --install for a prefix, cpack for Debian packages.
+# Where everything goes: cmake --install for a prefix, from which debian/ makes packages.
 #
-# The components are the three packages: `library` for programs that run, `development` for those that are built, and
-# `command`.
+# The components are `library` for programs that run, `development` for those that are built, `command`, and
+# `documents`.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -45,9 +45,13 @@ endforeach()
 configure_file(cmake/liborvel.pc.in ${generated}/liborvel.pc @ONLY)
 install(FILES ${generated}/liborvel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
-install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
-# Next to the examples as in the tree: the encoder in Python reads its codes there.
-install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT development PATTERN Doxyfile.in EXCLUDE)
+# ---- Documents ----------------------------------------------------------------------------------------------------
+
+# As in the tree: pages link to each other, and the encoder in Python reads its codes there.
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documents)
+install(FILES bench/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR}/bench COMPONENT documents)
+install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documents
+        PATTERN Doxyfile.in EXCLUDE PATTERN .clang-format EXCLUDE PATTERN __pycache__ EXCLUDE)
 
 # ---- The command --------------------------------------------------------------------------------------------------
 
@@ -61,57 +65,3 @@ if(ORVEL_BUILD_TOOLS)
     install(FILES ${completions}/orvel.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d
             COMPONENT command)
 endif()
-
-# ---- Debian packages ----------------------------------------------------------------------------------------------
-
-set(ORVEL_PACKAGE_CONTACT "liborvel maintainers <maintainers@liborvel.invalid>" CACHE STRING
-    "Maintainer that the packages name")
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_NAME liborvel)
-set(CPACK_PACKAGE_CONTACT ${ORVEL_PACKAGE_CONTACT})
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_STRIP_FILES ON)
-set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
-set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
-set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/debian/compress.cmake)
-set(CPACK_COMPONENTS_ALL library development)
-set(package_of_library liborvel1)
-set(package_of_development liborvel-dev)
-set(package_of_command orvel)
-
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME ${package_of_library})
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/postinst
-    ${PROJECT_SOURCE_DIR}/cmake/debian/postrm)
-set(CPACK_DEBIAN_LIBRARY_DESCRIPTION
-"Finds and decodes OPERA and ORVEL frames in a block of audio: who sent, when,
-at which frequency and how strong. Also renders, plays and captures them.
-This package holds the shared library.")
-
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${package_of_development})
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-    "${package_of_library} (= ${PROJECT_VERSION}), libfftw3-dev, portaudio19-dev")
-set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
-"This package holds the headers for C and C++, the static library, what
-pkg-config and CMake need, and examples with recordings.")
-
-if(ORVEL_BUILD_TOOLS)
-    list(APPEND CPACK_COMPONENTS_ALL command)
-    set(CPACK_DEBIAN_COMMAND_PACKAGE_NAME ${package_of_command})
-    set(CPACK_DEBIAN_COMMAND_PACKAGE_SECTION hamradio)
-    set(CPACK_DEBIAN_COMMAND_PACKAGE_SHLIBDEPS ON)
-    set(CPACK_DEBIAN_COMMAND_DESCRIPTION
-"This package holds the command, which decodes recordings and the input of a
-sound card, and which encodes, renders and sends OPERA and ORVEL frames.")
-endif()
-foreach(component IN LISTS CPACK_COMPONENTS_ALL)
-    install(FILES cmake/debian/copyright DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package_of_${component}}
-            COMPONENT ${component})
-endforeach()
-include(CPack)

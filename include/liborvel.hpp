@@ -27,6 +27,10 @@
 #ifndef LIBORVEL_HPP
 #define LIBORVEL_HPP
 
+#if __cplusplus < 202002L
+#error "liborvel.hpp needs C++20: compile with -std=c++20, or link liborvel::liborvel in CMake, which asks for it."
+#endif
+
 #include <liborvel.h>
 
 #include <algorithm>

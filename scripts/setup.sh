@@ -1,9 +1,12 @@
 # Shell functions of ./demo, ./test and .ci/run; to be sourced with the repository as working directory.
 
-BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libfftw3-dev portaudio19-dev libcli11-dev nlohmann-json3-dev
+BUILD_PACKAGES=(g++ cmake make ninja-build pkg-config libfftw3-dev portaudio19-dev libcli11-dev nlohmann-json3-dev
                 libsndfile1-dev libsoxr-dev libcairo2-dev)
 TEST_PACKAGES=(libgtest-dev sox ffmpeg libbenchmark-dev pulseaudio libasound2-plugins libhamlib-utils mandoc zsh fish
-               dpkg-dev fakeroot locales python3 python3-numpy python3-pytest doxygen)
+               locales python3 python3-numpy python3-pytest python3-pip python3-setuptools python3-wheel
+               python3-soundfile doxygen)
+# Of the tests labelled `heavy`.
+HEAVY_PACKAGES=(dpkg-dev fakeroot debhelper dh-python lintian pybuild-plugin-pyproject python3-all)
 CHECK_PACKAGES=(clang libclang-rt-dev clang-format clang-tidy cppcheck mypy)
 
 # need_packages PACKAGE...: installs those that are missing. Asks no questions; when all are there it does nothing and

@@ -10,14 +10,19 @@ of another kind raises TypeError or ValueError with a hint what to do; what the 
 the library's own text.
 """
 
+from ._checks import IqSamples, Samples
 from ._errors import OrvelError
 from ._library import library_path, library_version
 from .audio import DEFAULT_DEVICE, NO_DEVICE, Capture, CaptureStats, Device, Player, devices
 from .decoder import Coherent, Decoder, Hit, Search, Spot, decode, scan
+from .files import decode_file
 from .iq import Slice, cut_slice, decode_iq
 from .protocols import CHIP_SECONDS, Protocol, encode
 from .transmit import Carrier, Frame, Pause, Progress, Step, Transmitter, TransmitSettings, render
 from .wide import decode_wide
+
+__version__ = "1.6.1"
+"""Version of this package; library_version() is that of the library."""
 
 __all__ = [
     "CHIP_SECONDS",
@@ -30,20 +35,24 @@ __all__ = [
     "Device",
     "Frame",
     "Hit",
+    "IqSamples",
     "NO_DEVICE",
     "OrvelError",
     "Pause",
     "Player",
     "Progress",
     "Protocol",
+    "Samples",
     "Search",
     "Slice",
     "Spot",
     "Step",
     "TransmitSettings",
     "Transmitter",
+    "__version__",
     "cut_slice",
     "decode",
+    "decode_file",
     "decode_iq",
     "decode_wide",
     "devices",

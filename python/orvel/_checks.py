@@ -2,6 +2,7 @@
 
 import math
 import operator
+from collections.abc import Sequence
 from typing import Any, SupportsIndex, Union
 
 import numpy as np
@@ -10,6 +11,10 @@ import numpy.typing as npt
 MAX_INT32 = 2**31 - 1
 
 Float32Array = npt.NDArray[np.float32]
+Samples = Union[npt.NDArray[np.floating[Any]], Sequence[float]]
+"""Audio: real floats of any width."""
+IqSamples = Union[npt.NDArray[np.complexfloating[Any, Any]], Sequence[complex]]
+"""I + jQ: complex numbers of any width."""
 Rate = Union[float, SupportsIndex]  # in any case a whole number
 
 

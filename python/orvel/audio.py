@@ -9,6 +9,7 @@ import weakref
 from collections.abc import Sequence
 from dataclasses import dataclass
 from datetime import datetime
+from typing import Literal
 
 import numpy as np
 
@@ -93,6 +94,20 @@ def devices() -> list[Device]:
     return found
 
 
+def _device_number(device: int | str, direction: Literal["input", "output"], least: int) -> int:
+    """The number of a device given by number, name or part of a name."""
+    if not isinstance(device, str):
+        return checks.whole_number(device, "device", least)
+    usable = [d for d in devices() if (d.input_channels if direction == "input" else d.output_channels) > 0]
+    wanted = device.casefold()
+    found = [d for d in usable if d.name.casefold() == wanted] or [d for d in usable if wanted in d.name.casefold()]
+    if len(found) != 1:
+        names = ", ".join(repr(d.name) for d in found or usable) or "none"
+        fits = f"fits {len(found)} {direction} devices" if found else f"is no {direction} device; there are"
+        raise ValueError(f"device {device!r} {fits}: {names}")
+    return found[0].index
+
+
 def _create() -> int:
     handle: int | None = lib.ovl_audio_create()
     if handle is None:
@@ -127,16 +142,19 @@ class Capture(Handle):
     rate: int
     """Sample rate of the captured audio, Hz: the device's divided by a whole number, 12000 from 48000."""
 
-    def __init__(self, device: int = DEFAULT_DEVICE, rate: checks.Rate | None = None, seconds: float = 60.0) -> None:
+    def __init__(
+        self, device: int | str = DEFAULT_DEVICE, rate: checks.Rate | None = None, seconds: float = 60.0
+    ) -> None:
         """Start capture.
 
-        device    number of a device, DEFAULT_DEVICE or NO_DEVICE
+        device    number or name of a device, as devices() has them, DEFAULT_DEVICE or NO_DEVICE; a part of the name
+                  in either case will do when it fits one device that has inputs
         rate      sample rate of the device, a whole number of Hz; None = its default. 8000 to 384000 with NO_DEVICE
         seconds   of audio kept, at least 1
 
-        Raises OrvelError when the device cannot be opened.
+        Raises OrvelError when the device cannot be opened, ValueError for a name that fits none or several.
         """
-        number = checks.whole_number(device, "device", NO_DEVICE)
+        number = _device_number(device, "input", NO_DEVICE)
         hertz = 0 if rate is None else checks.sample_rate(rate)
         kept_s = checks.real_number(seconds, "seconds", 1)
         handle = _create()
@@ -164,7 +182,7 @@ class Capture(Handle):
             count: int = lib.ovl_audio_last(handle, data, samples.size)
         return samples[: max(0, count)]
 
-    def push(self, samples: object) -> None:
+    def push(self, samples: checks.Samples) -> None:
         """Capture samples of the program, with NO_DEVICE, at the rate that was given at the start.
 
         samples   shape (frames,) or (frames, channels), real floats, all finite; the mean of 1 to 16 channels is kept
@@ -217,19 +235,20 @@ class Player(Handle):
         steps: Step | Sequence[Step],
         settings: TransmitSettings = TransmitSettings(),
         *,
-        device: int = DEFAULT_DEVICE,
+        device: int | str = DEFAULT_DEVICE,
         at: datetime | float | None = None,
     ) -> None:
         """Start playback.
 
         steps, settings   as for render()
-        device            number of a device, or DEFAULT_DEVICE
+        device            number or name of a device with outputs, as for Capture, or DEFAULT_DEVICE
         at                when the first sample leaves the sound card: a datetime with a time zone, or seconds since
                           1970-01-01 UTC; None = at once. When it has passed the transmission is late, not cut short
 
-        Raises OrvelError when the steps are refused or the device cannot be opened.
+        Raises OrvelError when the steps are refused or the device cannot be opened, ValueError for a name that fits
+        no device or several.
         """
-        number = checks.whole_number(device, "device", DEFAULT_DEVICE)
+        number = _device_number(device, "output", DEFAULT_DEVICE)
         start_time = 0.0
         if isinstance(at, datetime):
             if at.tzinfo is None:

@@ -8,7 +8,7 @@ import threading
 import weakref
 from collections.abc import Iterable
 from dataclasses import dataclass
-from typing import Literal
+from typing import Any, Literal
 
 from . import _checks as checks
 from ._errors import OrvelError
@@ -32,8 +32,8 @@ _NOT_MEASURED_DB = -99.0  # or lower, by the share of chips that are on
 class Search:
     """What to look for in a block. Raises TypeError or ValueError for a field that makes no sense."""
 
-    protocols: Protocol = Protocol.ALL
-    """One protocol or several."""
+    protocols: Protocol | str = Protocol.ALL
+    """One protocol or several, or their names; here they become a Protocol."""
     center_hz: float = 1500.0
     """Centre of the frequency search, Hz."""
     search_hz: float = 200.0
@@ -50,6 +50,8 @@ class Search:
     """Latest end of an accepted frame, seconds from the first sample, at least 0."""
 
     def __post_init__(self) -> None:
+        if isinstance(self.protocols, str):
+            object.__setattr__(self, "protocols", Protocol.named(self.protocols))
         checks.whole_number(self.protocols, "protocols", 0, Protocol.ALL.value)
         checks.real_number(self.center_hz, "center_hz")
         checks.real_number(self.search_hz, "search_hz", 0)
@@ -124,6 +126,22 @@ class Spot:
     """How it was found."""
     odds: float | None = None
     """Natural logarithm of the odds that it was sent as it was read; None without the coherent search's methods."""
+
+    def to_dict(self) -> dict[str, Any]:
+        """The fields under the names that `orvel decode --json` gives them, the protocol by its name; fit for JSON."""
+        return {
+            "t_start": self.t_start,
+            "t_end": self.t_end,
+            "freq_hz": self.freq_hz,
+            "drift_hz_s": self.drift_hz_s,
+            "snr_db": self.snr_db,
+            "protocol": self.protocol.label,
+            "call": self.call,
+            "locator": self.locator,
+            "deep": self.deep,
+            "method": self.method,
+            "odds": self.odds,
+        }
 
 
 @dataclass(frozen=True)
@@ -223,7 +241,7 @@ class Decoder(Handle):
             if lib.ovl_set_coherent(handle, record) < 0:
                 raise self._error(handle)
 
-    def decode(self, samples: object, rate: checks.Rate, search: Search | None = None) -> list[Spot]:
+    def decode(self, samples: checks.Samples, rate: checks.Rate, search: Search | None = None) -> list[Spot]:
         """Find and decode all frames in a block of audio.
 
         samples   shape (n,), real floats, all finite; full scale usually 1, anything from 1e-12 to 1e12 will do
@@ -237,7 +255,7 @@ class Decoder(Handle):
         return self._decode(samples, rate, search, None)
 
     def decode_recent(
-        self, samples: object, rate: checks.Rate, recent_s: float, search: Search | None = None
+        self, samples: checks.Samples, rate: checks.Rate, recent_s: float, search: Search | None = None
     ) -> list[Spot]:
         """Decode only frames that end within the last recent_s seconds (above 0) of a block.
 
@@ -249,7 +267,9 @@ class Decoder(Handle):
             raise ValueError(f"recent_s is {recent}; it must be above 0")
         return self._decode(samples, rate, search, recent)
 
-    def _decode(self, samples: object, rate: checks.Rate, search: Search | None, recent_s: float | None) -> list[Spot]:
+    def _decode(
+        self, samples: checks.Samples, rate: checks.Rate, search: Search | None, recent_s: float | None
+    ) -> list[Spot]:
         block = checks.real_samples(samples)
         hertz = checks.sample_rate(rate)
         settings = ctypes.byref((self.search if search is None else search).record())
@@ -271,11 +291,11 @@ class Decoder(Handle):
 
 
 def decode(
-    samples: object,
+    samples: checks.Samples,
     rate: checks.Rate,
     *,
     known: str | Iterable[str] = (),
-    protocols: Protocol = Protocol.ALL,
+    protocols: Protocol | str = Protocol.ALL,
     center_hz: float = 1500.0,
     search_hz: float = 200.0,
     spread_hz: float = 0.0,
@@ -295,7 +315,7 @@ def decode(
 
 
 def scan(
-    samples: object,
+    samples: checks.Samples,
     rate: checks.Rate,
     *,
     seconds: float = 30.0,

@@ -11,7 +11,7 @@ so do SNRs, as the noise is halved together with the power of a tone.
 from __future__ import annotations
 
 import math
-from collections.abc import Iterable
+from collections.abc import Callable, Iterable
 from dataclasses import dataclass, replace
 from typing import Any
 
@@ -66,7 +66,7 @@ def search_half_width(search: Search) -> float:
 class Band:
     """A block of I/Q, transformed once, from which slices are cut; checked as cut_slice() says."""
 
-    def __init__(self, iq: object, rate: checks.Rate) -> None:
+    def __init__(self, iq: checks.IqSamples, rate: checks.Rate) -> None:
         block = checks.iq_samples(iq)
         self._rate = checks.whole_number(rate, "rate", 1, _MOST_RATE)
         self._n = block.size
@@ -105,7 +105,9 @@ class Band:
         return Slice(samples, rate, float(audio_center), center_bin / seconds - audio_center)
 
 
-def cut_slice(iq: object, rate: checks.Rate, *, center_hz: float = 0.0, half_width_hz: float = 500.0) -> Slice:
+def cut_slice(
+    iq: checks.IqSamples, rate: checks.Rate, *, center_hz: float = 0.0, half_width_hz: float = 500.0
+) -> Slice:
     """Bring the slice center_hz ± half_width_hz of I/Q into the audio range.
 
     iq             shape (n,), complex, I + jQ, all finite
@@ -119,12 +121,28 @@ def cut_slice(iq: object, rate: checks.Rate, *, center_hz: float = 0.0, half_wid
     return Band(iq, rate).cut(center_hz, half_width_hz)
 
 
+def decode_slice(
+    iq: checks.IqSamples, rate: checks.Rate, search: Search, decode: Callable[[checks.Samples, int, Search], list[Spot]]
+) -> list[Spot]:
+    """What decode(samples, rate, search) finds in the slice of I/Q that a search needs; as decode_iq()."""
+    hertz = checks.sample_rate(rate)
+    low, high = search.center_hz - search.search_hz, search.center_hz + search.search_hz
+    if max(-low, high) > hertz / 2:
+        raise ValueError(
+            f"the search from {low:g} to {high:g} Hz reaches beyond the I/Q, {-hertz / 2:g} to {hertz / 2:g} Hz"
+        )
+    band = Band(iq, hertz)
+    part = band.cut(search.center_hz, search_half_width(search))
+    spots = decode(part.samples, part.rate, replace(search, center_hz=search.center_hz - part.offset_hz))
+    return [replace(spot, freq_hz=band.wrapped(spot.freq_hz + part.offset_hz)) for spot in spots]
+
+
 def decode_iq(
-    iq: object,
+    iq: checks.IqSamples,
     rate: checks.Rate,
     *,
     known: str | Iterable[str] = (),
-    protocols: Protocol = Protocol.ALL,
+    protocols: Protocol | str = Protocol.ALL,
     center_hz: float = 0.0,
     search_hz: float = 200.0,
     spread_hz: float = 0.0,
@@ -145,15 +163,5 @@ def decode_iq(
     real samples, ValueError for a search beyond the band, otherwise as decode().
     """
     search = Search(protocols, center_hz, search_hz, spread_hz, deep_search, known_only, end_min, end_max)
-    hertz = checks.sample_rate(rate)
-    if abs(search.center_hz) + search.search_hz > hertz / 2:
-        raise ValueError(
-            f"the search from {center_hz - search_hz:g} to {center_hz + search_hz:g} Hz reaches beyond the I/Q, "
-            f"{-hertz / 2:g} to {hertz / 2:g} Hz"
-        )
-    band = Band(iq, hertz)
-    part = band.cut(search.center_hz, search_half_width(search))
-    in_audio = replace(search, center_hz=search.center_hz - part.offset_hz)
-    with Decoder(known, in_audio, coherent) as decoder:
-        spots = decoder.decode(part.samples, part.rate)
-    return [replace(spot, freq_hz=band.wrapped(spot.freq_hz + part.offset_hz)) for spot in spots]
+    with Decoder(known, search, coherent) as decoder:
+        return decode_slice(iq, rate, search, decoder.decode)

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import ctypes
 import enum
+import re
 
 import numpy as np
 import numpy.typing as npt
@@ -17,7 +18,10 @@ CHIP_SECONDS: float = lib.ovl_chip_seconds()
 
 
 class Protocol(enum.IntFlag):
-    """Protocols: one alone, or several joined by ``|`` where a set of them is asked for."""
+    """Protocols: one alone, or several joined by ``|`` where a set of them is asked for.
+
+    Where a protocol is asked for, its name will do, as named() takes it: "opera", "orvel-s", "orvel-l", "all".
+    """
 
     OPERA = 1
     """A callsign in 239 chips, 30.6 s."""
@@ -26,6 +30,17 @@ class Protocol(enum.IntFlag):
     ORVEL_L = 4
     """A callsign and a grid locator in 321 chips, 41.1 s, LDPC-coded."""
     ALL = 7
+
+    @classmethod
+    def named(cls, names: str) -> Protocol:
+        """One or several by their names between commas, in any case: those of the command or the labels."""
+        chosen = cls(0)
+        for name in names.split(","):
+            plain = re.sub(r"[ _]", "-", name.strip().casefold())
+            if plain not in _BY_NAME:
+                raise ValueError(f"protocol is {name.strip()!r}; opera, orvel-s, orvel-l or all is needed")
+            chosen |= cls(_BY_NAME[plain])
+        return chosen
 
     @property
     def label(self) -> str:
@@ -40,27 +55,32 @@ class Protocol(enum.IntFlag):
         return chips
 
 
+_BY_NAME = {"opera": 1, "opera-05": 1, "orvel-s": 2, "orvel-l": 4, "all": 7}
+
+
 def one_protocol(value: object) -> Protocol:
-    """A single protocol, checked."""
+    """A single protocol, checked, or that of a name."""
+    if isinstance(value, str):
+        value = Protocol.named(value)
     number = checks.whole_number(value, "protocol", 0)
     if number not in (1, 2, 4):
         raise ValueError(f"protocol is {number}; one of Protocol.OPERA, ORVEL_S and ORVEL_L is needed")
     return Protocol(number)
 
 
-def choose_protocol(locator: str, protocol: Protocol | None) -> Protocol:
+def choose_protocol(locator: str, protocol: Protocol | str | None) -> Protocol:
     """The protocol of a frame: the one given, or else ORVEL L with a locator and OPERA without."""
     if protocol is not None:
         return one_protocol(protocol)
     return Protocol.ORVEL_L if locator else Protocol.OPERA
 
 
-def encode(call: str, locator: str = "", *, protocol: Protocol | None = None) -> npt.NDArray[np.uint8]:
+def encode(call: str, locator: str = "", *, protocol: Protocol | str | None = None) -> npt.NDArray[np.uint8]:
     """Encode one frame into chips.
 
     call      callsign, in either case
     locator   grid locator of 4 or 6 characters for ORVEL L; other protocols ignore it
-    protocol  default: ORVEL L with a locator, OPERA without
+    protocol  or its name; default: ORVEL L with a locator, OPERA without
 
     Returns an array of 239 or 321 values, 1 = carrier on for a chip, 0 = off. Raises OrvelError for a callsign or
     locator that the protocol cannot carry.

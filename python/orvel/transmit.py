@@ -47,8 +47,8 @@ class Frame(Step):
     """Callsign."""
     locator: str = ""
     """Grid locator of 4 or 6 characters for ORVEL L; other protocols ignore it."""
-    protocol: Protocol | None = None
-    """None: ORVEL L with a locator, OPERA without."""
+    protocol: Protocol | str | None = None
+    """Or its name. None: ORVEL L with a locator, OPERA without."""
 
 
 @dataclass(frozen=True)

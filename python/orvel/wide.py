@@ -63,14 +63,14 @@ def _add(spot: Spot, spots: list[Spot]) -> None:
 
 
 def decode_wide(
-    iq: object,
+    iq: checks.IqSamples,
     rate: checks.Rate,
     *,
     low_hz: float | None = None,
     high_hz: float | None = None,
     z_min: float = 6.0,
     known: str | Iterable[str] = (),
-    protocols: Protocol = Protocol.ALL,
+    protocols: Protocol | str = Protocol.ALL,
     deep_search: bool = False,
     known_only: bool = False,
     coherent: bool | Coherent = False,

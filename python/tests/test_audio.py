@@ -16,6 +16,7 @@ import pytest
 from conftest import BROKEN_DEVICE, sound_environment
 
 import orvel
+from orvel import audio
 
 TONE = 0.5 * np.sin(2 * np.pi * 1500 / 48000 * np.arange(96000))
 
@@ -55,10 +56,10 @@ def test_the_mean_of_the_channels_is_kept() -> None:
 
 
 def test_a_frame_is_decoded_from_capture() -> None:
-    audio = orvel.render([orvel.Frame("K2QRX"), orvel.Pause(2)])
+    sound = orvel.render([orvel.Frame("K2QRX"), orvel.Pause(2)])
     with orvel.Capture(orvel.NO_DEVICE, rate=48000) as capture, orvel.Decoder() as decoder:
-        for start in range(0, audio.size, 4800):
-            capture.push(audio[start : start + 4800])
+        for start in range(0, sound.size, 4800):
+            capture.push(sound[start : start + 4800])
         [spot] = decoder.decode_recent(capture.last(60 * capture.rate), capture.rate, 5)
         assert spot.call == "K2QRX"
 
@@ -89,8 +90,31 @@ def test_wrong_arguments_of_capture_are_told() -> None:
     for arguments in wrong:
         with pytest.raises(ValueError, match=f"{next(iter(arguments))} is"):
             orvel.Capture(**arguments)
-    with pytest.raises(TypeError, match="device is 'USB'"):
-        orvel.Capture("USB")  # type: ignore[arg-type]
+    with pytest.raises(TypeError, match="device is b'USB'"):
+        orvel.Capture(b"USB")  # type: ignore[arg-type]
+
+
+def test_devices_go_by_a_part_of_their_name(monkeypatch: pytest.MonkeyPatch) -> None:
+    orvel.Capture("DEF", seconds=1).close()
+    orvel.Player(orvel.Carrier(0.1), device="default").close()
+    with pytest.raises(ValueError, match="device 'USB' is no input device; there are: 'default'"):
+        orvel.Capture("USB")
+
+    def device(index: int, name: str, inputs: int, outputs: int) -> orvel.Device:
+        return orvel.Device(index, name, "ALSA", inputs, outputs, 48000.0, False, False)
+
+    several = [device(0, "USB", 1, 2), device(1, "USB Audio", 1, 0), device(2, "HDMI", 0, 2)]
+    monkeypatch.setattr(audio, "devices", lambda: several)
+    assert audio._device_number("audio", "input", 0) == 1
+    assert audio._device_number("usb", "input", 0) == 0  # the whole name comes before parts
+    assert audio._device_number("us", "output", 0) == 0  # the other has no outputs
+    with pytest.raises(ValueError, match="device 'us' fits 2 input devices: 'USB', 'USB Audio'"):
+        orvel.Capture("us")
+    with pytest.raises(ValueError, match="device 'HDMI' is no input device; there are: 'USB', 'USB Audio'"):
+        orvel.Capture("HDMI")
+    monkeypatch.setattr(audio, "devices", lambda: [])
+    with pytest.raises(ValueError, match="device 'x' is no output device; there are: none"):
+        orvel.Player(orvel.Carrier(1), device="x")
 
 
 def test_a_closed_capture_says_so() -> None:

@@ -2,8 +2,11 @@
 
 from __future__ import annotations
 
+import dataclasses
+import json
 import threading
 import time
+from collections.abc import Callable
 from concurrent.futures import ThreadPoolExecutor
 from typing import Any
 
@@ -66,6 +69,48 @@ def test_the_search_says_what_is_found() -> None:
     assert found(end_min=39, end_max=41) == {"EI7QKA"}
     assert found(known=["OE3QTN"], known_only=True, protocols=orvel.Protocol.OPERA) == {"OE3QTN"}
     assert found(known=["K2QRX"], known_only=True, protocols=orvel.Protocol.OPERA) == set()
+
+
+def test_protocols_go_by_the_names_of_the_command_and_by_their_labels() -> None:
+    opera, orvel_s, orvel_l = orvel.Protocol.OPERA, orvel.Protocol.ORVEL_S, orvel.Protocol.ORVEL_L
+    for names, protocol in {
+        "opera": opera,
+        "Opera 05": opera,
+        "ORVEL S": orvel_s,
+        "orvel-l": orvel_l,
+        "ORVEL_L, opera": orvel_l | opera,
+        "all": orvel.Protocol.ALL,
+    }.items():
+        assert orvel.Protocol.named(names) == protocol
+        assert orvel.Search(names).protocols is protocol
+    for protocol in (opera, orvel_s, orvel_l):
+        assert orvel.Protocol.named(protocol.label) == protocol
+        assert orvel.encode("K2QRX", "FN31", protocol=protocol.label.lower()).size == protocol.frame_chips
+    for wrong in ("", "opra", "opera;orvel-s"):
+        with pytest.raises(ValueError, match="protocol is '.*'; opera, orvel-s, orvel-l or all is needed"):
+            orvel.Search(wrong)
+
+
+def test_a_spot_becomes_what_json_takes(block: Any) -> None:
+    [spot] = orvel.decode(block, 8000, protocols="opera")
+    record = json.loads(json.dumps(spot.to_dict()))
+    assert record == dataclasses.asdict(spot) | {"protocol": "OPERA 05"}
+
+
+def test_a_type_checker_tells_audio_from_iq_and_from_whole_numbers() -> None:
+    counts = np.zeros(8000, dtype=np.int16)
+    iq = np.zeros(8000, dtype=np.complex64)
+    wrong: list[Callable[[], object]] = [  # each mark is an error for mypy when the types take what is behind it
+        lambda: orvel.decode(counts, 8000),  # type: ignore[arg-type]
+        lambda: orvel.scan(iq, 8000),  # type: ignore[arg-type]
+        lambda: orvel.decode_iq(counts, 8000),  # type: ignore[arg-type]
+        lambda: orvel.decode_wide(NOISE, 8000),  # type: ignore[arg-type]
+    ]
+    for call in wrong:
+        with pytest.raises(TypeError):
+            call()
+    audio: orvel.Samples = NOISE.astype(np.float32)
+    assert orvel.scan(audio, 8000) == orvel.scan([float(sample) for sample in audio], 8000) == []
 
 
 def test_a_known_callsign_is_found_deeper() -> None:
@@ -194,7 +239,7 @@ def test_a_rate_that_is_none_is_refused(rate: Any, error: type[Exception]) -> No
         ({"end_min": float("nan")}, ValueError),
         ({"end_max": -0.5}, ValueError),
         ({"protocols": 8}, ValueError),
-        ({"protocols": "OPERA"}, TypeError),
+        ({"protocols": b"OPERA"}, TypeError),
     ],
 )
 def test_a_search_that_makes_no_sense_is_refused(search: dict[str, Any], error: type[Exception]) -> None:

@@ -36,6 +36,7 @@ def copy_of_package(to: Path) -> Path:
 def test_the_library_in_use_and_its_version_are_told() -> None:
     assert LIBRARY.exists()
     assert orvel.library_version() == "1.6.1"
+    assert orvel.__version__ == "1.6.1"
 
 
 def test_the_environment_variable_comes_first_and_is_alone(tmp_path: Path) -> None:

@@ -113,5 +113,9 @@ def test_wrong_arguments_of_encode_are_told() -> None:
         orvel.encode("K2\0QRX")
     with pytest.raises(ValueError, match="one of"):
         orvel.encode("K2QRX", protocol=orvel.Protocol.ALL)
+    with pytest.raises(ValueError, match="one of"):
+        orvel.encode("K2QRX", protocol="all")
+    with pytest.raises(ValueError, match="protocol is 'MORSE'; opera, orvel-s, orvel-l or all is needed"):
+        orvel.encode("K2QRX", protocol="MORSE")
     with pytest.raises(TypeError, match="whole number"):
-        orvel.encode("K2QRX", protocol="OPERA")  # type: ignore[arg-type]
+        orvel.encode("K2QRX", protocol=b"OPERA")  # type: ignore[arg-type]
