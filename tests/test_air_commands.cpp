@@ -186,6 +186,32 @@ TEST_F(AirCommands, ARenderedSequenceIsDecoded) {
     }
 }
 
+TEST_F(AirCommands, TheNameOfTheFileSaysItsFormat) {
+    ASSERT_EQ(orvel({"render", "carrier=0.5", "-o", path("x.flac")}).status, 0);
+    SF_INFO info{};
+    const std::unique_ptr<SNDFILE, int (*)(SNDFILE*)> file(sf_open(path("x.flac").c_str(), SFM_READ, &info), sf_close);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(info.format & SF_FORMAT_TYPEMASK, SF_FORMAT_FLAC);
+    for (const char* name : {"x.mp3", "x.ogg"}) {
+        const ProcessResult result = orvel({"render", "carrier=0.5", "-o", path(name)});
+        EXPECT_EQ(result.status, 2);
+        EXPECT_NE(result.err.find("does not end in .wav or .flac"), std::string::npos);
+        EXPECT_FALSE(std::filesystem::exists(path(name)));
+    }
+}
+
+TEST_F(AirCommands, SoundFilesOnStandardInputAreNotTakenForSamples) {
+    ASSERT_EQ(orvel({"render", "carrier=0.5", "-o", path("y.wav")}).status, 0);
+    ASSERT_EQ(orvel({"render", "carrier=0.5", "-o", path("y.flac")}).status, 0);
+    for (const char* name : {"y.wav", "y.flac"}) {
+        ProcessInput input;
+        input.stdin_file = path(name);
+        const ProcessResult result = run_process({ORVEL_COMMAND, "listen", "--stdin"}, input);
+        EXPECT_EQ(result.status, 1);
+        EXPECT_NE(result.err.find("--stdin takes raw samples"), std::string::npos) << result.err;
+    }
+}
+
 TEST_F(AirCommands, WhatCannotBeRenderedIsWrongUsage) {
     const std::string file = path("refused.wav");
     const std::vector<std::pair<Arguments, std::string>> refusals = {

@@ -546,6 +546,41 @@ TEST_F(Command, CallsignsThatDecodersDoNotReportAreWarnedOf) {
 
 // ---- Usage ----------------------------------------------------------------------------------------------------------
 
+TEST_F(Command, AMistypedSubcommandIsToldTheNearest) {
+    EXPECT_TRUE(usage_error_with({"decod", "x.wav"}, {"'decod' is not a subcommand; did you mean 'decode'?"}));
+    EXPECT_TRUE(usage_error_with({"simulation"}, {"'simulation' is not a subcommand"}));
+    EXPECT_TRUE(usage_error_with({"xyz"}, {"orvel --help lists them"}));
+    EXPECT_TRUE(usage_error_with({"help", "lisen"}, {"did you mean 'listen'?"}));
+}
+
+TEST_F(Command, HelpAndVersionAreAnsweredInEveryForm) {
+    EXPECT_EQ(orvel({"help"}).out, orvel({"--help"}).out);
+    EXPECT_EQ(orvel({"help", "decode"}).out, orvel({"decode", "--help"}).out);
+    EXPECT_EQ(orvel({"decode", "--version"}).out, "orvel 1.6.1\n");
+    const ProcessResult file = orvel({"decode", "--", "-no-such.wav"});
+    EXPECT_EQ(file.status, 1);
+    EXPECT_TRUE(one_line_with(file, {"'-no-such.wav'"}));
+}
+
+TEST_F(Command, AStartMakesTheFieldsThoseOfListening) {
+    const std::string file = path("rx_20260301_120000Z.wav");
+    std::filesystem::copy_file(shipped("audio-modes.wav"), file);
+    for (const char* start : {"2026-03-01T12:00:00Z", "name"}) {
+        const auto lines = lines_of(orvel({"decode", OPERA, "--json", "--start", start, file}).out);
+        ASSERT_EQ(lines.size(), 1u) << start;
+        EXPECT_EQ(JsonValue::parse(lines[0]).at("utc_start"), "2026-03-01T12:00:04.85Z");
+        const auto rows = lines_of(orvel({"decode", OPERA, "--start", start, file}).out);
+        ASSERT_EQ(rows.size(), 2u);
+        EXPECT_EQ(rows[1].rfind("2026-03-01T12:00:04.9Z  ", 0), 0u) << rows[1];
+        const auto csv = lines_of(orvel({"decode", OPERA, "--csv", "--start", start, file, file}).out);
+        ASSERT_EQ(csv.size(), 3u);
+        EXPECT_EQ(csv[0], "file,utc_start,utc_end,t_start,t_end,freq_hz,drift_hz_s,snr_db,protocol,call,locator,deep");
+        EXPECT_EQ(csv[1], csv[2]);
+    }
+    EXPECT_TRUE(usage_error_with({"decode", "--start", "noon", file}, {"--start", "'noon'"}));
+    EXPECT_EQ(orvel({"decode", "--start", "name", shipped("audio-modes.wav")}).status, 1);
+}
+
 TEST_F(Command, HelpAndVersionSucceed) {
     EXPECT_EQ(orvel({"--version"}).out, "orvel 1.6.1\n");
     EXPECT_EQ(orvel({"--version"}).status, 0);

@@ -11,6 +11,7 @@
 #include "base/error.h"
 #include "base/progress.h"
 #include "base/text.h"
+#include "base/utc.h"
 #include "exit_status.h"
 #include "options.h"
 #include "recordings/decode_recording.h"
@@ -26,7 +27,9 @@ struct Options {
     SearchOptions search;
     std::optional<double> block_s;
     unsigned jobs = 0;
+    std::string start;
     bool json = false;
+    bool csv = false;
     bool verbose = false;
 };
 
@@ -36,26 +39,70 @@ DecodingOptions decoding_of(const Options& options) {
     return decoding;
 }
 
-void print_spot(const Options& options, const std::string& file, const Found& found) {
-    Spot spot = spot_of(found, file);
-    if (options.search.coherent) spot.finding = finding_of(found);
-    print(options.json ? spot_line(spot) : spot_row(format("%9s", cell(spot.start, 3).c_str()), spot));
+constexpr const char* START_IN_NAME = "name";
+constexpr double DAY_S = 86400;
+
+// UTC of a file's first sample, where --start gives it. Throws UsageError, or IoError for a name without a time.
+std::optional<double> start_of(const Options& options, const std::string& file) {
+    if (options.start.empty()) return std::nullopt;
+    if (options.start == START_IN_NAME) {
+        const auto utc = utc_in_name(file);
+        if (!utc) throw IoError("'" + file + "': --start name finds no time like 20260301_120000 in the name");
+        return utc;
+    }
+    const auto utc = parse_utc(options.start, utc_now() - DAY_S);
+    if (!utc) throw UsageError("--start: '" + options.start + "' is not a UTC time, nor name");
+    return utc;
 }
+
+// How the spots of a file are printed.
+class Printer {
+  public:
+    Printer(const Options& options, const std::string& file)
+        : options_(options), file_(file), file_utc_(start_of(options, file)) {}
+
+    std::string heading() const {
+        if (options_.json) return "";
+        if (options_.csv) return spot_csv_names(complete({}));
+        return spot_header(file_utc_ ? format("%22s", "UTC") : format("%9s", "time s"), options_.search.coherent);
+    }
+
+    std::string line(const Found& found) const {
+        const Spot spot = complete(found);
+        if (options_.json) return spot_line(spot);
+        if (options_.csv) return spot_csv(spot);
+        return spot_row(file_utc_ ? utc_text(*file_utc_ + spot.start, 1) : format("%9s", cell(spot.start, 3).c_str()),
+                        spot);
+    }
+
+  private:
+    Spot complete(const Found& found) const {
+        Spot spot = spot_of(found, file_);
+        spot.file_utc = file_utc_;
+        if (options_.search.coherent) spot.finding = finding_of(found);
+        return spot;
+    }
+
+    const Options& options_;
+    const std::string& file_;
+    std::optional<double> file_utc_;
+};
 
 // Decodes a file and prints its spots in order of time, after a heading as soon as something could be decoded. Throws
 // IoError.
 void decode_file(const std::string& path, const Options& options, const DecodingOptions& decoding,
-                 const std::function<void()>& heading) {
+                 const std::function<void(const std::string&)>& heading) {
+    const Printer printer(options, path);
     const auto recording = open_recording(path, options.recording);
     Progress progress("'" + path + "'", recording->seconds());
     SpotTaker taker;
     taker.begin = [&] {
         progress.clear();
-        heading();
+        heading(printer.heading());
     };
     taker.take = [&](const Found& spot) {
         progress.clear();
-        print_spot(options, path, spot);
+        print(printer.line(spot));
     };
     taker.progress = [&](double done_s, std::size_t spots) { progress.show(done_s, spots); };
     taker.go_on = flush_output;
@@ -63,15 +110,16 @@ void decode_file(const std::string& path, const Options& options, const Decoding
 }
 
 int decode(const Options& options) {
+    if (options.start != START_IN_NAME) start_of(options, "");
     const DecodingOptions decoding = decoding_of(options);
     int status = EXIT_DONE;
     bool first = true;
     for (const std::string& path : options.files) {
         if (options.verbose && options.files.size() > 1) print_error("'" + path + "'");
-        const auto heading = [&] {
-            if (options.json) return;
-            if (options.files.size() > 1) print((first ? "" : "\n") + printable(path) + ":\n");
-            print(spot_header(format("%9s", "time s"), options.search.coherent));
+        const auto heading = [&](const std::string& names) {
+            const bool table = !options.json && !options.csv;
+            if (table && options.files.size() > 1) print((first ? "" : "\n") + printable(path) + ":\n");
+            if (table || first) print(names);
             first = false;
         };
         try {
@@ -116,8 +164,15 @@ void add_decode(CLI::App& app, int& status) {
     sub->add_option("--jobs", options->jobs, "Blocks to decode at once [one for each core]")
         ->type_name("N")
         ->check(CLI::Range(1, 256));
-    sub->add_flag("--json", options->json, "Print one JSON object per line");
+    sub->add_option("--start", options->start,
+                    "UTC time of the first sample: 12:00[:00] (the latest such), 2026-03-01T12:00[:00]Z, or name: the "
+                    "one in the file's name")
+        ->type_name("TIME");
+    CLI::Option* json = sub->add_flag("--json", options->json, "Print one JSON object per line");
+    sub->add_flag("--csv", options->csv, "Print comma-separated values, their names first")->excludes(json);
     sub->add_flag("-v,--verbose", options->verbose, "Print what the decoder did to standard error");
-    sub->footer("Times are seconds from the start of the file, SNRs refer to the mean power of the frame in 2500 Hz.");
+    sub->footer(
+        "Times are seconds from the start of the file, or UTC with --start; SNRs refer to the mean power of the frame "
+        "in 2500 Hz.");
     sub->callback([options, &status] { status = decode(*options); });
 }

@@ -41,20 +41,23 @@ struct Options {
     int32_t channels = 1;
     std::string start;
     bool json = false;
+    bool csv = false;
 };
 
 // What listening prints: spots on standard output, and the level on the status line.
 class Output {
   public:
-    Output(bool json, bool with_method) : json_(json), with_method_(with_method) {
-        if (!json) print(spot_header(format("%22s", "UTC"), with_method));
+    explicit Output(const Options& options) : options_(options) {
+        if (options.csv) print(spot_csv_names(complete({})));
+        if (!options.json && !options.csv) print(spot_header(format("%22s", "UTC"), options.search.coherent));
     }
 
     void spot(const Found& found) {
         line_.clear();
-        Spot spot = spot_of(found);
-        if (with_method_) spot.finding = finding_of(found);
-        print(json_ ? spot_line(spot) : spot_row(utc_text(spot.start, 1), spot));
+        const Spot spot = complete(found);
+        print(options_.json  ? spot_line(spot)
+              : options_.csv ? spot_csv(spot)
+                             : spot_row(utc_text(spot.start, 1), spot));
         flush_output();
         printed_++;
     }
@@ -65,8 +68,13 @@ class Output {
     }
 
   private:
-    bool json_;
-    bool with_method_;
+    Spot complete(const Found& found) const {
+        Spot spot = spot_of(found);
+        if (options_.search.coherent) spot.finding = finding_of(found);
+        return spot;
+    }
+
+    const Options& options_;
     StatusLine line_;
     int64_t printed_ = 0;
 };
@@ -85,7 +93,7 @@ int listen_to_device(const Options& options, const Search& search, ovl_audio* au
         capture.close();
         throw;
     }
-    Output output(options.json, search.coherent);
+    Output output(options);
     Listener listener(search, options.listener, audio, [&](const Found& spot) { output.spot(spot); });
     SampleClock clock;
     const auto utc = [&](double captured_s) { return clock.utc(captured_s); };
@@ -130,7 +138,7 @@ int listen_to_stdin(const Options& options, const Search& search, ovl_audio* aud
         throw IoError(ovl_audio_last_error(audio));
     }
     require_served(audio, search);
-    Output output(options.json, search.coherent);
+    Output output(options);
     Listener listener(search, options.listener, audio, [&](const Found& spot) { output.spot(spot); });
     RawInput input({options.sample_format == "float", options.channels, rate});
     SampleClock clock;
@@ -200,7 +208,8 @@ void add_listen(CLI::App& app, int& status) {
         ->check(finite_number())
         ->check(CLI::Range(0.0, 60.0));
     add_search_options(*sub, options->search, "1500");
-    sub->add_flag("--json", options->json, "Print one JSON object per line");
+    CLI::Option* json = sub->add_flag("--json", options->json, "Print one JSON object per line");
+    sub->add_flag("--csv", options->csv, "Print comma-separated values, their names first")->excludes(json);
     sub->footer("Runs until Ctrl-C or the end of standard input. Times are UTC.");
     sub->callback([options, &status] { status = listen(*options); });
 }

@@ -1,8 +1,10 @@
 #include "options.h"
 
 #include <cstdint>
+#include <filesystem>
 
 #include "base/error.h"
+#include "base/text.h"
 
 CLI::Validator finite_number() {
     return {[](const std::string& text) {
@@ -28,6 +30,14 @@ Range range_of(const std::string& option, const std::string& text) {
 bool is_s16(const std::string& text) {
     if (text != "s16" && text != "float") throw UsageError("--format: '" + text + "' is not one of s16, float");
     return text == "s16";
+}
+
+SoundWriter::Container container_of(const std::string& output, bool s16) {
+    const std::string extension = lower_case(std::filesystem::path(output).extension().string());
+    if (extension.empty() || extension == ".wav") return SoundWriter::Container::WAV;
+    if (extension != ".flac") throw UsageError("--output: '" + output + "' does not end in .wav or .flac");
+    if (!s16) throw UsageError("--format: FLAC has no floating-point samples");
+    return SoundWriter::Container::FLAC;
 }
 
 void add_recording_options(CLI::App& sub, RecordingOptions& options) {

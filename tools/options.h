@@ -7,6 +7,7 @@
 
 #include "decoding/search.h"
 #include "recordings/recording.h"
+#include "recordings/sound_writer.h"
 #include "transmission/steps.h"
 
 // Checks for option values: the whole text must be a finite number (not below 0).
@@ -18,6 +19,10 @@ Range range_of(const std::string& option, const std::string& text);
 
 // "s16" or "float" after --format; true for s16. Throws UsageError.
 bool is_s16(const std::string& text);
+
+// What the name of a file to write says: WAV, also without an extension, or FLAC. Throws UsageError for any other, and
+// for FLAC without s16.
+SoundWriter::Container container_of(const std::string& output, bool s16);
 
 void add_recording_options(CLI::App& sub, RecordingOptions& options);
 

@@ -32,11 +32,12 @@ void write_all(SoundWriter& file, ovl_transmitter* tx) {
 
 int render(const Options& options) {
     const bool s16 = is_s16(options.sample_format);
+    const SoundWriter::Container container = container_of(options.output, s16);
     const TransmitterPtr tx = make_transmitter();
     start_transmitter(tx.get(), options.transmission);
 
     const auto frames = static_cast<int64_t>(total_seconds(tx.get()) * options.transmission.rate);
-    SoundWriter file(options.output, {SoundWriter::Container::WAV, options.transmission.rate, 1, s16, frames});
+    SoundWriter file(options.output, {container, options.transmission.rate, 1, s16, frames});
     write_all(file, tx.get());
     file.close();
     return EXIT_DONE;
@@ -45,10 +46,10 @@ int render(const Options& options) {
 }  // namespace
 
 void add_render(CLI::App& app, int& status) {
-    CLI::App* sub = app.add_subcommand("render", "Write a transmission into a WAV file");
+    CLI::App* sub = app.add_subcommand("render", "Write a transmission into a sound file");
     const auto options = std::make_shared<Options>();
     add_transmission_options(*sub, options->transmission);
-    sub->add_option("-o,--output", options->output, "WAV file to write")->required()->type_name("FILE");
+    sub->add_option("-o,--output", options->output, "File to write: .wav or .flac")->required()->type_name("FILE");
     sub->add_option("--format", options->sample_format, "Samples of the file: s16 (16-bit) or float [s16]")
         ->type_name("FORMAT");
     sub->footer(step_help());

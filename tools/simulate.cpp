@@ -60,16 +60,6 @@ std::string station_help() {
            "  ,delay=MS             of its second path [0]";
 }
 
-SoundWriter::Container container_of(const Options& options) {
-    const std::string extension = lower_case(std::filesystem::path(options.output).extension().string());
-    if (extension == ".wav") return SoundWriter::Container::WAV;
-    if (extension != ".flac") {
-        throw UsageError("--output: '" + options.output + "' does not end in .wav or .flac");
-    }
-    if (options.sample_format == "float") throw UsageError("--format: FLAC has no floating-point samples");
-    return SoundWriter::Container::FLAC;
-}
-
 // The two numbers of "A,B".
 std::pair<double, double> parse_pair(const std::string& option, const std::string& text, const char* names) {
     const std::size_t comma = text.find(',');
@@ -149,7 +139,7 @@ void write_truth(const std::string& path, const SimScene& scene) {
 
 int simulate(const Options& options) {
     const bool s16 = is_s16(options.sample_format);
-    const SoundWriter::Container container = container_of(options);
+    const SoundWriter::Container container = container_of(options.output, s16);
     const SimScene scene = scene_of(options);
     const std::string truth = options.truth.empty()
                                   ? std::filesystem::path(options.output).replace_extension(".jsonl").string()

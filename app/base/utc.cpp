@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <regex>
 #include <string_view>
 
 #include "base/text.h"
@@ -96,6 +97,21 @@ std::optional<double> parse_utc(const std::string& text, double now) {
     if (!date || !take(rest, 'T')) return std::nullopt;
     const auto time = parse_time_of_day(rest);
     return time ? std::optional(*date + *time) : std::nullopt;
+}
+
+std::optional<double> utc_in_name(const std::string& path) {
+    static const std::regex DATED(
+        R"((?:^|\D)(20\d\d|\d\d)([-.]?)(\d\d)\2(\d\d)[-_T ]?(\d\d)[-:.]?(\d\d)(?:[-:.]?(\d\d))?(?!\d))");
+    const std::string name = path.substr(path.rfind('/') + 1);
+    for (std::sregex_iterator match(name.begin(), name.end(), DATED), end; match != end; ++match) {
+        const auto part = [&](std::size_t k) { return (*match)[k].str(); };
+        const std::string seconds = part(7).empty() ? "00" : part(7);
+        const auto utc = parse_utc((part(1).size() == 2 ? "20" : "") + part(1) + "-" + part(3) + "-" + part(4) + "T" +
+                                       part(5) + ":" + part(6) + ":" + seconds,
+                                   0);
+        if (utc) return utc;
+    }
+    return std::nullopt;
 }
 
 std::optional<double> parse_duration(const std::string& text, bool zero_allowed) {

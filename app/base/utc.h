@@ -14,6 +14,10 @@ std::string utc_text(double utc, int decimals);
 // after now. Nothing when it is neither.
 std::optional<double> parse_utc(const std::string& text, double now);
 
+// The time that a file's name gives, as receivers write it: 20260301_120000, 2026-03-01T12:00:00Z, 260301_1200 and the
+// like, date before time. Nothing when there is none.
+std::optional<double> utc_in_name(const std::string& path);
+
 // Seconds of a length like "90", "90s", "10m" or "1.5h". Nothing when it is not a length, is negative, or is 0 where
 // that is not allowed.
 std::optional<double> parse_duration(const std::string& text, bool zero_allowed = false);

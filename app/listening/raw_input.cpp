@@ -4,18 +4,30 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include "base/console.h"
+#include "base/error.h"
 #include "base/interrupts.h"
 
 namespace {
 
-constexpr double READ_S = 0.25;         // at a time
+constexpr double READ_S = 0.25;  // at a time
+// How sound files begin, which hold more than samples.
+struct FileKind {
+    std::string_view begins, name;
+};
+constexpr std::array FILE_KINDS = {FileKind{"RIFF", "WAV"},  FileKind{"RF64", "WAV"}, FileKind{"riff", "W64"},
+                                   FileKind{"fLaC", "FLAC"}, FileKind{"OggS", "Ogg"}, FileKind{"FORM", "AIFF"}};
+constexpr std::size_t KIND_BYTES = 4;
+
 constexpr float MOST_SAMPLE = 0x1p31f;  // full scale of 32-bit samples, in case they were not scaled
 
 }  // namespace
@@ -38,10 +50,22 @@ bool RawInput::read(std::vector<float>& samples) {
         }
         if (got <= 0) return false;
         held_ += static_cast<std::size_t>(got);
+        if (!begun_ && held_ < KIND_BYTES) continue;
+        if (!std::exchange(begun_, true)) require_raw();
         convert(samples);
     }
     return !samples.empty();
 }
+
+// Throws IoError for a sound file: its header would be heard as a click, and its format and rate not be heeded.
+void RawInput::require_raw() const {
+    const std::string_view begin(reinterpret_cast<const char*>(bytes_.data()), KIND_BYTES);
+    const auto kind = std::ranges::find(FILE_KINDS, begin, &FileKind::begins);
+    if (kind == FILE_KINDS.end()) return;
+    throw IoError("standard input is a " + std::string(kind->name) +
+                  " file, --stdin takes raw samples: 'sox FILE -t s16 -r 12000 -c 1 -' makes them, with --rate 12000");
+}
+
 template <class Integer>
 Integer RawInput::little_endian(std::size_t at) const {
     Integer value = 0;

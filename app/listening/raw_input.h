@@ -16,12 +16,13 @@ class RawInput {
 
     // Waits for samples: whole frames, interleaved, full scale 1. What is not a number, or beyond any scale, is
     // silence. False at the end of the input, after an interrupt, or, with a line on standard error, when it cannot be
-    // read.
+    // read. Throws IoError when the input is a sound file rather than samples.
     bool read(std::vector<float>& samples);
 
     bool failed() const { return failed_; }
 
   private:
+    void require_raw() const;
     void convert(std::vector<float>& samples);
     template <class Integer>
     Integer little_endian(std::size_t at) const;
@@ -30,5 +31,6 @@ class RawInput {
     std::size_t frame_bytes_;
     std::vector<uint8_t> bytes_;
     std::size_t held_ = 0;
+    bool begun_ = false;
     bool failed_ = false;
 };

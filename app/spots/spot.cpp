@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <filesystem>
 #include <utility>
 
+#include "base/console.h"
 #include "base/json.h"
+#include "base/text.h"
 #include "base/utc.h"
 #include "protocol.h"
 
@@ -51,7 +54,14 @@ bool take_times(const Json& object, Spot& spot) {
     if (!object.contains("file")) {
         return take_utc(object, "utc_start", spot.start) && take_utc(object, "utc_end", spot.end);
     }
-    return take(object, "file", spot.file) && take(object, "t_start", spot.start) && take(object, "t_end", spot.end);
+    double utc = 0;
+    const bool dated = object.contains("utc_start");
+    if (dated && !take_utc(object, "utc_start", utc)) return false;
+    if (!take(object, "file", spot.file) || !take(object, "t_start", spot.start) || !take(object, "t_end", spot.end)) {
+        return false;
+    }
+    if (dated) spot.file_utc = utc - spot.start;
+    return true;
 }
 
 bool take_protocol(const Json& object, Spot& spot) {
@@ -71,6 +81,66 @@ bool take_finding(const Json& object, Spot& spot) {
     finding.method = static_cast<int32_t>(method - METHODS.begin());
     spot.finding = finding;
     return method != METHODS.end();
+}
+
+// The URL of a file, whose name may be any bytes.
+std::string file_url(const std::string& path) {
+    constexpr std::string_view PLAIN = "/-._~";
+    std::string url = "file://";
+    for (const char c : std::filesystem::absolute(path).string()) {
+        const bool plain = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+                           PLAIN.find(c) != std::string_view::npos;
+        url += plain ? std::string(1, c) : format("%%%02X", static_cast<unsigned>(static_cast<unsigned char>(c)));
+    }
+    return url;
+}
+
+// The fields of a spot in the order in which they are written.
+Json fields_of(const Spot& spot) {
+    Json object;
+    const bool recorded = !spot.file.empty();
+    if (recorded) {
+        object["file"] = spot.file;
+        if (!is_utf8(spot.file)) object["file_url"] = file_url(spot.file);
+    }
+    if (!recorded || spot.file_utc) {
+        const double begin = spot.file_utc.value_or(0);
+        object["utc_start"] = utc_text(begin + spot.start, UTC_DECIMALS);
+        object["utc_end"] = utc_text(begin + spot.end, UTC_DECIMALS);
+    }
+    if (recorded) {
+        object["t_start"] = spot.start;
+        object["t_end"] = spot.end;
+    }
+    object["freq_hz"] = spot.freq_hz;
+    object["drift_hz_s"] = spot.drift_hz_s;
+    object["snr_db"] = spot.snr_db ? Json(*spot.snr_db) : Json();
+    object["protocol"] = ovl_proto_name(spot.protocol);
+    object["call"] = spot.call;
+    object["locator"] = spot.locator;
+    object["deep"] = spot.deep;
+    if (spot.finding) {
+        object["method"] = method_name(spot.finding->method);
+        object["odds"] = spot.finding->odds;
+    }
+    return object;
+}
+
+// The fields as values of columns, which are the same for all files.
+Json columns_of(const Spot& spot) {
+    Json fields = rounded(fields_of(spot));
+    if (fields.erase("file_url") != 0) fields["file"] = file_url(spot.file);
+    return fields;
+}
+
+std::string csv_cell(const Json& value) {
+    if (value.is_number_float() && !std::isfinite(value.get<double>())) return "";
+    if (!value.is_string()) return value.is_null() ? "" : value.dump();
+    const std::string text = printable(value.get<std::string>());
+    if (text.find_first_of(",\"") == std::string::npos) return text;
+    std::string quoted = "\"";
+    for (const char c : text) quoted += c == '"' ? "\"\"" : std::string(1, c);
+    return quoted + '"';
 }
 
 }  // namespace
@@ -99,27 +169,22 @@ const char* method_name(int32_t method) {
 }
 
 std::string spot_line(const Spot& spot) {
-    Json object;
-    if (spot.file.empty()) {
-        object["utc_start"] = utc_text(spot.start, UTC_DECIMALS);
-        object["utc_end"] = utc_text(spot.end, UTC_DECIMALS);
-    } else {
-        object["file"] = spot.file;
-        object["t_start"] = spot.start;
-        object["t_end"] = spot.end;
-    }
-    object["freq_hz"] = spot.freq_hz;
-    object["drift_hz_s"] = spot.drift_hz_s;
-    object["snr_db"] = spot.snr_db ? Json(*spot.snr_db) : Json();
-    object["protocol"] = ovl_proto_name(spot.protocol);
-    object["call"] = spot.call;
-    object["locator"] = spot.locator;
-    object["deep"] = spot.deep;
-    if (spot.finding) {
-        object["method"] = method_name(spot.finding->method);
-        object["odds"] = spot.finding->odds;
-    }
-    return json_line(object);
+    return json_line(fields_of(spot));
+}
+
+std::string spot_csv(const Spot& spot) {
+    std::string line;
+    for (const auto& value : columns_of(spot)) line += csv_cell(value) + ',';
+    line.back() = '\n';
+    return line;
+}
+
+std::string spot_csv_names(const Spot& spot) {
+    const Json columns = columns_of(spot);
+    std::string line;
+    for (const auto& [name, value] : columns.items()) line += name + ',';
+    line.back() = '\n';
+    return line;
 }
 
 std::optional<Spot> parse_spot_line(std::string_view line) {

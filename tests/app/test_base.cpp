@@ -192,6 +192,21 @@ TEST(ParseUtc, RefusesWhatIsNoTime) {
 
 // ---- Lengths --------------------------------------------------------------------------------------------------------
 
+TEST(UtcInName, IsReadInTheFormsThatReceiversWrite) {
+    const double noon = *parse_utc("2026-03-01T12:00:00Z", 0);
+    for (const char* name : {"20260301_120000.wav", "2026-03-01T12:00:00Z.flac", "x_20260301T120000Z_7100kHz.wav",
+                             "260301_1200.wav", "260301_120000.wav", "/some/20250101_000000/2026-03-01_12-00-00.wav",
+                             "rx_20260301_120000_7100000_fc.raw", "0123456_20260301-120000.wav"}) {
+        const auto utc = utc_in_name(name);
+        ASSERT_TRUE(utc) << name;
+        EXPECT_EQ(*utc, noon) << name;
+    }
+    for (const char* name : {"", "x.wav", "20261399_999999.wav", "20260301.wav", "1234567890123456.wav",
+                             "20260301_12.wav", "20260301_120000/x.wav"}) {
+        EXPECT_FALSE(utc_in_name(name)) << name;
+    }
+}
+
 TEST(ParseDuration, TakesSecondsMinutesAndHours) {
     const std::vector<std::pair<std::string, double>> lengths = {
         {"90", 90},   {"90s", 90}, {"10m", 600},  {"1h", 3600},   {"1.5h", 5400}, {"0.25", 0.25},

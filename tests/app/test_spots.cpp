@@ -273,6 +273,54 @@ TEST(SpotLine, OfARecordingHasItsFileAndSecondsAndOfAReceiverTheTime) {
     EXPECT_EQ(read.find("utc"), std::string::npos);
 }
 
+TEST(SpotLine, OfADatedRecordingHasBoth) {
+    Spot dated = spot_of(spot("K2QRX", 40), "x.wav");
+    dated.file_utc = 1e9;
+    const std::string line = spot_line(dated);
+    EXPECT_NE(line.find("\"utc_end\":\"2001-09-09T01:47:20.00Z\""), std::string::npos) << line;
+    const auto read = parse_spot_line(line);
+    ASSERT_TRUE(read) << line;
+    expect_equal(*read, dated);
+    ASSERT_TRUE(read->file_utc);
+    EXPECT_NEAR(*read->file_utc, 1e9, 0.006);
+}
+
+TEST(SpotLine, NumbersHaveNoMoreThanSixDecimals) {
+    ov_spot found = spot("K2QRX", 1.0 / 3, 1500 + 1.0 / 3);
+    found.drift = -1.0 / 3;
+    const std::string line = spot_line(spot_of(found, "x.wav"));
+    EXPECT_NE(line.find("\"freq_hz\":1500.333333,"), std::string::npos) << line;
+    EXPECT_NE(line.find("\"drift_hz_s\":-0.333333,"), std::string::npos) << line;
+}
+
+TEST(SpotLine, AFileWhoseNameIsNotUtf8IsFoundByItsUrl) {
+    const std::string line = spot_line(spot_of(spot("K2QRX", 40), "/tmp/a\xff b.wav"));
+    EXPECT_NE(line.find("\"file_url\":\"file:///tmp/a%FF%20b.wav\""), std::string::npos) << line;
+    EXPECT_EQ(spot_line(spot_of(spot("K2QRX", 40), "/tmp/\xc3\xa4.wav")).find("file_url"), std::string::npos);
+}
+
+TEST(SpotCsv, HasTheFieldsOfJsonInEveryCase) {
+    for (const char* file : {"", "x.wav", "/tmp/a\xff.wav", "a,\"b\"\n.wav"}) {
+        for (const bool with_finding : {false, true}) {
+            Spot written = spot_of(spot("K2QRX", 40), file);
+            if (*file != '\0') written.file_utc = 1e9;
+            if (with_finding) written.finding = {.method = OVL_STANDARD, .odds = NAN};
+            std::string names = spot_csv_names(written);
+            const std::string line = spot_csv(written);
+            EXPECT_EQ(line.find('\n'), line.size() - 1);
+            const auto object = nlohmann::ordered_json::parse(spot_line(written));
+            std::string expected;
+            for (const auto& [name, value] : object.items()) {
+                if (name != "file_url") expected += (expected.empty() ? "" : ",") + name;
+            }
+            EXPECT_EQ(names, expected + "\n");
+            EXPECT_EQ(line.ends_with(",\n"), with_finding) << line;  // odds that were not measured
+        }
+    }
+    EXPECT_EQ(spot_csv(spot_of(spot("K2QRX", 40), "a,\"b\".wav")).rfind("\"a,\"\"b\"\".wav\",", 0), 0u);
+    EXPECT_EQ(spot_csv(spot_of(spot("K2QRX", 40), "/tmp/a\xff.wav")).rfind("file:///tmp/a%FF.wav,", 0), 0u);
+}
+
 TEST(SpotLine, WithoutAFieldOrWithOneOfTheWrongKindIsNone) {
     Spot written = spot_of(spot("K2QRX", 1e9, 1500, OVL_ORVEL_L, "FN31"), "x.wav");
     written.finding = ovl_finding{.method = OVL_COHERENT, .odds = 12};
