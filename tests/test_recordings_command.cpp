@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sndfile.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -985,17 +986,21 @@ struct TerminalResult {
     std::string bytes;
 };
 
-TerminalResult run_on_terminal(const Arguments& arguments, const std::string& stdout_file) {
+// A terminal of 0 columns does not know how many it has.
+TerminalResult run_on_terminal(const Arguments& arguments, const std::string& stdout_file, unsigned short columns = 0) {
     const int master = posix_openpt(O_RDWR | O_NOCTTY);
     if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) throw std::runtime_error("no terminal");
     const int slave = open(ptsname(master), O_RDWR | O_NOCTTY);
     if (slave < 0) throw std::runtime_error("no terminal");
+    const winsize size = {24, columns, 0, 0};
+    if (ioctl(slave, TIOCSWINSZ, &size) != 0) throw std::runtime_error("no terminal");
     std::vector<char*> argv;
     for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
     const pid_t child = fork();
     if (child < 0) throw std::runtime_error("no process");
     if (child == 0) {
+        unsetenv("COLUMNS");
         const int out = stdout_file.empty() ? slave : open(stdout_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         dup2(out, STDOUT_FILENO);
         dup2(slave, STDERR_FILENO);
@@ -1093,6 +1098,53 @@ TEST_F(OnATerminal, ShortRecordingsAreNotWorthALine) {
         run_on_terminal(orvel_arguments({"decode", OPERA, shipped("audio-crowded.wav")}), path("out"));
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.bytes, "");
+}
+
+// The lines that were shown in place, one after the other.
+std::vector<std::string> shown_lines(const std::string& bytes) {
+    std::vector<std::string> lines;
+    for (std::size_t begin = 0, end = 0; (begin = bytes.find('\r', end)) != std::string::npos;) {
+        end = std::min(bytes.find("\033[K", begin), bytes.size());
+        lines.push_back(bytes.substr(begin + 1, end - begin - 1));
+    }
+    return lines;
+}
+
+TEST_F(OnATerminal, OnThirtyColumnsTheLineKeepsShareTimeLeftAndABarAndDoesNotWrap) {
+    const Arguments arguments = {"decode", "--iq", OPERA, "--block", "60", long_recording()};
+    const TerminalResult result = run_on_terminal(orvel_arguments(arguments), path("out"), 30);
+    EXPECT_EQ(result.status, 0);
+    const std::vector<std::string> lines = shown_lines(result.bytes);
+    ASSERT_GE(lines.size(), 3U);
+    for (const std::string& line : lines) EXPECT_LE(line.size(), 29U) << line;
+    EXPECT_TRUE(first_match(result.bytes, R"(\r +\d+ %  \d+:\d\d left  #+\.+)")) << result.bytes;
+    EXPECT_EQ(screen_of(result.bytes), std::vector<std::string>{""});
+}
+
+TEST_F(OnATerminal, SimulateScanAndPlotShowTheirProgressToo) {
+    const std::string file = path("noise.wav");
+    const std::vector<Arguments> jobs = {
+        {"simulate", "--iq", "--rate", "1000", "--seconds", "300", "-o", file},
+        {"scan", "--iq", file},
+        {"plot", "--iq", OPERA, "-o", path("noise.svg"), file},
+        {"plot", "--iq", "--no-decode", "-o", path("noise.svg"), file},
+    };
+    for (const Arguments& job : jobs) {
+        const TerminalResult result = run_on_terminal(orvel_arguments(job), path("out"));
+        EXPECT_EQ(result.status, 0);
+        const std::vector<std::string> lines = shown_lines(result.bytes);
+        ASSERT_GE(lines.size(), 3U) << job.front();
+        EXPECT_TRUE(lines.front().starts_with("'" + file + "'  ....................    0 %")) << lines.front();
+        EXPECT_TRUE(first_match(result.bytes, R"(#{20}  100 % +\d+\.\d x real time +0:00 left)")) << result.bytes;
+        double before = 0;  // one bar that does not begin again
+        for (const std::string& line : lines) {
+            const auto share = first_match(line, R"((\d+) %)");
+            if (!share) continue;
+            EXPECT_GE(std::stod(share->at(1)), before) << job.front();
+            before = std::stod(share->at(1));
+        }
+        EXPECT_EQ(screen_of(result.bytes), std::vector<std::string>{""}) << "the line is cleared at the end";
+    }
 }
 
 }  // namespace

@@ -8,13 +8,13 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <new>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "base/console.h"
 #include "base/error.h"
 #include "base/progress.h"
 #include "base/text.h"
@@ -135,20 +135,29 @@ View choose_view(const Options& options, const Search& search, const Recording& 
     return view;
 }
 
+struct TimeSpan {
+    double from_s, to_s;
+
+    double length_s() const { return to_s - from_s; }
+};
+
+// What is decoded for a view: frames that begin before it or end after it show in it.
+TimeSpan decoded_span(const Recording& recording, const View& view) {
+    return {std::max(view.from_s - LONGEST_FRAME_S, 0.0), std::min(view.to_s + LONGEST_FRAME_S, recording.seconds())};
+}
+
 // The frames that reach into a view's time.
-std::vector<ov_spot> find_spots(const Plan& plan, Recording& recording, const View& view) {
+std::vector<ov_spot> find_spots(const Plan& plan, Recording& recording, const View& view, const TimeSpan& span,
+                                Progress& progress) {
     std::vector<ov_spot> spots;
-    const double from_s = std::max(view.from_s - LONGEST_FRAME_S, 0.0);
-    const double to_s = std::min(view.to_s + LONGEST_FRAME_S, recording.seconds());
-    Progress progress("'" + recording.path() + "'", to_s - from_s);
     SpotTaker taker;
     taker.begin = [] {};
     taker.take = [&](const ov_spot& spot) {
         if (spot.t < view.to_s && spot_end(spot) > view.from_s) spots.push_back(spot);
     };
-    taker.progress = [&](double done_s, std::size_t count) { progress.show(done_s - from_s, count); };
+    taker.progress = [&](double done_s, std::size_t count) { progress.show(done_s - span.from_s, count); };
     taker.go_on = [] { return true; };
-    decode_recording(recording, plan.decoding, from_s, to_s, taker);
+    decode_recording(recording, plan.decoding, span.from_s, span.to_s, taker);
     return spots;
 }
 
@@ -178,12 +187,10 @@ std::string draw_chips_of(const Options& options, const Plan& plan, Recording& r
 }
 
 std::string draw_waterfall_of(const Options& options, const Plan& plan, Recording& recording, const View& view,
-                              const std::vector<ov_spot>& spots) {
+                              const std::vector<ov_spot>& spots, const std::function<void(double)>& progress) {
     const Box area = waterfall_area(plan.layout).value();
-    Progress progress("'" + options.file + "'", view.to_s - view.from_s);
-    const PowerGrid grid =
-        measure_power(recording, view, static_cast<int32_t>(area.width), static_cast<int32_t>(area.height),
-                      options.window_s, [&](double done_s) { progress.show(done_s, spots.size()); });
+    const PowerGrid grid = measure_power(recording, view, static_cast<int32_t>(area.width),
+                                         static_cast<int32_t>(area.height), options.window_s, progress);
     LevelRange levels = robust_range(grid);
     if (plan.range_db) {
         levels.low_db = levels.median_db + plan.range_db->low;
@@ -194,14 +201,25 @@ std::string draw_waterfall_of(const Options& options, const Plan& plan, Recordin
     return draw_waterfall(plan.layout, {view, grid, levels, spots, plan.start_utc, note});
 }
 
+// Decodes, then draws: to the user one job, of the seconds of recording that either reads.
+std::string draw(const Options& options, const Plan& plan, Recording& recording) {
+    const View view = choose_view(options, plan.decoding.search, recording);
+    const TimeSpan decoded = options.no_decode ? TimeSpan{view.from_s, view.from_s} : decoded_span(recording, view);
+    const double drawn_s = options.chips.empty() ? view.to_s - view.from_s : 0;
+    const auto found = [&](std::size_t count) { return options.no_decode ? std::nullopt : std::optional(count); };
+    Progress progress("'" + recording.path() + "'", decoded.length_s() + drawn_s, found(0));
+    std::vector<ov_spot> spots;
+    if (!options.no_decode) spots = find_spots(plan, recording, view, decoded, progress);
+    if (!options.chips.empty()) return draw_chips_of(options, plan, recording, spots);
+    return draw_waterfall_of(options, plan, recording, view, spots,
+                             [&](double done_s) { progress.show(decoded.length_s() + done_s, found(spots.size())); });
+}
+
 int plot(const Options& options) {
     const Plan plan = make_plan(options);
     try {
         const auto recording = open_recording(options.file, options.recording);
-        const View view = choose_view(options, plan.decoding.search, *recording);
-        const auto spots = options.no_decode ? std::vector<ov_spot>() : find_spots(plan, *recording, view);
-        write_file(options.output, options.chips.empty() ? draw_waterfall_of(options, plan, *recording, view, spots)
-                                                         : draw_chips_of(options, plan, *recording, spots));
+        write_file(options.output, draw(options, plan, *recording));
         return EXIT_DONE;
     } catch (const std::bad_alloc&) {
         throw IoError("cannot plot '" + options.file + "': memory is short");

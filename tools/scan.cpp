@@ -13,6 +13,7 @@
 #include "base/console.h"
 #include "base/error.h"
 #include "base/json.h"
+#include "base/progress.h"
 #include "base/text.h"
 #include "exit_status.h"
 #include "liborvel.h"
@@ -57,6 +58,7 @@ void print_hits(const Options& options, const std::string& file, const BlockSpan
 void scan_file(const std::string& path, const Options& options, const std::function<void()>& heading) {
     const auto recording = open_recording(path, options.recording);
     heading();
+    Progress progress("'" + path + "'", recording->seconds(), std::nullopt);
     const int32_t rate = recording->rate();
     const Range band = options.band ? range_of("--band", *options.band) : whole_band(options.recording.iq, rate);
     for (const BlockSpan& block :
@@ -72,8 +74,10 @@ void scan_file(const std::string& path, const Options& options, const std::funct
             throw IoError("cannot scan '" + path + "': it is too short, the band does not fit it, or memory is short");
         }
         hits.resize(static_cast<std::size_t>(count));
+        progress.clear();
         print_hits(options, path, {samples.begin_s, static_cast<double>(samples.x.size()) / rate}, hits);
         if (!flush_output()) return;
+        progress.show(block.begin_s + block.length_s, std::nullopt);
     }
 }
 

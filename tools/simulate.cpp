@@ -15,6 +15,7 @@
 
 #include "base/console.h"
 #include "base/error.h"
+#include "base/progress.h"
 #include "base/text.h"
 #include "exit_status.h"
 #include "options.h"
@@ -147,10 +148,15 @@ int simulate(const Options& options) {
 
     SoundWriter file(options.output, {container, scene.rate, scene.iq ? 2 : 1, s16, scene.frames()});
     SceneSource source(scene);
+    Progress progress("'" + options.output + "'", scene.seconds, std::nullopt);
+    double done_s = 0;
     while (true) {
         const auto samples = source.next();
         if (samples.empty() || !file.write(samples)) break;
+        done_s += static_cast<double>(samples.size()) / (scene.iq ? 2 : 1) / scene.rate;
+        progress.show(done_s, std::nullopt);
     }
+    progress.clear();
     file.close();
     if (file.clipped() > 0) {
         print_error(format("'%s': %lld samples beyond full scale were clipped; a lower --noise leaves room",

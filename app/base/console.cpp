@@ -1,13 +1,18 @@
 #include "base/console.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <mutex>
+#include <system_error>
 #include <utility>
 
 #include "base/text.h"
@@ -40,7 +45,42 @@ std::size_t printable_bytes(std::string_view text) {
     return character >= LEAST[length - 2] && character <= 0x10ffff && !surrogate ? length : 0;
 }
 
+std::size_t columns_of_variable() {
+    const char* const variable = std::getenv("COLUMNS");
+    if (variable == nullptr) return 0;
+    const char* const end = variable + std::strlen(variable);
+    std::size_t columns = 0;
+    const auto [stop, error] = std::from_chars(variable, end, columns);
+    return error == std::errc() && stop == end ? columns : 0;
+}
+
+// Bytes of a text of whole characters that a number of columns holds, and the columns they take.
+struct Cut {
+    std::size_t bytes = 0, columns = 0;
+};
+
+Cut cut(std::string_view text, std::size_t columns) {
+    Cut done;
+    while (done.bytes < text.size()) {
+        const std::size_t length = std::max<std::size_t>(printable_bytes(text.substr(done.bytes)), 1);
+        const std::size_t width = length < 3 ? 1 : 2;
+        if (width > columns - done.columns) break;
+        done.bytes += length;
+        done.columns += width;
+    }
+    return done;
+}
+
 }  // namespace
+
+std::size_t columns_of(std::string_view text) {
+    return cut(text, std::numeric_limits<std::size_t>::max()).columns;
+}
+
+std::string first_columns(std::string_view text, std::size_t columns) {
+    text = text.substr(0, cut(text, columns).bytes);
+    return std::string(text.substr(0, text.find_last_not_of(' ') + 1));
+}
 
 std::string printable(std::string_view text) {
     std::string shown;
@@ -96,8 +136,15 @@ StatusLine::~StatusLine() {
 void StatusLine::show(const std::string& text) {
     if (!terminal_) return;
     const std::lock_guard guard(error_lock);
-    std::fprintf(stderr, "\r%s\033[K", printable(text).c_str());
+    std::fprintf(stderr, "\r%s\033[K", first_columns(printable(text), columns()).c_str());
     status_shown = true;
+}
+
+std::size_t StatusLine::columns() const {
+    winsize size{};
+    const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    const std::size_t columns = known ? size.ws_col : columns_of_variable();
+    return columns > 0 ? columns - 1 : std::numeric_limits<std::size_t>::max();
 }
 
 void StatusLine::clear() {

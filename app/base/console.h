@@ -1,12 +1,19 @@
 // What our programs say to their user, on standard output and standard error.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
 // The same text with "\n", "\x1b" and so on in place of control characters and bytes that are not UTF-8, which a file's
 // name may hold: one line, and nothing that moves a terminal's cursor.
 std::string printable(std::string_view text);
+
+// Columns that a printable text takes at most: two for each character from U+0800 on, of which some are that wide.
+std::size_t columns_of(std::string_view text);
+
+// As many of a printable text's first characters as that many columns hold, without blanks at the end.
+std::string first_columns(std::string_view text, std::size_t columns);
 
 // "orvel: <message>" and a line feed on standard error; the message as printable() has it.
 void print_error(const std::string& message);
@@ -27,8 +34,12 @@ class StatusLine {
     StatusLine& operator=(const StatusLine&) = delete;
     ~StatusLine();
 
-    void show(const std::string& text);
-    void clear();  // before other output
+    void show(const std::string& text);  // cut to columns()
+    void clear();                        // before other output
+
+    // Columns that a text may take so that it stays on one line: one less than the terminal has; where that does not
+    // know it, $COLUMNS; else no limit.
+    std::size_t columns() const;
 
   private:
     bool terminal_;

@@ -7,7 +7,7 @@
 
 Audio is one-dimensional arrays of floats, full scale usually 1; I/Q is one-dimensional complex arrays, I + jQ. An array
 of another kind raises TypeError or ValueError with a hint what to do; what the library refuses raises OrvelError with
-the library's own text.
+its text, or with a callsign's reason.
 """
 
 from ._checks import IqSamples, Samples

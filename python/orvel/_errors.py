@@ -2,4 +2,4 @@
 
 
 class OrvelError(RuntimeError):
-    """The library refused a call; the text is the library's."""
+    """What the library refuses, with its text, or a callsign, with the reason."""

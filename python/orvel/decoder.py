@@ -11,6 +11,7 @@ from dataclasses import dataclass
 from typing import Any, Literal
 
 from . import _checks as checks
+from ._callsigns import known_callsigns
 from ._errors import OrvelError
 from ._handle import Handle
 from ._library import lib
@@ -216,11 +217,10 @@ class Decoder(Handle):
 
         calls   callsigns, or one text with callsigns between blanks, commas or semicolons; empty = none
 
-        What is not a callsign of the protocols is left out. Raises OrvelError at the 257th; the first 256 stay in use.
+        Raises OrvelError for what no frame carries, and leaves the list as it was; at the 257th the first 256 stay in
+        use.
         """
-        if isinstance(calls, str):
-            calls = [calls]
-        known = b" ".join(checks.text(call, "a known callsign") for call in calls)
+        known = known_callsigns(calls)
         with self._lock:
             handle = self._open_handle()
             count: int = lib.ovl_set_known(handle, known)

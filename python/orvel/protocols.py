@@ -10,6 +10,7 @@ import numpy as np
 import numpy.typing as npt
 
 from . import _checks as checks
+from ._callsigns import check_sent
 from ._errors import OrvelError
 from ._library import lib
 
@@ -83,17 +84,21 @@ def encode(call: str, locator: str = "", *, protocol: Protocol | str | None = No
     protocol  or its name; default: ORVEL L with a locator, OPERA without
 
     Returns an array of 239 or 321 values, 1 = carrier on for a chip, 0 = off. Raises OrvelError for a callsign or
-    locator that the protocol cannot carry.
+    locator that the protocol cannot carry, with the callsign's reason; warns (UserWarning) of a callsign that decoders
+    at their defaults do not report, as 'K2' or '123ABC'.
     """
     chosen = choose_protocol(locator, protocol)
+    encoded, encoded_locator = checks.text(call, "call"), checks.text(locator, "locator")
+    refusal = f"cannot encode {' '.join(filter(None, [call, locator]))!r} as {chosen.label}"
+    check_sent(call, refusal)
     chips = np.empty(chosen.frame_chips, dtype=np.uint8)
     count = lib.ovl_encode(
         chosen.value,
-        checks.text(call, "call"),
-        checks.text(locator, "locator"),
+        encoded,
+        encoded_locator,
         chips.ctypes.data_as(ctypes.POINTER(ctypes.c_uint8)),
         chips.size,
     )
     if count < 0:
-        raise OrvelError(f"cannot encode {' '.join(filter(None, [call, locator]))!r} as {chosen.label}")
+        raise OrvelError(refusal)
     return chips

@@ -11,6 +11,7 @@ from dataclasses import dataclass
 import numpy as np
 
 from . import _checks as checks
+from ._callsigns import check_sent
 from ._errors import OrvelError
 from ._handle import Handle
 from ._library import lib
@@ -91,10 +92,13 @@ class Progress:
 
 def _step_record(step: object) -> TxStepRecord:
     if isinstance(step, Frame):
+        protocol = choose_protocol(step.locator, step.protocol)
+        call = checks.text(step.call, "call", _MOST_CALL)
+        check_sent(step.call, f"cannot encode {step.call}")
         return TxStepRecord(
             kind=_FRAME,
-            protocol=choose_protocol(step.locator, step.protocol).value,
-            call=checks.text(step.call, "call", _MOST_CALL),
+            protocol=protocol.value,
+            call=call,
             locator=checks.text(step.locator, "locator", _MOST_LOCATOR),
         )
     if isinstance(step, Carrier):
@@ -118,7 +122,10 @@ class Transmitter(Handle):
     _name = "transmitter"
 
     def __init__(self, steps: Step | Sequence[Step], settings: TransmitSettings = TransmitSettings()) -> None:
-        """Prepare 1 to 64 steps. Raises OrvelError for settings or steps that the library refuses."""
+        """Prepare 1 to 64 steps.
+
+        Raises OrvelError for settings or steps that cannot be sent; warns of callsigns as encode() does.
+        """
         sequence = [steps] if isinstance(steps, Step) else list(steps)
         records = (TxStepRecord * max(1, len(sequence)))(*[_step_record(step) for step in sequence])
         record = TxSettingsRecord(
@@ -188,7 +195,8 @@ class Transmitter(Handle):
 def render(steps: Step | Sequence[Step], settings: TransmitSettings = TransmitSettings()) -> checks.Float32Array:
     """Render a whole transmission of 1 to 64 steps, closing ramp included.
 
-    Returns shape (n,), float32, at settings.rate. Raises OrvelError for settings or steps that the library refuses.
+    Returns shape (n,), float32, at settings.rate. Raises OrvelError for settings or steps that cannot be sent; warns of
+    callsigns as encode() does.
     """
     with Transmitter(steps, settings) as transmitter:
         expected = round(transmitter.progress().total_s * settings.rate)

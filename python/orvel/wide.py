@@ -1,7 +1,8 @@
 """Decoding of a whole band of I/Q: scan it for keyed frequencies, decode a narrow tile around each.
 
 The block is transformed once. Parts of a few kilohertz are brought into the audio range and scanned, one frame's length
-at a time; then a tile of its own is decoded for each frequency at which something is keyed.
+at a time; then a tile of its own is decoded for each frequency at which something is keyed, and narrow ones beside each
+frame found.
 """
 
 from __future__ import annotations
@@ -21,8 +22,11 @@ _PART_HZ = 2000.0  # half-width of what is scanned at once: enough frequencies f
 _PART_MARGIN_HZ = 200.0
 _SCAN_S = Protocol.OPERA.frame_chips * CHIP_SECONDS
 _SCAN_STEP_S = _SCAN_S / 4  # a frame lies in some scan but for an eighth of it
-_TILE_HZ = 20.0  # half-width of a tile
 _TILE_SEPARATION_HZ = 30.0
+_TILE_HZ = _TILE_SEPARATION_HZ + 3  # half-width; reaches every station whose stronger neighbour was taken instead
+# Next to a frame the decoder takes all others of the time for its shadows: the tiles to its sides do not hold it.
+_BESIDE_HZ = (-24.0, -20.0, -16.0, -12.0, 12.0, 16.0, 20.0, 24.0)
+_BESIDE_TILE_HZ = 4.0
 _SAME_S = _SCAN_S / 2  # one callsign is reported once in this time
 
 
@@ -84,8 +88,8 @@ def decode_wide(
     deep_search      as for decode(), in each tile: its chance of a false alarm is that of a block, times the tiles
     coherent         as for decode(), in each tile: where something is keyed
 
-    The rest is as for decode(). Frames too weak to stand out in the scan are not found: decode_iq() around their
-    frequency goes deeper. Returns spots in order of start time, one of a callsign in half of a frame's length, with
+    The rest is as for decode(). Frames too weak to stand out in the scan are not found, but within 33 Hz of what does:
+    decode_iq() around their frequency goes deeper. Returns spots in order of start time, one of a callsign in half of a frame's length, with
     frequencies relative to the receiver's centre. Raises TypeError for real samples, ValueError for a band beyond
     the I/Q, otherwise as decode().
     """
@@ -105,8 +109,17 @@ def decode_wide(
             hits += _scan_part(band, float(begin + end) / 2, float(end - begin) / 2, least_z)
 
         spots: list[Spot] = []
-        for hit in _strongest_apart(hits):
-            part = band.cut(min(max(hit.freq_hz, low), high), search_half_width(tile))
-            for spot in decoder.decode(part.samples, part.rate, replace(tile, center_hz=part.center_hz)):
+
+        def decode_tile(center_hz: float, search: Search) -> None:
+            part = band.cut(min(max(center_hz, low), high), search_half_width(search))
+            for spot in decoder.decode(part.samples, part.rate, replace(search, center_hz=part.center_hz)):
                 _add(replace(spot, freq_hz=band.wrapped(spot.freq_hz + part.offset_hz)), spots)
+
+        for hit in _strongest_apart(hits):
+            decode_tile(hit.freq_hz, tile)
+        decoder.set_coherent(False)
+        beside = replace(tile, search_hz=_BESIDE_TILE_HZ, deep_search=False)
+        for spot in [spot for spot in spots if spot.method == "standard"]:
+            for offset_hz in _BESIDE_HZ:
+                decode_tile(spot.freq_hz + offset_hz, beside)
     return sorted((spot for spot in spots if low <= spot.freq_hz <= high), key=lambda spot: spot.t_start)

@@ -79,6 +79,28 @@ def test_a_station_at_the_very_edge_of_the_band_is_found() -> None:
     assert spot.freq_hz == pytest.approx(1999, abs=0.3)
 
 
+# Of two stations close together the weaker does not stand out by itself.
+@pytest.mark.parametrize("spacing_hz", [12, 16, 21, 24, 29, 45])
+def test_both_of_two_neighbours_are_found_each_once(spacing_hz: int) -> None:
+    rate = 6000
+    iq = noise_iq(42, rate, spacing_hz)
+    sent = {}
+    pairs = [("K2QRX", "G4QZB"), ("F5QVB", "OH3QKJ"), ("LA6QTN", "W7QNH")]
+    for k, pair in enumerate(pairs):
+        for call, snr_db, offset_hz in zip(pair, (-10, -16), (0, spacing_hz)):
+            sent[call] = -1400 + 1100 * k + offset_hz, snr_db
+            iq += station_iq(call, *sent[call], n=iq.size, rate=rate, t_start=1.0 + 3 * k + offset_hz / 20)
+    found = orvel.decode_wide(iq, rate, protocols="opera")
+    assert sorted(spot.call for spot in found) == sorted(sent)
+    for spot in found:
+        freq_hz, snr_db = sent[spot.call]
+        # Within 12 and 16 Hz the weaker is found from the edge of a tile, which lies beside it.
+        assert spot.freq_hz == pytest.approx(freq_hz, abs=1.1)
+        assert spot.snr_db is not None and snr_db - 4 <= spot.snr_db <= snr_db + 1
+        around = orvel.decode_iq(iq, rate, center_hz=freq_hz, search_hz=4, protocols="opera")
+        assert all(narrow.snr_db == pytest.approx(spot.snr_db, abs=1) for narrow in around if narrow.call == spot.call)
+
+
 def test_wrong_arguments_are_told(band: Any) -> None:
     with pytest.raises(TypeError, match="a complex array is needed"):
         orvel.decode_wide(band.real, RATE)

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <random>
 #include <regex>
 #include <string>
@@ -345,6 +346,45 @@ TEST(ProgressText, OneSpotIsNoSpots) {
 TEST(ProgressText, AJobOfNoLengthIsDone) {
     EXPECT_EQ(progress(0, 0, 0, 0), "#################### 100 % 0 spots");
     EXPECT_EQ(progress(0, 0, 1, 0), "#################### 100 % 0 spots");
+}
+
+TEST(ProgressText, AJobThatLooksForNoSpotsCountsNone) {
+    EXPECT_TRUE(progress_text(600, 1200, 16, std::nullopt).ends_with("  0:16 left"));
+}
+
+TEST(ProgressLine, KeepsWhatMattersInAFewColumns) {
+    const auto line = [](std::size_t columns) { return progress_line("'long.wav'", 600, 1200, 16, 17, columns); };
+    EXPECT_EQ(line(80), "'long.wav'  ##########..........   50 %   37.5 x real time  0:16 left  17 spots");
+    EXPECT_EQ(line(79), line(80));
+    EXPECT_EQ(line(78), " 50 %  0:16 left  ##########..........  'long.wav'");
+    EXPECT_EQ(line(46), " 50 %  0:16 left  ##########..........  'long.");
+    EXPECT_EQ(line(38), " 50 %  0:16 left  ##########..........");
+    EXPECT_EQ(line(30), " 50 %  0:16 left  ######......");
+    EXPECT_EQ(line(23), " 50 %  0:16 left  ###..");
+    EXPECT_EQ(line(22), " 50 %  0:16 left");
+    EXPECT_EQ(line(20), " 50 %  0:16 left");
+    EXPECT_EQ(line(5), " 50 %");
+    EXPECT_EQ(progress_line("'long.wav'", 0, 1200, 0, 0, 30), "  0 %  ....................  '");
+}
+
+TEST(ProgressLine, IsNeverWiderThanItsColumns) {
+    for (const char* name : {"'a.wav'", "'f\u00fcr \u97f3\u97f3\u97f3\u97f3\u97f3\u97f3 \U0001f4fb\U0001f4fb.wav'"}) {
+        for (std::size_t columns = 0; columns < 120; columns++) {
+            const std::string line = progress_line(name, 36, 86400, 9, 100, columns);
+            EXPECT_LE(columns_of(line), columns) << line;
+            EXPECT_EQ(printable(line), line) << "no character is cut";
+        }
+    }
+}
+
+TEST(Columns, OfWideCharactersAreTwo) {
+    EXPECT_EQ(columns_of(""), 0U);
+    EXPECT_EQ(columns_of("f\u00fcr"), 3U);
+    EXPECT_EQ(columns_of("\u97f3\U0001f4fb"), 4U);
+    EXPECT_EQ(first_columns("a\u97f3b", 1), "a");
+    EXPECT_EQ(first_columns("a\u97f3b", 2), "a");
+    EXPECT_EQ(first_columns("a\u97f3b", 3), "a\u97f3");
+    EXPECT_EQ(first_columns("ab  c", 4), "ab");
 }
 
 // ---- Callsigns ------------------------------------------------------------------------------------------------------
