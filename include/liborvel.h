@@ -342,12 +342,11 @@ typedef struct ovl_result {
  *   rate          sample rate, Hz; 8000, 12000, 16000, 24000, 32000, 48000, 96000 and 192000 are all served, as is
  *                 every rate whose quotient with 125 Hz times a power of two has no prime factor above 7
  *   settings      what to look for. search_hz may be up to 125 kHz, or twice the sample rate where that is more; a
- *                 decode takes about 0.6 kB of memory per Hz of it and second of the block. The SNR compares a frame with
- *                 the median noise of the band searched and some 50 Hz beyond: where a receiver's filter, or 0 Hz or
- *                 half the rate, cuts off much of that, it comes out too high, by tens of dB; search no wider than the
- *                 passband
- *   results       room for max_results records, filled in order of start time; may be NULL when max_results is 0
- *   max_results   0 or more; at most 64 frames are reported from one block
+ *                 decode takes about 0.6 kB of memory per Hz of it and second of the block. The SNR compares a frame
+ * with the median noise of the band searched and some 50 Hz beyond: where a receiver's filter, or 0 Hz or half the
+ * rate, cuts off much of that, it comes out too high, by tens of dB; search no wider than the passband results room for
+ * max_results records, filled in order of start time; may be NULL when max_results is 0 max_results   0 or more; at
+ * most 64 frames are reported from one block
  *
  * Returns the number of records written, or -1 with no record written. Errors: "invalid argument", "no protocol
  * selected", "out of memory", "known_only needs a list of known callsigns (ovl_set_known)", "block too short or
