@@ -114,11 +114,13 @@ constexpr std::uintmax_t SMALL_FILE = 32 << 20;  // bytes that may well be held 
 
 using RecordingPtr = std::unique_ptr<Recording>;
 
-// A reader's line as our programs print it: without the reader's name, and always with the name of the file.
+// A reader's line as our programs print it: without the reader's name, and always with the name of the file. A file
+// that was cut off is read as far as it goes, as every other kind is.
 std::string reader_message(std::string line, const std::string& shown) {
     for (const std::string_view prefix : {"wav_read: ", "iq_read: "}) {
         if (line.starts_with(prefix)) line.erase(0, prefix.size());
     }
+    if (line.starts_with("warning - data chunk claims")) return "'" + shown + "' ends before its header says";
     const bool names_file = line.find("'" + shown + "'") != std::string::npos;
     return names_file ? line : "cannot read '" + shown + "': " + line;
 }
