@@ -693,7 +693,7 @@ TEST_F(Faults, NumbersHaveADecimalPointInGermanyToo) {
             << extension;
     }
     EXPECT_TRUE(usage_error_with({"decode", "--center=1490,5", file}, {"--center"}, german));
-    EXPECT_TRUE(failed_with(orvel({"decode", "--search=1e12", file}, german), {"search band"}));
+    EXPECT_TRUE(failed_with(orvel({"decode", "--center=1e12", file}, german), {"nothing at 1e+12 Hz"}));
 }
 
 }  // namespace

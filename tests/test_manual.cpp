@@ -176,10 +176,10 @@ TEST(Help, SaysInWordsWhatDescriptionsLeaveUnsaid) {
     }
     EXPECT_NE(in_one_line(help_of("send"))
                   .find(" --times N Number of transmissions [no limit] "
-                        "(above 0; needs --every) "),
+                        "(1 to 1000000; needs --every) "),
               std::string::npos);
     EXPECT_NE(in_one_line(help_of("encode")).find(" (not with --json) "), std::string::npos);
-    EXPECT_NE(in_one_line(help_of("render")).find(" -o,--output FILE WAV file to write (required) "),
+    EXPECT_NE(in_one_line(help_of("render")).find(" -o,--output FILE File to write: .wav or .flac (required) "),
               std::string::npos);
     EXPECT_NE(help_of("plot").find("\n  --chips[=FRAME]       Draw"), std::string::npos);
     for (const std::string& subcommand : all_commands()) {

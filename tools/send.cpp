@@ -245,7 +245,7 @@ void add_send(CLI::App& app, int& status) {
     sub->add_option("--offset", options->offset, "Start this much later in each period [0]")
         ->type_name("LENGTH")
         ->needs(every);
-    sub->add_option("--times", options->times, "Number of transmissions, 1 to 1000000 [no limit]")
+    sub->add_option("--times", options->times, "Number of transmissions [no limit]")
         ->type_name("N")
         ->check(CLI::Range(1, 1000000))
         ->needs(every);

@@ -85,7 +85,7 @@ class Bands {
         return found;
     }
 
-    // Several bands may hold a frame: of two finds the plainer stays, then the stronger.
+    // Several bands may hold a frame: of two finds the plainer stays, then the better fit.
     void merge(const std::vector<Found>& found) {
         for (const Found& spot : found) {
             const auto same = std::ranges::find_if(all_, [&](const Found& other) {
@@ -93,7 +93,7 @@ class Bands {
             });
             if (same == all_.end()) {
                 all_.push_back(spot);
-            } else if (spot.deep != same->deep ? spot.deep < same->deep : spot.snr > same->snr) {
+            } else if (spot.deep != same->deep ? spot.deep < same->deep : spot.score > same->score) {
                 *same = spot;
             }
         }
