@@ -73,9 +73,9 @@ std::optional<std::string> parse_search(const std::vector<std::string>& words) {
         const Search search = search_of(options, recording.iq);
         expect(search.protocols >= 1 && search.protocols <= 7);
         expect(search.known.size() <= 256 && (!search.known_only || !search.known.empty()));
-        const ov_params params = decode_params(search, 48000);
-        expect(std::isfinite(params.center_hz));
-        expect(std::isfinite(params.search_hz) && params.search_hz >= 0);
+        expect(std::isfinite(center_of(search)));
+        expect(std::isfinite(search.search_hz) && search.search_hz >= 0);
+        const ov_params params = decode_params(search);
         expect(std::isfinite(params.spread_hz) && params.spread_hz >= 0);
         expect(recording.channel >= 0);
         if (search.band) expect(search.band->low < search.band->high);

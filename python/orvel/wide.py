@@ -52,18 +52,23 @@ def _strongest_apart(hits: Iterable[Hit]) -> list[Hit]:
     return kept
 
 
-def _preference(spot: Spot) -> tuple[int, float]:
-    return -METHODS.index(spot.method), -math.inf if spot.snr_db is None else spot.snr_db
+class _Finds:
+    """The spots of all tiles. Of those of one callsign at one time the one of the plainest method stays, then the one
+    nearest to the centre of its tile: at the edges a frame is found by what it leaks, with a frequency a little off."""
 
+    def __init__(self) -> None:
+        self.spots: list[Spot] = []
+        self._ranks: list[tuple[int, float]] = []
 
-def _add(spot: Spot, spots: list[Spot]) -> None:
-    """Of spots of one callsign at one time the one of the plainest method stays, then the strongest."""
-    for k, other in enumerate(spots):
-        if other.call == spot.call and abs(other.t_start - spot.t_start) < _SAME_S:
-            if _preference(spot) > _preference(other):
-                spots[k] = spot
-            return
-    spots.append(spot)
+    def add(self, spot: Spot, from_center_hz: float) -> None:
+        rank = METHODS.index(spot.method), from_center_hz
+        for k, other in enumerate(self.spots):
+            if other.call == spot.call and abs(other.t_start - spot.t_start) < _SAME_S:
+                if rank < self._ranks[k]:
+                    self.spots[k], self._ranks[k] = spot, rank
+                return
+        self.spots.append(spot)
+        self._ranks.append(rank)
 
 
 def decode_wide(
@@ -89,8 +94,8 @@ def decode_wide(
     coherent         as for decode(), in each tile: where something is keyed
 
     The rest is as for decode(). Frames too weak to stand out in the scan are not found, but within 33 Hz of what does:
-    decode_iq() around their frequency goes deeper. Returns spots in order of start time, one of a callsign in half of a frame's length, with
-    frequencies relative to the receiver's centre. Raises TypeError for real samples, ValueError for a band beyond
+    decode_iq() around their frequency goes deeper. Returns spots in order of start time, one of a callsign in half of a
+    frame's length, with frequencies relative to the receiver's centre. Raises TypeError for real samples, ValueError for a band beyond
     the I/Q, otherwise as decode().
     """
     hertz = checks.whole_number(rate, "rate", 1000)
@@ -108,18 +113,19 @@ def decode_wide(
         for begin, end in zip(edges[:-1], edges[1:]):
             hits += _scan_part(band, float(begin + end) / 2, float(end - begin) / 2, least_z)
 
-        spots: list[Spot] = []
+        finds = _Finds()
 
         def decode_tile(center_hz: float, search: Search) -> None:
             part = band.cut(min(max(center_hz, low), high), search_half_width(search))
             for spot in decoder.decode(part.samples, part.rate, replace(search, center_hz=part.center_hz)):
-                _add(replace(spot, freq_hz=band.wrapped(spot.freq_hz + part.offset_hz)), spots)
+                found = replace(spot, freq_hz=band.wrapped(spot.freq_hz + part.offset_hz))
+                finds.add(found, abs(spot.freq_hz - part.center_hz))
 
         for hit in _strongest_apart(hits):
             decode_tile(hit.freq_hz, tile)
         decoder.set_coherent(False)
         beside = replace(tile, search_hz=_BESIDE_TILE_HZ, deep_search=False)
-        for spot in [spot for spot in spots if spot.method == "standard"]:
+        for spot in [spot for spot in finds.spots if spot.method == "standard"]:
             for offset_hz in _BESIDE_HZ:
                 decode_tile(spot.freq_hz + offset_hz, beside)
-    return sorted((spot for spot in spots if low <= spot.freq_hz <= high), key=lambda spot: spot.t_start)
+    return sorted((spot for spot in finds.spots if low <= spot.freq_hz <= high), key=lambda spot: spot.t_start)

@@ -94,9 +94,9 @@ def test_both_of_two_neighbours_are_found_each_once(spacing_hz: int) -> None:
     assert sorted(spot.call for spot in found) == sorted(sent)
     for spot in found:
         freq_hz, snr_db = sent[spot.call]
-        # Within 12 and 16 Hz the weaker is found from the edge of a tile, which lies beside it.
-        assert spot.freq_hz == pytest.approx(freq_hz, abs=1.1)
-        assert spot.snr_db is not None and snr_db - 4 <= spot.snr_db <= snr_db + 1
+        # Nearer than 20 Hz the stronger one takes up to 5 dB from the weaker, however it is found.
+        assert spot.freq_hz == pytest.approx(freq_hz, abs=1)
+        assert spot.snr_db is not None and snr_db - 5 <= spot.snr_db <= snr_db + 1
         around = orvel.decode_iq(iq, rate, center_hz=freq_hz, search_hz=4, protocols="opera")
         assert all(narrow.snr_db == pytest.approx(spot.snr_db, abs=1) for narrow in around if narrow.call == spot.call)
 
