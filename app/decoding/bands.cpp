@@ -14,11 +14,12 @@ constexpr double AROUND_HZ = SEPARATION_HZ + 3;  // reaches every station whose 
 
 std::vector<Band> neighbours(const Range& whole) {
     const double width = whole.high - whole.low;
-    const double count = std::max(1.0, std::ceil((width - OVERLAP_HZ) / (MOST_BAND_HZ - OVERLAP_HZ)));
+    const double least = std::ceil((width - OVERLAP_HZ) / (MOST_BAND_HZ - OVERLAP_HZ));
+    const auto count = static_cast<int32_t>(std::max(1.0, least));
     const double step = (width - OVERLAP_HZ) / count;
     const double half = 0.5 * (step + OVERLAP_HZ);
     std::vector<Band> bands;
-    for (double k = 0; k < count; k++) bands.push_back({whole.low + k * step + half, half});
+    for (int32_t k = 0; k < count; k++) bands.push_back({whole.low + k * step + half, half});
     return bands;
 }
 

@@ -21,7 +21,10 @@ std::vector<std::string> protocol_names(std::string_view list) {
         list.remove_prefix(std::min(item.size() + 1, list.size()));
         const std::vector<std::string> words = split_list(item);
         std::string joined;
-        for (const std::string& word : words) joined += (joined.empty() ? "" : " ") + word;
+        for (const std::string& word : words) {
+            if (!joined.empty()) joined += ' ';
+            joined += word;
+        }
         if (ov_protocol_by_option(joined) != nullptr) {
             names.push_back(joined);
         } else {
@@ -55,7 +58,7 @@ void add_known(const std::string& where, std::string_view list, std::vector<ovc_
     for (const std::string& call : split_list(list)) {
         if (known.size() == MAX_KNOWN) throw UsageError("too many known callsigns (max 256)");
         if (const std::string problem = callsign_problem(call); !problem.empty()) {
-            throw UsageError(where + ": '" + call + "': " + problem);
+            throw UsageError(format("%s: '%s': %s", where.c_str(), call.c_str(), problem.c_str()));
         }
         ovc_known_init(call.c_str(), &known.emplace_back());
     }

@@ -136,10 +136,13 @@ Json columns_of(const Spot& spot) {
 std::string csv_cell(const Json& value) {
     if (value.is_number_float() && !std::isfinite(value.get<double>())) return "";
     if (!value.is_string()) return value.is_null() ? "" : value.dump();
-    const std::string text = printable(value.get<std::string>());
+    std::string text = printable(value.get<std::string>());
     if (text.find_first_of(",\"") == std::string::npos) return text;
     std::string quoted = "\"";
-    for (const char c : text) quoted += c == '"' ? "\"\"" : std::string(1, c);
+    for (const char c : text) {
+        if (c == '"') quoted += c;
+        quoted += c;
+    }
     return quoted + '"';
 }
 
