@@ -42,8 +42,10 @@ std::vector<float> window_powers(const ov_baseband& bb, int32_t chip_len, std::s
     const FftwPlan plan = window ? plan_complex(chip_len, window.get(), window.get(), FFTW_FORWARD) : FftwPlan{};
     if (!plan) throw std::bad_alloc();
 
-    std::vector<double> shape;
-    for (int32_t k = 0; k < chip_len; k++) shape.push_back(1 - std::cos(2 * std::numbers::pi * (k + 0.5) / chip_len));
+    std::vector<double> shape(static_cast<std::size_t>(chip_len));
+    for (std::size_t k = 0; k < shape.size(); k++) {
+        shape[k] = 1 - std::cos(2 * std::numbers::pi * (static_cast<double>(k) + 0.5) / chip_len);
+    }
     std::vector<float> powers(static_cast<std::size_t>(chip_len) * windows);
     for (std::size_t w = 0; w < windows; w++) {
         const auto first = static_cast<int64_t>(w) * (bb.n - chip_len) / static_cast<int64_t>(windows - 1);
@@ -86,6 +88,7 @@ std::vector<uint8_t> ov_filled_bins(const ov_baseband& bb, int32_t chip_len) {
     std::vector<float> powers = window_powers(bb, chip_len, windows);
     if (powers.empty()) return filled;
     std::vector<float> floors;
+    floors.reserve(filled.size());
     for (std::size_t bin = 0; bin < filled.size(); bin++) {
         floors.push_back(at_share(std::span(powers).subspan(bin * windows, windows), FLOOR_SHARE));
     }
