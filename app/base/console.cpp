@@ -79,7 +79,8 @@ std::size_t columns_of(std::string_view text) {
 
 std::string first_columns(std::string_view text, std::size_t columns) {
     text = text.substr(0, cut(text, columns).bytes);
-    return std::string(text.substr(0, text.find_last_not_of(' ') + 1));
+    while (text.ends_with(' ')) text.remove_suffix(1);
+    return std::string(text);
 }
 
 std::string printable(std::string_view text) {

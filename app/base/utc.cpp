@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <filesystem>
 #include <regex>
 #include <string_view>
 
@@ -102,7 +103,7 @@ std::optional<double> parse_utc(const std::string& text, double now) {
 std::optional<double> utc_in_name(const std::string& path) {
     static const std::regex DATED(
         R"((?:^|\D)(20\d\d|\d\d)([-.]?)(\d\d)\2(\d\d)[-_T ]?(\d\d)[-:.]?(\d\d)(?:[-:.]?(\d\d))?(?!\d))");
-    const std::string name = path.substr(path.rfind('/') + 1);
+    const std::string name = std::filesystem::path(path).filename().string();
     for (std::sregex_iterator match(name.begin(), name.end(), DATED), end; match != end; ++match) {
         const auto part = [&](std::size_t k) { return (*match)[k].str(); };
         const std::string seconds = part(7).empty() ? "00" : part(7);
