@@ -9,13 +9,16 @@
 #include "ovbb.h"
 #include "ovpassband.h"
 #include "owners.h"
+#include "spots/spot.h"
 
 namespace {
 
 constexpr double CANDIDATES_PER_MINUTE = 120;
 constexpr double SPOTS_PER_MINUTE = 64;  // as the library reports from a block
 constexpr double MOST = 1e6;             // of either
-constexpr double SAME_S = 15.3;          // two frames of a callsign this close are one, as for the library
+constexpr double LEAK_HZ = 30;
+constexpr double LEAK_CONTRAST = 0.1;  // of the frame's
+constexpr double SAME_S = 15.3;        // two frames of a callsign this close are one, as for the library
 
 int32_t at_most(double count) {
     return static_cast<int32_t>(std::min(count, MOST));
@@ -38,6 +41,14 @@ std::optional<std::vector<Found>> decode_baseband(const ov_baseband& baseband, c
     found.reserve(spots.size());
     for (const ov_spot& spot : spots) found.push_back({spot});
     return found;
+}
+
+// Whether what was found beside a frame is what the frame leaks to there, read as another protocol.
+bool is_phantom(const Found& beside, const Found& frame) {
+    if (beside.protocol == frame.protocol || std::fabs(beside.freq - frame.freq) > LEAK_HZ) return false;
+    const double shared = std::min(spot_end(beside), spot_end(frame)) - std::max(beside.t, frame.t);
+    const double shorter = std::min(spot_end(beside) - beside.t, spot_end(frame) - frame.t);
+    return shared > 0.5 * shorter && beside.contrast < LEAK_CONTRAST * frame.contrast;
 }
 
 // The decodes of several bands of one block, which share its transform.
@@ -68,8 +79,11 @@ class Bands {
         ov_params params = params_;
         params.deep_search = 0;
         for (const double offset_hz : {-24.0, -20.0, -16.0, -12.0, 12.0, 16.0, 20.0, 24.0}) {
-            const auto found = decode({spot.freq + offset_hz, 4}, params, false);
+            auto found = decode({spot.freq + offset_hz, 4}, params, false);
             if (!found) return false;
+            std::erase_if(*found, [&](const Found& beside) {
+                return std::ranges::any_of(all_, [&](const Found& frame) { return is_phantom(beside, frame); });
+            });
             merge(*found);
         }
         return true;

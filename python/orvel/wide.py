@@ -27,6 +27,8 @@ _TILE_HZ = _TILE_SEPARATION_HZ + 3  # half-width; reaches every station whose st
 # Next to a frame the decoder takes all others of the time for its shadows: the tiles to its sides do not hold it.
 _BESIDE_HZ = (-24.0, -20.0, -16.0, -12.0, 12.0, 16.0, 20.0, 24.0)
 _BESIDE_TILE_HZ = 4.0
+_LEAK_HZ = 30.0
+_LEAK_DB = 10.0
 _SAME_S = _SCAN_S / 2  # one callsign is reported once in this time
 
 
@@ -52,6 +54,10 @@ def _strongest_apart(hits: Iterable[Hit]) -> list[Hit]:
     return kept
 
 
+def _level(spot: Spot) -> float:
+    return -math.inf if spot.snr_db is None else spot.snr_db
+
+
 class _Finds:
     """The spots of all tiles. Of those of one callsign at one time the one of the plainest method stays, then the one
     nearest to the centre of its tile: at the edges a frame is found by what it leaks, with a frequency a little off."""
@@ -59,6 +65,16 @@ class _Finds:
     def __init__(self) -> None:
         self.spots: list[Spot] = []
         self._ranks: list[tuple[int, float]] = []
+
+    def holds_leak(self, spot: Spot) -> bool:
+        """Whether a spot is what a frame some 30 Hz beside leaks to there, read as another protocol."""
+        return any(
+            spot.protocol != other.protocol
+            and abs(spot.freq_hz - other.freq_hz) < _LEAK_HZ
+            and min(spot.t_end, other.t_end) - max(spot.t_start, other.t_start) > _SAME_S
+            and _level(spot) < _level(other) - _LEAK_DB
+            for other in self.spots
+        )
 
     def add(self, spot: Spot, from_center_hz: float) -> None:
         rank = METHODS.index(spot.method), from_center_hz
@@ -114,17 +130,19 @@ def decode_wide(
             hits += _scan_part(band, float(begin + end) / 2, float(end - begin) / 2, least_z)
 
         finds = _Finds()
+        beside = replace(tile, search_hz=_BESIDE_TILE_HZ, deep_search=False)
 
         def decode_tile(center_hz: float, search: Search) -> None:
             part = band.cut(min(max(center_hz, low), high), search_half_width(search))
             for spot in decoder.decode(part.samples, part.rate, replace(search, center_hz=part.center_hz)):
                 found = replace(spot, freq_hz=band.wrapped(spot.freq_hz + part.offset_hz))
+                if search is beside and finds.holds_leak(found):
+                    continue
                 finds.add(found, abs(spot.freq_hz - part.center_hz))
 
         for hit in _strongest_apart(hits):
             decode_tile(hit.freq_hz, tile)
         decoder.set_coherent(False)
-        beside = replace(tile, search_hz=_BESIDE_TILE_HZ, deep_search=False)
         for spot in [spot for spot in finds.spots if spot.method == "standard"]:
             for offset_hz in _BESIDE_HZ:
                 decode_tile(spot.freq_hz + offset_hz, beside)
