@@ -19,6 +19,7 @@ std::vector<Band> neighbours(const Range& whole) {
     const double step = (width - OVERLAP_HZ) / count;
     const double half = 0.5 * (step + OVERLAP_HZ);
     std::vector<Band> bands;
+    bands.reserve(static_cast<std::size_t>(count));
     for (int32_t k = 0; k < count; k++) bands.push_back({whole.low + k * step + half, half});
     return bands;
 }
