@@ -43,14 +43,6 @@ std::optional<std::vector<Found>> decode_baseband(const ov_baseband& baseband, c
     return found;
 }
 
-// Whether what was found beside a frame is what the frame leaks to there, read as another protocol.
-bool is_phantom(const Found& beside, const Found& frame) {
-    if (beside.protocol == frame.protocol || std::fabs(beside.freq - frame.freq) > LEAK_HZ) return false;
-    const double shared = std::min(spot_end(beside), spot_end(frame)) - std::max(beside.t, frame.t);
-    const double shorter = std::min(spot_end(beside) - beside.t, spot_end(frame) - frame.t);
-    return shared > 0.5 * shorter && beside.contrast < LEAK_CONTRAST * frame.contrast;
-}
-
 // The decodes of several bands of one block, which share its transform.
 class Bands {
   public:
@@ -139,6 +131,13 @@ std::optional<std::vector<Found>> decode_whole(const Block& block, const Search&
 }
 
 }  // namespace
+
+bool is_phantom(const Found& beside, const Found& frame) {
+    if (beside.protocol == frame.protocol || std::fabs(beside.freq - frame.freq) > LEAK_HZ) return false;
+    const double shared = std::min(spot_end(beside), spot_end(frame)) - std::max(beside.t, frame.t);
+    const double shorter = std::min(spot_end(beside) - beside.t, spot_end(frame) - frame.t);
+    return shared > 0.5 * shorter && beside.contrast < LEAK_CONTRAST * frame.contrast;
+}
 
 std::optional<std::vector<Found>> decode_block(const Block& block, const Search& search, double end_max) {
     ov_params params = decode_params(search);

@@ -107,6 +107,25 @@ TEST(WideBlock, FindsBothOfTwoNeighboursAtAnySpacingEachOnce) {
     }
 }
 
+Found find(int32_t protocol, double t, double freq, double contrast) {
+    Found found{};
+    found.protocol = protocol;
+    found.t = t;
+    found.freq = freq;
+    found.contrast = contrast;
+    return found;
+}
+
+TEST(WideBlock, WhatAFrameLeaksToItsSidesIsNoStation) {
+    const Found frame = find(OVL_OPERA, 10, 1500, 40);
+    EXPECT_TRUE(is_phantom(find(OVL_ORVEL_L, 5, 1484, 2), frame));
+    EXPECT_TRUE(is_phantom(find(OVL_ORVEL_S, 20, 1520, 3.9), frame));
+    EXPECT_FALSE(is_phantom(find(OVL_ORVEL_L, 5, 1484, 4.1), frame)) << "too strong for a leak";
+    EXPECT_FALSE(is_phantom(find(OVL_ORVEL_L, 5, 1531, 2), frame)) << "too far away";
+    EXPECT_FALSE(is_phantom(find(OVL_ORVEL_S, 26, 1484, 2), frame)) << "less than half at the same time";
+    EXPECT_FALSE(is_phantom(find(OVL_OPERA, 10, 1484, 2), frame)) << "a neighbour of the same protocol";
+}
+
 // ---- SNR ------------------------------------------------------------------------------------------------------------
 
 class Passband : public testing::Test {
