@@ -41,7 +41,7 @@ Strip::Strip(const Whitened& block, const Hypothesis& around, int32_t chips, int
             phasor *= turn;
             turn *= bend;
         }
-        phasor /= std::abs(phasor);
+        phasor /= std::sqrt(std::norm(phasor));
         sums_[static_cast<std::size_t>(k) + 1] = sum;
         weights_[static_cast<std::size_t>(k) + 1] = weight;
     }

@@ -32,7 +32,7 @@ class Strip {
     // the frame.
     void measure(const Hypothesis& at, std::span<ChipSum> out) const;
 
-    const Hypothesis& around() const { return around_; }
+    double chip_seconds() const { return chip_s_; }
 
   private:
     static constexpr int32_t STEPS = 16;  // sums in a chip; between them sums are interpolated
