@@ -55,6 +55,7 @@ std::string station_help() {
            "  ,snr=DB               mean power of the frame in 2500 Hz, before fading [0]\n"
            "  ,start=SECONDS        of the frame; it may extend past either end [0]\n"
            "  ,drift=HZ/S           linear [0]\n"
+           "  ,walk=RAD             random walk of its phase, rad in a second [0]\n"
            "  ,fading=NAME          Watterson channel: good (spread 0.1 Hz, delay 0.5 ms), moderate (0.5, 1), "
            "poor (1, 2)\n"
            "  ,spread=HZ            its Doppler spread, 0 = no fading [0]\n"

@@ -46,6 +46,16 @@ std::complex<double> PathGain::at(double t) {
     return before_ + share * (after_ - before_);
 }
 
+double PhaseWalk::at(double t) {
+    const double position = t / STEP_S;
+    const auto node = static_cast<int64_t>(position);
+    for (; node_ < node; node_++) {
+        before_ = after_;
+        after_ += step_rad_ * random_.normal() / (2 * std::numbers::pi);
+    }
+    return before_ + (after_ - before_) * (position - static_cast<double>(node));
+}
+
 WattersonChannel::WattersonChannel(const Fading& fading, uint64_t seed, uint32_t stream)
     : direct_(fading.spread_hz, seed, stream),
       delayed_(fading.spread_hz, seed, stream + 1),

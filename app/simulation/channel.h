@@ -69,3 +69,26 @@ class WattersonChannel {
     PathGain direct_, delayed_;
     double delay_s_;
 };
+
+inline constexpr double MAX_WALK_RAD = 10;
+
+// An oscillator whose phase is a random walk.
+class PhaseWalk {
+  public:
+    // `rad`: the standard deviation of the phase after a second.
+    PhaseWalk(double rad, uint64_t seed, uint32_t stream) : step_rad_(rad * STEP_ROOT_S), random_(seed, stream) {}
+
+    // The phase in turns `t` seconds after the first moment, which is at 0 or later; must not fall from one call to the
+    // next.
+    double at(double t);
+
+  private:
+    static constexpr double STEP_S = 0.01;  // between steps; straight lines join them
+    static constexpr double STEP_ROOT_S = 0.1;
+
+    double step_rad_;
+    GaussianSource random_;
+    double before_ = 0;
+    double after_ = 0;
+    int64_t node_ = -1;  // index of before_
+};

@@ -21,6 +21,7 @@ constexpr uint32_t NOISE_STREAM = 0;
 constexpr uint32_t IMPULSE_STREAM = 1;
 constexpr uint32_t CARRIER_STREAM = 2;
 constexpr uint32_t FIRST_STATION_STREAM = 16;
+constexpr uint32_t WALK_STREAM = 3;  // of them
 constexpr uint32_t STATION_STREAMS = 4;
 
 std::complex<double> unit_phasor(double turns) {
@@ -143,6 +144,7 @@ class SceneSource::StationPart : public Part {
         const double key_down =
             on > 0 ? static_cast<double>(station.chips.size()) / static_cast<double>(on) : 0;  // over the mean power
         amplitude_ = carrier_amplitude(scene, station.snr_db) * std::sqrt(key_down);
+        if (station.walk_rad > 0) walk_.emplace(station.walk_rad, scene.seed, stream + WALK_STREAM);
         if (station.fading.spread_hz > 0) channel_.emplace(station.fading, scene.seed, stream + 1);
     }
 
@@ -153,6 +155,7 @@ class SceneSource::StationPart : public Part {
         for (std::size_t k = 0; k < i.size(); k++) {
             const double t = time_of(first + static_cast<int64_t>(k));
             if (t < begin_s || t > end_s) continue;
+            if (walk_) walked_turns_ = walk_->at(t - std::max(begin_s, 0.0));
             if (!channel_) {
                 put(i, q, k, sent(t));
                 continue;
@@ -183,12 +186,14 @@ class SceneSource::StationPart : public Part {
         if (level == 0) return 0;
         const double from_middle = t - station_.t_start - station_.length_s() / 2;
         const double turns = (station_.freq_hz + station_.drift_hz_s * from_middle / 2) * from_middle;
-        return amplitude_ * level * unit_phasor(turns + phase_turns_);
+        return amplitude_ * level * unit_phasor(turns + phase_turns_ + walked_turns_);
     }
 
     SimStation station_;
     double phase_turns_;
     double amplitude_ = 0;
+    double walked_turns_ = 0;
+    std::optional<PhaseWalk> walk_;
     std::optional<WattersonChannel> channel_;
 };
 

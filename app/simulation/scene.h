@@ -27,6 +27,7 @@ struct SimStation {
     double freq_hz = 1500;       // in the middle of the frame; offset from the centre of the band for I/Q
     double drift_hz_s = 0;       // linear
     double snr_db = 0;
+    double walk_rad = 0;  // random walk of its phase: standard deviation after a second
     Fading fading;
 
     double length_s() const;

@@ -35,6 +35,7 @@ SimStation complete(const std::string& what, SimStation station) {
     check_range(what, "freq", station.freq_hz, -MAX_FREQ_HZ, MAX_FREQ_HZ);
     check_range(what, "drift", station.drift_hz_s, -MAX_DRIFT_HZ_S, MAX_DRIFT_HZ_S);
     check_range(what, "snr", station.snr_db, -MAX_SNR_DB, MAX_SNR_DB);
+    check_range(what, "walk", station.walk_rad, 0, MAX_WALK_RAD);
     check_range(what, "spread", station.fading.spread_hz, 0, MAX_SPREAD_HZ);
     check_range(what, "delay", station.fading.delay_ms, 0, MAX_DELAY_MS);
     if (station.fading.spread_hz == 0 && station.fading.delay_ms > 0) refuse(what, "a delay needs a spread above 0");
@@ -66,11 +67,12 @@ void set_field(const std::string& what, std::string_view name, const std::string
                           : name == "snr"    ? &station.snr_db
                           : name == "start"  ? &station.t_start
                           : name == "drift"  ? &station.drift_hz_s
+                          : name == "walk"   ? &station.walk_rad
                           : name == "spread" ? &station.fading.spread_hz
                           : name == "delay"  ? &station.fading.delay_ms
                                              : nullptr;
     if (field == nullptr) {
-        refuse(what, "'" + std::string(name) + "' is not one of freq, snr, start, drift, fading, spread, delay");
+        refuse(what, "'" + std::string(name) + "' is not one of freq, snr, start, drift, walk, fading, spread, delay");
     }
     const auto number = parse_finite(value);
     if (!number) refuse(what, "expected a finite number after '" + std::string(name) + "='");
@@ -111,6 +113,8 @@ SimStation station_of(const std::string& what, const nlohmann::json& object, dou
             station.drift_hz_s = value.get<double>();
         } else if (key == "snr_db") {
             station.snr_db = value.get<double>();
+        } else if (key == "walk_rad") {
+            station.walk_rad = value.get<double>();
         } else if (key == "spread_hz") {
             station.fading.spread_hz = value.get<double>();
         } else if (key == "delay_ms") {
@@ -200,6 +204,7 @@ std::string truth_line(const SimStation& station) {
     line["freq_hz"] = station.freq_hz;
     line["drift_hz_s"] = station.drift_hz_s;
     line["snr_db"] = station.snr_db;
+    if (station.walk_rad > 0) line["walk_rad"] = station.walk_rad;
     if (station.fading.spread_hz > 0) {
         line["spread_hz"] = station.fading.spread_hz;
         line["delay_ms"] = station.fading.delay_ms;

@@ -92,6 +92,22 @@ TEST(FadingChannel, SplitsThePowerOverTwoIndependentPaths) {
     EXPECT_DOUBLE_EQ(channel.delay_s(), 0.001);
 }
 
+// The variance grows with time, and steps apart know nothing of each other.
+TEST(PhaseWalk, DriftsByItsRootMeanSquareInASecond) {
+    constexpr int32_t SECONDS = 4000;
+    PhaseWalk walk(0.7, 5, 1);
+    std::vector<double> rad;
+    for (int32_t s = 0; s <= SECONDS; s++) rad.push_back(2 * std::numbers::pi * walk.at(s));
+    EXPECT_EQ(rad[0], 0);
+    const auto mean_square = [&](std::size_t lag) {
+        double sum = 0;
+        for (std::size_t k = 0; k + lag < rad.size(); k += lag) sum += std::pow(rad[k + lag] - rad[k], 2);
+        return sum / (SECONDS / static_cast<double>(lag));
+    };
+    EXPECT_NEAR(mean_square(1) / (0.7 * 0.7), 1, 0.08);
+    EXPECT_NEAR(mean_square(4) / (4 * 0.7 * 0.7), 1, 0.16);
+}
+
 TEST(FadingChannel, KnowsTheUsualChannelsByName) {
     EXPECT_DOUBLE_EQ(find_fading("good")->spread_hz, 0.1);
     EXPECT_DOUBLE_EQ(find_fading("moderate")->delay_ms, 1);
@@ -211,6 +227,26 @@ TEST(SimulatedStation, DriftsLinearlyThroughItsFrequencyInTheMiddle) {
         const double freq = std::arg(pairs[k + 1] * std::conj(pairs[k])) / (2 * std::numbers::pi) * scene.rate;
         EXPECT_NEAR(freq, -700 + 0.5 * (t - 15.36), 0.05) << t;
     }
+}
+
+// Beside the same station on a steady carrier: equal levels, and phases that part as the walk says.
+TEST(SimulatedStation, WalksThroughItsPhase) {
+    SimScene scene = quiet_scene(true);
+    scene.stations = {station(std::vector<uint8_t>(240, 1))};
+    const auto steady = all_pairs(scene);
+    scene.stations[0].walk_rad = 0.5;
+    const auto walking = all_pairs(scene);
+    double sum = 0;
+    Complex last = 1;
+    for (int32_t t = 1; t <= 30; t++) {
+        const auto k = static_cast<std::size_t>(t * scene.rate);
+        EXPECT_NEAR(std::abs(walking[k]) / std::abs(steady[k]), 1, 1e-4);
+        const Complex turned = walking[k] / steady[k];
+        sum += std::pow(std::arg(turned / last), 2);
+        last = turned;
+    }
+    EXPECT_GT(sum / 30, 0.25 * 0.4);
+    EXPECT_LT(sum / 30, 0.25 * 2);
 }
 
 TEST(SimulatedStation, ArrivesAgainAfterTheDelay) {
