@@ -1,8 +1,11 @@
 // What makes a frame believable: each condition by itself decides.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
+#include <span>
+#include <vector>
 
 #include "band.h"
 #include "coherent/acceptance.h"
@@ -133,6 +136,37 @@ TEST(EvidenceAround, IsThatOfTheFrameWhichIsReallyThere) {
     const double whole = evidence_at(sent, 321);
     ASSERT_GT(whole, frame.evidence + 15);
     EXPECT_NEAR(evidence_around(block, frame), whole, 2);
+}
+
+// Keyed in chip pairs throughout, and some of them read as a word: only what lies around them tells that nobody sent
+// it.
+TEST(EvidenceAround, AWordInsideALongerTransmissionIsNoFrame) {
+    constexpr std::size_t FIRST = 20;  // chip of the longer transmission that begins the word
+    std::vector<uint8_t> word(239);
+    ASSERT_EQ(encode_frame(*ov_protocol_by_id(OVL_ORVEL_S), "OH2XYZ", nullptr, word.data()), 0);
+    Random random(4);
+    std::vector<uint8_t> longer = band::random_chips(random, 160);
+    longer[FIRST - 1] = 0;
+    std::ranges::copy(word, longer.begin() + FIRST);
+
+    ov_params params;
+    ov_params_default(params);
+    params.protocols = OVL_ORVEL_S;
+    ov_coherent settings;
+    ov_coherent_default(settings);
+    settings.places = 4;
+    settings.passes = 1;
+    const auto found = [&](std::span<const uint8_t> chips, double start_s) {
+        Random noise(5);
+        band::Samples samples = band::noise(noise, 48);
+        band::add_frame(samples, chips, {start_s, 12.3, 0.01}, 1.2);
+        const ov_baseband baseband = {samples.data(), static_cast<int32_t>(samples.size()), band::RATE, 0};
+        return search_slice(baseband, 20, params, settings, make_groups(params, false), {});
+    };
+    const auto alone = found(word, 2 + FIRST * band::CHIP_S);
+    ASSERT_EQ(alone.size(), 1u);
+    EXPECT_STREQ(alone[0].spot.call, "OH2XYZ");
+    EXPECT_TRUE(found(longer, 2).empty());
 }
 
 // A frame of a protocol that is not asked for is the best explanation of itself.
