@@ -2,14 +2,17 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <complex>
+#include <cstring>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "decoding/bands.h"
 #include "decoding/decode_block.h"
+#include "decoding/finds.h"
 #include "ovfft.h"
 #include "siggen.h"
 
@@ -107,6 +110,9 @@ TEST(WideBlock, FindsBothOfTwoNeighboursAtAnySpacingEachOnce) {
     }
 }
 
+// ---- Finds of several bands
+// ------------------------------------------------------------------------------------------
+
 Found find(int32_t protocol, double t, double freq, double contrast) {
     Found found{};
     found.protocol = protocol;
@@ -116,7 +122,48 @@ Found find(int32_t protocol, double t, double freq, double contrast) {
     return found;
 }
 
-TEST(WideBlock, WhatAFrameLeaksToItsSidesIsNoStation) {
+Found find(const char* call, double t, int32_t deep, double score) {
+    Found found{};
+    std::strncpy(found.call, call, sizeof found.call - 1);
+    found.t = t;
+    found.deep = deep;
+    found.score = score;
+    return found;
+}
+
+TEST(Finds, OfTwoOfAFrameThePlainerStaysThenTheBetterFit) {
+    const struct {
+        Found first, second;
+        bool second_stays;
+    } cases[] = {
+        {find("K1ABC", 10, 0, 5), find("K1ABC", 10.1, 0, 6), true},
+        {find("K1ABC", 10, 0, 6), find("K1ABC", 10.1, 0, 5), false},
+        {find("K1ABC", 10, 1, 9), find("K1ABC", 10.1, 0, 5), true},
+        {find("K1ABC", 10, 0, 5), find("K1ABC", 10.1, 1, 9), false},
+    };
+    for (const auto& [first, second, second_stays] : cases) {
+        Finds finds;
+        finds.add(std::array{first});
+        finds.add(std::array{second});
+        const std::vector<Found> all = finds.in_order_of_time();
+        ASSERT_EQ(all.size(), 1u);
+        EXPECT_EQ(all[0].t, (second_stays ? second : first).t);
+    }
+}
+
+TEST(Finds, OtherCallsignsAndLaterFramesStandInOrderOfTime) {
+    Finds finds;
+    finds.add(std::array{find("K1ABC", 26, 0, 5), find("DL1QXA", 10.1, 0, 6)});
+    finds.add(std::array{find("K1ABC", 10, 0, 5)});
+    const std::vector<Found> all = finds.in_order_of_time();
+    ASSERT_EQ(all.size(), 3u);
+    EXPECT_EQ(all[0].t, 10);
+    EXPECT_EQ(all[1].t, 10.1);
+    EXPECT_EQ(all[2].t, 26);
+    EXPECT_TRUE(finds.in_order_of_time().empty());
+}
+
+TEST(Finds, WhatAFrameLeaksToItsSidesIsNoStation) {
     const Found frame = find(OVL_OPERA, 10, 1500, 40);
     EXPECT_TRUE(is_phantom(find(OVL_ORVEL_L, 5, 1484, 2), frame));
     EXPECT_TRUE(is_phantom(find(OVL_ORVEL_S, 20, 1520, 3.9), frame));
@@ -124,6 +171,25 @@ TEST(WideBlock, WhatAFrameLeaksToItsSidesIsNoStation) {
     EXPECT_FALSE(is_phantom(find(OVL_ORVEL_L, 5, 1531, 2), frame)) << "too far away";
     EXPECT_FALSE(is_phantom(find(OVL_ORVEL_S, 26, 1484, 2), frame)) << "less than half at the same time";
     EXPECT_FALSE(is_phantom(find(OVL_OPERA, 10, 1484, 2), frame)) << "a neighbour of the same protocol";
+}
+
+TEST(Finds, BesideAFrameOnlyStationsAreAdded) {
+    Found frame = find("K1ABC", 10, 0, 5);
+    Found leak = find("QX1X", 5, 0, 4);
+    Found neighbour = find("DL1QXA", 12, 0, 4);
+    frame.protocol = neighbour.protocol = OVL_OPERA;
+    leak.protocol = OVL_ORVEL_L;
+    frame.freq = 1500;
+    leak.freq = neighbour.freq = 1516;
+    frame.contrast = 40;
+    leak.contrast = neighbour.contrast = 2;
+    Finds finds;
+    finds.add(std::array{frame});
+    finds.add_beside({leak, neighbour});
+    const std::vector<Found> all = finds.in_order_of_time();
+    ASSERT_EQ(all.size(), 2u);
+    EXPECT_STREQ(all[0].call, "K1ABC");
+    EXPECT_STREQ(all[1].call, "DL1QXA");
 }
 
 // ---- SNR ------------------------------------------------------------------------------------------------------------
