@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstring>
 #include <functional>
 #include <span>
 #include <vector>
@@ -167,6 +169,76 @@ TEST(EvidenceAround, AWordInsideALongerTransmissionIsNoFrame) {
     ASSERT_EQ(alone.size(), 1u);
     EXPECT_STREQ(alone[0].spot.call, "OH2XYZ");
     EXPECT_TRUE(found(longer, 2).empty());
+}
+
+// ---- Slices --------------------------------------------------------------------------------------------------------
+
+class SliceSearch : public testing::Test {
+  protected:
+    SliceSearch() {
+        ov_params_default(params);
+        params.protocols = OVL_ORVEL_S;
+        ov_coherent_default(settings);
+        settings.passes = 1;
+        Random random(6);
+        samples = band::noise(random, 34);
+        add("OH2XYZ", -9);
+        add("K1ABC", 9);
+    }
+    void add(const char* call, double f) {
+        std::vector<uint8_t> chips(239);
+        ASSERT_EQ(encode_frame(*ov_protocol_by_id(OVL_ORVEL_S), call, nullptr, chips.data()), 0);
+        band::add_frame(samples, chips, {1.5, f, 0}, 1.2);
+    }
+    std::vector<ov_coherent_spot> search(std::span<const ov_spot> found = {}) {
+        const ov_baseband baseband = {samples.data(), static_cast<int32_t>(samples.size()), band::RATE, 1000};
+        return search_slice(baseband, 20, params, settings, make_groups(params, false), found);
+    }
+
+    ov_params params{};
+    ov_coherent settings{};
+    band::Samples samples;
+};
+
+TEST_F(SliceSearch, FindsFramesOfOnePassAndTellsTheHighestFit) {
+    double highest = 0;
+    settings.highest_fit = &highest;
+    const auto both = search();
+    ASSERT_EQ(both.size(), 2u);
+    EXPECT_GT(highest, 50);
+    double likelihood = 0;
+    for (const auto& [spot, odds] : both) likelihood = std::max(likelihood, spot.score);
+    EXPECT_NEAR(highest, likelihood - code_of(*ov_protocol_by_id(OVL_ORVEL_S)).log_words, 1e-9);
+}
+
+TEST_F(SliceSearch, TakesOutWhatWasFoundWhereItIsAFrameOfThisBand) {
+    ov_spot other{};
+    std::strncpy(other.call, "OH2XYZ", sizeof other.call - 1);
+    other.protocol = OVL_ORVEL_S;
+    other.freq = 991;
+    other.t = 1.5;
+    const auto without = [&](const ov_spot& spot) { return search(std::array{spot}).size(); };
+    EXPECT_EQ(without(other), 1u);
+    ov_spot unknown = other;
+    unknown.protocol = 99;
+    EXPECT_EQ(without(unknown), 2u);
+    ov_spot far_away = other;
+    far_away.freq = 2000;
+    EXPECT_EQ(without(far_away), 2u);
+    ov_spot no_callsign = other;
+    std::strncpy(no_callsign.call, "?", sizeof no_callsign.call - 1);
+    EXPECT_EQ(without(no_callsign), 2u);
+}
+
+TEST_F(SliceSearch, KeepsToTheDriftAndTheSnrAsked) {
+    const auto usual = search();
+    ASSERT_EQ(usual.size(), 2u);
+    params.drift_max = 0.02;
+    params.snr_adjust = 0;
+    const auto other = search();
+    ASSERT_EQ(other.size(), 2u);
+    const double share_db = ov_protocol_by_id(OVL_ORVEL_S)->on_share_db;
+    for (std::size_t k = 0; k < 2; k++) EXPECT_NEAR(usual[k].spot.snr - other[k].spot.snr, share_db, 0.1);
 }
 
 // A frame of a protocol that is not asked for is the best explanation of itself.
