@@ -112,6 +112,23 @@ TEST_P(Acceptance, WhatIsNoNumberIsRefused) {
     }
 }
 
+TEST_P(Acceptance, OfKnownFramesOneWeaknessIsEnoughToRefuse) {
+    const auto odds = [](const Change& change) {
+        Frame frame = good_frame(GetParam());
+        change(frame);
+        return accepted_known_odds(frame, 10);
+    };
+    EXPECT_TRUE(odds([](Frame&) {}));
+    EXPECT_FALSE(odds([](Frame& f) {
+        f.likelihood = 31;
+        f.evidence = f.rival = 0;
+    })) << "ten known callsigns fit noise as well";
+    EXPECT_FALSE(odds([](Frame& f) { f.evidence = f.likelihood - 7; })) << "any pattern fits as well";
+    EXPECT_FALSE(odds([](Frame& f) { f.rival = f.likelihood + 13; })) << "another word fits better";
+    EXPECT_TRUE(odds([](Frame& f) { f.rival = f.likelihood + 11; }));
+    EXPECT_FALSE(odds([](Frame& f) { f.off = 0.5; })) << "OFF chips have energy";
+}
+
 // What a longer frame of another protocol shows of itself in the place of a shorter one is less than the whole of it.
 TEST(EvidenceAround, IsThatOfTheFrameWhichIsReallyThere) {
     constexpr std::size_t WALK = 1;
