@@ -2,23 +2,20 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
+#include <utility>
 
 #include "decoding/bands.h"
 #include "decoding/coherent_block.h"
+#include "decoding/finds.h"
 #include "ovbb.h"
 #include "ovpassband.h"
 #include "owners.h"
-#include "spots/spot.h"
 
 namespace {
 
 constexpr double CANDIDATES_PER_MINUTE = 120;
 constexpr double SPOTS_PER_MINUTE = 64;  // as the library reports from a block
 constexpr double MOST = 1e6;             // of either
-constexpr double LEAK_HZ = 30;
-constexpr double LEAK_CONTRAST = 0.1;  // of the frame's
-constexpr double SAME_S = 15.3;        // two frames of a callsign this close are one, as for the library
 
 int32_t at_most(double count) {
     return static_cast<int32_t>(std::min(count, MOST));
@@ -53,17 +50,14 @@ class Bands {
     bool add(const Band& band) {
         auto found = decode(band, params_, search_.coherent);
         if (!found) return false;
-        merge(*found);
+        finds_.add(*found);
         for (const Found& spot : *found) {
             if (spot.deep == 0 && !add_beside(spot)) return false;
         }
         return true;
     }
 
-    std::vector<Found> in_order_of_time() {
-        std::ranges::stable_sort(all_, {}, &Found::t);
-        return std::move(all_);
-    }
+    std::vector<Found> in_order_of_time() { return finds_.in_order_of_time(); }
 
   private:
     // Next to a frame the decoder takes all others of the time for its shadows: the bands to its sides do not hold it.
@@ -73,10 +67,7 @@ class Bands {
         for (const double offset_hz : {-24.0, -20.0, -16.0, -12.0, 12.0, 16.0, 20.0, 24.0}) {
             auto found = decode({spot.freq + offset_hz, 4}, params, false);
             if (!found) return false;
-            std::erase_if(*found, [&](const Found& beside) {
-                return std::ranges::any_of(all_, [&](const Found& frame) { return is_phantom(beside, frame); });
-            });
-            merge(*found);
+            finds_.add_beside(std::move(*found));
         }
         return true;
     }
@@ -91,25 +82,11 @@ class Bands {
         return found;
     }
 
-    // Several bands may hold a frame: of two finds the plainer stays, then the better fit.
-    void merge(const std::vector<Found>& found) {
-        for (const Found& spot : found) {
-            const auto same = std::ranges::find_if(all_, [&](const Found& other) {
-                return std::strcmp(other.call, spot.call) == 0 && std::fabs(other.t - spot.t) < SAME_S;
-            });
-            if (same == all_.end()) {
-                all_.push_back(spot);
-            } else if (spot.deep != same->deep ? spot.deep < same->deep : spot.score > same->score) {
-                *same = spot;
-            }
-        }
-    }
-
     const Block& block_;
     const Search& search_;
     const ov_params& params_;
     const ov_spectrum& spectrum_;
-    std::vector<Found> all_;
+    Finds finds_;
 };
 
 // As the library does it, but for more candidates and the passband.
@@ -131,13 +108,6 @@ std::optional<std::vector<Found>> decode_whole(const Block& block, const Search&
 }
 
 }  // namespace
-
-bool is_phantom(const Found& beside, const Found& frame) {
-    if (beside.protocol == frame.protocol || std::fabs(beside.freq - frame.freq) > LEAK_HZ) return false;
-    const double shared = std::min(spot_end(beside), spot_end(frame)) - std::max(beside.t, frame.t);
-    const double shorter = std::min(spot_end(beside) - beside.t, spot_end(frame) - frame.t);
-    return shared > 0.5 * shorter && beside.contrast < LEAK_CONTRAST * frame.contrast;
-}
 
 std::optional<std::vector<Found>> decode_block(const Block& block, const Search& search, double end_max) {
     ov_params params = decode_params(search);

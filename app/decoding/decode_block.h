@@ -30,6 +30,3 @@ struct Block {
 //
 //   end_max   latest end of a frame, s; negative = no limit
 std::optional<std::vector<Found>> decode_block(const Block& block, const Search& search, double end_max = -1);
-
-// Whether what was found beside a frame is what the frame leaks to there, read as another protocol.
-bool is_phantom(const Found& beside, const Found& frame);

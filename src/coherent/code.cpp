@@ -56,29 +56,21 @@ Vector opera_vector(const Word& word) {
     return vector;
 }
 
-// The checksum of `count` bits as a linear checksum would be: nothing when a byte of it may have been replaced.
-std::optional<Checksum> linear_checksum(const uint8_t* bits, std::size_t count) {
+// The checksum of `count` bits. It is linear but where it replaces a byte.
+Checksum checksum(const uint8_t* bits, std::size_t count) {
     Checksum crc;
     ovc_crc(bits, static_cast<int32_t>(count), crc.data());
-    const auto byte = [&](std::size_t first) {
-        return std::accumulate(crc.begin() + static_cast<std::ptrdiff_t>(first),
-                               crc.begin() + static_cast<std::ptrdiff_t>(first) + 8, 0U,
-                               [](uint32_t value, uint8_t bit) { return value << 1 | bit; });
-    };
-    if (byte(0) == FOR_ZERO_LOW || byte(8) == FOR_ZERO_HIGH) return std::nullopt;
     return crc;
 }
 
-// The message vector of a callsign's bits; nothing when a checksum byte may have been replaced.
-std::optional<Vector> linear_vector(uint32_t value) {
+// The message vector of a callsign's bits.
+Vector vector_of(uint32_t value) {
     Vector vector{};
     for (std::size_t i = 0; i < CALL_BITS; i++) vector[CALL_FIRST + i] = value >> (CALL_BITS - 1 - i) & 1;
-    const auto crc = linear_checksum(&vector[CALL_FIRST], CALL_BITS);
-    if (!crc) return std::nullopt;
-    std::copy(crc->begin(), crc->end(), vector.begin() + CRC_FIRST);
-    const auto second = linear_checksum(&vector[CALL_FIRST], CALL_BITS + CRC_BITS);
-    if (!second) return std::nullopt;
-    std::copy(second->end() - TAIL_BITS, second->end(), vector.begin() + TAIL_FIRST);
+    const Checksum crc = checksum(&vector[CALL_FIRST], CALL_BITS);
+    std::copy(crc.begin(), crc.end(), vector.begin() + CRC_FIRST);
+    const Checksum second = checksum(&vector[CALL_FIRST], CALL_BITS + CRC_BITS);
+    std::copy(second.end() - TAIL_BITS, second.end(), vector.begin() + TAIL_FIRST);
     return vector;
 }
 
@@ -90,39 +82,27 @@ Vector operator^(Vector a, const Vector& b) {
 AffineCode opera_code() {
     AffineCode code{OVC_PAIRS, std::log(OVC_MAX_CALL + 1.0), {}, {}, ov_protocol_by_id(OVL_OPERA)};
 
-    // An origin near which no checksum byte is replaced: the words around it tell the rows.
-    std::vector<Vector> rows;
-    Vector origin{};
-    for (uint32_t value = 0; rows.size() != CALL_BITS; value++) {
-        const auto here = linear_vector(value);
-        if (!here) continue;
-        origin = *here;
-        rows.clear();
-        for (std::size_t i = 0; i < CALL_BITS; i++) {
-            if (const auto next = linear_vector(value ^ 1U << i)) rows.push_back(*next ^ origin);
-        }
-    }
+    // At zero and one bit away from it no checksum byte is replaced: these words tell the rows.
+    const Vector origin = vector_of(0);
     const Word zero = opera_word(Vector{});
-    for (const Vector& row : rows) code.rows.push_back(sum_of(opera_word(row), zero));
+    for (std::size_t i = 0; i < CALL_BITS; i++) {
+        code.rows.push_back(sum_of(opera_word(vector_of(1U << i) ^ origin), zero));
+    }
 
     // What replacing a byte adds: to the checksum itself, and by way of the second checksum to the last bits. That is
     // linear, too: two vectors that differ in that byte alone tell it.
     const auto replaced = [&](std::size_t first, uint32_t byte) {
         Vector change{};
         for (std::size_t i = 0; i < 8; i++) change[first + i] = byte >> (7 - i) & 1;
-        for (uint32_t value = 0;; value++) {
-            Vector plain{};
-            for (std::size_t i = 0; i < CALL_BITS; i++) plain[CALL_FIRST + i] = value >> (CALL_BITS - 1 - i) & 1;
-            const Vector other = plain ^ change;
-            const auto a = linear_checksum(&plain[CALL_FIRST], CALL_BITS + CRC_BITS);
-            const auto b = linear_checksum(&other[CALL_FIRST], CALL_BITS + CRC_BITS);
-            if (!a || !b) continue;
-            for (std::size_t i = 0; i < TAIL_BITS; i++) {
-                const std::size_t at = CRC_BITS - TAIL_BITS + i;
-                change[TAIL_FIRST + i] = (*a)[at] ^ (*b)[at];
-            }
-            return change;
+        const Vector plain{};
+        const Vector other = plain ^ change;
+        const Checksum a = checksum(&plain[CALL_FIRST], CALL_BITS + CRC_BITS);
+        const Checksum b = checksum(&other[CALL_FIRST], CALL_BITS + CRC_BITS);
+        for (std::size_t i = 0; i < TAIL_BITS; i++) {
+            const std::size_t at = CRC_BITS - TAIL_BITS + i;
+            change[TAIL_FIRST + i] = a[at] ^ b[at];
         }
+        return change;
     };
     Vector last{};
     for (std::size_t i = 0; i < TAIL_BITS; i++) last[TAIL_FIRST + i] = FOR_ZERO_HIGH >> (TAIL_BITS - 1 - i) & 1;

@@ -1,8 +1,13 @@
 // What makes a frame believable: each condition by itself decides.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstring>
 #include <functional>
+#include <span>
+#include <vector>
 
 #include "band.h"
 #include "coherent/acceptance.h"
@@ -107,6 +112,23 @@ TEST_P(Acceptance, WhatIsNoNumberIsRefused) {
     }
 }
 
+TEST_P(Acceptance, OfKnownFramesOneWeaknessIsEnoughToRefuse) {
+    const auto odds = [](const Change& change) {
+        Frame frame = good_frame(GetParam());
+        change(frame);
+        return accepted_known_odds(frame, 10);
+    };
+    EXPECT_TRUE(odds([](Frame&) {}));
+    EXPECT_FALSE(odds([](Frame& f) {
+        f.likelihood = 31;
+        f.evidence = f.rival = 0;
+    })) << "ten known callsigns fit noise as well";
+    EXPECT_FALSE(odds([](Frame& f) { f.evidence = f.likelihood - 7; })) << "any pattern fits as well";
+    EXPECT_FALSE(odds([](Frame& f) { f.rival = f.likelihood + 13; })) << "another word fits better";
+    EXPECT_TRUE(odds([](Frame& f) { f.rival = f.likelihood + 11; }));
+    EXPECT_FALSE(odds([](Frame& f) { f.off = 0.5; })) << "OFF chips have energy";
+}
+
 // What a longer frame of another protocol shows of itself in the place of a shorter one is less than the whole of it.
 TEST(EvidenceAround, IsThatOfTheFrameWhichIsReallyThere) {
     constexpr std::size_t WALK = 1;
@@ -133,6 +155,107 @@ TEST(EvidenceAround, IsThatOfTheFrameWhichIsReallyThere) {
     const double whole = evidence_at(sent, 321);
     ASSERT_GT(whole, frame.evidence + 15);
     EXPECT_NEAR(evidence_around(block, frame), whole, 2);
+}
+
+// Keyed in chip pairs throughout, and some of them read as a word: only what lies around them tells that nobody sent
+// it.
+TEST(EvidenceAround, AWordInsideALongerTransmissionIsNoFrame) {
+    constexpr std::size_t FIRST = 20;  // chip of the longer transmission that begins the word
+    std::vector<uint8_t> word(239);
+    ASSERT_EQ(encode_frame(*ov_protocol_by_id(OVL_ORVEL_S), "OH2XYZ", nullptr, word.data()), 0);
+    Random random(4);
+    std::vector<uint8_t> longer = band::random_chips(random, 160);
+    longer[FIRST - 1] = 0;
+    std::ranges::copy(word, longer.begin() + FIRST);
+
+    ov_params params;
+    ov_params_default(params);
+    params.protocols = OVL_ORVEL_S;
+    ov_coherent settings;
+    ov_coherent_default(settings);
+    settings.places = 4;
+    settings.passes = 1;
+    const auto found = [&](std::span<const uint8_t> chips, double start_s) {
+        Random noise(5);
+        band::Samples samples = band::noise(noise, 48);
+        band::add_frame(samples, chips, {start_s, 12.3, 0.01}, 1.2);
+        const ov_baseband baseband = {samples.data(), static_cast<int32_t>(samples.size()), band::RATE, 0};
+        return search_slice(baseband, 20, params, settings, make_groups(params, false), {});
+    };
+    const auto alone = found(word, 2 + FIRST * band::CHIP_S);
+    ASSERT_EQ(alone.size(), 1u);
+    EXPECT_STREQ(alone[0].spot.call, "OH2XYZ");
+    EXPECT_TRUE(found(longer, 2).empty());
+}
+
+// ---- Slices --------------------------------------------------------------------------------------------------------
+
+class SliceSearch : public testing::Test {
+  protected:
+    SliceSearch() {
+        ov_params_default(params);
+        params.protocols = OVL_ORVEL_S;
+        ov_coherent_default(settings);
+        settings.passes = 1;
+        Random random(6);
+        samples = band::noise(random, 34);
+        add("OH2XYZ", -9);
+        add("K1ABC", 9);
+    }
+    void add(const char* call, double f) {
+        std::vector<uint8_t> chips(239);
+        ASSERT_EQ(encode_frame(*ov_protocol_by_id(OVL_ORVEL_S), call, nullptr, chips.data()), 0);
+        band::add_frame(samples, chips, {1.5, f, 0}, 1.2);
+    }
+    std::vector<ov_coherent_spot> search(std::span<const ov_spot> found = {}) {
+        const ov_baseband baseband = {samples.data(), static_cast<int32_t>(samples.size()), band::RATE, 1000};
+        return search_slice(baseband, 20, params, settings, make_groups(params, false), found);
+    }
+
+    ov_params params{};
+    ov_coherent settings{};
+    band::Samples samples;
+};
+
+TEST_F(SliceSearch, FindsFramesOfOnePassAndTellsTheHighestFit) {
+    double highest = 0;
+    settings.highest_fit = &highest;
+    const auto both = search();
+    ASSERT_EQ(both.size(), 2u);
+    EXPECT_GT(highest, 50);
+    double likelihood = 0;
+    for (const auto& [spot, odds] : both) likelihood = std::max(likelihood, spot.score);
+    EXPECT_NEAR(highest, likelihood - code_of(*ov_protocol_by_id(OVL_ORVEL_S)).log_words, 1e-9);
+}
+
+TEST_F(SliceSearch, TakesOutWhatWasFoundWhereItIsAFrameOfThisBand) {
+    ov_spot other{};
+    std::strncpy(other.call, "OH2XYZ", sizeof other.call - 1);
+    other.protocol = OVL_ORVEL_S;
+    other.freq = 991;
+    other.t = 1.5;
+    const auto without = [&](const ov_spot& spot) { return search(std::array{spot}).size(); };
+    EXPECT_EQ(without(other), 1u);
+    ov_spot unknown = other;
+    unknown.protocol = 99;
+    EXPECT_EQ(without(unknown), 2u);
+    ov_spot far_away = other;
+    far_away.freq = 2000;
+    EXPECT_EQ(without(far_away), 2u);
+    ov_spot no_callsign = other;
+    std::strncpy(no_callsign.call, "?", sizeof no_callsign.call - 1);
+    EXPECT_EQ(without(no_callsign), 2u);
+}
+
+TEST_F(SliceSearch, KeepsToTheDriftAndTheSnrAsked) {
+    const auto usual = search();
+    ASSERT_EQ(usual.size(), 2u);
+    params.drift_max = 0.02;
+    params.snr_adjust = 0;
+    const auto other = search();
+    ASSERT_EQ(other.size(), 2u);
+    const double share_db = ov_protocol_by_id(OVL_ORVEL_S)->on_share_db;
+    for (std::size_t k = 0; k < 2; k++) EXPECT_NEAR(usual[k].spot.snr - other[k].spot.snr, share_db, 0.1);
 }
 
 // A frame of a protocol that is not asked for is the best explanation of itself.

@@ -2,11 +2,15 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cmath>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <vector>
 
+#include "band.h"
 #include "coherent/coherent.h"
+#include "coherent/search.h"
 #include "failing_memory.h"
 #include "liborvel.h"
 #include "siggen.h"
@@ -139,6 +143,41 @@ TEST(CoherentMemory, TheSearchItselfFindsFewer) {
             STRIDE);
         EXPECT_GT(lost, 20);
     }
+}
+
+TEST(CoherentMemory, AMapIsThereOrNot) {
+    Random random(7);
+    const coherent::Whitened white = band::as_white(band::noise(random, 5));
+    int64_t none = 0;
+    refuse_each_request([&](FailingMemory& memory) {
+        const bool there = memory.watch([&] {
+            try {
+                return coherent::segment_map(white, 8, 10).has_value();
+            } catch (const std::bad_alloc&) {
+                return false;
+            }
+        });
+        EXPECT_TRUE(there || memory.has_refused());
+        none += there ? 0 : 1;
+    });
+    EXPECT_GT(none, 5);
+}
+
+TEST(CoherentMemory, WhatIsNoBandHasNothing) {
+    const std::vector<double> samples = block();
+    ov_params params;
+    ov_params_default(params);
+    params.center_hz = CENTRE_HZ;
+    ov_coherent settings;
+    ov_coherent_default(settings);
+    const auto found = [&](double search_hz, int32_t n) {
+        params.search_hz = search_hz;
+        return ov_decode_coherent({samples.data(), nullptr, n, RATE}, params, settings, {}).size();
+    };
+    const auto all = static_cast<int32_t>(samples.size());
+    for (const double search_hz : {0.0, -1.0, std::nan(""), static_cast<double>(INFINITY)})
+        EXPECT_EQ(found(search_hz, all), 0u);
+    EXPECT_EQ(found(SEARCH_HZ, 100), 0u);
 }
 
 }  // namespace
