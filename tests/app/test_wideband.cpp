@@ -212,7 +212,7 @@ TEST(ChanneliserSlices, AreTheSameToTheBitHoweverTheInputIsCut) {
         Channeliser whole(rate, true, {-0.5 * rate, 0.5 * rate});
         const Slices expected = split(whole, samples, samples.size());
         EXPECT_NEAR(static_cast<double>(expected[0].size()), 30000.0 * whole.slice_rate() / rate, 1.5);
-        for (const std::size_t chunk : {2, 34, 1998, 20000}) {
+        for (const std::size_t chunk : {2U, 34U, 1998U, 20000U}) {
             Channeliser channeliser(rate, true, {-0.5 * rate, 0.5 * rate});
             EXPECT_EQ(split(channeliser, samples, chunk), expected) << rate << " Hz by " << chunk;
         }
@@ -244,7 +244,7 @@ TEST(ChanneliserSlices, SamplesThatAreNoNumbersAreSilence) {
 }
 
 TEST(ChanneliserSlices, LastAsLongAsTheInput) {
-    for (const std::size_t count : {0, 1, 11, 5000, 24000}) {
+    for (const std::size_t count : {0U, 1U, 11U, 5000U, 24000U}) {
         Channeliser channeliser(24000, false, {0, 12000});
         for (const auto& slice : split(channeliser, noise(count, 1))) {
             EXPECT_EQ(slice.size(), count * static_cast<std::size_t>(channeliser.slice_rate()) / 24000);
