@@ -19,7 +19,7 @@ struct WideOptions {
     bool live = false;  // samples do not wait: slices that are not searched in time are skipped, with a line
 };
 
-// Memory is about 1 MB for each slice of 3.4 kHz. One thread at a time.
+// Memory is about 1.8 MB for each slice of 3.4 kHz. One thread at a time.
 class WideDecoder {
   public:
     // Called by push() and finish() with each frame once, in order of their starts: t counts from the first sample,
