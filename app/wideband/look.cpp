@@ -68,7 +68,8 @@ int64_t Look::windows_in(int64_t first, int64_t count) const {
 }
 
 double Look::freq_of(std::size_t bin) const {
-    return (static_cast<double>(bin) - static_cast<double>(bins_ / 2)) * rate_ / length_;
+    const auto offset = static_cast<int64_t>(bin) - static_cast<int64_t>(bins_ / 2);
+    return static_cast<double>(offset) * rate_ / length_;
 }
 
 void Look::fill_powers(std::span<const std::complex<float>> samples, const Windows& block) {
