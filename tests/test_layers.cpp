@@ -109,6 +109,8 @@ TEST(Layers, ProgramsUseOfTheLibraryWhatIsListed) {
         {"ovbb.h", {"app/decoding/coherent_block.h", "app/decoding/decode_block.cpp", "app/pictures/chip_view.cpp"}},
         {"ovsync.h", {"app/pictures/chip_view.cpp"}},
         {"owners.h", {"app/decoding/decode_block.cpp", "app/pictures/chip_view.cpp"}},
+        {"robust.h", {"app/wideband/look.cpp"}},  // the level of noise with signals in it
+        {"multiversion.h", {"app/wideband/look.cpp", "app/wideband/slice_store.cpp", "app/wideband/channeliser.cpp"}},
         {"ovfft.h", {"app/pictures/waterfall.cpp"}},  // spectra
     };
     for (const char* const folder : {"app", "tools"}) {
@@ -132,7 +134,8 @@ TEST(Layers, RoomsKnowOnlyTheRoomsBelowThem) {
         {"decoding", {"base", "spots"}},
         {"transmission", {"base"}},
         {"simulation", {"base"}},
-        {"recordings", {"base", "spots", "decoding"}},
+        {"recordings", {"base", "spots", "decoding", "wideband"}},
+        {"wideband", {"base", "spots", "decoding"}},
         {"listening", {"base", "spots", "decoding"}},
         {"pictures", {"base", "spots", "recordings"}},
     };

@@ -822,6 +822,30 @@ TEST_F(WideIq, ABandThatDoesNotFitIsOneLine) {
     }
 }
 
+// A band of more than 24 kHz goes through the channeliser.
+TEST_F(RecordingsCommand, AWideReceiversBandIsDecodedInSlices) {
+    const Scene band = scene(32000, 75,
+                             {opera("G4QZB", 2, -15000.5, -10), opera("K2QRX", 38, -300, -12),
+                              opera("DL1QXA", 5, 5000.25, -11), opera("F5QVB", 41, 14000, -8)});
+    const std::string file =
+        write_sound(path("band.w64"), SF_FORMAT_W64 | SF_FORMAT_PCM_16, stereo(32000, render_iq(band)));
+    const Spots spots = decoded({"--iq", "--wide", OPERA, file});
+    ASSERT_EQ(spots.size(), band.stations.size());
+    for (const Station& sent : band.stations) {
+        EXPECT_EQ(std::ranges::count_if(spots,
+                                        [&](const JsonValue& spot) {
+                                            return std::fabs(number(spot, "t_start") - sent.t_start) < 0.012 &&
+                                                   std::fabs(number(spot, "freq_hz") - sent.freq_hz) < 0.5 &&
+                                                   std::fabs(number(spot, "snr_db") - sent.snr_db) < 1.5;
+                                        }),
+                  1)
+            << sent.freq_hz;
+    }
+    EXPECT_EQ(decoded({"--iq", "--wide", "--jobs", "3", OPERA, file}), spots);
+    EXPECT_EQ(decoded({"--iq", "--wide", "--band", "-15500:10000", OPERA, file}).size(), 3U);
+    EXPECT_EQ(decoded({"--iq", "--wide", "--min-z", "1e9", OPERA, file}), Spots());
+}
+
 // ---- orvel scan -----------------------------------------------------------------------------------------------------
 
 bool lists(const Spots& hits, double freq_hz) {

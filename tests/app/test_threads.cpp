@@ -17,6 +17,7 @@
 #include "base/background.h"
 #include "base/blocks.h"
 #include "base/interrupts.h"
+#include "wideband/wide_decoder.h"
 
 namespace {
 
@@ -246,6 +247,34 @@ TEST(WorkInOrder, WhatItsUserThrowsIsThrown) {
     };
     EXPECT_THROW(call(), std::out_of_range);
     EXPECT_EQ(at_work, 0);
+}
+
+// ---- Wide bands -----------------------------------------------------------------------------------------------------
+
+TEST(WideThreads, DecodeWhileSamplesComeAndEndWithTheDecoder) {
+    Search search;
+    search.iq = true;
+    search.wide = true;
+    search.scan_z = 3;  // so that noise is decoded, too
+    search.protocols = OVL_OPERA;
+    testing::internal::CaptureStderr();  // where it says that slices were skipped
+    for (const bool live : {false, true}) {
+        for (const bool finished : {false, true}) {
+            WideDecoder decoder(12000, search, {.jobs = 3, .live = live}, [](const Found&) {});
+            uint32_t state = 1;
+            for (int32_t second = 0; second < 130; second++) {
+                std::vector<float> samples(24000);
+                for (float& sample : samples) {
+                    state = static_cast<uint32_t>(uint64_t{state} * 48271 % 2147483647);
+                    sample = static_cast<float>(state) / 2147483647.0F - 0.5F;
+                }
+                decoder.push(samples);
+            }
+            if (finished) decoder.finish();
+            EXPECT_EQ(decoder.problem(), "");
+        }
+    }
+    testing::internal::GetCapturedStderr();
 }
 
 }  // namespace
