@@ -16,7 +16,7 @@ namespace {
 constexpr double CANDIDATES_PER_MINUTE = 120;
 constexpr double SPOTS_PER_MINUTE = 64;  // as the library reports from a block
 constexpr double MOST = 1e6;             // of either
-constexpr double BESIDE_HZ = 4;        // half-width of a band beside a frame
+constexpr double BESIDE_HZ = 4;          // half-width of a band beside a frame
 constexpr double CENTRAL_HZ = 12;
 
 int32_t at_most(double count) {
