@@ -133,6 +133,7 @@ TEST(Layers, RoomsKnowOnlyTheRoomsBelowThem) {
         {"transmission", {"base"}},
         {"simulation", {"base"}},
         {"recordings", {"base", "spots", "decoding"}},
+        {"wideband", {"base", "spots", "decoding"}},
         {"listening", {"base", "spots", "decoding"}},
         {"pictures", {"base", "spots", "recordings"}},
     };
