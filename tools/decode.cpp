@@ -58,42 +58,54 @@ std::optional<double> start_of(const Options& options, const std::string& file) 
 // How the spots of a file are printed.
 class Printer {
   public:
-    Printer(const Options& options, const std::string& file)
-        : options_(options), file_(file), file_utc_(start_of(options, file)) {}
+    Printer(const Options& options, const Recording& recording) : options_(options), recording_(recording) {}
 
     std::string heading() const {
         if (options_.json) return "";
-        if (options_.csv) return spot_csv_names(complete({}));
-        return spot_header(file_utc_ ? format("%22s", "UTC") : format("%9s", "time s"), options_.search.coherent);
+        if (options_.csv) return spot_csv_names(complete({}), columns());
+        return spot_header(dated() ? format("%22s", "UTC") : format("%9s", "time s"), options_.search.coherent,
+                           tuned());
     }
 
     std::string line(const Found& found) const {
         const Spot spot = complete(found);
         if (options_.json) return spot_line(spot);
-        if (options_.csv) return spot_csv(spot);
-        return spot_row(file_utc_ ? utc_text(*file_utc_ + spot.start, 1) : format("%9s", cell(spot.start, 3).c_str()),
-                        spot);
+        if (options_.csv) return spot_csv(spot, columns());
+        const std::string seconds = format("%*s", dated() ? 22 : 9, cell(spot.start, 3).c_str());
+        return spot_row(spot.file_utc ? utc_text(*spot.file_utc + spot.start, 1) : seconds, spot, tuned());
     }
 
   private:
+    // Whether anything is known of times and of frequencies on the air.
+    bool dated() const { return recording_.utc_zero(recording_.seconds()).has_value(); }
+    bool tuned() const { return recording_.tuning(recording_.seconds()).has_value(); }
+
+    // The same for all files of a command.
+    SpotColumns columns() const { return {!options_.start.empty(), options_.recording.tuning.dial_hz.has_value()}; }
+
     Spot complete(const Found& found) const {
-        Spot spot = spot_of(found, file_);
-        spot.file_utc = file_utc_;
+        Spot spot = spot_of(found, recording_.path());
+        const double middle_s = 0.5 * (spot.start + spot.end);
+        const auto tuning = recording_.tuning(middle_s);
+        spot.file_utc = recording_.utc_zero(middle_s);
+        if (tuning) spot.rf_hz = tuning->rf_hz(spot.freq_hz);
         if (options_.search.coherent) spot.finding = finding_of(found);
         return spot;
     }
 
     const Options& options_;
-    const std::string& file_;
-    std::optional<double> file_utc_;
+    const Recording& recording_;
 };
 
 // Decodes a file and prints its spots in order of time, after a heading as soon as something could be decoded. Throws
 // IoError.
-void decode_file(const std::string& path, const Options& options, const DecodingOptions& decoding,
+void decode_file(const std::string& path, const Options& options, DecodingOptions decoding,
                  const std::function<void(const std::string&)>& heading) {
-    const Printer printer(options, path);
-    const auto recording = open_recording(path, options.recording);
+    RecordingOptions how = options.recording;
+    how.start_utc = start_of(options, path);
+    const auto recording = open_recording(path, how);
+    decoding.search.iq = recording->iq();
+    const Printer printer(options, *recording);
     Progress progress("'" + path + "'", recording->seconds());
     SpotTaker taker;
     taker.begin = [&] {

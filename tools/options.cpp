@@ -40,12 +40,30 @@ SoundWriter::Container container_of(const std::string& output, bool s16) {
     return SoundWriter::Container::FLAC;
 }
 
+void add_tuning_options(CLI::App& sub, SaidTuning& tuning) {
+    sub.add_option("--dial", tuning.dial_hz,
+                   "Frequency that the receiver was tuned to, of I/Q its centre: spots then show theirs on the air")
+        ->type_name("HZ")
+        ->check(finite_number());
+    sub.add_option_function<std::string>(
+           "--sideband",
+           [&tuning](const std::string& text) {
+               if (text != "usb" && text != "lsb") {
+                   throw UsageError("--sideband: '" + text + "' is not one of usb, lsb");
+               }
+               tuning.sideband = text == "lsb" ? Sideband::LOWER : Sideband::UPPER;
+           },
+           "Side of the dial frequency on which the samples lie: usb, or lsb, where they count downward [usb]")
+        ->type_name("SIDE");
+}
+
 void add_recording_options(CLI::App& sub, RecordingOptions& options) {
     sub.add_flag("--iq", options.iq, "The recordings are I/Q: two channels, I and Q");
     sub.add_option("--channel", options.channel,
                    "Channel to take, counted from 1; with --iq that of I, followed by Q [mean]")
         ->type_name("N")
         ->check(CLI::Range(1, 1024));
+    add_tuning_options(sub, options.tuning);
 }
 
 void add_search_options(CLI::App& sub, SearchOptions& options, const std::string& center) {

@@ -82,24 +82,8 @@ class SoundRecording : public Recording {
         while (count > 0) {
             const int64_t got = sf_readf_double(file_.get(), piece.data(), std::min(PIECE, count));
             if (got <= 0) return;
-            for (int64_t frame = 0; frame < got; frame++) {
-                append(piece.data() + static_cast<std::size_t>(frame) * channels_, out);
-            }
+            append(std::span(piece).first(static_cast<std::size_t>(got) * channels_), channels_, out);
             count -= got;
-        }
-    }
-
-    void append(const double* frame, Stretch& out) const {
-        const auto chosen = static_cast<std::size_t>(std::max(options_.channel - 1, 0));
-        if (options_.iq) {
-            out.x.push_back(frame[chosen]);
-            out.q.push_back(frame[chosen + 1]);
-        } else if (options_.channel > 0) {
-            out.x.push_back(frame[chosen]);
-        } else {
-            double sum = 0;
-            for (std::size_t channel = 0; channel < channels_; channel++) sum += frame[channel];
-            out.x.push_back(sum / static_cast<double>(channels_));
         }
     }
 

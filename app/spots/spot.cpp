@@ -72,6 +72,14 @@ bool take_protocol(const Json& object, Spot& spot) {
     return protocol != nullptr;
 }
 
+bool take_rf(const Json& object, Spot& spot) {
+    if (!object.contains("rf_hz")) return true;
+    double rf_hz = NAN;
+    if (!take(object, "rf_hz", rf_hz)) return false;
+    if (!std::isnan(rf_hz)) spot.rf_hz = rf_hz;
+    return true;
+}
+
 bool take_finding(const Json& object, Spot& spot) {
     if (!object.contains("method") && !object.contains("odds")) return true;
     std::string name;
@@ -96,7 +104,7 @@ std::string file_url(const std::string& path) {
 }
 
 // The fields of a spot in the order in which they are written.
-Json fields_of(const Spot& spot) {
+Json fields_of(const Spot& spot, const SpotColumns& columns = {}) {
     Json object;
     const bool recorded = !spot.file.empty();
     if (recorded) {
@@ -107,12 +115,16 @@ Json fields_of(const Spot& spot) {
         const double begin = spot.file_utc.value_or(0);
         object["utc_start"] = utc_text(begin + spot.start, UTC_DECIMALS);
         object["utc_end"] = utc_text(begin + spot.end, UTC_DECIMALS);
+    } else if (columns.utc) {
+        object["utc_start"] = Json();
+        object["utc_end"] = Json();
     }
     if (recorded) {
         object["t_start"] = spot.start;
         object["t_end"] = spot.end;
     }
     object["freq_hz"] = spot.freq_hz;
+    if (spot.rf_hz || columns.rf) object["rf_hz"] = spot.rf_hz ? Json(*spot.rf_hz) : Json();
     object["drift_hz_s"] = spot.drift_hz_s;
     object["snr_db"] = spot.snr_db ? Json(*spot.snr_db) : Json();
     object["protocol"] = ovl_proto_name(spot.protocol);
@@ -127,8 +139,8 @@ Json fields_of(const Spot& spot) {
 }
 
 // The fields as values of columns, which are the same for all files.
-Json columns_of(const Spot& spot) {
-    Json fields = rounded(fields_of(spot));
+Json columns_of(const Spot& spot, const SpotColumns& columns) {
+    Json fields = rounded(fields_of(spot, columns));
     if (fields.erase("file_url") != 0) fields["file"] = file_url(spot.file);
     return fields;
 }
@@ -175,17 +187,17 @@ std::string spot_line(const Spot& spot) {
     return json_line(fields_of(spot));
 }
 
-std::string spot_csv(const Spot& spot) {
+std::string spot_csv(const Spot& spot, const SpotColumns& columns) {
     std::string line;
-    for (const auto& value : columns_of(spot)) line += csv_cell(value) + ',';
+    for (const auto& value : columns_of(spot, columns)) line += csv_cell(value) + ',';
     line.back() = '\n';
     return line;
 }
 
-std::string spot_csv_names(const Spot& spot) {
-    const Json columns = columns_of(spot);
+std::string spot_csv_names(const Spot& spot, const SpotColumns& columns) {
+    const Json fields = columns_of(spot, columns);
     std::string line;
-    for (const auto& [name, value] : columns.items()) line += name + ',';
+    for (const auto& [name, value] : fields.items()) line += name + ',';
     line.back() = '\n';
     return line;
 }
@@ -195,7 +207,7 @@ std::optional<Spot> parse_spot_line(std::string_view line) {
     if (!object.is_object()) return std::nullopt;
     Spot spot{};
     double snr_db = NAN;
-    const bool complete = take_times(object, spot) && take(object, "freq_hz", spot.freq_hz) &&
+    const bool complete = take_times(object, spot) && take(object, "freq_hz", spot.freq_hz) && take_rf(object, spot) &&
                           take(object, "drift_hz_s", spot.drift_hz_s) && take(object, "snr_db", snr_db) &&
                           take_protocol(object, spot) && take(object, "call", spot.call) &&
                           take(object, "locator", spot.locator) && take(object, "deep", spot.deep) &&
