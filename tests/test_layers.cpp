@@ -134,7 +134,8 @@ TEST(Layers, RoomsKnowOnlyTheRoomsBelowThem) {
         {"simulation", {"base"}},
         {"recordings", {"base", "spots", "decoding"}},
         {"wideband", {"base", "spots", "decoding"}},
-        {"listening", {"base", "spots", "decoding"}},
+        {"sources", {"base"}},
+        {"listening", {"base", "spots", "decoding", "sources", "wideband"}},
         {"pictures", {"base", "spots", "recordings"}},
     };
     std::set<std::string> rooms;

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "base/tuning.h"
 #include "decoding/search.h"
 #include "recordings/recording.h"
 #include "recordings/sound_writer.h"

@@ -17,6 +17,8 @@ namespace {
 constexpr int UTC_DECIMALS = 2;
 constexpr std::array METHODS = {"standard", "deep", "coherent", "coherent-known"};  // by OVL_ method
 
+constexpr std::array STANDINGS = {"provisional", "confirmed", "withdrawn"};  // by Standing
+
 using Json = nlohmann::ordered_json;
 
 // Takes a field of an object; false when it is missing or of the wrong kind.
@@ -91,6 +93,19 @@ bool take_finding(const Json& object, Spot& spot) {
     return method != METHODS.end();
 }
 
+bool take_receiver(const Json& object, Spot& spot) {
+    return !object.contains("receiver") || take(object, "receiver", spot.receiver);
+}
+
+bool take_standing(const Json& object, Spot& spot) {
+    if (!object.contains("standing")) return true;
+    std::string name;
+    if (!take(object, "standing", name)) return false;
+    const auto standing = std::find(STANDINGS.begin(), STANDINGS.end(), name);
+    spot.standing = static_cast<Standing>(standing - STANDINGS.begin());
+    return standing != STANDINGS.end();
+}
+
 // The URL of a file, whose name may be any bytes.
 std::string file_url(const std::string& path) {
     constexpr std::string_view PLAIN = "/-._~";
@@ -135,6 +150,8 @@ Json fields_of(const Spot& spot, const SpotColumns& columns = {}) {
         object["method"] = method_name(spot.finding->method);
         object["odds"] = spot.finding->odds;
     }
+    if (!spot.receiver.empty()) object["receiver"] = spot.receiver;
+    if (spot.standing) object["standing"] = standing_name(*spot.standing);
     return object;
 }
 
@@ -183,8 +200,16 @@ const char* method_name(int32_t method) {
     return METHODS.at(static_cast<std::size_t>(method));
 }
 
+const char* standing_name(Standing standing) {
+    return STANDINGS.at(static_cast<std::size_t>(standing));
+}
+
 std::string spot_line(const Spot& spot) {
     return json_line(fields_of(spot));
+}
+
+std::string typed_spot_line(const Spot& spot) {
+    return R"({"type":"spot",)" + spot_line(spot).substr(1);
 }
 
 std::string spot_csv(const Spot& spot, const SpotColumns& columns) {
@@ -211,7 +236,7 @@ std::optional<Spot> parse_spot_line(std::string_view line) {
                           take(object, "drift_hz_s", spot.drift_hz_s) && take(object, "snr_db", snr_db) &&
                           take_protocol(object, spot) && take(object, "call", spot.call) &&
                           take(object, "locator", spot.locator) && take(object, "deep", spot.deep) &&
-                          take_finding(object, spot);
+                          take_finding(object, spot) && take_receiver(object, spot) && take_standing(object, spot);
     if (!complete) return std::nullopt;
     if (!std::isnan(snr_db)) spot.snr_db = snr_db;
     return spot;

@@ -1,16 +1,13 @@
-// Listening, piece by piece: overlapping decodes, the clock of captured samples, raw samples.
+// Listening, piece by piece: overlapping decodes, the clock of captured samples.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstdint>
 #include <random>
 #include <vector>
 
 #include "listening/confirmation.h"
-#include "listening/raw_input.h"
 #include "listening/sample_clock.h"
 
 namespace {
@@ -239,67 +236,6 @@ TEST_F(TheSampleClock, WhatIsLateForSecondsIsNotTakenForALoss) {
 TEST_F(TheSampleClock, OfWhatComesAllAtOnceTheNewestSampleHasJustCome) {
     for (double captured_s = 0.25; captured_s <= 200; captured_s += 0.25) clock_.observe(captured_s, MARCH_1);
     for (const double at_s : {0.0, 100.0, 200.0}) EXPECT_NEAR(clock_.utc(at_s), MARCH_1 - 200 + at_s, 1e-6) << at_s;
-}
-
-// ---- Raw samples ----------------------------------------------------------------------------------------------------
-
-// Standard input of this process, from a pipe.
-class RawSamples : public ::testing::Test {
-  protected:
-    RawSamples() : saved_(dup(STDIN_FILENO)) {
-        std::array<int, 2> ends{};
-        if (pipe(ends.data()) == 0) {
-            dup2(ends[0], STDIN_FILENO);
-            close(ends[0]);
-            write_end_ = ends[1];
-        }
-    }
-    ~RawSamples() override {
-        finish();
-        dup2(saved_, STDIN_FILENO);
-        close(saved_);
-    }
-
-    void send(const void* bytes, std::size_t count) {
-        ASSERT_EQ(write(write_end_, bytes, count), static_cast<ssize_t>(count));
-    }
-    void finish() {
-        if (write_end_ >= 0) close(write_end_);
-        write_end_ = -1;
-    }
-
-  private:
-    int saved_;
-    int write_end_ = -1;
-};
-
-TEST_F(RawSamples, ComeInWholeFramesHoweverTheyAreSent) {
-    const std::array<uint8_t, 8> bytes = {0x00, 0x40, 0x00, 0x80, 0xff, 0x7f, 0x01, 0x00};
-    RawInput input({false, 2, 8000});
-    std::vector<float> all;
-    std::vector<float> samples;
-    send(bytes.data(), 3);
-    send(bytes.data() + 3, 2);
-    while (all.size() < 2) {
-        ASSERT_TRUE(input.read(samples));
-        EXPECT_EQ(samples.size() % 2, 0u);
-        all.insert(all.end(), samples.begin(), samples.end());
-    }
-    send(bytes.data() + 5, 3);
-    finish();
-    while (input.read(samples)) all.insert(all.end(), samples.begin(), samples.end());
-    EXPECT_EQ(all, (std::vector<float>{0.5f, -1.0f, 32767 / 32768.0f, 1 / 32768.0f}));
-    EXPECT_FALSE(input.failed()) << "the end is no failure";
-}
-
-TEST_F(RawSamples, ThatAreNoNumbersOrBeyondAnyScaleAreSilence) {
-    const std::array<float, 6> sent = {0.25f, NAN, HUGE_VALF, -0x1p31f, 0x1.1p31f, -2.0f};
-    RawInput input({true, 1, 8000});
-    send(sent.data(), sizeof sent);
-    finish();
-    std::vector<float> samples;
-    ASSERT_TRUE(input.read(samples));
-    EXPECT_EQ(samples, (std::vector<float>{0.25f, 0, 0, -0x1p31f, 0, -2.0f}));
 }
 
 }  // namespace
