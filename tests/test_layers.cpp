@@ -109,6 +109,7 @@ TEST(Layers, ProgramsUseOfTheLibraryWhatIsListed) {
         {"ovbb.h", {"app/decoding/coherent_block.h", "app/decoding/decode_block.cpp", "app/pictures/chip_view.cpp"}},
         {"ovsync.h", {"app/pictures/chip_view.cpp"}},
         {"owners.h", {"app/decoding/decode_block.cpp", "app/pictures/chip_view.cpp"}},
+        {"robust.h", {"app/wideband/look.cpp"}},  // the level of noise with signals in it
         {"ovfft.h", {"app/pictures/waterfall.cpp"}},  // spectra
     };
     for (const char* const folder : {"app", "tools"}) {
@@ -132,7 +133,7 @@ TEST(Layers, RoomsKnowOnlyTheRoomsBelowThem) {
         {"decoding", {"base", "spots"}},
         {"transmission", {"base"}},
         {"simulation", {"base"}},
-        {"recordings", {"base", "spots", "decoding"}},
+        {"recordings", {"base", "spots", "decoding", "wideband"}},
         {"wideband", {"base", "spots", "decoding"}},
         {"sources", {"base"}},
         {"listening", {"base", "spots", "decoding", "sources", "wideband"}},

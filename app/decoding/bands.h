@@ -7,10 +7,6 @@
 #include "decoding/decode_block.h"
 #include "decoding/search.h"
 
-struct Band {
-    double center_hz, half_hz;
-};
-
 inline constexpr double MOST_BAND_HZ = 400;  // each at most
 
 // Whether a search covers so little that it is decoded at once: up to 250 Hz each side.

@@ -18,7 +18,8 @@ constexpr double SPOTS_PER_MINUTE = 64;  // as the library reports from a block
 constexpr double MOST = 1e6;             // of either
 constexpr double LEAK_HZ = 30;
 constexpr double LEAK_CONTRAST = 0.1;  // of the frame's
-constexpr double SAME_S = 15.3;        // two frames of a callsign this close are one, as for the library
+constexpr double CENTRAL_HZ = 12;
+constexpr double SAME_S = 15.3;  // two frames of a callsign this close are one, as for the library
 
 int32_t at_most(double count) {
     return static_cast<int32_t>(std::min(count, MOST));
@@ -43,15 +44,35 @@ std::optional<std::vector<Found>> decode_baseband(const ov_baseband& baseband, c
     return found;
 }
 
+// One protocol after the other, until the standard search finds one in the middle.
+std::optional<std::vector<Found>> decode_in_turn(const ov_baseband& baseband, const ov_params& params, double minutes) {
+    std::vector<Found> all;
+    for (const int32_t protocol : {OVL_OPERA, OVL_ORVEL_S, OVL_ORVEL_L}) {
+        ov_params one = params;
+        one.protocols &= protocol;
+        if (one.protocols == 0) continue;
+        const auto found = decode_baseband(baseband, one, minutes);
+        if (!found) return std::nullopt;
+        all.insert(all.end(), found->begin(), found->end());
+        if (std::ranges::any_of(*found, [&](const Found& spot) {
+                return spot.deep == 0 && std::fabs(spot.freq - params.center_hz) < CENTRAL_HZ;
+            })) {
+            break;
+        }
+    }
+    return all;
+}
+
 // The decodes of several bands of one block, which share its transform.
 class Bands {
   public:
-    Bands(const Block& block, const Search& search, const ov_params& params, const ov_spectrum& spectrum)
-        : block_(block), search_(search), params_(params), spectrum_(spectrum) {}
+    Bands(const Block& block, const Search& search, const ov_params& params, const ov_spectrum& spectrum,
+          Protocols protocols)
+        : block_(block), search_(search), params_(params), spectrum_(spectrum), protocols_(protocols) {}
 
     // False when memory is short.
     bool add(const Band& band) {
-        auto found = decode(band, params_, search_.coherent);
+        auto found = decode(band);
         if (!found) return false;
         merge(*found);
         for (const Found& spot : *found) {
@@ -71,7 +92,7 @@ class Bands {
         ov_params params = params_;
         params.deep_search = 0;
         for (const double offset_hz : {-24.0, -20.0, -16.0, -12.0, 12.0, 16.0, 20.0, 24.0}) {
-            auto found = decode({spot.freq + offset_hz, 4}, params, false);
+            auto found = decode({spot.freq + offset_hz, 4}, params);
             if (!found) return false;
             std::erase_if(*found, [&](const Found& beside) {
                 return std::ranges::any_of(all_, [&](const Found& frame) { return is_phantom(beside, frame); });
@@ -81,14 +102,26 @@ class Bands {
         return true;
     }
 
-    std::optional<std::vector<Found>> decode(const Band& band, ov_params params, bool coherent) const {
+    std::optional<std::vector<Found>> decode(const Band& band) const {
         BasebandOwner baseband;
         if (ov_baseband_extract(spectrum_, band.center_hz, baseband) != 0) return std::nullopt;
+        const ov_params params = params_of(band, params_);
+        auto found = protocols_ == Protocols::TOGETHER ? decode_baseband(baseband, params, block_.minutes())
+                                                       : decode_in_turn(baseband, params, block_.minutes());
+        if (found && search_.coherent) add_coherent(baseband, params, *found);
+        return found;
+    }
+
+    std::optional<std::vector<Found>> decode(const Band& band, const ov_params& params) const {
+        BasebandOwner baseband;
+        if (ov_baseband_extract(spectrum_, band.center_hz, baseband) != 0) return std::nullopt;
+        return decode_baseband(baseband, params_of(band, params), block_.minutes());
+    }
+
+    static ov_params params_of(const Band& band, ov_params params) {
         params.center_hz = band.center_hz;
         params.search_hz = band.half_hz;
-        auto found = decode_baseband(baseband, params, block_.minutes());
-        if (found && coherent) add_coherent(baseband, params, *found);
-        return found;
+        return params;
     }
 
     // Several bands may hold a frame: of two finds the plainer stays, then the better fit.
@@ -109,6 +142,7 @@ class Bands {
     const Search& search_;
     const ov_params& params_;
     const ov_spectrum& spectrum_;
+    Protocols protocols_;
     std::vector<Found> all_;
 };
 
@@ -130,6 +164,13 @@ std::optional<std::vector<Found>> decode_whole(const Block& block, const Search&
     return found;
 }
 
+ov_params params_for(const Block& block, const Search& search, double end_max) {
+    ov_params params = decode_params(search);
+    params.end_max = end_max;
+    params.max_cands = at_most(CANDIDATES_PER_MINUTE * block.minutes());
+    return params;
+}
+
 }  // namespace
 
 bool is_phantom(const Found& beside, const Found& frame) {
@@ -139,22 +180,27 @@ bool is_phantom(const Found& beside, const Found& frame) {
     return shared > 0.5 * shorter && beside.contrast < LEAK_CONTRAST * frame.contrast;
 }
 
-std::optional<std::vector<Found>> decode_block(const Block& block, const Search& search, double end_max) {
-    ov_params params = decode_params(search);
-    params.end_max = end_max;
-    params.max_cands = at_most(CANDIDATES_PER_MINUTE * block.minutes());
-    if (is_one_band(search)) return decode_whole(block, search, params);
-
-    const auto bands = bands_of(block, search);
-    if (!bands) return std::nullopt;
-    params.deep_pfa /= static_cast<double>(std::max<std::size_t>(1, bands->size()));
+std::optional<std::vector<Found>> decode_bands(const Block& block, const Search& search, std::span<const Band> bands,
+                                               Protocols protocols, std::size_t shares, double end_max) {
+    ov_params params = params_for(block, search, end_max);
+    params.deep_pfa /= static_cast<double>(std::max<std::size_t>(1, shares));
     params.search_hz = MOST_BAND_HZ / 2;
+    if (protocols == Protocols::IN_TURN && !search.coherent) {
+        params.search_hz = std::ranges::max(bands, {}, &Band::half_hz).half_hz;
+    }
     const auto rate = baseband_rate(params, static_cast<int32_t>(block.x.size()), block.rate);
     SpectrumOwner spectrum;
     if (!rate || transform(block, *rate, spectrum) != 0) return std::nullopt;
-    Bands decoded(block, search, params, spectrum);
-    for (const Band& band : *bands) {
+    Bands decoded(block, search, params, spectrum, protocols);
+    for (const Band& band : bands) {
         if (!decoded.add(band)) return std::nullopt;
     }
     return decoded.in_order_of_time();
+}
+
+std::optional<std::vector<Found>> decode_block(const Block& block, const Search& search, double end_max) {
+    if (is_one_band(search)) return decode_whole(block, search, params_for(block, search, end_max));
+    const auto bands = bands_of(block, search);
+    if (!bands) return std::nullopt;
+    return decode_bands(block, search, *bands, Protocols::TOGETHER, bands->size(), end_max);
 }

@@ -31,5 +31,22 @@ struct Block {
 //   end_max   latest end of a frame, s; negative = no limit
 std::optional<std::vector<Found>> decode_block(const Block& block, const Search& search, double end_max = -1);
 
+struct Band {
+    double center_hz, half_hz;
+};
+
+// How a band is searched for several protocols.
+enum class Protocols {
+    TOGETHER,  // all of them
+    IN_TURN,   // one after the other until a frame is found in the middle: for a band around one, whose shadows would
+              // take the others ten times as long as the frame
+};
+
+// Decodes some bands of a block, at least one IN_TURN, as decode_block() does, and beside each frame found.
+//
+//   shares   that the false-alarm probability of the deep search is divided into
+std::optional<std::vector<Found>> decode_bands(const Block& block, const Search& search, std::span<const Band> bands,
+                                               Protocols protocols, std::size_t shares, double end_max = -1);
+
 // Whether what was found beside a frame is what the frame leaks to there, read as another protocol.
 bool is_phantom(const Found& beside, const Found& frame);

@@ -15,6 +15,7 @@
 #include "base/text.h"
 #include "decoding/decode_block.h"
 #include "spots/spot_log.h"
+#include "wideband/wide_decoder.h"
 
 namespace {
 
@@ -23,7 +24,8 @@ constexpr double OVERLAP_S = 50;  // of blocks: the longest frame and a little m
 constexpr double LEAST_BLOCK_S = 90;
 constexpr double MOST_BLOCK_S = 300;
 constexpr double BLOCK_SAMPLES = 1.8e7;
-constexpr double BYTES_A_SAMPLE = 60;  // that a wide decode of I/Q takes
+constexpr double WIDE_BAND_HZ = 24000;  // a wider search goes through the channeliser
+constexpr double BYTES_A_SAMPLE = 60;   // that a wide decode of I/Q takes
 
 // ---- Recording → blocks ---------------------------------------------------------------------------------------------
 
@@ -125,11 +127,63 @@ class Merger {
     bool begun_ = false;
 };
 
+// ---- Wide bands -----------------------------------------------------------------------------------------------------
+
+bool needs_channels(const Recording& recording, const Search& search) {
+    const Range whole = whole_band(search.iq, recording.rate());
+    const Range band = search.band.value_or(whole);
+    return search.wide && recording.rate() <= MOST_WIDE_RATE &&
+           std::min(band.high, whole.high) - std::max(band.low, whole.low) > WIDE_BAND_HZ;
+}
+
+std::vector<float> interleaved(const Stretch& stretch) {
+    const std::size_t width = stretch.q.empty() ? 1 : 2;
+    std::vector<float> samples(width * stretch.x.size());
+    for (std::size_t k = 0; k < stretch.x.size(); k++) {
+        samples[width * k] = static_cast<float>(stretch.x[k]);
+        if (width == 2) samples[2 * k + 1] = static_cast<float>(stretch.q[k]);
+    }
+    return samples;
+}
+
+// Once through the recording, second by second.
+void decode_channels(Recording& recording, const DecodingOptions& options, double from_s, double to_s,
+                     const SpotTaker& taker) {
+    const double rate = recording.file_rate();
+    const auto first = static_cast<int64_t>(std::floor(from_s * rate));
+    const auto end = static_cast<int64_t>(std::ceil(to_s * rate));
+    const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+    const unsigned jobs = options.search.verbose ? 1 : options.jobs > 0 ? options.jobs : cores;
+    std::size_t taken = 0;
+    WideDecoder decoder(recording.rate(), options.search, {.jobs = jobs, .live = false}, [&](Found spot) {
+        spot.t += static_cast<double>(first) / rate;
+        taker.take(spot);
+        taken++;
+    });
+    taker.begin();
+    for (int64_t at = first; at < end; at += recording.file_rate()) {
+        const auto count = static_cast<double>(std::min<int64_t>(recording.file_rate(), end - at));
+        const Stretch stretch = recording.read((static_cast<double>(at) + 0.5) / rate, (count - 0.5) / rate);
+        if (stretch.x.empty()) break;  // before the header says
+        decoder.push(interleaved(stretch));
+        taker.progress(from_s + decoder.done_s(), taken);
+        if (!taker.go_on()) return;
+    }
+    decoder.finish();
+    taker.progress(to_s, taken);
+    if (!decoder.problem().empty()) {
+        throw IoError("cannot decode all of '" + recording.path() + "': " + decoder.problem());
+    }
+}
+
 }  // namespace
 
 void decode_recording(Recording& recording, const DecodingOptions& options, double from_s, double to_s,
                       const SpotTaker& taker) {
     require_within("'" + recording.path() + "'", options.search, recording.rate());
+    if (to_s - from_s >= ovl_chip_seconds() && needs_channels(recording, options.search)) {
+        return decode_channels(recording, options, from_s, to_s, taker);
+    }
     const std::vector<BlockSpan> blocks = cut(recording, options, from_s, to_s);
     BlockDecoder decoder(recording, options.search);
     Merger merger(taker);

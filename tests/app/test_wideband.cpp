@@ -8,12 +8,21 @@
 #include <limits>
 #include <numbers>
 #include <span>
+#include <string>
+#include <thread>
 #include <vector>
 
 #include "base/error.h"
+#include "decoding/decode_block.h"
+#include "failing_memory.h"
+#include "liborvel.h"
 #include "ovpipe.h"
+#include "ovscan.h"
 #include "siggen.h"
 #include "wideband/channeliser.h"
+#include "wideband/look.h"
+#include "wideband/slice_store.h"
+#include "wideband/wide_decoder.h"
 
 namespace {
 
@@ -249,6 +258,362 @@ TEST(ChanneliserSlices, WhatCannotBeSplitIsRefused) {
     EXPECT_THROW(Channeliser(48000, true, {1000, 1000}), UsageError);
     EXPECT_THROW(Channeliser::narrow(8000, true, 0, 4000), UsageError);
     EXPECT_THROW(Channeliser::narrow(8000, true, 0, std::numeric_limits<double>::quiet_NaN()), UsageError);
+}
+
+TEST(ChanneliserSlices, MemoryThatRunsOutIsThrownAndNothingIsLost) {
+    const std::vector<float> samples = noise(2 * 8000, 1);
+    const int64_t most = refuse_each_request([&](FailingMemory& memory) {
+        bool thrown = false;
+        memory.watch([&] {
+            try {
+                Channeliser channeliser(22051, true, {-5000, 5000});
+                channeliser.push(samples, [](std::size_t, std::span<const std::complex<float>>) {});
+            } catch (const std::bad_alloc&) {
+                thrown = true;
+            }
+        });
+        EXPECT_EQ(thrown, memory.has_refused());
+    });
+    EXPECT_GT(most, 10);
+}
+
+// ---- What is kept of the slices -------------------------------------------------------------------------------------
+
+TEST(SliceStore, GivesBackTheNewestSamplesOfEverySliceAlmostAsTheyCame) {
+    SliceStore store(2, 2000);
+    std::vector<std::complex<float>> sent[2];
+    Random random(3);
+    for (int32_t piece = 0; piece < 60; piece++) {
+        for (const std::size_t slice : {0U, 1U}) {
+            std::vector<std::complex<float>> samples;
+            for (int32_t k = 0; k < 198; k++) {
+                const double level = slice == 0 ? 1 : 1e-6 * (1 + piece);
+                samples.emplace_back(static_cast<float>(level * random.normal()),
+                                     static_cast<float>(level * random.normal()));
+            }
+            store.append(slice, samples);
+            sent[slice].insert(sent[slice].end(), samples.begin(), samples.end());
+        }
+        for (const std::size_t slice : {0U, 1U}) {
+            const int64_t stored = store.stored(slice);
+            const int64_t first = store.oldest(stored);
+            EXPECT_EQ(stored, std::ssize(sent[slice]) / SliceStore::CHUNK * SliceStore::CHUNK);
+            EXPECT_GE(stored - first, std::min<int64_t>(stored, 2000));
+            std::vector<std::complex<float>> back(static_cast<std::size_t>(stored - first));
+            store.copy(slice, first, back);
+            for (std::size_t k = 0; k < back.size(); k++) {
+                const auto& expected = sent[slice][static_cast<std::size_t>(first) + k];
+                EXPECT_LT(std::abs(back[k] - expected),
+                          1e-4F * (slice == 0 ? 5.0F : 5e-6F * static_cast<float>(1 + piece)));
+            }
+        }
+    }
+}
+
+TEST(SliceStore, SilenceStaysSilenceAndFillsTheLastChunk) {
+    SliceStore store(1, 1000);
+    store.append(0, std::vector<std::complex<float>>(700));
+    EXPECT_EQ(store.stored(0), 512);
+    store.complete(0);
+    store.complete(0);
+    EXPECT_EQ(store.stored(0), 1024);
+    std::vector<std::complex<float>> back(1024, {1, 1});
+    store.copy(0, 0, back);
+    EXPECT_EQ(back, std::vector<std::complex<float>>(1024));
+}
+
+// ---- Looking for what is keyed --------------------------------------------------------------------------------------
+
+std::vector<std::complex<float>> as_slice(const IqSamples& samples) {
+    std::vector<std::complex<float>> slice;
+    for (std::size_t k = 0; k < samples.i.size(); k++) {
+        slice.emplace_back(static_cast<float>(samples.i[k]), static_cast<float>(samples.q[k]));
+    }
+    return slice;
+}
+
+std::vector<uint8_t> chips_of(int32_t protocol, const std::string& call) {
+    std::vector<uint8_t> chips(static_cast<std::size_t>(ovl_frame_chips(static_cast<uint32_t>(protocol))));
+    EXPECT_GT(ovl_encode(static_cast<uint32_t>(protocol), call.c_str(), "JO62", chips.data(),
+                         static_cast<int32_t>(chips.size())),
+              0);
+    return chips;
+}
+
+TEST(LookForKeying, FindsWhatTheScanFindsAndWhenItWasKeyed) {
+    Random random(7);
+    for (int32_t scenes = 0; scenes < 3; scenes++) {
+        Scene scene;
+        scene.rate = 4000;
+        scene.seconds = 90;
+        scene.seed = random.next();
+        for (const double freq : {-1500.0, -700.0, 0.0, 650.0, 1400.0}) {
+            Station sent;
+            sent.chips = opera_chips(random.callsign());
+            sent.t_start = random.uniform(0, 59);
+            sent.freq_hz = freq + random.uniform(-100, 100);
+            sent.snr_db = random.uniform(-23, -5);
+            scene.stations.push_back(sent);
+        }
+        const IqSamples samples = render_iq(scene);
+        std::vector<ov_hit> hits(100);
+        const int32_t count = ov_scan(samples.i.data(), samples.q.data(), static_cast<int32_t>(samples.i.size()), 4000,
+                                      CHIP_SECONDS, -1750, 1750, 6, 30, 100, hits.data(), nullptr, 0);
+        Look look(4000, 1790);
+        const auto slice = as_slice(samples);
+        const int64_t windows = look.windows_in(0, std::ssize(slice));
+        const auto keyed = look.find(slice, {0, windows}, {0, windows}, {-1750, 1750}, 6);
+        for (const Station& sent : scene.stations) {
+            EXPECT_TRUE(std::any_of(hits.begin(), hits.begin() + count,
+                                    [&](const ov_hit& hit) { return std::fabs(hit.freq_hz - sent.freq_hz) < 5; }));
+            const auto found = std::ranges::find_if(
+                keyed, [&](const Keyed& key) { return std::fabs(key.freq_hz - sent.freq_hz) < 8; });
+            ASSERT_NE(found, keyed.end()) << sent.freq_hz;
+            EXPECT_NEAR(static_cast<double>(found->window) * LOOK_STEP_S, sent.t_start, 3);
+        }
+    }
+}
+
+// Twice where one bin beside it says this block and the other the next.
+TEST(LookForKeying, NeighbouringBlocksDoNotMissAFrameBetweenThem) {
+    Random random(9);
+    for (const double start : {20.0, 33.0, 35.8, 36.2, 50.0}) {
+        Scene scene;
+        scene.rate = 4000;
+        scene.seconds = 125;
+        scene.seed = random.next();
+        scene.stations.push_back({.chips = opera_chips("K2QRX"), .t_start = start, .freq_hz = 300, .snr_db = -16});
+        const auto slice = as_slice(render_iq(scene));
+        Look look(4000, 1790);
+        int32_t finds = 0;
+        for (const int64_t step : {0, 1}) {
+            const int64_t first = std::max<int64_t>(0, 560 * step - 239);
+            const int64_t end = std::min(560 * (step + 1) + 720, look.windows_in(0, std::ssize(slice)));
+            const auto from = static_cast<std::size_t>(look.sample_of(first));
+            for (const Keyed& key : look.find(std::span(slice).subspan(from), {first, end},
+                                              {560 * step, 560 * (step + 1)}, {-1750, 1750}, 6)) {
+                finds += std::fabs(key.freq_hz - 300) < 5 ? 1 : 0;
+            }
+        }
+        EXPECT_GE(finds, 1) << start;
+        EXPECT_LE(finds, start == 35.8 ? 2 : 1) << start;
+    }
+}
+
+TEST(LookForKeying, NoiseCarriersSilenceAndTooFewSamplesHoldNothing) {
+    Look look(4000, 1790);
+    Scene scene;
+    scene.rate = 4000;
+    scene.seconds = 60;
+    auto slice = as_slice(render_iq(scene));
+    for (const double level : {0.0, 0.01, 1.0}) {
+        for (std::size_t k = 0; k < slice.size(); k++) {
+            slice[k] += std::complex<float>(level * turned(0.123 * static_cast<double>(k)));
+        }
+        const int64_t windows = look.windows_in(0, std::ssize(slice));
+        EXPECT_TRUE(look.find(slice, {0, windows}, {0, windows}, {-1750, 1750}, 6).empty()) << level;
+    }
+    const std::vector<std::complex<float>> silence(4000 * 40);
+    EXPECT_TRUE(look.find(silence, {0, 600}, {0, 600}, {-1750, 1750}, 6).empty());
+    EXPECT_TRUE(look.find(silence, {0, 20}, {0, 20}, {-1750, 1750}, 6).empty());
+    EXPECT_EQ(look.windows_in(0, 511), 0);
+    EXPECT_EQ(look.windows_in(0, 512), 1);
+}
+
+// ---- All of it ------------------------------------------------------------------------------------------------------
+
+struct Sent {
+    int32_t protocol;
+    std::string call;
+    double t, freq, snr;
+};
+
+std::vector<float> on_air(int32_t rate, double seconds, uint64_t seed, const std::vector<Sent>& all, bool iq = true) {
+    Scene scene;
+    scene.rate = rate;
+    scene.seconds = seconds;
+    scene.seed = seed;
+    for (const Sent& sent : all) {
+        Station station;
+        station.chips = chips_of(sent.protocol, sent.call);
+        station.t_start = sent.t;
+        station.freq_hz = sent.freq;
+        station.snr_db = sent.snr;
+        scene.stations.push_back(station);
+    }
+    if (!iq) return to_float(render_real(scene));
+    const IqSamples samples = render_iq(scene);
+    std::vector<float> interleaved;
+    for (std::size_t k = 0; k < samples.i.size(); k++) {
+        interleaved.push_back(static_cast<float>(samples.i[k]));
+        interleaved.push_back(static_cast<float>(samples.q[k]));
+    }
+    return interleaved;
+}
+
+Search wide_search(bool iq = true) {
+    Search search;
+    search.iq = iq;
+    search.wide = true;
+    return search;
+}
+
+std::vector<Found> decode(int32_t rate, std::span<const float> samples, const Search& search,
+                          const WideOptions& options = {}, std::size_t chunk = 1 << 20) {
+    std::vector<Found> found;
+    WideDecoder decoder(rate, search, options, [&](const Found& spot) { found.push_back(spot); });
+    while (!samples.empty()) {
+        const std::size_t n = std::min(chunk, samples.size());
+        decoder.push(samples.first(n));
+        samples = samples.subspan(n);
+    }
+    decoder.finish();
+    EXPECT_EQ(decoder.problem(), "");
+    return found;
+}
+
+void expect_all(const std::vector<Found>& found, const std::vector<Sent>& all) {
+    for (const Sent& sent : all) {
+        const auto times = std::ranges::count_if(found, [&](const Found& spot) {
+            return sent.call == spot.call && std::fabs(spot.t - sent.t) < 0.07 && spot.protocol == sent.protocol &&
+                   std::fabs(spot.freq - sent.freq) < 0.6 && std::fabs(spot.snr - sent.snr) < 2.5;
+        });
+        EXPECT_EQ(times, 1) << sent.call << " at " << sent.freq << " Hz, " << sent.t << " s";
+    }
+    EXPECT_EQ(found.size(), all.size());
+    EXPECT_TRUE(std::ranges::is_sorted(found, {}, &Found::t));
+}
+
+class WideBand : public testing::Test {
+  protected:
+    static constexpr int32_t RATE = 32000;
+
+    // Frames of the three protocols all over the band and its slices' borders, over the ends of steps and of the
+    // recording, and one after the other.
+    static std::vector<Sent> stations() {
+        const auto slices = Channeliser(RATE, true, {-0.5 * RATE, 0.5 * RATE}).slices();
+        return {
+            {OVL_OPERA, "VE7QHC", -3, -15800, -14},
+            {OVL_OPERA, "G4QZB", 2, slices[1].own_hz.low, -17},
+            {OVL_OPERA, "K2QRX", 20.3, slices[2].own_hz.low + 3, -16},
+            {OVL_ORVEL_S, "DL1QXA", 34.7, slices[3].own_hz.low - 18, -15},
+            {OVL_OPERA, "OH3QKJ", 36.2, slices[3].own_hz.low + 18, -15},
+            {OVL_ORVEL_L, "OE3QTN", 30, slices[4].center_hz, -14},
+            {OVL_OPERA, "F5QVB", 5, 7000, -18},
+            {OVL_OPERA, "SM5QWA", 37, 7004, -15},
+            {OVL_ORVEL_S, "9A5QQA", 69, 7001, -16},
+            {OVL_OPERA, "M0QYF", 75, 15900, -12},
+        };
+    }
+};
+
+TEST_F(WideBand, EveryFrameIsFoundOnceInOrderOfTime) {
+    const auto samples = on_air(RATE, 103, 5, stations());
+    const auto found = decode(RATE, samples, wide_search());
+    expect_all(found, stations());
+
+    // However the samples come, and whoever decodes.
+    const auto again = decode(RATE, samples, wide_search(), {.jobs = 3, .live = false}, 20002);
+    ASSERT_EQ(again.size(), found.size());
+    for (std::size_t k = 0; k < found.size(); k++) {
+        EXPECT_STREQ(again[k].call, found[k].call);
+        EXPECT_EQ(again[k].t, found[k].t);
+        EXPECT_EQ(again[k].freq, found[k].freq);
+        EXPECT_EQ(again[k].snr, found[k].snr);
+    }
+}
+
+TEST_F(WideBand, APartOfTheBandHoldsWhatLiesInIt) {
+    const std::vector<Sent> all = {{OVL_OPERA, "G4QZB", 2, -9000, -12}, {OVL_OPERA, "K2QRX", 3, 8000, -12}};
+    Search search = wide_search();
+    search.band = Range{-1000, 1e9};
+    expect_all(decode(RATE, on_air(RATE, 40, 6, all), search), {all[1]});
+    search.band = Range{20000, 30000};
+    EXPECT_THROW(decode(RATE, {}, search), IoError);
+}
+
+TEST_F(WideBand, RealSamplesAndRatesThatDoNotDivideAreDecodedAsWell) {
+    const std::vector<Sent> all = {{OVL_OPERA, "G4QZB", 2, 900, -15}, {OVL_OPERA, "K2QRX", 4.5, 9876, -14}};
+    for (const int32_t rate : {22050, 22051}) {
+        expect_all(decode(rate, on_air(rate, 40, 7, all, false), wide_search(false)), all);
+    }
+}
+
+TEST_F(WideBand, TheCoherentSearchWorksInSlices) {
+    const auto samples = on_air(16000, 45, 14, {{OVL_OPERA, "K2QRX", 5, 5200, -26.5}});
+    Search search = wide_search();
+    search.protocols = OVL_OPERA;
+    search.scan_z = 5;
+    EXPECT_TRUE(decode(16000, samples, search).empty());
+    search.coherent = true;
+    const auto found = decode(16000, samples, search);
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_STREQ(found[0].call, "K2QRX");
+    EXPECT_EQ(found[0].deep, OVL_COHERENT);
+}
+
+TEST_F(WideBand, NothingIsFoundInNothing) {
+    for (const double seconds : {0.0, 0.1, 5.0, 31.0, 40.0}) {
+        EXPECT_TRUE(decode(RATE, on_air(RATE, seconds, 8, {}), wide_search()).empty()) << seconds;
+    }
+    EXPECT_TRUE(decode(RATE, std::vector<float>(2 * 40 * RATE), wide_search()).empty());
+}
+
+// Weak frames at any frequency, slice borders included: as many decode as in a narrow search.
+TEST_F(WideBand, WeakFramesDecodeAsInANarrowSearch) {
+    std::vector<Sent> all;
+    Random random(21);
+    for (int32_t k = 0; k < 12; k++) {
+        all.push_back({OVL_OPERA, random.callsign(), random.uniform(1, 40),
+                       -15500 + 31000 * (k + random.uniform(0.1, 0.9)) / 12, -24});
+    }
+    const auto samples = on_air(RATE, 75, 22, all);
+    std::vector<double> i;
+    std::vector<double> q;
+    for (std::size_t k = 0; k < samples.size(); k += 2) {
+        i.push_back(samples[k]);
+        q.push_back(samples[k + 1]);
+    }
+    Search search = wide_search();
+    search.protocols = OVL_OPERA;
+    const auto found = decode(RATE, samples, search);
+    search.wide = false;
+    search.search_hz = 20;
+    int32_t wide = 0;
+    int32_t narrow = 0;
+    for (const Sent& sent : all) {
+        search.center_hz = sent.freq;
+        const auto same = [&](const Found& spot) { return sent.call == spot.call; };
+        narrow += std::ranges::any_of(*decode_block({i, q, RATE}, search), same) ? 1 : 0;
+        wide += std::ranges::any_of(found, same) ? 1 : 0;
+    }
+    EXPECT_GE(narrow, 6);
+    EXPECT_GE(wide, narrow);
+}
+
+TEST_F(WideBand, ALiveRunThatFallsBehindSkipsSlicesAndSaysSo) {
+    std::vector<Sent> all;
+    for (int32_t k = 0; k < 8; k++) all.push_back({OVL_OPERA, "K2QRX", 2, -14000.0 + 4000 * k, -10});
+    const auto samples = on_air(RATE, 40, 9, all);
+    testing::internal::CaptureStderr();
+    {
+        WideDecoder decoder(RATE, wide_search(), {.jobs = 1, .live = true}, [](const Found&) {});
+        for (int32_t k = 0; k < 8; k++) decoder.push(samples);
+        EXPECT_GT(decoder.skipped_share(), 0);
+        decoder.finish();
+        EXPECT_LT(decoder.skipped_share(), 1);
+    }
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("decoding fell behind: "), std::string::npos);
+}
+
+TEST_F(WideBand, ADecoderThatIsNotFinishedEndsItsThreads) {
+    const auto samples = on_air(RATE, 100, 10, stations());
+    std::size_t found = 0;
+    {
+        WideDecoder decoder(RATE, wide_search(), {.jobs = 2, .live = false}, [&](const Found&) { found++; });
+        decoder.push(samples);
+    }
+    EXPECT_LT(found, stations().size());
 }
 
 }  // namespace

@@ -1,0 +1,169 @@
+#include "wideband/look.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "robust.h"
+
+namespace {
+
+constexpr int64_t PHASES = 2;  // windows a chip
+constexpr int64_t LEAST_RUN = 16;
+constexpr int64_t NOISE_WINDOWS = 300;
+constexpr std::size_t NOISE_MARGIN = 8;  // bins
+constexpr double JUMP_SHARE = 0.7;
+constexpr double APART_HZ = 30;
+constexpr int64_t APART = LOOK_RUN / 2;
+
+std::size_t at(int64_t index) {
+    return static_cast<std::size_t>(index);
+}
+
+}  // namespace
+
+Look::Look(int32_t rate, double flat_hz)
+    : rate_(rate),
+      length_(static_cast<int32_t>(std::lround(PHASES * LOOK_STEP_S * rate))),
+      bins_(2 * static_cast<std::size_t>(flat_hz * length_ / rate) + 1),
+      buffer_(float_fft_complexes(at(length_))),
+      plan_(plan_float_complex(length_, buffer_.get(), buffer_.get(), FFTW_FORWARD)) {}
+
+int64_t Look::sample_of(int64_t window) const {
+    return std::llround(static_cast<double>(window) * LOOK_STEP_S * rate_);
+}
+
+int64_t Look::windows_in(int64_t first, int64_t count) const {
+    const int64_t end = sample_of(first) + count - length_;
+    auto windows = static_cast<int64_t>(static_cast<double>(end) / (LOOK_STEP_S * rate_)) - first + 2;
+    while (windows > 0 && sample_of(first + windows - 1) > end) windows--;
+    return std::max<int64_t>(windows, 0);
+}
+
+double Look::freq_of(std::size_t bin) const {
+    return (static_cast<double>(bin) - static_cast<double>(bins_ / 2)) * rate_ / length_;
+}
+
+void Look::fill_powers(std::span<const std::complex<float>> samples, const Windows& block) {
+    powers_.resize(at(block.end - block.first) * bins_);
+    float* row = powers_.data();
+    const auto half = static_cast<int64_t>(bins_ / 2);
+    for (int64_t w = block.first; w < block.end; w++, row += bins_) {
+        const auto from = samples.begin() + (sample_of(w) - sample_of(block.first));
+        std::copy(from, from + length_, buffer_.get());
+        fftwf_execute(plan_.get());
+        const auto power_of = [](const std::complex<float>& x) { return x.real() * x.real() + x.imag() * x.imag(); };
+        std::transform(buffer_.get() + length_ - half, buffer_.get() + length_, row, power_of);
+        std::transform(buffer_.get(), buffer_.get() + half + 1, row + half, power_of);
+    }
+}
+
+// Divides the powers by the noise of their bin.
+void Look::level_noise(int64_t windows) {
+    const int64_t step = std::max<int64_t>(1, windows / NOISE_WINDOWS);
+    std::vector<float> levels(bins_);
+    std::vector<float> column(at((windows + step - 1) / step));
+    for (std::size_t bin = 0; bin < bins_; bin++) {
+        for (std::size_t i = 0; i < column.size(); i++) column[i] = power(static_cast<int64_t>(i) * step, bin);
+        levels[bin] = upper_median(column) / LN2_F32;
+    }
+    std::vector<float> units(bins_);
+    for (std::size_t bin = 0; bin < bins_; bin++) {
+        const std::size_t low = bin - std::min(bin, NOISE_MARGIN);
+        const std::size_t high = std::min(bin + NOISE_MARGIN, bins_ - 1);
+        const float level = upper_median(std::span(levels).subspan(low, high - low + 1));
+        units[bin] = 1 / std::max(level, NOISE_FLOOR);
+    }
+    for (int64_t w = 0; w < windows; w++) {
+        float* const row = powers_.data() + at(w) * bins_;
+        for (std::size_t bin = 0; bin < bins_; bin++) row[bin] *= units[bin];
+    }
+}
+
+// The best mean jump of each bin over the runs that begin in `own`.
+void Look::search_runs(int64_t windows, int64_t run, const Windows& own) {
+    best_.assign(bins_, 0);
+    std::vector<double> jumps(bins_);
+    std::vector<double> sums(bins_);
+    const auto row = [&](int64_t w) { return powers_.data() + at(w) * bins_; };
+    for (int64_t first = own.first; first < own.first + PHASES; first++) {
+        std::ranges::fill(jumps, 0);
+        std::ranges::fill(sums, 0);
+        const auto add = [&](int64_t w, double sign) {
+            const float* const x = row(w);
+            const float* const next = row(w + PHASES);
+            for (std::size_t bin = 0; bin < bins_; bin++) {
+                jumps[bin] += sign * std::fabs(next[bin] - x[bin]);
+                sums[bin] += sign * x[bin];
+            }
+        };
+        for (int64_t i = 0; i < run && first + PHASES * run < windows; i++) add(first + PHASES * i, 1);
+        for (int64_t w = first; w < own.end && w + PHASES * run < windows; w += PHASES) {
+            for (std::size_t bin = 0; bin < bins_; bin++) {
+                const auto jump = static_cast<float>(jumps[bin] >= JUMP_SHARE * sums[bin] ? jumps[bin] : 0);
+                best_[bin] = std::max(best_[bin], jump);
+            }
+            if (w + PHASES * (run + 1) >= windows) break;
+            add(w, -1);
+            add(w + PHASES * run, 1);
+        }
+    }
+    for (float& best : best_) best /= static_cast<float>(run);
+}
+
+// The mean jump of the runs that begin at each window of the block.
+std::vector<float> Look::jumps_of(std::size_t bin, int64_t windows, int64_t run) const {
+    std::vector<float> means(at(std::max<int64_t>(windows - PHASES * run, 0)));
+    for (int64_t phase = 0; phase < PHASES; phase++) {
+        double jump = 0;
+        double sum = 0;
+        for (int64_t w = phase; w + PHASES < windows; w += PHASES) {
+            jump += std::fabs(power(w + PHASES, bin) - power(w, bin));
+            sum += power(w, bin);
+            const int64_t first = w - PHASES * (run - 1);
+            if (first < 0) continue;
+            means[at(first)] = static_cast<float>(jump >= JUMP_SHARE * sum ? jump / static_cast<double>(run) : 0);
+            jump -= std::fabs(power(first + PHASES, bin) - power(first, bin));
+            sum -= power(first, bin);
+        }
+    }
+    return means;
+}
+
+std::vector<Keyed> Look::find(std::span<const std::complex<float>> samples, Windows block, Windows own,
+                              const Range& band, double least_z) {
+    const int64_t windows = block.end - block.first;
+    const int64_t run = std::min(LOOK_RUN / PHASES, (windows - 1) / PHASES - 1);
+    own = {own.first - block.first, own.end - block.first};
+    if (run < LEAST_RUN || own.first + PHASES * run >= windows) return {};
+    fill_powers(samples, block);
+    level_noise(windows);
+    search_runs(windows, run, own);
+    std::vector<float> copy = best_;
+    const RobustStatistics centre = robust_statistics(copy, upper_median);
+
+    std::vector<Keyed> found;
+    for (std::size_t bin = 0; bin < bins_; bin++) {
+        const double freq_hz = freq_of(bin);
+        if (freq_hz < band.low || freq_hz > band.high) continue;
+        const auto z_of = [&](float jump) { return (static_cast<double>(jump) - centre.median) / centre.sigma; };
+        if (!(z_of(best_[bin]) >= least_z)) continue;
+        const std::vector<float> jumps = jumps_of(bin, windows, run);
+        const auto count = static_cast<int64_t>(jumps.size());
+        for (int64_t w = own.first; w < std::min(own.end, count); w++) {
+            if (!(z_of(jumps[at(w)]) >= least_z)) continue;
+            const auto first = jumps.begin() + std::max<int64_t>(w - APART, 0);
+            const auto end = jumps.begin() + std::min(w + APART + 1, count);
+            if (std::max_element(first, end) - jumps.begin() != w) continue;
+            found.push_back({freq_hz, block.first + w, z_of(jumps[at(w)])});
+        }
+    }
+    std::ranges::stable_sort(found, [](const Keyed& a, const Keyed& b) { return a.z > b.z; });
+    std::vector<Keyed> kept;
+    for (const Keyed& keyed : found) {
+        const bool taken = std::ranges::any_of(kept, [&](const Keyed& other) {
+            return std::fabs(keyed.freq_hz - other.freq_hz) < APART_HZ && std::abs(keyed.window - other.window) < APART;
+        });
+        if (!taken) kept.push_back(keyed);
+    }
+    return kept;
+}

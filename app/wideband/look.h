@@ -1,0 +1,70 @@
+// Where in a slice something is keyed, and when: the statistic of ov_scan in single precision, from half as many
+// windows and bins, and with the time of each find. At z = 6 it misses none of the frames that decode
+// (docs/decoder.md).
+//
+//     samples → power of every chip-long window and bin → mean jump of every run → peaks in time and frequency
+#pragma once
+
+#include <complex>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "base/parse.h"
+#include "wideband/float_fft.h"
+
+inline constexpr double LOOK_STEP_S = 0.064;  // between windows
+inline constexpr int64_t LOOK_RUN = 2 * 238;  // windows: as long as an OPERA frame
+
+// Windows [first, end), counted from the beginning of the slice.
+struct Windows {
+    int64_t first, end;
+};
+
+// Something keyed.
+struct Keyed {
+    double freq_hz;
+    int64_t window;  // the run of LOOK_RUN in which it is keyed most begins there
+    double z;        // sigma above the median of all bins
+};
+
+// Works on one slice at a time; one object for each thread.
+class Look {
+  public:
+    // Throws std::bad_alloc here and below.
+    Look(int32_t rate, double flat_hz);  // of the slices: flat up to that, each side
+
+    // First sample of a window.
+    int64_t sample_of(int64_t window) const;
+
+    // The keyed signals whose run begins in `own`, strongest first: those 30 Hz or half a frame apart.
+    //
+    //   samples  those of `block`, from sample_of(block.first) on
+    //   own      within the block; of what lies around them the strongest half a frame each side counts, too, so
+    //            that neighbouring blocks find a frame once
+    //   band     where to look, Hz
+    std::vector<Keyed> find(std::span<const std::complex<float>> samples, Windows block, Windows own, const Range& band,
+                            double least_z);
+
+    // Windows that `count` samples from that of `first` on hold.
+    int64_t windows_in(int64_t first, int64_t count) const;
+
+  private:
+    void fill_powers(std::span<const std::complex<float>> samples, const Windows& block);
+    void level_noise(int64_t windows);
+    void search_runs(int64_t windows, int64_t run, const Windows& own);
+    std::vector<float> jumps_of(std::size_t bin, int64_t windows, int64_t run) const;
+
+    float power(int64_t window, std::size_t bin) const {
+        return powers_[static_cast<std::size_t>(window) * bins_ + bin];
+    }
+    double freq_of(std::size_t bin) const;
+
+    int32_t rate_;
+    int32_t length_;  // of a window and its transform
+    std::size_t bins_;
+    FloatFftArray<std::complex<float>> buffer_;
+    FloatFftPlan plan_;
+    std::vector<float> powers_;  // row by row
+    std::vector<float> best_;    // of each bin
+};

@@ -1,0 +1,328 @@
+// A step decides on the frames whose strongest run begins in its 36 seconds. It needs what lies around them, so that
+// the samples kept are those of a step, of the longest frame and of some seconds before and after.
+#include "wideband/wide_decoder.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <new>
+#include <optional>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "base/console.h"
+#include "base/error.h"
+#include "base/text.h"
+#include "decoding/decode_block.h"
+#include "spots/spot_log.h"
+#include "wideband/channeliser.h"
+#include "wideband/look.h"
+#include "wideband/slice_store.h"
+
+namespace {
+
+constexpr int64_t STEP = 560;                     // windows: 35.84 s
+constexpr int64_t AROUND = LOOK_RUN / 2 + 1;      // windows that a find is compared with, each side
+constexpr int64_t AHEAD = AROUND + LOOK_RUN + 4;  // windows needed after a step
+constexpr double BEFORE_S = 14;                   // of a decode: before the run,
+constexpr double RUN_S = LOOK_RUN * LOOK_STEP_S;  // the run,
+constexpr double AFTER_S = 14;                    // and after it
+constexpr double SLACK_S = 12;                    // that samples may come while a step is decoded
+constexpr double UNDECIDED_S = 20;                // a frame may begin this long before its run
+constexpr double TILE_HZ = 33;                    // half-width of a decode
+constexpr double BESIDE_HZ = 16;                  // past its border a slice is searched, too
+constexpr double FLAT_HZ = 1790;                  // of a slice, each side
+
+// What one step found, slice by slice.
+struct Step {
+    int64_t number;
+    bool last;
+    int64_t stored;           // samples of each slice when it was begun
+    std::size_t next = 0;     // slice to begin
+    std::size_t working = 0;  // slices begun and not ended
+    std::size_t skipped = 0;
+    bool given_up = false;
+    std::vector<std::vector<Found>> found;  // by slices
+
+    Windows own() const { return {number * STEP, (number + 1) * STEP}; }
+    bool is_done() const { return working == 0 && (given_up || next == found.size()); }
+};
+
+}  // namespace
+
+class WideDecoder::Engine {
+  public:
+    Engine(int32_t rate, const Search& search, const WideOptions& options, Taker take)
+        : search_(search),
+          live_(options.live),
+          take_(std::move(take)),
+          channeliser_(rate, search.iq, band_of(rate, search)),
+          rate_(channeliser_.slice_rate()),
+          look_times_(rate_, FLAT_HZ),
+          store_(channeliser_.slices().size(),
+                 static_cast<int64_t>((static_cast<double>(STEP + AROUND + AHEAD) * LOOK_STEP_S + SLACK_S) * rate_)) {
+        search_.wide = false;
+        search_.iq = true;
+        try {
+            for (unsigned k = 0; k < std::max(1u, options.jobs); k++) threads_.emplace_back([this] { labour(); });
+        } catch (...) {
+            end();
+            throw;
+        }
+    }
+    Engine(const Engine&) = delete;
+    Engine& operator=(const Engine&) = delete;
+    ~Engine() { end(); }
+
+    void push(std::span<const float> samples) {
+        channeliser_.push(samples, sink());
+        deliver(false);
+    }
+
+    void finish() {
+        channeliser_.finish(sink());
+        for (std::size_t k = 0; k < slices(); k++) store_.complete(k);
+        const int64_t windows = look_times_.windows_in(0, received_);
+        while (begun_ == 0 || begun_ * STEP + LOOK_RUN < windows) begin_step(true);
+        deliver(true);
+        release(HUGE_VAL);
+    }
+
+    double done_s() const { return done_s_; }
+    std::string problem() const {
+        const std::lock_guard guard(lock_);
+        return problem_;
+    }
+    double skipped_share() const { return searched_ > 0 ? skipped_ / searched_ : 0; }
+
+  private:
+    static Range band_of(int32_t rate, const Search& search) {
+        require_within(format("%d Hz", rate), search, rate);
+        const Range whole = whole_band(search.iq, rate);
+        const Range asked = search.band.value_or(whole);
+        return {std::max(asked.low, whole.low), std::min(asked.high, whole.high)};
+    }
+
+    std::size_t slices() const { return channeliser_.slices().size(); }
+
+    // ---- The thread that pushes -------------------------------------------------------------------------------------
+
+    Channeliser::Sink sink() {
+        return [this](std::size_t slice, std::span<const std::complex<float>> samples) {
+            if (slice == 0) make_room(static_cast<int64_t>(samples.size()));
+            store_.append(slice, samples);
+            if (slice + 1 < slices()) return;
+            received_ += static_cast<int64_t>(samples.size());
+            while (look_times_.windows_in(0, store_.stored(0)) >= (begun_ + 1) * STEP + AHEAD) begin_step(false);
+        };
+    }
+
+    // First sample that a step needs.
+    int64_t first_of(int64_t step) const {
+        const int64_t first = std::max<int64_t>(0, step * STEP - AROUND);
+        return look_times_.sample_of(first);
+    }
+
+    // Sees to it that what comes next overwrites nothing that is still needed.
+    void make_room(int64_t count) {
+        std::unique_lock guard(lock_);
+        const int64_t kept_from = store_.oldest(received_ + count + SliceStore::CHUNK);
+        const auto in_the_way = [&] { return !steps_.empty() && first_of(steps_.front().number) < kept_from; };
+        while (in_the_way()) {
+            Step& step = steps_.front();
+            if (live_) step.given_up = true;
+            changed_.wait(guard, [&] { return step.is_done(); });
+            deliver_front(guard);
+        }
+    }
+
+    void begin_step(bool last) {
+        {
+            const std::lock_guard guard(lock_);
+            Step& step = steps_.emplace_back();
+            step.number = begun_;
+            step.last = last;
+            step.stored = std::min(received_, store_.stored(0));
+            step.found.resize(slices());
+        }
+        begun_++;
+        work_.notify_all();
+    }
+
+    // Hands out what the steps that have ended found; all of them, at the end.
+    void deliver(bool all) {
+        std::unique_lock guard(lock_);
+        while (!steps_.empty()) {
+            Step& step = steps_.front();
+            if (all) changed_.wait(guard, [&] { return step.is_done(); });
+            if (!step.is_done()) return;
+            deliver_front(guard);
+        }
+    }
+
+    void deliver_front(std::unique_lock<std::mutex>& guard) {
+        const Step step = std::move(steps_.front());
+        steps_.pop_front();
+        guard.unlock();
+        const double end_s = static_cast<double>(step.own().end) * LOOK_STEP_S;
+        const std::size_t skipped = step.found.size() - step.next;
+        searched_ += static_cast<double>(step.found.size());
+        skipped_ += static_cast<double>(skipped);
+        if (skipped > 0) {
+            print_error(
+                format("decoding fell behind: %zu of %zu slices of the band were not searched from %.0f to "
+                       "%.0f s",
+                       skipped, step.found.size(), end_s - STEP * LOOK_STEP_S, end_s));
+        }
+        for (const auto& found : step.found) log_.add(found);
+        done_s_ = end_s;
+        release(end_s - UNDECIDED_S);
+        guard.lock();
+    }
+
+    void release(double time) {
+        log_.release(time, [this](const Found& spot, int32_t) { take_(spot); });
+    }
+
+    // ---- The threads that decode ------------------------------------------------------------------------------------
+
+    void labour() {
+        std::optional<Look> look;
+        std::unique_lock guard(lock_);
+        while (true) {
+            Step* step = nullptr;
+            work_.wait(guard, [&] {
+                const auto open =
+                    std::ranges::find_if(steps_, [](const Step& s) { return !s.given_up && s.next < s.found.size(); });
+                step = open == steps_.end() ? nullptr : &*open;
+                return ended_ || step != nullptr;
+            });
+            if (ended_) return;
+            const std::size_t slice = step->next++;
+            step->working++;
+            const Windows own = step->own();
+            const bool last = step->last;
+            const int64_t stored = step->stored;
+            guard.unlock();
+            std::vector<Found> found;
+            std::string problem;
+            try {
+                if (!look) look.emplace(rate_, FLAT_HZ);
+                found = decode_slice(*look, slice, own, stored, last, problem);
+            } catch (const std::bad_alloc&) {
+                problem = "memory is short";
+            }
+            guard.lock();
+            if (problem_.empty()) problem_ = std::move(problem);
+            step->found[slice] = std::move(found);
+            step->working--;
+            if (step->is_done()) changed_.notify_all();
+        }
+    }
+
+    void end() {
+        {
+            const std::lock_guard guard(lock_);
+            ended_ = true;
+        }
+        work_.notify_all();
+        for (std::thread& thread : threads_) thread.join();
+    }
+
+    std::vector<Found> decode_slice(Look& look, std::size_t slice, const Windows& own, int64_t stored, bool last,
+                                    std::string& problem) const {
+        const int64_t first_window = std::max<int64_t>(0, own.first - AROUND);
+        const int64_t first = look.sample_of(first_window);
+        const int64_t held = look.windows_in(first_window, stored - first);
+        const Windows block = {first_window,
+                               first_window + (last ? held : std::min(held, own.end + AHEAD - first_window))};
+        if (block.end <= own.first) return {};
+        std::vector<std::complex<float>> samples(static_cast<std::size_t>(stored - first));
+        store_.copy(slice, first, samples);
+
+        const auto& [center_hz, own_hz] = channeliser_.slices()[slice];
+        const Range band = {own_hz.low - center_hz - BESIDE_HZ, own_hz.high - center_hz + BESIDE_HZ};
+        const auto keyed = look.find(samples, block, own, band, search_.scan_z);
+        std::vector<Found> all;
+        for (const Keyed& key : keyed) {
+            auto found = decode_around(key, samples, first, keyed.size());
+            if (!found) {
+                problem = "memory is short";
+                continue;
+            }
+            for (Found& spot : *found) spot.freq += center_hz;
+            all.insert(all.end(), found->begin(), found->end());
+        }
+        return all;
+    }
+
+    // The frames around one find, in time and frequency; t counts from the beginning.
+    std::optional<std::vector<Found>> decode_around(const Keyed& key, std::span<const std::complex<float>> samples,
+                                                    int64_t first, std::size_t shares) const {
+        const double run_s = static_cast<double>(key.window) * LOOK_STEP_S;
+        const auto sample_at = [&](double seconds) {
+            const auto sample = static_cast<int64_t>(seconds * rate_) - first;
+            return static_cast<std::size_t>(std::clamp<int64_t>(sample, 0, std::ssize(samples)));
+        };
+        const std::size_t begin = sample_at(run_s - BEFORE_S);
+        const auto part = samples.subspan(begin, sample_at(run_s + RUN_S + AFTER_S) - begin);
+        std::vector<double> i(part.size());
+        std::vector<double> q(part.size());
+        std::ranges::transform(part, i.begin(), [](const auto& sample) { return static_cast<double>(sample.real()); });
+        std::ranges::transform(part, q.begin(), [](const auto& sample) { return static_cast<double>(sample.imag()); });
+        const Band band = {key.freq_hz, TILE_HZ + 0.5 * search_.spread_hz};
+        auto found = decode_bands({i, q, rate_}, search_, std::span(&band, 1), Protocols::IN_TURN, shares);
+        if (!found) return std::nullopt;
+        for (Found& spot : *found) spot.t += static_cast<double>(first + static_cast<int64_t>(begin)) / rate_;
+        return found;
+    }
+
+    Search search_;
+    bool live_;
+    Taker take_;
+    Channeliser channeliser_;
+    int32_t rate_;
+    Look look_times_;  // of the thread that pushes
+    SliceStore store_;
+    int64_t received_ = 0;  // samples of each slice
+    int64_t begun_ = 0;     // steps
+    SpotLog log_{SpotLog::Order::START};
+    double done_s_ = 0;
+    double searched_ = 0;
+    double skipped_ = 0;
+
+    mutable std::mutex lock_;  // of what follows
+    std::condition_variable work_, changed_;
+    std::deque<Step> steps_;  // begun, in order
+    std::string problem_;
+    bool ended_ = false;
+    std::vector<std::thread> threads_;
+};
+
+WideDecoder::WideDecoder(int32_t rate, const Search& search, const WideOptions& options, Taker take)
+    : engine_(std::make_unique<Engine>(rate, search, options, std::move(take))) {}
+WideDecoder::~WideDecoder() = default;
+
+void WideDecoder::push(std::span<const float> samples) {
+    engine_->push(samples);
+}
+
+void WideDecoder::finish() {
+    engine_->finish();
+}
+
+double WideDecoder::done_s() const {
+    return engine_->done_s();
+}
+
+std::string WideDecoder::problem() const {
+    return engine_->problem();
+}
+
+double WideDecoder::skipped_share() const {
+    return engine_->skipped_share();
+}

@@ -1,0 +1,55 @@
+// All frames of a wide band, as its samples come:
+//     samples → slices → the newest of each kept → every half minute, slice by slice: what is keyed → a decode around
+//     each → frames of all slices, each once, in order of time
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "decoding/search.h"
+#include "spots/found.h"
+
+inline constexpr int32_t MOST_WIDE_RATE = 3200000;  // of the input, Hz
+
+struct WideOptions {
+    unsigned jobs = 1;  // threads that decode, besides the one that pushes
+    bool live = false;  // samples do not wait: slices that are not searched in time are skipped, with a line
+};
+
+// Memory is about 1 MB for each slice of 3.4 kHz. One thread at a time.
+class WideDecoder {
+  public:
+    // Called by push() and finish() with each frame once, in order of their starts: t counts from the first sample,
+    // freq from 0 Hz of the input.
+    using Taker = std::function<void(const Found&)>;
+
+    // Of a band wider than a slice, or not; `search.band`, or all that the rate holds.
+    //
+    //   rate   8 kHz to 3.2 MHz
+    // Throws UsageError as Channeliser does, IoError when the input holds nothing of the band, std::bad_alloc here and
+    // in push() and finish().
+    WideDecoder(int32_t rate, const Search& search, const WideOptions& options, Taker take);
+    ~WideDecoder();
+
+    // Samples of full scale 1; I, Q in turn where the search is of I/Q.
+    void push(std::span<const float> samples);
+
+    // Decodes what is left. Nothing may be pushed afterwards.
+    void finish();
+
+    // Until when all was searched, s from the first sample.
+    double done_s() const;
+
+    // Why some of the slices could not be decoded, or "".
+    std::string problem() const;
+
+    // Seconds of slices that a live run had to skip, as a share of all.
+    double skipped_share() const;
+
+  private:
+    class Engine;
+    std::unique_ptr<Engine> engine_;
+};
