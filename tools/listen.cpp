@@ -288,6 +288,7 @@ int listen(const Options& options) {
     if (options.rate && (*options.rate < MIN_RATE || *options.rate > max_rate)) {
         throw UsageError(format("--rate: %d to %d Hz", MIN_RATE, max_rate));
     }
+    if (options.search.wide && options.listener.provisional) throw UsageError("--provisional: not with --wide");
     const Search search = search_of(options.search, false);
     watch_interrupts();
     Output output(options);
@@ -347,6 +348,12 @@ void add_listen(CLI::App& app, int& status) {
         ->check(finite_number())
         ->check(CLI::Range(0.0, 60.0));
     add_search_options(*sub, options->search, "1500 of audio, 0 of I/Q");
+    CLI::Option* wide =
+        sub->add_flag("--wide", options->search.wide, "Search the whole band of each receiver, or --band");
+    sub->add_option("--band", options->search.band,
+                    "Band of a wide search, as -20000:20000 [all that the sample rate holds]")
+        ->type_name("LO:HI")
+        ->needs(wide);
     add_tuning_options(*sub, options->tuning);
     sub->add_flag("--provisional", options->listener.provisional,
                   "Print each spot when it is first decoded, too, and again when it is confirmed or withdrawn");

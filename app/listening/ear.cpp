@@ -1,10 +1,15 @@
 #include "listening/ear.h"
 
+#include <algorithm>
+#include <limits>
+#include <thread>
 #include <utility>
+#include <vector>
 
 #include "base/error.h"
 #include "listening/history.h"
 #include "wideband/channeliser.h"
+#include "wideband/wide_decoder.h"
 
 namespace {
 
@@ -23,7 +28,6 @@ class AudioEar : public Ear {
     void finish(const Listener::Clock& utc) override { listener_.finish(utc); }
     bool last_decode_failed() const override { return listener_.last_decode_failed(); }
     double decode_seconds() const override { return listener_.decode_seconds(); }
-    int64_t decodes() const override { return listener_.decodes(); }
 
   private:
     AudioHistory history_;
@@ -55,7 +59,6 @@ class IqEar : public Ear {
     }
     bool last_decode_failed() const override { return listener_.last_decode_failed(); }
     double decode_seconds() const override { return listener_.decode_seconds(); }
-    int64_t decodes() const override { return listener_.decodes(); }
 
   private:
     // The search as the slice around that frequency has it.
@@ -79,10 +82,55 @@ class IqEar : public Ear {
     int64_t pairs_ = 0;
 };
 
+// A wide band, decoded slice by slice.
+class WideEar : public Ear {
+  public:
+    WideEar(const SourceFormat& format, const Search& search, Listener::Taker take, Listener::Teller tell)
+        : rate_(format.rate),
+          width_(format.iq ? 2 : 1),
+          take_(std::move(take)),
+          tell_(std::move(tell)),
+          decoder_(format.rate, search,
+                   {.jobs = std::max(std::thread::hardware_concurrency(), 1u), .live = !format.waits},
+                   [this](const Found& found) { found_.push_back(found); }) {}
+
+    void push(std::span<const float> samples) override {
+        decoder_.push(samples);
+        frames_ += std::ssize(samples) / width_;
+    }
+    double captured_s() const override { return static_cast<double>(frames_) / rate_; }
+    void update(const Listener::Clock& utc) override {
+        for (Found& found : found_) {
+            found.t = utc(found.t);
+            take_(found, Standing::CONFIRMED);
+        }
+        found_.clear();
+        const std::string problem = decoder_.problem();
+        if (std::exchange(problem_, problem) != problem && !problem.empty()) tell_(problem);
+    }
+    void finish(const Listener::Clock& utc) override {
+        decoder_.finish();
+        update(utc);
+    }
+    bool last_decode_failed() const override { return !problem_.empty(); }
+    double decode_seconds() const override { return std::numeric_limits<double>::quiet_NaN(); }
+
+  private:
+    int32_t rate_;
+    std::ptrdiff_t width_;
+    int64_t frames_ = 0;
+    std::vector<Found> found_;
+    std::string problem_;
+    Listener::Taker take_;
+    Listener::Teller tell_;
+    WideDecoder decoder_;
+};
+
 }  // namespace
 
 std::unique_ptr<Ear> make_ear(const SourceFormat& format, const Search& search, const ListenerOptions& options,
                               Listener::Taker take, Listener::Teller tell) {
+    if (search.wide) return std::make_unique<WideEar>(format, search, std::move(take), std::move(tell));
     if (!format.iq) return std::make_unique<AudioEar>(format.rate, search, options, std::move(take), std::move(tell));
     require_within("I/Q", search, format.rate);
     return std::make_unique<IqEar>(format.rate, search, options, std::move(take), std::move(tell));

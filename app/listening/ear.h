@@ -24,8 +24,7 @@ class Ear {
     virtual void finish(const Listener::Clock& utc) = 0;  // the same at the end
 
     virtual bool last_decode_failed() const = 0;
-    virtual double decode_seconds() const = 0;  // that decodes took so far
-    virtual int64_t decodes() const = 0;
+    virtual double decode_seconds() const = 0;  // that decodes took so far; NaN where that is not measured
 };
 
 // The one for samples of that format; the search, which must outlive it, counts frequencies as they do. Throws IoError

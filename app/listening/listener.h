@@ -45,9 +45,8 @@ class Listener {
 
     bool last_decode_failed() const { return !complaint_.empty(); }
 
-    // How long the decodes have taken so far, s, and how many there were.
+    // How long the decodes have taken so far, s.
     double decode_seconds() const { return decode_s_; }
-    int64_t decodes() const { return decodes_; }
 
   private:
     double copy_block();

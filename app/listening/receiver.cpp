@@ -106,7 +106,10 @@ void Receiver::end() {
 
 void Receiver::take(const Piece& piece) {
     lost_s_ += piece.lost_s;
-    if (piece.lost_s > MOST_FILL_S) end();
+    if (piece.lost_s > MOST_FILL_S) {
+        end();
+        unheard_s_ += piece.lost_s;
+    }
     if (!ear_) begin();
     if (piece.lost_s > 0 && piece.lost_s <= MOST_FILL_S) fill(piece.lost_s);
     ear_->push(piece.samples);
@@ -152,7 +155,7 @@ void Receiver::fill(double seconds) {
 }
 
 double Receiver::utc(double captured_s) const {
-    return options_.start ? *options_.start + captured_s : clock_.utc(captured_s);
+    return options_.start ? *options_.start + unheard_s_ + captured_s_ + captured_s : clock_.utc(captured_s);
 }
 
 void Receiver::tell_status_in_time() {

@@ -84,6 +84,7 @@ class Receiver {
     ClockCheck check_;
     double captured_s_ = 0;  // before this ear
     double lost_s_ = 0;
+    double unheard_s_ = 0;  // of it, before this ear, what no silence was put for
     double decode_s_ = 0;  // before this ear
     LevelMeter meter_;     // since the last status
     std::optional<Spectrum> spectrum_;

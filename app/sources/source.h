@@ -12,8 +12,9 @@
 
 struct SourceFormat {
     bool iq = false;
-    int32_t rate = 0;              // Hz
-    std::optional<Tuning> tuning;  // where the source knows it
+    int32_t rate = 0;                   // Hz
+    std::optional<Tuning> tuning = {};  // where the source knows it
+    bool waits = false;                 // samples that are not read yet stay where they are
 };
 
 // Samples that follow one another.

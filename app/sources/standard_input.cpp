@@ -32,7 +32,7 @@ StandardInput::StandardInput(const SourceOptions& options)
     : name_(options.name),
       sample_format_(options.samples),
       channels_(options.iq ? 2 : static_cast<std::size_t>(options.channels)),
-      format_{.iq = options.iq, .rate = options.rate.value_or(USUAL_RATE), .tuning = {}},
+      format_{.iq = options.iq, .rate = options.rate.value_or(USUAL_RATE), .tuning = {}, .waits = true},
       bytes_(channels_ * sample_format_.bytes * static_cast<std::size_t>(READ_S * format_.rate)) {}
 
 Source::State StandardInput::read(Piece& piece) {
