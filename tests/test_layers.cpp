@@ -136,7 +136,7 @@ TEST(Layers, RoomsKnowOnlyTheRoomsBelowThem) {
         {"recordings", {"base", "spots", "decoding", "wideband"}},
         {"wideband", {"base", "spots", "decoding"}},
         {"sources", {"base"}},
-        {"listening", {"base", "spots", "decoding", "sources", "wideband"}},
+        {"listening", {"base", "spots", "decoding", "sources", "wideband", "recordings"}},
         {"pictures", {"base", "spots", "recordings"}},
     };
     std::set<std::string> rooms;

@@ -63,6 +63,22 @@ void add_recording_options(CLI::App& sub, RecordingOptions& options) {
                    "Channel to take, counted from 1; with --iq that of I, followed by Q [mean]")
         ->type_name("N")
         ->check(CLI::Range(1, 1024));
+    sub.add_option_function<std::string>(
+           "--raw",
+           [&options](const std::string& text) {
+               options.raw = parse_sample_format(text);
+               if (!options.raw) {
+                   throw UsageError(
+                       "--raw: '" + text +
+                       "' is not one of u8, s8, u16, s16, s24, u32, s32, f32, f64, or big endian with be behind it");
+               }
+           },
+           "The recordings are bare samples: u8 s8 s16 s24 s32 f32 f64, big endian with be behind it [by name: .cu8 "
+           ".cs16 .cf32 .cfile are I/Q, .u8 .s16 .f32 are not]")
+        ->type_name("FORMAT");
+    sub.add_option("--rate", options.raw_rate, "Sample rate of bare samples")
+        ->type_name("HZ")
+        ->check(CLI::Range(uint32_t{1}, static_cast<uint32_t>(MOST_RAW_RATE)));
     add_tuning_options(sub, options.tuning);
 }
 

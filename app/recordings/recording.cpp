@@ -50,6 +50,18 @@ std::vector<Take> known_takes(std::vector<Take> takes, const RecordingOptions& o
 
 }  // namespace
 
+void require_channels(const std::string& path, const RecordingOptions& options, int32_t channels) {
+    if (options.iq && options.channel == 0 && channels != 2) {
+        throw IoError(
+            format("cannot read '%s': I/Q needs two channels, it has %d (see --channel)", path.c_str(), channels));
+    }
+    const int32_t needed = options.channel > 0 ? options.channel + (options.iq ? 1 : 0) : (options.iq ? 2 : 1);
+    if (channels < needed) {
+        throw IoError(
+            format("cannot read '%s': it has %d channel%s", path.c_str(), channels, channels == 1 ? "" : "s"));
+    }
+}
+
 Recording::Recording(std::string path, const RecordingOptions& options, uint32_t file_rate, int64_t frames,
                      std::vector<Take> takes)
     : path_(std::move(path)),

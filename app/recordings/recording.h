@@ -32,6 +32,11 @@ struct RecordingOptions {
     SaidTuning tuning = {};                 // of the receiver
 };
 
+inline constexpr double MOST_RAW_RATE = 100e6;  // Hz, of samples that do not say themselves
+
+// Throws IoError when a file of so many channels does not have those that the options ask for.
+void require_channels(const std::string& path, const RecordingOptions& options, int32_t channels);
+
 // What is known of the samples from one on, up to the next such.
 struct Take {
     double begin_s = 0;         // from the start of the file
@@ -66,6 +71,9 @@ class Recording {
 
     // Appends frames [first, first + count) to x and q; fewer when the file ends before. One thread at a time.
     virtual void read_frames(int64_t first, int64_t count, Stretch& out) = 0;
+
+    // Of a recording whose length is not known from the start.
+    void set_frames(int64_t frames) { frames_ = frames; }
 
     // Appends whole frames of so many channels as the options ask.
     void append(std::span<const double> samples, std::size_t channels, Stretch& out) const;
