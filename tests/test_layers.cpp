@@ -110,6 +110,7 @@ TEST(Layers, ProgramsUseOfTheLibraryWhatIsListed) {
         {"ovsync.h", {"app/pictures/chip_view.cpp"}},
         {"owners.h", {"app/decoding/decode_block.cpp", "app/pictures/chip_view.cpp"}},
         {"robust.h", {"app/wideband/look.cpp"}},  // the level of noise with signals in it
+        {"multiversion.h", {"app/wideband/look.cpp", "app/wideband/slice_store.cpp", "app/wideband/channeliser.cpp"}},
         {"ovfft.h", {"app/pictures/waterfall.cpp"}},  // spectra
     };
     for (const char* const folder : {"app", "tools"}) {

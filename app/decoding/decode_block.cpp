@@ -18,6 +18,7 @@ constexpr double SPOTS_PER_MINUTE = 64;  // as the library reports from a block
 constexpr double MOST = 1e6;             // of either
 constexpr double LEAK_HZ = 30;
 constexpr double LEAK_CONTRAST = 0.1;  // of the frame's
+constexpr double BESIDE_HZ = 4;        // half-width of a band beside a frame
 constexpr double CENTRAL_HZ = 12;
 constexpr double SAME_S = 15.3;  // two frames of a callsign this close are one, as for the library
 
@@ -29,6 +30,16 @@ int transform(const Block& block, int32_t out_rate, ov_spectrum& spectrum) {
     const auto n = static_cast<int32_t>(block.x.size());
     return block.q.empty() ? ov_spectrum_real(block.x.data(), n, block.rate, out_rate, spectrum)
                            : ov_spectrum_iq(block.x.data(), block.q.data(), n, block.rate, out_rate, spectrum);
+}
+
+// The same spectrum, for basebands at a multiple of its rate.
+ov_spectrum faster(const ov_spectrum& spectrum, int32_t rate) {
+    const int32_t times = rate / spectrum.out_rate;
+    ov_spectrum out = spectrum;
+    out.out_rate *= times;
+    out.nout *= times;
+    out.nsamp_out *= times;
+    return out;
 }
 
 std::optional<std::vector<Found>> decode_baseband(const ov_baseband& baseband, const ov_params& params,
@@ -66,9 +77,9 @@ std::optional<std::vector<Found>> decode_in_turn(const ov_baseband& baseband, co
 // The decodes of several bands of one block, which share its transform.
 class Bands {
   public:
-    Bands(const Block& block, const Search& search, const ov_params& params, const ov_spectrum& spectrum,
+    Bands(const Block& block, const Search& search, const ov_params& params, const ov_spectrum& spectrum, int32_t rate,
           Protocols protocols)
-        : block_(block), search_(search), params_(params), spectrum_(spectrum), protocols_(protocols) {}
+        : block_(block), search_(search), params_(params), spectrum_(spectrum), rate_(rate), protocols_(protocols) {}
 
     // False when memory is short.
     bool add(const Band& band) {
@@ -92,7 +103,7 @@ class Bands {
         ov_params params = params_;
         params.deep_search = 0;
         for (const double offset_hz : {-24.0, -20.0, -16.0, -12.0, 12.0, 16.0, 20.0, 24.0}) {
-            auto found = decode({spot.freq + offset_hz, 4}, params);
+            auto found = decode({spot.freq + offset_hz, BESIDE_HZ}, params);
             if (!found) return false;
             std::erase_if(*found, [&](const Found& beside) {
                 return std::ranges::any_of(all_, [&](const Found& frame) { return is_phantom(beside, frame); });
@@ -104,7 +115,7 @@ class Bands {
 
     std::optional<std::vector<Found>> decode(const Band& band) const {
         BasebandOwner baseband;
-        if (ov_baseband_extract(spectrum_, band.center_hz, baseband) != 0) return std::nullopt;
+        if (ov_baseband_extract(faster(spectrum_, rate_), band.center_hz, baseband) != 0) return std::nullopt;
         const ov_params params = params_of(band, params_);
         auto found = protocols_ == Protocols::TOGETHER ? decode_baseband(baseband, params, block_.minutes())
                                                        : decode_in_turn(baseband, params, block_.minutes());
@@ -112,6 +123,7 @@ class Bands {
         return found;
     }
 
+    // At the lowest rate: that is the transform's.
     std::optional<std::vector<Found>> decode(const Band& band, const ov_params& params) const {
         BasebandOwner baseband;
         if (ov_baseband_extract(spectrum_, band.center_hz, baseband) != 0) return std::nullopt;
@@ -142,6 +154,7 @@ class Bands {
     const Search& search_;
     const ov_params& params_;
     const ov_spectrum& spectrum_;
+    int32_t rate_;  // of a band's baseband, a multiple of the spectrum's
     Protocols protocols_;
     std::vector<Found> all_;
 };
@@ -184,14 +197,16 @@ std::optional<std::vector<Found>> decode_bands(const Block& block, const Search&
                                                Protocols protocols, std::size_t shares, double end_max) {
     ov_params params = params_for(block, search, end_max);
     params.deep_pfa /= static_cast<double>(std::max<std::size_t>(1, shares));
-    params.search_hz = MOST_BAND_HZ / 2;
-    if (protocols == Protocols::IN_TURN && !search.coherent) {
-        params.search_hz = std::ranges::max(bands, {}, &Band::half_hz).half_hz;
-    }
-    const auto rate = baseband_rate(params, static_cast<int32_t>(block.x.size()), block.rate);
+    const auto rate_for = [&](double half_hz) {
+        params.search_hz = half_hz;
+        return baseband_rate(params, static_cast<int32_t>(block.x.size()), block.rate);
+    };
+    const bool narrow = protocols == Protocols::IN_TURN && !search.coherent;
+    const auto rate = rate_for(narrow ? std::ranges::max(bands, {}, &Band::half_hz).half_hz : MOST_BAND_HZ / 2);
+    const auto beside = narrow ? rate_for(BESIDE_HZ) : rate;
     SpectrumOwner spectrum;
-    if (!rate || transform(block, *rate, spectrum) != 0) return std::nullopt;
-    Bands decoded(block, search, params, spectrum, protocols);
+    if (!rate || !beside || transform(block, *beside, spectrum) != 0) return std::nullopt;
+    Bands decoded(block, search, params, spectrum, *rate, protocols);
     for (const Band& band : bands) {
         if (!decoded.add(band)) return std::nullopt;
     }

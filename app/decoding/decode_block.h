@@ -39,7 +39,7 @@ struct Band {
 enum class Protocols {
     TOGETHER,  // all of them
     IN_TURN,   // one after the other until a frame is found in the middle: for a band around one, whose shadows would
-              // take the others ten times as long as the frame
+               // take the others ten times as long as the frame
 };
 
 // Decodes some bands of a block, at least one IN_TURN, as decode_block() does, and beside each frame found.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "multiversion.h"
 #include "robust.h"
 
 namespace {
@@ -17,6 +18,33 @@ constexpr int64_t APART = LOOK_RUN / 2;
 
 std::size_t at(int64_t index) {
     return static_cast<std::size_t>(index);
+}
+
+// Adds (or with a sign of -1 takes away) the jump from one row of powers to the next.
+ORVEL_MULTIVERSION void add_jumps(const float* row, const float* next, double sign, std::size_t n, double* jumps,
+                                  double* powers) {
+    for (std::size_t k = 0; k < n; k++) {
+        jumps[k] += sign * static_cast<double>(std::fabs(next[k] - row[k]));
+        powers[k] += sign * static_cast<double>(row[k]);
+    }
+}
+
+// The greatest sums of jumps of those runs that are keyed.
+ORVEL_MULTIVERSION void raise(const double* jumps, const double* powers, std::size_t n, double* best) {
+    for (std::size_t k = 0; k < n; k++) {
+        const double jump = jumps[k] >= JUMP_SHARE * powers[k] ? jumps[k] : 0;
+        best[k] = jump > best[k] ? jump : best[k];
+    }
+}
+
+ORVEL_MULTIVERSION void scale(const float* units, std::size_t n, float* row) {
+    for (std::size_t k = 0; k < n; k++) row[k] *= units[k];
+}
+
+ORVEL_MULTIVERSION void powers_of(const std::complex<float>* bins, std::size_t n, float* powers) {
+    const auto* const values = reinterpret_cast<const float*>(bins);
+    for (std::size_t k = 0; k < n; k++)
+        powers[k] = values[2 * k] * values[2 * k] + values[2 * k + 1] * values[2 * k + 1];
 }
 
 }  // namespace
@@ -51,9 +79,8 @@ void Look::fill_powers(std::span<const std::complex<float>> samples, const Windo
         const auto from = samples.begin() + (sample_of(w) - sample_of(block.first));
         std::copy(from, from + length_, buffer_.get());
         fftwf_execute(plan_.get());
-        const auto power_of = [](const std::complex<float>& x) { return x.real() * x.real() + x.imag() * x.imag(); };
-        std::transform(buffer_.get() + length_ - half, buffer_.get() + length_, row, power_of);
-        std::transform(buffer_.get(), buffer_.get() + half + 1, row + half, power_of);
+        powers_of(buffer_.get() + length_ - half, at(half), row);
+        powers_of(buffer_.get(), at(half + 1), row + half);
     }
 }
 
@@ -73,41 +100,32 @@ void Look::level_noise(int64_t windows) {
         const float level = upper_median(std::span(levels).subspan(low, high - low + 1));
         units[bin] = 1 / std::max(level, NOISE_FLOOR);
     }
-    for (int64_t w = 0; w < windows; w++) {
-        float* const row = powers_.data() + at(w) * bins_;
-        for (std::size_t bin = 0; bin < bins_; bin++) row[bin] *= units[bin];
-    }
+    for (int64_t w = 0; w < windows; w++) scale(units.data(), bins_, powers_.data() + at(w) * bins_);
 }
 
 // The best mean jump of each bin over the runs that begin in `own`.
 void Look::search_runs(int64_t windows, int64_t run, const Windows& own) {
-    best_.assign(bins_, 0);
+    std::vector<double> best(bins_);
     std::vector<double> jumps(bins_);
-    std::vector<double> sums(bins_);
-    const auto row = [&](int64_t w) { return powers_.data() + at(w) * bins_; };
-    for (int64_t first = own.first; first < own.first + PHASES; first++) {
+    std::vector<double> powers(bins_);
+    const auto add = [&](int64_t w, double sign) {
+        const float* const row = powers_.data() + at(w) * bins_;
+        add_jumps(row, row + PHASES * bins_, sign, bins_, jumps.data(), powers.data());
+    };
+    for (int64_t first = own.first; first < own.first + PHASES && first + PHASES * run < windows; first++) {
         std::ranges::fill(jumps, 0);
-        std::ranges::fill(sums, 0);
-        const auto add = [&](int64_t w, double sign) {
-            const float* const x = row(w);
-            const float* const next = row(w + PHASES);
-            for (std::size_t bin = 0; bin < bins_; bin++) {
-                jumps[bin] += sign * std::fabs(next[bin] - x[bin]);
-                sums[bin] += sign * x[bin];
-            }
-        };
-        for (int64_t i = 0; i < run && first + PHASES * run < windows; i++) add(first + PHASES * i, 1);
-        for (int64_t w = first; w < own.end && w + PHASES * run < windows; w += PHASES) {
-            for (std::size_t bin = 0; bin < bins_; bin++) {
-                const auto jump = static_cast<float>(jumps[bin] >= JUMP_SHARE * sums[bin] ? jumps[bin] : 0);
-                best_[bin] = std::max(best_[bin], jump);
-            }
+        std::ranges::fill(powers, 0);
+        for (int64_t i = 0; i < run; i++) add(first + PHASES * i, 1);
+        for (int64_t w = first; w < own.end; w += PHASES) {
+            raise(jumps.data(), powers.data(), bins_, best.data());
             if (w + PHASES * (run + 1) >= windows) break;
             add(w, -1);
             add(w + PHASES * run, 1);
         }
     }
-    for (float& best : best_) best /= static_cast<float>(run);
+    best_.resize(bins_);
+    std::ranges::transform(best, best_.begin(),
+                           [run](double jump) { return static_cast<float>(jump / static_cast<double>(run)); });
 }
 
 // The mean jump of the runs that begin at each window of the block.

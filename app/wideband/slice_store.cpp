@@ -1,11 +1,28 @@
 #include "wideband/slice_store.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 
 namespace {
 
 constexpr float MOST = 32767;
+
+float greatest_of(const float* values, std::size_t n) {
+    std::array<float, 16> greatest{};  // side by side
+    for (std::size_t k = 0; k + greatest.size() <= n; k += greatest.size()) {
+        for (std::size_t lane = 0; lane < greatest.size(); lane++) {
+            greatest[lane] = std::max(greatest[lane], std::fabs(values[k + lane]));
+        }
+    }
+    return *std::ranges::max_element(greatest);
+}
+
+// Rounds half up.
+int16_t rounded(float value) {
+    constexpr float SHIFT = 32768;  // conversion to an integer cuts off, so that of what is positive is wanted
+    return static_cast<int16_t>(static_cast<int32_t>(value + (SHIFT + 0.5F)) - static_cast<int32_t>(SHIFT));
+}
 
 }  // namespace
 
@@ -36,17 +53,15 @@ void SliceStore::complete(std::size_t slice) {
 
 void SliceStore::store_chunk(std::size_t slice) {
     auto& begun = slices_[slice].begun;
-    float greatest = 0;
-    for (const auto& sample : begun) {
-        greatest = std::max({greatest, std::fabs(sample.real()), std::fabs(sample.imag())});
-    }
+    const auto* const values = reinterpret_cast<const float*>(begun.data());
+    const float greatest = greatest_of(values, 2 * CHUNK);
     const float units = greatest > 0 ? MOST / greatest : 0;
     const std::size_t chunk = place(slice, slices_[slice].chunks++);
     scales_[chunk] = greatest / MOST;
-    std::ranges::transform(begun, pairs_.get() + chunk * CHUNK, [units](const std::complex<float>& sample) {
-        return Pair{static_cast<int16_t>(std::lrint(sample.real() * units)),
-                    static_cast<int16_t>(std::lrint(sample.imag() * units))};
-    });
+    Pair* const pairs = pairs_.get() + chunk * CHUNK;
+    for (std::size_t k = 0; k < CHUNK; k++) {
+        pairs[k] = {rounded(values[2 * k] * units), rounded(values[2 * k + 1] * units)};
+    }
     begun.clear();
 }
 
