@@ -6,6 +6,7 @@
 #include <cmath>
 #include <csignal>
 #include <cstdint>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
@@ -287,6 +288,72 @@ TEST_F(Receivers, RowsOfASpectrumShowTheCarrierWhereItIs) {
     EXPECT_EQ(of_type("spot", result.out).size() + rows.size(), lines_of(result.out).size());
 }
 
+// ---- Recording ------------------------------------------------------------------------------------------------------
+
+std::vector<std::string> files_in(const std::string& directory) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+        names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+TEST_F(Receivers, WhatIsRecordedDecodesToTheSameSpots) {
+    Scene scene = scene_of("K2QRX", 12000, 100, 150);
+    scene.stations.push_back({.chips = opera_chips("G4QZB"), .t_start = 75, .freq_hz = -80, .snr_db = -12});
+    std::filesystem::create_directory(path("kept"));
+    for (const char* const name : {"kept/orvel_20251230_000000.sigmf-data", "kept/orvel_20251230_000000.sigmf-meta",
+                                   "kept/orvel_20251231_230000.sigmf-data", "kept/orvel_20251230.sigmf-data",
+                                   "kept/other_20251230_000000.sigmf-data"}) {
+        write(name, "");
+    }
+    const ProcessResult listened =
+        listen(write("iq.raw", s16_iq(scene)), {"--stdin", "--iq", "--rate=12000", MIDNIGHT, "--json", "--dial=137500",
+                                                "--record", path("kept"), "--record-length=1m"});
+    EXPECT_EQ(listened.status, 0);
+    EXPECT_EQ(listened.err, "");
+    EXPECT_EQ(files_in(path("kept")), (Arguments{"orvel_20251230.sigmf-data", "orvel_20251231_230000.sigmf-data",
+                                                 "orvel_20260101_000000.sigmf-data", "orvel_20260101_000000.sigmf-meta",
+                                                 "orvel_20260101_000100.sigmf-data", "orvel_20260101_000100.sigmf-meta",
+                                                 "orvel_20260101_000200.sigmf-data", "orvel_20260101_000200.sigmf-meta",
+                                                 "other_20251230_000000.sigmf-data"}));
+    const auto expected = lines_of(listened.out);
+    ASSERT_EQ(expected.size(), 2u) << listened.out;
+    const Arguments files = {"orvel_20260101_000000.sigmf-meta", "orvel_20260101_000100.sigmf-meta"};
+    for (std::size_t k = 0; k < 2; k++) {
+        const JsonValue spot = JsonValue::parse(expected[k]);
+        const ProcessResult decoded = orvel({"decode", "--json", OPERA, path("kept/" + files[k])});
+        bool same = false;
+        for (const std::string& line : lines_of(decoded.out)) {
+            const JsonValue other = JsonValue::parse(line);
+            same = same || (other.at("call") == spot.at("call").text() &&
+                            std::fabs(other.at("rf_hz").number() - spot.at("rf_hz").number()) < 0.2 &&
+                            other.at("utc_start").text().substr(0, 20) == spot.at("utc_start").text().substr(0, 20));
+        }
+        EXPECT_TRUE(same) << spot << decoded.out << decoded.err;
+    }
+}
+
+TEST_F(Receivers, OnlyRecordingsAroundSpotsAreKeptIfThatIsAskedFor) {
+    const Scene scene = scene_of("K2QRX", 12000, 1480, 300);
+    const ProcessResult listened = listen(write("audio.raw", s16_audio(scene)),
+                                          {"--stdin", "--rate=12000", MIDNIGHT, "--json", "--every=15", "--record",
+                                           path("kept"), "--record-length=1m", "--around-spots=5s"});
+    EXPECT_EQ(lines_of(listened.out).size(), 1u) << listened.err;
+    EXPECT_EQ(files_in(path("kept")),
+              (Arguments{"orvel_20260101_000000.sigmf-data", "orvel_20260101_000000.sigmf-meta"}));
+}
+
+TEST_F(Receivers, ListeningGoesOnWhereNothingCanBeRecorded) {
+    const std::string file = write("audio.raw", s16_audio(scene_of("K2QRX", 12000, 1480)));
+    const ProcessResult result =
+        listen(file, {"--stdin", "--rate=12000", MIDNIGHT, "--json", "--record", "/dev/null/recordings"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(lines_of(result.out).size(), 1u);
+    EXPECT_TRUE(one_line_with(result, {"not recorded: cannot write '/dev/null/recordings"}));
+}
+
 TEST_F(Receivers, WrongOptionsAreWrongUsage) {
     const std::vector<std::pair<Arguments, Arguments>> wrong = {
         {{"--receiver", "hf"}, {"--receiver", "'hf'", "NAME=SOURCE"}},
@@ -304,6 +371,8 @@ TEST_F(Receivers, WrongOptionsAreWrongUsage) {
         {{"--stdin", "--status=never", "--json"}, {"--status", "'never'"}},
         {{"--stdin", "--spectrum=5"}, {"--spectrum", "--json"}},
         {{"--stdin", "--json", "--spectrum=0"}, {"--spectrum", "'0'"}},
+        {{"--stdin", "--keep=1h"}, {"--keep", "--record"}},
+        {{"--stdin", "--record=x", "--keep=soon"}, {"--keep", "'soon'"}},
         {{"--stdin", "--band=0:9"}, {"--band", "--wide"}},
         {{"--stdin", "--wide", "--provisional"}, {"--provisional", "--wide"}},
         {{"--stdin", "--sideband", "am"}, {"--sideband", "'am'"}},

@@ -24,6 +24,7 @@
 #include "listening/line_queue.h"
 #include "listening/listener.h"
 #include "listening/receiver.h"
+#include "listening/recorder.h"
 #include "listening/spectrum.h"
 #include "listening/status.h"
 #include "options.h"
@@ -39,7 +40,7 @@ constexpr int32_t MAX_RATE = 384000;
 constexpr int32_t MAX_IQ_RATE = 3200000;
 constexpr double DAY_S = 86400;
 constexpr std::size_t MAX_LINES = 10000;  // that wait to be printed
-constexpr double STATUS_S = 60;
+constexpr double SPOT_FILE_S = 120;       // recordings of which only those with spots are kept
 
 // The command line, as typed.
 struct Options {
@@ -56,6 +57,8 @@ struct Options {
     std::string start;
     std::string status;  // "" = none, else the interval
     std::string spectrum;
+    std::string record;  // "" = nowhere
+    std::string record_length, keep, around_spots;
     bool json = false;
     bool csv = false;
 
@@ -168,6 +171,26 @@ double interval_of(const std::string& option, const std::string& text, bool json
     return *seconds;
 }
 
+// A length of time after an option, or what it is without.
+double duration_of(const std::string& option, const std::string& text, double missing) {
+    if (text.empty()) return missing;
+    const auto seconds = parse_duration(text);
+    if (!seconds) throw UsageError(option + ": '" + text + "' is not a length of time");
+    return *seconds;
+}
+
+std::optional<RecorderOptions> recording_of(const Options& options) {
+    if (options.record.empty()) return std::nullopt;
+    RecorderOptions recording{.directory = options.record};
+    if (!options.around_spots.empty()) {
+        recording.around_spots_s = duration_of("--around-spots", options.around_spots, 0);
+        recording.file_s = SPOT_FILE_S;
+    }
+    recording.file_s = duration_of("--record-length", options.record_length, recording.file_s);
+    recording.keep_s = duration_of("--keep", options.keep, recording.keep_s);
+    return recording;
+}
+
 struct NamedSource {
     std::string name, source;
 };
@@ -215,6 +238,7 @@ Receivers open_receivers(const Options& options, const Search& search, Output& o
     const auto start = start_of(options);
     const double status_s = interval_of("--status", options.status, options.json);
     const double spectrum_s = interval_of("--spectrum", options.spectrum, options.json);
+    const auto recording = recording_of(options);
     const SampleFormat samples = sample_format_of(options.sample_format.value_or("s16"));
     Receivers receivers;
     for (const NamedSource& named : sources) {
@@ -224,13 +248,18 @@ Receivers open_receivers(const Options& options, const Search& search, Output& o
                                       .samples = samples,
                                       .iq = options.iq && named.source == "-",
                                       .channels = options.channels.value_or(1)};
-        const ReceiverOptions receiver = {.name = named.name,
-                                          .search = search,
-                                          .listener = options.listener,
-                                          .tuning = options.tuning,
-                                          .start = start,
-                                          .status_s = status_s,
-                                          .spectrum_s = spectrum_s};
+        ReceiverOptions receiver = {.name = named.name,
+                                    .search = search,
+                                    .listener = options.listener,
+                                    .tuning = options.tuning,
+                                    .start = start,
+                                    .status_s = status_s,
+                                    .spectrum_s = spectrum_s,
+                                    .record = {}};
+        if (recording) {
+            receiver.record = recording;
+            receiver.record->name = named.name;
+        }
         ReceiverTakers takers = {
             .spot = [&output, name = named.name](
                         const Found& found, Standing standing,
@@ -363,6 +392,19 @@ void add_listen(CLI::App& app, int& status) {
     sub->add_option("--spectrum", options->spectrum,
                     "Print a row of a waterfall of what is searched as often, in base64")
         ->type_name("SECONDS");
+    CLI::Option* record =
+        sub->add_option("--record", options->record, "Also record what is heard, as SigMF into that directory")
+            ->type_name("DIRECTORY");
+    sub->add_option("--record-length", options->record_length, "Length of each recording [1h; with --around-spots 2m]")
+        ->type_name("LENGTH")
+        ->needs(record);
+    sub->add_option("--keep", options->keep, "Remove recordings that are older [24h]")
+        ->type_name("LENGTH")
+        ->needs(record);
+    sub->add_option("--around-spots", options->around_spots,
+                    "Keep only recordings with spots, or so long before or after one")
+        ->type_name("LENGTH")
+        ->needs(record);
     CLI::Option* json = sub->add_flag("--json", options->json, "Print one JSON object per line");
     sub->add_flag("--csv", options->csv, "Print comma-separated values, their names first")->excludes(json);
     sub->footer("Runs until Ctrl-C or the end of standard input. Times are UTC.");

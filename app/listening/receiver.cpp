@@ -11,6 +11,7 @@
 #include "base/interrupts.h"
 #include "base/text.h"
 #include "base/utc.h"
+#include "spots/spot.h"
 
 namespace {
 
@@ -30,26 +31,36 @@ Range band_of(const Search& search, int32_t rate) {
 
 Receiver::Receiver(const ReceiverOptions& options, std::unique_ptr<Source> source, ReceiverTakers takers)
     : options_(options), source_(std::move(source)), takers_(std::move(takers)) {
+    if (options_.record) {
+        recorder_.emplace(*options_.record, [this](const std::string& text) { tell(options_.name, text); });
+    }
     begin();
 }
 
 void Receiver::run() {
-    try {
-        listen();
-    } catch (const std::bad_alloc&) {
-        tell(options_.name, "memory is short");
-        failed_ = true;
-    } catch (const std::exception& error) {
-        tell(options_.name, error.what());
-        failed_ = true;
-    }
-    try {
-        source_->close();
-    } catch (const IoError& error) {
-        tell(options_.name, error.what());
-        failed_ = true;
-    }
+    attempt([this] { listen(); });
+    attempt([this] {
+        if (!halted_) end();
+    });
+    attempt([this] { source_->close(); });
+    if (source_->failed() || decode_failed_) failed_ = true;
+    if (recorder_) recorder_->close();
     if (options_.status_s > 0) tell_status();
+}
+
+// What goes wrong is told, and is no reason to leave out the rest.
+void Receiver::attempt(const std::function<void()>& step) {
+    std::string problem;
+    try {
+        step();
+    } catch (const std::bad_alloc&) {
+        problem = "memory is short";
+    } catch (const std::exception& error) {
+        problem = error.what();
+    }
+    if (problem.empty()) return;
+    tell(options_.name, problem);
+    failed_ = true;
 }
 
 Receiver::Level Receiver::level() const {
@@ -67,9 +78,6 @@ void Receiver::listen() {
         if (state == Source::State::SAMPLES) take(piece);
         tell_status_in_time();
     }
-    if (halted_) return;
-    end();
-    failed_ = source_->failed() || decode_failed_;
 }
 
 // The ear for what the source brings.
@@ -80,10 +88,14 @@ void Receiver::begin() {
     ear_ = make_ear(
         format_, options_.search, options_.listener,
         [this](const Found& found, Standing standing) {
-            if (standing == Standing::CONFIRMED) spots_++;
+            if (standing == Standing::CONFIRMED) {
+                spots_++;
+                if (recorder_) recorder_->mark(found.t, spot_end(found));
+            }
             takers_.spot(found, standing, tuning_);
         },
         [this](const std::string& text) { tell(options_.name, text); });
+    fresh_ = true;
     clock_ = {};
     check_ = {};
     row_ = {};
@@ -119,6 +131,7 @@ void Receiver::take(const Piece& piece) {
     if (format_.iq && !options_.start) lost_s_ += lost_s;
 
     measure(piece);
+    if (recorder_) record(piece);
     ear_->update([this](double captured_s) { return utc(captured_s); });
 }
 
@@ -140,6 +153,12 @@ void Receiver::measure(const Piece& piece) {
     if (options_.spectrum_s <= 0 || ear_->captured_s() < row_at_s_ || row_.empty()) return;
     row_at_s_ += options_.spectrum_s * std::ceil((ear_->captured_s() - row_at_s_ + 1e-9) / options_.spectrum_s);
     takers_.row({.receiver = options_.name, .utc = at, .band = spectrum_->band(), .levels_db = row_.take_db()});
+}
+
+void Receiver::record(const Piece& piece) {
+    const double seconds = static_cast<double>(piece.samples.size()) / (format_.iq ? 2 : 1) / format_.rate;
+    const bool broken = std::exchange(fresh_, false) || piece.lost_s > 0;
+    recorder_->take(piece.samples, utc(ear_->captured_s() - seconds), format_, tuning_, broken);
 }
 
 // Silence in place of what was lost keeps the rest of a frame where it belongs.

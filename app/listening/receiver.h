@@ -15,6 +15,7 @@
 #include "listening/ear.h"
 #include "listening/level.h"
 #include "listening/listener.h"
+#include "listening/recorder.h"
 #include "listening/sample_clock.h"
 #include "listening/spectrum.h"
 #include "listening/status.h"
@@ -28,6 +29,7 @@ struct ReceiverOptions {
     std::optional<double> start;  // UTC of the first sample; else samples have just come
     double status_s = 0;          // between statuses; 0 = none
     double spectrum_s = 0;        // between rows of a spectrum, of samples; 0 = none
+    std::optional<RecorderOptions> record;
 };
 
 // What a receiver has to say, on its own thread.
@@ -64,12 +66,14 @@ class Receiver {
     const std::string& name() const { return options_.name; }
 
   private:
+    void attempt(const std::function<void()>& step);
     void listen();
     void take(const Piece& piece);
     void fill(double seconds);
     void begin();
     void end();
     void measure(const Piece& piece);
+    void record(const Piece& piece);
     void tell_status_in_time();
     void tell_status();
     double utc(double captured_s) const;
@@ -82,11 +86,13 @@ class Receiver {
     std::unique_ptr<Ear> ear_;  // none between a break and what follows
     SampleClock clock_;
     ClockCheck check_;
+    std::optional<Recorder> recorder_;
+    bool fresh_ = true;      // nothing was recorded since the ear began
     double captured_s_ = 0;  // before this ear
     double lost_s_ = 0;
     double unheard_s_ = 0;  // of it, before this ear, what no silence was put for
-    double decode_s_ = 0;  // before this ear
-    LevelMeter meter_;     // since the last status
+    double decode_s_ = 0;   // before this ear
+    LevelMeter meter_;      // since the last status
     std::optional<Spectrum> spectrum_;
     MeanSpectrum row_;    // since the last one
     MeanSpectrum noise_;  // since the last status
