@@ -360,6 +360,13 @@ void on_the_air() {
 
 // ---- The command line -----------------------------------------------------------------------------------------------
 
+// What an rtl_tcp server sends, and what names it.
+void servers() {
+    Seed().rest(std::string_view("RTL0\0\0\0\x05\0\0\0\x1d", 12)).bytes(20, 7).save("rtl_tcp", "header");
+    Seed().bytes(20, 8).save("rtl_tcp", "no_header");
+    Seed().rest("[::1]:1235?freq=0.1375M&rate=1024k&gain=-1.5&ppm=-12&direct=2").save("rtl_tcp", "address");
+}
+
 void command_line() {
     const auto words = [](int32_t parser, std::string_view text) {
         Seed seed;
@@ -430,5 +437,6 @@ int main(int argc, char** argv) {
     blocks();
     on_the_air();
     command_line();
+    servers();
     return 0;
 }

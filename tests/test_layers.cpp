@@ -136,7 +136,8 @@ TEST(Layers, RoomsKnowOnlyTheRoomsBelowThem) {
         {"simulation", {"base"}},
         {"recordings", {"base", "spots", "decoding", "wideband"}},
         {"wideband", {"base", "spots", "decoding"}},
-        {"listening", {"base", "spots", "decoding"}},
+        {"sources", {"base"}},
+        {"listening", {"base", "spots", "decoding", "sources", "wideband", "recordings"}},
         {"pictures", {"base", "spots", "recordings"}},
     };
     std::set<std::string> rooms;

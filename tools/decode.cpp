@@ -1,10 +1,15 @@
 #include "subcommands.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <new>
 #include <optional>
 #include <string>
+#include <system_error>
+#include <utility>
 #include <vector>
 
 #include "base/console.h"
@@ -16,6 +21,7 @@
 #include "options.h"
 #include "recordings/decode_recording.h"
 #include "recordings/open_recording.h"
+#include "recordings/sigmf.h"
 #include "spots/spot_table.h"
 
 namespace {
@@ -30,6 +36,7 @@ struct Options {
     std::string start;
     bool json = false;
     bool csv = false;
+    std::string annotate;
     bool verbose = false;
 };
 
@@ -58,59 +65,114 @@ std::optional<double> start_of(const Options& options, const std::string& file) 
 // How the spots of a file are printed.
 class Printer {
   public:
-    Printer(const Options& options, const std::string& file)
-        : options_(options), file_(file), file_utc_(start_of(options, file)) {}
+    Printer(const Options& options, const Recording& recording) : options_(options), recording_(recording) {}
 
     std::string heading() const {
         if (options_.json) return "";
-        if (options_.csv) return spot_csv_names(complete({}));
-        return spot_header(file_utc_ ? format("%22s", "UTC") : format("%9s", "time s"), options_.search.coherent);
+        if (options_.csv) return spot_csv_names(complete({}), columns());
+        return spot_header(dated() ? format("%22s", "UTC") : format("%9s", "time s"), options_.search.coherent,
+                           tuned());
     }
 
-    std::string line(const Found& found) const {
-        const Spot spot = complete(found);
+    std::string line(const Spot& spot) const {
         if (options_.json) return spot_line(spot);
-        if (options_.csv) return spot_csv(spot);
-        return spot_row(file_utc_ ? utc_text(*file_utc_ + spot.start, 1) : format("%9s", cell(spot.start, 3).c_str()),
-                        spot);
+        if (options_.csv) return spot_csv(spot, columns());
+        const std::string seconds = format("%*s", dated() ? 22 : 9, cell(spot.start, 3).c_str());
+        return spot_row(spot.file_utc ? utc_text(*spot.file_utc + spot.start, 1) : seconds, spot, tuned());
     }
 
-  private:
     Spot complete(const Found& found) const {
-        Spot spot = spot_of(found, file_);
-        spot.file_utc = file_utc_;
+        Spot spot = spot_of(found, recording_.path());
+        const double middle_s = 0.5 * (spot.start + spot.end);
+        const auto tuning = recording_.tuning(middle_s);
+        spot.file_utc = recording_.utc_zero(middle_s);
+        if (tuning) spot.rf_hz = tuning->rf_hz(spot.freq_hz);
         if (options_.search.coherent) spot.finding = finding_of(found);
         return spot;
     }
 
+  private:
+    // Whether anything is known of times and of frequencies on the air.
+    bool dated() const { return recording_.utc_zero(recording_.seconds()).has_value(); }
+    bool tuned() const { return recording_.tuning(recording_.seconds()).has_value(); }
+
+    // The same for all files of a command.
+    SpotColumns columns() const {
+        const bool some_know = std::ranges::any_of(options_.files, is_sigmf);
+        return {some_know || !options_.start.empty(), some_know || options_.recording.tuning.dial_hz.has_value()};
+    }
+
     const Options& options_;
-    const std::string& file_;
-    std::optional<double> file_utc_;
+    const Recording& recording_;
+};
+
+// The spots of a recording on their way into a copy of its metadata.
+class Annotations {
+  public:
+    // Throws UsageError or IoError when there is no such metadata, or the copy would replace it.
+    Annotations(const std::string& path, std::string output) : output_(std::move(output)) {
+        if (output_.empty()) return;
+        if (!is_sigmf(path)) throw UsageError("--sigmf-annotate: '" + path + "' has no SigMF metadata");
+        std::error_code error;
+        if (std::filesystem::equivalent(sigmf_base(path) + ".sigmf-meta", output_, error)) {
+            throw UsageError("--sigmf-annotate: '" + output_ + "' is the recording's own metadata");
+        }
+        metadata_ = sigmf_metadata(path);
+        offset_ = parse_sigmf(metadata_).offset;
+    }
+
+    void add(const Spot& spot, double rate) {
+        if (!output_.empty()) all_.push_back(annotation_of(spot, rate, offset_));
+    }
+
+    void write() const {
+        if (!output_.empty()) replace_file(output_, sigmf_annotated(metadata_, all_));
+    }
+
+  private:
+    std::string output_, metadata_;
+    uint64_t offset_ = 0;
+    std::vector<SigmfAnnotation> all_;
 };
 
 // Decodes a file and prints its spots in order of time, after a heading as soon as something could be decoded. Throws
 // IoError.
-void decode_file(const std::string& path, const Options& options, const DecodingOptions& decoding,
+void decode_file(const std::string& path, const Options& options, DecodingOptions decoding,
                  const std::function<void(const std::string&)>& heading) {
-    const Printer printer(options, path);
-    const auto recording = open_recording(path, options.recording);
+    RecordingOptions how = options.recording;
+    how.start_utc = start_of(options, path);
+    std::unique_ptr<PipedRecording> pipe;
+    if (is_pipe(path)) pipe = open_pipe(path, how);
+    const std::unique_ptr<Recording> file = pipe ? nullptr : open_recording(path, how);
+    Recording* const recording = pipe ? pipe.get() : file.get();
+    decoding.search.iq = recording->iq();
+    const Printer printer(options, *recording);
+    Annotations annotations(path, options.annotate);
     Progress progress("'" + path + "'", recording->seconds());
     SpotTaker taker;
     taker.begin = [&] {
         progress.clear();
         heading(printer.heading());
     };
-    taker.take = [&](const Found& spot) {
+    taker.take = [&](const Found& found) {
         progress.clear();
+        const Spot spot = printer.complete(found);
+        annotations.add(spot, recording->file_rate());
         print(printer.line(spot));
     };
     taker.progress = [&](double done_s, std::size_t spots) { progress.show(done_s, spots); };
     taker.go_on = flush_output;
-    decode_recording(*recording, decoding, 0, recording->seconds(), taker);
+    if (pipe) {
+        decode_piped(*pipe, decoding, taker);
+    } else {
+        decode_recording(*recording, decoding, 0, recording->seconds(), taker);
+    }
+    annotations.write();
 }
 
 int decode(const Options& options) {
     if (options.start != START_IN_NAME) start_of(options, "");
+    if (!options.annotate.empty() && options.files.size() > 1) throw UsageError("--sigmf-annotate takes one recording");
     const DecodingOptions decoding = decoding_of(options);
     int status = EXIT_DONE;
     bool first = true;
@@ -141,7 +203,9 @@ int decode(const Options& options) {
 void add_decode(CLI::App& app, int& status) {
     CLI::App* sub = app.add_subcommand("decode", "Decode the beacons in recordings");
     const auto options = std::make_shared<Options>();
-    sub->add_option("FILE", options->files, "Recordings: WAV, FLAC, Ogg, AIFF, W64 and whatever else libsndfile reads")
+    sub->add_option("FILE", options->files,
+                    "Recordings: WAV, FLAC, Ogg, AIFF, W64 and whatever else libsndfile reads, SigMF, bare samples; - "
+                    "is standard input")
         ->required();
     add_recording_options(*sub, options->recording);
     CLI::Option* wide =
@@ -170,6 +234,9 @@ void add_decode(CLI::App& app, int& status) {
         ->type_name("TIME");
     CLI::Option* json = sub->add_flag("--json", options->json, "Print one JSON object per line");
     sub->add_flag("--csv", options->csv, "Print comma-separated values, their names first")->excludes(json);
+    sub->add_option("--sigmf-annotate", options->annotate,
+                    "Write a copy of the SigMF metadata with an annotation for each frame")
+        ->type_name("FILE");
     sub->add_flag("-v,--verbose", options->verbose, "Print what the decoder did to standard error");
     sub->footer(
         "Times are seconds from the start of the file, or UTC with --start; SNRs refer to the mean power of the frame "

@@ -9,7 +9,7 @@
 #include "base/json.h"
 #include "base/text.h"
 #include "exit_status.h"
-#include "listening/devices.h"
+#include "sources/devices.h"
 
 namespace {
 

@@ -1,10 +1,18 @@
-// Audio from either source goes through the library's capture ring, from which a Listener decodes it.
+// Each receiver decodes in a thread of its own; what they print meets in one queue, from which this thread writes.
 #include "subcommands.h"
 
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
 #include <cmath>
+#include <csignal>
+#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "base/console.h"
@@ -13,12 +21,14 @@
 #include "base/text.h"
 #include "base/utc.h"
 #include "exit_status.h"
-#include "listening/capture.h"
-#include "listening/devices.h"
+#include "listening/line_queue.h"
 #include "listening/listener.h"
-#include "listening/raw_input.h"
-#include "listening/sample_clock.h"
+#include "listening/receiver.h"
+#include "listening/recorder.h"
+#include "listening/spectrum.h"
+#include "listening/status.h"
 #include "options.h"
+#include "sources/source.h"
 #include "spots/spot_table.h"
 
 namespace {
@@ -27,102 +37,115 @@ constexpr double POLL_S = 0.05;
 constexpr int32_t MAX_CHANNELS = 16;
 constexpr int32_t MIN_RATE = 8000;
 constexpr int32_t MAX_RATE = 384000;
-constexpr int32_t STDIN_RATE = 48000;
+constexpr int32_t MAX_IQ_RATE = 3200000;
 constexpr double DAY_S = 86400;
+constexpr std::size_t MAX_LINES = 10000;  // that wait to be printed
+constexpr double SPOT_FILE_S = 120;       // recordings of which only those with spots are kept
 
 // The command line, as typed.
 struct Options {
     SearchOptions search;
     ListenerOptions listener;
+    SaidTuning tuning;
     std::string device;
+    std::vector<std::string> receivers;
     std::optional<int32_t> rate;
     bool from_stdin = false;
-    std::string sample_format = "s16";
-    int32_t channels = 1;
+    bool iq = false;
+    std::optional<std::string> sample_format;
+    std::optional<int32_t> channels;
     std::string start;
+    std::string status;  // "" = none, else the interval
+    std::string spectrum;
+    std::string record;  // "" = nowhere
+    std::string record_length, keep, around_spots;
     bool json = false;
     bool csv = false;
+
+    // Whether lines of JSON say what they are, and spots who heard them.
+    bool typed() const { return !status.empty() || !spectrum.empty() || listener.provisional || named(); }
+    bool named() const { return !receivers.empty(); }
 };
 
-// What listening prints: spots on standard output, and the level on the status line.
+// What listening prints: lines on standard output, and the levels on the status line.
 class Output {
   public:
-    explicit Output(const Options& options) : options_(options) {
-        if (options.csv) print(spot_csv_names(complete({})));
-        if (!options.json && !options.csv) print(spot_header(format("%22s", "UTC"), options.search.coherent));
+    explicit Output(const Options& options) : options_(options) {}
+
+    // From any thread. An output that stands still delays nobody.
+    void spot(const Found& found, Standing standing, const std::string& receiver, const std::optional<Tuning>& tuning) {
+        Spot spot = complete(found, standing, receiver);
+        if (tuning) spot.rf_hz = tuning->rf_hz(spot.freq_hz);
+        push(options_.json  ? (options_.typed() ? typed_spot_line(spot) : spot_line(spot))
+             : options_.csv ? spot_csv(spot, {.rf = with_rf_})
+                            : spot_row(first_column(utc_text(spot.start, 1), spot), spot, with_rf_));
+    }
+    void status(const Status& status) { push(status_line(status)); }
+    void row(const SpectrumRow& row) { push(spectrum_line(row)); }
+
+    // The rest from one thread, first this: before the others begin.
+    void header(bool with_rf) {
+        with_rf_ = with_rf;
+        const Spot any = complete({}, Standing::CONFIRMED, "receiver");
+        if (options_.csv) print(spot_csv_names(any, {.rf = with_rf_}));
+        if (!options_.json && !options_.csv) {
+            print(spot_header(first_column(format("%22s", "UTC"), any), options_.search.coherent, with_rf_));
+        }
     }
 
-    void spot(const Found& found) {
-        line_.clear();
-        const Spot spot = complete(found);
-        print(options_.json  ? spot_line(spot)
-              : options_.csv ? spot_csv(spot)
-                             : spot_row(utc_text(spot.start, 1), spot));
-        flush_output();
-        printed_++;
+    // Prints what comes within that time. False when it cannot be written.
+    bool pass_on(double seconds) {
+        for (auto line = queue_.pop(seconds); line; line = queue_.pop(0)) {
+            line_.clear();
+            print(*line);
+            if (!flush_output()) return false;
+        }
+        return flush_output();
     }
 
-    void level(const ovl_audio_stats& stats, double now) {
-        line_.show(format("%s  level %.1f dB, peak %.1f dB, %lld spots", utc_text(now, 0).c_str(), stats.rms_db,
-                          stats.peak_db, static_cast<long long>(printed_)));
+    void levels(const std::vector<std::unique_ptr<Receiver>>& receivers) {
+        std::string text;
+        int64_t spots = 0;
+        for (const auto& receiver : receivers) {
+            const Receiver::Level level = receiver->level();
+            if (level.utc == 0) continue;
+            if (text.empty()) text = utc_text(level.utc, 0);
+            text += format("  %slevel %.1f dB, peak %.1f dB,",
+                           (receiver->name() + (options_.named() ? ": " : "")).c_str(), level.rms_db, level.peak_db);
+            spots += receiver->spots();
+        }
+        if (!text.empty()) line_.show(text + format(" %lld spots", static_cast<long long>(spots)));
     }
 
   private:
-    Spot complete(const Found& found) const {
+    Spot complete(const Found& found, Standing standing, const std::string& receiver) const {
         Spot spot = spot_of(found);
         if (options_.search.coherent) spot.finding = finding_of(found);
+        if (options_.named()) spot.receiver = receiver;
+        if (options_.listener.provisional) spot.standing = standing;
         return spot;
     }
 
+    // The time, who heard it, and what is thought of it.
+    static std::string first_column(std::string text, const Spot& spot) {
+        if (!spot.receiver.empty()) text += format("  %-10s", printable(spot.receiver).c_str());
+        if (spot.standing) text += format("  %-11s", standing_name(*spot.standing));
+        return text;
+    }
+
+    void push(std::string line) {
+        const bool dropped = !queue_.push(std::move(line));
+        if (dropped_.exchange(dropped) != dropped) {
+            print_error(dropped ? "the output stands still: lines are dropped" : "the output moves on");
+        }
+    }
+
     const Options& options_;
+    bool with_rf_ = false;
+    LineQueue queue_{MAX_LINES};
+    std::atomic<bool> dropped_ = false;
     StatusLine line_;
-    int64_t printed_ = 0;
 };
-
-int status_of(const Listener& listener, bool input_failed) {
-    return flush_output() && !input_failed && !listener.last_decode_failed() ? EXIT_DONE : EXIT_FAILED;
-}
-
-int listen_to_device(const Options& options, const Search& search, ovl_audio* audio) {
-    const int32_t device = find_device(options.device, Direction::INPUT);
-    Capture capture(audio, device, options.rate.value_or(0), Listener::ring_seconds(options.listener));
-    capture.open();
-    try {
-        require_served(audio, search);
-    } catch (const IoError&) {
-        capture.close();
-        throw;
-    }
-    Output output(options);
-    Listener listener(search, options.listener, audio, [&](const Found& spot) { output.spot(spot); });
-    SampleClock clock;
-    const auto utc = [&](double captured_s) { return clock.utc(captured_s); };
-    OverflowReport overflows;
-    while (!interrupted()) {
-        nap(POLL_S);
-        ovl_audio_stats stats;
-        const Capture::State state = capture.watch(stats);
-        if (state == Capture::State::STALLED) {
-            listener.finish(utc);
-            capture.reopen();
-        }
-        if (state == Capture::State::STALLED || state == Capture::State::OPENING) continue;
-        if (state == Capture::State::RESTARTED) {
-            listener.restart();
-            clock = {};
-        }
-        const double now = utc_now();
-        clock.observe(stats.captured_s, now);
-        listener.update(stats, utc);
-        overflows.see(stats, now);
-        output.level(stats, now);
-        if (!flush_output()) break;
-    }
-    if (!capture.reopening()) listener.finish(utc);
-    flush_output();
-    capture.close();
-    return status_of(listener, false);
-}
 
 std::optional<double> start_of(const Options& options) {
     if (options.start.empty()) return std::nullopt;
@@ -131,44 +154,182 @@ std::optional<double> start_of(const Options& options) {
     return start;
 }
 
-int listen_to_stdin(const Options& options, const Search& search, ovl_audio* audio) {
-    const std::optional<double> start = start_of(options);
-    const int32_t rate = options.rate.value_or(STDIN_RATE);
-    if (ovl_audio_start_input(audio, OVL_AUDIO_NONE, rate, Listener::ring_seconds(options.listener)) != 0) {
-        throw IoError(ovl_audio_last_error(audio));
+// What --format names.
+SampleFormat sample_format_of(const std::string& name) {
+    if (name == "float") return {.kind = SampleFormat::Kind::FLOAT, .bytes = 4};
+    const auto format = parse_sample_format(name);
+    if (!format) throw UsageError("--format: '" + name + "' is not one of s16, float, u8, s8, s24, s32, f32, f64");
+    return *format;
+}
+
+// The interval between lines of a type that only JSON has; 0 = none.
+double interval_of(const std::string& option, const std::string& text, bool json) {
+    if (text.empty()) return 0;
+    if (!json) throw UsageError(option + ": needs --json");
+    const auto seconds = parse_duration(text);
+    if (!seconds) throw UsageError(option + ": '" + text + "' is not a length of time");
+    return *seconds;
+}
+
+// A length of time after an option, or what it is without.
+double duration_of(const std::string& option, const std::string& text, double missing) {
+    if (text.empty()) return missing;
+    const auto seconds = parse_duration(text);
+    if (!seconds) throw UsageError(option + ": '" + text + "' is not a length of time");
+    return *seconds;
+}
+
+std::optional<RecorderOptions> recording_of(const Options& options) {
+    if (options.record.empty()) return std::nullopt;
+    RecorderOptions recording{.directory = options.record};
+    if (!options.around_spots.empty()) {
+        recording.around_spots_s = duration_of("--around-spots", options.around_spots, 0);
+        recording.file_s = SPOT_FILE_S;
     }
-    require_served(audio, search);
-    Output output(options);
-    Listener listener(search, options.listener, audio, [&](const Found& spot) { output.spot(spot); });
-    RawInput input({options.sample_format == "float", options.channels, rate});
-    SampleClock clock;
-    ovl_audio_stats stats{};
-    const auto utc = [&](double captured_s) { return start ? *start + captured_s : clock.utc(captured_s); };
-    std::vector<float> samples;
-    while (input.read(samples)) {
-        ovl_audio_push(audio, samples.data(), static_cast<int32_t>(samples.size()) / options.channels,
-                       options.channels);
-        ovl_audio_input_stats(audio, &stats);
-        const double now = utc_now();
-        clock.observe(stats.captured_s, now);
-        listener.update(stats, utc);
-        output.level(stats, stats.captured_s > 0 ? utc(stats.captured_s) : now);
-        if (!flush_output()) return EXIT_FAILED;
+    recording.file_s = duration_of("--record-length", options.record_length, recording.file_s);
+    recording.keep_s = duration_of("--keep", options.keep, recording.keep_s);
+    return recording;
+}
+
+struct NamedSource {
+    std::string name, source;
+};
+
+NamedSource split_receiver(const std::string& text) {
+    const std::size_t equals = text.find('=');
+    if (equals == 0 || equals == std::string::npos) {
+        throw UsageError("--receiver: '" + text + "' is not NAME=SOURCE");
     }
-    listener.finish(utc);
-    return status_of(listener, input.failed());
+    return {text.substr(0, equals), text.substr(equals + 1)};
+}
+
+std::vector<NamedSource> sources_of(const Options& options) {
+    if (!options.named()) return {{"", options.from_stdin ? "-" : options.device}};
+    std::vector<NamedSource> sources;
+    for (const std::string& text : options.receivers) {
+        const NamedSource source = split_receiver(text);
+        for (const NamedSource& other : sources) {
+            if (other.name == source.name) throw UsageError("--receiver: two are named '" + source.name + "'");
+            if (other.source == source.source) {
+                throw UsageError("--receiver: '" + other.name + "' and '" + source.name + "' have the same source");
+            }
+        }
+        sources.push_back(source);
+    }
+    return sources;
+}
+
+// Some options are about standard input alone.
+void require_standard_input(const Options& options, const std::vector<NamedSource>& sources) {
+    if (std::ranges::find(sources, "-", &NamedSource::source) != sources.end()) return;
+    const char* const vain = options.sample_format    ? "--format"
+                             : options.channels       ? "--channels"
+                             : options.iq             ? "--iq"
+                             : !options.start.empty() ? "--start"
+                                                      : nullptr;
+    if (vain != nullptr) throw UsageError(std::string(vain) + ": is for standard input (--stdin)");
+}
+
+using Receivers = std::vector<std::unique_ptr<Receiver>>;
+
+Receivers open_receivers(const Options& options, const Search& search, Output& output) {
+    const std::vector<NamedSource> sources = sources_of(options);
+    require_standard_input(options, sources);
+    const auto start = start_of(options);
+    const double status_s = interval_of("--status", options.status, options.json);
+    const double spectrum_s = interval_of("--spectrum", options.spectrum, options.json);
+    const auto recording = recording_of(options);
+    const SampleFormat samples = sample_format_of(options.sample_format.value_or("s16"));
+    Receivers receivers;
+    for (const NamedSource& named : sources) {
+        const SourceOptions source = {.name = named.name,
+                                      .rate = options.rate,
+                                      .keep_s = Listener::history_seconds(options.listener),
+                                      .samples = samples,
+                                      .iq = options.iq && named.source == "-",
+                                      .channels = options.channels.value_or(1)};
+        ReceiverOptions receiver = {.name = named.name,
+                                    .search = search,
+                                    .listener = options.listener,
+                                    .tuning = options.tuning,
+                                    .start = start,
+                                    .status_s = status_s,
+                                    .spectrum_s = spectrum_s,
+                                    .record = {}};
+        if (recording) {
+            receiver.record = recording;
+            receiver.record->name = named.name;
+        }
+        ReceiverTakers takers = {
+            .spot = [&output, name = named.name](
+                        const Found& found, Standing standing,
+                        const std::optional<Tuning>& tuning) { output.spot(found, standing, name, tuning); },
+            .status = [&output](const Status& status) { output.status(status); },
+            .row = [&output](const SpectrumRow& row) { output.row(row); }};
+        receivers.push_back(std::make_unique<Receiver>(receiver, open_source(named.source, source), std::move(takers)));
+    }
+    return receivers;
+}
+
+// Signals come to the thread that prints: they end a write to an output that nobody reads.
+class SignalsElsewhere {
+  public:
+    SignalsElsewhere() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, &before_);
+    }
+    SignalsElsewhere(const SignalsElsewhere&) = delete;
+    SignalsElsewhere& operator=(const SignalsElsewhere&) = delete;
+    ~SignalsElsewhere() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+  private:
+    sigset_t before_{};
+};
+
+// False when the output could not be written.
+bool run(const Receivers& receivers, Output& output) {
+    std::atomic<std::size_t> running = receivers.size();
+    std::vector<std::jthread> threads;
+    {
+        const SignalsElsewhere elsewhere;
+        for (const auto& receiver : receivers) {
+            threads.emplace_back([&running, &receiver] {
+                receiver->run();
+                --running;
+            });
+        }
+    }
+    bool written = true;
+    while (running > 0 && written) {
+        written = output.pass_on(POLL_S);
+        output.levels(receivers);
+    }
+    if (!written) {
+        for (const auto& receiver : receivers) receiver->halt();
+    }
+    threads.clear();  // joins them
+    return written && output.pass_on(0);
 }
 
 int listen(const Options& options) {
-    is_s16(options.sample_format);
-    if (options.rate && (*options.rate < MIN_RATE || *options.rate > MAX_RATE)) {
-        throw UsageError("--rate: 8000 to 384000 Hz");
+    const int32_t max_rate = options.iq ? MAX_IQ_RATE : MAX_RATE;
+    if (options.rate && (*options.rate < MIN_RATE || *options.rate > max_rate)) {
+        throw UsageError(format("--rate: %d to %d Hz", MIN_RATE, max_rate));
     }
+    if (options.search.wide && options.listener.provisional) throw UsageError("--provisional: not with --wide");
     const Search search = search_of(options.search, false);
-    const AudioObject audio = make_audio();
     watch_interrupts();
-    return options.from_stdin ? listen_to_stdin(options, search, audio.get())
-                              : listen_to_device(options, search, audio.get());
+    Output output(options);
+    const Receivers receivers = open_receivers(options, search, output);
+    output.header(std::ranges::any_of(receivers, [](const auto& receiver) { return receiver->tuning().has_value(); }));
+    const bool written = run(receivers, output);
+    const bool failed = std::ranges::any_of(receivers, [](const auto& receiver) { return receiver->failed(); });
+    if (any_source_hangs()) {
+        flush_output();
+        std::_Exit(EXIT_FAILED);
+    }
+    return written && !failed ? EXIT_DONE : EXIT_FAILED;
 }
 
 }  // namespace
@@ -177,24 +338,32 @@ void add_listen(CLI::App& app, int& status) {
     CLI::App* sub = app.add_subcommand("listen", "Decode beacons as they come, from a sound device or standard input");
     const auto options = std::make_shared<Options>();
     CLI::Option* device =
-        sub->add_option("--device", options->device, "Number of the device or a part of its name [the default input]")
+        sub->add_option("--device", options->device,
+                        "Number of the device or a part of its name, or another source [the default input]")
             ->type_name("DEVICE");
     sub->add_option("--rate", options->rate, "Sample rate [the device's; of standard input 48000]")->type_name("HZ");
     CLI::Option* raw =
         sub->add_flag("--stdin", options->from_stdin, "Take raw little-endian samples from standard input")
             ->excludes(device);
-    sub->add_option("--format", options->sample_format, "Samples of standard input: s16 (16-bit) or float [s16]")
-        ->type_name("FORMAT")
-        ->needs(raw);
+    sub->add_option("--receiver", options->receivers,
+                    "One of several receivers: a name for it, and as its source a device as above, - for standard "
+                    "input, or rtl_tcp://HOST:PORT?freq=HZ&rate=HZ; may be given again")
+        ->type_name("NAME=SOURCE")
+        ->allow_extra_args(false)
+        ->excludes(device)
+        ->excludes(raw);
+    sub->add_flag("--iq", options->iq, "Standard input is I/Q: two channels, I and Q");
+    sub->add_option("--format,--raw", options->sample_format,
+                    "Samples of standard input: s16 (16-bit) or float (32-bit), u8, s8, s24, s32, f64; with be behind "
+                    "it the most significant byte first [s16]")
+        ->type_name("FORMAT");
     sub->add_option("--channels", options->channels, "Channels of standard input, of which the mean is taken [1]")
         ->type_name("N")
-        ->check(CLI::Range(1, MAX_CHANNELS))
-        ->needs(raw);
+        ->check(CLI::Range(1, MAX_CHANNELS));
     sub->add_option("--start", options->start,
                     "UTC time of the first sample of standard input: 12:00[:00] (the latest such) or "
                     "2026-03-01T12:00[:00]Z [as samples arrive]")
-        ->type_name("TIME")
-        ->needs(raw);
+        ->type_name("TIME");
     sub->add_option("--every", options->listener.every_s,
                     "Interval between decodes; a spot comes one to two intervals after its hold-off [4]")
         ->type_name("SECONDS")
@@ -207,7 +376,35 @@ void add_listen(CLI::App& app, int& status) {
         ->type_name("SECONDS")
         ->check(finite_number())
         ->check(CLI::Range(0.0, 60.0));
-    add_search_options(*sub, options->search, "1500");
+    add_search_options(*sub, options->search, "1500 of audio, 0 of I/Q");
+    CLI::Option* wide =
+        sub->add_flag("--wide", options->search.wide, "Search the whole band of each receiver, or --band");
+    sub->add_option("--band", options->search.band,
+                    "Band of a wide search, as -20000:20000 [all that the sample rate holds]")
+        ->type_name("LO:HI")
+        ->needs(wide);
+    add_tuning_options(*sub, options->tuning);
+    sub->add_flag("--provisional", options->listener.provisional,
+                  "Print each spot when it is first decoded, too, and again when it is confirmed or withdrawn");
+    sub->add_flag("--status{60}", options->status,
+                  "Print how each receiver is doing: --status=SECONDS for another interval [60]")
+        ->type_name("SECONDS");
+    sub->add_option("--spectrum", options->spectrum,
+                    "Print a row of a waterfall of what is searched as often, in base64")
+        ->type_name("SECONDS");
+    CLI::Option* record =
+        sub->add_option("--record", options->record, "Also record what is heard, as SigMF into that directory")
+            ->type_name("DIRECTORY");
+    sub->add_option("--record-length", options->record_length, "Length of each recording [1h; with --around-spots 2m]")
+        ->type_name("LENGTH")
+        ->needs(record);
+    sub->add_option("--keep", options->keep, "Remove recordings that are older [24h]")
+        ->type_name("LENGTH")
+        ->needs(record);
+    sub->add_option("--around-spots", options->around_spots,
+                    "Keep only recordings with spots, or so long before or after one")
+        ->type_name("LENGTH")
+        ->needs(record);
     CLI::Option* json = sub->add_flag("--json", options->json, "Print one JSON object per line");
     sub->add_flag("--csv", options->csv, "Print comma-separated values, their names first")->excludes(json);
     sub->footer("Runs until Ctrl-C or the end of standard input. Times are UTC.");

@@ -58,6 +58,8 @@ Offer offer_of(const CLI::Option& option) {
     if (!option.get_positional() && option.get_items_expected_max() == 0) return {Values::NONE, {}};
     if (name == "format") return {Values::WORDS, {"s16", "float"}};
     if (name == "protocol") return {Values::WORDS, protocol_words()};
+    if (name == "raw") return {Values::WORDS, {"u8", "s8", "s16", "s24", "s32", "f32", "f64"}};
+    if (name == "sideband") return {Values::WORDS, {"usb", "lsb"}};
     if (name == "protocols") {
         std::vector<std::string> words = protocol_words();
         words.emplace_back("all");

@@ -40,12 +40,46 @@ SoundWriter::Container container_of(const std::string& output, bool s16) {
     return SoundWriter::Container::FLAC;
 }
 
+void add_tuning_options(CLI::App& sub, SaidTuning& tuning) {
+    sub.add_option("--dial", tuning.dial_hz,
+                   "Frequency that the receiver was tuned to, of I/Q its centre: spots then show theirs on the air")
+        ->type_name("HZ")
+        ->check(finite_number());
+    sub.add_option_function<std::string>(
+           "--sideband",
+           [&tuning](const std::string& text) {
+               if (text != "usb" && text != "lsb") {
+                   throw UsageError("--sideband: '" + text + "' is not one of usb, lsb");
+               }
+               tuning.sideband = text == "lsb" ? Sideband::LOWER : Sideband::UPPER;
+           },
+           "Side of the dial frequency on which the samples lie: usb, or lsb, where they count downward [usb]")
+        ->type_name("SIDE");
+}
+
 void add_recording_options(CLI::App& sub, RecordingOptions& options) {
     sub.add_flag("--iq", options.iq, "The recordings are I/Q: two channels, I and Q");
     sub.add_option("--channel", options.channel,
                    "Channel to take, counted from 1; with --iq that of I, followed by Q [mean]")
         ->type_name("N")
         ->check(CLI::Range(1, 1024));
+    sub.add_option_function<std::string>(
+           "--raw",
+           [&options](const std::string& text) {
+               options.raw = parse_sample_format(text);
+               if (!options.raw) {
+                   throw UsageError(
+                       "--raw: '" + text +
+                       "' is not one of u8, s8, u16, s16, s24, u32, s32, f32, f64, or big endian with be behind it");
+               }
+           },
+           "The recordings are bare samples: u8 s8 s16 s24 s32 f32 f64, big endian with be behind it [by name: .cu8 "
+           ".cs16 .cf32 .cfile are I/Q, .u8 .s16 .f32 are not]")
+        ->type_name("FORMAT");
+    sub.add_option("--rate", options.raw_rate, "Sample rate of bare samples")
+        ->type_name("HZ")
+        ->check(CLI::Range(uint32_t{1}, static_cast<uint32_t>(MOST_RAW_RATE)));
+    add_tuning_options(sub, options.tuning);
 }
 
 void add_search_options(CLI::App& sub, SearchOptions& options, const std::string& center) {

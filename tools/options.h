@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "base/tuning.h"
 #include "decoding/search.h"
 #include "recordings/recording.h"
 #include "recordings/sound_writer.h"
@@ -24,6 +25,10 @@ bool is_s16(const std::string& text);
 // for FLAC without s16.
 SoundWriter::Container container_of(const std::string& output, bool s16);
 
+// How a receiver was tuned: --dial and --sideband.
+void add_tuning_options(CLI::App& sub, SaidTuning& tuning);
+
+// And what of a recording to take, as it lies in its file.
 void add_recording_options(CLI::App& sub, RecordingOptions& options);
 
 // What to search for, as typed.

@@ -53,7 +53,7 @@ struct Options {
 // What the options stand for, checked before any work.
 struct Plan {
     PictureLayout layout;
-    std::optional<double> start_utc;
+    RecordingOptions recording;
     std::optional<Range> range_db;  // over the median
     DecodingOptions decoding;
 };
@@ -87,7 +87,8 @@ std::optional<Range> levels_of(const Options& options) {
 Plan make_plan(const Options& options) {
     Plan plan;
     plan.layout = layout_of(options);
-    plan.start_utc = start_of(options);
+    plan.recording = options.recording;
+    plan.recording.start_utc = start_of(options);
     plan.range_db = levels_of(options);
     if (options.from_s && options.to_s && !(*options.from_s < *options.to_s)) {
         throw UsageError("--to: it must be after --from");
@@ -183,12 +184,15 @@ std::string draw_chips_of(const Options& options, const Plan& plan, Recording& r
     const ov_spot& spot = choose_spot(options, spots);
     const auto view = measure_chips(recording, spot);
     if (!view) throw IoError("cannot measure the chips of " + std::string(spot.call));
-    return draw_chips(plan.layout, *view);
+    return draw_chips(plan.layout, *view, recording.tuning(0.5 * (spot.t + spot_end(spot))));
 }
 
 std::string draw_waterfall_of(const Options& options, const Plan& plan, Recording& recording, const View& view,
                               const std::vector<ov_spot>& spots, const std::function<void(double)>& progress) {
-    const Box area = waterfall_area(plan.layout).value();
+    const auto tuning = recording.tuning(view.from_s);
+    const auto room = waterfall_area(plan.layout, tuning.has_value());
+    if (!room) throw UsageError("the picture is too small for its texts");
+    const Box& area = *room;
     const PowerGrid grid = measure_power(recording, view, static_cast<int32_t>(area.width),
                                          static_cast<int32_t>(area.height), options.window_s, progress);
     LevelRange levels = robust_range(grid);
@@ -198,7 +202,7 @@ std::string draw_waterfall_of(const Options& options, const Plan& plan, Recordin
     }
     std::string note = format("%d Hz%s", recording.rate(), recording.iq() ? " I/Q" : "");
     if (!options.no_decode) note += format(", %zu frame%s", spots.size(), spots.size() == 1 ? "" : "s");
-    return draw_waterfall(plan.layout, {view, grid, levels, spots, plan.start_utc, note});
+    return draw_waterfall(plan.layout, {view, grid, levels, spots, recording.utc_zero(view.from_s), tuning, note});
 }
 
 // Decodes, then draws: to the user one job, of the seconds of recording that either reads.
@@ -216,9 +220,10 @@ std::string draw(const Options& options, const Plan& plan, Recording& recording)
 }
 
 int plot(const Options& options) {
-    const Plan plan = make_plan(options);
+    Plan plan = make_plan(options);
     try {
-        const auto recording = open_recording(options.file, options.recording);
+        const auto recording = open_recording(options.file, plan.recording);
+        plan.decoding.search.iq = recording->iq();
         write_file(options.output, draw(options, plan, *recording));
         return EXIT_DONE;
     } catch (const std::bad_alloc&) {

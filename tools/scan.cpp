@@ -35,32 +35,41 @@ struct Options {
     bool json = false;
 };
 
-void print_hits(const Options& options, const std::string& file, const BlockSpan& block,
+std::string row(const std::string& from, const std::string& to, const std::string& freq,
+                const std::optional<std::string>& rf, const std::string& z) {
+    std::string line = format("%9s  %9s  %12s", from.c_str(), to.c_str(), freq.c_str());
+    if (rf) line += format("  %13s", rf->c_str());
+    return line + format("  %7s\n", z.c_str());
+}
+
+void print_hits(const Options& options, const Recording& recording, const BlockSpan& block,
                 const std::vector<ov_hit>& hits) {
+    const auto tuning = recording.tuning(block.begin_s + 0.5 * block.length_s);
     for (const ov_hit& hit : hits) {
+        const double end_s = block.begin_s + block.length_s;
         if (!options.json) {
-            print(format("%9s  %9s  %12s  %7s\n", cell(block.begin_s, 1).c_str(),
-                         cell(block.begin_s + block.length_s, 1).c_str(), cell(hit.freq_hz, 1).c_str(),
-                         cell(hit.z, 1).c_str()));
+            const auto rf = tuning ? std::optional(cell(tuning->rf_hz(hit.freq_hz), 1)) : std::nullopt;
+            print(row(cell(block.begin_s, 1), cell(end_s, 1), cell(hit.freq_hz, 1), rf, cell(hit.z, 1)));
             continue;
         }
         nlohmann::ordered_json object;
-        object["file"] = file;
+        object["file"] = recording.path();
         object["t_from"] = block.begin_s;
-        object["t_to"] = block.begin_s + block.length_s;
+        object["t_to"] = end_s;
         object["freq_hz"] = hit.freq_hz;
+        if (tuning) object["rf_hz"] = tuning->rf_hz(hit.freq_hz);
         object["z"] = hit.z;
         print(json_line(object));
     }
 }
 
 // Throws IoError.
-void scan_file(const std::string& path, const Options& options, const std::function<void()>& heading) {
+void scan_file(const std::string& path, const Options& options, const std::function<void(bool with_rf)>& heading) {
     const auto recording = open_recording(path, options.recording);
-    heading();
+    heading(recording->tuning(recording->seconds()).has_value());
     Progress progress("'" + path + "'", recording->seconds(), std::nullopt);
     const int32_t rate = recording->rate();
-    const Range band = options.band ? range_of("--band", *options.band) : whole_band(options.recording.iq, rate);
+    const Range band = options.band ? range_of("--band", *options.band) : whole_band(recording->iq(), rate);
     for (const BlockSpan& block :
          cut_blocks(recording->seconds(), std::min(options.block_s, MOST_BLOCK_SAMPLES / rate), 0)) {
         const Stretch samples = recording->read(block.begin_s, block.length_s);
@@ -75,7 +84,7 @@ void scan_file(const std::string& path, const Options& options, const std::funct
         }
         hits.resize(static_cast<std::size_t>(count));
         progress.clear();
-        print_hits(options, path, {samples.begin_s, static_cast<double>(samples.x.size()) / rate}, hits);
+        print_hits(options, *recording, {samples.begin_s, static_cast<double>(samples.x.size()) / rate}, hits);
         if (!flush_output()) return;
         progress.show(block.begin_s + block.length_s, std::nullopt);
     }
@@ -86,10 +95,10 @@ int scan(const Options& options) {
     int status = EXIT_DONE;
     bool first = true;
     for (const std::string& path : options.files) {
-        const auto heading = [&] {
+        const auto heading = [&](bool with_rf) {
             if (!options.json) {
                 if (options.files.size() > 1) print((first ? "" : "\n") + printable(path) + ":\n");
-                print(format("%9s  %9s  %12s  %7s\n", "from s", "to s", "frequency Hz", "z"));
+                print(row("from s", "to s", "frequency Hz", with_rf ? std::optional("radio Hz") : std::nullopt, "z"));
             }
             first = false;
         };

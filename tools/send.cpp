@@ -15,9 +15,9 @@
 #include "base/text.h"
 #include "base/utc.h"
 #include "exit_status.h"
-#include "listening/devices.h"
 #include "options.h"
 #include "ovaudio.h"
+#include "sources/devices.h"
 #include "transmission/keyer.h"
 
 namespace {

@@ -19,6 +19,7 @@
 #include "base/text.h"
 #include "exit_status.h"
 #include "options.h"
+#include "recordings/sigmf_writer.h"
 #include "recordings/sound_writer.h"
 #include "simulation/scene.h"
 #include "simulation/stations.h"
@@ -139,15 +140,26 @@ void write_truth(const std::string& path, const SimScene& scene) {
     throw IoError("cannot write '" + path + "': " + (errno != 0 ? std::strerror(errno) : "it takes no more"));
 }
 
+std::unique_ptr<SampleWriter> make_writer(const std::string& path, const SimScene& scene, bool s16) {
+    if (!is_sigmf(path)) {
+        const SoundWriter::Format format = {container_of(path, s16), scene.rate, scene.iq ? 2 : 1, s16, scene.frames()};
+        return std::make_unique<SoundWriter>(path, format);
+    }
+    const SigmfWriter::Format format = {scene.rate, scene.iq, s16, "Simulated stations"};
+    if (!lower_case(path).ends_with(".sigmf")) return std::make_unique<SigmfWriter>(path, format, Take{});
+    return std::make_unique<SigmfArchiveWriter>(path, format, Take{}, scene.frames());
+}
+
 int simulate(const Options& options) {
     const bool s16 = is_s16(options.sample_format);
-    const SoundWriter::Container container = container_of(options.output, s16);
+    if (!is_sigmf(options.output)) container_of(options.output, s16);
     const SimScene scene = scene_of(options);
     const std::string truth = options.truth.empty()
                                   ? std::filesystem::path(options.output).replace_extension(".jsonl").string()
                                   : options.truth;
 
-    SoundWriter file(options.output, {container, scene.rate, scene.iq ? 2 : 1, s16, scene.frames()});
+    const auto writer = make_writer(options.output, scene, s16);
+    SampleWriter& file = *writer;
     SceneSource source(scene);
     Progress progress("'" + options.output + "'", scene.seconds, std::nullopt);
     double done_s = 0;
@@ -176,7 +188,9 @@ void add_simulate(CLI::App& app, int& status) {
     sub->add_option("--stations", options->stations_file,
                     "File of stations: one JSON object per line, or an array, with the fields of a truth file")
         ->type_name("FILE");
-    sub->add_option("-o,--output", options->output, "Recording to write: .wav or .flac")->required()->type_name("FILE");
+    sub->add_option("-o,--output", options->output, "Recording to write: .wav, .flac, .sigmf or .sigmf-data")
+        ->required()
+        ->type_name("FILE");
     sub->add_option("--truth", options->truth, "Truth to write: one JSON object per station [FILE with .jsonl]")
         ->type_name("FILE");
     sub->add_option("--seconds", options->seconds, "Length of the recording [2 s more than the last frame]")

@@ -33,18 +33,24 @@ class Crew {
 
 }  // namespace
 
-std::vector<BlockSpan> cut_blocks(double seconds, double block_s, double overlap_s) {
-    if (seconds <= STRETCH * block_s) return {{0, seconds}};
-    std::vector<BlockSpan> blocks;
-    const double step = block_s - overlap_s;
-    while (true) {
-        const double begin = static_cast<double>(blocks.size()) * step;
-        if (begin + block_s >= seconds) {
-            blocks.push_back({seconds - block_s, block_s});
-            return blocks;
-        }
-        blocks.push_back({begin, block_s});
+std::optional<BlockSpan> BlockCutter::next(double seconds, bool ended) {
+    if (done_) return std::nullopt;
+    const bool short_one = cut_ == 0 && seconds <= STRETCH * block_s_;
+    const double begin = static_cast<double>(cut_) * (block_s_ - overlap_s_);
+    if (!short_one && begin + block_s_ < seconds) {
+        cut_++;
+        return BlockSpan{begin, block_s_};
     }
+    if (!ended) return std::nullopt;
+    done_ = true;
+    return short_one ? BlockSpan{0, seconds} : BlockSpan{seconds - block_s_, block_s_};
+}
+
+std::vector<BlockSpan> cut_blocks(double seconds, double block_s, double overlap_s) {
+    BlockCutter cutter(block_s, overlap_s);
+    std::vector<BlockSpan> blocks;
+    while (const auto block = cutter.next(seconds, true)) blocks.push_back(*block);
+    return blocks;
 }
 
 void in_order(std::size_t count, unsigned threads, const std::function<void(std::size_t)>& work,

@@ -16,6 +16,21 @@ struct BlockSpan {
 // others, or a recording not much longer than a block is one block.
 std::vector<BlockSpan> cut_blocks(double seconds, double block_s, double overlap_s);
 
+// The same blocks one after another, for a recording whose length is known only at its end.
+class BlockCutter {
+  public:
+    BlockCutter(double block_s, double overlap_s) : block_s_(block_s), overlap_s_(overlap_s) {}
+
+    // The next block of a recording of which so many seconds are there, and no more will come when it has ended.
+    // Nothing as long as the block depends on what comes, and after the last one.
+    std::optional<BlockSpan> next(double seconds, bool ended);
+
+  private:
+    double block_s_, overlap_s_;
+    std::size_t cut_ = 0;  // blocks so far
+    bool done_ = false;
+};
+
 // Calls work(k) for k = 0 … count − 1 on that many threads, and use(k), in order and on the calling thread, when
 // work(k) has ended. use returns false to end it early. What work throws is thrown here.
 void in_order(std::size_t count, unsigned threads, const std::function<void(std::size_t)>& work,

@@ -6,17 +6,16 @@
 #include <new>
 #include <utility>
 
-#include "base/console.h"
 #include "base/error.h"
+#include "base/interrupts.h"
 #include "base/text.h"
 #include "decoding/decode_block.h"
 #include "spots/spot.h"
 
 namespace {
 
-constexpr double SHORTEST_S = 20;  // less than this cannot hold enough of a frame
-constexpr double SPARE_S = 1;      // of the ring: a buffer may arrive while it is copied
-constexpr int32_t MAX_TRIES = 3;
+constexpr double SHORTEST_S = 20;        // less than this cannot hold enough of a frame
+constexpr double SPARE_S = 1;            // of the history
 constexpr double COHERENT_SEARCHES = 4;  // of a frame before it is decided on, about: they cost more than the rest
 
 // Every which decode has a coherent search.
@@ -27,66 +26,52 @@ int64_t coherent_every(const ListenerOptions& options) {
 
 }  // namespace
 
-Listener::Listener(const Search& search, const ListenerOptions& options, ovl_audio* audio, Taker take)
+Listener::Listener(const Search& search, const ListenerOptions& options, const History& history, Taker take,
+                   Teller tell)
     : search_(search),
       every_s_(options.every_s),
       coherent_every_(coherent_every(options)),
-      audio_(audio),
+      provisional_(options.provisional),
+      history_(history),
       take_(std::move(take)),
+      tell_(std::move(tell)),
       confirmation_(options.every_s, options.hold_off_s),
       next_decode_s_(SHORTEST_S) {}
 
-double Listener::ring_seconds(const ListenerOptions& options) {
+double Listener::history_seconds(const ListenerOptions& options) {
     return Confirmation(options.every_s, options.hold_off_s).block_s() + SPARE_S;
 }
 
-void Listener::update(const ovl_audio_stats& stats, const Clock& utc) {
-    if (stats.captured_s < next_decode_s_) return;
-    next_decode_s_ = stats.captured_s + every_s_;
+void Listener::update(const Clock& utc) {
+    const double captured_s = history_.captured_s();
+    if (captured_s < next_decode_s_) return;
+    next_decode_s_ = captured_s + every_s_;
     decode(false);
-    release(confirmation_.decided_s(stats.captured_s), utc);
+    if (provisional_) show_new(utc);
+    release(confirmation_.decided_s(captured_s), utc);
 }
 
 void Listener::finish(const Clock& utc) {
     decode(true);
+    if (provisional_) show_new(utc);
     release(HUGE_VAL, utc);
 }
 
-void Listener::restart() {
-    log_ = SpotLog(SpotLog::Order::END);
-    next_decode_s_ = SHORTEST_S;
-    confirmation_.clear();
-}
-
-// Copies what the ring holds. Returns how many seconds had been captured with its last sample.
-double Listener::copy_block() {
-    ovl_audio_stats before;
-    ovl_audio_stats after;
-    int32_t tries = 0;
-    do {
-        ovl_audio_input_stats(audio_, &before);
-        rate_ = before.rate;
-        block_.resize(static_cast<std::size_t>(confirmation_.block_s() * rate_));
-        const int32_t n = ovl_audio_last(audio_, block_.data(), static_cast<int32_t>(block_.size()));
-        block_.resize(static_cast<std::size_t>(n));
-        ovl_audio_input_stats(audio_, &after);
-    } while (after.captured_s != before.captured_s && ++tries < MAX_TRIES);  // a buffer arrived meanwhile
-    return after.captured_s;
-}
-
 double Listener::block_seconds() const {
-    return static_cast<double>(block_.size()) / std::max(rate_, 1);
+    return static_cast<double>(x_.size()) / std::max(history_.rate(), 1);
 }
 
 // Leaves out the beginning of the block.
 void Listener::skip(double seconds) {
-    const auto samples = static_cast<std::ptrdiff_t>(std::lround(seconds * rate_));
-    block_.erase(block_.begin(), block_.begin() + std::min(samples, std::ssize(block_)));
+    const auto samples = static_cast<std::ptrdiff_t>(std::lround(seconds * history_.rate()));
+    x_.erase(x_.begin(), x_.begin() + std::min(samples, std::ssize(x_)));
+    q_.erase(q_.begin(), q_.begin() + std::min(samples, std::ssize(q_)));
 }
 
 void Listener::decode(bool last) {
+    const double begin = monotonic_now();
     try {
-        if (decode_ring(last)) {
+        if (decode_history(last)) {
             complaint_.clear();
         } else {
             complain("cannot decode: the search band does not fit the audio, or memory is short");
@@ -94,20 +79,21 @@ void Listener::decode(bool last) {
     } catch (const std::bad_alloc&) {
         complain("cannot decode: memory is short");
     }
+    decode_s_ += monotonic_now() - begin;
 }
 
 // The whole block is decoded, though few of its frames are wanted: a strong frame suppresses the phantoms of its own
 // parts, and where the block does not hold all of it they pass for frames or hide a weaker one before or after it. For
 // the same reason ovl_decode_recent() is not enough: it examines too few candidates to get past those of ten strong
 // frames.
-bool Listener::decode_ring(bool last) {
-    const double captured_s = copy_block();
+bool Listener::decode_history(bool last) {
+    const double captured_s = history_.captured_s();
+    history_.newest(static_cast<std::size_t>(confirmation_.block_s() * history_.rate()), x_, q_);
     const double copied_s = captured_s - block_seconds();
     skip(confirmation_.next_begin_s(copied_s) - copied_s);
     const double seconds = block_seconds();
     if (seconds < SHORTEST_S) return true;
-    samples_.assign(block_.begin(), block_.end());
-    auto spots = decode_block({samples_, {}, rate_}, next_search(last), last ? -1 : seconds);
+    auto spots = decode_block({x_, q_, history_.rate()}, next_search(last), last ? -1 : seconds);
     if (!spots) return false;
 
     const double earliest_end = confirmation_.add(captured_s);
@@ -120,29 +106,38 @@ bool Listener::decode_ring(bool last) {
 // What the next decode looks for.
 Search Listener::next_search(bool last) {
     Search search = search_;
-    search.coherent = search_.coherent && (last || decodes_++ % coherent_every_ == 0);
+    decodes_++;
+    search.coherent = search_.coherent && (last || (decodes_ - 1) % coherent_every_ == 0);
     return search;
 }
 
 // Reports a problem once, until it is over.
 void Listener::complain(const std::string& text) {
-    if (std::exchange(complaint_, text) != text) print_error(text);
+    if (std::exchange(complaint_, text) != text) tell_(text);
+}
+
+// Shows what was found for the first time.
+void Listener::show_new(const Clock& utc) {
+    log_.show_new([&](Found spot) {
+        spot.t = utc(spot.t);
+        take_(spot, Standing::PROVISIONAL);
+    });
 }
 
 // Hands out the frames that ended by captured_s.
 void Listener::release(double captured_s, const Clock& utc) {
     log_.release(captured_s, [&](Found spot, int32_t finds) {
-        if (!confirmation_.confirm(spot_end(spot), finds)) return;
+        const bool confirmed = confirmation_.confirm(spot_end(spot), finds);
+        if (!confirmed && !provisional_) return;
         spot.t = utc(spot.t);
-        take_(spot);
+        take_(spot, confirmed ? Standing::CONFIRMED : Standing::WITHDRAWN);
     });
 }
 
-void require_served(const ovl_audio* audio, const Search& search) {
-    ovl_audio_stats stats;
-    ovl_audio_input_stats(audio, &stats);
-    if (!ov_rate_served(static_cast<uint32_t>(stats.rate))) {
-        throw IoError(format("audio captured at %d Hz cannot be decoded; another --rate may do", stats.rate));
+void require_served(const std::string& what, const Search& search, int32_t rate) {
+    const std::string samples = format("%s at %d Hz", what.c_str(), rate);
+    if (!ov_rate_served(static_cast<uint32_t>(rate))) {
+        throw IoError(samples + " cannot be decoded; another --rate may do");
     }
-    require_within(format("audio captured at %d Hz", stats.rate), search, stats.rate);
+    require_within(samples, search, rate);
 }

@@ -16,6 +16,7 @@ namespace {
 constexpr double LEAST_AREA = 100;    // pixels each way
 constexpr double FRAME_HALF_HZ = 10;  // of an outline; the keying is within 8 Hz of the carrier
 constexpr double FRAME_HALF_PX = 5;   // at least
+constexpr double RADIO_AXIS = 7.6;    // times the text size: its width
 
 constexpr Colour INK = {0.13, 0.13, 0.13};
 constexpr Colour SOFT_INK = {0.4, 0.4, 0.4};
@@ -116,9 +117,26 @@ void draw_frequency_axis(Canvas& canvas, const PictureLayout& layout, const Scal
                 {size, SOFT_INK, Align::CENTRE, false, true});
 }
 
-void draw_colour_bar(Canvas& canvas, const PictureLayout& layout, const Box& area, const LevelRange& levels) {
+// Frequencies on the air in kHz, to the right of the area.
+void draw_radio_axis(Canvas& canvas, const PictureLayout& layout, const Scale& scale, const Tuning& tuning) {
     const double size = layout.text_size;
-    const Box bar = {std::round(area.right() + 1.2 * size), area.top, std::round(1.1 * size), area.height};
+    const double right = scale.area.right();
+    const double sign = tuning.sideband == Sideband::LOWER ? -1 : 1;
+    const auto [low, high] = std::minmax({tuning.rf_hz(scale.view.low_hz), tuning.rf_hz(scale.view.high_hz)});
+    const auto most = static_cast<int32_t>(scale.area.height / (3 * size));
+    for (const Tick& tick : number_ticks(low / 1000, high / 1000, most)) {
+        const double y = std::round(scale.y(sign * (1000 * tick.value - tuning.dial_hz))) + 0.5;
+        canvas.line({right, y}, {right + 0.4 * size, y}, INK, 1);
+        canvas.text({right + 0.6 * size, y + 0.36 * size}, tick.label, {size, INK});
+    }
+    canvas.text({right + (RADIO_AXIS - 0.2) * size, scale.area.top + scale.area.height / 2}, "radio frequency, kHz",
+                {size, SOFT_INK, Align::CENTRE, false, true});
+}
+
+void draw_colour_bar(Canvas& canvas, const PictureLayout& layout, const Box& area, double left,
+                     const LevelRange& levels) {
+    const double size = layout.text_size;
+    const Box bar = {std::round(left + 1.2 * size), area.top, std::round(1.1 * size), area.height};
     constexpr int32_t STEPS = 256;
     Raster raster{1, STEPS, {}};
     for (int32_t step = 0; step < STEPS; step++) raster.pixels.push_back(viridis(1 - (step + 0.5) / STEPS));
@@ -195,12 +213,12 @@ int32_t draw_frames(Canvas& canvas, const PictureLayout& layout, const Scale& sc
 
 }  // namespace
 
-std::optional<Box> waterfall_area(const PictureLayout& layout) {
+std::optional<Box> waterfall_area(const PictureLayout& layout, bool with_radio_axis) {
     const double size = layout.text_size;
     const double left = std::ceil(5.6 * size);
     const double top = std::ceil(2.4 * size);
-    const Box area = {left, top, std::floor(layout.width - left - 7.6 * size),
-                      std::floor(layout.height - top - 3.9 * size)};
+    const double right = (with_radio_axis ? 7.6 + RADIO_AXIS : 7.6) * size;
+    const Box area = {left, top, std::floor(layout.width - left - right), std::floor(layout.height - top - 3.9 * size)};
     if (area.width < LEAST_AREA || area.height < LEAST_AREA) return std::nullopt;
     return area;
 }
@@ -219,14 +237,16 @@ std::vector<Point> frame_outline(const ov_spot& spot, const View& view, const Bo
 }
 
 std::string draw_waterfall(const PictureLayout& layout, const WaterfallPicture& picture) {
-    const Box area = waterfall_area(layout).value();
+    const Box area = waterfall_area(layout, picture.tuning.has_value()).value();
     const Scale scale{picture.view, area};
     Canvas canvas(layout.format, layout.width, layout.height);
     canvas.image(area, coloured(picture.grid, picture.levels));
     canvas.outline({area.left - 0.5, area.top - 0.5, area.width + 1, area.height + 1}, INK, 1);
     draw_time_axis(canvas, layout, scale, picture.start_utc);
     draw_frequency_axis(canvas, layout, scale);
-    draw_colour_bar(canvas, layout, area, picture.levels);
+    if (picture.tuning) draw_radio_axis(canvas, layout, scale, *picture.tuning);
+    const double bar_left = area.right() + (picture.tuning ? RADIO_AXIS * layout.text_size : 0);
+    draw_colour_bar(canvas, layout, area, bar_left, picture.levels);
     const int32_t left_out = draw_frames(canvas, layout, scale, picture.spots);
     std::string note = picture.note;
     if (left_out > 0) note += ", " + std::to_string(left_out) + (left_out == 1 ? " label" : " labels") + " left out";
@@ -333,7 +353,7 @@ void draw_legend(Canvas& canvas, double size, double left, double base) {
 
 }  // namespace
 
-std::string draw_chips(const PictureLayout& layout, const ChipView& view) {
+std::string draw_chips(const PictureLayout& layout, const ChipView& view, const std::optional<Tuning>& tuning) {
     const double size = layout.text_size;
     const Box all = {4.8 * size, 4.2 * size, layout.width - 6 * size, layout.height - 6.4 * size};
     const std::size_t chips = view.chips.size();
@@ -351,6 +371,7 @@ std::string draw_chips(const PictureLayout& layout, const ChipView& view) {
                               ovl_proto_name(static_cast<uint32_t>(spot.protocol));
     std::string place =
         figure(spot.t, 2) + " s,  " + figure(spot.freq, 1) + " Hz,  " + figure(spot.drift, 3, true) + " Hz/s";
+    if (tuning) place += ",  on the air " + figure(tuning->rf_hz(spot.freq) / 1000, 4) + " kHz";
     if (!snr_text(spot).empty()) place += ",  " + snr_text(spot);
     draw_heading(canvas, layout, all.left, all.left + all.width, 1.6 * size, title, layout.title);
     const std::string counts = std::to_string(view.measured_count()) + " of " + std::to_string(chips) +

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "base/tuning.h"
 #include "ovpipe.h"
 #include "pictures/canvas.h"
 #include "pictures/chip_view.h"
@@ -20,7 +21,7 @@ struct PictureLayout {
 };
 
 // Where a waterfall lies in its picture; whole pixels, none when the texts leave too little room.
-std::optional<Box> waterfall_area(const PictureLayout& layout);
+std::optional<Box> waterfall_area(const PictureLayout& layout, bool with_radio_axis = false);
 
 // A frame that reaches into a view, as the corners of its outline in the picture: start low, start high, end high, end
 // low.
@@ -34,10 +35,12 @@ struct WaterfallPicture {
     LevelRange levels;
     std::vector<ov_spot> spots;
     std::optional<double> start_utc;  // of the recording, s since 1970-01-01
+    std::optional<Tuning> tuning;     // of the receiver: a second axis has the frequencies on the air
     std::string note;                 // on the right above the waterfall
 };
 std::string draw_waterfall(const PictureLayout& layout, const WaterfallPicture& picture);
 
 // The energies of a frame's chips as bars, in as many rows as it takes to keep them apart, above the decided chips;
 // wrong ones are crossed. Returns the bytes of the file; throws as Canvas does.
-std::string draw_chips(const PictureLayout& layout, const ChipView& view);
+std::string draw_chips(const PictureLayout& layout, const ChipView& view,
+                       const std::optional<Tuning>& tuning = std::nullopt);

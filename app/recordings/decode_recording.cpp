@@ -29,10 +29,13 @@ constexpr double BYTES_A_SAMPLE = 60;   // that a wide decode of I/Q takes
 
 // ---- Recording → blocks ---------------------------------------------------------------------------------------------
 
-std::vector<BlockSpan> cut(const Recording& recording, const DecodingOptions& options, double from_s, double to_s) {
-    const int32_t rate = recording.rate();
+double block_seconds(const DecodingOptions& options, int32_t rate) {
     const double wanted = options.block_s.value_or(std::clamp(BLOCK_SAMPLES / rate, LEAST_BLOCK_S, MOST_BLOCK_S));
-    auto blocks = cut_blocks(to_s - from_s, std::min(wanted, MOST_BLOCK_SAMPLES / rate), OVERLAP_S);
+    return std::min(wanted, MOST_BLOCK_SAMPLES / rate);
+}
+
+std::vector<BlockSpan> cut(const Recording& recording, const DecodingOptions& options, double from_s, double to_s) {
+    auto blocks = cut_blocks(to_s - from_s, block_seconds(options, recording.rate()), OVERLAP_S);
     for (BlockSpan& block : blocks) block.begin_s += from_s;
     return blocks;
 }
@@ -196,5 +199,28 @@ void decode_recording(Recording& recording, const DecodingOptions& options, doub
             taker.progress(blocks[k].begin_s + blocks[k].length_s, merger.taken());
             return true;
         });
+    if (!merger.problem().empty()) throw IoError(merger.problem());
+}
+
+void decode_piped(PipedRecording& recording, const DecodingOptions& options, const SpotTaker& taker) {
+    require_within("'" + recording.path() + "'", options.search, recording.rate());
+    BlockCutter cutter(block_seconds(options, recording.rate()), OVERLAP_S);
+    const auto next = [&] {
+        auto block = cutter.next(recording.seconds(), recording.ended());
+        while (!block && !recording.ended()) {
+            recording.read_on();
+            block = cutter.next(recording.seconds(), recording.ended());
+        }
+        return block;
+    };
+    BlockDecoder decoder(recording, options.search);
+    Merger merger(taker);
+    for (auto block = next(); block;) {
+        recording.forget(block->begin_s);
+        BlockResult result = decoder.decode(*block);
+        const auto following = next();  // may begin earlier than this one's length lets expect: it may be the last
+        if (!merger.add(std::move(result), following ? following->begin_s - EDGE_S : HUGE_VAL)) return;
+        block = following;
+    }
     if (!merger.problem().empty()) throw IoError(merger.problem());
 }

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "decoding/search.h"
+#include "recordings/piped_recording.h"
 #include "recordings/recording.h"
 #include "spots/found.h"
 
@@ -27,3 +28,6 @@ struct SpotTaker {
 // IoError is thrown at the end.
 void decode_recording(Recording& recording, const DecodingOptions& options, double from_s, double to_s,
                       const SpotTaker& taker);
+
+// The same of all that comes through a pipe, as it comes, with the same blocks and spots. Two blocks are held at most.
+void decode_piped(PipedRecording& recording, const DecodingOptions& options, const SpotTaker& taker);

@@ -3,6 +3,7 @@
 #include <sndfile.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -16,6 +17,9 @@
 #include "base/error.h"
 #include "base/text.h"
 #include "iqread.h"
+#include "recordings/input_file.h"
+#include "recordings/raw_recording.h"
+#include "recordings/sigmf.h"
 #include "wavread.h"
 
 namespace {
@@ -34,10 +38,6 @@ std::string open_problem(const std::string& path) {
     const int reason = std::ferror(file) != 0 ? errno : 0;
     std::fclose(file);
     return reason != 0 ? std::strerror(reason) : "";
-}
-
-[[noreturn]] void refuse(const std::string& path, const std::string& reason) {
-    throw IoError("cannot read '" + path + "': " + reason);
 }
 
 // ---- Sources --------------------------------------------------------------------------------------------------------
@@ -82,24 +82,8 @@ class SoundRecording : public Recording {
         while (count > 0) {
             const int64_t got = sf_readf_double(file_.get(), piece.data(), std::min(PIECE, count));
             if (got <= 0) return;
-            for (int64_t frame = 0; frame < got; frame++) {
-                append(piece.data() + static_cast<std::size_t>(frame) * channels_, out);
-            }
+            append(std::span(piece).first(static_cast<std::size_t>(got) * channels_), channels_, out);
             count -= got;
-        }
-    }
-
-    void append(const double* frame, Stretch& out) const {
-        const auto chosen = static_cast<std::size_t>(std::max(options_.channel - 1, 0));
-        if (options_.iq) {
-            out.x.push_back(frame[chosen]);
-            out.q.push_back(frame[chosen + 1]);
-        } else if (options_.channel > 0) {
-            out.x.push_back(frame[chosen]);
-        } else {
-            double sum = 0;
-            for (std::size_t channel = 0; channel < channels_; channel++) sum += frame[channel];
-            out.x.push_back(sum / static_cast<double>(channels_));
         }
     }
 
@@ -186,13 +170,7 @@ RecordingPtr open_with_sndfile(const std::string& path, const RecordingOptions& 
     if (!file || info.samplerate < 1 || info.channels < 1) return nullptr;
     if (info.frames > UNKNOWN_FRAMES) info.frames = count_frames(file.get(), info.channels);
     if (info.frames < 1) return nullptr;
-    if (options.iq && options.channel == 0 && info.channels != 2) {
-        refuse(path, format("I/Q needs two channels, it has %d (see --channel)", info.channels));
-    }
-    const int32_t needed = options.channel > 0 ? options.channel + (options.iq ? 1 : 0) : (options.iq ? 2 : 1);
-    if (info.channels < needed) {
-        refuse(path, format("it has %d channel%s", info.channels, info.channels == 1 ? "" : "s"));
-    }
+    require_channels(path, options, info.channels);
     return std::make_unique<SoundRecording>(path, options, std::move(file), info);
 }
 
@@ -205,9 +183,24 @@ bool holds_floats(const std::string& path) {
     return file && (samples == SF_FORMAT_FLOAT || samples == SF_FORMAT_DOUBLE);
 }
 
+// How files begin that hold more than samples.
+constexpr std::array<std::string_view, 9> CONTAINERS = {"RIFF", "RF64", "riff", "fLaC", "OggS",
+                                                        "FORM", ".snd", "caff", "BW64"};
+constexpr const char* RAW_HINT = "; bare samples are read with --raw FORMAT and --rate HZ, and I/Q with --iq";
+
+bool is_container(const std::string& path) {
+    std::array<uint8_t, 4> begin{};
+    const std::size_t got = InputFile(path).read_at(0, begin);
+    const std::string text(begin.begin(), begin.begin() + static_cast<std::ptrdiff_t>(got));
+    return text.empty() || std::ranges::find(CONTAINERS, text) != CONTAINERS.end();
+}
+
 // Opens a file with the first reader that can.
 RecordingPtr open_file(const std::string& path, const RecordingOptions& options) {
-    if (const std::string problem = open_problem(path); !problem.empty()) refuse(path, problem);
+    if (const std::string problem = open_problem(path); !problem.empty()) refuse_recording(path, problem);
+    if (options.raw) return open_raw(path, options);
+    if (is_sigmf(path)) return open_sigmf(path, options);
+    if (raw_kind_of(path)) return open_raw(path, options);
     std::error_code error;
     const std::uintmax_t bytes = std::filesystem::file_size(path, error);
     const bool readers_take_it = options.channel == 0;
@@ -220,8 +213,8 @@ RecordingPtr open_file(const std::string& path, const RecordingOptions& options)
     if (readers_take_it && !small) {
         if (auto recording = open_with_reader(path, options, reason)) return recording;
     }
-    if (reason.empty()) refuse(path, "it is not a recording that can be read");
-    throw IoError(reason);
+    if (reason.empty()) reason = "cannot read '" + path + "': it is not a recording that can be read";
+    throw IoError(is_container(path) ? reason : reason + RAW_HINT);
 }
 
 }  // namespace
@@ -233,7 +226,7 @@ std::unique_ptr<Recording> open_recording(const std::string& path, const Recordi
             format("cannot decode '%s': its sample rate of %u Hz is not served", path.c_str(), recording->file_rate()));
     }
     if (recording->seconds() > LONGEST_S) {
-        refuse(path, format("it claims to last %.0f days", recording->seconds() / 86400));
+        refuse_recording(path, format("it claims to last %.0f days", recording->seconds() / 86400));
     }
     return recording;
 }

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
+#include <numeric>
 #include <utility>
 
 #include "base/console.h"
@@ -31,16 +33,74 @@ bool rate_usable(uint32_t rate) {
     return ov_rate_served(rate) || (rate >= 1 && rate <= MAX_CONVERTED_RATE);
 }
 
+// What a file says of itself, and what the user says: times move along with that of the first sample.
+std::vector<Take> known_takes(std::vector<Take> takes, const RecordingOptions& options) {
+    if (takes.empty()) takes.emplace_back();
+    takes.front().begin_s = 0;
+    const std::optional<double> first_utc = takes.front().utc;
+    for (Take& take : takes) {
+        if (options.start_utc) {
+            const bool placed = take.utc && first_utc;
+            take.utc = *options.start_utc + (placed ? *take.utc - *first_utc : take.begin_s);
+        }
+        take.tuning = options.tuning.over(take.tuning);
+    }
+    return takes;
+}
+
 }  // namespace
 
-Recording::Recording(std::string path, const RecordingOptions& options, uint32_t file_rate, int64_t frames)
+void require_channels(const std::string& path, const RecordingOptions& options, int32_t channels) {
+    if (options.iq && options.channel == 0 && channels != 2) {
+        throw IoError(
+            format("cannot read '%s': I/Q needs two channels, it has %d (see --channel)", path.c_str(), channels));
+    }
+    const int32_t needed = options.channel > 0 ? options.channel + (options.iq ? 1 : 0) : (options.iq ? 2 : 1);
+    if (channels < needed) {
+        throw IoError(
+            format("cannot read '%s': it has %d channel%s", path.c_str(), channels, channels == 1 ? "" : "s"));
+    }
+}
+
+Recording::Recording(std::string path, const RecordingOptions& options, uint32_t file_rate, int64_t frames,
+                     std::vector<Take> takes)
     : path_(std::move(path)),
       options_(options),
       file_rate_(file_rate),
       frames_(frames),
-      rate_(rate_usable(file_rate) ? working_rate(file_rate) : 0) {
+      rate_(rate_usable(file_rate) ? working_rate(file_rate) : 0),
+      takes_(known_takes(std::move(takes), options)) {
     if (rate_ != 0 && static_cast<uint32_t>(rate_) != file_rate) {
         print_error(format("'%s': sample rate converted from %u to %d Hz", path_.c_str(), file_rate, rate_));
+    }
+}
+
+const Take& Recording::take_at(double at_s) const {
+    const auto later = std::ranges::upper_bound(takes_, at_s, {}, &Take::begin_s);
+    return later == takes_.begin() ? takes_.front() : *std::prev(later);
+}
+
+std::optional<double> Recording::utc_zero(double at_s) const {
+    const Take& take = take_at(at_s);
+    return take.utc ? std::optional(*take.utc - take.begin_s) : std::nullopt;
+}
+
+std::optional<Tuning> Recording::tuning(double at_s) const {
+    return take_at(at_s).tuning;
+}
+
+void Recording::append(std::span<const double> samples, std::size_t channels, Stretch& out) const {
+    const auto chosen = static_cast<std::size_t>(std::max(options_.channel - 1, 0));
+    for (std::size_t begin = 0; begin + channels <= samples.size(); begin += channels) {
+        const auto frame = samples.subspan(begin, channels);
+        if (options_.iq) {
+            out.x.push_back(frame[chosen]);
+            out.q.push_back(frame[chosen + 1]);
+        } else if (options_.channel > 0) {
+            out.x.push_back(frame[chosen]);
+        } else {
+            out.x.push_back(std::accumulate(frame.begin(), frame.end(), 0.0) / static_cast<double>(channels));
+        }
     }
 }
 

@@ -26,6 +26,18 @@ int container_of(const SoundWriter::Format& format) {
 
 }  // namespace
 
+int64_t round_to_s16(std::span<const float> samples, std::vector<int16_t>& rounded) {
+    rounded.clear();
+    rounded.reserve(samples.size());
+    int64_t clipped = 0;
+    for (const float sample : samples) {
+        const double value = std::round(static_cast<double>(sample) * 32768.0);
+        if (value < -32768 || value > 32768) clipped++;
+        rounded.push_back(static_cast<int16_t>(std::clamp(value, -32768.0, 32767.0)));
+    }
+    return clipped;
+}
+
 SoundWriter::SoundWriter(const std::string& path, const Format& format) : path_(path), s16_(format.s16) {
     SF_INFO info{};
     info.samplerate = format.rate;
@@ -48,12 +60,7 @@ bool SoundWriter::write(std::span<const float> samples) {
     sf_count_t written = 0;
     errno = 0;
     if (s16_) {
-        rounded_.clear();
-        for (const float sample : samples) {
-            const double value = std::round(static_cast<double>(sample) * 32768.0);
-            if (value < -32768 || value > 32768) clipped_++;
-            rounded_.push_back(static_cast<int16_t>(std::clamp(value, -32768.0, 32767.0)));
-        }
+        clipped_ += round_to_s16(samples, rounded_);
         written = sf_write_short(file_.get(), rounded_.data(), count);
     } else {
         written = sf_write_float(file_.get(), samples.data(), count);

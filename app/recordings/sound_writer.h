@@ -9,7 +9,9 @@
 #include <string>
 #include <vector>
 
-class SoundWriter {
+#include "recordings/sample_writer.h"
+
+class SoundWriter final : public SampleWriter {
   public:
     enum class Container { WAV, FLAC };
     struct Format {
@@ -22,13 +24,9 @@ class SoundWriter {
     // Opens a file for samples of full scale 1. close() reports once whether that and everything after it worked.
     SoundWriter(const std::string& path, const Format& format);
 
-    // Interleaved samples, whole frames of them. False when the file takes no more.
-    bool write(std::span<const float> samples);
-
-    // Finishes the file. Throws IoError when it could not be opened or written.
-    void close();
-
-    int64_t clipped() const { return clipped_; }  // 16-bit samples beyond full scale so far
+    bool write(std::span<const float> samples) override;
+    void close() override;
+    int64_t clipped() const override { return clipped_; }
 
   private:
     struct CloseSound {

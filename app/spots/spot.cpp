@@ -17,6 +17,8 @@ namespace {
 constexpr int UTC_DECIMALS = 2;
 constexpr std::array METHODS = {"standard", "deep", "coherent", "coherent-known"};  // by OVL_ method
 
+constexpr std::array STANDINGS = {"provisional", "confirmed", "withdrawn"};  // by Standing
+
 using Json = nlohmann::ordered_json;
 
 // Takes a field of an object; false when it is missing or of the wrong kind.
@@ -72,6 +74,14 @@ bool take_protocol(const Json& object, Spot& spot) {
     return protocol != nullptr;
 }
 
+bool take_rf(const Json& object, Spot& spot) {
+    if (!object.contains("rf_hz")) return true;
+    double rf_hz = NAN;
+    if (!take(object, "rf_hz", rf_hz)) return false;
+    if (!std::isnan(rf_hz)) spot.rf_hz = rf_hz;
+    return true;
+}
+
 bool take_finding(const Json& object, Spot& spot) {
     if (!object.contains("method") && !object.contains("odds")) return true;
     std::string name;
@@ -81,6 +91,19 @@ bool take_finding(const Json& object, Spot& spot) {
     finding.method = static_cast<int32_t>(method - METHODS.begin());
     spot.finding = finding;
     return method != METHODS.end();
+}
+
+bool take_receiver(const Json& object, Spot& spot) {
+    return !object.contains("receiver") || take(object, "receiver", spot.receiver);
+}
+
+bool take_standing(const Json& object, Spot& spot) {
+    if (!object.contains("standing")) return true;
+    std::string name;
+    if (!take(object, "standing", name)) return false;
+    const auto standing = std::find(STANDINGS.begin(), STANDINGS.end(), name);
+    spot.standing = static_cast<Standing>(standing - STANDINGS.begin());
+    return standing != STANDINGS.end();
 }
 
 // The URL of a file, whose name may be any bytes.
@@ -96,7 +119,7 @@ std::string file_url(const std::string& path) {
 }
 
 // The fields of a spot in the order in which they are written.
-Json fields_of(const Spot& spot) {
+Json fields_of(const Spot& spot, const SpotColumns& columns = {}) {
     Json object;
     const bool recorded = !spot.file.empty();
     if (recorded) {
@@ -107,12 +130,16 @@ Json fields_of(const Spot& spot) {
         const double begin = spot.file_utc.value_or(0);
         object["utc_start"] = utc_text(begin + spot.start, UTC_DECIMALS);
         object["utc_end"] = utc_text(begin + spot.end, UTC_DECIMALS);
+    } else if (columns.utc) {
+        object["utc_start"] = Json();
+        object["utc_end"] = Json();
     }
     if (recorded) {
         object["t_start"] = spot.start;
         object["t_end"] = spot.end;
     }
     object["freq_hz"] = spot.freq_hz;
+    if (spot.rf_hz || columns.rf) object["rf_hz"] = spot.rf_hz ? Json(*spot.rf_hz) : Json();
     object["drift_hz_s"] = spot.drift_hz_s;
     object["snr_db"] = spot.snr_db ? Json(*spot.snr_db) : Json();
     object["protocol"] = ovl_proto_name(spot.protocol);
@@ -123,12 +150,14 @@ Json fields_of(const Spot& spot) {
         object["method"] = method_name(spot.finding->method);
         object["odds"] = spot.finding->odds;
     }
+    if (!spot.receiver.empty()) object["receiver"] = spot.receiver;
+    if (spot.standing) object["standing"] = standing_name(*spot.standing);
     return object;
 }
 
 // The fields as values of columns, which are the same for all files.
-Json columns_of(const Spot& spot) {
-    Json fields = rounded(fields_of(spot));
+Json columns_of(const Spot& spot, const SpotColumns& columns) {
+    Json fields = rounded(fields_of(spot, columns));
     if (fields.erase("file_url") != 0) fields["file"] = file_url(spot.file);
     return fields;
 }
@@ -171,21 +200,29 @@ const char* method_name(int32_t method) {
     return METHODS.at(static_cast<std::size_t>(method));
 }
 
+const char* standing_name(Standing standing) {
+    return STANDINGS.at(static_cast<std::size_t>(standing));
+}
+
 std::string spot_line(const Spot& spot) {
     return json_line(fields_of(spot));
 }
 
-std::string spot_csv(const Spot& spot) {
+std::string typed_spot_line(const Spot& spot) {
+    return R"({"type":"spot",)" + spot_line(spot).substr(1);
+}
+
+std::string spot_csv(const Spot& spot, const SpotColumns& columns) {
     std::string line;
-    for (const auto& value : columns_of(spot)) line += csv_cell(value) + ',';
+    for (const auto& value : columns_of(spot, columns)) line += csv_cell(value) + ',';
     line.back() = '\n';
     return line;
 }
 
-std::string spot_csv_names(const Spot& spot) {
-    const Json columns = columns_of(spot);
+std::string spot_csv_names(const Spot& spot, const SpotColumns& columns) {
+    const Json fields = columns_of(spot, columns);
     std::string line;
-    for (const auto& [name, value] : columns.items()) line += name + ',';
+    for (const auto& [name, value] : fields.items()) line += name + ',';
     line.back() = '\n';
     return line;
 }
@@ -195,11 +232,11 @@ std::optional<Spot> parse_spot_line(std::string_view line) {
     if (!object.is_object()) return std::nullopt;
     Spot spot{};
     double snr_db = NAN;
-    const bool complete = take_times(object, spot) && take(object, "freq_hz", spot.freq_hz) &&
+    const bool complete = take_times(object, spot) && take(object, "freq_hz", spot.freq_hz) && take_rf(object, spot) &&
                           take(object, "drift_hz_s", spot.drift_hz_s) && take(object, "snr_db", snr_db) &&
                           take_protocol(object, spot) && take(object, "call", spot.call) &&
                           take(object, "locator", spot.locator) && take(object, "deep", spot.deep) &&
-                          take_finding(object, spot);
+                          take_finding(object, spot) && take_receiver(object, spot) && take_standing(object, spot);
     if (!complete) return std::nullopt;
     if (!std::isnan(snr_db)) spot.snr_db = snr_db;
     return spot;

@@ -34,7 +34,7 @@ void SpotLog::add(const std::vector<Found>& found) {
         const auto known = std::find_if(entries_.begin(), entries_.end(),
                                         [&](const Entry& entry) { return same_frame(entry.spot, spot); });
         if (known == entries_.end()) {
-            entries_.push_back({spot, false, 1, blocks_});
+            entries_.push_back({spot, false, false, 1, blocks_});
             continue;
         }
         if (std::exchange(known->block, blocks_) != blocks_) known->finds++;
@@ -44,6 +44,12 @@ void SpotLog::add(const std::vector<Found>& found) {
 
 double SpotLog::time_of(const ov_spot& spot) const {
     return order_ == Order::START ? spot.t : spot_end(spot);
+}
+
+void SpotLog::show_new(const std::function<void(const Found&)>& take) {
+    for (Entry& entry : entries_) {
+        if (!entry.released && !std::exchange(entry.shown, true)) take(entry.spot);
+    }
 }
 
 void SpotLog::release(double time, const std::function<void(const Found&, int32_t finds)>& take) {

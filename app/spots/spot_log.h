@@ -19,6 +19,9 @@ class SpotLog {
     // should already have been handed out.
     void add(const std::vector<Found>& found);
 
+    // Shows the spots that are held back and have not been shown yet.
+    void show_new(const std::function<void(const Found&)>& take);
+
     // Hands out the spots of frames that started (or ended) up to `time`, each with the number of blocks that it was
     // found in, whatever the caller makes of them, and forgets much older ones.
     void release(double time, const std::function<void(const Found&, int32_t finds)>& take);
@@ -26,7 +29,7 @@ class SpotLog {
   private:
     struct Entry {
         Found spot;
-        bool released;
+        bool shown, released;
         int32_t finds;
         int64_t block;  // the last that it was found in
     };

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import ctypes
+import datetime
 import math
 import threading
 import weakref
@@ -127,13 +128,22 @@ class Spot:
     """How it was found."""
     odds: float | None = None
     """Natural logarithm of the odds that it was sent as it was read; None without the coherent search's methods."""
+    rf_hz: float | None = None
+    """Frequency on the air, Hz; None where the receiver's tuning is not known."""
+    utc: float | None = None
+    """UTC of its start, s since 1970-01-01; None where it is not known."""
 
     def to_dict(self) -> dict[str, Any]:
         """The fields under the names that `orvel decode --json` gives them, the protocol by its name; fit for JSON."""
+        length_s = self.t_end - self.t_start
+        utc = {} if self.utc is None else {"utc_start": _utc_text(self.utc), "utc_end": _utc_text(self.utc + length_s)}
+        rf = {} if self.rf_hz is None else {"rf_hz": self.rf_hz}
         return {
+            **utc,
             "t_start": self.t_start,
             "t_end": self.t_end,
             "freq_hz": self.freq_hz,
+            **rf,
             "drift_hz_s": self.drift_hz_s,
             "snr_db": self.snr_db,
             "protocol": self.protocol.label,
@@ -153,6 +163,12 @@ class Hit:
     """Hz."""
     z: float
     """Distance from the median of all frequencies, sigma."""
+
+
+def _utc_text(utc: float) -> str:
+    hundredths = round(100 * utc)  # once: 59.996 never becomes 60.00
+    whole = datetime.datetime.fromtimestamp(hundredths // 100, datetime.timezone.utc)
+    return f"{whole:%Y-%m-%dT%H:%M:%S}.{hundredths % 100:02d}Z"
 
 
 def _spot(record: ResultRecord, finding: FindingRecord) -> Spot:

@@ -17,6 +17,7 @@ import numpy as np
 import numpy.typing as npt
 
 from . import _checks as checks
+from ._samples import SampleFile, Take, format_of_name, is_sigmf, open_raw, open_sigmf, parse_format
 from .decoder import METHODS, Coherent, Decoder, Search, Spot
 from .iq import decode_slice
 from .protocols import Protocol
@@ -74,7 +75,16 @@ class _SoundFile:
         self._file.close()
 
 
-def _open(path: str) -> _WaveFile | _SoundFile:
+def _open(path: str, iq: bool, raw: str | None, rate: int | None) -> _WaveFile | _SoundFile | SampleFile:
+    if raw is None and is_sigmf(path):
+        return open_sigmf(path, rate)
+    kind = (parse_format(raw), False) if raw is not None else format_of_name(path)
+    if kind is not None:
+        if kind[0] is None:
+            raise ValueError(f"raw is {raw!r}, not u8, s8, u16, s16, s24, u32, s32, f32, f64, or one with be behind it")
+        if rate is None:
+            raise ValueError(f"{path!r} holds bare samples, whose rate must be given")
+        return open_raw(path, kind[0], iq or kind[1], rate)
     try:
         return _WaveFile(path)
     except (wave.Error, EOFError) as error:
@@ -89,7 +99,7 @@ def _starts(n: int, length: int, overlap: int) -> list[int]:
     return [*range(0, n - length, length - overlap), n - length]
 
 
-def _blocks(file: _WaveFile | _SoundFile) -> Iterator[tuple[int, _Frames]]:
+def _blocks(file: _WaveFile | _SoundFile | SampleFile) -> Iterator[tuple[int, _Frames]]:
     seconds = min(max(_BLOCK_SAMPLES / file.rate, _LEAST_BLOCK_S), _MOST_BLOCK_S)
     length = round(seconds * file.rate)
     if file.n <= _STRETCH * length:
@@ -146,10 +156,24 @@ def _merge(found: list[tuple[float, Spot]]) -> list[Spot]:
     return sorted((spot for _, spot in best), key=lambda spot: spot.t_start)
 
 
+def _placed(spot: Spot, takes: list[Take], rate: int) -> Spot:
+    """A spot with its time and its frequency on the air, as far as the take that it lies in knows them."""
+    middle = (spot.t_start + spot.t_end) / 2 * rate
+    take = [take for k, take in enumerate(takes) if k == 0 or take.begin <= middle][-1]
+    utc = None if take.utc is None else take.utc - take.begin / rate + spot.t_start
+    if take.dial_hz is None:
+        return replace(spot, utc=utc)
+    return replace(spot, utc=utc, rf_hz=take.dial_hz - spot.freq_hz if take.lsb else take.dial_hz + spot.freq_hz)
+
+
 def decode_file(
     path: str | os.PathLike[str],
     *,
     iq: bool = False,
+    raw: str | None = None,
+    rate: int | None = None,
+    dial_hz: float | None = None,
+    lsb: bool = False,
     wide: bool = False,
     channel: int | None = None,
     known: str | Iterable[str] = (),
@@ -163,26 +187,36 @@ def decode_file(
 ) -> list[Spot]:
     """Find and decode all frames in a recording of any length, block by block.
 
-    path       WAV file; with the package soundfile whatever else libsndfile reads
-    iq         the two channels are I and Q, around the receiver's centre
+    path       WAV file; with the package soundfile whatever else libsndfile reads; SigMF, by any of its names; bare
+               samples, by names like .cu8, .cs16 and .cf32, which are I/Q, or .s16 and .f32
+    iq         the two channels are I and Q, around the receiver's centre; SigMF and names of bare samples say so too
+    raw        the file is bare samples of this format, whatever its name: "u8", "s16", "f32be" and the like
+    rate       sample rate of bare samples, Hz; goes before that of SigMF
+    dial_hz    frequency that the receiver was tuned to, of I/Q its centre; goes before that of SigMF
+    lsb        frequencies count downward from dial_hz
     wide       of I/Q, the whole band: as for decode_wide()
     channel    of audio the one to take, from 1; None = the mean of all
     center_hz  centre of the search; None = 1500 Hz, of I/Q 0
 
     The rest is as for decode(). Spots count from the start of the file, each frame is reported once, in order of start
-    time, as `orvel decode` prints them, which reads sample rates that the library refuses too, and works on all cores.
+    time, as `orvel decode` prints them, with `rf_hz` and `utc` where SigMF or dial_hz tell them. The command reads sample rates that the library refuses too, and works on all cores.
     Samples that are not finite count as silence; a file that ends before its header says is decoded up to there.
 
     Raises OSError when the file cannot be opened, ValueError when it cannot be read as asked, OrvelError for one that
     the decoder refuses; soundfile raises errors of its own.
     """
-    if wide and not iq:
-        raise ValueError("wide is for I/Q")
-    center = (0.0 if iq else 1500.0) if center_hz is None else center_hz
-    search = Search(protocols, center, search_hz, spread_hz, deep_search, known_only)
     calls = known if isinstance(known, str) else list(known)
     found: list[tuple[float, Spot]] = []
-    with contextlib.closing(_open(os.fspath(path))) as file, Decoder(calls) as decoder:
+    hertz = None if rate is None else checks.whole_number(rate, "rate", 1)
+    with contextlib.closing(_open(os.fspath(path), iq, raw, hertz)) as file, Decoder(calls) as decoder:
+        iq = iq or (isinstance(file, SampleFile) and file.iq)
+        if wide and not iq:
+            raise ValueError("wide is for I/Q")
+        center = (0.0 if iq else 1500.0) if center_hz is None else center_hz
+        search = Search(protocols, center, search_hz, spread_hz, deep_search, known_only)
+        takes = file.takes if isinstance(file, SampleFile) else [Take()]
+        if dial_hz is not None:
+            takes = [replace(take, dial_hz=checks.real_number(dial_hz, "dial_hz"), lsb=lsb) for take in takes]
 
         def decode(samples: checks.Samples, rate: int, where: Search) -> list[Spot]:
             return _decode_crowded(decoder, samples, rate, where, coherent)
@@ -207,4 +241,5 @@ def decode_file(
             for spot in spots:
                 heard_s = min(spot.t_end, length_s) - max(spot.t_start, 0)
                 found.append((heard_s, replace(spot, t_start=spot.t_start + begin_s, t_end=spot.t_end + begin_s)))
-    return _merge(found)
+        merged = _merge(found)
+        return [_placed(spot, takes, file.rate) for spot in merged]

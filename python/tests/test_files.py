@@ -6,6 +6,7 @@ import json
 import os
 import struct
 import subprocess
+import tarfile
 import wave
 from pathlib import Path
 from typing import Any
@@ -16,7 +17,7 @@ import pytest
 from stations import RECORDINGS, heard, noise_iq, read_truth, station_iq
 
 import orvel
-from orvel import files
+from orvel import _samples, files
 
 
 def write_wave(path: Path, samples: npt.NDArray[Any], rate: int, octets: int = 2) -> Path:
@@ -164,3 +165,113 @@ def test_what_cannot_be_read_is_explained(tmp_path: Path, monkeypatch: pytest.Mo
     (tmp_path / "empty.wav").write_bytes(header)
     with pytest.raises(ValueError, match="samples are empty"):
         orvel.decode_file(tmp_path / "empty.wav")
+
+
+# ---- Bare samples and SigMF -----------------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize(
+    ("name", "data", "expected"),
+    [
+        ("u8", b"\x00\x7f\x80\xff", [-127.5 / 128, -0.5 / 128, 0.5 / 128, 127.5 / 128]),
+        ("s8", b"\x01\x80", [1 / 128, -1]),
+        ("u16", b"\x00\x80", [0.5 / 32768]),
+        ("s16le", b"\x01\x00\x00\x80", [1 / 32768, -1]),
+        ("s16be", b"\x00\x01\x80\x00", [1 / 32768, -1]),
+        ("s24be", b"\x00\x00\x01\x80\x00\x00", [2.0**-23, -1]),
+        ("s32", b"\x00\x00\x00\x40", [0.5]),
+        ("f32be", struct.pack(">3f", 0.25, float("nan"), 3e9), [0.25, 0, 0]),
+        ("f64", struct.pack("<2d", -0.25, float("inf")), [-0.25, 0]),
+    ],
+)
+def test_samples_are_of_full_scale_one(name: str, data: bytes, expected: list[float]) -> None:
+    kind = _samples.parse_format(name)
+    assert kind is not None
+    assert kind.samples(data).tolist() == expected
+
+
+def test_names_tell_samples() -> None:
+    for name, kind, iq in [("a.cu8", "u8", True), ("b.CF32", "f32", True), ("c.cfile", "f32", True), ("d.s16", "s16", False)]:
+        assert _samples.format_of_name(name) == (_samples.parse_format(kind), iq)
+    assert all(_samples.format_of_name(name) is None for name in ("x.wav", "x", "x.c", "x.cu8be"))
+
+
+def iq_station(path: Path, **metadata: Any) -> Path:
+    """A SigMF pair of K2QRX 100 Hz above the centre, 5 s from its start."""
+    iq = station_iq("K2QRX", 100.0, 5, n=40000, rate=1000, t_start=5.0) + noise_iq(40, 1000, 1)
+    scaled = np.rint(8000 * np.column_stack([iq.real, iq.imag]) / np.abs(iq).max()).astype("<i2")
+    captures = [
+        {"core:sample_start": 0, "core:frequency": 137000, "core:datetime": "2001-09-09T01:46:40.25Z"},
+        {"core:sample_start": 2000, "core:datetime": "2001-09-09T01:47:42.250000Z"},
+    ]
+    about = {"core:datatype": "ci16_le", "core:sample_rate": 1000, "core:version": "1.2.5", **metadata}
+    path.with_suffix(".sigmf-data").write_bytes(scaled.tobytes())
+    path.with_suffix(".sigmf-meta").write_text(json.dumps({"global": about, "captures": captures, "annotations": []}))
+    return path.with_suffix(".sigmf-meta")
+
+
+def test_sigmf_gives_time_and_frequency(tmp_path: Path) -> None:
+    meta = iq_station(tmp_path / "x")
+    archive = tmp_path / "y.sigmf"
+    with tarfile.open(archive, "w") as tar:
+        tar.add(meta, "y/x.sigmf-meta")
+        tar.add(meta.with_suffix(".sigmf-data"), "y/x.sigmf-data")
+    for path in (meta, meta.with_suffix(".sigmf-data"), archive):
+        (spot,) = orvel.decode_file(path)
+        assert spot.call == "K2QRX"
+        assert spot.rf_hz == pytest.approx(137100, abs=0.5)
+        assert spot.utc == pytest.approx(1e9 + 62.25 + 3, abs=0.1), "the frame lies in the second capture"
+        record = spot.to_dict()
+        assert record["rf_hz"] == spot.rf_hz
+        assert str(record["utc_start"]).startswith("2001-09-09T01:47:45.")
+    (below,) = orvel.decode_file(meta, dial_hz=7e6, lsb=True)
+    assert below.rf_hz == pytest.approx(7e6 - 100, abs=0.5)
+
+
+@pytest.mark.skipif("ORVEL_COMMAND" not in os.environ, reason="ORVEL_COMMAND names no orvel command")
+def test_sigmf_and_bare_samples_give_what_the_command_prints(tmp_path: Path) -> None:
+    meta = iq_station(tmp_path / "x")
+    raw = tmp_path / "x.cs16"
+    raw.write_bytes(meta.with_suffix(".sigmf-data").read_bytes())
+    rates: list[tuple[Path, int | None]] = [(meta, None), (raw, 1000)]
+    for path, rate in rates:
+        command = [os.environ["ORVEL_COMMAND"], "decode", "--json", str(path), "--rate", "1000"]
+        printed = json.loads(subprocess.run(command, capture_output=True, text=True, check=True).stdout)
+        (spot,) = orvel.decode_file(path, rate=rate)
+        record = spot.to_dict()
+        assert {name for name in printed if name != "file"} <= set(record)
+        for name in ("utc_start", "utc_end", "call"):
+            assert record.get(name) == printed.get(name)
+        for name in ("freq_hz", "rf_hz"):
+            assert record.get(name) == pytest.approx(printed.get(name), abs=0.1)
+
+
+def test_recordings_that_make_no_sense_are_refused(tmp_path: Path) -> None:
+    raw = tmp_path / "x.cu8"
+    raw.write_bytes(b"")
+    with pytest.raises(ValueError, match="whose rate must be given"):
+        orvel.decode_file(raw)
+    with pytest.raises(ValueError, match="holds no samples"):
+        orvel.decode_file(raw, rate=1000)
+    with pytest.raises(ValueError, match="raw is 's12'"):
+        orvel.decode_file(raw, raw="s12", rate=1000)
+    lies: list[tuple[dict[str, Any], str]] = [
+        ({"core:datatype": "ci17_le"}, "core:datatype is 'ci17_le'"),
+        ({"core:datatype": "rf16_le"}, "core:datatype is 'rf16_le'"),
+        ({"core:datatype": "ri64_be"}, "core:datatype is 'ri64_be'"),
+        ({"core:sample_rate": "x"}, "core:sample_rate is 'x'"),
+        ({"core:num_channels": 0}, "core:num_channels is not from 1 to 1024"),
+        ({"core:trailing_bytes": -1}, "core:trailing_bytes is not a whole number"),
+        ({"core:dataset": "../x"}, "is not the name of a file beside it"),
+        ({"core:trailing_bytes": 1e9}, "holds no samples"),
+    ]
+    for metadata, reason in lies:
+        with pytest.raises(ValueError, match=reason):
+            orvel.decode_file(iq_station(tmp_path / "y", **metadata))
+    (tmp_path / "z.sigmf-data").write_bytes(b"")
+    (tmp_path / "z.sigmf-meta").write_text("[" * 100000)
+    with pytest.raises(ValueError, match="cannot read"):
+        orvel.decode_file(tmp_path / "z.sigmf-meta")
+    (tmp_path / "z.sigmf").write_text("nothing")
+    with pytest.raises(ValueError, match="not a tar archive"):
+        orvel.decode_file(tmp_path / "z.sigmf")

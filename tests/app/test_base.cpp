@@ -2,9 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <optional>
 #include <random>
@@ -17,6 +19,7 @@
 #include "base/console.h"
 #include "base/parse.h"
 #include "base/progress.h"
+#include "base/sample_format.h"
 #include "base/text.h"
 #include "base/utc.h"
 #include "ovcenc.h"
@@ -412,6 +415,65 @@ TEST(Callsigns, AProblemIsWhatTheCoderRefusesOrDrops) {
     EXPECT_GT(fine, 100);
     EXPECT_EQ(callsign_problem("ABCDEFG"), "a frame holds at most 6 characters");
     EXPECT_EQ(callsign_problem("K2QRXY"), "at most three letters may follow the digit");
+}
+
+// ---- Samples of raw files
+// --------------------------------------------------------------------------------------------
+
+TEST(SampleFormats, HaveNamesThatReadBack) {
+    for (const char* name : {"u8", "s8", "u16", "s16", "s24", "u32", "s32", "f32", "f64", "s16be", "s24be", "f64be"}) {
+        const auto format = parse_sample_format(name);
+        ASSERT_TRUE(format) << name;
+        EXPECT_EQ(name_of(*format), name);
+    }
+    EXPECT_EQ(parse_sample_format("s16le"), parse_sample_format("s16"));
+    EXPECT_EQ(parse_sample_format("f32be")->bytes, 4u);
+    for (const char* name : {"", "be", "u8be", "s8le", "S16", "s12", "f16", "s16 ", "s16bebe", "u24", "float"}) {
+        EXPECT_FALSE(parse_sample_format(name)) << name;
+    }
+}
+
+// The samples of a format, given as bytes, as floats and doubles, which must be alike.
+std::vector<double> converted(const std::string& name, const std::vector<uint8_t>& bytes) {
+    const auto format = parse_sample_format(name).value();
+    std::vector<double> doubles(bytes.size() / format.bytes);
+    std::vector<float> floats(doubles.size());
+    convert_samples(format, bytes, doubles);
+    convert_samples(format, bytes, floats);
+    for (std::size_t k = 0; k < doubles.size(); k++) EXPECT_EQ(floats[k], static_cast<float>(doubles[k])) << name;
+    return doubles;
+}
+
+TEST(SampleFormats, AreOfFullScaleOne) {
+    using Samples = std::vector<double>;
+    EXPECT_EQ(converted("u8", {0, 127, 128, 255}), (Samples{-127.5 / 128, -0.5 / 128, 0.5 / 128, 127.5 / 128}));
+    EXPECT_EQ(converted("s8", {0, 1, 127, 128, 255}), (Samples{0, 1 / 128.0, 127 / 128.0, -1, -1 / 128.0}));
+    EXPECT_EQ(converted("u16", {0, 0, 0, 128}), (Samples{-32767.5 / 32768, 0.5 / 32768}));
+    EXPECT_EQ(converted("s16", {1, 0, 0, 128, 255, 127}), (Samples{1 / 32768.0, -1, 32767 / 32768.0}));
+    EXPECT_EQ(converted("s16be", {0, 1, 128, 0, 127, 255}), (Samples{1 / 32768.0, -1, 32767 / 32768.0}));
+    EXPECT_EQ(converted("s24", {1, 0, 0, 0, 0, 128}), (Samples{0x1p-23, -1}));
+    EXPECT_EQ(converted("s24be", {0, 0, 1, 128, 0, 0}), (Samples{0x1p-23, -1}));
+    EXPECT_EQ(converted("u32", {0, 0, 0, 128}), Samples{0.5 * 0x1p-31});
+    EXPECT_EQ(converted("s32be", {0, 0, 0, 1, 128, 0, 0, 0}), (Samples{0x1p-31, -1}));
+}
+
+TEST(SampleFormats, FloatsAreTakenAsTheyAreUnlessNobodyCouldHearThem) {
+    const float infinity = std::numeric_limits<float>::infinity();
+    const float most = 0x1p31f;
+    std::vector<uint8_t> f32, f32be, f64;
+    for (const float value : {0.25f, -3.0f, infinity, -infinity, std::nanf(""), most, -most, 2.2e9f, 1e-40f}) {
+        const auto word = std::bit_cast<uint32_t>(value);
+        const auto wide = std::bit_cast<uint64_t>(static_cast<double>(value));
+        for (int shift = 0; shift < 32; shift += 8) {
+            f32.push_back(static_cast<uint8_t>(word >> shift & 0xFF));
+            f32be.push_back(static_cast<uint8_t>(word >> (24 - shift) & 0xFF));
+        }
+        for (int shift = 0; shift < 64; shift += 8) f64.push_back(static_cast<uint8_t>(wide >> shift & 0xFF));
+    }
+    const std::vector<double> expected = {0.25, -3, 0, 0, 0, 0x1p31, -0x1p31, 0, static_cast<double>(1e-40f)};
+    EXPECT_EQ(converted("f32", f32), expected);
+    EXPECT_EQ(converted("f32be", f32be), expected);
+    EXPECT_EQ(converted("f64", f64), expected);
 }
 
 }  // namespace

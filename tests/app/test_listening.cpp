@@ -1,17 +1,30 @@
-// Listening, piece by piece: overlapping decodes, the clock of captured samples, raw samples.
+// Listening, piece by piece: overlapping decodes, the clock of captured samples.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
 #include <algorithm>
-#include <array>
 #include <cmath>
+#include <complex>
 #include <cstdint>
+#include <memory>
+#include <numbers>
+#include <optional>
 #include <random>
+#include <span>
+#include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
+#include "listening/clock_check.h"
 #include "listening/confirmation.h"
-#include "listening/raw_input.h"
+#include "listening/history.h"
+#include "listening/level.h"
+#include "listening/line_queue.h"
+#include "listening/receiver.h"
 #include "listening/sample_clock.h"
+#include "listening/spectrum.h"
+#include "siggen.h"
+#include "sources/source.h"
 
 namespace {
 
@@ -241,65 +254,269 @@ TEST_F(TheSampleClock, OfWhatComesAllAtOnceTheNewestSampleHasJustCome) {
     for (const double at_s : {0.0, 100.0, 200.0}) EXPECT_NEAR(clock_.utc(at_s), MARCH_1 - 200 + at_s, 1e-6) << at_s;
 }
 
-// ---- Raw samples ----------------------------------------------------------------------------------------------------
+// ---- The clock of a stream ------------------------------------------------------------------------------------------
 
-// Standard input of this process, from a pipe.
-class RawSamples : public ::testing::Test {
+// Buffers of a quarter of a second, each late by up to a fifth, that a clock of this error counts.
+class TheClockCheck : public ::testing::Test {
   protected:
-    RawSamples() : saved_(dup(STDIN_FILENO)) {
-        std::array<int, 2> ends{};
-        if (pipe(ends.data()) == 0) {
-            dup2(ends[0], STDIN_FILENO);
-            close(ends[0]);
-            write_end_ = ends[1];
+    // Returns the losses that are told meanwhile.
+    std::vector<double> capture(double seconds, double late_s = 0, double error = 0) {
+        std::vector<double> losses;
+        for (const double end_s = captured_s_ + seconds; captured_s_ < end_s; captured_s_ += 0.25) {
+            now_ += 0.25 * (1 - error);
+            const double lost_s = check_.observe(captured_s_, now_ + late_s + late_(random_));
+            if (lost_s > 0) losses.push_back(lost_s);
         }
+        return losses;
     }
-    ~RawSamples() override {
-        finish();
-        dup2(saved_, STDIN_FILENO);
-        close(saved_);
-    }
+    void lose(double seconds) { now_ += seconds; }
 
-    void send(const void* bytes, std::size_t count) {
-        ASSERT_EQ(write(write_end_, bytes, count), static_cast<ssize_t>(count));
-    }
-    void finish() {
-        if (write_end_ >= 0) close(write_end_);
-        write_end_ = -1;
-    }
+    ClockCheck check_;
+    double captured_s_ = 0, now_ = 1000;
 
   private:
-    int saved_;
-    int write_end_ = -1;
+    std::mt19937_64 random_{4};
+    std::uniform_real_distribution<double> late_{0, 0.2};
 };
 
-TEST_F(RawSamples, ComeInWholeFramesHoweverTheyAreSent) {
-    const std::array<uint8_t, 8> bytes = {0x00, 0x40, 0x00, 0x80, 0xff, 0x7f, 0x01, 0x00};
-    RawInput input({false, 2, 8000});
-    std::vector<float> all;
-    std::vector<float> samples;
-    send(bytes.data(), 3);
-    send(bytes.data() + 3, 2);
-    while (all.size() < 2) {
-        ASSERT_TRUE(input.read(samples));
-        EXPECT_EQ(samples.size() % 2, 0u);
-        all.insert(all.end(), samples.begin(), samples.end());
-    }
-    send(bytes.data() + 5, 3);
-    finish();
-    while (input.read(samples)) all.insert(all.end(), samples.begin(), samples.end());
-    EXPECT_EQ(all, (std::vector<float>{0.5f, -1.0f, 32767 / 32768.0f, 1 / 32768.0f}));
-    EXPECT_FALSE(input.failed()) << "the end is no failure";
+TEST_F(TheClockCheck, TellsWhatWasLostOnce) {
+    EXPECT_TRUE(capture(100).empty());
+    lose(2.5);
+    const std::vector<double> losses = capture(100);
+    ASSERT_EQ(losses.size(), 1u);
+    EXPECT_NEAR(losses[0], 2.5, 0.05);
 }
 
-TEST_F(RawSamples, ThatAreNoNumbersOrBeyondAnyScaleAreSilence) {
-    const std::array<float, 6> sent = {0.25f, NAN, HUGE_VALF, -0x1p31f, 0x1.1p31f, -2.0f};
-    RawInput input({true, 1, 8000});
-    send(sent.data(), sizeof sent);
-    finish();
+TEST_F(TheClockCheck, DoesNotTakeWhatIsLateForLost) {
+    capture(60);
+    EXPECT_TRUE(capture(3, 5).empty());
+    EXPECT_TRUE(capture(60).empty());
+}
+
+TEST_F(TheClockCheck, KnowsTheErrorOfTheClockAfterSomeMinutes) {
+    for (const double error : {0.0, 150e-6, -150e-6}) {
+        check_ = {};
+        capture(60, 0, error);
+        EXPECT_FALSE(check_.error_ppm()) << "too early";
+        capture(1000, 0, error);
+        ASSERT_TRUE(check_.error_ppm());
+        EXPECT_NEAR(*check_.error_ppm(), 1e6 * error, 20);
+    }
+}
+
+// ---- Lines on their way ---------------------------------------------------------------------------------------------
+
+TEST(TheLineQueue, PassesLinesOnInOrderAndDropsWhatItHasNoRoomFor) {
+    LineQueue queue(2);
+    EXPECT_TRUE(queue.push("a"));
+    EXPECT_TRUE(queue.push("b"));
+    EXPECT_FALSE(queue.push("c"));
+    EXPECT_EQ(queue.pop(0), "a");
+    EXPECT_TRUE(queue.push("d"));
+    EXPECT_EQ(queue.pop(0), "b");
+    EXPECT_EQ(queue.pop(0), "d");
+    EXPECT_FALSE(queue.pop(0));
+}
+
+TEST(TheLineQueue, TakesLinesFromSeveralThreads) {
+    LineQueue queue(1000);
+    std::vector<std::jthread> threads;
+    threads.reserve(4);
+    for (int k = 0; k < 4; k++) {
+        threads.emplace_back([&queue] {
+            for (int line = 0; line < 100; line++) queue.push(std::to_string(line));
+        });
+    }
+    int lines = 0;
+    while (lines < 400 && queue.pop(10)) lines++;
+    EXPECT_EQ(lines, 400);
+}
+
+// ---- What is kept ---------------------------------------------------------------------------------------------------
+
+TEST(TheHistoryOfIq, HoldsTheNewestSamples) {
+    IqHistory history(10, 2.5);
+    std::vector<std::complex<float>> all;
+    std::vector<double> x;
+    std::vector<double> q;
+    for (int round = 0; round < 20; round++) {
+        std::vector<std::complex<float>> samples;
+        for (int k = 0; k < round % 7; k++) {
+            samples.emplace_back(static_cast<float>(round), static_cast<float>(k));
+            all.push_back(samples.back());
+        }
+        history.push(samples);
+        EXPECT_NEAR(history.captured_s(), static_cast<double>(all.size()) / 10, 1e-9);
+        for (const std::size_t count : {0U, 1U, 24U, 25U, 99U}) {
+            history.newest(count, x, q);
+            const std::size_t n = std::min({count, all.size(), std::size_t{25}});
+            ASSERT_EQ(x.size(), n);
+            ASSERT_EQ(q.size(), n);
+            for (std::size_t k = 0; k < n; k++) {
+                EXPECT_EQ(static_cast<float>(x[k]), all[all.size() - n + k].real());
+                EXPECT_EQ(static_cast<float>(q[k]), all[all.size() - n + k].imag());
+            }
+        }
+    }
+}
+
+// ---- Levels and spectra ---------------------------------------------------------------------------------------------
+
+TEST(Levels, AreThoseOfFullScale) {
+    LevelMeter meter;
+    EXPECT_EQ(meter.rms_db(), -120);
+    EXPECT_EQ(meter.peak_db(), -120);
     std::vector<float> samples;
-    ASSERT_TRUE(input.read(samples));
-    EXPECT_EQ(samples, (std::vector<float>{0.25f, 0, 0, -0x1p31f, 0, -2.0f}));
+    for (int k = 0; k < 1000; k++)
+        samples.push_back(0.5f * std::sin(0.1f * std::numbers::pi_v<float> * static_cast<float>(k)));
+    meter.add(samples);
+    EXPECT_NEAR(meter.rms_db(), -9.03, 0.01);
+    EXPECT_NEAR(meter.peak_db(), -6.02, 0.01);
+    EXPECT_EQ(meter.clipped(), 0);
+    meter.add(std::vector<float>{1, -1, 127.5f / 128, 126.5f / 128});
+    EXPECT_EQ(meter.clipped(), 3);
+}
+
+// The mean power, in 1 Hz, of white noise and of a tone.
+TEST(Spectra, HaveNoiseAtItsDensityAndATonesPowerWhereItIs) {
+    std::mt19937_64 random(1);
+    std::normal_distribution<double> noise(0, 0.1);
+    for (const bool iq : {false, true}) {
+        constexpr int32_t RATE = 8000;
+        constexpr double TONE_HZ = 1012;
+        Spectrum spectrum(RATE, iq, {900, 1100});
+        MeanSpectrum mean;
+        std::vector<float> samples;
+        for (int k = 0; k < 60 * RATE; k++) {
+            const double turn = 2 * std::numbers::pi * TONE_HZ * k / RATE;
+            samples.push_back(static_cast<float>(noise(random) + 0.2 * std::cos(turn)));
+            if (iq) samples.push_back(static_cast<float>(noise(random) + 0.2 * std::sin(turn)));
+        }
+        spectrum.push(samples, [&](std::span<const float> power) { mean.add(power); });
+        ASSERT_FALSE(mean.empty());
+        const std::vector<double> levels = mean.take_db();
+        EXPECT_TRUE(mean.empty());
+        ASSERT_EQ(levels.size(), spectrum.points());
+        EXPECT_GE(levels.size(), 400u);
+        EXPECT_LE(levels.size(), Spectrum::MOST_POINTS);
+        const Range band = spectrum.band();
+        EXPECT_NEAR(band.low, 900, 1);
+        EXPECT_NEAR(band.high, 1100, 1);
+        EXPECT_NEAR(median_db(levels), 10 * std::log10(iq ? 0.02 / RATE : 0.01 / (RATE / 2.0)), 0.5);
+
+        const double point_hz = (band.high - band.low) / static_cast<double>(levels.size());
+        double power = 0;
+        for (const double level : levels) power += std::pow(10, level / 10) * point_hz;
+        const double expected = (iq ? 0.04 : 0.02) + 200 * (iq ? 0.02 / RATE : 0.01 / (RATE / 2.0));
+        EXPECT_NEAR(power, expected, 0.03 * expected);
+        const auto peak = std::ranges::max_element(levels) - levels.begin();
+        EXPECT_NEAR(band.low + (static_cast<double>(peak) + 0.5) * point_hz, TONE_HZ, point_hz);
+    }
+}
+
+TEST(Spectra, AreALineOfBytesInBase64) {
+    const std::string line = spectrum_line(
+        {.receiver = "lf", .utc = MARCH_1, .band = {-1, 2}, .levels_db = {-140, -139.4, -200, 500, -140 + 0.6 * 77}});
+    EXPECT_EQ(line, R"({"type":"spectrum","receiver":"lf","utc":"2026-03-01T00:00:00.00Z","low_hz":-1.0,"high_hz":2.0,)"
+                    R"("zero_db":-140.0,"step_db":0.6,"levels":"AAEA/00="})"
+                    "\n");
+}
+
+// ---- A receiver -----------------------------------------------------------------------------------------------------
+
+// A source that does what a test says.
+class Script : public Source {
+  public:
+    struct Act {
+        State state;
+        Piece piece;
+        int32_t rate;
+    };
+    explicit Script(std::vector<Act> acts) : acts_(std::move(acts)) {}
+
+    State read(Piece& piece) override {
+        if (next_ == acts_.size()) return State::ENDED;
+        piece = acts_[next_].piece;
+        return acts_[next_++].state;
+    }
+    SourceFormat format() const override { return {.iq = false, .rate = acts_[next_ == 0 ? 0 : next_ - 1].rate}; }
+
+  private:
+    std::vector<Act> acts_;
+    std::size_t next_ = 0;
+};
+
+// Audio with one OPERA frame, cut into seconds.
+std::vector<Script::Act> seconds_with(const char* call, double start_s, int32_t rate) {
+    Scene scene;
+    scene.rate = rate;
+    scene.seconds = 50;
+    scene.stations.push_back({.chips = opera_chips(call), .t_start = start_s, .freq_hz = 1500, .snr_db = -8});
+    const std::vector<float> samples = to_float(render_real(scene));
+    std::vector<Script::Act> acts;
+    for (auto at = samples.begin(); at != samples.end(); at += rate) {
+        acts.push_back({Source::State::SAMPLES, {.samples = {at, at + rate}}, rate});
+    }
+    return acts;
+}
+
+struct Told {
+    std::vector<Found> spots;
+    std::vector<Status> statuses;
+};
+Told heard_by_a_receiver(std::vector<Script::Act> acts) {
+    Told told;
+    ReceiverOptions options;
+    options.search.protocols = OVL_OPERA;
+    options.search.search_hz = 20;
+    options.start = MARCH_1;
+    options.status_s = 1e6;  // at the end
+    Receiver receiver(
+        options, std::make_unique<Script>(std::move(acts)),
+        {.spot = [&](const Found& spot, Standing, const std::optional<Tuning>&) { told.spots.push_back(spot); },
+         .status = [&](const Status& status) { told.statuses.push_back(status); },
+         .row = {}});
+    receiver.run();
+    EXPECT_FALSE(receiver.failed());
+    EXPECT_EQ(receiver.spots(), std::ssize(told.spots));
+    return told;
+}
+
+TEST(AReceiver, HearsAFrameAcrossALossAndKnowsItsTime) {
+    std::vector<Script::Act> acts = seconds_with("K2QRX", 10, 8000);
+    acts.erase(acts.begin() + 20, acts.begin() + 22);
+    acts[20].piece.lost_s = 2;
+    const Told told = heard_by_a_receiver(acts);
+    ASSERT_EQ(told.spots.size(), 1u);
+    EXPECT_STREQ(told.spots[0].call, "K2QRX");
+    EXPECT_NEAR(told.spots[0].t, MARCH_1 + 10, 0.1);
+    ASSERT_EQ(told.statuses.size(), 1u);
+    EXPECT_NEAR(told.statuses[0].captured_s, 50, 0.01);
+    EXPECT_NEAR(told.statuses[0].lost_s, 2, 1e-9);
+    EXPECT_EQ(told.statuses[0].spots, 1);
+}
+
+TEST(AReceiver, TakesWhatFollowsABreakForAnotherStreamEvenAtAnotherRate) {
+    std::vector<Script::Act> acts = seconds_with("K2QRX", 5, 8000);
+    acts.push_back({Source::State::BROKEN, {}, 12000});
+    for (Script::Act& act : seconds_with("G4QZB", 5, 12000)) acts.push_back(std::move(act));
+    const Told told = heard_by_a_receiver(acts);
+    ASSERT_EQ(told.spots.size(), 2u);
+    EXPECT_STREQ(told.spots[0].call, "K2QRX");
+    EXPECT_STREQ(told.spots[1].call, "G4QZB");
+    EXPECT_NEAR(told.statuses[0].captured_s, 100, 0.01);
+    EXPECT_EQ(told.statuses[0].rate, 12000);
+}
+
+TEST(AReceiver, BeginsAnewBehindALongLoss) {
+    std::vector<Script::Act> acts = seconds_with("K2QRX", 5, 8000);
+    for (Script::Act& act : seconds_with("G4QZB", 5, 8000)) acts.push_back(std::move(act));
+    acts[50].piece.lost_s = 3600;
+    const Told told = heard_by_a_receiver(acts);
+    ASSERT_EQ(told.spots.size(), 2u);
+    EXPECT_NEAR(told.statuses[0].captured_s, 100, 0.01);
+    EXPECT_NEAR(told.statuses[0].lost_s, 3600, 1e-6);
+    EXPECT_NEAR(told.spots[1].t, MARCH_1 + 3655, 0.1);
 }
 
 }  // namespace

@@ -324,6 +324,26 @@ TEST_F(Pictures, RecordingsOfIqAndWideBandsAreDrawn) {
     EXPECT_NE(bytes_of("part.svg").find("DL1QXA"), std::string::npos);
 }
 
+TEST_F(Pictures, BesideFrequenciesInSamplesStandThoseOnTheAir) {
+    const std::string file = recording();
+    const Arguments part = {"plot", file, "--from", "10", "--to", "12", "--no-decode", "--search", "100", "-o"};
+    for (const auto& [side, first, last] :
+         {std::tuple{"usb", ">137.46<", ">137.54<"}, std::tuple{"lsb", ">134.54<", ">134.46<"}}) {
+        Arguments arguments = part;
+        arguments.insert(arguments.end(), {path("x.svg"), "--dial", "136000", "--sideband", side});
+        const auto result = orvel(arguments);
+        ASSERT_EQ(result.status, 0) << result.err;
+        const std::string svg = bytes_of("x.svg");
+        EXPECT_NE(svg.find("radio frequency, kHz<"), std::string::npos);
+        EXPECT_NE(svg.find(">1540<"), std::string::npos);
+        EXPECT_NE(svg.find(first), std::string::npos) << first;
+        EXPECT_NE(svg.find(last), std::string::npos) << last;
+    }
+    const auto chips = orvel({"plot", file, "--chips=K2QRX", "-o", path("x.svg"), "--dial", "136000"});
+    ASSERT_EQ(chips.status, 0) << chips.err;
+    EXPECT_NE(bytes_of("x.svg").find("on the air 137.4"), std::string::npos);
+}
+
 // ---- Chips ----------------------------------------------------------------------------------------------------------
 
 TEST_F(Pictures, MeasuredChipsAreThoseSent) {

@@ -1,18 +1,29 @@
 // Recordings as our programs read and decode them.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "base/error.h"
 #include "command.h"
+#include "process.h"
 #include "recordings/decode_recording.h"
 #include "recordings/open_recording.h"
+#include "recordings/raw_recording.h"
+#include "recordings/sigmf.h"
+#include "recordings/sigmf_writer.h"
+#include "recordings/tar.h"
 #include "siggen.h"
 
 namespace {
@@ -147,6 +158,463 @@ TEST_F(Recordings, ThatAreTooShortAreAnError) {
         EXPECT_EQ(error.what(),
                   "cannot decode '" + path("short.wav") + "': it is too short (0.100 s, a chip is 0.128 s)");
     }
+}
+
+// ---- Bare samples ---------------------------------------------------------------------------------------------------
+
+RecordingOptions at_rate(uint32_t rate) {
+    RecordingOptions options;
+    options.raw_rate = rate;
+    return options;
+}
+
+TEST(RawFiles, AreKnownByTheirNames) {
+    for (const auto& [name, format, iq] : {std::tuple{"x.cu8", "u8", true},
+                                           {"x.cs8", "s8", true},
+                                           {"a/b.CS16", "s16", true},
+                                           {"x.cs32", "s32", true},
+                                           {"x.cf32", "f32", true},
+                                           {"x.cfile", "f32", true},
+                                           {"x.cf64", "f64", true},
+                                           {"x.cs16be", "s16be", true},
+                                           {"x.u8", "u8", false},
+                                           {"x.s16", "s16", false},
+                                           {"x.f32", "f32", false}}) {
+        const auto kind = raw_kind_of(name);
+        ASSERT_TRUE(kind) << name;
+        EXPECT_EQ(name_of(kind->format), format) << name;
+        EXPECT_EQ(kind->iq, iq) << name;
+    }
+    for (const char* name : {"x.wav", "x", "cu8", "x.cu8.bak", "x.c", "x.raw", "x.cs16le2", ".", ""}) {
+        EXPECT_FALSE(raw_kind_of(name)) << name;
+    }
+}
+
+TEST_F(Recordings, OfBareSamplesAreReadByTheStretch) {
+    std::string pairs;
+    for (int16_t k = 0; k < 8000; k++) {
+        append(pairs, k);
+        append(pairs, static_cast<int16_t>(-k));
+    }
+    const auto recording = open_recording(write("x.cs16", pairs), at_rate(8000));
+    EXPECT_TRUE(recording->iq());
+    EXPECT_EQ(recording->seconds(), 1);
+    const Stretch stretch = recording->read(0.25, 0.5);
+    ASSERT_EQ(stretch.x.size(), 4000u);
+    ASSERT_EQ(stretch.q.size(), 4000u);
+    EXPECT_EQ(stretch.x.front(), 2000 / 32768.0);
+    EXPECT_EQ(stretch.q.back(), -5999 / 32768.0);
+    EXPECT_EQ(recording->read(0.75, 9).x.size(), 2000u);
+
+    RecordingOptions real = at_rate(16000);
+    real.raw = parse_sample_format("s16be");  // goes before the name
+    const auto other = open_recording(write("y.f32", std::string("\x40\x00\xC0\x00", 4)), real);
+    EXPECT_FALSE(other->iq());
+    EXPECT_EQ(other->read(0, 1).x, (std::vector<double>{0.5, -0.5}));
+}
+
+TEST_F(Recordings, OfBareSamplesThatMakeNoSenseAreRefusedOrTold) {
+    const std::string odd = write("odd.cs16", std::string(4003, '\1'));
+    EXPECT_EQ(refusal(odd), "cannot read '" + odd + "': it holds bare samples, whose rate only --rate tells");
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(open_recording(odd, at_rate(1000))->seconds(), 1);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "orvel: '" + odd + "': 3 bytes at the end less than a sample of 4 are passed over\n");
+    const std::string empty = write("empty.cu8", "");
+    EXPECT_EQ(refusal(empty, at_rate(1000)), "cannot read '" + empty + "': it is empty");
+    const std::string tiny = write("tiny.cf64", "1234");
+    EXPECT_NE(refusal(tiny, at_rate(1000)).find("it holds no samples"), std::string::npos);
+    const std::string unknown = write("x.iq", std::string(4000, '\1'));
+    EXPECT_NE(refusal(unknown).find("bare samples are read with --raw FORMAT and --rate HZ, and I/Q with --iq"),
+              std::string::npos)
+        << refusal(unknown);
+}
+
+// ---- SigMF ----------------------------------------------------------------------------------------------------------
+
+using Json = nlohmann::json;
+
+// Metadata of I/Q of 16 bits at 1000 Hz.
+Json metadata() {
+    return Json::parse(R"({"global": {"core:datatype": "ci16_le", "core:sample_rate": 1000, "core:version": "1.2.5"},
+        "captures": [{"core:sample_start": 0, "core:frequency": 137000,
+                      "core:datetime": "2001-09-09T01:46:40.25Z"}],
+        "annotations": []})");
+}
+
+// Pairs (k, -k) from k = first on.
+std::string pairs(int first, int count) {
+    std::string bytes;
+    for (int k = first; k < first + count; k++) {
+        append(bytes, static_cast<int16_t>(k));
+        append(bytes, static_cast<int16_t>(-k));
+    }
+    return bytes;
+}
+
+class Sigmf : public Recordings {
+  protected:
+    std::string pair(const Json& meta, const std::string& data, const std::string& name = "x") const {
+        write(name + ".sigmf-data", data);
+        return write(name + ".sigmf-meta", meta.dump());
+    }
+
+    static std::string contents(const std::string& file) {
+        std::ifstream stream(file, std::ios::binary);
+        return {std::istreambuf_iterator<char>(stream), {}};
+    }
+
+    // What a pair is refused for.
+    std::string refusal_of(const Json& meta, const std::string& data = std::string(4000, '\0')) const {
+        const std::string text = refusal(pair(meta, data));
+        const std::string head = "cannot read '" + path("x.sigmf-meta") + "': ";
+        EXPECT_EQ(text.rfind(head, 0), 0u) << text;
+        return text.substr(head.size());
+    }
+};
+
+std::vector<double> ramp(int first, int count) {
+    std::vector<double> values;
+    for (int k = first; k < first + count; k++) values.push_back(k / 32768.0);
+    return values;
+}
+
+TEST_F(Sigmf, KnowsItsNames) {
+    for (const char* name : {"x.sigmf-meta", "a/x.SIGMF-DATA", "x.sigmf"}) {
+        EXPECT_TRUE(is_sigmf(name)) << name;
+        EXPECT_TRUE(sigmf_base(name).ends_with("x"));
+    }
+    for (const char* name : {".sigmf", "x.wav", "sigmf", "x.sigmf.gz"}) EXPECT_FALSE(is_sigmf(name)) << name;
+}
+
+TEST_F(Sigmf, GivesRateTimeAndTuningByEitherName) {
+    pair(metadata(), pairs(0, 3000));
+    for (const char* name : {"x.sigmf-meta", "x.sigmf-data"}) {
+        const auto recording = open_recording(path(name), {});
+        EXPECT_TRUE(recording->iq());
+        EXPECT_EQ(recording->file_rate(), 1000u);
+        EXPECT_EQ(recording->seconds(), 3);
+        EXPECT_EQ(recording->utc_zero(0), 1e9 + 0.25);
+        ASSERT_TRUE(recording->tuning(1));
+        EXPECT_EQ(recording->tuning(1)->rf_hz(-12), 136988);
+        EXPECT_EQ(recording->read(1, 1).x, ramp(1000, 1000));
+    }
+}
+
+TEST_F(Sigmf, WhatTheUserSaysGoesBefore) {
+    RecordingOptions options;
+    options.start_utc = 5000;
+    options.tuning.dial_hz = 7e6;
+    options.tuning.sideband = Sideband::LOWER;
+    Json meta = metadata();
+    meta["captures"].push_back({{"core:sample_start", 1000}, {"core:datetime", "2001-09-09T01:47:00.25Z"}});
+    const auto recording = open_recording(pair(meta, pairs(0, 3000)), options);
+    EXPECT_EQ(recording->utc_zero(0.5), 5000);
+    EXPECT_EQ(recording->utc_zero(1.5), 5019) << "the gap stays";
+    EXPECT_EQ(recording->tuning(0)->rf_hz(100), 7e6 - 100);
+}
+
+TEST_F(Sigmf, TimesFollowTheCaptureAndWhatItDoesNotSayGoesOn) {
+    Json meta = metadata();
+    meta["captures"] = Json::parse(R"([
+        {"core:sample_start": 500, "core:datetime": "2001-09-09T01:46:40Z", "core:frequency": 137000},
+        {"core:sample_start": 1000, "core:frequency": 474200},
+        {"core:sample_start": 2000, "core:datetime": "2001-09-09T01:47:40Z"}])");
+    const auto recording = open_recording(pair(meta, pairs(0, 3000)), {});
+    EXPECT_FALSE(recording->utc_zero(0.2));
+    EXPECT_FALSE(recording->tuning(0.2));
+    EXPECT_NEAR(*recording->utc_zero(0.6), 1e9 - 0.5, 1e-6);
+    EXPECT_NEAR(*recording->utc_zero(1.5), 1e9 - 0.5, 1e-6);
+    EXPECT_NEAR(*recording->utc_zero(2.5), 1e9 + 60 - 2, 1e-6);
+    EXPECT_EQ(recording->tuning(0.7)->dial_hz, 137000);
+    EXPECT_EQ(recording->tuning(2.9)->dial_hz, 474200);
+    EXPECT_EQ(recording->read(0, 3).x, ramp(0, 3000));
+}
+
+TEST_F(Sigmf, PassesOverHeadersAndTrailersOfOtherFormats) {
+    Json meta = metadata();
+    meta["global"]["core:dataset"] = "x.bin";
+    meta["global"]["core:trailing_bytes"] = 5;
+    meta["global"]["core:offset"] = 100;
+    meta["captures"] = Json::parse(R"([{"core:sample_start": 100, "core:header_bytes": 44},
+                                       {"core:sample_start": 1100, "core:header_bytes": 3}])");
+    const std::string file = pair(meta, "");
+    write("x.bin", std::string(44, 'h') + pairs(0, 1000) + "xxx" + pairs(1000, 500) + "tail.");
+    const auto recording = open_recording(file, {});
+    EXPECT_EQ(recording->seconds(), 1.5);
+    EXPECT_EQ(recording->read(0.9, 0.2).x, ramp(900, 200));
+    EXPECT_EQ(recording->read(0, 9).x, ramp(0, 1500));
+}
+
+TEST_F(Sigmf, EveryDataTypeAndChannelIsRead) {
+    const std::vector<std::pair<std::string, std::string>> samples = {
+        {"u8", "\xC0"},
+        {"i8", "\x40"},
+        {"i16_be", std::string("\x40\0", 2)},
+        {"i32_le", std::string("\0\0\0\x40", 4)},
+        {"f32_be", std::string("\x3F\0\0\0", 4)},
+        {"f64_le", std::string("\0\0\0\0\0\0\xE0\x3F", 8)},
+        {"u16_le", std::string("\0\xC0", 2)},
+        {"u32_be", std::string("\xC0\0\0\0", 4)}};
+    for (const auto& [type, half] : samples) {
+        const std::string zero(half.size(), '\0');
+        Json meta = metadata();
+        meta["global"]["core:datatype"] = "r" + type;
+        meta["global"]["core:num_channels"] = 2;
+        RecordingOptions second;
+        second.channel = 2;
+        const auto recording = open_recording(pair(meta, zero + half), second);
+        EXPECT_FALSE(recording->iq());
+        const std::vector<double> x = recording->read(0, 1).x;
+        ASSERT_EQ(x.size(), 1u) << type;
+        EXPECT_NEAR(x[0], 0.5, 0.01) << type;
+        meta["global"]["core:datatype"] = "c" + type;
+        meta["global"]["core:num_channels"] = 1;
+        EXPECT_NEAR(open_recording(pair(meta, zero + half), {})->read(0, 1).q.at(0), 0.5, 0.01) << type;
+    }
+}
+
+TEST_F(Sigmf, OfATarArchiveIsReadInPlace) {
+    const std::string meta = metadata().dump();
+    const auto padded = [](std::string text) { return text.append((512 - text.size() % 512) % 512, '\0'); };
+    const std::string data = pairs(0, 3000);
+    const std::string whole = tar_header("x/x.sigmf-meta", meta.size()) + padded(meta) +
+                              tar_header("x/x.sigmf-data", data.size()) + padded(data) + std::string(1024, '\0');
+    const auto recording = open_recording(write("y.sigmf", whole), {});
+    EXPECT_EQ(recording->read(1, 1).x, ramp(1000, 1000));
+    EXPECT_EQ(recording->tuning(0)->dial_hz, 137000);
+
+    // As tar itself writes them, with a folder and names that need headers of their own.
+    const std::string folder = std::string(60, 'n');
+    const std::string name = folder + "/" + std::string(60, 'm');
+    std::filesystem::create_directories(path("d/" + name));
+    write("d/" + name + "/x.sigmf-meta", meta);
+    write("d/" + name + "/x.sigmf-data", data);
+    for (const char* kind : {"gnu", "pax", "ustar"}) {
+        const std::string file = path(std::string(kind) + ".sigmf");
+        const auto made = run_process({"/bin/tar", "-C", path("d"), "-H", kind, "-cf", file, folder});
+        ASSERT_EQ(made.status, 0) << made.err;
+        EXPECT_EQ(open_recording(file, {})->read(1, 1).x, ramp(1000, 1000)) << kind;
+    }
+
+    ::testing::internal::CaptureStderr();
+    const auto cut = open_recording(write("cut.sigmf", whole.substr(0, 512 * 3 + 4002)), {});
+    EXPECT_EQ(cut->seconds(), 1);
+    EXPECT_NE(::testing::internal::GetCapturedStderr().find("ends before its header says"), std::string::npos);
+    EXPECT_NE(refusal(write("no.sigmf", "nothing")).find("it is not a tar archive"), std::string::npos);
+    EXPECT_NE(refusal(write("half.sigmf", whole.substr(0, 1024))).find("it holds no .sigmf-data"), std::string::npos);
+    std::string wrong = whole;
+    wrong[3]++;
+    EXPECT_NE(refusal(write("wrong.sigmf", wrong)).find("it is not a tar archive"), std::string::npos);
+}
+
+TEST_F(Sigmf, MetadataThatLiesIsRefusedWithAReason) {
+    const auto with = [](const char* where, const char* name, const Json& value) {
+        Json meta = metadata();
+        (std::string(where) == "global" ? meta["global"] : meta["captures"][0])[name] = value;
+        return meta;
+    };
+    EXPECT_EQ(refusal_of(Json::array()), "its metadata is not a JSON object");
+    EXPECT_EQ(refusal_of({{"global", 7}}), "its metadata has no global object");
+    EXPECT_EQ(refusal_of(with("global", "core:datatype", "ci17_le")), "its core:datatype is 'ci17_le', which is none");
+    EXPECT_EQ(refusal_of(with("global", "core:datatype", 16)), "its core:datatype is '', which is none");
+    EXPECT_EQ(refusal_of(with("global", "core:sample_rate", "1000")), "its core:sample_rate is not a number above 0");
+    EXPECT_EQ(refusal_of(with("global", "core:sample_rate", 0)), "its core:sample_rate is not a number above 0");
+    EXPECT_EQ(refusal_of(with("global", "core:sample_rate", 1e300)), "its core:sample_rate of 1e+300 Hz is not served");
+    EXPECT_EQ(refusal_of(with("global", "core:num_channels", 1e9)), "its core:num_channels is not from 1 to 1024");
+    EXPECT_EQ(refusal_of(with("global", "core:offset", -1)),
+              "in its metadata core:offset is not a whole number from 0 to 2^53");
+    EXPECT_EQ(refusal_of(with("global", "core:trailing_bytes", 1e15)), "its metadata is for more data than there is");
+    EXPECT_EQ(refusal_of(with("global", "core:dataset", "../x.bin")),
+              "its core:dataset is not the name of a file beside it");
+    EXPECT_EQ(refusal_of(with("global", "core:metadata_only", true)), "it is metadata only, without samples");
+    EXPECT_EQ(refusal_of(with("captures", "core:sample_start", 1e40)),
+              "in its metadata core:sample_start is not a whole number from 0 to 2^53");
+    EXPECT_EQ(refusal_of(with("captures", "core:header_bytes", "x")),
+              "in its metadata core:header_bytes is not a whole number from 0 to 2^53");
+    Json meta = metadata();
+    meta["captures"] = {1, 2};
+    EXPECT_EQ(refusal_of(meta), "in its metadata captures is not an array of objects");
+    meta["captures"] = Json::parse(R"([{"core:sample_start": 500}, {"core:sample_start": 400}])");
+    EXPECT_EQ(refusal_of(meta), "its captures are not in order");
+    meta["captures"] = Json::parse(R"([{}])");
+    EXPECT_EQ(refusal_of(meta), "a capture has no core:sample_start");
+    EXPECT_EQ(refusal_of(metadata(), ""), "it holds no samples");
+
+    pair(metadata(), "");
+    const std::string deep = std::string(100000, '[') + std::string(100000, ']');
+    EXPECT_NE(refusal(write("x.sigmf-meta", "{\"global\":" + deep + "}")).find("nested too deeply"), std::string::npos);
+    EXPECT_NE(refusal(write("x.sigmf-meta", "{\"global\":")).find("is not a JSON object"), std::string::npos);
+    std::filesystem::remove(path("x.sigmf-data"));
+    write("x.sigmf-meta", metadata().dump());
+    EXPECT_EQ(refusal(path("x.sigmf-meta")), "cannot read '" + path("x.sigmf-data") + "': No such file or directory");
+}
+
+TEST_F(Sigmf, WhatCanBePassedOverIsALine) {
+    Json meta = metadata();
+    meta["captures"][0]["core:datetime"] = "yesterday";
+    meta["captures"][0]["core:frequency"] = "137 kHz";
+    meta["captures"].push_back({{"core:sample_start", 100000}});
+    const std::string file = pair(meta, pairs(0, 1000) + "x");
+    ::testing::internal::CaptureStderr();
+    const auto recording = open_recording(file, {});
+    EXPECT_FALSE(recording->utc_zero(0));
+    EXPECT_FALSE(recording->tuning(0));
+    EXPECT_EQ(recording->seconds(), 1);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "orvel: '" + file + "': a core:datetime is not a UTC time; it is passed over\n" + "orvel: '" + file +
+                  "': a core:frequency is not one; it is passed over\n" + "orvel: '" + file +
+                  "' ends before its metadata says\n");
+}
+
+TEST_F(Sigmf, IsReadAsItWasWritten) {
+    for (const bool iq : {false, true}) {
+        for (const bool s16 : {false, true}) {
+            SigmfWriter writer(path("w.sigmf-data"), {1000, iq, s16}, {0, 1e9, Tuning{136000, Sideband::LOWER}});
+            const std::vector<float> samples = {0.5F, -0.25F, 0.125F, 0};
+            ASSERT_TRUE(writer.write(samples));
+            ASSERT_TRUE(writer.begin_take(1e9 + 60, Tuning{474200, Sideband::UPPER}));
+            ASSERT_TRUE(writer.write(samples));
+            ASSERT_TRUE(writer.flush());
+            const auto before = open_recording(path("w.sigmf-meta"), {});  // as after a crash
+            writer.annotate({4, 2, 1, 2, "K2QRX", "x"});
+            writer.close();
+            const auto after = open_recording(path("w.sigmf-data"), {});
+            for (const auto& recording : {&before, &after}) {
+                const double half_s = (*recording)->seconds() / 2;
+                EXPECT_EQ((*recording)->iq(), iq);
+                EXPECT_EQ((*recording)->seconds(), iq ? 0.004 : 0.008);
+                EXPECT_NEAR(*(*recording)->utc_zero(half_s + 0.0001), 1e9 + 60 - half_s, 1e-6);
+                EXPECT_EQ((*recording)->tuning(0)->rf_hz(1500), 134500);
+                EXPECT_EQ((*recording)->tuning(0.007)->rf_hz(1500), 475700);
+                const Stretch all = (*recording)->read(0, 1);
+                EXPECT_EQ(all.x.at(0), 0.5);
+                EXPECT_EQ(iq ? all.q.at(1) : all.x.at(5), iq ? 0 : -0.25);
+            }
+            EXPECT_EQ(Json::parse(contents(path("w.sigmf-meta")))["annotations"][0]["core:label"], "K2QRX");
+        }
+    }
+}
+
+TEST_F(Sigmf, ThatCannotBeWrittenIsOneErrorWhenItIsClosed) {
+    for (const std::string& file : {path("no/x.sigmf-data"), path("no/x.sigmf")}) {
+        std::unique_ptr<SampleWriter> writer;
+        const SigmfWriter::Format format = {1000, true, true};
+        if (file.ends_with(".sigmf")) {
+            writer = std::make_unique<SigmfArchiveWriter>(file, format, Take{}, 1);
+        } else {
+            writer = std::make_unique<SigmfWriter>(file, format, Take{});
+        }
+        EXPECT_FALSE(writer->write(std::array{0.0F, 0.0F}));
+        try {
+            writer->close();
+            FAIL() << "nothing was thrown";
+        } catch (const IoError& error) {
+            EXPECT_EQ(error.what(), "cannot write '" + file + "': No such file or directory");
+        }
+    }
+}
+
+// An archive that tar itself takes apart.
+TEST_F(Sigmf, ArchivesAreTar) {
+    SigmfArchiveWriter writer(path("a.sigmf"), {1000, true, true}, {0, 1e9, Tuning{137000}}, 700);
+    for (int k = 0; k < 7; k++) ASSERT_TRUE(writer.write(std::vector<float>(200, 0.5F)));
+    writer.close();
+    const auto listed = run_process({"/bin/tar", "-tf", path("a.sigmf")});
+    EXPECT_EQ(listed.status, 0) << listed.err;
+    EXPECT_EQ(listed.out, "a/a.sigmf-meta\na/a.sigmf-data\n");
+    EXPECT_EQ(run_process({"/bin/tar", "-C", path(""), "-xf", path("a.sigmf")}).status, 0);
+    for (const std::string& file : {path("a.sigmf"), path("a/a.sigmf-meta")}) {
+        const auto recording = open_recording(file, {});
+        EXPECT_EQ(recording->seconds(), 0.7);
+        EXPECT_EQ(recording->read(0, 1).q, std::vector<double>(700, 0.5));
+    }
+}
+
+TEST_F(Sigmf, AnnotationsAreAddedInOrderAndTheRestStays) {
+    Json meta = metadata();
+    meta["global"]["core:offset"] = 1000;
+    meta["global"]["other:field"] = {1, 2.5, "x"};
+    meta["captures"][0]["core:sample_start"] = 1000;
+    meta["annotations"] = Json::parse(R"([{"core:sample_start": 1500, "core:label": "old"}])");
+    Spot spot{};
+    spot.start = -2;
+    spot.end = 28.592;
+    spot.freq_hz = 20;
+    spot.rf_hz = 137020;
+    spot.snr_db = -18.25;
+    spot.protocol = OVL_OPERA;
+    spot.call = "K2QRX";
+    Spot later = spot;
+    later.start = 5;
+    later.end = 6;
+    const auto annotated =
+        Json::parse(sigmf_annotated(meta.dump(), {annotation_of(later, 1000, 1000), annotation_of(spot, 1000, 1000)}));
+    EXPECT_EQ(annotated["global"], meta["global"]);
+    EXPECT_EQ(annotated["captures"], meta["captures"]);
+    ASSERT_EQ(annotated["annotations"].size(), 3u);
+    const Json& frame = annotated["annotations"][0];
+    EXPECT_EQ(frame["core:sample_start"], 1000);
+    EXPECT_EQ(frame["core:sample_count"], 28592);
+    EXPECT_EQ(frame["core:freq_lower_edge"], 137010);
+    EXPECT_EQ(frame["core:freq_upper_edge"], 137030);
+    EXPECT_EQ(frame["core:label"], "K2QRX");
+    EXPECT_EQ(frame["core:comment"], "OPERA 05, -18.2 dB in 2500 Hz, 137020.000 Hz, +0.0000 Hz/s");
+    EXPECT_EQ(annotated["annotations"][1], meta["annotations"][0]);
+    EXPECT_EQ(annotated["annotations"][2]["core:sample_start"], 6000);
+}
+
+// ---- Pipes ----------------------------------------------------------------------------------------------------------
+
+class Pipes : public Recordings {
+  protected:
+    // The command with a file's bytes from `skip` on coming through a pipe.
+    static ProcessResult piped(const std::string& file, const std::string& words, int skip = 0) {
+        return run_process({"/bin/sh", "-c",
+                            "tail -c +" + std::to_string(skip + 1) + " '" + file + "' | '" ORVEL_COMMAND "' " + words});
+    }
+};
+
+// Blocks of 60 s that overlap by 50: every frame lies in several of them.
+TEST_F(Pipes, GiveTheSpotsOfTheFile) {
+    const std::vector<Station> stations = {opera("K2QRX", 2, 1400), opera("G4QZB", 40, 1500),
+                                           opera("DL1QXA", 60, 1600)};
+    for (const double seconds : {74.0, 76.0, 92.5}) {
+        const std::string file = audio("x.wav", stations, seconds);
+        std::string expected = orvel({"decode", "--json", "--block", "60", "--protocols=opera", file}).out;
+        for (std::size_t at = 0; (at = expected.find(file)) != std::string::npos;)
+            expected.replace(at, file.size(), "-");
+        EXPECT_NE(expected, "");
+        const std::string decode = "decode --json --block 60 --protocols=opera - ";
+        EXPECT_EQ(piped(file, decode).out, expected) << seconds;
+        EXPECT_EQ(piped(file, decode + "--raw s16 --rate 8000", 44).out, expected) << seconds;
+    }
+}
+
+TEST_F(Pipes, OfANameAreWaitedFor) {
+    const std::string pipe = path("x.cs16");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    ASSERT_EQ(
+        orvel({"simulate", "-o", path("y.sigmf-data"), "--iq", "--rate", "1000", "opera=K2QRX,freq=100,snr=0"}).status,
+        0);
+    const auto result =
+        run_process({"/bin/sh", "-c",
+                     "cat '" + path("y.sigmf-data") + "' >'" + pipe + "' & '" ORVEL_COMMAND "' decode --json '" + pipe +
+                         "' --rate 1000 --dial 137000"});
+    EXPECT_EQ(result.err, "");
+    EXPECT_NE(result.out.find("\"rf_hz\":137099.9"), std::string::npos) << result.out;
+}
+
+TEST_F(Pipes, ThatMakeNoSenseAreRefused) {
+    const std::string junk = write("junk", std::string(1000, 'x'));
+    EXPECT_EQ(piped(junk, "decode -").err,
+              "orvel: cannot read '-': it is not a recording that can be read from a pipe; bare samples need --raw "
+              "FORMAT and --rate HZ\n");
+    EXPECT_EQ(piped(junk, "decode - --raw s16").err,
+              "orvel: cannot read '-': it holds bare samples, whose rate only --rate tells\n");
+    EXPECT_EQ(piped(junk, "decode - --raw s16 --rate 8000", 999).err,
+              "orvel: '-': 1 byte at the end, less than a sample, passed over\n"
+              "orvel: cannot decode '-': it is too short (0.000 s, a chip is 0.128 s)\n");
 }
 
 }  // namespace

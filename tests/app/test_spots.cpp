@@ -204,6 +204,7 @@ void expect_equal(const Spot& a, const Spot& b) {
     EXPECT_NEAR(a.start, b.start, 0.006);  // UTC is written in hundredths
     EXPECT_NEAR(a.end, b.end, 0.006);
     EXPECT_EQ(a.freq_hz, b.freq_hz);
+    EXPECT_EQ(a.rf_hz, b.rf_hz);
     EXPECT_EQ(a.drift_hz_s, b.drift_hz_s);
     EXPECT_EQ(a.snr_db, b.snr_db);
     EXPECT_EQ(a.protocol, b.protocol);
@@ -283,6 +284,29 @@ TEST(SpotLine, OfADatedRecordingHasBoth) {
     expect_equal(*read, dated);
     ASSERT_TRUE(read->file_utc);
     EXPECT_NEAR(*read->file_utc, 1e9, 0.006);
+}
+
+TEST(SpotLine, HasTheFrequencyOnTheAirWhereItIsKnown) {
+    Spot tuned = spot_of(spot("K2QRX", 40), "x.wav");
+    EXPECT_EQ(spot_line(tuned).find("rf_hz"), std::string::npos);
+    tuned.rf_hz = 137500.25;
+    const std::string line = spot_line(tuned);
+    EXPECT_NE(line.find("\"freq_hz\":1500.0,\"rf_hz\":137500.25,\"drift_hz_s\""), std::string::npos) << line;
+    const auto read = parse_spot_line(line);
+    ASSERT_TRUE(read) << line;
+    expect_equal(*read, tuned);
+}
+
+TEST(SpotCsv, HasColumnsForWhatOtherSpotsKnow) {
+    const Spot plain = spot_of(spot("K2QRX", 40), "x.wav");
+    EXPECT_EQ(spot_csv_names(plain, {true, true}),
+              "file,utc_start,utc_end,t_start,t_end,freq_hz,rf_hz,drift_hz_s,snr_db,protocol,call,locator,deep\n");
+    EXPECT_EQ(spot_csv(plain, {true, true}).rfind("x.wav,,,9.408,40.0,1500.0,,0.0,", 0), 0u)
+        << spot_csv(plain, {true, true});
+    Spot known = plain;
+    known.file_utc = 1e9;
+    known.rf_hz = 137500.25;
+    EXPECT_EQ(spot_csv_names(known), spot_csv_names(plain, {true, true}));
 }
 
 TEST(SpotLine, NumbersHaveNoMoreThanSixDecimals) {
@@ -369,6 +393,17 @@ TEST(SpotText, AnUnmeasuredSnrIsADashOrNull) {
     EXPECT_NE(spot_line(spot_of(s)).find("\"snr_db\":null"), std::string::npos);
     s.snr = -20.5;
     EXPECT_NE(spot_line(spot_of(s)).find("\"snr_db\":-20.5"), std::string::npos);
+}
+
+TEST(SpotText, AColumnBesideTheFrequencyHasThatOnTheAir) {
+    Spot s = spot_of(spot("K2QRX", 1000));
+    EXPECT_NE(spot_row("t", s, true).find("     1500.00              -      "), std::string::npos)
+        << spot_row("t", s, true);
+    s.rf_hz = 14097100.25;
+    EXPECT_NE(spot_row("t", s, true).find("     1500.00    14097100.25  "), std::string::npos)
+        << spot_row("t", s, true);
+    EXPECT_EQ(spot_row("t", s).find("14097100"), std::string::npos);
+    EXPECT_EQ(spot_header("t", false, true).find("radio Hz") + 8, spot_row("t", s, true).find("100.25") + 6);
 }
 
 TEST(SpotText, ALastColumnSaysHowTheFrameWasFoundWhereThatWasAsked) {

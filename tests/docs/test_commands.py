@@ -34,7 +34,7 @@ NOT_RUN = (
     (r"(sudo )?apt(-get)? .*", "install packages"),
     (r"(python3 -m )?pip .*|python3 .*", "ask for packages that this test cannot count on"),
     (r"(sudo )?systemctl .*", "start services"),
-    (r".*capture\.u8.*", "is run in test_recipes.py, where there is such a file"),
+    (r".*capture\.cu8.*", "is run in test_recipes.py, where there is such a file"),
     (r"orvel plot day\.flac .*", "would need half a day of audio"),
     (r"scripts/\w[\w-]*( .*)?", "take minutes, or need a build of their own"),
 )

@@ -1,4 +1,4 @@
-#include "listening/devices.h"
+#include "sources/devices.h"
 
 #include <algorithm>
 #include <charconv>

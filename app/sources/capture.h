@@ -6,10 +6,18 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "base/background.h"
+#include "base/error.h"
 #include "base/interrupts.h"
 #include "liborvel.h"
+
+// A call into the sound system does not return. There is no way out of it: the audio object may never be touched again.
+class DeviceHangs : public IoError {
+  public:
+    using IoError::IoError;
+};
 
 // A device that stalls, as some do for good while they claim to be active, is closed and reopened on a separate thread:
 // either call may hang. The audio object must outlive the capture.
@@ -22,30 +30,28 @@ class Capture {
         OPENING
     };
 
-    // device, rate and ring_s as ovl_audio_start_input() takes them.
-    Capture(ovl_audio* audio, int32_t device, int32_t rate, double ring_s);
+    // device, rate and ring_s as ovl_audio_start_input() takes them; `name` is the receiver's.
+    Capture(ovl_audio* audio, int32_t device, int32_t rate, double ring_s, std::string name);
 
     // Throws IoError.
     void open();
 
     // How capture is doing; what goes wrong is reported as a line on standard error. `stats` are filled in while it
-    // runs.
+    // runs. Throws DeviceHangs when the device does not open within a minute.
     State watch(ovl_audio_stats& stats);
 
     // Begins to reopen the device.
     void reopen();
 
-    // Ends capture. When even that hangs the process ends with exit status 1, as it does when a device does not open
-    // within a minute: there is no other way out of a call into the sound system.
+    // Ends capture. Throws DeviceHangs when that takes too long.
     void close();
-
-    bool reopening() const { return reopening_.has_value(); }
 
   private:
     ovl_audio* audio_;
     int32_t device_;
     int32_t rate_;
     double ring_s_;
+    std::string name_;
     double seen_s_ = 0;
     double progress_at_ = monotonic_now();
     double retry_at_ = 0;
@@ -58,9 +64,12 @@ class Capture {
 // Reports lost input, now and then.
 class OverflowReport {
   public:
+    explicit OverflowReport(std::string name) : name_(std::move(name)) {}
+
     void see(const ovl_audio_stats& stats, double now);
 
   private:
+    std::string name_;
     int32_t reported_ = 0;
     double reported_at_ = 0;
 };

@@ -1,0 +1,125 @@
+#include "listening/spectrum.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cmath>
+#include <numbers>
+
+#include "base/json.h"
+#include "base/utc.h"
+
+namespace {
+
+constexpr double LEAST_POINTS = 512;
+constexpr int32_t LEAST_LENGTH = 1 << 6;
+constexpr int32_t MOST_LENGTH = 1 << 18;
+constexpr double ZERO_DB = -140;
+constexpr double STEP_DB = 0.6;
+
+int32_t length_for(double width_hz, int32_t rate) {
+    const double wanted = LEAST_POINTS * rate / width_hz;
+    if (!(wanted < MOST_LENGTH)) return MOST_LENGTH;
+    return std::max(LEAST_LENGTH, static_cast<int32_t>(std::bit_ceil(static_cast<uint32_t>(std::ceil(wanted)))));
+}
+
+std::string base64(std::span<const uint8_t> bytes) {
+    constexpr std::string_view DIGITS = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string text;
+    text.reserve(4 * (bytes.size() + 2) / 3);
+    for (std::size_t at = 0; at < bytes.size(); at += 3) {
+        const std::size_t count = std::min<std::size_t>(3, bytes.size() - at);
+        uint32_t group = 0;
+        for (std::size_t k = 0; k < 3; k++) group = group << 8 | (k < count ? bytes[at + k] : 0U);
+        for (std::size_t k = 0; k < 4; k++) text += k <= count ? DIGITS[group >> (18 - 6 * k) & 63U] : '=';
+    }
+    return text;
+}
+
+}  // namespace
+
+Spectrum::Spectrum(int32_t rate, bool iq, const Range& band)
+    : iq_(iq),
+      n_(length_for(band.high - band.low, rate)),
+      window_(static_cast<std::size_t>(n_)),
+      block_(float_fft_complexes(static_cast<std::size_t>(n_))),
+      plan_(plan_float_complex(n_, block_.get(), block_.get(), FFTW_FORWARD)) {
+    double squares = 0;
+    for (int32_t k = 0; k < n_; k++) {
+        const double w = 0.5 - 0.5 * std::cos(2 * std::numbers::pi * (k + 0.5) / n_);
+        window_[static_cast<std::size_t>(k)] = static_cast<float>(w);
+        squares += w * w;
+    }
+    scale_ = static_cast<float>((iq ? 1 : 2) / (squares * rate));
+
+    const double bin_hz = static_cast<double>(rate) / n_;
+    const auto low = static_cast<int32_t>(iq ? -n_ / 2 : 0);
+    const int32_t high = n_ / 2 - 1;
+    first_bin_ = std::clamp(static_cast<int32_t>(std::lround(band.low / bin_hz)), low, high);
+    const int32_t last_bin = std::clamp(static_cast<int32_t>(std::lround(band.high / bin_hz)), first_bin_, high);
+    const int32_t bins = last_bin - first_bin_ + 1;
+    bins_a_point_ = (bins + static_cast<int32_t>(MOST_POINTS) - 1) / static_cast<int32_t>(MOST_POINTS);
+    power_.resize(static_cast<std::size_t>(bins / bins_a_point_));
+    band_.low = (first_bin_ - 0.5) * bin_hz;
+    band_.high = band_.low + static_cast<double>(power_.size()) * bins_a_point_ * bin_hz;
+}
+
+void Spectrum::push(std::span<const float> samples, const Taker& take) {
+    const std::size_t width = iq_ ? 2 : 1;
+    for (std::size_t at = 0; at + width <= samples.size(); at += width) {
+        const float w = window_[static_cast<std::size_t>(held_)];
+        block_[static_cast<std::size_t>(held_)] = {w * samples[at], iq_ ? w * samples[at + 1] : 0.0f};
+        if (++held_ == n_) transform(take);
+    }
+}
+
+void Spectrum::transform(const Taker& take) {
+    held_ = 0;
+    fftwf_execute(plan_.get());
+    int32_t bin = first_bin_;
+    for (float& point : power_) {
+        float sum = 0;
+        for (int32_t k = 0; k < bins_a_point_; k++, bin++)
+            sum += std::norm(block_[static_cast<std::size_t>((bin + n_) % n_)]);
+        point = scale_ * sum / static_cast<float>(bins_a_point_);
+    }
+    take(power_);
+}
+
+void MeanSpectrum::add(std::span<const float> power) {
+    sum_.resize(power.size());
+    for (std::size_t k = 0; k < power.size(); k++) sum_[k] += static_cast<double>(power[k]);
+    count_++;
+}
+
+std::vector<double> MeanSpectrum::take_db() {
+    std::vector<double> levels = std::move(sum_);
+    for (double& level : levels) level = std::max(10 * std::log10(level / static_cast<double>(count_)), ZERO_DB);
+    sum_.clear();
+    count_ = 0;
+    return levels;
+}
+
+double median_db(std::vector<double> levels_db) {
+    const auto middle = levels_db.begin() + std::ssize(levels_db) / 2;
+    std::ranges::nth_element(levels_db, middle);
+    return *middle;
+}
+
+std::string spectrum_line(const SpectrumRow& row) {
+    std::vector<uint8_t> bytes;
+    bytes.reserve(row.levels_db.size());
+    for (const double level_db : row.levels_db) {
+        bytes.push_back(static_cast<uint8_t>(std::clamp(std::lround((level_db - ZERO_DB) / STEP_DB), 0L, 255L)));
+    }
+    nlohmann::ordered_json object;
+    object["type"] = "spectrum";
+    if (!row.receiver.empty()) object["receiver"] = row.receiver;
+    object["utc"] = utc_text(row.utc, 2);
+    object["low_hz"] = row.band.low;
+    object["high_hz"] = row.band.high;
+    object["zero_db"] = ZERO_DB;
+    object["step_db"] = STEP_DB;
+    object["levels"] = base64(bytes);
+    return json_line(object);
+}

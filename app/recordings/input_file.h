@@ -1,0 +1,30 @@
+// A file that is read at any place.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+
+class InputFile {
+  public:
+    // Throws IoError, whose text names the file and the reason.
+    explicit InputFile(const std::string& path);
+    InputFile(const InputFile&) = delete;
+    InputFile& operator=(const InputFile&) = delete;
+    ~InputFile();
+
+    uint64_t size() const { return size_; }
+
+    // Fills `out` from a place on. Returns how many bytes there were: fewer only at the end, or where the file can be
+    // read no further.
+    std::size_t read_at(uint64_t offset, std::span<uint8_t> out) const;
+
+  private:
+    int descriptor_;
+    uint64_t size_ = 0;
+};
+
+// "cannot read 'path': reason", thrown as IoError.
+[[noreturn]] void refuse_recording(const std::string& path, const std::string& reason);

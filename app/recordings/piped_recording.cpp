@@ -1,0 +1,195 @@
+#include "recordings/piped_recording.h"
+
+#include <fcntl.h>
+#include <sndfile.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <span>
+#include <system_error>
+#include <utility>
+
+#include "base/console.h"
+#include "base/text.h"
+#include "recordings/input_file.h"
+#include "recordings/raw_recording.h"
+
+namespace {
+
+constexpr std::size_t PIECE_BYTES = 1 << 16;  // received at a time
+constexpr int64_t PIECE_FRAMES = 1 << 12;
+
+class Descriptor {
+  public:
+    explicit Descriptor(const std::string& path)
+        : value_(path == "-" ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+        if (value_ < 0) refuse_recording(path, std::strerror(errno));
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    Descriptor(Descriptor&& other) noexcept : value_(std::exchange(other.value_, -1)) {}
+    ~Descriptor() {
+        if (value_ >= 0) close(value_);
+    }
+    int get() const { return value_; }
+
+  private:
+    int value_;
+};
+
+// ---- Bare samples ---------------------------------------------------------------------------------------------------
+
+class RawPipe : public PipedRecording {
+  public:
+    RawPipe(const std::string& path, const RecordingOptions& options, uint32_t rate, const SampleFormat& format,
+            int32_t channels)
+        : PipedRecording(path, options, rate, format, channels), input_(path) {}
+
+  private:
+    bool receive(std::vector<uint8_t>& bytes) override {
+        const std::size_t held = bytes.size();
+        bytes.resize(held + PIECE_BYTES);
+        ssize_t got = -1;
+        do {
+            got = ::read(input_.get(), bytes.data() + held, PIECE_BYTES);
+        } while (got < 0 && errno == EINTR);
+        bytes.resize(held + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+        if (got < 0) refuse_recording(path_, std::strerror(errno));
+        return got > 0;
+    }
+
+    Descriptor input_;
+};
+
+std::unique_ptr<PipedRecording> open_raw_pipe(const std::string& path, const RecordingOptions& options) {
+    const RawLayout layout = raw_layout(path, options);
+    RecordingOptions how = options;
+    how.iq = layout.iq;
+    require_channels(path, how, layout.channels);
+    return std::make_unique<RawPipe>(path, how, layout.rate, layout.format, layout.channels);
+}
+
+// ---- Containers -----------------------------------------------------------------------------------------------------
+
+struct CloseSound {
+    void operator()(SNDFILE* file) const noexcept { sf_close(file); }
+};
+using SoundPtr = std::unique_ptr<SNDFILE, CloseSound>;
+
+// Samples of at most 24 bits, which floats hold exactly.
+bool fits_float(const SF_INFO& info) {
+    const int samples = info.format & SF_FORMAT_SUBMASK;
+    return samples != SF_FORMAT_PCM_32 && samples != SF_FORMAT_DOUBLE;
+}
+
+SampleFormat kept_format(const SF_INFO& info) {
+    return {SampleFormat::Kind::FLOAT, fits_float(info) ? 4U : 8U, std::endian::native == std::endian::big};
+}
+
+class SoundPipe : public PipedRecording {
+  public:
+    SoundPipe(const std::string& path, const RecordingOptions& options, Descriptor input, SoundPtr file,
+              const SF_INFO& info)
+        : PipedRecording(path, options, static_cast<uint32_t>(info.samplerate), kept_format(info), info.channels),
+          input_(std::move(input)),
+          file_(std::move(file)),
+          as_floats_(fits_float(info)),
+          channels_(static_cast<std::size_t>(info.channels)) {}
+
+  private:
+    bool receive(std::vector<uint8_t>& bytes) override {
+        return as_floats_ ? receive<float>(bytes, sf_readf_float) : receive<double>(bytes, sf_readf_double);
+    }
+
+    template <class Sample>
+    bool receive(std::vector<uint8_t>& bytes, sf_count_t (*read_frames_of)(SNDFILE*, Sample*, sf_count_t)) {
+        std::vector<Sample> samples(static_cast<std::size_t>(PIECE_FRAMES) * channels_);
+        const sf_count_t got = read_frames_of(file_.get(), samples.data(), PIECE_FRAMES);
+        samples.resize(static_cast<std::size_t>(std::max<sf_count_t>(got, 0)) * channels_);
+        const auto raw = std::as_bytes(std::span(samples));
+        const std::size_t held = bytes.size();
+        bytes.resize(held + raw.size());
+        if (!raw.empty()) std::memcpy(bytes.data() + held, raw.data(), raw.size());
+        return got > 0;
+    }
+
+    Descriptor input_;  // outlives the file that reads it
+    SoundPtr file_;
+    bool as_floats_;
+    std::size_t channels_;
+};
+
+std::unique_ptr<PipedRecording> open_sound_pipe(const std::string& path, const RecordingOptions& options) {
+    Descriptor input(path);
+    SF_INFO info{};
+    SoundPtr file(sf_open_fd(input.get(), SFM_READ, &info, SF_FALSE));
+    if (!file || info.samplerate < 1 || info.channels < 1) {
+        refuse_recording(path,
+                         "it is not a recording that can be read from a pipe; bare samples need --raw FORMAT and "
+                         "--rate HZ");
+    }
+    require_channels(path, options, info.channels);
+    return std::make_unique<SoundPipe>(path, options, std::move(input), std::move(file), info);
+}
+
+}  // namespace
+
+PipedRecording::PipedRecording(const std::string& path, const RecordingOptions& options, uint32_t rate,
+                               const SampleFormat& format, int32_t channels)
+    : Recording(path, options, rate, 0),
+      format_(format),
+      channels_(static_cast<std::size_t>(channels)),
+      frame_bytes_(format.bytes * channels_) {}
+
+bool PipedRecording::read_on() {
+    if (ended_) return false;
+    ended_ = !receive(bytes_);
+    set_frames(first_ + static_cast<int64_t>(bytes_.size() / frame_bytes_));
+    if (const std::size_t rest = bytes_.size() % frame_bytes_; ended_ && rest != 0) {
+        print_error(format("'%s': %zu byte%s at the end, less than a sample, passed over", path_.c_str(), rest,
+                           rest == 1 ? "" : "s"));
+    }
+    return !ended_;
+}
+
+void PipedRecording::forget(double before_s) {
+    const auto frame = static_cast<int64_t>(std::floor(before_s * file_rate()));
+    const auto kept = static_cast<int64_t>(bytes_.size() / frame_bytes_);
+    const int64_t dropped = std::clamp<int64_t>(frame - first_, 0, kept);
+    bytes_.erase(bytes_.begin(), bytes_.begin() + dropped * static_cast<int64_t>(frame_bytes_));
+    first_ += dropped;
+}
+
+void PipedRecording::read_frames(int64_t first, int64_t count, Stretch& out) {
+    constexpr std::size_t PIECE = 1 << 12;  // frames
+    if (first < first_) return;
+    auto bytes = std::span<const uint8_t>(bytes_).subspan(static_cast<std::size_t>(first - first_) * frame_bytes_);
+    bytes = bytes.first(std::min(bytes.size(), static_cast<std::size_t>(count) * frame_bytes_));
+    std::vector<double> samples(PIECE * channels_);
+    while (bytes.size() >= frame_bytes_) {
+        const std::size_t frames = std::min(bytes.size() / frame_bytes_, PIECE);
+        const auto piece = std::span(samples).first(frames * channels_);
+        convert_samples(format_, bytes.first(frames * frame_bytes_), piece);
+        append(piece, channels_, out);
+        bytes = bytes.subspan(frames * frame_bytes_);
+    }
+}
+
+bool is_pipe(const std::string& path) {
+    std::error_code error;
+    return path == "-" || std::filesystem::status(path, error).type() == std::filesystem::file_type::fifo;
+}
+
+std::unique_ptr<PipedRecording> open_pipe(const std::string& path, const RecordingOptions& options) {
+    auto recording = options.raw || raw_kind_of(path) ? open_raw_pipe(path, options) : open_sound_pipe(path, options);
+    if (recording->rate() == 0) {
+        refuse_recording(path, format("its sample rate of %u Hz is not served", recording->file_rate()));
+    }
+    return recording;
+}

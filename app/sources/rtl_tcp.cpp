@@ -1,0 +1,300 @@
+#include "sources/rtl_tcp.h"
+
+#include <fcntl.h>
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <string_view>
+#include <utility>
+
+#include "base/background.h"
+#include "base/error.h"
+#include "base/interrupts.h"
+#include "base/text.h"
+
+namespace {
+
+constexpr double READ_S = 0.2;       // a read waits at most
+constexpr double CONNECT_S = 10;     // a connection takes at most
+constexpr double STILL_S = 10;       // without a sample: the server stands still
+constexpr double MOST_WAIT_S = 60;   // between attempts
+constexpr double SETTLED_S = 10;     // of samples make a connection a good one
+constexpr double RATE_FROM_S = 30;   // of samples tell their rate
+constexpr double RATE_ERROR = 0.02;  // no clock is so far out: it is another rate
+constexpr std::size_t READ_BYTES = 1 << 18;
+
+constexpr std::size_t HEADER_BYTES = 12;
+constexpr std::string_view MAGIC = "RTL0";
+constexpr std::array TUNERS = {"unknown", "E4000", "FC0012", "FC0013", "FC2580", "R820T", "R828D"};
+
+enum Command : uint8_t { FREQUENCY = 1, RATE = 2, GAIN_MODE = 3, GAIN = 4, PPM = 5, DIRECT = 9 };
+
+// ---- The network ----------------------------------------------------------------------------------------------------
+
+struct FreeAddresses {
+    void operator()(addrinfo* list) const noexcept { freeaddrinfo(list); }
+};
+
+// A name server may keep us waiting.
+struct Lookup {
+    explicit Lookup(const RtlTcpAddress& address) : answer(std::make_shared<Answer>()) {
+        asking = Background([answer = answer, host = address.host, port = address.port] {
+            addrinfo hints{};
+            hints.ai_socktype = SOCK_STREAM;
+            addrinfo* list = nullptr;
+            answer->error = getaddrinfo(host.c_str(), port.c_str(), &hints, &list);
+            if (answer->error == 0) answer->list.reset(list);
+        });
+    }
+
+    struct Answer {
+        int error = 0;
+        std::unique_ptr<addrinfo, FreeAddresses> list;
+    };
+    std::shared_ptr<Answer> answer;
+    Background asking;
+};
+
+void append_command(std::vector<uint8_t>& bytes, Command command, uint32_t value) {
+    bytes.push_back(command);
+    for (int shift = 24; shift >= 0; shift -= 8) bytes.push_back(static_cast<uint8_t>(value >> shift));
+}
+
+}  // namespace
+
+std::string RtlTcpAddress::text() const {
+    return host.find(':') == std::string::npos ? host + ":" + port : "[" + host + "]:" + port;
+}
+
+RtlTcpAddress parse_rtl_tcp(const std::string& text) {
+    RtlTcpAddress address;
+    const std::size_t question = std::min(text.find('?'), text.size());
+    const std::string where = text.substr(0, question);
+    const std::size_t bracket = where.starts_with('[') ? where.find(']') : std::string::npos;
+    const std::size_t colon = where.find(':', bracket == std::string::npos ? 0 : bracket);
+    address.host = bracket == std::string::npos ? where.substr(0, colon) : where.substr(1, bracket - 1);
+    if (colon != std::string::npos) address.port = where.substr(colon + 1);
+    const auto is_digit = [](char c) { return c >= '0' && c <= '9'; };
+    if (address.host.empty() || address.port.empty() || !std::ranges::all_of(address.port, is_digit)) {
+        throw UsageError("rtl_tcp://" + text + ": not rtl_tcp://HOST[:PORT][?SETTING=VALUE&...]");
+    }
+    address.tuner =
+        parse_tuner("rtl_tcp://" + text, std::string_view(text).substr(std::min(question + 1, text.size())));
+    const double freq_hz = address.tuner.freq_hz.value_or(0);
+    if (freq_hz != std::floor(freq_hz) || freq_hz > std::numeric_limits<uint32_t>::max()) {
+        throw UsageError("rtl_tcp://" + text + ": the frequency is not a whole number below 2^32");
+    }
+    return address;
+}
+
+std::vector<uint8_t> rtl_tcp_commands(const RtlTcpAddress& address) {
+    const TunerSettings& tuner = address.tuner;
+    std::vector<uint8_t> bytes;
+    append_command(bytes, RATE, static_cast<uint32_t>(tuner.rate));
+    append_command(bytes, GAIN_MODE, tuner.gain_db ? 1 : 0);
+    if (tuner.gain_db) append_command(bytes, GAIN, static_cast<uint32_t>(std::lround(10 * *tuner.gain_db)));
+    if (tuner.ppm != 0) append_command(bytes, PPM, static_cast<uint32_t>(tuner.ppm));
+    if (tuner.direct != 0) append_command(bytes, DIRECT, static_cast<uint32_t>(tuner.direct));
+    if (tuner.freq_hz) append_command(bytes, FREQUENCY, static_cast<uint32_t>(*tuner.freq_hz));
+    return bytes;
+}
+
+// ---- What a server sends --------------------------------------------------------------------------------------------
+
+void RtlTcpStream::push(std::span<const uint8_t> bytes, std::vector<float>& samples) {
+    while (!begun_ && !bytes.empty()) {
+        head_.push_back(bytes.front());
+        bytes = bytes.subspan(1);
+        const std::size_t known = std::min(head_.size(), MAGIC.size());
+        const bool fits = std::equal(head_.begin(), head_.begin() + static_cast<std::ptrdiff_t>(known), MAGIC.begin());
+        if (!fits) {
+            begun_ = true;
+            push_samples(head_, samples);
+        } else if (head_.size() == HEADER_BYTES) {
+            begun_ = true;
+            tuner_ = 0;
+            for (const uint8_t byte : std::span(head_).subspan(4, 4)) tuner_ = *tuner_ << 8 | byte;
+        }
+    }
+    push_samples(bytes, samples);
+}
+
+void RtlTcpStream::push_samples(std::span<const uint8_t> bytes, std::vector<float>& samples) {
+    constexpr SampleFormat U8 = {.kind = SampleFormat::Kind::UNSIGNED, .bytes = 1};
+    if (bytes.empty()) return;
+    std::vector<uint8_t> pairs;
+    pairs.reserve(bytes.size() + 1);
+    if (half_) pairs.push_back(*half_);
+    half_.reset();
+    pairs.insert(pairs.end(), bytes.begin(), bytes.end());
+    if (pairs.size() % 2 != 0) {
+        half_ = pairs.back();
+        pairs.pop_back();
+    }
+    const std::size_t before = samples.size();
+    samples.resize(before + pairs.size());
+    convert_samples(U8, pairs, std::span(samples).subspan(before));
+}
+
+std::string RtlTcpStream::tuner() const {
+    return tuner_ ? TUNERS.at(*tuner_ < TUNERS.size() ? *tuner_ : 0) : "";
+}
+
+// ---- The connection -------------------------------------------------------------------------------------------------
+
+// A connection on its way and once it stands.
+class RtlTcp::Link {
+  public:
+    explicit Link(const RtlTcpAddress& address)
+        : lookup_(address), commands_(rtl_tcp_commands(address)), since_(monotonic_now()) {}
+    Link(const Link&) = delete;
+    Link& operator=(const Link&) = delete;
+    ~Link() { hang_up(); }
+
+    double since() const { return since_; }
+
+    // Receives what comes within READ_S; 0 when nothing does. Throws IoError when the link is no more.
+    std::size_t receive(std::span<uint8_t> bytes) {
+        if (!connected_) {
+            if (!connect_further()) return 0;
+            send_commands();
+        }
+        if (!ready(POLLIN)) return 0;
+        const ssize_t got = recv(socket_, bytes.data(), bytes.size(), 0);
+        if (got < 0 && (errno == EAGAIN || errno == EINTR)) return 0;
+        if (got < 0) throw IoError(std::strerror(errno));
+        if (got == 0) throw IoError("it closed the connection");
+        return static_cast<std::size_t>(got);
+    }
+
+  private:
+    // One step towards a connection, to the next address when one refuses.
+    bool connect_further() {
+        if (monotonic_now() > since_ + CONNECT_S) throw IoError("no connection in time");
+        if (!lookup_.asking.wait(READ_S)) return false;
+        if (lookup_.answer->error != 0) throw IoError(gai_strerror(lookup_.answer->error));
+        if (next_ == nullptr) next_ = lookup_.answer->list.get();
+        if (socket_ < 0) {
+            socket_ = socket(next_->ai_family, next_->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, next_->ai_protocol);
+            if (socket_ < 0) throw IoError(std::strerror(errno));
+            if (connect(socket_, next_->ai_addr, next_->ai_addrlen) != 0 && errno != EINPROGRESS) return refused(errno);
+        }
+        if (!ready(POLLOUT)) return false;
+        int error = 0;
+        socklen_t size = sizeof error;
+        if (getsockopt(socket_, SOL_SOCKET, SO_ERROR, &error, &size) != 0) error = errno;
+        connected_ = error == 0;
+        return connected_ || refused(error);
+    }
+
+    bool refused(int error) {
+        hang_up();
+        next_ = next_->ai_next;
+        if (next_ == nullptr) throw IoError(std::strerror(error));
+        return false;
+    }
+
+    void send_commands() const {
+        const ssize_t sent = send(socket_, commands_.data(), commands_.size(), MSG_NOSIGNAL);
+        if (sent != std::ssize(commands_)) throw IoError(sent < 0 ? std::strerror(errno) : "it takes no commands");
+    }
+
+    bool ready(short event) const {
+        pollfd descriptor{socket_, event, 0};
+        return poll(&descriptor, 1, static_cast<int>(1000 * READ_S)) > 0;
+    }
+
+    void hang_up() {
+        if (socket_ >= 0) ::close(socket_);
+        socket_ = -1;
+    }
+
+    Lookup lookup_;
+    std::vector<uint8_t> commands_;
+    double since_;
+    const addrinfo* next_ = nullptr;
+    int socket_ = -1;
+    bool connected_ = false;
+};
+
+RtlTcp::RtlTcp(const RtlTcpAddress& address, const SourceOptions& options)
+    : address_(address), name_(options.name), bytes_(READ_BYTES) {}
+
+RtlTcp::~RtlTcp() = default;
+
+SourceFormat RtlTcp::format() const {
+    SourceFormat format{.iq = true, .rate = address_.tuner.rate, .tuning = {}};
+    if (address_.tuner.freq_hz) format.tuning = Tuning{.dial_hz = *address_.tuner.freq_hz};
+    return format;
+}
+
+Source::State RtlTcp::read(Piece& piece) {
+    piece = {};
+    try {
+        if (!link_) connect_in_time();
+        return link_ ? read_link(piece) : State::NONE_YET;
+    } catch (const IoError& error) {
+        give_up_link(error.what());
+        return State::NONE_YET;
+    }
+}
+
+void RtlTcp::connect_in_time() {
+    if (monotonic_now() < retry_at_) {
+        nap(std::min(READ_S, retry_at_ - monotonic_now()));
+        return;
+    }
+    link_ = std::make_unique<Link>(address_);
+    stream_ = {};
+    connected_at_ = 0;
+    pairs_ = 0;
+    rate_told_ = false;
+}
+
+Source::State RtlTcp::read_link(Piece& piece) {
+    const std::size_t got = link_->receive(bytes_);
+    const double now = monotonic_now();
+    stream_.push(std::span(bytes_).first(got), piece.samples);
+    if (piece.samples.empty()) {
+        if (now > std::max(connected_at_ > 0 ? came_at_ : 0, link_->since()) + STILL_S)
+            throw IoError("no samples come");
+        return State::NONE_YET;
+    }
+    if (connected_at_ == 0) {
+        connected_at_ = now;
+        if (!std::exchange(complaint_, "").empty()) tell(name_, address_.text() + " is back");
+        if (came_at_ > 0) piece.lost_s = now - came_at_;
+    }
+    came_at_ = now;
+    pairs_ += std::ssize(piece.samples) / 2;
+    if (now > connected_at_ + SETTLED_S) wait_s_ = 1;
+    watch_rate(now);
+    return State::SAMPLES;
+}
+
+void RtlTcp::give_up_link(const std::string& reason) {
+    link_.reset();
+    if (std::exchange(complaint_, reason) != reason) {
+        tell(name_, address_.text() + ": " + reason + "; trying again");
+    }
+    retry_at_ = monotonic_now() + wait_s_;
+    wait_s_ = std::min(2 * wait_s_, MOST_WAIT_S);
+}
+
+// A server that cannot do the rate that it was asked for sends another without a word.
+void RtlTcp::watch_rate(double now) {
+    const double seconds = now - connected_at_;
+    if (rate_told_ || seconds < RATE_FROM_S) return;
+    const double rate = static_cast<double>(pairs_) / seconds;
+    if (std::fabs(rate / address_.tuner.rate - 1) < RATE_ERROR) return;
+    rate_told_ = true;
+    tell(name_, ::format("%s sends %.0f samples a second, not %d: nothing will be decoded", address_.text().c_str(),
+                         rate, address_.tuner.rate));
+}
