@@ -325,8 +325,8 @@ SigmfMetadata parse_sigmf(std::string_view json) {
     for (const Json& capture : array_in(object, "captures")) {
         metadata.captures.push_back(capture_of(capture, metadata.passed_over));
     }
-    const auto repeated = std::ranges::unique(metadata.passed_over);
-    metadata.passed_over.erase(repeated.begin(), repeated.end());
+    auto& lines = metadata.passed_over;
+    lines.erase(std::unique(lines.begin(), lines.end()), lines.end());
     return metadata;
 }
 
