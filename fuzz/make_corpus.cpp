@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "decode_settings.h"
+#include "recordings/tar.h"
 #include "scene.h"
 #include "wave.h"
 
@@ -424,6 +425,25 @@ void command_line() {
         .save("texts", "spot_of_receiver");
 }
 
+// Metadata of I/Q with two captures, and an archive of it.
+void samples() {
+    const std::string metadata =
+        R"({"global":{"core:datatype":"ci16_le","core:sample_rate":8000,"core:version":"1.2.5","core:offset":2},)"
+        R"("captures":[{"core:sample_start":2,"core:frequency":137000,"core:datetime":"2026-03-01T12:00:00.5Z"},)"
+        R"({"core:sample_start":5,"core:header_bytes":3,"orvel:sideband":"lsb"}],"annotations":[]})";
+    const std::string data = "0123456789abcdefghijklmnopqrstuvwxyz";
+    Seed().flag(false).text(data, 200).rest(metadata).save("sigmf", "pair");
+    const auto filled = [](std::string text) { return text.append((512 - text.size() % 512) % 512, '\0'); };
+    Seed()
+        .flag(true)
+        .rest(tar_header("x/x.sigmf-meta", metadata.size()) + filled(metadata))
+        .rest(tar_header("x/x.sigmf-data", data.size()) + filled(data))
+        .save("sigmf", "archive");
+    for (const auto& [name, format] : {std::pair{"u8", 0}, {"s24", 4}, {"f32", 7}, {"f64be", 15}}) {
+        Seed().integer(format, 0, 15).flag(true).number(0.0005, 0, 0.1).rest(data).save("raw", name);
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -438,5 +458,6 @@ int main(int argc, char** argv) {
     on_the_air();
     command_line();
     servers();
+    samples();
     return 0;
 }

@@ -289,7 +289,8 @@ std::string sigmf_metadata(const std::string& path) {
 std::unique_ptr<Recording> open_sigmf(const std::string& path, const RecordingOptions& options) {
     const Source source = read_source(path);
     const SigmfMetadata metadata = parse_named(path, source.json);
-    for (const std::string& line : metadata.passed_over) print_error("'" + path + "': " + line + "; it is passed over");
+    for (const std::string& line : metadata.passed_over)
+        print_error(format("'%s': %s; it is passed over", path.c_str(), line.c_str()));
     if (metadata.metadata_only) refuse_recording(path, "it is metadata only, without samples");
     if (!source.data && lower_case(path).ends_with(ARCHIVE)) refuse_recording(path, "it holds no .sigmf-data");
     const Stored data = source.data ? *source.data : data_of(path, metadata);
@@ -325,8 +326,8 @@ SigmfMetadata parse_sigmf(std::string_view json) {
     for (const Json& capture : array_in(object, "captures")) {
         metadata.captures.push_back(capture_of(capture, metadata.passed_over));
     }
-    const auto repeated = std::ranges::unique(metadata.passed_over);
-    metadata.passed_over.erase(repeated.begin(), repeated.end());
+    auto& lines = metadata.passed_over;
+    lines.erase(std::unique(lines.begin(), lines.end()), lines.end());
     return metadata;
 }
 

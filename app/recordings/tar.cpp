@@ -37,6 +37,7 @@ std::span<const uint8_t> field_of(const Header& header, const Field& field) {
 std::optional<uint64_t> number_of(std::span<const uint8_t> bytes) {
     uint64_t value = 0;
     if ((bytes[0] & 0x80) != 0) {
+        if (bytes.size() < 9) return std::nullopt;  // a checksum is never that large
         for (const uint8_t byte : bytes.last(8)) value = value << 8 | byte;
         const auto high = bytes.subspan(1, bytes.size() - 9);
         const bool small = bytes[0] == 0x80 && std::ranges::all_of(high, [](uint8_t byte) { return byte == 0; });
