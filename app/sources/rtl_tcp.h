@@ -48,7 +48,7 @@ class RtlTcpStream {
 
 // Connects, and connects again after growing waits whenever the server is gone, refuses or stands still; what was lost
 // meanwhile is known.
-class RtlTcp : public Source {
+class RtlTcp final : public Source {
   public:
     RtlTcp(const RtlTcpAddress& address, const SourceOptions& options);
     ~RtlTcp() override;

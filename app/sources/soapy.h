@@ -14,7 +14,7 @@
 #include "sources/tuner.h"
 
 // One that is not there, or fails, is opened again after growing waits.
-class SoapyReceiver : public Source {
+class SoapyReceiver final : public Source {
   public:
     // "driver=NAME[,KEY=VALUE...][?SETTINGS]", these as parse_tuner() has them. Throws UsageError, and IoError when
     // SoapySDR is not installed.

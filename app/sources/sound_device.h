@@ -11,7 +11,7 @@
 
 // The samples are mono, at the rate to which the library brings those of the device. One that stalls is reopened; one
 // that hangs is given up, and what it holds is never freed.
-class SoundDevice : public Source {
+class SoundDevice final : public Source {
   public:
     // `text` as find_device() takes it. Throws UsageError or IoError.
     SoundDevice(const std::string& text, const SourceOptions& options);

@@ -9,7 +9,7 @@
 #include "sources/source.h"
 
 // Of what is not a number, or beyond any scale, silence remains. The input ends at its end, or when it cannot be read.
-class StandardInput : public Source {
+class StandardInput final : public Source {
   public:
     static constexpr int32_t USUAL_RATE = 48000;
 
