@@ -31,7 +31,8 @@ constexpr int64_t AHEAD = AROUND + LOOK_RUN + 4;  // windows needed after a step
 constexpr double BEFORE_S = 14;                   // of a decode: before the run,
 constexpr double RUN_S = LOOK_RUN * LOOK_STEP_S;  // the run,
 constexpr double AFTER_S = 14;                    // and after it
-constexpr double SLACK_S = 12;                    // that samples may come while a step is decoded
+constexpr double LIVE_SLACK_S = 12;               // that samples come while a step is decoded
+constexpr double SLACK_S = 2;                     // the same where they wait
 constexpr double UNDECIDED_S = 20;                // a frame may begin this long before its run
 constexpr double TILE_HZ = 33;                    // half-width of a decode
 constexpr double BESIDE_HZ = 16;                  // past its border a slice is searched, too
@@ -64,7 +65,9 @@ class WideDecoder::Engine {
           rate_(channeliser_.slice_rate()),
           look_times_(rate_, FLAT_HZ),
           store_(channeliser_.slices().size(),
-                 static_cast<int64_t>((static_cast<double>(STEP + AROUND + AHEAD) * LOOK_STEP_S + SLACK_S) * rate_)) {
+                 static_cast<int64_t>((static_cast<double>(STEP + AROUND + AHEAD) * LOOK_STEP_S +
+                                       (options.live ? LIVE_SLACK_S : SLACK_S)) *
+                                      rate_)) {
         search_.wide = false;
         search_.iq = true;
         try {
