@@ -154,4 +154,24 @@ TEST(Layers, RoomsKnowOnlyTheRoomsBelowThem) {
     EXPECT_EQ(rooms.size(), below.size());
 }
 
+// It runs receivers as programs of their own, and knows of them what they print.
+TEST(Layers, TheStationRestsOnSpotsAndBase) {
+    for (const char* const folder : {"include", "src", "app", "tools"}) {
+        for (const fs::path& file : sources_in(folder)) {
+            for (const std::string& include : includes_of(file)) {
+                EXPECT_FALSE(fs::exists(ROOT / "station" / include)) << file << " includes " << include;
+            }
+        }
+    }
+    for (const fs::path& file : sources_in("station")) {
+        for (const std::string& include : includes_of(file)) {
+            if (fs::exists(ROOT / "app" / include)) {
+                EXPECT_TRUE(include.starts_with("base/") || include.starts_with("spots/")) << file << ": " << include;
+            }
+            EXPECT_TRUE(include == "protocol.h" || !fs::exists(ROOT / "src" / include)) << file << ": " << include;
+            EXPECT_FALSE(fs::exists(ROOT / "tools" / include)) << file << ": " << include;
+        }
+    }
+}
+
 }  // namespace

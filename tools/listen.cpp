@@ -26,10 +26,10 @@
 #include "listening/receiver.h"
 #include "listening/recorder.h"
 #include "listening/spectrum.h"
-#include "listening/status.h"
 #include "options.h"
 #include "sources/source.h"
 #include "spots/spot_table.h"
+#include "spots/status.h"
 
 namespace {
 

@@ -18,8 +18,8 @@
 #include "listening/recorder.h"
 #include "listening/sample_clock.h"
 #include "listening/spectrum.h"
-#include "listening/status.h"
 #include "sources/source.h"
+#include "spots/status.h"
 
 struct ReceiverOptions {
     std::string name;  // "" for the only one

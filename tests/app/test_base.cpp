@@ -1,11 +1,16 @@
 // What all of our programs are made of: times, texts, numbers, progress.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <bit>
 #include <chrono>
 #include <cmath>
+#include <csignal>
 #include <cstdint>
+#include <cstdlib>
+#include <fstream>
 #include <limits>
 #include <map>
 #include <optional>
@@ -16,7 +21,9 @@
 #include <vector>
 
 #include "base/callsign.h"
+#include "base/child.h"
 #include "base/console.h"
+#include "base/error.h"
 #include "base/parse.h"
 #include "base/progress.h"
 #include "base/sample_format.h"
@@ -474,6 +481,103 @@ TEST(SampleFormats, FloatsAreTakenAsTheyAreUnlessNobodyCouldHearThem) {
     EXPECT_EQ(converted("f32", f32), expected);
     EXPECT_EQ(converted("f32be", f32be), expected);
     EXPECT_EQ(converted("f64", f64), expected);
+}
+
+// ---- Children -------------------------------------------------------------------------------------------------------
+
+// All that a child's end of a pipe gives until the child has ended.
+std::string all_from(Child& child, int end) {
+    std::string text;
+    char block[4096];
+    for (int patience = 0; patience < 1000; patience++) {
+        const bool last = child.ended().has_value();
+        for (ssize_t got = 1; got > 0;) {
+            got = read(end, block, sizeof block);
+            if (got > 0) text.append(block, static_cast<std::size_t>(got));
+        }
+        if (last) return text;
+        usleep(5000);
+    }
+    ADD_FAILURE() << "it does not end";
+    return text;
+}
+
+TEST(Child, GetsItsArgumentsAndVariablesAndAnEmptyInput) {
+    setenv("ORVEL_TEST_WORD", "old", 1);
+    Child child(find_program("sh"), {"sh", "-c", "cat; echo $ORVEL_TEST_WORD; echo \"$1\" >&2; exit 3", "sh", "a b"},
+                {.variables = {"ORVEL_TEST_WORD=new"}});
+    EXPECT_EQ(all_from(child, child.output()), "new\na b\n");
+    EXPECT_EQ(ending_text(*child.ended()), "exit status 3");
+    EXPECT_EQ(child.errors(), -1);
+}
+
+TEST(Child, KeepsErrorsApart) {
+    Child child(find_program("sh"), {"sh", "-c", "echo out; echo err >&2; kill -9 $$"}, {.errors_apart = true});
+    EXPECT_EQ(all_from(child, child.output()), "out\n");
+    EXPECT_EQ(all_from(child, child.errors()), "err\n");
+    EXPECT_EQ(ending_text(*child.ended()), "ended by signal 9");
+}
+
+TEST(Child, ThatCannotBeStartedSaysWhy) {
+    EXPECT_EQ(find_program("orvel-no-such-program"), "");
+    EXPECT_EQ(find_program("/etc/passwd"), "");
+    EXPECT_THROW(Child("/etc/passwd", {"passwd"}, {}), IoError);
+    EXPECT_THROW(Child("/none", {"none"}, {}), IoError);
+}
+
+// Waits for a process to end; it may be a zombie until its new parent looks.
+bool ends(int pid) {
+    for (int patience = 0; patience < 1000; patience++) {
+        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+        std::string number;
+        std::string name;
+        std::string state;
+        if (!(stat >> number >> name >> state) || state == "Z") return true;
+        usleep(5000);
+    }
+    return false;
+}
+
+// The number that a child prints first.
+int number_from(const Child& child) {
+    char text[32] = {};
+    for (int patience = 0; patience < 1000; patience++) {
+        if (read(child.output(), text, sizeof text - 1) > 0) return std::atoi(text);
+        usleep(5000);
+    }
+    return 0;
+}
+
+TEST(Child, IsKilledWithAllThatItStarted) {
+    int inner = 0;
+    {
+        Child child(find_program("sh"), {"sh", "-c", "sleep 1000 & echo $!; wait"}, {});
+        inner = number_from(child);
+        ASSERT_GT(inner, 0);
+        EXPECT_EQ(kill(inner, 0), 0);
+        EXPECT_FALSE(child.ended());
+    }
+    EXPECT_TRUE(ends(inner));
+}
+
+TEST(Child, EndsWithTheProcessThatStartedIt) {
+    int told[2];
+    ASSERT_EQ(pipe(told), 0);
+    const pid_t parent = fork();
+    ASSERT_GE(parent, 0);
+    if (parent == 0) {
+        const Child child(find_program("sh"), {"sh", "-c", "echo $$; exec sleep 1000"}, {.ends_with_us = true});
+        const int number = number_from(child);
+        if (write(told[1], &number, sizeof number) != sizeof number) _exit(1);
+        kill(getpid(), SIGKILL);
+    }
+    int number = 0;
+    ASSERT_EQ(read(told[0], &number, sizeof number), static_cast<ssize_t>(sizeof number));
+    waitpid(parent, nullptr, 0);
+    ASSERT_GT(number, 0);
+    EXPECT_TRUE(ends(number));
+    close(told[0]);
+    close(told[1]);
 }
 
 }  // namespace

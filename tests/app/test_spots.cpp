@@ -13,6 +13,7 @@
 #include "spots/spot.h"
 #include "spots/spot_log.h"
 #include "spots/spot_table.h"
+#include "spots/status.h"
 
 namespace {
 
@@ -413,6 +414,37 @@ TEST(SpotText, ALastColumnSaysHowTheFrameWasFoundWhereThatWasAsked) {
     s.finding = ovl_finding{.method = OVL_COHERENT, .odds = 12};
     EXPECT_TRUE(spot_row("t", s).ends_with("  K2QRX     -        coherent\n")) << spot_row("t", s);
     EXPECT_TRUE(spot_header("t", true).ends_with("  locator  method\n"));
+}
+
+TEST(StatusLine, ReadsBackWhatItSays) {
+    const Status status{"lf", 1.7724e9, 250000, -30.5, -10.25, -112.5, 3, 3600.5, 1.25, -0.75, 2.5, 17};
+    const auto read = parse_status_line(status_line(status));
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->receiver, "lf");
+    EXPECT_EQ(read->utc, status.utc);
+    EXPECT_EQ(read->rate, 250000);
+    EXPECT_EQ(read->level_db, -30.5);
+    EXPECT_EQ(read->peak_db, -10.25);
+    EXPECT_EQ(read->noise_db, -112.5);
+    EXPECT_EQ(read->clipped, 3);
+    EXPECT_EQ(read->captured_s, 3600.5);
+    EXPECT_EQ(read->lost_s, 1.25);
+    EXPECT_EQ(read->clock_error_ppm, -0.75);
+    EXPECT_EQ(read->decode_s, 2.5);
+    EXPECT_EQ(read->spots, 17);
+    const auto least = parse_status_line(status_line({}));
+    ASSERT_TRUE(least);
+    EXPECT_FALSE(least->noise_db || least->clock_error_ppm);
+    for (const char* const line : {"", "[]", "{}", R"({"type":"spot"})", R"({"type":"status"})",
+                                   R"({"type":["status"]})", R"({"type":"status","utc":5})"}) {
+        EXPECT_FALSE(parse_status_line(line)) << line;
+    }
+    const auto wrong =
+        parse_status_line(R"({"type":"status","utc":"2026-03-01T12:00:00Z","rate":1e300,"clipped":"x","spots":-4})");
+    ASSERT_TRUE(wrong);
+    EXPECT_EQ(wrong->rate, INT32_MAX);
+    EXPECT_EQ(wrong->clipped, 0);
+    EXPECT_EQ(wrong->spots, 0);
 }
 
 }  // namespace

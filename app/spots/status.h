@@ -1,9 +1,10 @@
-// How a receiver is doing, as one JSON object per line.
+// How a receiver is doing: one JSON object per line, written and read here.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 struct Status {
     std::string receiver;  // "" for the only one
@@ -20,3 +21,6 @@ struct Status {
 
 // "type": "status" and the fields, with null for what is not known.
 std::string status_line(const Status& status);
+
+// Nothing when it is no such line. Numbers that are missing or null are unknown, or 0.
+std::optional<Status> parse_status_line(std::string_view line);

@@ -1,0 +1,175 @@
+#include "base/child.h"
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+#include <string_view>
+#include <utility>
+
+#include "base/error.h"
+#include "base/text.h"
+
+namespace {
+
+constexpr int NOT_STARTED = 127;
+constexpr std::size_t PIPE_BYTES = 65536;  // that it holds before a reader comes
+
+bool is_program(const std::string& path) {
+    struct stat file {};
+    return stat(path.c_str(), &file) == 0 && S_ISREG(file.st_mode) && access(path.c_str(), X_OK) == 0;
+}
+
+// A descriptor and its owner.
+class Fd {
+  public:
+    Fd() = default;
+    explicit Fd(int number) : number_(number) {}
+    Fd(Fd&& other) noexcept : number_(other.release()) {}
+    Fd& operator=(Fd&& other) noexcept {
+        std::swap(number_, other.number_);
+        return *this;
+    }
+    ~Fd() {
+        if (number_ >= 0) close(number_);
+    }
+    int get() const { return number_; }
+    int release() { return std::exchange(number_, -1); }
+
+  private:
+    int number_ = -1;
+};
+
+struct Pipe {
+    Fd reader, writer;
+};
+
+Pipe make_pipe() {
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) throw IoError(std::strerror(errno));
+    return {Fd(ends[0]), Fd(ends[1])};
+}
+
+std::vector<char*> pointers(std::vector<std::string>& texts) {
+    std::vector<char*> all;
+    all.reserve(texts.size() + 1);
+    for (std::string& text : texts) all.push_back(text.data());
+    all.push_back(nullptr);
+    return all;
+}
+
+// This process's variables, of which others replace those of the same name.
+std::vector<std::string> environment_with(const std::vector<std::string>& others) {
+    std::vector<std::string> all = others;
+    for (char** variable = environ; *variable != nullptr; variable++) {
+        const std::string_view text = *variable;
+        const std::string_view name = text.substr(0, text.find('=') + 1);
+        bool replaced = false;
+        for (const std::string& other : others) replaced = replaced || (!name.empty() && other.starts_with(name));
+        if (!replaced) all.emplace_back(text);
+    }
+    return all;
+}
+
+// In the child: only calls that may follow a fork of several threads.
+[[noreturn]] void become(const char* path, char* const* arguments, char* const* variables, int input, int output,
+                         int errors, int problem, bool ends_with_us, pid_t parent) {
+    setpgid(0, 0);
+    if (ends_with_us) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != parent) _exit(NOT_STARTED);
+    }
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGXFSZ}) signal(number, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (dup2(input, STDIN_FILENO) >= 0 && dup2(output, STDOUT_FILENO) >= 0 && dup2(errors, STDERR_FILENO) >= 0) {
+        execve(path, arguments, variables);
+    }
+    const int reason = errno;
+    [[maybe_unused]] const ssize_t told = write(problem, &reason, sizeof reason);
+    _exit(NOT_STARTED);
+}
+
+}  // namespace
+
+std::string find_program(const std::string& program) {
+    if (program.find('/') != std::string::npos) return is_program(program) ? program : "";
+    const char* const path = std::getenv("PATH");
+    std::istringstream directories(path != nullptr ? path : "");
+    for (std::string directory; std::getline(directories, directory, ':');) {
+        directory += "/" + program;
+        if (is_program(directory)) return directory;
+    }
+    return "";
+}
+
+Child::Child(const std::string& path, std::vector<std::string> arguments, const Options& options) {
+    std::vector<std::string> variables = environment_with(options.variables);
+    const std::vector<char*> argument_list = pointers(arguments);
+    const std::vector<char*> variable_list = pointers(variables);
+    Pipe output = make_pipe();
+    Pipe errors = options.errors_apart ? make_pipe() : Pipe{};
+    Pipe problem = make_pipe();
+    Pipe input = make_pipe();
+    if (options.input.size() > PIPE_BYTES) throw IoError("its input is too long");
+    if (!options.input.empty() && write(input.writer.get(), options.input.data(), options.input.size()) < 0) {
+        throw IoError(std::strerror(errno));
+    }
+    const pid_t parent = getpid();
+    pid_ = fork();
+    if (pid_ < 0) throw IoError(std::strerror(errno));
+    if (pid_ == 0) {
+        const int error_end = options.errors_apart ? errors.writer.get() : output.writer.get();
+        become(path.c_str(), argument_list.data(), variable_list.data(), input.reader.get(), output.writer.get(),
+               error_end, problem.writer.get(), options.ends_with_us, parent);
+    }
+    problem.writer = Fd();
+    int reason = 0;
+    ssize_t got = 0;
+    do {
+        got = read(problem.reader.get(), &reason, sizeof reason);
+    } while (got < 0 && errno == EINTR);
+    if (got > 0) {
+        waitpid(pid_, nullptr, 0);
+        throw IoError(std::strerror(reason));
+    }
+    output_ = output.reader.release();
+    errors_ = errors.reader.release();
+    for (const int end : {output_, errors_}) {
+        if (end >= 0) fcntl(end, F_SETFL, O_NONBLOCK);
+    }
+}
+
+Child::~Child() {
+    if (!ended()) {
+        signal(SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    for (const int end : {output_, errors_}) {
+        if (end >= 0) close(end);
+    }
+}
+
+std::optional<int> Child::ended() {
+    int status = 0;
+    if (!status_ && waitpid(pid_, &status, WNOHANG) == pid_) status_ = status;
+    return status_;
+}
+
+void Child::signal(int number) {
+    if (!status_) kill(-pid_, number);
+}
+
+std::string ending_text(int status) {
+    return WIFEXITED(status) ? format("exit status %d", WEXITSTATUS(status))
+                             : format("ended by signal %d", WTERMSIG(status));
+}

@@ -1,0 +1,76 @@
+// orvel-station: what `orvel station` and `orvel spots` run.
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <exception>
+#include <filesystem>
+#include <new>
+#include <string>
+#include <system_error>
+
+#include "base/child.h"
+#include "base/console.h"
+#include "base/error.h"
+#include "liborvel.h"
+#include "service/station.h"
+#include "spots_command.h"
+
+namespace {
+
+constexpr int EXIT_USAGE = 2;
+
+// The orvel command beside this program, or wherever a shell would find it.
+std::string orvel_command() {
+    std::error_code error;
+    const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
+    const std::string beside = find_program((self.parent_path() / "orvel").string());
+    std::string program = beside.empty() ? find_program("orvel") : beside;
+    if (program.empty()) throw IoError("the orvel command is not there");
+    return program;
+}
+
+int run_command(int argc, char** argv) {
+    int status = EXIT_SUCCESS;
+    CLI::App app("A station that listens for months: receivers in, spots kept and passed on", "orvel-station");
+    app.set_version_flag("--version", std::string("orvel-station ") + ovl_version());
+    app.require_subcommand(1);
+
+    std::string file;
+    CLI::App* run = app.add_subcommand("run", "Run a station by its configuration; SIGHUP reads it again");
+    run->add_option("FILE", file, "Configuration")->required();
+    run->callback([&] { status = run_station(file, orvel_command()); });
+    CLI::App* check = app.add_subcommand("check", "Print every mistake of a configuration, with its line and column");
+    check->add_option("FILE", file, "Configuration")->required();
+    check->callback([&] { status = check_station(file) ? EXIT_SUCCESS : EXIT_USAGE; });
+    add_spots(app, status);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp&) {
+        print(app.help());
+    } catch (const CLI::CallForVersion& version) {
+        print(std::string(version.what()) + "\n");
+    } catch (const CLI::ParseError& error) {
+        print_error(error.what());
+        status = EXIT_USAGE;
+    } catch (const UsageError& error) {
+        print_error(error.what());
+        status = EXIT_USAGE;
+    }
+    if (!flush_output() && status == EXIT_SUCCESS) status = EXIT_FAILURE;
+    return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
+    try {
+        return run_command(argc, argv);
+    } catch (const std::bad_alloc&) {
+        print_error("memory is short");
+    } catch (const std::exception& error) {
+        print_error(error.what());
+    }
+    return EXIT_FAILURE;
+}

@@ -1,0 +1,116 @@
+#include "outputs/outbox.h"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+#include <vector>
+
+#include "base/console.h"
+#include "base/error.h"
+#include "base/interrupts.h"
+#include "base/utc.h"
+
+namespace {
+
+constexpr std::size_t AT_ONCE = 200;
+constexpr double TICK_S = 1;
+constexpr double FIRST_PAUSE_S = 1;  // after a failure; it doubles
+constexpr double LONGEST_PAUSE_S = 60;
+
+}  // namespace
+
+Outbox::Outbox(const std::string& store_path, const OutputConfig& config, const Keeper& keeper)
+    : store_path_(store_path), config_(config), output_(make_output(config, keeper)), thread_([this] { run(); }) {}
+
+Outbox::~Outbox() {
+    {
+        const std::lock_guard guard(lock_);
+        ended_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+}
+
+void Outbox::notify() {
+    {
+        const std::lock_guard guard(lock_);
+        news_ = true;
+    }
+    changed_.notify_all();
+}
+
+Outbox::State Outbox::state() const {
+    const std::lock_guard guard(lock_);
+    return state_;
+}
+
+// Until the end; false then, or when the time has passed.
+bool Outbox::wait(double seconds) {
+    std::unique_lock guard(lock_);
+    changed_.wait_for(guard, std::chrono::duration<double>(seconds), [&] { return news_ || ended_; });
+    return !ended_;
+}
+
+void Outbox::run() {
+    double pause_s = FIRST_PAUSE_S;
+    std::unique_ptr<Store> store;
+    while (true) {
+        try {
+            if (!store) {
+                store = std::make_unique<Store>(store_path_, Database::Access::WRITE);
+                const int64_t position = store->position_or_last(config_.name);
+                const std::lock_guard guard(lock_);
+                state_.position = position;
+            }
+            output_->tick();
+            while (deliver(*store)) {
+            }
+            pause_s = FIRST_PAUSE_S;
+            complain("");
+            if (!wait(TICK_S)) return;
+        } catch (const IoError& error) {
+            complain(error.what());
+            {
+                std::unique_lock guard(lock_);
+                changed_.wait_for(guard, std::chrono::duration<double>(pause_s), [&] { return ended_; });
+                if (ended_) return;
+            }
+            pause_s = std::min(2 * pause_s, LONGEST_PAUSE_S);
+        }
+    }
+}
+
+// Whether there may be more.
+bool Outbox::deliver(Store& store) {
+    int64_t position = 0;
+    {
+        const std::lock_guard guard(lock_);
+        if (ended_) return false;
+        news_ = false;
+        position = state_.position;
+    }
+    std::vector<StoredSpot> spots;
+    int64_t last = position;
+    store.query({.after = position}, [&](const StoredSpot& stored) {
+        last = stored.number;
+        if (is_wanted(stored, config_.values)) spots.push_back(stored);
+        return spots.size() < AT_ONCE;
+    });
+    if (last == position) return false;
+    const std::size_t arrived = spots.empty() ? 0 : output_->send(spots);
+    if (arrived < spots.size()) last = arrived > 0 ? spots[arrived - 1].number : position;
+    if (last == position) return false;
+    store.set_position(config_.name, last);
+    const std::lock_guard guard(lock_);
+    state_.position = last;
+    return true;
+}
+
+// Once, until it is over.
+void Outbox::complain(const std::string& problem) {
+    std::unique_lock guard(lock_);
+    if (problem == state_.problem) return;
+    state_ = {state_.position, problem, utc_now()};
+    guard.unlock();
+    print_error("output '" + config_.name + "': " + (problem.empty() ? "works again" : problem));
+}

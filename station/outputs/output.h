@@ -1,0 +1,49 @@
+// Where spots go besides the store. The kinds of outputs are one table; a new kind is a file and a line there.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "config/config.h"
+#include "store/store.h"
+
+// What an output tells of its keeper.
+struct Keeper {
+    std::string callsign, locator, antenna;
+};
+
+// Each has a thread of its own, which makes all calls.
+class Output {
+  public:
+    virtual ~Output() = default;
+
+    // Sends spots, in the order of their numbers, and returns how many of the first have arrived: confirmed by the
+    // other side or, where nobody confirms, handed to the system. Those that have not are sent again. May take some
+    // seconds. Throws IoError when it does not work; it is tried again later.
+    virtual std::size_t send(std::span<const StoredSpot> spots) = 0;
+
+    // Called about once a second.
+    virtual void tick() {}
+};
+
+struct OutputType {
+    OutputKind kind;
+    std::unique_ptr<Output> (*make)(const Values& values, const Keeper& keeper);  // throws UsageError
+};
+
+// All types, and what their tables may hold.
+std::span<const OutputType> output_types();
+std::vector<OutputKind> output_kinds();
+
+// Throws UsageError.
+std::unique_ptr<Output> make_output(const OutputConfig& config, const Keeper& keeper);
+
+// Whether an output wants a spot: those that are not read from the air with certainty stay here unless it asks for them
+// by `doubtful = true`.
+bool is_wanted(const StoredSpot& stored, const Values& values);
+
+// The spot as one line of JSON: "id", "station", and the fields of spot_line().
+std::string stored_line(const StoredSpot& stored, const Keeper& keeper);

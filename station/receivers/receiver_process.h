@@ -1,0 +1,65 @@
+// One receiver: a child process `orvel listen`, started, watched, and started again when it ends or hangs. A sound
+// system or a driver that takes its process down costs this receiver, and no other.
+#pragma once
+
+#include <poll.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/child.h"
+#include "config/config.h"
+#include "spots/spot.h"
+#include "spots/status.h"
+#include "store/store.h"
+
+class ReceiverProcess {
+  public:
+    enum class State { OFF, WAITING, RUNNING, ENDING };
+
+    struct Takers {
+        std::function<void(const Spot&)> spot;
+        std::function<void(const ReceiverMinute&)> minute;
+    };
+
+    // `program` is the orvel command. Nothing starts before the first step().
+    ReceiverProcess(ReceiverConfig config, std::string program);
+
+    // Starts and ends the child as its hours, its end and its silence ask for. `now` is monotonic.
+    void step(double now, double utc);
+
+    // Takes what the child printed; the lines that it prints for people go to standard error.
+    void read(const Takers& takers, double now);
+
+    // Asks the child to end: it decodes what it has first.
+    void stop(double now);
+    bool stopped() const { return !child_; }
+
+    // To be waited for.
+    std::vector<pollfd> descriptors() const;
+
+    State state() const { return state_; }
+    const ReceiverConfig& config() const { return config_; }
+
+  private:
+    void start(double now);
+    void look_after(double now);
+    void restart_later(double now);
+    void take_line(const std::string& line, const Takers& takers, double now);
+    void say(const std::string& text) const;
+    bool is_its_time(double utc) const;
+
+    ReceiverConfig config_;
+    std::string program_;
+    State state_ = State::OFF;
+    std::unique_ptr<Child> child_;
+    std::string output_, errors_;  // lines that have not ended
+    double started_at_ = 0;
+    double heard_at_ = 0;  // of a status with more samples than before
+    Status before_;        // the last one
+    double start_at_ = 0;
+    double pause_s_;
+    double kill_at_ = 0;
+};

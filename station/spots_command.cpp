@@ -1,0 +1,103 @@
+#include "spots_command.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "base/console.h"
+#include "base/error.h"
+#include "base/json.h"
+#include "base/parse.h"
+#include "base/text.h"
+#include "base/utc.h"
+#include "protocol.h"
+#include "spots/spot_table.h"
+#include "store/adif.h"
+#include "store/store.h"
+
+namespace {
+
+constexpr double DAY_S = 86400;
+
+// The command line, as typed.
+struct Options {
+    std::string store = "/var/lib/orvel/spots.db";
+    std::string call, receiver, protocol, from, until, band;
+    std::size_t newest = 0;
+    bool json = false, csv = false, adif = false;
+};
+
+double time_of(const std::string& option, const std::string& text) {
+    if (const auto ago = parse_duration(text)) return utc_now() - *ago;
+    const auto utc = parse_utc(text, utc_now() - DAY_S);
+    if (!utc) throw UsageError(option + ": '" + text + "' is neither a UTC time nor a length like 12h");
+    return *utc;
+}
+
+SpotFilter filter_of(const Options& options) {
+    SpotFilter filter{.call = options.call, .receiver = options.receiver};
+    if (!options.protocol.empty()) {
+        const ov_protocol* const protocol = ov_protocol_by_option(options.protocol);
+        if (protocol == nullptr) {
+            throw UsageError("--protocol: '" + options.protocol + "' is not one of " + ov_protocol_options());
+        }
+        filter.protocol = protocol->id;
+    }
+    if (!options.from.empty()) filter.from = time_of("--from", options.from);
+    if (!options.until.empty()) filter.until = time_of("--until", options.until);
+    if (!options.band.empty()) {
+        const auto band = parse_range(options.band);
+        if (!band) throw UsageError("--band: '" + options.band + "' is not LO:HI in Hz");
+        filter.rf_low_hz = band->low;
+        filter.rf_high_hz = band->high;
+    }
+    if (options.newest > 0) filter.newest = options.newest;
+    return filter;
+}
+
+constexpr SpotColumns COLUMNS = {.utc = true, .rf = true};
+
+std::string line_of(const Options& options, const StoredSpot& stored) {
+    const Spot& spot = stored.spot;
+    if (options.adif) return adif_record(stored);
+    if (options.csv) return spot_csv(spot, COLUMNS);
+    if (!options.json) return spot_row(utc_text(spot.start, 1), spot);
+    nlohmann::ordered_json line;
+    line["id"] = stored.id;
+    line["transmission"] = stored.transmission;
+    line.update(nlohmann::ordered_json::parse(spot_line(spot)));
+    return json_line(line);
+}
+
+int spots(const Options& options) {
+    const SpotFilter filter = filter_of(options);
+    Store store(options.store, Database::Access::READ);
+    if (options.adif) print(adif_header());
+    if (options.csv) print(spot_csv_names({}, COLUMNS));
+    if (!options.json && !options.csv && !options.adif) print(spot_header(format("%22s", "UTC"), true));
+    store.query(filter, [&](const StoredSpot& stored) {
+        print(line_of(options, stored));
+        return true;
+    });
+    return flush_output() ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+}  // namespace
+
+void add_spots(CLI::App& app, int& status) {
+    CLI::App* sub = app.add_subcommand("spots", "List what a station has heard");
+    const auto options = std::make_shared<Options>();
+    sub->add_option("--store", options->store, "The station's database [/var/lib/orvel/spots.db]");
+    sub->add_option("--call", options->call, "Callsign; * stands for any letters");
+    sub->add_option("--receiver", options->receiver, "Name of the receiver");
+    sub->add_option("--protocol", options->protocol, "One protocol");
+    sub->add_option("--from", options->from, "Earliest start, as 2026-03-01T12:00Z, 12:00 or 24h ago");
+    sub->add_option("--until", options->until, "Latest start");
+    sub->add_option("--band", options->band, "Radio frequencies, as 137400:137600 Hz");
+    sub->add_option("--newest", options->newest, "The latest so many");
+    CLI::Option* json = sub->add_flag("--json", options->json, "Print one JSON object per line");
+    CLI::Option* csv =
+        sub->add_flag("--csv", options->csv, "Print comma-separated values, their names first")->excludes(json);
+    sub->add_flag("--adif", options->adif, "Print ADIF, for logbooks")->excludes(json)->excludes(csv);
+    sub->callback([options, &status] { status = spots(*options); });
+}

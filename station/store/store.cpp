@@ -1,0 +1,328 @@
+#include "store/store.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <random>
+#include <string_view>
+#include <utility>
+
+#include "base/error.h"
+#include "base/text.h"
+
+namespace {
+
+// Each step brings a database to the version of its index plus 1.
+constexpr std::array MIGRATIONS = {R"(
+CREATE TABLE receiver (
+    number INTEGER PRIMARY KEY,
+    name TEXT NOT NULL UNIQUE);
+CREATE TABLE transmission (
+    number INTEGER PRIMARY KEY,
+    protocol INTEGER NOT NULL,
+    call TEXT NOT NULL,
+    locator TEXT NOT NULL,
+    start REAL NOT NULL,
+    rf_hz REAL);
+CREATE INDEX transmission_call ON transmission (call, start);
+CREATE TABLE spot (
+    number INTEGER PRIMARY KEY AUTOINCREMENT,
+    id TEXT NOT NULL UNIQUE,
+    receiver INTEGER NOT NULL REFERENCES receiver,
+    transmission INTEGER NOT NULL REFERENCES transmission,
+    start REAL NOT NULL,
+    end REAL NOT NULL,
+    freq_hz REAL NOT NULL,
+    rf_hz REAL,
+    drift_hz_s REAL NOT NULL,
+    snr_db REAL,
+    deep INTEGER NOT NULL,
+    method INTEGER,
+    odds REAL,
+    UNIQUE (transmission, receiver));
+CREATE INDEX spot_start ON spot (start);
+CREATE TABLE minute (
+    receiver INTEGER NOT NULL REFERENCES receiver,
+    end REAL NOT NULL,
+    level_db REAL,
+    noise_db REAL,
+    captured_s REAL NOT NULL,
+    lost_s REAL NOT NULL,
+    decode_s REAL NOT NULL,
+    clipped INTEGER NOT NULL,
+    PRIMARY KEY (receiver, end)) WITHOUT ROWID;
+CREATE TABLE outbox (
+    output TEXT PRIMARY KEY,
+    position INTEGER NOT NULL) WITHOUT ROWID;
+)"};
+constexpr auto VERSION = static_cast<int64_t>(MIGRATIONS.size());
+
+constexpr double SAME_S = 15.3;      // half of the shortest frame
+constexpr double SAME_HZ = 20;       // of two receivers' radio frequencies, and besides
+constexpr double SAME_SHARE = 2e-5;  // what their oscillators are wrong by
+constexpr int64_t FORGOTTEN_AT_ONCE = 1000;
+
+int64_t single(Database& database, std::string_view sql) {
+    Statement statement = database.prepare(sql);
+    return statement.step() ? statement.integer(0) : 0;
+}
+
+void migrate(Database& database) {
+    // Before the first table: space of what is forgotten goes back to the disk.
+    database.run("PRAGMA auto_vacuum = INCREMENTAL; PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;");
+    Transaction transaction(database);
+    for (int64_t version = single(database, "PRAGMA user_version"); version < VERSION; version++) {
+        database.run(MIGRATIONS[static_cast<std::size_t>(version)]);
+        database.run(format("PRAGMA user_version = %lld", static_cast<long long>(version + 1)));
+    }
+    transaction.commit();
+}
+
+// A random UUID (RFC 4122, version 4).
+std::string new_id() {
+    std::random_device source;
+    std::array<uint32_t, 4> word{};
+    std::ranges::generate(word, std::ref(source));
+    word[1] = (word[1] & 0xffff0fffU) | 0x4000U;
+    word[2] = (word[2] & 0x3fffffffU) | 0x80000000U;
+    return format("%08x-%04x-%04x-%04x-%04x%08x", word[0], word[1] >> 16, word[1] & 0xffffU, word[2] >> 16,
+                  word[2] & 0xffffU, word[3]);
+}
+
+constexpr std::string_view SPOT_COLUMNS =
+    "SELECT s.number, s.id, r.name, s.transmission, s.start, s.end, s.freq_hz, s.rf_hz, s.drift_hz_s, s.snr_db, "
+    "t.protocol, t.call, t.locator, s.deep, s.method, s.odds "
+    "FROM spot s JOIN transmission t ON t.number = s.transmission JOIN receiver r ON r.number = s.receiver";
+
+StoredSpot read_spot(const Statement& row) {
+    StoredSpot stored{row.integer(0), row.text(1), row.integer(3), {}};
+    Spot& spot = stored.spot;
+    spot.receiver = row.text(2);
+    spot.start = row.real(4);
+    spot.end = row.real(5);
+    spot.freq_hz = row.real(6);
+    spot.rf_hz = row.optional_real(7);
+    spot.drift_hz_s = row.real(8);
+    spot.snr_db = row.optional_real(9);
+    spot.protocol = static_cast<uint32_t>(row.integer(10));
+    spot.call = row.text(11);
+    spot.locator = row.text(12);
+    spot.deep = row.integer(13) != 0;
+    if (const auto method = row.optional_integer(14)) {
+        spot.finding =
+            ovl_finding{.method = static_cast<int32_t>(*method), .odds = row.optional_real(15).value_or(NAN)};
+    }
+    return stored;
+}
+
+// Conditions joined by AND, and their values in order.
+class Conditions {
+  public:
+    void add(std::string_view condition, double value) {
+        add(condition);
+        numbers_.emplace_back(count_++, value);
+    }
+    void add(std::string_view condition, std::string text) {
+        add(condition);
+        texts_.emplace_back(count_++, std::move(text));
+    }
+    const std::string& sql() const { return sql_; }
+    void bind(Statement& statement) const {
+        for (const auto& [index, value] : numbers_) statement.bind(index, value);
+        for (const auto& [index, text] : texts_) statement.bind(index, std::string_view(text));
+    }
+
+  private:
+    void add(std::string_view condition) {
+        sql_ += sql_.empty() ? " WHERE " : " AND ";
+        sql_ += condition;
+    }
+    int count_ = 0;
+    std::string sql_;
+    std::vector<std::pair<int, double>> numbers_;
+    std::vector<std::pair<int, std::string>> texts_;
+};
+
+Conditions conditions_of(const SpotFilter& filter) {
+    Conditions all;
+    if (!filter.call.empty()) all.add("t.call GLOB ?", upper_case(filter.call));
+    if (!filter.receiver.empty()) all.add("r.name = ?", filter.receiver);
+    if (filter.protocol) all.add("t.protocol = ?", *filter.protocol);
+    if (filter.from) all.add("s.start >= ?", *filter.from);
+    if (filter.until) all.add("s.start < ?", *filter.until);
+    if (filter.rf_low_hz) all.add("s.rf_hz >= ?", *filter.rf_low_hz);
+    if (filter.rf_high_hz) all.add("s.rf_hz <= ?", *filter.rf_high_hz);
+    if (filter.after) all.add("s.number > ?", static_cast<double>(*filter.after));
+    return all;
+}
+
+}  // namespace
+
+Store::Store(const std::string& path, Database::Access access) : database_(path, access) {
+    const int64_t version = single(database_, "PRAGMA user_version");
+    if (version > VERSION) throw IoError("'" + path + "' was written by a later version of this program");
+    if (access == Database::Access::WRITE) {
+        migrate(database_);
+    } else if (version < VERSION) {
+        throw IoError("'" + path +
+                      "' holds no spots, or those of an earlier version, which the station brings up to date");
+    }
+}
+
+int64_t Store::receiver_number(const std::string& name) {
+    Statement known = database_.prepare("SELECT number FROM receiver WHERE name = ?");
+    if (known.bind(0, std::string_view(name)).step()) return known.integer(0);
+    database_.prepare("INSERT INTO receiver (name) VALUES (?)").bind(0, std::string_view(name)).step();
+    return database_.last_row();
+}
+
+int64_t Store::transmission_of(const Spot& spot) {
+    Statement near = database_.prepare(
+        "SELECT number, rf_hz FROM transmission WHERE call = ? AND start > ? AND start < ? AND protocol = ? "
+        "ORDER BY abs(start - ?)");
+    near.bind(0, std::string_view(spot.call)).bind(1, spot.start - SAME_S).bind(2, spot.start + SAME_S);
+    near.bind(3, static_cast<int64_t>(spot.protocol)).bind(4, spot.start);
+    while (near.step()) {
+        const auto rf_hz = near.optional_real(1);
+        if (!rf_hz || !spot.rf_hz || std::fabs(*rf_hz - *spot.rf_hz) <= SAME_HZ + SAME_SHARE * *spot.rf_hz) {
+            return near.integer(0);
+        }
+    }
+    Statement insert =
+        database_.prepare("INSERT INTO transmission (protocol, call, locator, start, rf_hz) VALUES (?, ?, ?, ?, ?)");
+    insert.bind(0, static_cast<int64_t>(spot.protocol)).bind(1, std::string_view(spot.call));
+    insert.bind(2, std::string_view(spot.locator)).bind(3, spot.start).bind(4, spot.rf_hz).step();
+    return database_.last_row();
+}
+
+std::optional<StoredSpot> Store::insert(const Spot& spot) {
+    StoredSpot stored{0, new_id(), transmission_of(spot), spot};
+    std::optional<int64_t> method;
+    std::optional<double> odds;
+    if (spot.finding) {
+        method = spot.finding->method;
+        if (std::isfinite(spot.finding->odds)) odds = spot.finding->odds;
+    }
+    Statement insert = database_.prepare(
+        "INSERT INTO spot (id, receiver, transmission, start, end, freq_hz, rf_hz, drift_hz_s, snr_db, deep, method, "
+        "odds) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (transmission, receiver) DO NOTHING");
+    insert.bind(0, std::string_view(stored.id)).bind(1, receiver_number(spot.receiver)).bind(2, stored.transmission);
+    insert.bind(3, spot.start).bind(4, spot.end).bind(5, spot.freq_hz).bind(6, spot.rf_hz).bind(7, spot.drift_hz_s);
+    insert.bind(8, spot.snr_db).bind(9, static_cast<int64_t>(spot.deep)).bind(10, method).bind(11, odds).step();
+    if (database_.changed() == 0) return std::nullopt;
+    stored.number = database_.last_row();
+    return stored;
+}
+
+std::vector<StoredSpot> Store::add(std::span<const Spot> spots) {
+    std::vector<StoredSpot> added;
+    added.reserve(spots.size());
+    Transaction transaction(database_);
+    for (const Spot& spot : spots) {
+        if (auto stored = insert(spot)) added.push_back(std::move(*stored));
+    }
+    transaction.commit();
+    return added;
+}
+
+void Store::add(const ReceiverMinute& minute) {
+    Transaction transaction(database_);
+    Statement insert = database_.prepare(
+        "INSERT OR REPLACE INTO minute (receiver, end, level_db, noise_db, captured_s, lost_s, decode_s, clipped) "
+        "VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
+    insert.bind(0, receiver_number(minute.receiver))
+        .bind(1, minute.end)
+        .bind(2, minute.level_db)
+        .bind(3, minute.noise_db);
+    insert.bind(4, minute.captured_s).bind(5, minute.lost_s).bind(6, minute.decode_s).bind(7, minute.clipped).step();
+    transaction.commit();
+}
+
+void Store::query(const SpotFilter& filter, const std::function<bool(const StoredSpot&)>& take) {
+    const Conditions conditions = conditions_of(filter);
+    std::string sql = std::string(SPOT_COLUMNS) + conditions.sql();
+    if (filter.newest) {
+        sql = format("SELECT * FROM (%s ORDER BY s.number DESC LIMIT %zu) ORDER BY 1", sql.c_str(), *filter.newest);
+    } else {
+        sql += " ORDER BY s.number";
+    }
+    Statement rows = database_.prepare(sql);
+    conditions.bind(rows);
+    while (rows.step()) {
+        if (!take(read_spot(rows))) return;
+    }
+}
+
+std::vector<ReceiverMinute> Store::minutes(const std::string& receiver, double from, double until) {
+    Statement rows = database_.prepare(
+        "SELECT m.end, m.level_db, m.noise_db, m.captured_s, m.lost_s, m.decode_s, m.clipped FROM minute m JOIN "
+        "receiver r ON r.number = m.receiver WHERE r.name = ? AND m.end >= ? AND m.end < ? ORDER BY m.end");
+    rows.bind(0, std::string_view(receiver)).bind(1, from).bind(2, until);
+    std::vector<ReceiverMinute> minutes;
+    while (rows.step()) {
+        minutes.push_back({receiver, rows.real(0), rows.optional_real(1), rows.optional_real(2), rows.real(3),
+                           rows.real(4), rows.real(5), rows.integer(6)});
+    }
+    return minutes;
+}
+
+std::vector<std::string> Store::receivers() {
+    Statement rows = database_.prepare("SELECT name FROM receiver ORDER BY name");
+    std::vector<std::string> names;
+    while (rows.step()) names.push_back(rows.text(0));
+    return names;
+}
+
+int64_t Store::position_or_last(const std::string& output) {
+    {
+        Statement row = database_.prepare("SELECT position FROM outbox WHERE output = ?");
+        if (row.bind(0, std::string_view(output)).step()) return row.integer(0);
+    }
+    const int64_t last = single(database_, "SELECT max(number) FROM spot");
+    set_position(output, last);
+    return last;
+}
+
+void Store::set_position(const std::string& output, int64_t number) {
+    Transaction transaction(database_);
+    Statement insert = database_.prepare("INSERT OR REPLACE INTO outbox (output, position) VALUES (?, ?)");
+    insert.bind(0, std::string_view(output)).bind(1, number).step();
+    transaction.commit();
+}
+
+int64_t Store::bytes() {
+    return single(database_, "PRAGMA page_size") *
+           (single(database_, "PRAGMA page_count") - single(database_, "PRAGMA freelist_count"));
+}
+
+int64_t Store::forget(double before, std::optional<int64_t> most_bytes) {
+    const auto forget_before = [&](double time) {
+        Transaction transaction(database_);
+        database_.prepare("DELETE FROM spot WHERE start < ?").bind(0, time).step();
+        const int64_t forgotten = database_.changed();
+        database_.prepare("DELETE FROM minute WHERE end < ?").bind(0, time).step();
+        database_
+            .prepare(
+                "DELETE FROM transmission WHERE start < ? AND number NOT IN (SELECT transmission FROM spot WHERE start "
+                "< ?)")
+            .bind(0, time + SAME_S)
+            .bind(1, time + 2 * SAME_S)
+            .step();
+        transaction.commit();
+        return forgotten;
+    };
+    int64_t forgotten = forget_before(before);
+    while (most_bytes && bytes() > *most_bytes) {
+        Statement oldest = database_.prepare("SELECT start FROM spot ORDER BY start LIMIT 1 OFFSET ?");
+        if (!oldest.bind(0, FORGOTTEN_AT_ONCE).step()) break;
+        const double time = oldest.real(0);
+        while (oldest.step()) {
+        }
+        const int64_t more = forget_before(time);
+        if (more == 0) break;
+        forgotten += more;
+    }
+    database_.run("PRAGMA incremental_vacuum; PRAGMA wal_checkpoint(TRUNCATE)");
+    return forgotten;
+}

@@ -1,0 +1,76 @@
+// What receivers heard, kept in a database: whatever ends the program, what add() returned for is there afterwards.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "spots/spot.h"
+#include "store/database.h"
+
+// A spot as it is kept. Its times are UTC.
+struct StoredSpot {
+    int64_t number;        // in the order in which they came, from 1
+    std::string id;        // unique everywhere: a random UUID
+    int64_t transmission;  // equal for receivers that heard the same frame
+    Spot spot;
+};
+
+// A minute of a receiver.
+struct ReceiverMinute {
+    std::string receiver;
+    double end;  // UTC
+    std::optional<double> level_db, noise_db;
+    double captured_s, lost_s;
+    double decode_s;  // spent on decoding
+    int64_t clipped;  // samples
+};
+
+// Which spots; all of them where nothing is set.
+struct SpotFilter {
+    std::string call = {};  // "" = any; else letters and digits, with * for any others
+    std::string receiver = {};
+    std::optional<uint32_t> protocol = {};                  // OVL_ id
+    std::optional<double> from = {}, until = {};            // UTC of the start
+    std::optional<double> rf_low_hz = {}, rf_high_hz = {};  // radio frequency, where it is known
+    std::optional<int64_t> after = {};                      // numbers beyond this
+    std::optional<std::size_t> newest = {};                 // so many of the latest
+};
+
+class Store {
+  public:
+    // For writing, a file that is missing is made and an older one brought up to date. Throws IoError, also for files
+    // of a later version.
+    Store(const std::string& path, Database::Access access);
+
+    // Keeps spots, each with its receiver; all or, when it throws, none of them, and returns those that are new: a
+    // receiver's frame that is there already is left out. Spots of several receivers with the same callsign and
+    // protocol that began within half of a frame and, where both are known, on the same radio frequency, are of the
+    // same transmission. One commit takes some milliseconds, whatever it holds.
+    std::vector<StoredSpot> add(std::span<const Spot> spots);
+    void add(const ReceiverMinute& minute);
+
+    // Calls take with each of the spots in order of their numbers until it returns false.
+    void query(const SpotFilter& filter, const std::function<bool(const StoredSpot&)>& take);
+    std::vector<ReceiverMinute> minutes(const std::string& receiver, double from, double until);
+    std::vector<std::string> receivers();
+
+    // The number of the last spot that an output has delivered. One that is new begins with what comes next.
+    int64_t position_or_last(const std::string& output);
+    void set_position(const std::string& output, int64_t number);
+
+    // Forgets spots and minutes before a time, and the oldest of them while the file is larger; the number of spots.
+    int64_t forget(double before, std::optional<int64_t> most_bytes);
+
+  private:
+    std::optional<StoredSpot> insert(const Spot& spot);
+    int64_t receiver_number(const std::string& name);
+    int64_t transmission_of(const Spot& spot);
+    int64_t bytes();
+
+    Database database_;
+};
