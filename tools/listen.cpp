@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -291,7 +292,7 @@ class SignalsElsewhere {
 bool run(const Receivers& receivers, Output& output) {
     std::atomic<std::size_t> running = receivers.size();
     std::vector<std::jthread> threads;
-    {
+    try {
         const SignalsElsewhere elsewhere;
         for (const auto& receiver : receivers) {
             threads.emplace_back([&running, &receiver] {
@@ -299,6 +300,9 @@ bool run(const Receivers& receivers, Output& output) {
                 --running;
             });
         }
+    } catch (const std::system_error&) {
+        for (const auto& receiver : receivers) receiver->halt();
+        throw IoError("a thread cannot be started: memory is short, or there are too many");
     }
     bool written = true;
     while (running > 0 && written) {

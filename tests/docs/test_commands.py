@@ -182,7 +182,8 @@ class Commands(unittest.TestCase):
                 continue
             with self.subTest(page=page, command=command):
                 command = command.split(" | ")[0]  # the rest is in test_recipes.py
-                done = self.run_line(re.sub(r" --device \S+", "", command) + " --device '%s'" % NO_DEVICE)
+                option = "--receiver none=" if " --receiver " in command else "--device "
+                done = self.run_line(re.sub(r" --device \S+", "", command) + " %s'%s'" % (option, NO_DEVICE))
                 self.assertRegex(done.stderr, r"--device: no (in|out)put device '%s'" % NO_DEVICE)
                 checked += 1
         self.assertGreater(checked, 3)
