@@ -149,34 +149,37 @@ std::vector<float> interleaved(const Stretch& stretch) {
     return samples;
 }
 
-// Once through the recording, second by second.
-void decode_channels(Recording& recording, const DecodingOptions& options, double from_s, double to_s,
+// Once through the recording: `next` gives the samples of the next second, false at the end.
+template <class Next>
+void decode_channels(const Recording& recording, const DecodingOptions& options, double from_s, Next next,
                      const SpotTaker& taker) {
-    const double rate = recording.file_rate();
-    const auto first = static_cast<int64_t>(std::floor(from_s * rate));
-    const auto end = static_cast<int64_t>(std::ceil(to_s * rate));
     const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
     const unsigned jobs = options.search.verbose ? 1 : options.jobs > 0 ? options.jobs : cores;
     std::size_t taken = 0;
     WideDecoder decoder(recording.rate(), options.search, {.jobs = jobs, .live = false}, [&](Found spot) {
-        spot.t += static_cast<double>(first) / rate;
+        spot.t += from_s;
         taker.take(spot);
         taken++;
     });
     taker.begin();
-    for (int64_t at = first; at < end; at += recording.file_rate()) {
-        const auto count = static_cast<double>(std::min<int64_t>(recording.file_rate(), end - at));
-        const Stretch stretch = recording.read((static_cast<double>(at) + 0.5) / rate, (count - 0.5) / rate);
-        if (stretch.x.empty()) break;  // before the header says
+    double read_s = from_s;
+    for (Stretch stretch; next(stretch);) {
         decoder.push(interleaved(stretch));
+        read_s += static_cast<double>(stretch.x.size()) / recording.rate();
         taker.progress(from_s + decoder.done_s(), taken);
         if (!taker.go_on()) return;
     }
     decoder.finish();
-    taker.progress(to_s, taken);
+    taker.progress(read_s, taken);
     if (!decoder.problem().empty()) {
         throw IoError("cannot decode all of '" + recording.path() + "': " + decoder.problem());
     }
+}
+
+// Some samples from one on.
+Stretch read_frames(Recording& recording, int64_t first, int64_t count) {
+    const double rate = recording.file_rate();
+    return recording.read((static_cast<double>(first) + 0.5) / rate, (static_cast<double>(count) - 0.5) / rate);
 }
 
 }  // namespace
@@ -185,7 +188,16 @@ void decode_recording(Recording& recording, const DecodingOptions& options, doub
                       const SpotTaker& taker) {
     require_within("'" + recording.path() + "'", options.search, recording.rate());
     if (to_s - from_s >= ovl_chip_seconds() && needs_channels(recording, options.search)) {
-        return decode_channels(recording, options, from_s, to_s, taker);
+        const double rate = recording.file_rate();
+        const auto first = static_cast<int64_t>(std::floor(from_s * rate));
+        const auto end = static_cast<int64_t>(std::ceil(to_s * rate));
+        const auto next = [&, at = first](Stretch& second) mutable {
+            if (at >= end) return false;
+            second = read_frames(recording, at, std::min<int64_t>(recording.file_rate(), end - at));
+            at += recording.file_rate();
+            return !second.x.empty();  // it may end before its header says
+        };
+        return decode_channels(recording, options, static_cast<double>(first) / rate, next, taker);
     }
     const std::vector<BlockSpan> blocks = cut(recording, options, from_s, to_s);
     BlockDecoder decoder(recording, options.search);
@@ -204,6 +216,21 @@ void decode_recording(Recording& recording, const DecodingOptions& options, doub
 
 void decode_piped(PipedRecording& recording, const DecodingOptions& options, const SpotTaker& taker) {
     require_within("'" + recording.path() + "'", options.search, recording.rate());
+    while (recording.seconds() < ovl_chip_seconds() && recording.read_on()) {
+    }
+    if (recording.seconds() >= ovl_chip_seconds() && needs_channels(recording, options.search)) {
+        const auto next = [&, at = int64_t{0}](Stretch& second) mutable {
+            const int64_t end = at + recording.file_rate();
+            const double end_s = static_cast<double>(end) / recording.file_rate();
+            while (recording.seconds() < end_s && recording.read_on()) {
+            }
+            second = read_frames(recording, at, end - at);
+            at = end;
+            recording.forget(end_s);
+            return !second.x.empty();
+        };
+        return decode_channels(recording, options, 0, next, taker);
+    }
     BlockCutter cutter(block_seconds(options, recording.rate()), OVERLAP_S);
     const auto next = [&] {
         auto block = cutter.next(recording.seconds(), recording.ended());

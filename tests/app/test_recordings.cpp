@@ -593,6 +593,23 @@ TEST_F(Pipes, GiveTheSpotsOfTheFile) {
     }
 }
 
+// What is wide is worked through second by second.
+TEST_F(Pipes, GiveTheSpotsOfAWideBand) {
+    const std::string file = path("y.sigmf-data");
+    const auto made = orvel({"simulate", "-o", file, "--iq", "--rate", "32000", "--seconds", "44.3",
+                             "opera=K2QRX,freq=-14000,snr=-10,start=2", "opera=G4QZB,freq=9000,snr=-12,start=11"});
+    ASSERT_EQ(made.status, 0) << made.err;
+    const std::string words = "--json --iq --wide --protocols=opera --raw s16 --rate 32000 ";
+    const std::string expected = piped(file, "decode " + words + "-").out;
+    EXPECT_NE(expected.find("K2QRX"), std::string::npos) << expected;
+    EXPECT_NE(expected.find("G4QZB"), std::string::npos) << expected;
+    std::string of_file = run_process({"/bin/sh", "-c", "'" ORVEL_COMMAND "' decode " + words + "'" + file + "'"}).out;
+    for (std::size_t at = 0; (at = of_file.find(file)) != std::string::npos;) of_file.replace(at, file.size(), "-");
+    EXPECT_EQ(expected, of_file);
+    EXPECT_EQ(piped(write("none", ""), "decode " + words + "-").err,
+              "orvel: cannot decode '-': it is too short (0.000 s, a chip is 0.128 s)\n");
+}
+
 TEST_F(Pipes, OfANameAreWaitedFor) {
     const std::string pipe = path("x.cs16");
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
