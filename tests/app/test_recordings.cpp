@@ -403,7 +403,7 @@ TEST_F(Sigmf, OfATarArchiveIsReadInPlace) {
     EXPECT_NE(::testing::internal::GetCapturedStderr().find("ends before its header says"), std::string::npos);
     EXPECT_NE(refusal(write("no.sigmf", "nothing")).find("it is not a tar archive"), std::string::npos);
     EXPECT_NE(refusal(write("half.sigmf", whole.substr(0, 1024))).find("it holds no .sigmf-data"), std::string::npos);
-    for (const std::size_t byte : {3, 124, 148}) {  // the name, and numbers that are suddenly binary
+    for (const std::size_t byte : {3U, 124U, 148U}) {  // the name, and numbers that are suddenly binary
         std::string wrong = whole;
         wrong[byte] = '\x80';
         EXPECT_NE(refusal(write("wrong.sigmf", wrong)).find("it is not a tar archive"), std::string::npos);
