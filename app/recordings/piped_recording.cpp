@@ -168,7 +168,7 @@ void PipedRecording::forget(double before_s) {
 
 void PipedRecording::read_frames(int64_t first, int64_t count, Stretch& out) {
     constexpr std::size_t PIECE = 1 << 12;  // frames
-    if (first < first_) return;
+    if (first < first_ || count <= 0) return;
     auto bytes = std::span<const uint8_t>(bytes_).subspan(static_cast<std::size_t>(first - first_) * frame_bytes_);
     bytes = bytes.first(std::min(bytes.size(), static_cast<std::size_t>(count) * frame_bytes_));
     std::vector<double> samples(PIECE * channels_);
