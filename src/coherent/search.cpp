@@ -50,7 +50,7 @@ std::optional<PairMap> pair_map(const Whitened& block, double half_width) {
         fftw_execute(plan.get());
         float* const out = &map.power[static_cast<std::size_t>(row) * static_cast<std::size_t>(map.columns)];
         for (int32_t c = 0; c < map.columns; c++) {
-            const int32_t bin = (c - half + length) % length;
+            const int32_t bin = c < half ? c - half + length : c - half;
             out[c] = static_cast<float>(std::norm(buffer[static_cast<std::size_t>(bin)]) / (4.0 * chip));
         }
     }
@@ -115,7 +115,7 @@ std::optional<SegmentMap> segment_map(const Whitened& block, int32_t pairs, doub
         }
         float* const out = &map.power[static_cast<std::size_t>(row) * static_cast<std::size_t>(map.columns)];
         for (int32_t c = 0; c < map.columns; c++) {
-            const int32_t bin = (c - half + length) % length;
+            const int32_t bin = c < half ? c - half + length : c - half;
             out[c] = static_cast<float>(std::norm(buffer[static_cast<std::size_t>(bin)]) / (4.0 * chip)) +
                      sum[static_cast<std::size_t>(nearest[static_cast<std::size_t>(c)])];
         }
