@@ -20,7 +20,7 @@ constexpr double PATIENCE_S = 60;
 
 // The server that stands for rtl_tcp in these tests is one that another client takes for rtl_tcp.
 TEST(Peers, TheServerOfTheTestsIsTakenForRtlTcpByRtl433) {
-    if (!std::filesystem::exists("/usr/bin/rtl_433")) GTEST_SKIP() << "rtl_433 is not installed";
+    ASSERT_TRUE(std::filesystem::exists("/usr/bin/rtl_433")) << "./test all installs it";
     const std::string header("RTL0\0\0\0\x05\0\0\0\x1d", 12);
     std::string commands;
     TcpServer server([&](TcpServer::Connection& connection, int32_t) {
@@ -40,7 +40,7 @@ TEST(Peers, TheServerOfTheTestsIsTakenForRtlTcpByRtl433) {
 
 TEST(Peers, SoapysAudioModuleIsHeardAtTheRateItHas) {
     const auto module = "/usr/lib/x86_64-linux-gnu/SoapySDR/modules0.8/libaudioSupport.so";
-    if (!SoundServer::installed() || !std::filesystem::exists(module)) GTEST_SKIP() << "not installed";
+    ASSERT_TRUE(SoundServer::installed() && std::filesystem::exists(module)) << "./test all installs both";
     const SoundServer server;
     ProcessInput input;
     input.environment = server.environment();
@@ -61,7 +61,7 @@ TEST(Peers, SoapysAudioModuleIsHeardAtTheRateItHas) {
 }
 
 TEST(Peers, AReceiverThatSoapyDoesNotKnowIsWaitedFor) {
-    if (!std::filesystem::exists("/usr/lib/x86_64-linux-gnu/libSoapySDR.so.0.8")) GTEST_SKIP() << "not installed";
+    ASSERT_TRUE(std::filesystem::exists("/usr/lib/x86_64-linux-gnu/libSoapySDR.so.0.8")) << "./test all installs it";
     RunningProcess process({ORVEL_COMMAND, "listen", "--json", "--status=1", "--device", "soapy:driver=none"});
     for (int k = 0; k < 3; k++) {
         const auto line = process.read_line(PATIENCE_S);

@@ -11,6 +11,7 @@
 
 #include "base/error.h"
 #include "config/config.h"
+#include "sound_server.h"
 
 namespace {
 
@@ -22,12 +23,6 @@ constexpr std::array KINDS = {OutputKind{"mqtt", MQTT_KEYS}, OutputKind{"file", 
 
 class ConfigTest : public testing::Test {
   protected:
-    ConfigTest() {
-        std::string name = (fs::temp_directory_path() / "orvel-config-XXXXXX").string();
-        folder_ = ::mkdtemp(name.data());
-    }
-    ~ConfigTest() override { fs::remove_all(folder_); }
-
     std::string write(const std::string& name, const std::string& text) const {
         std::ofstream(folder_ / name, std::ios::binary) << text;
         return (folder_ / name).string();
@@ -44,7 +39,8 @@ class ConfigTest : public testing::Test {
         return std::to_string(mistakes_[0].line) + ":" + std::to_string(mistakes_[0].column) + " " + mistakes_[0].text;
     }
 
-    fs::path folder_;
+    TemporaryDirectory directory_;
+    fs::path folder_ = directory_.path();
     std::vector<Mistake> mistakes_;
 };
 

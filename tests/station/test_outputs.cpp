@@ -21,6 +21,7 @@
 #include "outputs/outbox.h"
 #include "outputs/output.h"
 #include "process.h"
+#include "sound_server.h"
 
 namespace {
 
@@ -40,11 +41,6 @@ bool eventually(const std::function<bool()>& holds) {
 
 class OutputTest : public testing::Test {
   protected:
-    OutputTest() {
-        std::string name = (fs::temp_directory_path() / "orvel-outputs-XXXXXX").string();
-        folder_ = ::mkdtemp(name.data());
-    }
-    ~OutputTest() override { fs::remove_all(folder_); }
     std::string path(const std::string& name) const { return (folder_ / name).string(); }
     std::string store_path() const { return path("spots.db"); }
 
@@ -72,7 +68,8 @@ class OutputTest : public testing::Test {
         return read.outputs.at(0);
     }
 
-    fs::path folder_;
+    TemporaryDirectory directory_;
+    fs::path folder_ = directory_.path();
 };
 
 Spot heard(int k, bool deep = false) {

@@ -19,6 +19,7 @@
 #include "process.h"
 #include "service/notify.h"
 #include "service/station.h"
+#include "sound_server.h"
 #include "store/store.h"
 
 namespace {
@@ -36,16 +37,11 @@ bool eventually(const std::function<bool()>& holds) {
 
 class StationTest : public testing::Test {
   protected:
-    StationTest() {
-        std::string name = (fs::temp_directory_path() / "orvel-station-XXXXXX").string();
-        folder_ = ::mkdtemp(name.data());
-    }
     ~StationTest() override {
         if (station_ > 0) {
             ::kill(station_, SIGKILL);
             ::waitpid(station_, nullptr, 0);
         }
-        fs::remove_all(folder_);
     }
     std::string path(const std::string& name) const { return (folder_ / name).string(); }
     void write(const std::string& name, const std::string& text) const {
@@ -110,7 +106,8 @@ status() { printf '{"type":"status","utc":"2026-03-01T12:%02d:00.00Z","rate":120
         return {std::istreambuf_iterator<char>(file), {}};
     }
 
-    fs::path folder_;
+    TemporaryDirectory directory_;
+    fs::path folder_ = directory_.path();
     pid_t station_ = 0;
 };
 

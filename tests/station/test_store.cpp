@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/error.h"
+#include "sound_server.h"
 #include "store/store.h"
 
 namespace {
@@ -26,14 +27,10 @@ constexpr double NOON = 1.77e9;
 
 class StoreTest : public testing::Test {
   protected:
-    StoreTest() {
-        std::string name = (fs::temp_directory_path() / "orvel-store-XXXXXX").string();
-        folder_ = ::mkdtemp(name.data());
-    }
-    ~StoreTest() override { fs::remove_all(folder_); }
     std::string path() const { return (folder_ / "spots.db").string(); }
 
-    fs::path folder_;
+    TemporaryDirectory directory_;
+    fs::path folder_ = directory_.path();
 };
 
 Spot spot(const std::string& call, double start, std::optional<double> rf_hz = std::nullopt) {
