@@ -4,6 +4,7 @@
 #include <cmath>
 #include <utility>
 
+#include "coherent/coherent.h"
 #include "decoding/bands.h"
 #include "decoding/coherent_block.h"
 #include "decoding/finds.h"
@@ -16,7 +17,7 @@ namespace {
 constexpr double CANDIDATES_PER_MINUTE = 120;
 constexpr double SPOTS_PER_MINUTE = 64;  // as the library reports from a block
 constexpr double MOST = 1e6;             // of either
-constexpr double BESIDE_HZ = 4;          // half-width of a band beside a frame
+constexpr int32_t MOST_ROUNDS = 4;       // over a band from which what was found has been taken out
 constexpr double CENTRAL_HZ = 12;
 
 int32_t at_most(double count) {
@@ -27,16 +28,6 @@ int transform(const Block& block, int32_t out_rate, ov_spectrum& spectrum) {
     const auto n = static_cast<int32_t>(block.x.size());
     return block.q.empty() ? ov_spectrum_real(block.x.data(), n, block.rate, out_rate, spectrum)
                            : ov_spectrum_iq(block.x.data(), block.q.data(), n, block.rate, out_rate, spectrum);
-}
-
-// The same spectrum, for basebands at a multiple of its rate.
-ov_spectrum faster(const ov_spectrum& spectrum, int32_t rate) {
-    const int32_t times = rate / spectrum.out_rate;
-    ov_spectrum out = spectrum;
-    out.out_rate *= times;
-    out.nout *= times;
-    out.nsamp_out *= times;
-    return out;
 }
 
 std::optional<std::vector<Found>> decode_baseband(const ov_baseband& baseband, const ov_params& params,
@@ -52,7 +43,7 @@ std::optional<std::vector<Found>> decode_baseband(const ov_baseband& baseband, c
     return found;
 }
 
-// One protocol after the other, until the standard search finds one in the middle.
+// One protocol after the other, until the standard search finds a frame in the middle.
 std::optional<std::vector<Found>> decode_in_turn(const ov_baseband& baseband, const ov_params& params, double minutes) {
     std::vector<Found> all;
     for (const int32_t protocol : {OVL_OPERA, OVL_ORVEL_S, OVL_ORVEL_L}) {
@@ -71,67 +62,62 @@ std::optional<std::vector<Found>> decode_in_turn(const ov_baseband& baseband, co
     return all;
 }
 
+// Weaker stations show when the stronger ones are taken out: next to a frame the decoder takes all others of its time
+// for its shadows. Later searches go without the deep one.
+std::optional<std::vector<Found>> decode_rest(ov_baseband& baseband, const ov_params& params, double minutes,
+                                              std::span<const Found> found) {
+    ov_params plain = params;
+    plain.deep_search = 0;
+    std::vector<Found> all(found.begin(), found.end());
+    std::size_t taken = 0;
+    for (int32_t round = 0; round < MOST_ROUNDS && taken < all.size(); round++) {
+        for (; taken < all.size(); taken++) ov_take_out(baseband, all[taken]);
+        const auto more = decode_baseband(baseband, plain, minutes);
+        if (!more) return std::nullopt;
+        for (const Found& spot : *more) {
+            const auto is_same = [&](const Found& other) { return is_same_frame(spot, other); };
+            if (std::ranges::none_of(all, is_same)) all.push_back(spot);
+        }
+    }
+    all.erase(all.begin(), all.begin() + std::ssize(found));
+    return all;
+}
+
 // The decodes of several bands of one block, which share its transform.
 class Bands {
   public:
-    Bands(const Block& block, const Search& search, const ov_params& params, const ov_spectrum& spectrum, int32_t rate,
+    Bands(const Block& block, const Search& search, const ov_params& params, const ov_spectrum& spectrum,
           Protocols protocols)
-        : block_(block), search_(search), params_(params), spectrum_(spectrum), rate_(rate), protocols_(protocols) {}
+        : block_(block), search_(search), params_(params), spectrum_(spectrum), protocols_(protocols) {}
 
     // False when memory is short.
     bool add(const Band& band) {
-        auto found = decode(band);
+        BasebandOwner baseband;
+        if (ov_baseband_extract(spectrum_, band.center_hz, baseband) != 0) return false;
+        ov_params params = params_;
+        params.center_hz = band.center_hz;
+        params.search_hz = band.half_hz;
+        auto found = protocols_ == Protocols::TOGETHER ? decode_baseband(baseband, params, block_.minutes())
+                                                       : decode_in_turn(baseband, params, block_.minutes());
         if (!found) return false;
+        auto rest = decode_rest(baseband, params, block_.minutes(), *found);
+        if (!rest) return false;
         finds_.add(*found);
-        for (const Found& spot : *found) {
-            if (spot.deep == 0 && !add_beside(spot)) return false;
-        }
+        finds_.add_rest(*rest);
+        if (!search_.coherent) return true;
+        found->insert(found->end(), rest->begin(), rest->end());
+        add_coherent(baseband, params, *found);
+        finds_.add(*found);
         return true;
     }
 
     std::vector<Found> in_order_of_time() { return finds_.in_order_of_time(); }
 
   private:
-    // Next to a frame the decoder takes all others of the time for its shadows: the bands to its sides do not hold it.
-    bool add_beside(const Found& spot) {
-        ov_params params = params_;
-        params.deep_search = 0;
-        for (const double offset_hz : {-24.0, -20.0, -16.0, -12.0, 12.0, 16.0, 20.0, 24.0}) {
-            auto found = decode({spot.freq + offset_hz, BESIDE_HZ}, params);
-            if (!found) return false;
-            finds_.add_beside(std::move(*found));
-        }
-        return true;
-    }
-
-    std::optional<std::vector<Found>> decode(const Band& band) const {
-        BasebandOwner baseband;
-        if (ov_baseband_extract(faster(spectrum_, rate_), band.center_hz, baseband) != 0) return std::nullopt;
-        const ov_params params = params_of(band, params_);
-        auto found = protocols_ == Protocols::TOGETHER ? decode_baseband(baseband, params, block_.minutes())
-                                                       : decode_in_turn(baseband, params, block_.minutes());
-        if (found && search_.coherent) add_coherent(baseband, params, *found);
-        return found;
-    }
-
-    // At the lowest rate: that is the transform's.
-    std::optional<std::vector<Found>> decode(const Band& band, const ov_params& params) const {
-        BasebandOwner baseband;
-        if (ov_baseband_extract(spectrum_, band.center_hz, baseband) != 0) return std::nullopt;
-        return decode_baseband(baseband, params_of(band, params), block_.minutes());
-    }
-
-    static ov_params params_of(const Band& band, ov_params params) {
-        params.center_hz = band.center_hz;
-        params.search_hz = band.half_hz;
-        return params;
-    }
-
     const Block& block_;
     const Search& search_;
     const ov_params& params_;
     const ov_spectrum& spectrum_;
-    int32_t rate_;  // of a band's baseband, a multiple of the spectrum's
     Protocols protocols_;
     Finds finds_;
 };
@@ -167,16 +153,12 @@ std::optional<std::vector<Found>> decode_bands(const Block& block, const Search&
                                                Protocols protocols, std::size_t shares, double end_max) {
     ov_params params = params_for(block, search, end_max);
     params.deep_pfa /= static_cast<double>(std::max<std::size_t>(1, shares));
-    const auto rate_for = [&](double half_hz) {
-        params.search_hz = half_hz;
-        return baseband_rate(params, static_cast<int32_t>(block.x.size()), block.rate);
-    };
     const bool narrow = protocols == Protocols::IN_TURN && !search.coherent;
-    const auto rate = rate_for(narrow ? std::ranges::max(bands, {}, &Band::half_hz).half_hz : MOST_BAND_HZ / 2);
-    const auto beside = narrow ? rate_for(BESIDE_HZ) : rate;
+    params.search_hz = narrow ? std::ranges::max(bands, {}, &Band::half_hz).half_hz : MOST_BAND_HZ / 2;
+    const auto rate = baseband_rate(params, static_cast<int32_t>(block.x.size()), block.rate);
     SpectrumOwner spectrum;
-    if (!rate || !beside || transform(block, *beside, spectrum) != 0) return std::nullopt;
-    Bands decoded(block, search, params, spectrum, *rate, protocols);
+    if (!rate || transform(block, *rate, spectrum) != 0) return std::nullopt;
+    Bands decoded(block, search, params, spectrum, protocols);
     for (const Band& band : bands) {
         if (!decoded.add(band)) return std::nullopt;
     }

@@ -42,7 +42,8 @@ enum class Protocols {
                // take the others ten times as long as the frame
 };
 
-// Decodes some bands of a block, at least one IN_TURN, as decode_block() does, and beside each frame found.
+// Decodes some bands of a block, at least one, as decode_block() does; what is found is taken out and the rest searched
+// again, so that weaker stations beside show.
 //
 //   shares   that the false-alarm probability of the deep search is divided into
 std::optional<std::vector<Found>> decode_bands(const Block& block, const Search& search, std::span<const Band> bands,

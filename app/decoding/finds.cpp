@@ -13,11 +13,11 @@ constexpr double LEAK_HZ = 30;
 constexpr double LEAK_CONTRAST = 0.1;  // of the frame's
 constexpr double SAME_S = 15.3;        // two frames of a callsign this close are one, as for the library
 
+}  // namespace
+
 bool is_same_frame(const Found& a, const Found& b) {
     return std::strcmp(a.call, b.call) == 0 && std::fabs(a.t - b.t) < SAME_S;
 }
-
-}  // namespace
 
 void Finds::add(std::span<const Found> found) {
     for (const Found& spot : found) {
@@ -30,7 +30,7 @@ void Finds::add(std::span<const Found> found) {
     }
 }
 
-void Finds::add_beside(std::vector<Found> found) {
+void Finds::add_rest(std::vector<Found> found) {
     std::erase_if(found, [&](const Found& beside) {
         return std::ranges::any_of(all_, [&](const Found& frame) { return is_phantom(beside, frame); });
     });

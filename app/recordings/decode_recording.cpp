@@ -149,7 +149,7 @@ std::vector<float> interleaved(const Stretch& stretch) {
     return samples;
 }
 
-// Once through the recording: `next` gives the samples of the next second, false at the end.
+// Once through the recording: `next` gives some more samples, false at the end.
 template <class Next>
 void decode_channels(const Recording& recording, const DecodingOptions& options, double from_s, Next next,
                      const SpotTaker& taker) {
@@ -191,11 +191,12 @@ void decode_recording(Recording& recording, const DecodingOptions& options, doub
         const double rate = recording.file_rate();
         const auto first = static_cast<int64_t>(std::floor(from_s * rate));
         const auto end = static_cast<int64_t>(std::ceil(to_s * rate));
-        const auto next = [&, at = first](Stretch& second) mutable {
+        const int64_t count = recording.file_rate() / 4 + 1;
+        const auto next = [&, at = first](Stretch& piece) mutable {
             if (at >= end) return false;
-            second = read_frames(recording, at, std::min<int64_t>(recording.file_rate(), end - at));
-            at += recording.file_rate();
-            return !second.x.empty();  // it may end before its header says
+            piece = read_frames(recording, at, std::min<int64_t>(count, end - at));
+            at += count;
+            return !piece.x.empty();  // it may end before its header says
         };
         return decode_channels(recording, options, static_cast<double>(first) / rate, next, taker);
     }

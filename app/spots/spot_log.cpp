@@ -9,8 +9,9 @@
 
 namespace {
 
-constexpr double SAME_S = 10;   // a station cannot send two frames this close in time
-constexpr double SAME_HZ = 15;  // and frequency
+constexpr double SAME_S = 10;    // a station cannot send two frames this close in time
+constexpr double SAME_HZ = 40;   // and frequency
+constexpr double SHADOW_HZ = 3;  // finds further apart: one of them is a side band
 constexpr double REMEMBER_S = 300;
 
 bool same_frame(const ov_spot& a, const ov_spot& b) {
@@ -19,10 +20,12 @@ bool same_frame(const ov_spot& a, const ov_spot& b) {
 }
 
 // A find of the standard search is preferred to one that needed the callsign to be known, and either to those of the
-// coherent search. Of these the surer one counts, of the others the one that saw more of the frame.
+// coherent search. Of these the surer one counts, of the others the frame before its side bands, and then the find that
+// saw more of it.
 bool is_worse(const Found& find, const Found& other) {
     if (find.deep != other.deep) return find.deep > other.deep;
     if (find.deep >= OVL_COHERENT) return find.odds < other.odds;
+    if (std::fabs(find.freq - other.freq) > SHADOW_HZ) return find.contrast < other.contrast;
     return find.chips_ok < other.chips_ok;
 }
 

@@ -10,11 +10,10 @@ namespace {
 
 constexpr int64_t PHASES = 2;  // windows a chip
 constexpr int64_t LEAST_RUN = 16;
-constexpr int64_t NOISE_WINDOWS = 300;
+constexpr int64_t NOISE_WINDOWS = 150;
 constexpr std::size_t NOISE_MARGIN = 8;  // bins
 constexpr double JUMP_SHARE = 0.7;
 constexpr double APART_HZ = 30;
-constexpr int64_t APART = LOOK_RUN / 2;
 
 std::size_t at(int64_t index) {
     return static_cast<std::size_t>(index);
@@ -45,6 +44,10 @@ ORVEL_MULTIVERSION void powers_of(const std::complex<float>* bins, std::size_t n
     const auto* const values = reinterpret_cast<const float*>(bins);
     for (std::size_t k = 0; k < n; k++)
         powers[k] = values[2 * k] * values[2 * k] + values[2 * k + 1] * values[2 * k + 1];
+}
+
+bool are_near(const Keyed& a, const Keyed& b) {
+    return std::fabs(a.freq_hz - b.freq_hz) < APART_HZ && std::abs(a.window - b.window) <= LOOK_AROUND;
 }
 
 }  // namespace
@@ -104,8 +107,8 @@ void Look::level_noise(int64_t windows) {
     for (int64_t w = 0; w < windows; w++) scale(units.data(), bins_, powers_.data() + at(w) * bins_);
 }
 
-// The best mean jump of each bin over the runs that begin in `own`.
-void Look::search_runs(int64_t windows, int64_t run, const Windows& own) {
+// The best mean jump of each bin over all runs.
+void Look::search_runs(int64_t windows, int64_t run) {
     std::vector<double> best(bins_);
     std::vector<double> jumps(bins_);
     std::vector<double> powers(bins_);
@@ -113,11 +116,11 @@ void Look::search_runs(int64_t windows, int64_t run, const Windows& own) {
         const float* const row = powers_.data() + at(w) * bins_;
         add_jumps(row, row + PHASES * bins_, sign, bins_, jumps.data(), powers.data());
     };
-    for (int64_t first = own.first; first < own.first + PHASES && first + PHASES * run < windows; first++) {
+    for (int64_t first = 0; first < PHASES && first + PHASES * run < windows; first++) {
         std::ranges::fill(jumps, 0);
         std::ranges::fill(powers, 0);
         for (int64_t i = 0; i < run; i++) add(first + PHASES * i, 1);
-        for (int64_t w = first; w < own.end; w += PHASES) {
+        for (int64_t w = first;; w += PHASES) {
             raise(jumps.data(), powers.data(), bins_, best.data());
             if (w + PHASES * (run + 1) >= windows) break;
             add(w, -1);
@@ -148,41 +151,54 @@ std::vector<float> Look::jumps_of(std::size_t bin, int64_t windows, int64_t run)
     return means;
 }
 
+// Where a bin is keyed most of all times around, strongest first.
+std::vector<Keyed> Look::peaks(const Windows& block, int64_t run, const Range& band, double least_z) const {
+    std::vector<float> copy = best_;
+    const RobustStatistics centre = robust_statistics(copy, upper_median);
+    const auto z_of = [&](float jump) { return (static_cast<double>(jump) - centre.median) / centre.sigma; };
+    std::vector<Keyed> found;
+    for (std::size_t bin = 0; bin < bins_; bin++) {
+        const double freq_hz = freq_of(bin);
+        if (freq_hz < band.low || freq_hz > band.high || !(z_of(best_[bin]) >= least_z)) continue;
+        const std::vector<float> jumps = jumps_of(bin, block.end - block.first, run);
+        const auto count = static_cast<int64_t>(jumps.size());
+        for (int64_t w = 0; w < count; w++) {
+            if (!(z_of(jumps[at(w)]) >= least_z)) continue;
+            const auto first = jumps.begin() + std::max<int64_t>(w - LOOK_AROUND, 0);
+            const auto end = jumps.begin() + std::min(w + LOOK_AROUND + 1, count);
+            if (std::max_element(first, end) - jumps.begin() != w) continue;
+            const int64_t window = block.first + w;
+            found.push_back({freq_hz, window, z_of(jumps[at(w)]), window, window});
+        }
+    }
+    std::ranges::stable_sort(found, [](const Keyed& a, const Keyed& b) { return a.z > b.z; });
+    return found;
+}
+
 std::vector<Keyed> Look::find(std::span<const std::complex<float>> samples, Windows block, Windows own,
                               const Range& band, double least_z) {
     const int64_t windows = block.end - block.first;
     const int64_t run = std::min(LOOK_RUN / PHASES, (windows - 1) / PHASES - 1);
-    own = {own.first - block.first, own.end - block.first};
-    if (run < LEAST_RUN || own.first + PHASES * run >= windows) return {};
+    if (run < LEAST_RUN || own.first - block.first + PHASES * run >= windows) return {};
     fill_powers(samples, block);
     level_noise(windows);
-    search_runs(windows, run, own);
-    std::vector<float> copy = best_;
-    const RobustStatistics centre = robust_statistics(copy, upper_median);
+    search_runs(windows, run);
 
-    std::vector<Keyed> found;
-    for (std::size_t bin = 0; bin < bins_; bin++) {
-        const double freq_hz = freq_of(bin);
-        if (freq_hz < band.low || freq_hz > band.high) continue;
-        const auto z_of = [&](float jump) { return (static_cast<double>(jump) - centre.median) / centre.sigma; };
-        if (!(z_of(best_[bin]) >= least_z)) continue;
-        const std::vector<float> jumps = jumps_of(bin, windows, run);
-        const auto count = static_cast<int64_t>(jumps.size());
-        for (int64_t w = own.first; w < std::min(own.end, count); w++) {
-            if (!(z_of(jumps[at(w)]) >= least_z)) continue;
-            const auto first = jumps.begin() + std::max<int64_t>(w - APART, 0);
-            const auto end = jumps.begin() + std::min(w + APART + 1, count);
-            if (std::max_element(first, end) - jumps.begin() != w) continue;
-            found.push_back({freq_hz, block.first + w, z_of(jumps[at(w)])});
+    const std::vector<Keyed> all = peaks(block, run, {band.low - APART_HZ, band.high + APART_HZ}, least_z);
+    std::vector<Keyed> kept;
+    for (const Keyed& peak : all) {
+        const auto is_near = [&](const Keyed& other) { return are_near(peak, other); };
+        if (peak.freq_hz >= band.low && peak.freq_hz <= band.high && std::ranges::none_of(kept, is_near)) {
+            kept.push_back(peak);
         }
     }
-    std::ranges::stable_sort(found, [](const Keyed& a, const Keyed& b) { return a.z > b.z; });
-    std::vector<Keyed> kept;
-    for (const Keyed& keyed : found) {
-        const bool taken = std::ranges::any_of(kept, [&](const Keyed& other) {
-            return std::fabs(keyed.freq_hz - other.freq_hz) < APART_HZ && std::abs(keyed.window - other.window) < APART;
-        });
-        if (!taken) kept.push_back(keyed);
+    std::erase_if(kept, [&](const Keyed& keyed) { return keyed.window < own.first || keyed.window >= own.end; });
+    for (Keyed& keyed : kept) {
+        for (const Keyed& other : all) {
+            if (!are_near(keyed, other)) continue;
+            keyed.first_window = std::min(keyed.first_window, other.window);
+            keyed.last_window = std::max(keyed.last_window, other.window);
+        }
     }
     return kept;
 }

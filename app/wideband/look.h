@@ -15,17 +15,19 @@
 
 inline constexpr double LOOK_STEP_S = 0.064;  // between windows
 inline constexpr int64_t LOOK_RUN = 2 * 238;  // windows: as long as an OPERA frame
+inline constexpr int64_t LOOK_AROUND = 125;   // windows: 8 s
 
 // Windows [first, end), counted from the beginning of the slice.
 struct Windows {
     int64_t first, end;
 };
 
-// Something keyed.
+// Something keyed, and the times of what is keyed beside it: the sides of its own spectrum, or weaker stations.
 struct Keyed {
     double freq_hz;
-    int64_t window;  // the run of LOOK_RUN in which it is keyed most begins there
-    double z;        // sigma above the median of all bins
+    int64_t window;                     // the run of LOOK_RUN in which it is keyed most begins there
+    double z;                           // sigma above the median of all bins
+    int64_t first_window, last_window;  // that runs of all within 30 Hz and LOOK_AROUND begin at
 };
 
 // Works on one slice at a time; one object for each thread.
@@ -37,11 +39,11 @@ class Look {
     // First sample of a window.
     int64_t sample_of(int64_t window) const;
 
-    // The keyed signals whose run begins in `own`, strongest first: those 30 Hz or half a frame apart.
+    // The keyed signals whose run begins in `own`, strongest first: each the strongest within 30 Hz and LOOK_AROUND.
     //
     //   samples  those of `block`, from sample_of(block.first) on
-    //   own      within the block; of what lies around them the strongest half a frame each side counts, too, so
-    //            that neighbouring blocks find a frame once
+    //   own      within the block, which reaches LOOK_AROUND past it where there are samples: what is keyed there
+    //            counts, too, so that neighbouring blocks find a frame once
     //   band     where to look, Hz
     std::vector<Keyed> find(std::span<const std::complex<float>> samples, Windows block, Windows own, const Range& band,
                             double least_z);
@@ -52,7 +54,8 @@ class Look {
   private:
     void fill_powers(std::span<const std::complex<float>> samples, const Windows& block);
     void level_noise(int64_t windows);
-    void search_runs(int64_t windows, int64_t run, const Windows& own);
+    void search_runs(int64_t windows, int64_t run);
+    std::vector<Keyed> peaks(const Windows& block, int64_t run, const Range& band, double least_z) const;
     std::vector<float> jumps_of(std::size_t bin, int64_t windows, int64_t run) const;
 
     float power(int64_t window, std::size_t bin) const {

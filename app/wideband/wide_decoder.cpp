@@ -1,5 +1,6 @@
-// A step decides on the frames whose strongest run begins in its 36 seconds. It needs what lies around them, so that
-// the samples kept are those of a step, of the longest frame and of some seconds before and after.
+// A step decides on what is keyed most in the runs that begin in its 16 seconds, and on what is keyed beside it within
+// 8 seconds. It needs what lies around that, so that the samples kept are those of a step, of the longest frame and of
+// 22 seconds before and after.
 #include "wideband/wide_decoder.h"
 
 #include <algorithm>
@@ -25,18 +26,16 @@
 
 namespace {
 
-constexpr int64_t STEP = 560;                     // windows: 35.84 s
-constexpr int64_t AROUND = LOOK_RUN / 2 + 1;      // windows that a find is compared with, each side
-constexpr int64_t AHEAD = AROUND + LOOK_RUN + 4;  // windows needed after a step
-constexpr double BEFORE_S = 14;                   // of a decode: before the run,
-constexpr double RUN_S = LOOK_RUN * LOOK_STEP_S;  // the run,
-constexpr double AFTER_S = 14;                    // and after it
-constexpr double LIVE_SLACK_S = 12;               // that samples come while a step is decoded
-constexpr double SLACK_S = 2;                     // the same where they wait
-constexpr double UNDECIDED_S = 20;                // a frame may begin this long before its run
-constexpr double TILE_HZ = 33;                    // half-width of a decode
-constexpr double BESIDE_HZ = 16;                  // past its border a slice is searched, too
-constexpr double FLAT_HZ = 1790;                  // of a slice, each side
+constexpr int64_t STEP = 250;                     // windows: 16 s
+constexpr int64_t MARGIN = 219;                   // windows: 14 s, that a decode reaches past what is keyed, each side
+constexpr int64_t BEFORE = LOOK_AROUND + MARGIN;  // windows needed before a step,
+constexpr int64_t AFTER = LOOK_AROUND + LOOK_RUN + MARGIN;  // and after it
+constexpr double LIVE_SLACK_S = 12;                         // that samples come while a step is decoded
+constexpr double SLACK_S = 2;                               // the same where they wait
+constexpr double UNDECIDED_S = 20;                          // a frame may begin this long before its run
+constexpr double TILE_HZ = 33;                              // half-width of a decode
+constexpr double BESIDE_HZ = 16;                            // past its border a slice is searched, too
+constexpr double FLAT_HZ = 1790;                            // of a slice, each side
 
 // What one step found, slice by slice.
 struct Step {
@@ -65,7 +64,7 @@ class WideDecoder::Engine {
           rate_(channeliser_.slice_rate()),
           look_times_(rate_, FLAT_HZ),
           store_(channeliser_.slices().size(),
-                 static_cast<int64_t>((static_cast<double>(STEP + AROUND + AHEAD) * LOOK_STEP_S +
+                 static_cast<int64_t>((static_cast<double>(BEFORE + STEP + AFTER) * LOOK_STEP_S +
                                        (options.live ? LIVE_SLACK_S : SLACK_S)) *
                                       rate_)) {
         search_.wide = false;
@@ -120,13 +119,13 @@ class WideDecoder::Engine {
             store_.append(slice, samples);
             if (slice + 1 < slices()) return;
             received_ += static_cast<int64_t>(samples.size());
-            while (look_times_.windows_in(0, store_.stored(0)) >= (begun_ + 1) * STEP + AHEAD) begin_step(false);
+            while (look_times_.windows_in(0, store_.stored(0)) >= (begun_ + 1) * STEP + AFTER) begin_step(false);
         };
     }
 
     // First sample that a step needs.
     int64_t first_of(int64_t step) const {
-        const int64_t first = std::max<int64_t>(0, step * STEP - AROUND);
+        const int64_t first = std::max<int64_t>(0, step * STEP - BEFORE);
         return look_times_.sample_of(first);
     }
 
@@ -238,18 +237,20 @@ class WideDecoder::Engine {
 
     std::vector<Found> decode_slice(Look& look, std::size_t slice, const Windows& own, int64_t stored, bool last,
                                     std::string& problem) const {
-        const int64_t first_window = std::max<int64_t>(0, own.first - AROUND);
+        const int64_t first_window = std::max<int64_t>(0, own.first - BEFORE);
         const int64_t first = look.sample_of(first_window);
-        const int64_t held = look.windows_in(first_window, stored - first);
-        const Windows block = {first_window,
-                               first_window + (last ? held : std::min(held, own.end + AHEAD - first_window))};
+        const int64_t end_window = first_window + look.windows_in(first_window, stored - first);
+        const Windows block = {std::max(first_window, own.first - LOOK_AROUND),
+                               last ? end_window : std::min(end_window, own.end + LOOK_AROUND + LOOK_RUN)};
         if (block.end <= own.first) return {};
         std::vector<std::complex<float>> samples(static_cast<std::size_t>(stored - first));
         store_.copy(slice, first, samples);
+        const auto looked_at = std::span<const std::complex<float>>(samples).subspan(
+            static_cast<std::size_t>(look.sample_of(block.first) - first));
 
         const auto& [center_hz, own_hz] = channeliser_.slices()[slice];
         const Range band = {own_hz.low - center_hz - BESIDE_HZ, own_hz.high - center_hz + BESIDE_HZ};
-        const auto keyed = look.find(samples, block, own, band, search_.scan_z);
+        const auto keyed = look.find(looked_at, block, own, band, search_.scan_z);
         std::vector<Found> all;
         for (const Keyed& key : keyed) {
             auto found = decode_around(key, samples, first, keyed.size());
@@ -266,13 +267,12 @@ class WideDecoder::Engine {
     // The frames around one find, in time and frequency; t counts from the beginning.
     std::optional<std::vector<Found>> decode_around(const Keyed& key, std::span<const std::complex<float>> samples,
                                                     int64_t first, std::size_t shares) const {
-        const double run_s = static_cast<double>(key.window) * LOOK_STEP_S;
-        const auto sample_at = [&](double seconds) {
-            const auto sample = static_cast<int64_t>(seconds * rate_) - first;
-            return static_cast<std::size_t>(std::clamp<int64_t>(sample, 0, std::ssize(samples)));
+        const auto sample_at = [&](int64_t window) {
+            return static_cast<std::size_t>(
+                std::clamp<int64_t>(look_times_.sample_of(window) - first, 0, std::ssize(samples)));
         };
-        const std::size_t begin = sample_at(run_s - BEFORE_S);
-        const auto part = samples.subspan(begin, sample_at(run_s + RUN_S + AFTER_S) - begin);
+        const std::size_t begin = sample_at(key.first_window - MARGIN);
+        const auto part = samples.subspan(begin, sample_at(key.last_window + LOOK_RUN + MARGIN) - begin);
         std::vector<double> i(part.size());
         std::vector<double> q(part.size());
         std::ranges::transform(part, i.begin(), [](const auto& sample) { return static_cast<double>(sample.real()); });

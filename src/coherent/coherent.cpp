@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "coherent/slice.h"
+#include "coherent/subtraction.h"
 #include "owners.h"
 
 using namespace coherent;
@@ -124,4 +125,14 @@ int32_t ov_add_coherent(const ov_block& block, const ov_params& params, const ov
         return n;
     }
     return n;
+}
+
+void ov_take_out(ov_baseband& baseband, const ov_spot& spot) {
+    const ov_protocol* const protocol = ov_protocol_by_id(static_cast<uint32_t>(spot.protocol));
+    if (protocol == nullptr || std::fabs(spot.freq - baseband.centre) > baseband.rate / 2) return;
+    std::vector<uint8_t> chips(static_cast<std::size_t>(protocol->chips()));
+    if (encode_frame(*protocol, spot.call, spot.locator, chips.data()) != 0) return;
+    coherent::take_out({baseband.samples, static_cast<std::size_t>(baseband.n)}, baseband.rate,
+                       static_cast<int32_t>(std::lround(OV_CHIP_SECONDS * baseband.rate)),
+                       {spot.t, spot.freq - baseband.centre, spot.drift}, chips);
 }

@@ -62,3 +62,7 @@ std::vector<ov_coherent_spot> ov_decode_coherent(const ov_block& block, const ov
 //   odds   of each spot, filled for those that are added
 int32_t ov_add_coherent(const ov_block& block, const ov_params& params, const ov_coherent& settings,
                         std::span<ov_spot> spots, std::span<double> odds, int32_t n) noexcept;
+
+// Takes the frame of a spot out of a baseband that holds it, as the coherent search does. Nothing happens where the
+// baseband does not reach, or when the spot is no frame.
+void ov_take_out(ov_baseband& baseband, const ov_spot& spot);

@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "coherent/acceptance.h"
+#include "coherent/coherent.h"
 #include "coherent/frames.h"
 #include "coherent/search.h"
 #include "coherent/subtraction.h"
@@ -68,11 +69,8 @@ class Slice {
           samples_(baseband.samples, baseband.samples + baseband.n) {}
 
     void take_out_spot(const ov_spot& spot) {
-        const ov_protocol* const protocol = ov_protocol_by_id(static_cast<uint32_t>(spot.protocol));
-        if (protocol == nullptr || std::fabs(spot.freq - centre_) > rate_ / 2) return;
-        std::vector<uint8_t> chips(static_cast<std::size_t>(protocol->chips()));
-        if (encode_frame(*protocol, spot.call, spot.locator, chips.data()) != 0) return;
-        remove({{spot.t, spot.freq - centre_, spot.drift}, std::move(chips)});
+        ov_baseband baseband{samples_.data(), static_cast<int32_t>(samples_.size()), rate_, centre_};
+        ov_take_out(baseband, spot);
     }
 
     std::vector<ov_coherent_spot> search(std::span<const Group> groups) {

@@ -194,7 +194,7 @@ TEST(Finds, BesideAFrameOnlyStationsAreAdded) {
     leak.contrast = neighbour.contrast = 2;
     Finds finds;
     finds.add(std::array{frame});
-    finds.add_beside({leak, neighbour});
+    finds.add_rest({leak, neighbour});
     const std::vector<Found> all = finds.in_order_of_time();
     ASSERT_EQ(all.size(), 2u);
     EXPECT_STREQ(all[0].call, "K1ABC");

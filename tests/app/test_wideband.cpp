@@ -387,8 +387,9 @@ TEST(LookForKeying, NeighbouringBlocksDoNotMissAFrameBetweenThem) {
         Look look(4000, 1790);
         int32_t finds = 0;
         for (const int64_t step : {0, 1}) {
-            const int64_t first = std::max<int64_t>(0, 560 * step - 239);
-            const int64_t end = std::min(560 * (step + 1) + 720, look.windows_in(0, std::ssize(slice)));
+            const int64_t first = std::max<int64_t>(0, 560 * step - LOOK_AROUND);
+            const int64_t end =
+                std::min(560 * (step + 1) + LOOK_AROUND + LOOK_RUN, look.windows_in(0, std::ssize(slice)));
             const auto from = static_cast<std::size_t>(look.sample_of(first));
             for (const Keyed& key : look.find(std::span(slice).subspan(from), {first, end},
                                               {560 * step, 560 * (step + 1)}, {-1750, 1750}, 6)) {
@@ -398,6 +399,23 @@ TEST(LookForKeying, NeighbouringBlocksDoNotMissAFrameBetweenThem) {
         EXPECT_GE(finds, 1) << start;
         EXPECT_LE(finds, start == 35.8 ? 2 : 1) << start;
     }
+}
+
+TEST(LookForKeying, AFindSpansTheRunsOfWhatIsKeyedBesideIt) {
+    Scene scene;
+    scene.rate = 4000;
+    scene.seconds = 80;
+    scene.stations.push_back({.chips = opera_chips("K2QRX"), .t_start = 20, .freq_hz = 300, .snr_db = -10});
+    scene.stations.push_back({.chips = opera_chips("M0QYF"), .t_start = 26, .freq_hz = 318, .snr_db = -15});
+    const auto slice = as_slice(render_iq(scene));
+    Look look(4000, 1790);
+    const int64_t windows = look.windows_in(0, std::ssize(slice));
+    const auto keyed = look.find(slice, {0, windows}, {0, windows}, {-1750, 1750}, 6);
+    ASSERT_EQ(keyed.size(), 1U);
+    EXPECT_NEAR(keyed[0].freq_hz, 300, 4);
+    EXPECT_NEAR(static_cast<double>(keyed[0].window) * LOOK_STEP_S, 20, 0.3);
+    EXPECT_NEAR(static_cast<double>(keyed[0].first_window) * LOOK_STEP_S, 20, 2);
+    EXPECT_NEAR(static_cast<double>(keyed[0].last_window) * LOOK_STEP_S, 26, 2);
 }
 
 TEST(LookForKeying, NoiseCarriersSilenceAndTooFewSamplesHoldNothing) {
@@ -521,6 +539,22 @@ TEST_F(WideBand, EveryFrameIsFoundOnceInOrderOfTime) {
         EXPECT_EQ(again[k].freq, found[k].freq);
         EXPECT_EQ(again[k].snr, found[k].snr);
     }
+}
+
+// The weaker one begins and ends seconds before or after the stronger one, whose run its decode lies around; and the
+// side bands of the stronger one reach into the search around the weaker one.
+TEST_F(WideBand, WeakerStationsOfAnyProtocolShowBesideStrongerOnes) {
+    std::vector<Sent> all;
+    Random random(21);
+    double freq = -14500;
+    for (const double apart : {12.0, 40.0}) {
+        for (const int32_t strong : {OVL_OPERA, OVL_ORVEL_S, OVL_ORVEL_L}) {
+            all.push_back({strong, random.callsign(), 7, freq, -10});
+            all.push_back({OVL_ORVEL_L, random.callsign(), strong == OVL_ORVEL_S ? 13.0 : 1.0, freq + apart, -16});
+            freq += 5000;
+        }
+    }
+    expect_all(decode(RATE, on_air(RATE, 60, 22, all), wide_search()), all);
 }
 
 TEST_F(WideBand, APartOfTheBandHoldsWhatLiesInIt) {
