@@ -364,7 +364,7 @@ TEST_F(Receivers, WrongOptionsAreWrongUsage) {
         {{"--receiver", "a=-", "--device", "1"}, {"--receiver", "--device"}},
         {{"--receiver", "a=rtl_tcp://x?freq=high"}, {"rtl_tcp://x", "'freq=high'"}},
         {{"--device", "rtl_tcp://"}, {"rtl_tcp://", "HOST"}},
-        {{"--iq"}, {"--iq", "--stdin"}},
+        {{"--iq", "--device", "rtl_tcp://x"}, {"--iq", "sound devices"}},
         {{"--stdin", "--iq", "--rate", "3200001"}, {"--rate", "8000 to 3200000"}},
         {{"--stdin", "--raw", "s12"}, {"--format", "'s12'"}},
         {{"--stdin", "--status"}, {"--status", "--json"}},

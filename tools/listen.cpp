@@ -220,12 +220,15 @@ std::vector<NamedSource> sources_of(const Options& options) {
     return sources;
 }
 
-// Some options are about standard input alone.
-void require_standard_input(const Options& options, const std::vector<NamedSource>& sources) {
-    if (std::ranges::find(sources, "-", &NamedSource::source) != sources.end()) return;
+// Some options are about standard input alone, or besides about sound devices.
+void require_what_options_are_about(const Options& options, const std::vector<NamedSource>& sources) {
+    const auto any = [&](auto kind) { return std::ranges::any_of(sources, kind, &NamedSource::source); };
+    if (options.iq && !any([](const std::string& source) { return source == "-" || is_sound_device(source); })) {
+        throw UsageError("--iq: is for standard input and sound devices; the other sources are always I/Q");
+    }
+    if (any([](const std::string& source) { return source == "-"; })) return;
     const char* const vain = options.sample_format    ? "--format"
                              : options.channels       ? "--channels"
-                             : options.iq             ? "--iq"
                              : !options.start.empty() ? "--start"
                                                       : nullptr;
     if (vain != nullptr) throw UsageError(std::string(vain) + ": is for standard input (--stdin)");
@@ -235,7 +238,7 @@ using Receivers = std::vector<std::unique_ptr<Receiver>>;
 
 Receivers open_receivers(const Options& options, const Search& search, Output& output) {
     const std::vector<NamedSource> sources = sources_of(options);
-    require_standard_input(options, sources);
+    require_what_options_are_about(options, sources);
     const auto start = start_of(options);
     const double status_s = interval_of("--status", options.status, options.json);
     const double spectrum_s = interval_of("--spectrum", options.spectrum, options.json);
@@ -247,7 +250,7 @@ Receivers open_receivers(const Options& options, const Search& search, Output& o
                                       .rate = options.rate,
                                       .keep_s = Listener::history_seconds(options.listener),
                                       .samples = samples,
-                                      .iq = options.iq && named.source == "-",
+                                      .iq = options.iq,
                                       .channels = options.channels.value_or(1)};
         ReceiverOptions receiver = {.name = named.name,
                                     .search = search,
@@ -356,7 +359,7 @@ void add_listen(CLI::App& app, int& status) {
         ->allow_extra_args(false)
         ->excludes(device)
         ->excludes(raw);
-    sub->add_flag("--iq", options->iq, "Standard input is I/Q: two channels, I and Q");
+    sub->add_flag("--iq", options->iq, "Standard input, or the sound device, is I/Q: two channels, I and Q");
     sub->add_option("--format,--raw", options->sample_format,
                     "Samples of standard input: s16 (16-bit) or float (32-bit), u8, s8, s24, s32, f64; with be behind "
                     "it the most significant byte first [s16]")

@@ -56,7 +56,7 @@ struct SourceOptions {
     double keep_s = 60;  // how long samples wait at least to be read
     // Of standard input:
     SampleFormat samples = {};
-    bool iq = false;
+    bool iq = false;       // two channels, I and Q; of a sound device, too
     int32_t channels = 1;  // of which the mean is taken; with I/Q two
 };
 
@@ -67,6 +67,9 @@ struct SourceOptions {
 //   soapy:driver=NAME?…          a receiver that SoapySDR knows, as soapy.h describes it
 // Throws UsageError or IoError. A server or receiver need not be there yet.
 std::unique_ptr<Source> open_source(const std::string& text, const SourceOptions& options);
+
+// Whether it stands for a sound device.
+bool is_sound_device(const std::string& text);
 
 // Whether a call into a device of this process hangs. Then only std::_Exit() ends it: at any other end the device is
 // waited for.

@@ -1,26 +1,28 @@
 // Sources of live samples, piece by piece.
 #include <gtest/gtest.h>
-
 #include <unistd.h>
+
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <memory>
+#include <numeric>
 #include <span>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "base/error.h"
 #include "base/interrupts.h"
 #include "sources/rtl_tcp.h"
+#include "sources/sample_ring.h"
 #include "sources/source.h"
 #include "sources/standard_input.h"
 #include "tcp_server.h"
 
 namespace {
-
-// ---- Raw samples ----------------------------------------------------------------------------------------------------
 
 // ---- Standard input -------------------------------------------------------------------------------------------------
 
@@ -104,6 +106,68 @@ TEST_F(RawSamples, OfSeveralChannelsTheMeanIsTaken) {
     ASSERT_EQ(piece.samples.size(), 2u);
     EXPECT_FLOAT_EQ(piece.samples[0], (-127.5f + 0.5f + 127.5f) / 128 / 3);
     EXPECT_FLOAT_EQ(piece.samples[1], (127.5f - 127.5f - 27.5f) / 128 / 3);
+}
+
+// ---- A ring ---------------------------------------------------------------------------------------------------------
+
+std::vector<float> counting(float first, std::size_t count) {
+    std::vector<float> samples(count);
+    std::iota(samples.begin(), samples.end(), first);
+    return samples;
+}
+
+TEST(TheRingOfSamples, HandsThemOutInOrderAcrossItsEnd) {
+    SampleRing ring(10);
+    std::vector<float> taken;
+    float next = 0;
+    for (const std::size_t count : {7U, 0U, 10U, 6U, 9U}) {
+        EXPECT_TRUE(ring.push(counting(next, count)));
+        EXPECT_EQ(ring.take(taken), 0u);
+        EXPECT_EQ(taken, counting(next, count));
+        next += static_cast<float>(count);
+    }
+}
+
+TEST(TheRingOfSamples, DropsWhatHasNoRoomAndAllBehindItUntilItIsEmpty) {
+    SampleRing ring(10);
+    std::vector<float> taken;
+    EXPECT_TRUE(ring.push(counting(0, 8)));
+    EXPECT_FALSE(ring.push(counting(8, 4)));
+    EXPECT_FALSE(ring.push(counting(12, 1))) << "though there is room for it";
+    EXPECT_EQ(ring.take(taken), 0u) << "the loss is behind them";
+    EXPECT_EQ(taken, counting(0, 8));
+    EXPECT_EQ(ring.take(taken), 0u);
+    EXPECT_TRUE(taken.empty());
+    EXPECT_TRUE(ring.push(counting(13, 3)));
+    EXPECT_EQ(ring.take(taken), 5u);
+    EXPECT_EQ(taken, counting(13, 3));
+    EXPECT_TRUE(ring.push(counting(16, 1)));
+    EXPECT_EQ(ring.take(taken), 0u) << "it is told once";
+}
+
+TEST(TheRingOfSamples, OfTwoThreadsAccountsForEverySample) {
+    constexpr int32_t ALL = 200000;
+    SampleRing ring(64);
+    std::atomic<bool> written = false;
+    std::thread writer([&] {
+        for (int32_t k = 0; k < ALL; k += 4) ring.push(counting(static_cast<float>(k), 4));
+        written = true;
+    });
+    std::vector<float> taken;
+    int64_t expected = 0;
+    bool right = true;
+    const auto take = [&] {
+        expected += static_cast<int64_t>(ring.take(taken));
+        for (const float sample : taken) right = right && sample == static_cast<float>(expected++);
+    };
+    while (!written) take();
+    writer.join();
+    take();
+    take();
+    EXPECT_TRUE(ring.push(counting(ALL, 4)));
+    take();
+    EXPECT_TRUE(right);
+    EXPECT_EQ(expected, ALL + 4);
 }
 
 // ---- Addresses of rtl_tcp -------------------------------------------------------------------------------------------
