@@ -411,6 +411,7 @@ TEST_F(OnAir, GapsAreReportedAndCountWhenStrict) {
         const std::string told = messages();  // a busy machine may add gaps of its own
         EXPECT_NE(told.find("orvel: the transmission has "), std::string::npos) << told;
         EXPECT_NE(told.find(": the output ran out of samples\n"), std::string::npos) << told;
+        EXPECT_EQ(told.find("ALSA"), std::string::npos) << "the sound system's own lines: " << told;
         EXPECT_TRUE(sender->read_rest(1).ends_with("  sent\n"));
     }
 }
