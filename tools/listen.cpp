@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cmath>
 #include <csignal>
-#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
@@ -332,10 +331,6 @@ int listen(const Options& options) {
     output.header(std::ranges::any_of(receivers, [](const auto& receiver) { return receiver->tuning().has_value(); }));
     const bool written = run(receivers, output);
     const bool failed = std::ranges::any_of(receivers, [](const auto& receiver) { return receiver->failed(); });
-    if (any_source_hangs()) {
-        flush_output();
-        std::_Exit(EXIT_FAILED);
-    }
     return written && !failed ? EXIT_DONE : EXIT_FAILED;
 }
 

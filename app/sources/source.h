@@ -61,7 +61,7 @@ struct SourceOptions {
 };
 
 // Opens the source that a text names:
-//   "", number or name           a sound device, as find_device() has it
+//   "", number or name           a sound device, as find_device() has it; also behind "device:"
 //   "-"                          standard input, raw
 //   rtl_tcp://HOST[:PORT]?…      a server, as rtl_tcp.h describes it
 //   soapy:driver=NAME?…          a receiver that SoapySDR knows, as soapy.h describes it
@@ -70,6 +70,9 @@ std::unique_ptr<Source> open_source(const std::string& text, const SourceOptions
 
 // Whether it stands for a sound device.
 bool is_sound_device(const std::string& text);
+
+// Whether it cannot be the name of a file: it begins as a live source does, with "device:" for a sound device.
+bool is_live_source(const std::string& text);
 
 // Whether a call into a device of this process hangs. Then only std::_Exit() ends it: at any other end the device is
 // waited for.
