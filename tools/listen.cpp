@@ -186,8 +186,13 @@ std::optional<RecorderOptions> recording_of(const Options& options) {
         recording.around_spots_s = duration_of("--around-spots", options.around_spots, 0);
         recording.file_s = SPOT_FILE_S;
     }
-    recording.file_s = duration_of("--record-length", options.record_length, recording.file_s);
     recording.keep_s = duration_of("--keep", options.keep, recording.keep_s);
+    recording.file_s =
+        duration_of("--record-length", options.record_length, std::min(recording.file_s, recording.keep_s / 2));
+    if (recording.keep_s < recording.file_s + Recorder::OVERLAP_S) {
+        throw UsageError(format("--keep: it must be more than one recording, %g s with its overlap",
+                                recording.file_s + Recorder::OVERLAP_S));
+    }
     return recording;
 }
 
@@ -400,7 +405,7 @@ void add_listen(CLI::App& app, int& status) {
     sub->add_option("--record-length", options->record_length, "Length of each recording [1h; with --around-spots 2m]")
         ->type_name("LENGTH")
         ->needs(record);
-    sub->add_option("--keep", options->keep, "Remove recordings that are older [24h]")
+    sub->add_option("--keep", options->keep, "Remove recordings that began longer ago [24h]")
         ->type_name("LENGTH")
         ->needs(record);
     sub->add_option("--around-spots", options->around_spots,
