@@ -351,4 +351,59 @@ TEST(AnRtlTcpServer, ThatIsNotThereIsWaitedFor) {
     EXPECT_TRUE(receive(*nowhere, 1, 0.5).samples.empty());
 }
 
+// Sends at a rate, a tenth of a second at a time.
+bool send_at(TcpServer::Connection& connection, int32_t rate, double seconds) {
+    const std::vector<uint8_t> tenth(static_cast<std::size_t>(rate / 5), 100);
+    const double begin = monotonic_now();
+    for (int32_t k = 1; k <= 10 * seconds; k++) {
+        if (!connection.send(tenth) || !connection.pause(std::max(begin + 0.1 * k - monotonic_now(), 0.0)))
+            return false;
+    }
+    return true;
+}
+
+TEST(RatesOfReceivers, AreKnownButForAHundredth) {
+    EXPECT_EQ(usual_rate(48200, 48000), 48000);
+    EXPECT_EQ(usual_rate(2047000, 48000), 2048000);
+    EXPECT_EQ(usual_rate(1999000, 48000), 2000000);
+    EXPECT_EQ(usual_rate(77700, 77000), 77000) << "what was asked for is usual";
+    EXPECT_FALSE(usual_rate(700000, 48000));
+    EXPECT_FALSE(usual_rate(0, 48000));
+}
+
+TEST(AnRtlTcpServer, ThatSendsAtAnotherRateIsFollowedThere) {
+    const TcpServer server([](TcpServer::Connection& connection, int32_t) { send_at(connection, 96000, 60); });
+    RtlTcp source(parse_rtl_tcp(server.address() + "?rate=48000"), {.name = "test"}, {.still_s = 10, .rate_s = 2});
+    Piece piece;
+    const double begin = monotonic_now();
+    auto state = Source::State::NONE_YET;
+    while (state != Source::State::BROKEN && monotonic_now() < begin + 30) {
+        EXPECT_EQ(source.format().rate, 48000);
+        state = source.read(piece);
+    }
+    ASSERT_EQ(state, Source::State::BROKEN);
+    EXPECT_TRUE(piece.samples.empty());
+    EXPECT_EQ(source.format().rate, 96000);
+    const double followed = monotonic_now();
+    while (monotonic_now() < followed + 3) EXPECT_NE(source.read(piece), Source::State::BROKEN);
+}
+
+// It says nothing for longer than is waited for, and then sends on to whoever may listen.
+TEST(AnRtlTcpServer, ThatStopsForLongIsCalledAgainAndWhatWasLostIsKnown) {
+    const std::vector<uint8_t> pairs(1000, 200);
+    const TcpServer server([&](TcpServer::Connection& connection, int32_t which) {
+        connection.send(bytes_of(HEADER));
+        connection.send(pairs);
+        connection.pause(which == 0 ? 2.5 : 0.6);
+        connection.send(pairs);
+    });
+    const double begin = monotonic_now();
+    RtlTcp source(parse_rtl_tcp(server.address()), {.name = "test"}, {.still_s = 0.5, .rate_s = 30});
+    const Came came = receive(source, 2 * pairs.size());
+    EXPECT_EQ(came.samples.size(), 2 * pairs.size());
+    ASSERT_EQ(came.losses.size(), 1u);
+    EXPECT_NEAR(came.losses[0], monotonic_now() - begin, 1);
+    EXPECT_GE(came.losses[0], 1.5) << "the half second that it is waited for, and one before it is called again";
+}
+
 }  // namespace
