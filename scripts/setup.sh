@@ -8,7 +8,7 @@ TEST_PACKAGES=(libgtest-dev sox ffmpeg libbenchmark-dev pulseaudio libasound2-pl
                libtomlplusplus-dev libsqlite3-dev libmosquitto-dev)
 # Of the tests labelled `heavy`.
 HEAVY_PACKAGES=(dpkg-dev fakeroot debhelper dh-python lintian pybuild-plugin-pyproject python3-all rtl-433
-                soapysdr-module-audio)
+                soapysdr-module-audio inspectrum)
 CHECK_PACKAGES=(clang libclang-rt-dev clang-format clang-tidy cppcheck mypy)
 
 # need_packages PACKAGE...: installs those that are missing. Asks no questions; when all are there it does nothing and

@@ -135,7 +135,7 @@ TEST(Layers, RoomsKnowOnlyTheRoomsBelowThem) {
         {"decoding", {"base", "spots"}},
         {"transmission", {"base"}},
         {"simulation", {"base"}},
-        {"recordings", {"base", "spots", "decoding", "wideband"}},
+        {"recordings", {"base", "spots", "decoding", "sources", "wideband"}},
         {"wideband", {"base", "spots", "decoding"}},
         {"sources", {"base"}},
         {"listening", {"base", "spots", "decoding", "sources", "wideband", "recordings"}},

@@ -5,6 +5,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -250,6 +251,58 @@ TEST_F(OnAirBehindALoss, APipeKeepsTheTime) {
     EXPECT_NEAR(*heard, begin + LOST_S + BEGIN_S, 0.1);
 }
 
+// A direct-conversion receiver: I on one channel, Q on the other, stations on both sides of its centre.
+TEST_F(OnAir, IqOfASoundDeviceIsHeardNarrowAndWideAndWithItsSigns) {
+    ASSERT_EQ(orvel({"simulate", "--iq", "--rate=48000", "orvel-s=K2QRX,freq=-8000,start=1",
+                     "orvel-s=G4QZB,freq=11000,start=1.5", "-o", path("iq.wav")})
+                  .status,
+              0);
+    const Arguments narrow = {"listen",     "--json",        "--receiver", "sdr=default", "--receiver", "audio=pulse",
+                              "--iq",       "--rate=48000",  "--center",   "-8000",       "--dial",     "7000000",
+                              "--every=15", "--status=1000", "--record",   path("kept")};
+    const auto listener = begin(narrow);
+    RunningProcess wide(orvel_arguments({"listen", "--json", "--iq", "--wide", "--rate=48000"}), surroundings());
+    sleep_s(3);
+    EXPECT_EQ(run_process({"/usr/bin/paplay", "--latency-msec=2000", path("iq.wav")}, surroundings()).status, 0);
+    sleep_s(0.5);
+    listener->send_signal(SIGINT);
+    wide.send_signal(SIGINT);
+
+    std::vector<std::string> heard;
+    for (const std::string& line : lines_of(listener->read_rest(20))) {
+        const auto spot = JsonValue::parse(line);
+        if (spot.at("type") == "status") {
+            EXPECT_EQ(spot.at("rate"), 48000.0);
+            EXPECT_GT(spot.at("captured_s").number(), 5);
+            continue;
+        }
+        heard.push_back(spot.at("receiver").text() + " " + spot.at("call").text());
+        EXPECT_NEAR(spot.at("freq_hz").number(), -8000, 0.5);
+        EXPECT_NEAR(spot.at("rf_hz").number(), 6992000, 0.5);
+    }
+    std::sort(heard.begin(), heard.end());
+    EXPECT_EQ(heard, (Arguments{"audio K2QRX", "sdr K2QRX"})) << messages();
+    EXPECT_EQ(end_of(*listener, 6), 0);
+    std::vector<std::pair<std::string, double>> in_the_band;
+    for (const std::string& line : lines_of(wide.read_rest(20))) {
+        const auto spot = JsonValue::parse(line);
+        in_the_band.emplace_back(spot.at("call").text(), std::round(spot.at("freq_hz").number()));
+    }
+    std::sort(in_the_band.begin(), in_the_band.end());
+    EXPECT_EQ(in_the_band, (std::vector<std::pair<std::string, double>>{{"G4QZB", 11000}, {"K2QRX", -8000}}));
+}
+
+TEST_F(OnAir, AStalledIqInputIsReopened) {
+    const auto listener = begin({"listen", "--json", "--iq", "--rate=96000", "--status=1"});
+    ASSERT_TRUE(listener->read_line(10));
+    server_->crash();
+    ASSERT_TRUE(says("orvel: no audio for 5 s, reopening the device\n", 12)) << messages();
+    server_->restart();
+    ASSERT_TRUE(says("orvel: audio is back\n", 20)) << messages();
+    listener->send_signal(SIGINT);
+    EXPECT_EQ(end_of(*listener, 6), 0) << messages();
+}
+
 TEST_F(OnAir, CtrlCPrintsWhatWasReceivedSinceTheLastDecode) {
     const auto listener = begin({"listen", "--json", "--every", "15", "--protocols", "opera"});
     sleep_s(3);
@@ -358,6 +411,7 @@ TEST_F(OnAir, GapsAreReportedAndCountWhenStrict) {
         const std::string told = messages();  // a busy machine may add gaps of its own
         EXPECT_NE(told.find("orvel: the transmission has "), std::string::npos) << told;
         EXPECT_NE(told.find(": the output ran out of samples\n"), std::string::npos) << told;
+        EXPECT_EQ(told.find("ALSA"), std::string::npos) << "the sound system's own lines: " << told;
         EXPECT_TRUE(sender->read_rest(1).ends_with("  sent\n"));
     }
 }

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <string>
@@ -320,6 +321,17 @@ TEST_F(Receivers, WhatIsRecordedDecodesToTheSameSpots) {
                                                  "other_20251230_000000.sigmf-data"}));
     const auto expected = lines_of(listened.out);
     ASSERT_EQ(expected.size(), 2u) << listened.out;
+    const auto annotated = [&](const std::string& name) {
+        std::ifstream file(path("kept/" + name));
+        std::string labels;
+        for (std::string line; std::getline(file, line);) {
+            if (line.find("core:label") != std::string::npos) labels += line;
+        }
+        return labels;
+    };
+    EXPECT_NE(annotated("orvel_20260101_000000.sigmf-meta").find("K2QRX"), std::string::npos);
+    EXPECT_NE(annotated("orvel_20260101_000100.sigmf-meta").find("G4QZB"), std::string::npos);
+    EXPECT_EQ(annotated("orvel_20260101_000200.sigmf-meta"), "");
     const Arguments files = {"orvel_20260101_000000.sigmf-meta", "orvel_20260101_000100.sigmf-meta"};
     for (std::size_t k = 0; k < 2; k++) {
         const JsonValue spot = JsonValue::parse(expected[k]);
@@ -364,7 +376,7 @@ TEST_F(Receivers, WrongOptionsAreWrongUsage) {
         {{"--receiver", "a=-", "--device", "1"}, {"--receiver", "--device"}},
         {{"--receiver", "a=rtl_tcp://x?freq=high"}, {"rtl_tcp://x", "'freq=high'"}},
         {{"--device", "rtl_tcp://"}, {"rtl_tcp://", "HOST"}},
-        {{"--iq"}, {"--iq", "--stdin"}},
+        {{"--iq", "--device", "rtl_tcp://x"}, {"--iq", "sound devices"}},
         {{"--stdin", "--iq", "--rate", "3200001"}, {"--rate", "8000 to 3200000"}},
         {{"--stdin", "--raw", "s12"}, {"--format", "'s12'"}},
         {{"--stdin", "--status"}, {"--status", "--json"}},
@@ -373,6 +385,7 @@ TEST_F(Receivers, WrongOptionsAreWrongUsage) {
         {{"--stdin", "--json", "--spectrum=0"}, {"--spectrum", "'0'"}},
         {{"--stdin", "--keep=1h"}, {"--keep", "--record"}},
         {{"--stdin", "--record=x", "--keep=soon"}, {"--keep", "'soon'"}},
+        {{"--stdin", "--record=x", "--keep=80s"}, {"--keep", "more than one recording"}},
         {{"--stdin", "--band=0:9"}, {"--band", "--wide"}},
         {{"--stdin", "--wide", "--provisional"}, {"--provisional", "--wide"}},
         {{"--stdin", "--sideband", "am"}, {"--sideband", "'am'"}},

@@ -22,6 +22,7 @@
 #include "recordings/decode_recording.h"
 #include "recordings/open_recording.h"
 #include "recordings/sigmf.h"
+#include "sources/source.h"
 #include "spots/spot_table.h"
 
 namespace {
@@ -98,7 +99,8 @@ class Printer {
 
     // The same for all files of a command.
     SpotColumns columns() const {
-        const bool some_know = std::ranges::any_of(options_.files, is_sigmf);
+        const bool some_know = std::ranges::any_of(
+            options_.files, [](const std::string& file) { return is_sigmf(file) || is_live_source(file); });
         return {some_know || !options_.start.empty(), some_know || options_.recording.tuning.dial_hz.has_value()};
     }
 
@@ -205,7 +207,8 @@ void add_decode(CLI::App& app, int& status) {
     const auto options = std::make_shared<Options>();
     sub->add_option("FILE", options->files,
                     "Recordings: WAV, FLAC, Ogg, AIFF, W64 and whatever else libsndfile reads, SigMF, bare samples; - "
-                    "is standard input")
+                    "is standard input; or a live source: device:NAME, rtl_tcp://HOST:PORT?freq=HZ&rate=HZ, "
+                    "soapy:driver=NAME")
         ->required();
     add_recording_options(*sub, options->recording);
     CLI::Option* wide =

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cmath>
 #include <csignal>
-#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
@@ -187,8 +186,13 @@ std::optional<RecorderOptions> recording_of(const Options& options) {
         recording.around_spots_s = duration_of("--around-spots", options.around_spots, 0);
         recording.file_s = SPOT_FILE_S;
     }
-    recording.file_s = duration_of("--record-length", options.record_length, recording.file_s);
     recording.keep_s = duration_of("--keep", options.keep, recording.keep_s);
+    recording.file_s =
+        duration_of("--record-length", options.record_length, std::min(recording.file_s, recording.keep_s / 2));
+    if (recording.keep_s < recording.file_s + Recorder::OVERLAP_S) {
+        throw UsageError(format("--keep: it must be more than one recording, %g s with its overlap",
+                                recording.file_s + Recorder::OVERLAP_S));
+    }
     return recording;
 }
 
@@ -220,12 +224,15 @@ std::vector<NamedSource> sources_of(const Options& options) {
     return sources;
 }
 
-// Some options are about standard input alone.
-void require_standard_input(const Options& options, const std::vector<NamedSource>& sources) {
-    if (std::ranges::find(sources, "-", &NamedSource::source) != sources.end()) return;
+// Some options are about standard input alone, or besides about sound devices.
+void require_what_options_are_about(const Options& options, const std::vector<NamedSource>& sources) {
+    const auto any = [&](auto kind) { return std::ranges::any_of(sources, kind, &NamedSource::source); };
+    if (options.iq && !any([](const std::string& source) { return source == "-" || is_sound_device(source); })) {
+        throw UsageError("--iq: is for standard input and sound devices; the other sources are always I/Q");
+    }
+    if (any([](const std::string& source) { return source == "-"; })) return;
     const char* const vain = options.sample_format    ? "--format"
                              : options.channels       ? "--channels"
-                             : options.iq             ? "--iq"
                              : !options.start.empty() ? "--start"
                                                       : nullptr;
     if (vain != nullptr) throw UsageError(std::string(vain) + ": is for standard input (--stdin)");
@@ -235,7 +242,7 @@ using Receivers = std::vector<std::unique_ptr<Receiver>>;
 
 Receivers open_receivers(const Options& options, const Search& search, Output& output) {
     const std::vector<NamedSource> sources = sources_of(options);
-    require_standard_input(options, sources);
+    require_what_options_are_about(options, sources);
     const auto start = start_of(options);
     const double status_s = interval_of("--status", options.status, options.json);
     const double spectrum_s = interval_of("--spectrum", options.spectrum, options.json);
@@ -247,7 +254,7 @@ Receivers open_receivers(const Options& options, const Search& search, Output& o
                                       .rate = options.rate,
                                       .keep_s = Listener::history_seconds(options.listener),
                                       .samples = samples,
-                                      .iq = options.iq && named.source == "-",
+                                      .iq = options.iq,
                                       .channels = options.channels.value_or(1)};
         ReceiverOptions receiver = {.name = named.name,
                                     .search = search,
@@ -329,10 +336,6 @@ int listen(const Options& options) {
     output.header(std::ranges::any_of(receivers, [](const auto& receiver) { return receiver->tuning().has_value(); }));
     const bool written = run(receivers, output);
     const bool failed = std::ranges::any_of(receivers, [](const auto& receiver) { return receiver->failed(); });
-    if (any_source_hangs()) {
-        flush_output();
-        std::_Exit(EXIT_FAILED);
-    }
     return written && !failed ? EXIT_DONE : EXIT_FAILED;
 }
 
@@ -356,7 +359,7 @@ void add_listen(CLI::App& app, int& status) {
         ->allow_extra_args(false)
         ->excludes(device)
         ->excludes(raw);
-    sub->add_flag("--iq", options->iq, "Standard input is I/Q: two channels, I and Q");
+    sub->add_flag("--iq", options->iq, "Standard input, or the sound device, is I/Q: two channels, I and Q");
     sub->add_option("--format,--raw", options->sample_format,
                     "Samples of standard input: s16 (16-bit) or float (32-bit), u8, s8, s24, s32, f64; with be behind "
                     "it the most significant byte first [s16]")
@@ -402,7 +405,7 @@ void add_listen(CLI::App& app, int& status) {
     sub->add_option("--record-length", options->record_length, "Length of each recording [1h; with --around-spots 2m]")
         ->type_name("LENGTH")
         ->needs(record);
-    sub->add_option("--keep", options->keep, "Remove recordings that are older [24h]")
+    sub->add_option("--keep", options->keep, "Remove recordings that began longer ago [24h]")
         ->type_name("LENGTH")
         ->needs(record);
     sub->add_option("--around-spots", options->around_spots,

@@ -5,6 +5,7 @@
 
 #include "base/error.h"
 #include "base/text.h"
+#include "base/utc.h"
 
 CLI::Validator finite_number() {
     return {[](const std::string& text) {
@@ -76,9 +77,17 @@ void add_recording_options(CLI::App& sub, RecordingOptions& options) {
            "The recordings are bare samples: u8 s8 s16 s24 s32 f32 f64, big endian with be behind it [by name: .cu8 "
            ".cs16 .cf32 .cfile are I/Q, .u8 .s16 .f32 are not]")
         ->type_name("FORMAT");
-    sub.add_option("--rate", options.raw_rate, "Sample rate of bare samples")
+    sub.add_option("--rate", options.raw_rate, "Sample rate of bare samples, or of a sound device")
         ->type_name("HZ")
         ->check(CLI::Range(uint32_t{1}, static_cast<uint32_t>(MOST_RAW_RATE)));
+    sub.add_option_function<std::string>(
+           "--for",
+           [&options](const std::string& text) {
+               options.most_s = parse_duration(text);
+               if (!options.most_s) throw UsageError("--for: '" + text + "' is not a length of time");
+           },
+           "Of a live source or a pipe, how much to take [to its end, or Ctrl-C]")
+        ->type_name("LENGTH");
     add_tuning_options(sub, options.tuning);
 }
 

@@ -2,6 +2,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <exception>
 #include <memory>
 #include <new>
@@ -17,6 +18,7 @@
 #include "exit_status.h"
 #include "help.h"
 #include "liborvel.h"
+#include "sources/source.h"
 #include "subcommands.h"
 
 namespace {
@@ -115,12 +117,17 @@ int main(int argc, char** argv) {
     // the end of the process.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
+    int status = EXIT_FAILED;
     try {
-        return run_command(argc, argv);
+        status = run_command(argc, argv);
     } catch (const std::bad_alloc&) {
         print_error("memory is short");
     } catch (const std::exception& error) {
         print_error(error.what());
     }
-    return EXIT_FAILED;
+    if (any_source_hangs()) {
+        flush_output();
+        std::_Exit(EXIT_FAILED);
+    }
+    return status;
 }

@@ -17,6 +17,8 @@
 #include "base/error.h"
 #include "base/progress.h"
 #include "base/text.h"
+#include "base/tuning.h"
+#include "base/utc.h"
 #include "exit_status.h"
 #include "options.h"
 #include "recordings/sigmf_writer.h"
@@ -27,6 +29,7 @@
 namespace {
 
 constexpr double TAIL_S = 2;  // after the last frame
+constexpr double DAY_S = 86400;
 constexpr double MOST_SECONDS = 7 * 86400;
 constexpr std::size_t MOST_STATIONS = 1000;
 
@@ -45,6 +48,8 @@ struct Options {
     std::vector<std::string> carriers;
     std::string impulses;
     std::string sample_format = "s16";
+    SaidTuning tuning;
+    std::string start;
 };
 
 std::string station_help() {
@@ -140,14 +145,26 @@ void write_truth(const std::string& path, const SimScene& scene) {
     throw IoError("cannot write '" + path + "': " + (errno != 0 ? std::strerror(errno) : "it takes no more"));
 }
 
-std::unique_ptr<SampleWriter> make_writer(const std::string& path, const SimScene& scene, bool s16) {
+// What SigMF says of the first sample.
+Take take_of(const Options& options) {
+    Take take;
+    take.tuning = options.tuning.over();
+    if (options.start.empty()) return take;
+    take.utc = parse_utc(options.start, utc_now() - DAY_S);  // a time of day is the latest such one
+    if (!take.utc) throw UsageError("--start: '" + options.start + "' is not a UTC time");
+    return take;
+}
+
+std::unique_ptr<SampleWriter> make_writer(const std::string& path, const SimScene& scene, bool s16, const Take& take) {
     if (!is_sigmf(path)) {
+        if (take.utc) throw UsageError("--start: only SigMF (--output) tells times");
+        if (take.tuning) throw UsageError("--dial: only SigMF (--output) tells frequencies");
         const SoundWriter::Format format = {container_of(path, s16), scene.rate, scene.iq ? 2 : 1, s16, scene.frames()};
         return std::make_unique<SoundWriter>(path, format);
     }
     const SigmfWriter::Format format = {scene.rate, scene.iq, s16, "Simulated stations"};
-    if (!lower_case(path).ends_with(".sigmf")) return std::make_unique<SigmfWriter>(path, format, Take{});
-    return std::make_unique<SigmfArchiveWriter>(path, format, Take{}, scene.frames());
+    if (!lower_case(path).ends_with(".sigmf")) return std::make_unique<SigmfWriter>(path, format, take);
+    return std::make_unique<SigmfArchiveWriter>(path, format, take, scene.frames());
 }
 
 int simulate(const Options& options) {
@@ -158,7 +175,7 @@ int simulate(const Options& options) {
                                   ? std::filesystem::path(options.output).replace_extension(".jsonl").string()
                                   : options.truth;
 
-    const auto writer = make_writer(options.output, scene, s16);
+    const auto writer = make_writer(options.output, scene, s16, take_of(options));
     SampleWriter& file = *writer;
     SceneSource source(scene);
     Progress progress("'" + options.output + "'", scene.seconds, std::nullopt);
@@ -202,6 +219,10 @@ void add_simulate(CLI::App& app, int& status) {
     sub->add_flag("--iq", options->iq, "Write I/Q: two channels; frequencies count from the centre of the band");
     sub->add_option("--format", options->sample_format, "Samples of the file: s16 (16-bit) or float [s16]")
         ->type_name("FORMAT");
+    sub->add_option("--start", options->start,
+                    "UTC time of the first sample, for SigMF: 12:00[:00] (the latest such) or 2026-03-01T12:00[:00]Z")
+        ->type_name("TIME");
+    add_tuning_options(*sub, options->tuning);
     sub->add_option("--seed", options->seed, "Seed of the random numbers: equal seeds give equal files [1]")
         ->type_name("N");
     sub->add_option("--noise", options->noise_db, "Rms of the noise in dB of full scale, -120 to 0 [-26]")

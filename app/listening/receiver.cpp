@@ -90,7 +90,7 @@ void Receiver::begin() {
         [this](const Found& found, Standing standing) {
             if (standing == Standing::CONFIRMED) {
                 spots_++;
-                if (recorder_) recorder_->mark(found.t, spot_end(found));
+                if (recorder_) recorder_->mark(spot_on_air(found));
             }
             takers_.spot(found, standing, tuning_);
         },
@@ -104,6 +104,12 @@ void Receiver::begin() {
     if (options_.status_s > 0 || options_.spectrum_s > 0) {
         spectrum_.emplace(format_.rate, format_.iq, band_of(options_.search, format_.rate));
     }
+}
+
+Spot Receiver::spot_on_air(const Found& found) const {
+    Spot spot = spot_of(found);
+    if (tuning_) spot.rf_hz = tuning_->rf_hz(spot.freq_hz);
+    return spot;
 }
 
 // Decodes what is left before a break.

@@ -71,6 +71,7 @@ class Receiver {
     void take(const Piece& piece);
     void fill(double seconds);
     void begin();
+    Spot spot_on_air(const Found& found) const;
     void end();
     void measure(const Piece& piece);
     void record(const Piece& piece);

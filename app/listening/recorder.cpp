@@ -13,8 +13,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr double OVERLAP_S = 45;  // more than the longest frame
 constexpr double FLUSH_S = 1;
+constexpr double RETRY_S = 10;     // after nothing could be written
+constexpr double CUT_S = 1;        // of a frame may be missing
 constexpr double VERDICT_S = 150;  // after its end a frame has been confirmed, whatever the options
 constexpr const char* DATA = ".sigmf-data";
 constexpr const char* META = ".sigmf-meta";
@@ -38,8 +39,10 @@ void remove_pair(const std::string& base) {
 struct Recorder::File {
     std::string base;
     double begin, end;  // of what it holds, UTC
+    int32_t rate;
     bool wanted;
-    std::unique_ptr<SigmfWriter> writer;  // while it is written
+    bool open;
+    std::unique_ptr<SigmfWriter> writer;
 };
 
 Recorder::Recorder(const RecorderOptions& options, Teller tell) : options_(options), tell_(std::move(tell)) {}
@@ -59,15 +62,13 @@ void Recorder::take(std::span<const float> samples, double utc, const SourceForm
     end_ = utc + static_cast<double>(samples.size()) / (format.iq ? 2 : 1) / format.rate;
     const bool flush = end_ >= flush_at_ || end_ < flush_at_ - 2 * FLUSH_S;
     for (File& file : files_) {
-        if (!file.writer) continue;
-        write(file, samples);
-        if (flush && file.writer && !file.writer->flush()) complain(file.writer->problem());
-        if (end_ >= file.begin + options_.file_s + OVERLAP_S) end(file);
+        if (file.open) write(file, samples, flush);
+        if (file.open && end_ >= file.begin + options_.file_s + OVERLAP_S) end(file);
     }
-    if (flush) {
-        flush_at_ = end_ + FLUSH_S;
-        clean_up(end_);
-    }
+    if (!flush) return;
+    flush_at_ = end_ + FLUSH_S;
+    clean_up(end_);
+    if (end_ >= expire_at_) expire(end_);
 }
 
 void Recorder::open(double utc, const SourceFormat& format, const std::optional<Tuning>& tuning) {
@@ -78,59 +79,83 @@ void Recorder::open(double utc, const SourceFormat& format, const std::optional<
     const std::string base = (fs::path(options_.directory) / (prefix() + stamp(utc))).string();
     auto writer = std::make_unique<SigmfWriter>(base + DATA, SigmfWriter::Format{format.rate, format.iq, true},
                                                 Take{0, utc, tuning});
-    if (!writer->problem().empty()) {
-        complain(writer->problem());
-        return;
-    }
-    files_.push_back({base, utc, utc, !options_.around_spots_s, std::move(writer)});
+    files_.push_back({base, utc, utc, format.rate, !options_.around_spots_s, true, std::move(writer)});
+    expire_at_ = std::min(expire_at_, utc + options_.keep_s);
+    if (!files_.back().writer->problem().empty()) fail(files_.back());
 }
 
-void Recorder::write(File& file, std::span<const float> samples) {
+void Recorder::write(File& file, std::span<const float> samples, bool flush) {
     file.end = end_;
-    if (file.writer->write(samples)) {
-        complaint_.clear();
-        return;
+    if (!file.writer->write(samples) || (flush && !file.writer->flush())) return fail(file);
+    if (flush && failing_ && file.end >= file.begin + RETRY_S) {
+        failing_ = false;
+        tell_("recorded again");
     }
+}
+
+// What was written so far is kept if that is enough to be of use; soon there may be room for more.
+void Recorder::fail(File& file) {
     complain(file.writer->problem());
+    next_file_at_ = std::min(next_file_at_, file.end + RETRY_S);
     end(file);
+    if (file.end < file.begin + RETRY_S) {
+        remove_pair(file.base);
+        file.wanted = true;  // there is nothing left to remove
+    }
 }
 
 void Recorder::end(File& file) {
-    if (!file.writer) return;
+    if (!std::exchange(file.open, false)) return;
     try {
-        std::exchange(file.writer, nullptr)->close();
+        file.writer->close();
     } catch (const IoError& error) {
         complain(error.what());
     }
 }
 
-void Recorder::mark(double start, double end) {
+void Recorder::mark(const Spot& spot) {
     const double around_s = options_.around_spots_s.value_or(0);
     for (File& file : files_) {
-        if (file.begin <= end + around_s && file.end >= start - around_s) file.wanted = true;
+        if (file.begin <= spot.end + around_s && file.end >= spot.start - around_s) file.wanted = true;
+        if (spot.start < file.begin - CUT_S || spot.end > file.end + CUT_S) continue;
+        Spot in_file = spot;
+        in_file.start -= file.begin;
+        in_file.end -= file.begin;
+        file.writer->annotate(annotation_of(in_file, file.rate, 0));
+        if (!file.open) file.writer->flush();
     }
 }
 
-// Files that no spot can ask for any more.
+// Files of which no spot can tell anything new.
 void Recorder::clean_up(double utc) {
     const double verdict_s = VERDICT_S + options_.around_spots_s.value_or(0);
     std::erase_if(files_, [&](const File& file) {
-        if (file.writer || (!file.wanted && file.end > utc - verdict_s)) return false;
+        if (file.open || file.end > utc - verdict_s) return false;
         if (!file.wanted) remove_pair(file.base);
         return true;
     });
 }
 
-// Files of this receiver, by their names, that are too old.
+// Removes the files of this receiver, by their names, that began too long ago.
 void Recorder::expire(double utc) {
+    expire_at_ = HUGE_VAL;
     std::error_code error;
     for (const auto& entry : fs::directory_iterator(options_.directory, error)) {
         const std::string name = entry.path().filename().string();
         if (!name.starts_with(prefix()) || !name.ends_with(DATA)) continue;
         const std::string rest = name.substr(prefix().size());
         const auto begin = utc_in_name(rest);
-        if (!begin || rest != stamp(*begin) + DATA || *begin + options_.file_s > utc - options_.keep_s) continue;
-        remove_pair(entry.path().string().substr(0, entry.path().string().size() - std::string(DATA).size()));
+        if (!begin || rest != stamp(*begin) + DATA) continue;
+        const std::string path = entry.path().string();
+        const std::string base = path.substr(0, path.size() - std::string(DATA).size());
+        const auto held = std::ranges::find(files_, base, &File::base);
+        if (held != files_.end() && held->open) continue;
+        if (*begin > utc - options_.keep_s) {
+            expire_at_ = std::min(expire_at_, *begin + options_.keep_s);
+            continue;
+        }
+        if (held != files_.end()) files_.erase(held);
+        remove_pair(base);
     }
 }
 
@@ -139,9 +164,9 @@ void Recorder::close() {
     clean_up(HUGE_VAL);
 }
 
-// Reports a problem once, until it is over.
+// Reports problems once, until they are over.
 void Recorder::complain(const std::string& text) {
-    if (std::exchange(complaint_, text) != text) tell_("not recorded: " + text);
+    if (!std::exchange(failing_, true)) tell_("not recorded: " + text);
 }
 
 std::string Recorder::prefix() const {

@@ -18,19 +18,20 @@
 #include "base/text.h"
 #include "iqread.h"
 #include "recordings/input_file.h"
+#include "recordings/live_recording.h"
+#include "recordings/piped_recording.h"
 #include "recordings/raw_recording.h"
 #include "recordings/sigmf.h"
+#include "sources/source.h"
 #include "wavread.h"
 
 namespace {
 
-// Why the file cannot be opened and read, or an empty text when it can. Pipes are recognised by their kind: opening one
-// would wait for its writer, and take from it what the next opening then misses.
+// Why the file cannot be opened and read, or an empty text when it can.
 std::string open_problem(const std::string& path) {
     std::error_code error;
     const auto kind = std::filesystem::status(path, error).type();
     if (kind == std::filesystem::file_type::directory) return "it is a directory";
-    if (kind == std::filesystem::file_type::fifo) return "it is a pipe, not a file";
     std::FILE* file = std::fopen(path.c_str(), "rb");
     if (!file) return std::strerror(errno);
     errno = 0;
@@ -220,6 +221,12 @@ RecordingPtr open_file(const std::string& path, const RecordingOptions& options)
 }  // namespace
 
 std::unique_ptr<Recording> open_recording(const std::string& path, const RecordingOptions& options) {
+    if (is_live_source(path) || is_pipe(path)) {
+        auto once = is_pipe(path) ? open_pipe(path, options) : open_live(path, options);
+        once->keep_all();
+        return once;
+    }
+    if (options.most_s) throw UsageError("--for: is for what comes live or through a pipe, '" + path + "' does not");
     auto recording = open_file(path, options);
     if (recording->rate() == 0) {
         throw IoError(

@@ -7,7 +7,7 @@
 #include "recordings/recording.h"
 
 // Opens a recording: bare samples where the options or the name say so, SigMF by its names; of the others the library's
-// own readers take what they can of small WAV files, libsndfile all the rest. Throws
-// IoError, whose text names the file and the reason, when it cannot be used. A reader's warnings become lines on
-// standard error.
+// own readers take what they can of small WAV files, libsndfile all the rest. What comes only once, through a pipe or
+// from a live source, is first kept on disk, up to its end. Throws IoError, whose text names the file and the reason,
+// when it cannot be used. A reader's warnings become lines on standard error.
 std::unique_ptr<Recording> open_recording(const std::string& path, const RecordingOptions& options);

@@ -150,12 +150,34 @@ PipedRecording::PipedRecording(const std::string& path, const RecordingOptions& 
 bool PipedRecording::read_on() {
     if (ended_) return false;
     ended_ = !receive(bytes_);
+    end_in_time();
     set_frames(first_ + static_cast<int64_t>(bytes_.size() / frame_bytes_));
     if (const std::size_t rest = bytes_.size() % frame_bytes_; ended_ && rest != 0) {
         print_error(format("'%s': %zu byte%s at the end, less than a sample, passed over", path_.c_str(), rest,
                            rest == 1 ? "" : "s"));
     }
     return !ended_;
+}
+
+void PipedRecording::end_in_time() {
+    if (!options_.most_s) return;
+    const auto most = static_cast<int64_t>(std::ceil(*options_.most_s * file_rate())) - first_;
+    if (static_cast<int64_t>(bytes_.size() / frame_bytes_) < most) return;
+    bytes_.resize(static_cast<std::size_t>(most) * frame_bytes_);
+    ended_ = true;
+}
+
+void PipedRecording::keep_all() {
+    spool_.emplace();
+    const auto store = [this] {
+        const std::size_t whole = bytes_.size() / frame_bytes_ * frame_bytes_;
+        spool_->append(std::span(bytes_).first(whole));
+        bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(whole));
+        first_ += static_cast<int64_t>(whole / frame_bytes_);
+    };
+    store();
+    while (read_on()) store();
+    store();
 }
 
 void PipedRecording::forget(double before_s) {
@@ -166,18 +188,33 @@ void PipedRecording::forget(double before_s) {
     first_ += dropped;
 }
 
+// As many of the frames from one on as are there, of so many at most.
+std::span<const uint8_t> PipedRecording::bytes_at(int64_t first, std::size_t count, std::vector<uint8_t>& room) const {
+    if (first >= first_) {
+        const auto bytes = std::span(bytes_);
+        const auto kept =
+            bytes.subspan(std::min(static_cast<std::size_t>(first - first_) * frame_bytes_, bytes.size()));
+        return kept.first(std::min(kept.size() / frame_bytes_, count) * frame_bytes_);
+    }
+    if (!spool_) return {};
+    room.resize(std::min(static_cast<std::size_t>(first_ - first), count) * frame_bytes_);
+    const std::size_t got = spool_->read_at(static_cast<uint64_t>(first) * frame_bytes_, room);
+    return std::span(room).first(got / frame_bytes_ * frame_bytes_);
+}
+
 void PipedRecording::read_frames(int64_t first, int64_t count, Stretch& out) {
     constexpr std::size_t PIECE = 1 << 12;  // frames
-    if (first < first_ || count <= 0) return;
-    auto bytes = std::span<const uint8_t>(bytes_).subspan(static_cast<std::size_t>(first - first_) * frame_bytes_);
-    bytes = bytes.first(std::min(bytes.size(), static_cast<std::size_t>(count) * frame_bytes_));
     std::vector<double> samples(PIECE * channels_);
-    while (bytes.size() >= frame_bytes_) {
-        const std::size_t frames = std::min(bytes.size() / frame_bytes_, PIECE);
+    std::vector<uint8_t> room;
+    while (count > 0) {
+        const auto bytes = bytes_at(first, std::min<std::size_t>(static_cast<std::size_t>(count), PIECE), room);
+        if (bytes.empty()) return;
+        const std::size_t frames = bytes.size() / frame_bytes_;
         const auto piece = std::span(samples).first(frames * channels_);
-        convert_samples(format_, bytes.first(frames * frame_bytes_), piece);
+        convert_samples(format_, bytes, piece);
         append(piece, channels_, out);
-        bytes = bytes.subspan(frames * frame_bytes_);
+        first += static_cast<int64_t>(frames);
+        count -= static_cast<int64_t>(frames);
     }
 }
 

@@ -4,10 +4,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "recordings/recording.h"
+#include "recordings/spool.h"
 
 // seconds() are those that came so far. Only read() may be called from any thread.
 class PipedRecording : public Recording {
@@ -20,6 +23,9 @@ class PipedRecording : public Recording {
     // Gives up what lies before a time, s from the first sample: reading there is no longer allowed.
     void forget(double before_s);
 
+    // Waits for all of it and keeps it on disk: from then on it is a recording like any other. Throws IoError.
+    void keep_all();
+
   protected:
     // The samples that are kept have this format, in frames of so many channels.
     PipedRecording(const std::string& path, const RecordingOptions& options, uint32_t rate, const SampleFormat& format,
@@ -30,6 +36,8 @@ class PipedRecording : public Recording {
 
   private:
     void read_frames(int64_t first, int64_t count, Stretch& out) override;
+    void end_in_time();
+    std::span<const uint8_t> bytes_at(int64_t first, std::size_t count, std::vector<uint8_t>& room) const;
 
     SampleFormat format_;
     std::size_t channels_;
@@ -37,6 +45,7 @@ class PipedRecording : public Recording {
     std::vector<uint8_t> bytes_;  // kept
     int64_t first_ = 0;           // frame that they begin with
     bool ended_ = false;
+    std::optional<Spool> spool_;  // of all before them
 };
 
 // Whether a path stands for what can be read only once: "-", standard input, or a named pipe.

@@ -75,6 +75,10 @@ Recording::Recording(std::string path, const RecordingOptions& options, uint32_t
     }
 }
 
+void Recording::set_take(const Take& take) {
+    takes_ = known_takes({take}, options_);
+}
+
 const Take& Recording::take_at(double at_s) const {
     const auto later = std::ranges::upper_bound(takes_, at_s, {}, &Take::begin_s);
     return later == takes_.begin() ? takes_.front() : *std::prev(later);

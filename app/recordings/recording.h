@@ -29,6 +29,7 @@ struct RecordingOptions {
     std::optional<SampleFormat> raw = {};   // the file is bare samples, whatever its name says
     std::optional<uint32_t> raw_rate = {};  // of bare samples, Hz
     std::optional<double> start_utc = {};   // of the first sample
+    std::optional<double> most_s = {};      // to take of what comes live or through a pipe
     SaidTuning tuning = {};                 // of the receiver
 };
 
@@ -72,8 +73,9 @@ class Recording {
     // Appends frames [first, first + count) to x and q; fewer when the file ends before. One thread at a time.
     virtual void read_frames(int64_t first, int64_t count, Stretch& out) = 0;
 
-    // Of a recording whose length is not known from the start.
+    // Of a recording whose length and time are not known from the start.
     void set_frames(int64_t frames) { frames_ = frames; }
+    void set_take(const Take& take);
 
     // Appends whole frames of so many channels as the options ask.
     void append(std::span<const double> samples, std::size_t channels, Stretch& out) const;

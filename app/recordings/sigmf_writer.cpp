@@ -94,7 +94,8 @@ void SigmfWriter::annotate(const SigmfAnnotation& annotation) {
 bool SigmfWriter::flush() {
     if (!problem_.empty()) return false;
     errno = 0;
-    if (std::fflush(data_.get()) != 0) problem_ = "cannot write '" + base_ + ".sigmf-data': " + std::strerror(errno);
+    if (data_ && std::fflush(data_.get()) != 0)
+        problem_ = "cannot write '" + base_ + ".sigmf-data': " + std::strerror(errno);
     if (problem_.empty() && metadata_old_) write_metadata();
     return problem_.empty();
 }

@@ -32,7 +32,7 @@ class SigmfWriter final : public SampleWriter {
     // What is known of the next sample: after a gap its time, after tuning its frequency. False as for write().
     bool begin_take(const std::optional<double>& utc, const std::optional<Tuning>& tuning);
 
-    // Marks samples, which count from the first. Written with the next take or flush.
+    // Marks samples, which count from the first. Written with the next take or flush, also one after close().
     void annotate(const SigmfAnnotation& annotation);
 
     // Brings what was written so far to the disk's file system. False as for write().

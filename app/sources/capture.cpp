@@ -1,7 +1,7 @@
 #include "sources/capture.h"
 
+#include <exception>
 #include <mutex>
-#include <utility>
 
 #include "base/text.h"
 #include "sources/source.h"
@@ -19,37 +19,31 @@ std::mutex sound_lock;
 
 }  // namespace
 
-Capture::Capture(ovl_audio* audio, int32_t device, int32_t rate, double ring_s, std::string name)
-    : audio_(audio), device_(device), rate_(rate), ring_s_(ring_s), name_(std::move(name)) {}
-
 void Capture::open() {
     const std::lock_guard guard(sound_lock);
-    if (ovl_audio_start_input(audio_, device_, rate_, ring_s_) != 0) throw IoError(ovl_audio_last_error(audio_));
+    stream_.open();
 }
 
-Capture::State Capture::watch(ovl_audio_stats& stats) {
+Capture::State Capture::watch() {
     const double now = monotonic_now();
-    State state = State::RUNNING;
     if (reopening_) {
         if (!reopening_->done()) {
             if (now > retry_at_ + STUCK_S) throw DeviceHangs("the input device does not answer");
             return State::OPENING;
         }
-        if (!*opened_) {
-            const std::string reason = ovl_audio_last_error(audio_);
-            if (std::exchange(reason_, reason) != reason) tell(name_, reason);
+        if (!problem_->empty()) {
+            if (std::exchange(reason_, *problem_) != *problem_) tell(name_, *problem_);
             if (now >= retry_at_) reopen();
             return State::OPENING;
         }
         reason_.clear();
         reopening_.reset();
-        state = State::RESTARTED;
         progress_at_ = now;
         seen_s_ = 0;
     }
-    ovl_audio_input_stats(audio_, &stats);
-    if (stats.captured_s != seen_s_) {
-        seen_s_ = stats.captured_s;
+    const double captured_s = stream_.stats().captured_s;
+    if (captured_s != seen_s_) {
+        seen_s_ = captured_s;
         progress_at_ = now;
         if (std::exchange(stalled_, false)) tell(name_, "audio is back");
     }
@@ -59,32 +53,36 @@ Capture::State Capture::watch(ovl_audio_stats& stats) {
         }
         return State::STALLED;
     }
-    return state;
+    return State::RUNNING;
 }
 
 void Capture::reopen() {
     retry_at_ = monotonic_now() + RETRY_S;
-    opened_ = std::make_shared<std::atomic<bool>>(false);
-    reopening_ = Background([audio = audio_, device = device_, rate = rate_, ring_s = ring_s_, opened = opened_] {
+    problem_ = std::make_shared<std::string>();
+    reopening_ = Background([&stream = stream_, problem = problem_] {
         const std::lock_guard guard(sound_lock);
-        *opened = ovl_audio_start_input(audio, device, rate, ring_s) == 0;
+        try {
+            stream.open();
+        } catch (const std::exception& error) {
+            *problem = error.what();
+        }
     });
 }
 
 void Capture::close() {
     const bool idle = !reopening_ || reopening_->wait(CLOSE_S);
-    if (idle && Background([audio = audio_] {
+    if (idle && Background([&stream = stream_] {
                     const std::lock_guard guard(sound_lock);
-                    ovl_audio_stop_input(audio);
+                    stream.close();
                 }).wait(CLOSE_S))
         return;
     throw DeviceHangs("the input device does not close");
 }
 
-void OverflowReport::see(const ovl_audio_stats& stats, double now) {
-    if (stats.overflows < reported_) reported_ = 0;  // capture has restarted
-    if (stats.overflows == reported_ || now - reported_at_ < COMPLAIN_S) return;
-    tell(name_, format("input was lost (%d more times)", stats.overflows - reported_));
-    reported_ = stats.overflows;
+void LossReport::see(int32_t losses, double now) {
+    if (losses < reported_) reported_ = 0;  // capture has restarted
+    if (losses == reported_ || now - reported_at_ < COMPLAIN_S) return;
+    tell(name_, format("input was lost (%d more times)", losses - reported_));
+    reported_ = losses;
     reported_at_ = now;
 }

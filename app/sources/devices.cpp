@@ -1,5 +1,7 @@
 #include "sources/devices.h"
 
+#include <dlfcn.h>
+
 #include <algorithm>
 #include <charconv>
 #include <new>
@@ -16,6 +18,18 @@ std::optional<int32_t> parse_number(const std::string& text) {
     return error == std::errc() && end == text.data() + text.size() ? std::optional(number) : std::nullopt;
 }
 
+void ignore_alsa(const char*, int, const char*, int, const char*, ...) {}
+
+// ALSA prints a line for every stream that is late. Gaps and losses are reported by those who stream, in their words.
+void quiet_alsa() {
+    using Handler = decltype(&ignore_alsa);
+    void* const alsa = dlopen("libasound.so.2", RTLD_LAZY | RTLD_NOLOAD);
+    if (alsa == nullptr) return;
+    const auto set_handler = reinterpret_cast<int (*)(Handler)>(dlsym(alsa, "snd_lib_error_set_handler"));
+    if (set_handler != nullptr) set_handler(ignore_alsa);
+    dlclose(alsa);
+}
+
 }  // namespace
 
 AudioObject make_audio() {
@@ -26,6 +40,7 @@ AudioObject make_audio() {
 
 std::vector<ovl_audio_device> list_devices() {
     std::vector<ovl_audio_device> devices;
+    quiet_alsa();
     const int32_t count = ovl_audio_device_count();
     for (int32_t i = 0; i < count; i++) {
         ovl_audio_device device{};

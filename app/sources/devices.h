@@ -16,7 +16,7 @@ using AudioObject = std::unique_ptr<ovl_audio, DestroyAudio>;
 // An audio object, never null.
 AudioObject make_audio();
 
-// All sound devices, by their number. What the sound systems print while they are enumerated is suppressed.
+// All sound devices, by their number. What the sound systems print meanwhile, and ALSA from then on, is suppressed.
 std::vector<ovl_audio_device> list_devices();
 
 enum class Direction { INPUT, OUTPUT };

@@ -23,11 +23,14 @@ namespace {
 
 constexpr double READ_S = 0.2;       // a read waits at most
 constexpr double CONNECT_S = 10;     // a connection takes at most
-constexpr double STILL_S = 10;       // without a sample: the server stands still
 constexpr double MOST_WAIT_S = 60;   // between attempts
 constexpr double SETTLED_S = 10;     // of samples make a connection a good one
-constexpr double RATE_FROM_S = 30;   // of samples tell their rate
-constexpr double RATE_ERROR = 0.02;  // no clock is so far out: it is another rate
+constexpr double RATE_ERROR = 0.01;  // what comes late or early may make of a rate
+
+// What receivers are run at, by nature or by habit, Hz.
+constexpr std::array USUAL_RATES = {48000,   96000,   192000,  250000,  256000,  300000,  900001,  960000,
+                                    1000000, 1024000, 1200000, 1400000, 1536000, 1600000, 1800000, 1920000,
+                                    2000000, 2048000, 2400000, 2560000, 2800000, 2880000, 3000000, 3200000};
 constexpr std::size_t READ_BYTES = 1 << 18;
 
 constexpr std::size_t HEADER_BYTES = 12;
@@ -224,13 +227,20 @@ class RtlTcp::Link {
     bool connected_ = false;
 };
 
-RtlTcp::RtlTcp(const RtlTcpAddress& address, const SourceOptions& options)
-    : address_(address), name_(options.name), bytes_(READ_BYTES) {}
+std::optional<int32_t> usual_rate(double measured, int32_t asked) {
+    const auto error = [measured](int32_t rate) { return std::fabs(measured / rate - 1); };
+    if (error(asked) < RATE_ERROR) return asked;
+    const int32_t nearest = *std::ranges::min_element(USUAL_RATES, {}, error);
+    return error(nearest) < RATE_ERROR ? std::optional(nearest) : std::nullopt;
+}
+
+RtlTcp::RtlTcp(const RtlTcpAddress& address, const SourceOptions& options, const RtlTcpLimits& limits)
+    : address_(address), limits_(limits), rate_(address.tuner.rate), name_(options.name), bytes_(READ_BYTES) {}
 
 RtlTcp::~RtlTcp() = default;
 
 SourceFormat RtlTcp::format() const {
-    SourceFormat format{.iq = true, .rate = address_.tuner.rate, .tuning = {}};
+    SourceFormat format{.iq = true, .rate = rate_, .tuning = {}};
     if (address_.tuner.freq_hz) format.tuning = Tuning{.dial_hz = *address_.tuner.freq_hz};
     return format;
 }
@@ -254,7 +264,7 @@ void RtlTcp::connect_in_time() {
     link_ = std::make_unique<Link>(address_);
     stream_ = {};
     connected_at_ = 0;
-    pairs_ = 0;
+    wrong_.reset();
     rate_told_ = false;
 }
 
@@ -263,20 +273,24 @@ Source::State RtlTcp::read_link(Piece& piece) {
     const double now = monotonic_now();
     stream_.push(std::span(bytes_).first(got), piece.samples);
     if (piece.samples.empty()) {
-        if (now > std::max(connected_at_ > 0 ? came_at_ : 0, link_->since()) + STILL_S)
+        if (now > std::max(connected_at_ > 0 ? came_at_ : 0, link_->since()) + limits_.still_s) {
             throw IoError("no samples come");
+        }
         return State::NONE_YET;
     }
     if (connected_at_ == 0) {
         connected_at_ = now;
+        counted_from_ = now;
+        pairs_ = -std::ssize(piece.samples) / 2;  // they may have waited
         if (!std::exchange(complaint_, "").empty()) tell(name_, address_.text() + " is back");
         if (came_at_ > 0) piece.lost_s = now - came_at_;
     }
     came_at_ = now;
     pairs_ += std::ssize(piece.samples) / 2;
     if (now > connected_at_ + SETTLED_S) wait_s_ = 1;
-    watch_rate(now);
-    return State::SAMPLES;
+    if (!watch_rate(now)) return State::SAMPLES;
+    piece = {};
+    return State::BROKEN;
 }
 
 void RtlTcp::give_up_link(const std::string& reason) {
@@ -288,13 +302,22 @@ void RtlTcp::give_up_link(const std::string& reason) {
     wait_s_ = std::min(2 * wait_s_, MOST_WAIT_S);
 }
 
-// A server that cannot do the rate that it was asked for sends another without a word.
-void RtlTcp::watch_rate(double now) {
-    const double seconds = now - connected_at_;
-    if (rate_told_ || seconds < RATE_FROM_S) return;
-    const double rate = static_cast<double>(pairs_) / seconds;
-    if (std::fabs(rate / address_.tuner.rate - 1) < RATE_ERROR) return;
-    rate_told_ = true;
-    tell(name_, ::format("%s sends %.0f samples a second, not %d: nothing will be decoded", address_.text().c_str(),
-                         rate, address_.tuner.rate));
+// A server that cannot do the rate that it was asked for sends another without a word. True when it is another from now
+// on: one that was counted twice, lest a loss pass for one.
+bool RtlTcp::watch_rate(double now) {
+    const double seconds = now - counted_from_;
+    if (seconds < limits_.rate_s) return false;
+    const double measured = static_cast<double>(pairs_) / seconds;
+    counted_from_ = now;
+    pairs_ = 0;
+    const int32_t rate = usual_rate(measured, address_.tuner.rate).value_or(0);
+    const auto before = std::exchange(wrong_, rate != rate_ ? std::optional(rate) : std::nullopt);
+    if (!wrong_ || wrong_ != before || (rate == 0 && std::exchange(rate_told_, true))) return false;
+    const std::string verdict = rate != 0 ? ::format("taken for %d", rate) : "nothing will be decoded";
+    tell(name_, ::format("%s sends %.0f samples a second, not %d: %s", address_.text().c_str(), measured, rate_,
+                         verdict.c_str()));
+    if (rate == 0) return false;
+    rate_ = rate;
+    wrong_.reset();
+    return true;
 }

@@ -46,11 +46,20 @@ class RtlTcpStream {
     std::optional<uint8_t> half_;  // I of a pair whose Q has not come
 };
 
+// How long a server is watched.
+struct RtlTcpLimits {
+    double still_s = 10;  // without a sample: it stands still
+    double rate_s = 30;   // twice of samples tell their rate
+};
+
+// The usual rate that a measured one is, but for the inexactness of the measurement; `asked` is as good as any of them.
+std::optional<int32_t> usual_rate(double measured, int32_t asked);
+
 // Connects, and connects again after growing waits whenever the server is gone, refuses or stands still; what was lost
-// meanwhile is known.
+// meanwhile is known. A server that sends at another usual rate than it was asked for is followed there.
 class RtlTcp final : public Source {
   public:
-    RtlTcp(const RtlTcpAddress& address, const SourceOptions& options);
+    RtlTcp(const RtlTcpAddress& address, const SourceOptions& options, const RtlTcpLimits& limits = {});
     ~RtlTcp() override;
 
     State read(Piece& piece) override;
@@ -61,9 +70,11 @@ class RtlTcp final : public Source {
     State read_link(Piece& piece);
     void connect_in_time();
     void give_up_link(const std::string& reason);
-    void watch_rate(double now);
+    bool watch_rate(double now);
 
     RtlTcpAddress address_;
+    RtlTcpLimits limits_;
+    int32_t rate_;
     std::string name_;
     std::unique_ptr<Link> link_;  // while connected, or on the way
     RtlTcpStream stream_;
@@ -72,7 +83,9 @@ class RtlTcp final : public Source {
     double retry_at_ = 0;
     double came_at_ = 0;       // the last samples, ever; 0 before the first
     double connected_at_ = 0;  // their first of this connection
-    int64_t pairs_ = 0;        // of this connection
+    double counted_from_ = 0;
+    int64_t pairs_ = 0;             // since then
+    std::optional<int32_t> wrong_;  // rate counted last, when it is not the one that was to be; 0 = no usual one
     bool rate_told_ = false;
     std::vector<uint8_t> bytes_;
 };

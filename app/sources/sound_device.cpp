@@ -1,28 +1,28 @@
-// The library's capture ring is read as a queue: its count of captured samples says how many of its newest are new.
 #include "sources/sound_device.h"
 
 #include <algorithm>
-#include <cmath>
 
 #include "base/error.h"
 #include "base/interrupts.h"
 #include "base/utc.h"
+#include "sources/devices.h"
 
 namespace {
 
 constexpr double POLL_S = 0.05;
+constexpr double MOST_IQ_S = 20;  // that wait: longer than any decode, and 30 MB at 192 kHz
 
-int64_t captured_samples(const ovl_audio_stats& stats) {
-    return std::llround(stats.captured_s * stats.rate);
+std::unique_ptr<SoundStream> make_stream(const std::string& text, const SourceOptions& options) {
+    const int32_t device = find_device(text, Direction::INPUT);
+    const int32_t rate = options.rate.value_or(0);
+    return options.iq ? make_iq_stream(device, rate, std::min(options.keep_s, MOST_IQ_S))
+                      : make_audio_stream(device, rate, options.keep_s);
 }
 
 }  // namespace
 
 SoundDevice::SoundDevice(const std::string& text, const SourceOptions& options)
-    : audio_(make_audio()),
-      capture_(audio_.get(), find_device(text, Direction::INPUT), options.rate.value_or(0), options.keep_s,
-               options.name),
-      overflows_(options.name) {
+    : iq_(options.iq), stream_(make_stream(text, options)), capture_(*stream_, options.name), losses_(options.name) {
     capture_.open();
 }
 
@@ -36,10 +36,9 @@ SoundDevice::~SoundDevice() {
 Source::State SoundDevice::read(Piece& piece) {
     piece = {};
     nap(POLL_S);
-    ovl_audio_stats stats{};
     Capture::State state = Capture::State::RUNNING;
     try {
-        state = capture_.watch(stats);
+        state = capture_.watch();
     } catch (const DeviceHangs&) {
         give_up();
         throw;
@@ -49,33 +48,13 @@ Source::State SoundDevice::read(Piece& piece) {
         return State::BROKEN;
     }
     if (state == Capture::State::OPENING) return State::NONE_YET;
-    if (state == Capture::State::RESTARTED) taken_ = 0;
-    overflows_.see(stats, utc_now());
-    take_new(stats, piece);
+    losses_.see(stream_->stats().losses, utc_now());
+    stream_->take(piece);
     return piece.samples.empty() ? State::NONE_YET : State::SAMPLES;
 }
 
-// A buffer may arrive while the ring is copied: then what was copied ends later than `stats` say.
-void SoundDevice::take_new(const ovl_audio_stats& stats, Piece& piece) {
-    ovl_audio_stats after = stats;
-    int64_t captured = 0;
-    do {
-        captured = captured_samples(after);
-        piece.samples.resize(static_cast<std::size_t>(std::max<int64_t>(captured - taken_, 0)));
-        const auto wanted = static_cast<int32_t>(std::min<std::size_t>(piece.samples.size(), INT32_MAX));
-        piece.samples.resize(
-            static_cast<std::size_t>(std::max(ovl_audio_last(audio_.get(), piece.samples.data(), wanted), 0)));
-        ovl_audio_input_stats(audio_.get(), &after);
-    } while (captured_samples(after) != captured);
-    const auto missing = static_cast<double>(captured - taken_ - std::ssize(piece.samples));
-    piece.lost_s = stats.rate > 0 ? std::max(missing, 0.0) / stats.rate : 0;
-    taken_ = captured;
-}
-
 SourceFormat SoundDevice::format() const {
-    ovl_audio_stats stats{};
-    ovl_audio_input_stats(audio_.get(), &stats);
-    return {.iq = false, .rate = stats.rate, .tuning = {}};
+    return {.iq = iq_, .rate = stream_->stats().rate, .tuning = {}};
 }
 
 void SoundDevice::close() {
@@ -92,5 +71,5 @@ void SoundDevice::close() {
 void SoundDevice::give_up() {
     closed_ = true;
     note_hang();
-    (void)audio_.release();  // the call that hangs may still use it
+    (void)stream_.release();  // the call that hangs may still use it
 }

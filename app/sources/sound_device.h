@@ -2,15 +2,15 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
-#include <vector>
 
 #include "sources/capture.h"
-#include "sources/devices.h"
+#include "sources/sound_stream.h"
 #include "sources/source.h"
 
-// The samples are mono, at the rate to which the library brings those of the device. One that stalls is reopened; one
-// that hangs is given up, and what it holds is never freed.
+// Mono, or with I/Q two channels. A device that stalls is reopened; one that hangs is given up, and what it holds is
+// never freed.
 class SoundDevice final : public Source {
   public:
     // `text` as find_device() takes it. Throws UsageError or IoError.
@@ -22,12 +22,11 @@ class SoundDevice final : public Source {
     void close() override;
 
   private:
-    void take_new(const ovl_audio_stats& stats, Piece& piece);
     void give_up();
 
-    AudioObject audio_;
+    bool iq_;
+    std::unique_ptr<SoundStream> stream_;
     Capture capture_;
-    OverflowReport overflows_;
-    int64_t taken_ = 0;  // samples of the stream
+    LossReport losses_;
     bool closed_ = false;
 };

@@ -4,7 +4,6 @@
 #include <string_view>
 
 #include "base/console.h"
-#include "base/error.h"
 #include "sources/rtl_tcp.h"
 #include "sources/soapy.h"
 #include "sources/sound_device.h"
@@ -12,6 +11,7 @@
 
 namespace {
 
+constexpr std::string_view DEVICE = "device:";
 constexpr std::string_view RTL_TCP = "rtl_tcp://";
 constexpr std::string_view SOAPY = "soapy:";
 
@@ -25,11 +25,15 @@ std::unique_ptr<Source> open_source(const std::string& text, const SourceOptions
         return std::make_unique<RtlTcp>(parse_rtl_tcp(text.substr(RTL_TCP.size())), options);
     }
     if (text.starts_with(SOAPY)) return std::make_unique<SoapyReceiver>(text.substr(SOAPY.size()), options);
-    if (options.iq) {
-        throw UsageError(
-            "--iq: a sound device is captured as one channel; let 'arecord' or 'sox' record both into --stdin");
-    }
-    return std::make_unique<SoundDevice>(text, options);
+    return std::make_unique<SoundDevice>(text.starts_with(DEVICE) ? text.substr(DEVICE.size()) : text, options);
+}
+
+bool is_sound_device(const std::string& text) {
+    return text != "-" && !text.starts_with(RTL_TCP) && !text.starts_with(SOAPY);
+}
+
+bool is_live_source(const std::string& text) {
+    return text.starts_with(DEVICE) || text.starts_with(RTL_TCP) || text.starts_with(SOAPY);
 }
 
 bool any_source_hangs() {

@@ -56,17 +56,23 @@ struct SourceOptions {
     double keep_s = 60;  // how long samples wait at least to be read
     // Of standard input:
     SampleFormat samples = {};
-    bool iq = false;
+    bool iq = false;       // two channels, I and Q; of a sound device, too
     int32_t channels = 1;  // of which the mean is taken; with I/Q two
 };
 
 // Opens the source that a text names:
-//   "", number or name           a sound device, as find_device() has it
+//   "", number or name           a sound device, as find_device() has it; also behind "device:"
 //   "-"                          standard input, raw
 //   rtl_tcp://HOST[:PORT]?…      a server, as rtl_tcp.h describes it
 //   soapy:driver=NAME?…          a receiver that SoapySDR knows, as soapy.h describes it
 // Throws UsageError or IoError. A server or receiver need not be there yet.
 std::unique_ptr<Source> open_source(const std::string& text, const SourceOptions& options);
+
+// Whether it stands for a sound device.
+bool is_sound_device(const std::string& text);
+
+// Whether it cannot be the name of a file: it begins as a live source does, with "device:" for a sound device.
+bool is_live_source(const std::string& text);
 
 // Whether a call into a device of this process hangs. Then only std::_Exit() ends it: at any other end the device is
 // waited for.

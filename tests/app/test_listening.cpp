@@ -1,10 +1,16 @@
 // Listening, piece by piece: overlapping decodes, the clock of captured samples.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <cmath>
 #include <complex>
+#include <csignal>
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
 #include <memory>
 #include <numbers>
 #include <optional>
@@ -15,15 +21,18 @@
 #include <utility>
 #include <vector>
 
+#include "base/utc.h"
 #include "listening/clock_check.h"
 #include "listening/confirmation.h"
 #include "listening/history.h"
 #include "listening/level.h"
 #include "listening/line_queue.h"
 #include "listening/receiver.h"
+#include "listening/recorder.h"
 #include "listening/sample_clock.h"
 #include "listening/spectrum.h"
 #include "siggen.h"
+#include "sound_server.h"
 #include "sources/source.h"
 
 namespace {
@@ -420,6 +429,132 @@ TEST(Spectra, AreALineOfBytesInBase64) {
     EXPECT_EQ(line, R"({"type":"spectrum","receiver":"lf","utc":"2026-03-01T00:00:00.00Z","low_hz":-1.0,"high_hz":2.0,)"
                     R"("zero_db":-140.0,"step_db":0.6,"levels":"AAEA/00="})"
                     "\n");
+}
+
+// ---- A recorder -----------------------------------------------------------------------------------------------------
+
+class Recordings : public ::testing::Test {
+  protected:
+    static constexpr int32_t RATE = 1000;
+    static constexpr double BEGIN = MARCH_1;
+
+    Recorder recorder(double file_s, double keep_s) {
+        RecorderOptions options;
+        options.directory = path("kept");
+        options.file_s = file_s;
+        options.keep_s = keep_s;
+        return Recorder(options, [this](const std::string& text) { told_.push_back(text); });
+    }
+    // The second that begins so long after the first.
+    static void record(Recorder& recorder, int32_t second) {
+        recorder.take(std::vector<float>(RATE, 0.1F), BEGIN + second, {.rate = RATE, .tuning = {}}, {}, second == 0);
+    }
+    std::map<std::string, std::uintmax_t> bytes_on_disk() const {
+        std::map<std::string, std::uintmax_t> bytes;
+        for (const auto& entry : std::filesystem::directory_iterator(path("kept"))) {
+            if (entry.path().extension() == ".sigmf-data") bytes[entry.path().stem().string()] = entry.file_size();
+        }
+        return bytes;
+    }
+
+    std::string path(const std::string& name) const { return directory_.path() + "/" + name; }
+
+    std::vector<std::string> told_;
+
+  private:
+    TemporaryDirectory directory_;
+};
+
+TEST_F(Recordings, AreNeverOlderThanIsAskedForAndSoBounded) {
+    constexpr int32_t FILE_S = 60;
+    constexpr int32_t KEEP_S = 300;
+    Recorder all = recorder(FILE_S, KEEP_S);
+    for (int32_t second = 0; second < 1000; second++) {
+        record(all, second);
+        std::uintmax_t sum = 0;
+        double oldest = HUGE_VAL;
+        for (const auto& [name, bytes] : bytes_on_disk()) {
+            sum += bytes;
+            oldest = std::min(oldest, *utc_in_name(name));
+        }
+        EXPECT_LE(sum, 2U * RATE * (KEEP_S + (KEEP_S / FILE_S) * Recorder::OVERLAP_S)) << second;
+        EXPECT_GT(oldest, BEGIN + second + 1 - KEEP_S) << second;
+        EXPECT_LE(oldest, BEGIN + std::max(second + 1 - KEEP_S + FILE_S, 0)) << second;
+    }
+    EXPECT_TRUE(told_.empty());
+}
+
+// Files beyond some size are refused, as all are by a full disk.
+class FileLimit {
+  public:
+    explicit FileLimit(rlim_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
+        getrlimit(RLIMIT_FSIZE, &before_);
+        const rlimit limit = {bytes, before_.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileLimit() {
+        setrlimit(RLIMIT_FSIZE, &before_);
+        std::signal(SIGXFSZ, handler_);
+    }
+    FileLimit(const FileLimit&) = delete;
+    FileLimit& operator=(const FileLimit&) = delete;
+
+  private:
+    rlimit before_{};
+    void (*handler_)(int);
+};
+
+TEST_F(Recordings, GoOnWhenADiskThatWasFullHasRoomAgain) {
+    Recorder all = recorder(3600, 86400);
+    int32_t second = 0;
+    for (; second < 30; second++) record(all, second);
+    {
+        const FileLimit full(2000);
+        for (; second < 95; second++) record(all, second);
+    }
+    ASSERT_EQ(told_.size(), 1u) << "once";
+    EXPECT_TRUE(told_[0].starts_with("not recorded: cannot write '")) << told_[0];
+    EXPECT_EQ(bytes_on_disk().size(), 1u) << "the attempts leave nothing behind";
+    for (; second < 200; second++) record(all, second);
+    ASSERT_EQ(told_.size(), 2u);
+    EXPECT_EQ(told_[1], "recorded again");
+    all.close();
+    const auto kept = bytes_on_disk();
+    ASSERT_EQ(kept.size(), 2u);
+    EXPECT_GE(kept.begin()->second, 2U * RATE * 30);
+    EXPECT_GE(kept.rbegin()->second, 2U * RATE * 95);
+}
+
+TEST_F(Recordings, MarkFramesInTheFilesThatHoldThemWhole) {
+    Recorder all = recorder(60, 600);
+    int32_t second = 0;
+    const auto mark = [&](const char* call, double start) {
+        Spot spot{};
+        spot.call = call;
+        spot.protocol = OVL_OPERA;
+        spot.start = BEGIN + start;
+        spot.end = spot.start + 30;
+        spot.freq_hz = 100;
+        spot.rf_hz = 137100;
+        all.mark(spot);
+    };
+    for (; second < 100; second++) record(all, second);
+    mark("K2QRX", 65);  // in both files
+    for (; second < 140; second++) record(all, second);
+    mark("G4QZB", 58);  // in the first, which has ended, and but for its first seconds in the second
+    all.close();
+    const auto text = [&](const std::string& name) {
+        std::ifstream file(path("kept/" + name + ".sigmf-meta"));
+        return std::string{std::istreambuf_iterator<char>(file), {}};
+    };
+    const std::string first = text("orvel_20260301_000000");
+    EXPECT_NE(first.find("\"core:label\": \"K2QRX\""), std::string::npos) << first;
+    EXPECT_NE(first.find("\"core:label\": \"G4QZB\""), std::string::npos) << first;
+    EXPECT_NE(first.find("\"core:sample_start\": 58000"), std::string::npos) << first;
+    EXPECT_NE(first.find("137100.000 Hz"), std::string::npos) << first;
+    const std::string second_file = text("orvel_20260301_000100");
+    EXPECT_NE(second_file.find("\"core:sample_start\": 5000"), std::string::npos) << second_file;
+    EXPECT_EQ(second_file.find("G4QZB"), std::string::npos) << second_file;
 }
 
 // ---- A receiver -----------------------------------------------------------------------------------------------------

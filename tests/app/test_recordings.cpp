@@ -4,9 +4,12 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cmath>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -16,7 +19,9 @@
 #include <vector>
 
 #include "base/error.h"
+#include "base/utc.h"
 #include "command.h"
+#include "json_value.h"
 #include "process.h"
 #include "recordings/decode_recording.h"
 #include "recordings/open_recording.h"
@@ -25,6 +30,7 @@
 #include "recordings/sigmf_writer.h"
 #include "recordings/tar.h"
 #include "siggen.h"
+#include "tcp_server.h"
 
 namespace {
 
@@ -52,6 +58,11 @@ class Recordings : public TestWithFiles {
         return write(name, wave_file(1, 1, 8000, 16, samples));
     }
 };
+
+std::string content_of(const std::string& file) {
+    std::ifstream stream(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
 
 Station opera(const std::string& call, double t_start, double freq_hz) {
     Station station;
@@ -623,6 +634,133 @@ TEST_F(Pipes, OfANameAreWaitedFor) {
     EXPECT_EQ(result.err, "");
     EXPECT_NE(result.out.find("\"rf_hz\":137099.9"), std::string::npos) << result.out;
 }
+
+TEST_F(Pipes, AreScannedAndDrawnAsTheFileIs) {
+    const std::string file = audio("x.wav", {opera("K2QRX", 2, 1400)}, 76);
+    const auto renamed = [&](std::string text) {
+        for (std::size_t at = 0; (at = text.find(file)) != std::string::npos;) text.replace(at, file.size(), "-");
+        return text;
+    };
+    const std::string hits = orvel({"scan", "--json", "--block=30", file}).out;
+    EXPECT_NE(hits, "");
+    EXPECT_EQ(piped(file, "scan --json --block=30 -").out, renamed(hits));
+    const Arguments drawing = {"--protocols=opera", "--width=400", "--height=300", "--title=x"};
+    Arguments plot = {"plot", file, "-o", path("file.svg")};
+    plot.insert(plot.end(), drawing.begin(), drawing.end());
+    EXPECT_EQ(orvel(plot).status, 0);
+    const auto piped_plot =
+        piped(file, "plot - --protocols=opera --width=400 --height=300 --title=x -o " + path("pipe.svg"));
+    EXPECT_EQ(piped_plot.err, "");
+    EXPECT_EQ(content_of(path("pipe.svg")), content_of(path("file.svg")));
+}
+
+TEST_F(Pipes, AreTakenForAsLongAsIsSaid) {
+    const std::string file = audio("x.wav", {opera("K2QRX", 2, 1400), opera("G4QZB", 40, 1500)}, 76);
+    const std::string spots = piped(file, "decode --json --protocols=opera --for 38s -").out;
+    EXPECT_NE(spots.find("K2QRX"), std::string::npos);
+    EXPECT_EQ(spots.find("G4QZB"), std::string::npos);
+    const std::string hits = piped(file, "scan --json --for 38 --block=60 -").out;
+    EXPECT_NE(hits.find("\"t_to\":38.0"), std::string::npos) << hits;
+    EXPECT_EQ(orvel({"decode", "--for=38s", file}).err,
+              "orvel: --for: is for what comes live or through a pipe, '" + file + "' does not\n");
+}
+
+// ---- Live sources ---------------------------------------------------------------------------------------------------
+
+class LiveSources : public Recordings {
+  protected:
+    // A receiver at 8 kHz that sends these bytes to the first who calls, and then stands still.
+    static TcpServer server_of(const std::string& bytes) {
+        return TcpServer([=](TcpServer::Connection& connection, int32_t) {
+            connection.send(std::vector<uint8_t>(bytes.begin(), bytes.end()));
+            connection.pause(60);
+        });
+    }
+    static std::string address_of(const TcpServer& server) {
+        return "rtl_tcp://" + server.address() + "?freq=137k&rate=8000";
+    }
+    // 8-bit I/Q of one frame at 100 Hz, from 2 s on.
+    std::string iq_of(double seconds) const {
+        EXPECT_EQ(orvel({"simulate", "-o", path("live.sigmf-data"), "--iq", "--rate=8000", "--format=float",
+                         "opera=K2QRX,freq=100,snr=0,start=2", "--seconds", std::to_string(seconds)})
+                      .status,
+                  0);
+        const std::string floats = content_of(path("live.sigmf-data"));
+        std::string bytes;
+        for (std::size_t at = 0; at < floats.size(); at += sizeof(float)) {
+            float x = 0;
+            std::memcpy(&x, floats.data() + at, sizeof x);
+            bytes.push_back(static_cast<char>(std::lround(127.5F + 127.5F * x)));
+        }
+        return bytes;
+    }
+};
+
+TEST_F(LiveSources, AreDecodedScannedAndDrawnWithTheirTimeAndFrequency) {
+    const std::string bytes = iq_of(40);
+    const TcpServer server = server_of(bytes);
+    const double before = utc_now();
+    const auto decoded = orvel({"decode", "--json", "--protocols=opera", "--for=40s", address_of(server)});
+    EXPECT_EQ(decoded.err, "");
+    const auto lines = lines_of(decoded.out);
+    ASSERT_EQ(lines.size(), 1u) << decoded.out;
+    const JsonValue spot = JsonValue::parse(lines[0]);
+    EXPECT_EQ(spot.at("call"), "K2QRX");
+    EXPECT_NEAR(spot.at("rf_hz").number(), 137100, 0.5);
+    // All comes at once, and the last of it just now.
+    EXPECT_NEAR(*parse_utc(spot.at("utc_start").text(), 0), before - 38, 2);
+
+    const TcpServer second = server_of(bytes);
+    const auto scanned = orvel({"scan", "--json", "--for=40", address_of(second)});
+    ASSERT_FALSE(lines_of(scanned.out).empty()) << scanned.err;
+    EXPECT_NEAR(JsonValue::parse(lines_of(scanned.out)[0]).at("rf_hz").number(), 137100, 5);
+    const TcpServer third = server_of(bytes);
+    EXPECT_EQ(orvel({"plot", "--for=40s", address_of(third), "-o", path("live.svg")}).err, "");
+    const std::string picture = content_of(path("live.svg"));
+    EXPECT_NE(picture.find("UTC"), std::string::npos);
+}
+
+// It hangs up in the middle of the frame and comes back a second later with the rest.
+TEST_F(LiveSources, AreSilentWhereSomethingWasLost) {
+    const std::string bytes = iq_of(40);
+    constexpr std::size_t BYTES_A_SECOND = 2 * 8000;
+    const TcpServer server([&](TcpServer::Connection& connection, int32_t which) {
+        const auto begin = bytes.begin() + (which == 0 ? 0 : 18 * BYTES_A_SECOND);
+        const auto end = which == 0 ? bytes.begin() + 17 * BYTES_A_SECOND : bytes.end();
+        connection.send(std::vector<uint8_t>(begin, end));
+        if (which > 0) connection.pause(60);
+    });
+    const auto decoded = orvel({"decode", "--json", "--protocols=opera", "--for=40s", address_of(server)});
+    ASSERT_EQ(lines_of(decoded.out).size(), 1u) << decoded.err;
+    EXPECT_EQ(JsonValue::parse(decoded.out).at("call"), "K2QRX");
+}
+
+TEST_F(LiveSources, EndWithCtrlC) {
+    const TcpServer server = server_of(iq_of(40));
+    RunningProcess process(orvel_arguments({"decode", "--json", "--protocols=opera", address_of(server)}));
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    process.send_signal(SIGINT);
+    const auto line = process.read_line(20);
+    ASSERT_TRUE(line);
+    EXPECT_EQ(JsonValue::parse(*line).at("call"), "K2QRX");
+    const auto result = process.wait(10);
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->status, 0) << result->err;
+}
+
+TEST_F(LiveSources, ThatBringNothingAreRefused) {
+    const TcpServer server = server_of("");
+    RunningProcess process(orvel_arguments({"scan", address_of(server)}));
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    process.send_signal(SIGINT);
+    const auto result = process.wait(10);
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->status, 1);
+    EXPECT_EQ(result->err, "orvel: cannot read '" + address_of(server) + "': no samples came\n");
+    EXPECT_EQ(orvel({"decode", "rtl_tcp://"}).status, 2);
+}
+
+// ---- And what makes no sense ----------------------------------------------------------------------------------------
 
 TEST_F(Pipes, ThatMakeNoSenseAreRefused) {
     const std::string junk = write("junk", std::string(1000, 'x'));

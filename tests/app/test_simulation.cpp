@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "command.h"
+#include "json_value.h"
 #include "liborvel.h"
 #include "siggen.h"
 #include "simulation/channel.h"
@@ -399,6 +400,19 @@ TEST_F(SimulateCommand, TakesATruthFileForItsStations) {
     EXPECT_EQ(truth["spread_hz"], 0.1);
 }
 
+TEST_F(SimulateCommand, TellsTimeAndFrequencyInSigmf) {
+    for (const std::string name : {"pair.sigmf-data", "archive.sigmf"}) {
+        const auto made = orvel({"simulate", "-o", path(name), "opera=K2QRX,snr=0,start=3", "--dial", "137000",
+                                 "--sideband=lsb", "--start=2026-03-01T12:00Z"});
+        EXPECT_EQ(made.status, 0) << made.err;
+        const auto decoded = orvel({"decode", "--json", "--protocols=opera", path(name)});
+        ASSERT_EQ(lines_of(decoded.out).size(), 1u) << decoded.err;
+        const auto spot = JsonValue::parse(decoded.out);
+        EXPECT_NEAR(spot.at("rf_hz").number(), 135500, 0.1);
+        EXPECT_TRUE(spot.at("utc_start").text().starts_with("2026-03-01T12:00:03.0")) << spot;
+    }
+}
+
 TEST_F(SimulateCommand, SaysWhatItRefuses) {
     const std::string out = path("x.wav");
     const auto refused = [&](const Arguments& more, const Arguments& texts) {
@@ -427,6 +441,12 @@ TEST_F(SimulateCommand, SaysWhatItRefuses) {
     EXPECT_TRUE(refused({"--stations", write("b", "\n[3]x\n")}, {"JSON"}));
     EXPECT_TRUE(refused({"--stations", write("c", "{\"freq_hz\": 3}\n")}, {"'call' is missing"}));
     EXPECT_TRUE(usage_error_with({"simulate", "-o", path("x.mp3"), "opera=K2QRX"}, {".wav or .flac"}));
+    EXPECT_TRUE(
+        usage_error_with({"simulate", "-o", path("x.wav"), "opera=K2QRX", "--dial=137000"}, {"--dial", "SigMF"}));
+    EXPECT_TRUE(
+        usage_error_with({"simulate", "-o", path("x.wav"), "opera=K2QRX", "--start=12:00"}, {"--start", "SigMF"}));
+    EXPECT_TRUE(
+        usage_error_with({"simulate", "-o", path("x.sigmf"), "opera=K2QRX", "--start=noon"}, {"--start", "'noon'"}));
     EXPECT_TRUE(usage_error_with({"simulate", "-o", path("x.flac"), "--format", "float", "opera=K2QRX"}, {"FLAC"}));
     EXPECT_FALSE(std::filesystem::exists(out));
 

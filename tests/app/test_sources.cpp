@@ -1,26 +1,28 @@
 // Sources of live samples, piece by piece.
 #include <gtest/gtest.h>
-
 #include <unistd.h>
+
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <memory>
+#include <numeric>
 #include <span>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "base/error.h"
 #include "base/interrupts.h"
 #include "sources/rtl_tcp.h"
+#include "sources/sample_ring.h"
 #include "sources/source.h"
 #include "sources/standard_input.h"
 #include "tcp_server.h"
 
 namespace {
-
-// ---- Raw samples ----------------------------------------------------------------------------------------------------
 
 // ---- Standard input -------------------------------------------------------------------------------------------------
 
@@ -104,6 +106,68 @@ TEST_F(RawSamples, OfSeveralChannelsTheMeanIsTaken) {
     ASSERT_EQ(piece.samples.size(), 2u);
     EXPECT_FLOAT_EQ(piece.samples[0], (-127.5f + 0.5f + 127.5f) / 128 / 3);
     EXPECT_FLOAT_EQ(piece.samples[1], (127.5f - 127.5f - 27.5f) / 128 / 3);
+}
+
+// ---- A ring ---------------------------------------------------------------------------------------------------------
+
+std::vector<float> counting(float first, std::size_t count) {
+    std::vector<float> samples(count);
+    std::iota(samples.begin(), samples.end(), first);
+    return samples;
+}
+
+TEST(TheRingOfSamples, HandsThemOutInOrderAcrossItsEnd) {
+    SampleRing ring(10);
+    std::vector<float> taken;
+    float next = 0;
+    for (const std::size_t count : {7U, 0U, 10U, 6U, 9U}) {
+        EXPECT_TRUE(ring.push(counting(next, count)));
+        EXPECT_EQ(ring.take(taken), 0u);
+        EXPECT_EQ(taken, counting(next, count));
+        next += static_cast<float>(count);
+    }
+}
+
+TEST(TheRingOfSamples, DropsWhatHasNoRoomAndAllBehindItUntilItIsEmpty) {
+    SampleRing ring(10);
+    std::vector<float> taken;
+    EXPECT_TRUE(ring.push(counting(0, 8)));
+    EXPECT_FALSE(ring.push(counting(8, 4)));
+    EXPECT_FALSE(ring.push(counting(12, 1))) << "though there is room for it";
+    EXPECT_EQ(ring.take(taken), 0u) << "the loss is behind them";
+    EXPECT_EQ(taken, counting(0, 8));
+    EXPECT_EQ(ring.take(taken), 0u);
+    EXPECT_TRUE(taken.empty());
+    EXPECT_TRUE(ring.push(counting(13, 3)));
+    EXPECT_EQ(ring.take(taken), 5u);
+    EXPECT_EQ(taken, counting(13, 3));
+    EXPECT_TRUE(ring.push(counting(16, 1)));
+    EXPECT_EQ(ring.take(taken), 0u) << "it is told once";
+}
+
+TEST(TheRingOfSamples, OfTwoThreadsAccountsForEverySample) {
+    constexpr int32_t ALL = 200000;
+    SampleRing ring(64);
+    std::atomic<bool> written = false;
+    std::thread writer([&] {
+        for (int32_t k = 0; k < ALL; k += 4) ring.push(counting(static_cast<float>(k), 4));
+        written = true;
+    });
+    std::vector<float> taken;
+    int64_t expected = 0;
+    bool right = true;
+    const auto take = [&] {
+        expected += static_cast<int64_t>(ring.take(taken));
+        for (const float sample : taken) right = right && sample == static_cast<float>(expected++);
+    };
+    while (!written) take();
+    writer.join();
+    take();
+    take();
+    EXPECT_TRUE(ring.push(counting(ALL, 4)));
+    take();
+    EXPECT_TRUE(right);
+    EXPECT_EQ(expected, ALL + 4);
 }
 
 // ---- Addresses of rtl_tcp -------------------------------------------------------------------------------------------
@@ -285,6 +349,61 @@ TEST(AnRtlTcpServer, ThatIsNotThereIsWaitedFor) {
     EXPECT_TRUE(receive(*source, 1, 0.5).samples.empty());
     const auto nowhere = open_source("rtl_tcp://no.such.host.invalid", {.name = "test"});
     EXPECT_TRUE(receive(*nowhere, 1, 0.5).samples.empty());
+}
+
+// Sends at a rate, a tenth of a second at a time.
+bool send_at(TcpServer::Connection& connection, int32_t rate, double seconds) {
+    const std::vector<uint8_t> tenth(static_cast<std::size_t>(rate / 5), 100);
+    const double begin = monotonic_now();
+    for (int32_t k = 1; k <= 10 * seconds; k++) {
+        if (!connection.send(tenth) || !connection.pause(std::max(begin + 0.1 * k - monotonic_now(), 0.0)))
+            return false;
+    }
+    return true;
+}
+
+TEST(RatesOfReceivers, AreKnownButForAHundredth) {
+    EXPECT_EQ(usual_rate(48200, 48000), 48000);
+    EXPECT_EQ(usual_rate(2047000, 48000), 2048000);
+    EXPECT_EQ(usual_rate(1999000, 48000), 2000000);
+    EXPECT_EQ(usual_rate(77700, 77000), 77000) << "what was asked for is usual";
+    EXPECT_FALSE(usual_rate(700000, 48000));
+    EXPECT_FALSE(usual_rate(0, 48000));
+}
+
+TEST(AnRtlTcpServer, ThatSendsAtAnotherRateIsFollowedThere) {
+    const TcpServer server([](TcpServer::Connection& connection, int32_t) { send_at(connection, 96000, 60); });
+    RtlTcp source(parse_rtl_tcp(server.address() + "?rate=48000"), {.name = "test"}, {.still_s = 10, .rate_s = 2});
+    Piece piece;
+    const double begin = monotonic_now();
+    auto state = Source::State::NONE_YET;
+    while (state != Source::State::BROKEN && monotonic_now() < begin + 30) {
+        EXPECT_EQ(source.format().rate, 48000);
+        state = source.read(piece);
+    }
+    ASSERT_EQ(state, Source::State::BROKEN);
+    EXPECT_TRUE(piece.samples.empty());
+    EXPECT_EQ(source.format().rate, 96000);
+    const double followed = monotonic_now();
+    while (monotonic_now() < followed + 3) EXPECT_NE(source.read(piece), Source::State::BROKEN);
+}
+
+// It says nothing for longer than is waited for, and then sends on to whoever may listen.
+TEST(AnRtlTcpServer, ThatStopsForLongIsCalledAgainAndWhatWasLostIsKnown) {
+    const std::vector<uint8_t> pairs(1000, 200);
+    const TcpServer server([&](TcpServer::Connection& connection, int32_t which) {
+        connection.send(bytes_of(HEADER));
+        connection.send(pairs);
+        connection.pause(which == 0 ? 2.5 : 0.6);
+        connection.send(pairs);
+    });
+    const double begin = monotonic_now();
+    RtlTcp source(parse_rtl_tcp(server.address()), {.name = "test"}, {.still_s = 0.5, .rate_s = 30});
+    const Came came = receive(source, 2 * pairs.size());
+    EXPECT_EQ(came.samples.size(), 2 * pairs.size());
+    ASSERT_EQ(came.losses.size(), 1u);
+    EXPECT_NEAR(came.losses[0], monotonic_now() - begin, 1);
+    EXPECT_GE(came.losses[0], 1.5) << "the half second that it is waited for, and one before it is called again";
 }
 
 }  // namespace
