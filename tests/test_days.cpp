@@ -32,7 +32,7 @@ constexpr double HOUR_S = 3600;
 constexpr double LONGEST_HOURS = 49;  // of samples that a WAVE file of 4 GB can hold
 constexpr double PATIENCE_S = 120;
 constexpr std::size_t SECOND_BYTES = 2 * RATE;
-constexpr double SHORT_HOURS = 0.2;
+constexpr double SHORT_HOURS = 0.15;
 
 // ---- The air -------------------------------------------------------------------------------------------------------
 
@@ -215,7 +215,7 @@ TEST_F(Days, ListeningPrintsWhatTheRecordingHoldsOnceAtTheRightTimeInMemoryThatS
     const auto minutes = static_cast<int64_t>(std::ceil(60 * length.hours));
     const double seconds = MINUTE_S * static_cast<double>(minutes);
     const Air air(seconds);
-    const std::string start = "2028-02-28T23:45:00Z";  // midnight comes soon, and a 29th of February
+    const std::string start = "2028-02-28T23:55:00Z";  // midnight comes soon, and a 29th of February
     const double start_utc = utc_seconds(start);
 
     std::vector<Frame> printed;

@@ -750,6 +750,19 @@ TEST(EntryPoints, ASearchOf125KilohertzRuns) {
     EXPECT_EQ(out.text.rfind("Baseband: 256000 Hz around", 0), 0u) << out.text;
 }
 
+// Of which every baseband of a search can be cut.
+TEST(EntryPoints, TheRatesServedAreThoseOfWhichABasebandIsCut) {
+    const double sample = 0;
+    for (const uint32_t rate : {1U, 999U, 8000U, 11025U, 22050U, 44100U, 48000U, 250000U, 2400000U, 48017U, 1999993U}) {
+        ov_spectrum spectrum{};
+        EXPECT_EQ(ov_rate_served(rate), ov_spectrum_real(&sample, 1, static_cast<int32_t>(rate), 125, spectrum) == 0)
+            << rate;
+        ov_spectrum_free(spectrum);
+    }
+    EXPECT_TRUE(ov_rate_served(48000));
+    for (const uint32_t rate : {0U, 48017U, 0x80000000U, 0xFFFFFFFFU}) EXPECT_FALSE(ov_rate_served(rate)) << rate;
+}
+
 TEST(EntryPoints, ABlockShorterThanAChipIsReportedAndRefused) {
     const std::vector<double> noise = render_real({12000, 0.127, 3, 0.05, true, {}});
     const ov_params params = verbose_params(7);

@@ -13,6 +13,7 @@
 #include <tuple>
 #include <vector>
 
+#include "ovsnr.h"
 #include "owners.h"
 #include "siggen.h"
 #include "sync_model.h"
@@ -1384,6 +1385,30 @@ TEST(Snr, InTheBasebandFallsBackOrGivesUp) {
         odd->start = start;
         EXPECT_EQ(ov_estimate_snr_bb(bb, hand.map, *odd, on.data(), 0.128), ov_estimate_snr(*odd, on.data(), 0.128));
     }
+}
+
+TEST(Snr, OfAPartOfTheBandIsThatOfTheWholeWhereAllIsFilled) {
+    Samples samples = random_samples(64 * 239, 500, 66);
+    const ov_baseband bb = samples.view();
+    HandMap hand(10, 20, 16, 119, 0);
+    hand.map.chip_len = 64;
+    hand.map.rate = 500;
+    auto hyp = empty_hyp();
+    try_hyp(bb, hand.map, 0, 0, 0, 0, *hyp);
+    const std::vector<uint8_t> all(239, 1);
+    std::vector<uint8_t> filled(64, 1);
+    EXPECT_EQ(ov_estimate_snr_filled(bb, 64, *hyp, all.data(), 0.128, filled),
+              ov_estimate_snr_bb(bb, hand.map, *hyp, all.data(), 0.128));
+    const std::vector<uint8_t> none(239);
+    EXPECT_EQ(ov_estimate_snr_filled(bb, 64, *hyp, none.data(), 0.128, filled), OV_NO_SNR);
+
+    // Within 15 bins of the carrier is noise only where there is none further away, and never within 4.
+    std::fill(filled.begin(), filled.end(), uint8_t{0});
+    EXPECT_EQ(ov_estimate_snr_filled(bb, 64, *hyp, all.data(), 0.128, filled), OV_NO_SNR);
+    filled[4] = 1;
+    EXPECT_EQ(ov_estimate_snr_filled(bb, 64, *hyp, all.data(), 0.128, filled), OV_NO_SNR);
+    filled[5] = 1;
+    EXPECT_GT(ov_estimate_snr_filled(bb, 64, *hyp, all.data(), 0.128, filled), OV_NO_SNR);
 }
 
 TEST(Snr, WithoutNoiseIsInfinite) {

@@ -38,7 +38,7 @@ def quiet(samples: npt.NDArray[Any]) -> npt.NDArray[Any]:
 
 
 @pytest.mark.skipif("ORVEL_COMMAND" not in os.environ, reason="ORVEL_COMMAND names no orvel command")
-@pytest.mark.parametrize("name", ["audio-crowded", "audio-edges", "audio-modes", "iq-narrow"])
+@pytest.mark.parametrize("name", ["audio-edges", "audio-modes", "iq-narrow"])
 def test_a_recording_gives_what_the_command_prints(name: str) -> None:
     path, iq = RECORDINGS / f"{name}.wav", name.startswith("iq")
     options = ["--iq"] if iq else []

@@ -80,7 +80,7 @@ def test_a_station_at_the_very_edge_of_the_band_is_found() -> None:
 
 
 # Of two stations close together the weaker does not stand out by itself.
-@pytest.mark.parametrize("spacing_hz", [12, 16, 21, 24, 29, 45])
+@pytest.mark.parametrize("spacing_hz", [12, 21, 29, 45])
 def test_both_of_two_neighbours_are_found_each_once(spacing_hz: int) -> None:
     rate = 6000
     iq = noise_iq(42, rate, spacing_hz)

@@ -23,7 +23,13 @@ constexpr std::size_t LANES = (STARTS + FLOATS - 1) / FLOATS * FLOATS;  // sums 
 constexpr std::size_t QUARTER = 4;  // pairs whose sums are tabulated for every pattern
 constexpr std::size_t PATTERNS = 1 << QUARTER;
 constexpr std::size_t SEGMENT = 2 * QUARTER;
-constexpr std::size_t MAX_QUARTERS = (OV_MAX_PAIRS + QUARTER - 1) / QUARTER;
+constexpr std::size_t quarters_in(std::size_t pairs) {
+    return (pairs + QUARTER - 1) / QUARTER;
+}
+constexpr std::size_t MAX_QUARTERS = quarters_in(OV_MAX_PAIRS);
+static_assert(std::ranges::all_of(OV_PROTOCOLS, [](const ov_protocol& protocol) {
+    return quarters_in(static_cast<std::size_t>(protocol.pairs)) % 2 == 0;  // frame_sums() takes them by two
+}));
 constexpr std::size_t PAIR = 2 * STEPS;  // positions from pair to pair
 constexpr std::size_t TABULATED = PAIR * QUARTER * MAX_QUARTERS + LANES;
 
@@ -102,10 +108,6 @@ ORVEL_MULTIVERSION void frame_sums(const PatternSums& re, const PatternSums& im,
     for (std::size_t q = 0; q * QUARTER < pairs; q += 2) {
         const float* const a_re = sums_of(re, q);
         const float* const a_im = sums_of(im, q);
-        if ((q + 1) * QUARTER >= pairs) {
-            for (std::size_t i = 0; i < LANES; i++) out[i] += a_re[i] * a_re[i] + a_im[i] * a_im[i];
-            break;
-        }
         const float* const b_re = sums_of(re, q + 1);
         const float* const b_im = sums_of(im, q + 1);
         for (std::size_t i = 0; i < LANES; i++) {

@@ -561,15 +561,16 @@ TEST(CoherentSearch, KnownCallsignsAreFoundFurtherDown) {
     EXPECT_EQ(decode(others, samples, settings).results.size(), 0u);
 }
 
-// Longer blocks are searched in stretches: frames in each, over their borders, and within limits.
+// Longer blocks are searched in stretches: frames in both of two, over their borders, and within limits. One callsign
+// may be sent again.
 TEST(CoherentSearch, LongBlocksHaveEachFrameOnceAtItsTime) {
     Scene scene;
     scene.rate = RATE;
     scene.seconds = 260;
     scene.seed = 45;
-    const std::vector<Sent> sent = {{OVL_ORVEL_S, "K1ABC", "", 10, 480, 0.01, -28},
+    const std::vector<Sent> sent = {{OVL_ORVEL_S, "K1ABC", "", 75, 480, 0.01, -28},
                                     {OVL_ORVEL_S, "OH2XYZ", "", 103, 510, -0.02, -28},
-                                    {OVL_ORVEL_S, "DL1QXA", "", 222, 495, 0.02, -28}};
+                                    {OVL_ORVEL_S, "K1ABC", "", 222, 480, 0.02, -28}};
     for (const Sent& one : sent) scene.stations.push_back(station_of(one));
     const std::vector<float> samples = to_float(render_real(scene));
     const Found found = decode(coherent_decoder(), samples, settings_for(OVL_ORVEL_S));
@@ -584,6 +585,21 @@ TEST(CoherentSearch, LongBlocksHaveEachFrameOnceAtItsTime) {
     const Found limited = decode(coherent_decoder(), samples, late);
     ASSERT_EQ(limited.results.size(), 1u) << text_of(limited);
     EXPECT_STREQ(limited.results[0].call, "OH2XYZ");
+}
+
+// A wider search is made of slices, which overlap. Here they share what is around 500 Hz, and only one has each side.
+TEST(CoherentSearch, WideSearchesHaveEachFrameOnceAtItsFrequency) {
+    const std::vector<Sent> sent = {{OVL_ORVEL_S, "DL1QXA", "", 4.2, 280, 0, -28},
+                                    {OVL_ORVEL_S, "SM5QQ", "", 5.5, 505, 0, -28},
+                                    {OVL_ORVEL_S, "DL1QXA", "", 6.8, 725, 0, -28}};
+    ovl_settings wide = settings_for(OVL_ORVEL_S);
+    wide.search_hz = 250;
+    const Found found = decode(coherent_decoder(), block_of(sent, 46), wide);
+    ASSERT_EQ(found.results.size(), sent.size()) << text_of(found);
+    for (std::size_t k = 0; k < sent.size(); k++) {
+        expect_sent(found.results[k], sent[k]);
+        EXPECT_EQ(found.findings[k].method, OVL_COHERENT);
+    }
 }
 
 TEST(CoherentSearch, WhatIsNoBlockHasNoResults) {
