@@ -2,10 +2,8 @@
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <exception>
-#include <filesystem>
 #include <new>
 #include <string>
-#include <system_error>
 
 #include "base/child.h"
 #include "base/console.h"
@@ -18,12 +16,8 @@ namespace {
 
 constexpr int EXIT_USAGE = 2;
 
-// The orvel command beside this program, or wherever a shell would find it.
 std::string orvel_command() {
-    std::error_code error;
-    const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
-    const std::string beside = find_program((self.parent_path() / "orvel").string());
-    std::string program = beside.empty() ? find_program("orvel") : beside;
+    std::string program = find_beside("orvel");
     if (program.empty()) throw IoError("the orvel command is not there");
     return program;
 }

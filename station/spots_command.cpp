@@ -12,20 +12,13 @@
 #include "base/utc.h"
 #include "protocol.h"
 #include "spots/spot_table.h"
+#include "spots_options.h"
 #include "store/adif.h"
 #include "store/store.h"
 
 namespace {
 
 constexpr double DAY_S = 86400;
-
-// The command line, as typed.
-struct Options {
-    std::string store = "/var/lib/orvel/spots.db";
-    std::string call, receiver, protocol, from, until, band;
-    std::size_t newest = 0;
-    bool json = false, csv = false, adif = false;
-};
 
 double time_of(const std::string& option, const std::string& text) {
     if (const auto ago = parse_duration(text)) return utc_now() - *ago;
@@ -34,7 +27,7 @@ double time_of(const std::string& option, const std::string& text) {
     return *utc;
 }
 
-SpotFilter filter_of(const Options& options) {
+SpotFilter filter_of(const SpotsOptions& options) {
     SpotFilter filter{.call = options.call, .receiver = options.receiver};
     if (!options.protocol.empty()) {
         const ov_protocol* const protocol = ov_protocol_by_option(options.protocol);
@@ -57,7 +50,7 @@ SpotFilter filter_of(const Options& options) {
 
 constexpr SpotColumns COLUMNS = {.utc = true, .rf = true};
 
-std::string line_of(const Options& options, const StoredSpot& stored) {
+std::string line_of(const SpotsOptions& options, const StoredSpot& stored) {
     const Spot& spot = stored.spot;
     if (options.adif) return adif_record(stored);
     if (options.csv) return spot_csv(spot, COLUMNS);
@@ -69,7 +62,7 @@ std::string line_of(const Options& options, const StoredSpot& stored) {
     return json_line(line);
 }
 
-int spots(const Options& options) {
+int spots(const SpotsOptions& options) {
     const SpotFilter filter = filter_of(options);
     Store store(options.store, Database::Access::READ);
     if (options.adif) print(adif_header());
@@ -85,19 +78,7 @@ int spots(const Options& options) {
 }  // namespace
 
 void add_spots(CLI::App& app, int& status) {
-    CLI::App* sub = app.add_subcommand("spots", "List what a station has heard");
-    const auto options = std::make_shared<Options>();
-    sub->add_option("--store", options->store, "The station's database [/var/lib/orvel/spots.db]");
-    sub->add_option("--call", options->call, "Callsign; * stands for any letters");
-    sub->add_option("--receiver", options->receiver, "Name of the receiver");
-    sub->add_option("--protocol", options->protocol, "One protocol");
-    sub->add_option("--from", options->from, "Earliest start, as 2026-03-01T12:00Z, 12:00 or 24h ago");
-    sub->add_option("--until", options->until, "Latest start");
-    sub->add_option("--band", options->band, "Radio frequencies, as 137400:137600 Hz");
-    sub->add_option("--newest", options->newest, "The latest so many");
-    CLI::Option* json = sub->add_flag("--json", options->json, "Print one JSON object per line");
-    CLI::Option* csv =
-        sub->add_flag("--csv", options->csv, "Print comma-separated values, their names first")->excludes(json);
-    sub->add_flag("--adif", options->adif, "Print ADIF, for logbooks")->excludes(json)->excludes(csv);
+    const auto options = std::make_shared<SpotsOptions>();
+    CLI::App* const sub = add_spots_options(app, *options);
     sub->callback([options, &status] { status = spots(*options); });
 }

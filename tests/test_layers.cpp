@@ -169,7 +169,8 @@ TEST(Layers, TheStationRestsOnSpotsAndBase) {
                 EXPECT_TRUE(include.starts_with("base/") || include.starts_with("spots/")) << file << ": " << include;
             }
             EXPECT_TRUE(include == "protocol.h" || !fs::exists(ROOT / "src" / include)) << file << ": " << include;
-            EXPECT_FALSE(fs::exists(ROOT / "tools" / include)) << file << ": " << include;
+            const bool shared = include == "spots_options.h";  // what the command explains and the station does
+            EXPECT_TRUE(shared || !fs::exists(ROOT / "tools" / include)) << file << ": " << include;
         }
     }
 }
