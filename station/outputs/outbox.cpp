@@ -12,7 +12,6 @@
 
 namespace {
 
-constexpr std::size_t AT_ONCE = 200;
 constexpr double TICK_S = 1;
 constexpr double FIRST_PAUSE_S = 1;  // after a failure; it doubles
 constexpr double LONGEST_PAUSE_S = 60;
@@ -94,7 +93,7 @@ bool Outbox::deliver(Store& store) {
     store.query({.after = position}, [&](const StoredSpot& stored) {
         last = stored.number;
         if (is_wanted(stored, config_.values)) spots.push_back(stored);
-        return spots.size() < AT_ONCE;
+        return spots.size() < output_->most_at_once();
     });
     if (last == position) return false;
     const std::size_t arrived = spots.empty() ? 0 : output_->send(spots);

@@ -13,9 +13,9 @@
 class Outbox {
   public:
     struct State {
-        int64_t position = 0;  // number of the last spot that arrived, or is not wanted
-        std::string problem;   // why it does not work now; "" while it does
-        double since = 0;      // UTC of that
+        int64_t position = -1;  // number of the last spot that arrived, or is not wanted; -1 until the store is open
+        std::string problem;    // why it does not work now; "" while it does
+        double since = 0;       // UTC of that
     };
 
     // Starts a thread. An output that the store does not know begins with what comes next. Throws UsageError.

@@ -27,6 +27,9 @@ class Output {
 
     // Called about once a second.
     virtual void tick() {}
+
+    // Spots that one call of send() may get.
+    virtual std::size_t most_at_once() const { return 200; }
 };
 
 struct OutputType {

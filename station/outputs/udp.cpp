@@ -1,21 +1,12 @@
 // Messages of WSJT-X's network interface, schema 2 (Qt 5.2): big-endian; a text is its length and its bytes.
-#include <netdb.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <array>
+#include <algorithm>
 #include <bit>
-#include <cerrno>
 #include <cmath>
-#include <cstring>
 #include <string>
 #include <string_view>
-#include <utility>
 
-#include "base/error.h"
 #include "base/interrupts.h"
-#include "base/text.h"
+#include "outputs/datagrams.h"
 #include "outputs/types.h"
 
 namespace {
@@ -76,21 +67,18 @@ Message decode_message(const std::string& id, const Spot& spot, bool is_new) {
 class UdpOutput : public Output {
   public:
     UdpOutput(const Values& values, const Keeper&)
-        : host_(values.text("host")),
-          port_(static_cast<int>(values.number("port", PORT))),
-          ttl_(static_cast<int>(values.number("ttl", 1))),
+        : datagrams_(values.text("host"), static_cast<int>(values.number("port", PORT)),
+                     static_cast<int>(values.number("ttl", 1))),
           id_(values.text("name", "orvel")) {}
     UdpOutput(const UdpOutput&) = delete;
     UdpOutput& operator=(const UdpOutput&) = delete;
     ~UdpOutput() override {
-        if (socket_ < 0) return;
-        transmit(Message(Type::CLOSE, id_));
-        close(socket_);
+        if (datagrams_.is_open()) transmit(Message(Type::CLOSE, id_));
     }
 
     // Datagrams that nobody listens for are gone: that is how they are.
     std::size_t send(std::span<const StoredSpot> spots) override {
-        open_socket();
+        datagrams_.open();
         for (const StoredSpot& stored : spots) transmit(decode_message(id_, stored.spot, true));
         return spots.size();
     }
@@ -98,7 +86,7 @@ class UdpOutput : public Output {
     void tick() override {
         if (monotonic_now() < heartbeat_at_) return;
         heartbeat_at_ = monotonic_now() + HEARTBEAT_S;
-        open_socket();
+        datagrams_.open();
         Message message(Type::HEARTBEAT, id_);
         message.add(SCHEMA);
         message.add(ovl_version());
@@ -107,38 +95,10 @@ class UdpOutput : public Output {
     }
 
   private:
-    void open_socket() {
-        if (socket_ >= 0) return;
-        addrinfo hints{};
-        hints.ai_socktype = SOCK_DGRAM;
-        addrinfo* found = nullptr;
-        const int error = getaddrinfo(host_.c_str(), std::to_string(port_).c_str(), &hints, &found);
-        if (error != 0) throw IoError("cannot find '" + host_ + "': " + gai_strerror(error));
-        const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owner(found, freeaddrinfo);
-        socket_ = socket(found->ai_family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        if (socket_ < 0) throw IoError(format("cannot open a socket: %s", std::strerror(errno)));
-        if (found->ai_family == AF_INET6) {
-            setsockopt(socket_, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &ttl_, sizeof ttl_);
-        } else {
-            const auto ttl = static_cast<unsigned char>(ttl_);
-            setsockopt(socket_, IPPROTO_IP, IP_MULTICAST_TTL, &ttl, sizeof ttl);
-        }
-        std::memcpy(&address_, found->ai_addr, found->ai_addrlen);
-        address_size_ = found->ai_addrlen;
-    }
+    void transmit(const Message& message) const { datagrams_.send(message.bytes()); }
 
-    void transmit(const Message& message) const {
-        const std::string& bytes = message.bytes();
-        sendto(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address_),
-               address_size_);
-    }
-
-    std::string host_;
-    int port_, ttl_;
+    Datagrams datagrams_;
     std::string id_;
-    int socket_ = -1;
-    sockaddr_storage address_{};
-    socklen_t address_size_ = 0;
     double heartbeat_at_ = 0;
 };
 
