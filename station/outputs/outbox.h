@@ -3,6 +3,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -33,6 +34,7 @@ class Outbox {
   private:
     void run();
     bool deliver(Store& store);
+    void pass_minutes(Store& store);
     bool wait(double seconds);
     void complain(const std::string& problem);
 
@@ -43,6 +45,7 @@ class Outbox {
     std::condition_variable changed_;
     bool news_ = true;
     bool ended_ = false;
+    std::map<std::string, double> minutes_;  // that were passed on, by receiver
     State state_;
     std::thread thread_;
 };

@@ -28,6 +28,10 @@ class Output {
     // Called about once a second.
     virtual void tick() {}
 
+    // How a receiver does, each minute; only to those that want it. Throws IoError.
+    virtual bool wants_minutes() const { return false; }
+    virtual void take(const ReceiverMinute&) {}
+
     // Spots that one call of send() may get.
     virtual std::size_t most_at_once() const { return 200; }
 };

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "base/error.h"
+#include "base/utc.h"
 #include "outputs/cluster_line.h"
 #include "outputs/outbox.h"
 #include "outputs/output.h"
@@ -797,6 +798,8 @@ TEST_F(OutputTest, MqttDeliversAllInOrderAlsoOverARestartOfTheBroker) {
     const auto found = nlohmann::json::parse(retained("homeassistant/device/orvel-DL1QXA/config"));
     EXPECT_EQ(found["cmps"]["last"]["stat_t"], "orvel/DL1QXA/last");
     EXPECT_EQ(nlohmann::json::parse(retained("orvel/DL1QXA/last"))["call"], "K9ABC");
+    EXPECT_EQ(nlohmann::json::parse(retained("orvel/DL1QXA/lf/last"))["call"], "K9ABC");
+    EXPECT_EQ(retained("orvel/DL1QXA/total"), "250");
 
     broker.stop();
     store.add(some(250, 30));
@@ -813,6 +816,42 @@ TEST_F(OutputTest, MqttDeliversAllInOrderAlsoOverARestartOfTheBroker) {
     }
     const auto starts = starts_in(lines);
     for (std::size_t k = 0; k < starts.size(); k++) EXPECT_EQ(starts[k], static_cast<double>(k));
+}
+
+TEST_F(OutputTest, MqttKeepsTheStateOfReceivers) {
+    Broker broker(folder_);
+    broker.start();
+    Store store(store_path(), Access::WRITE);
+    const std::string port = std::to_string(broker.port);
+    const auto retained = [&](const std::string& topic) {
+        const auto got =
+            run_process({"/usr/bin/mosquitto_sub", "-h", "127.0.0.1", "-p", port, "-t", topic, "-C", "1", "-W", "1"})
+                .out;
+        return got.substr(0, got.find('\n'));
+    };
+    const auto publish = [&](const std::string& topic, const std::string& text) {
+        run_process({"/usr/bin/mosquitto_pub", "-h", "127.0.0.1", "-p", port, "-t", topic, "-r", "-m", text});
+    };
+    store.add({"lf", utc_now() - 1000, -20, -60, 60, 0, 1, 0});
+    store.add({"mf", utc_now() - 1000, -20, -60, 60, 0, 1, 0});
+    store.add({"lf", utc_now(), -30.5, std::nullopt, 59.5, 0.5, 1.25, 3});
+    {
+        const Outbox outbox(store_path(),
+                            config("type = \"mqtt\"\nhost = \"127.0.0.1\"\nport = " + port + "\ndiscovery = \"ha\"\n"),
+                            KEEPER);
+        ASSERT_TRUE(eventually([&] { return !retained("orvel/DL1QXA/lf/state").empty(); }));
+        const auto state = nlohmann::json::parse(retained("orvel/DL1QXA/lf/state"));
+        EXPECT_EQ(state["level_db"], -30.5);
+        EXPECT_TRUE(state["noise_db"].is_null());
+        EXPECT_EQ(state["clipped"], 3);
+        EXPECT_EQ(retained("orvel/DL1QXA/mf/state"), "") << "of long ago";
+        const std::string found = retained("ha/device/orvel-DL1QXA/config");
+        EXPECT_EQ(nlohmann::json::parse(found)["cmps"].size(), 3u) << found;
+        publish("ha/device/orvel-DL1QXA/config", "gone");
+        publish("ha/status", "online");
+        EXPECT_TRUE(eventually([&] { return retained("ha/device/orvel-DL1QXA/config") == found; }));
+    }
+    EXPECT_EQ(retained("orvel/DL1QXA/status"), "offline");
 }
 
 TEST_F(OutputTest, EveryTypeHasItsOwnName) {
