@@ -7,16 +7,21 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "base/interrupts.h"
 #include "process.h"
+#include "receivers/receiver_process.h"
 #include "service/notify.h"
 #include "service/station.h"
 #include "sound_server.h"
@@ -71,6 +76,10 @@ status() { printf '{"type":"status","utc":"2026-03-01T12:%02d:00.00Z","rate":120
         if (station_ == 0) {
             const int errors = ::creat(path("errors").c_str(), 0644);
             ::dup2(errors, STDERR_FILENO);
+            struct stat end {};
+            ::fstat(errors, &end);
+            const std::string stream = std::to_string(end.st_dev) + ":" + std::to_string(end.st_ino);
+            ::setenv("JOURNAL_STREAM", stream.c_str(), 1);
             int status = 3;
             try {
                 status = run_station(path("station.toml"), path("orvel"));
@@ -182,6 +191,100 @@ TEST_F(StationTest, ReadsItsConfigurationAgain) {
     std::string second;
     std::getline(pids, first);
     EXPECT_FALSE(std::getline(pids, second)) << "it was started once";
+}
+
+TEST_F(StationTest, MarksItsLinesForTheJournal) {
+    play("echo 'orvel: a word' >&2; exec sleep 1000");
+    configure({"lf"});
+    start();
+    EXPECT_TRUE(eventually([&] { return errors().find("<4>orvel: receiver 'lf': a word\n") != std::string::npos; }));
+    ::kill(station_, SIGHUP);
+    EXPECT_TRUE(eventually([&] { return errors().find("is in force\n") != std::string::npos; }));
+    EXPECT_NE(errors().find("<5>orvel: '" + path("station.toml")), std::string::npos) << errors();
+    write("station.toml", "");
+    ::kill(station_, SIGHUP);
+    EXPECT_TRUE(eventually([&] { return errors().find("<3>orvel: ") != std::string::npos; })) << errors();
+    EXPECT_EQ(end(), 0);
+}
+
+// ---- One receiver
+// -----------------------------------------------------------------------------------------------------
+
+class ReceiverTest : public StationTest {
+  protected:
+    static constexpr ReceiverProcess::Limits SHORT = {
+        .silence_s = 0.3, .ending_s = 0.2, .first_pause_s = 0.02, .longest_pause_s = 0.05, .steady_s = 120};
+
+    ReceiverProcess receiver(std::vector<Hours> hours = {}, ReceiverProcess::Limits limits = SHORT) const {
+        return {ReceiverConfig{"lf", "x", {"--receiver", "lf=x"}, std::move(hours)}, path("orvel"), limits};
+    }
+    // Looks after a receiver until something holds.
+    bool until(ReceiverProcess& one, double utc, const std::function<bool()>& holds, bool source_is_free = true) {
+        return eventually([&] {
+            one.step(monotonic_now(), utc, source_is_free);
+            one.read({[&](const Spot& spot) { heard_.push_back(spot); }, [](const ReceiverMinute&) {}},
+                     monotonic_now());
+            return holds();
+        });
+    }
+    int lines_in(const std::string& name) const {
+        std::ifstream file(folder_ / name);
+        return static_cast<int>(std::count(std::istreambuf_iterator<char>(file), {}, '\n'));
+    }
+    std::vector<Spot> heard_;
+};
+
+using State = ReceiverProcess::State;
+
+// It says nothing new and does not want to end.
+TEST_F(ReceiverTest, ThatHangsIsEndedAndStartedAgain) {
+    play("trap '' TERM; echo $$ >> '" + path("starts") + "'; status 1; while :; do status 1; sleep 0.02; done");
+    testing::internal::CaptureStderr();
+    {
+        ReceiverProcess one = receiver();
+        EXPECT_TRUE(until(one, 0, [&] { return lines_in("starts") == 3; }));
+    }
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_NE(said.find("receiver 'lf': no sample for 0.3 s, starting it again"), std::string::npos) << said;
+}
+
+TEST_F(ReceiverTest, ThatHearsIsLeftAlone) {
+    play("echo $$ >> '" + path("starts") +
+         "'; for ((n = 1; n < 60; n++)); do status $n; sleep 0.02; done; exec sleep 9");
+    ReceiverProcess one = receiver();
+    const double start = monotonic_now();
+    EXPECT_TRUE(until(one, 0, [&] { return monotonic_now() > start + 1; }));
+    EXPECT_EQ(lines_in("starts"), 1);
+    EXPECT_EQ(one.state(), State::RUNNING);
+    EXPECT_TRUE(one.is_looked_after(monotonic_now()));
+    EXPECT_FALSE(one.is_looked_after(monotonic_now() + 1000)) << "nobody stepped for so long";
+}
+
+// A frame that began within its hours is heard to its end, and so is what it decodes when it is asked to end.
+TEST_F(ReceiverTest, LosesNoFrameWhenItsHoursEnd) {
+    play("trap 'spot 2; exit 0' TERM; spot 1; while :; do sleep 0.02; done");
+    const double noon = 86400.0 * 20000 + 12 * 3600;
+    ReceiverProcess one = receiver({{11 * 60, 12 * 60}}, {});
+    EXPECT_TRUE(until(one, noon - 3601, [&] { return one.state() == State::OFF; }));
+    EXPECT_TRUE(until(one, noon - 3600, [&] { return heard_.size() == 1; }));
+    EXPECT_TRUE(until(one, noon + 42, [&] { return one.state() == State::RUNNING; }))
+        << "the longest frame takes 41.1 s";
+    EXPECT_TRUE(until(one, noon + 106, [&] { return one.stopped(); }));
+    EXPECT_EQ(heard_.size(), 2u);
+    EXPECT_TRUE(until(one, noon + 107, [&] { return one.state() == State::OFF; }));
+}
+
+TEST_F(ReceiverTest, TellsWhatItMissesWhileAnotherHasItsSource) {
+    play("exec sleep 1000");
+    testing::internal::CaptureStderr();
+    ReceiverProcess one = receiver();
+    EXPECT_TRUE(until(
+        one, 0, [&] { return one.state() == State::WAITING; }, false));
+    EXPECT_TRUE(until(
+        one, 0, [&] { return one.state() == State::WAITING; }, false));
+    EXPECT_TRUE(until(one, 0, [&] { return one.state() == State::RUNNING; }));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "orvel: receiver 'lf': waits until its source is free; frames that have begun by then are lost\n");
 }
 
 TEST_F(StationTest, ChildrenEndWhenItIsKilled) {
