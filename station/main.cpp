@@ -9,6 +9,7 @@
 #include "base/console.h"
 #include "base/error.h"
 #include "liborvel.h"
+#include "service/doctor.h"
 #include "service/station.h"
 #include "spots_command.h"
 
@@ -35,6 +36,9 @@ int run_command(int argc, char** argv) {
     CLI::App* check = app.add_subcommand("check", "Print every mistake of a configuration, with its line and column");
     check->add_option("FILE", file, "Configuration")->required();
     check->callback([&] { status = check_station(file) ? EXIT_SUCCESS : EXIT_USAGE; });
+    CLI::App* doctor = app.add_subcommand("doctor", "Look after receivers, clock, disk and outputs: a line each");
+    doctor->add_option("FILE", file, "Configuration")->required();
+    doctor->callback([&] { status = examine_station(file, orvel_command()) ? EXIT_SUCCESS : EXIT_FAILURE; });
     add_spots(app, status);
 
     try {

@@ -9,6 +9,7 @@
 //     DISCOVERY/device/ID/config      what Home Assistant shows; again when it says in DISCOVERY/status that it is new
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <map>
@@ -50,43 +51,13 @@ class MqttOutput : public Output {
           port_(static_cast<int>(values.number("port", values.has("ca_file") ? TLS_PORT : PORT))),
           base_(values.text("prefix", "orvel") + "/" + topic_word(keeper.callsign)),
           discovery_(values.text("discovery")),
-          keeper_(std::move(keeper)) {
+          keeper_(std::move(keeper)),
+          values_(values) {
         require_library();
-        const std::string id = values.text("client_id", "orvel-" + topic_word(keeper_.callsign));
-        client_.reset(mosquitto_new(id.c_str(), true, this));
-        if (!client_) throw UsageError("mqtt: a client cannot be made as '" + id + "'");
-        mosquitto_int_option(client_.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
-        if (values.has("user")) {
-            const std::string password = values.text("password");
-            require(mosquitto_username_pw_set(client_.get(), values.text("user").c_str(), password.c_str()), "mqtt");
-        }
-        if (values.has("ca_file")) {
-            require(
-                mosquitto_tls_set(client_.get(), values.text("ca_file").c_str(), nullptr, nullptr, nullptr, nullptr),
-                "mqtt: ca_file");
-        }
+        client_ = make_client(values_.text("client_id", "orvel-" + topic_word(keeper_.callsign)));
         const std::string offline = "offline";
         mosquitto_will_set_v5(client_.get(), topic("status").c_str(), static_cast<int>(offline.size()), offline.data(),
                               QOS, true, nullptr);
-        mosquitto_connect_v5_callback_set(client_.get(),
-                                          [](mosquitto*, void* self, int code, int, const mosquitto_property*) {
-                                              static_cast<MqttOutput*>(self)->answer_ = code;
-                                          });
-        mosquitto_disconnect_v5_callback_set(client_.get(), [](mosquitto*, void* self, int, const mosquitto_property*) {
-            static_cast<MqttOutput*>(self)->connected_ = false;
-        });
-        mosquitto_message_v5_callback_set(
-            client_.get(), [](mosquitto*, void* self, const mosquitto_message* message, const mosquitto_property*) {
-                const std::string_view text(static_cast<const char*>(message->payload),
-                                            static_cast<std::size_t>(message->payloadlen));
-                static_cast<MqttOutput*>(self)->is_asked_ = text == "online";
-            });
-        mosquitto_publish_v5_callback_set(client_.get(),
-                                          [](mosquitto*, void* self, int message, int code, const mosquitto_property*) {
-                                              auto& confirmed = static_cast<MqttOutput*>(self)->confirmed_;
-                                              if (const auto found = confirmed.find(message); found != confirmed.end())
-                                                  found->second = code < 128;
-                                          });
     }
     MqttOutput(const MqttOutput&) = delete;
     MqttOutput& operator=(const MqttOutput&) = delete;
@@ -128,6 +99,13 @@ class MqttOutput : public Output {
         return static_cast<std::size_t>(missing - messages.begin());
     }
 
+    // Under another name: two clients of one name push each other out.
+    void check() override {
+        client_ = make_client("orvel-doctor-" + std::to_string(getpid()));
+        reach();
+        mosquitto_disconnect(client_.get());
+    }
+
     bool wants_minutes() const override { return true; }
 
     void take(const ReceiverMinute& minute) override {
@@ -155,6 +133,43 @@ class MqttOutput : public Output {
         void operator()(mosquitto* client) const noexcept { mosquitto_destroy(client); }
     };
 
+    using Client = std::unique_ptr<mosquitto, Destroy>;
+
+    Client make_client(const std::string& id) {
+        Client client(mosquitto_new(id.c_str(), true, this));
+        if (!client) throw UsageError("mqtt: a client cannot be made as '" + id + "'");
+        mosquitto_int_option(client.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+        if (values_.has("user")) {
+            const std::string password = values_.text("password");
+            require(mosquitto_username_pw_set(client.get(), values_.text("user").c_str(), password.c_str()), "mqtt");
+        }
+        if (values_.has("ca_file")) {
+            require(
+                mosquitto_tls_set(client.get(), values_.text("ca_file").c_str(), nullptr, nullptr, nullptr, nullptr),
+                "mqtt: ca_file");
+        }
+        mosquitto_connect_v5_callback_set(client.get(),
+                                          [](mosquitto*, void* self, int code, int, const mosquitto_property*) {
+                                              static_cast<MqttOutput*>(self)->answer_ = code;
+                                          });
+        mosquitto_disconnect_v5_callback_set(client.get(), [](mosquitto*, void* self, int, const mosquitto_property*) {
+            static_cast<MqttOutput*>(self)->connected_ = false;
+        });
+        mosquitto_message_v5_callback_set(
+            client.get(), [](mosquitto*, void* self, const mosquitto_message* message, const mosquitto_property*) {
+                const std::string_view text(static_cast<const char*>(message->payload),
+                                            static_cast<std::size_t>(message->payloadlen));
+                static_cast<MqttOutput*>(self)->is_asked_ = text == "online";
+            });
+        mosquitto_publish_v5_callback_set(client.get(),
+                                          [](mosquitto*, void* self, int message, int code, const mosquitto_property*) {
+                                              auto& confirmed = static_cast<MqttOutput*>(self)->confirmed_;
+                                              if (const auto found = confirmed.find(message); found != confirmed.end())
+                                                  found->second = code < 128;
+                                          });
+        return client;
+    }
+
     // Slashes and wildcards would make other topics.
     static std::string topic_word(std::string text) {
         std::ranges::replace_if(
@@ -173,8 +188,7 @@ class MqttOutput : public Output {
         throw IoError("'" + host_ + "': " + reason);
     }
 
-    void connect() {
-        if (connected_) return;
+    void reach() {
         answer_ = -1;
         int result = mosquitto_connect_bind_v5(client_.get(), host_.c_str(), port_, KEEP_ALIVE_S, nullptr, nullptr);
         const double end = monotonic_now() + CONNECT_S;
@@ -184,6 +198,11 @@ class MqttOutput : public Output {
         if (result != MOSQ_ERR_SUCCESS) fail(mosquitto_strerror(result));
         if (answer_ < 0) fail("no answer");
         if (answer_ > 0) fail(mosquitto_reason_string(answer_));
+    }
+
+    void connect() {
+        if (connected_) return;
+        reach();
         connected_ = true;
         publish(topic("status"), "online", true);
         if (discovery_.empty()) return;
@@ -252,7 +271,8 @@ class MqttOutput : public Output {
     int port_;
     std::string base_, discovery_;
     Keeper keeper_;
-    std::unique_ptr<mosquitto, Destroy> client_;
+    Values values_;
+    Client client_;
     std::set<std::string> receivers_;
     bool connected_ = false;
     bool is_asked_ = false;          // for discovery

@@ -86,6 +86,13 @@ class WebhookOutput : public Output {
         return spots.size();
     }
 
+    void check() override {
+        set(CURLOPT_CONNECT_ONLY, 1L);
+        const CURLcode result = curl_easy_perform(curl_.get());
+        set(CURLOPT_CONNECT_ONLY, 0L);
+        if (result != CURLE_OK) fail(curl_easy_strerror(result));
+    }
+
   private:
     struct Cleanup {
         void operator()(CURL* curl) const noexcept { curl_easy_cleanup(curl); }

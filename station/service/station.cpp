@@ -39,18 +39,6 @@ extern "C" void note_reload(int) {
     reload_flag = 1;
 }
 
-// Throws UsageError for the first mistake, after all have been printed.
-Config read_or_refuse(const std::string& path) {
-    std::vector<Mistake> mistakes;
-    const std::vector<OutputKind> kinds = output_kinds();
-    Config config = read_config(path, kinds, mistakes);
-    for (const Mistake& mistake : mistakes) {
-        print_error(format("%s:%u:%u: %s", path.c_str(), mistake.line, mistake.column, mistake.text.c_str()));
-    }
-    if (!mistakes.empty()) throw UsageError("'" + path + "' has mistakes");
-    return config;
-}
-
 class Station {
   public:
     Station(std::string config_path, std::string program)
@@ -223,9 +211,7 @@ class Station {
     }
 
     void add_output(const OutputConfig& output) {
-        const Keeper keeper{config_.station.text("callsign"), config_.station.text("locator"),
-                            config_.station.text("antenna")};
-        outboxes_.push_back(std::make_unique<Outbox>(config_.store.text("path"), output, keeper));
+        outboxes_.push_back(std::make_unique<Outbox>(config_.store.text("path"), output, keeper_of(config_)));
     }
 
     void add_receiver(const ReceiverConfig& receiver) {
@@ -268,6 +254,21 @@ class Station {
 
 }  // namespace
 
+Config read_or_refuse(const std::string& path) {
+    std::vector<Mistake> mistakes;
+    const std::vector<OutputKind> kinds = output_kinds();
+    Config config = read_config(path, kinds, mistakes);
+    for (const Mistake& mistake : mistakes) {
+        print_error(format("%s:%u:%u: %s", path.c_str(), mistake.line, mistake.column, mistake.text.c_str()));
+    }
+    if (!mistakes.empty()) throw UsageError("'" + path + "' has mistakes");
+    return config;
+}
+
+Keeper keeper_of(const Config& config) {
+    return {config.station.text("callsign"), config.station.text("locator"), config.station.text("antenna")};
+}
+
 int run_station(const std::string& config_path, const std::string& program) {
     watch_interrupts();
     struct sigaction action {};
@@ -279,8 +280,7 @@ int run_station(const std::string& config_path, const std::string& program) {
 bool check_station(const std::string& config_path) {
     try {
         const Config config = read_or_refuse(config_path);
-        const Keeper keeper{config.station.text("callsign"), config.station.text("locator"), ""};
-        for (const OutputConfig& output : config.outputs) make_output(output, keeper);
+        for (const OutputConfig& output : config.outputs) make_output(output, keeper_of(config));
     } catch (const UsageError& error) {
         print_error(error.what());
         return false;

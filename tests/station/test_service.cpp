@@ -15,13 +15,17 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "base/error.h"
 #include "base/interrupts.h"
+#include "base/parse.h"
 #include "process.h"
 #include "receivers/receiver_process.h"
+#include "service/doctor.h"
 #include "service/notify.h"
 #include "service/station.h"
 #include "sound_server.h"
@@ -109,6 +113,15 @@ status() { printf '{"type":"status","utc":"2026-03-01T12:%02d:00.00Z","rate":120
         } catch (const std::exception&) {  // not yet there
         }
         return all;
+    }
+    std::vector<std::string> mistakes_of(const std::string& text) const {
+        write("some.toml", text);
+        std::vector<Mistake> mistakes;
+        const std::vector<OutputKind> kinds = output_kinds();
+        read_config(path("some.toml"), kinds, mistakes);
+        std::vector<std::string> texts;
+        for (const Mistake& mistake : mistakes) texts.push_back(mistake.text);
+        return texts;
     }
     std::string errors() const {
         std::ifstream file(folder_ / "errors");
@@ -207,8 +220,29 @@ TEST_F(StationTest, MarksItsLinesForTheJournal) {
     EXPECT_EQ(end(), 0);
 }
 
-// ---- One receiver
-// -----------------------------------------------------------------------------------------------------
+TEST_F(StationTest, DoctorSaysHowAllIs) {
+    play(R"(case $RX in fine) for ((n = 1; n < 60; n++)); do status $n; sleep 0.1; done;; esac
+        echo 'orvel: no such device' >&2; exit 1)");
+    const std::string outputs = "[[output]]\ntype = \"file\"\npath = \"" + path("log") +
+                                "\"\n[[output]]\ntype = \"file\"\nname = \"nowhere\"\npath = \"" + path("none/log") +
+                                "\"\n";
+    configure({"fine", "dead"}, outputs);
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(examine_station(path("station.toml"), path("orvel")));
+    const std::string said = testing::internal::GetCapturedStdout();
+    for (const std::string& line :
+         {std::string("note  receiver 'fine': 12000 Hz, level -30.0 dB, but 1.5 s were lost\n"),
+          std::string("bad   receiver 'dead': no such device\n"), std::string("  clock: "),
+          "  store '" + path("spots.db") + "': ", std::string("ok    output 'file': file\n"),
+          "bad   output 'nowhere': cannot write '" + path("none/log")}) {
+        EXPECT_NE(said.find(line), std::string::npos) << line << said;
+    }
+    EXPECT_FALSE(fs::exists(path("spots.db"))) << "it only looks";
+    write("station.toml", "");
+    EXPECT_THROW(examine_station(path("station.toml"), path("orvel")), UsageError);
+}
+
+// ---- One receiver ---------------------------------------------------------------------------------------------------
 
 class ReceiverTest : public StationTest {
   protected:
@@ -285,6 +319,43 @@ TEST_F(ReceiverTest, TellsWhatItMissesWhileAnotherHasItsSource) {
     EXPECT_TRUE(until(one, 0, [&] { return one.state() == State::RUNNING; }));
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "orvel: receiver 'lf': waits until its source is free; frames that have begun by then are lost\n");
+}
+
+// The example as it is, and with all that it only mentions: each key of each table is in it.
+TEST_F(StationTest, ExampleShowsAllThatAConfigurationMayHold) {
+    std::ifstream file(ORVEL_EXAMPLE);
+    const std::string example{std::istreambuf_iterator<char>(file), {}};
+    ASSERT_FALSE(example.empty());
+    EXPECT_EQ(mistakes_of(example), std::vector<std::string>{});
+    std::string whole;
+    std::set<std::string> names;
+    for (const std::string& line : ::lines_of(example)) {
+        const bool is_setting = line.starts_with("#") && !line.starts_with("# ") && line != "#";
+        whole += (is_setting ? line.substr(1) : line) + "\n";
+        const std::string text = is_setting ? line.substr(1) : line;
+        if (text.find(" = ") != std::string::npos) names.insert(text.substr(0, text.find(' ')));
+    }
+    EXPECT_EQ(mistakes_of(whole), std::vector<std::string>{});
+
+    // Each table says which keys it knows when it gets one that it does not.
+    std::vector<std::string> tables = {
+        "[station]\nnone = 1\n[store]\nnone = 1\n[web]\nnone = 1\n[[receiver]]\nnone = 1\n"};
+    for (const OutputType& type : output_types()) {
+        tables.push_back("[[output]]\nnone = 1\ntype = \"" + std::string(type.kind.type) + "\"\n");
+        EXPECT_NE(whole.find("type = \"" + std::string(type.kind.type) + "\""), std::string::npos) << type.kind.type;
+    }
+    int keys = 0;
+    for (const std::string& table : tables) {
+        for (const std::string& mistake : mistakes_of(table)) {
+            const std::size_t list = mistake.find("'none' is not one of ");
+            if (list == std::string::npos) continue;
+            for (const std::string& key : split_list(mistake.substr(list + 21))) {
+                EXPECT_TRUE(names.contains(key)) << mistake;
+                keys++;
+            }
+        }
+    }
+    EXPECT_GT(keys, 50);
 }
 
 TEST_F(StationTest, ChildrenEndWhenItIsKilled) {
