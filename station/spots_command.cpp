@@ -1,8 +1,11 @@
 #include "spots_command.h"
 
+#include <algorithm>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/console.h"
 #include "base/error.h"
@@ -10,6 +13,7 @@
 #include "base/parse.h"
 #include "base/text.h"
 #include "base/utc.h"
+#include "pictures/history.h"
 #include "protocol.h"
 #include "spots/spot_table.h"
 #include "spots_options.h"
@@ -62,9 +66,43 @@ std::string line_of(const SpotsOptions& options, const StoredSpot& stored) {
     return json_line(line);
 }
 
+// The newest of more would hide the others.
+constexpr std::size_t MOST_POINTS = 1'000'000;
+
+void write_file(const std::string& path, const std::string& bytes) {
+    std::ofstream file(path, std::ios::binary);
+    file << bytes;
+    if (!file.flush()) throw IoError("cannot write '" + path + "'");
+}
+
+// Of radio frequencies where all are known.
+int plot(const SpotsOptions& options, Store& store, SpotFilter filter) {
+    const auto picture = picture_format(options.plot);
+    if (!picture) throw UsageError("--plot: '" + options.plot + "' is neither PNG, SVG nor PDF");
+    if (!filter.newest) filter.newest = MOST_POINTS;
+    std::vector<Spot> found;
+    store.query(filter, [&](const StoredSpot& stored) {
+        found.push_back(stored.spot);
+        return true;
+    });
+    if (found.empty()) throw IoError("there are no such spots");
+    const bool on_air = std::ranges::all_of(found, [](const Spot& spot) { return spot.rf_hz.has_value(); });
+    std::vector<HistoryPoint> points;
+    points.reserve(found.size());
+    for (const Spot& spot : found) {
+        points.push_back({spot.start, spot.snr_db, on_air ? *spot.rf_hz : spot.freq_hz, spot.deep});
+    }
+    PictureLayout layout;
+    layout.format = *picture;
+    layout.title = options.call.empty() ? "All spots" : upper_case(options.call);
+    write_file(options.plot, draw_history(layout, points));
+    return EXIT_SUCCESS;
+}
+
 int spots(const SpotsOptions& options) {
     const SpotFilter filter = filter_of(options);
     Store store(options.store, Database::Access::READ);
+    if (!options.plot.empty()) return plot(options, store, filter);
     if (options.adif) print(adif_header());
     if (options.csv) print(spot_csv_names({}, COLUMNS));
     if (!options.json && !options.csv && !options.adif) print(spot_header(format("%22s", "UTC"), true));

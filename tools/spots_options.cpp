@@ -13,6 +13,12 @@ CLI::App* add_spots_options(CLI::App& app, SpotsOptions& options) {
     CLI::Option* const json = sub->add_flag("--json", options.json, "Print one JSON object per line");
     CLI::Option* const csv =
         sub->add_flag("--csv", options.csv, "Print comma-separated values, their names first")->excludes(json);
-    sub->add_flag("--adif", options.adif, "Print ADIF, for logbooks")->excludes(json)->excludes(csv);
+    CLI::Option* const adif =
+        sub->add_flag("--adif", options.adif, "Print ADIF, for logbooks")->excludes(json)->excludes(csv);
+    sub->add_option("--plot", options.plot, "Draw SNR and frequency over time instead: PNG, SVG or PDF")
+        ->type_name("FILE")
+        ->excludes(json)
+        ->excludes(csv)
+        ->excludes(adif);
     return sub;
 }

@@ -9,7 +9,7 @@
 // As typed.
 struct SpotsOptions {
     std::string store = "/var/lib/orvel/spots.db";
-    std::string call, receiver, protocol, from, until, band;
+    std::string call, receiver, protocol, from, until, band, plot;
     std::size_t newest = 0;
     bool json = false, csv = false, adif = false;
 };

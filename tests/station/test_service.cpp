@@ -410,6 +410,14 @@ TEST_F(StationTest, CommandsCheckAndList) {
               "<APP_ORVEL_PROTOCOL:7>ORVEL L<FREQ:8>0.137501<BAND:5>2190m<GRIDSQUARE:4>JO62<APP_ORVEL_SNR:5>-21.4"
               "<APP_ORVEL_DRIFT:6>0.0000<APP_ORVEL_RX:2>lf<SWL:1>Y<EOR>\n");
     EXPECT_EQ(list({"--from", "yesterday"}).status, 2);
+    EXPECT_EQ(list({"--call", "K2QRX", "--plot", path("x.svg")}).status, 0);
+    std::ifstream picture(path("x.svg"));
+    const std::string drawn{std::istreambuf_iterator<char>(picture), {}};
+    EXPECT_NE(drawn.find("Hz above 137501"), std::string::npos);
+    EXPECT_NE(drawn.find("K2QRX"), std::string::npos);
+    EXPECT_EQ(list({"--plot", path("x.txt")}).status, 2);
+    EXPECT_EQ(list({"--plot", path("none/x.png")}).status, 1);
+    EXPECT_EQ(list({"--call", "NONE", "--plot", path("x.png")}).status, 1);
     EXPECT_EQ(run_process({ORVEL_STATION, "spots", "--store", path("none")}).status, 1);
 }
 
