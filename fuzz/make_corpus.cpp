@@ -447,6 +447,10 @@ void samples() {
 // What stations read: their configuration, and their receivers' lines.
 void stations() {
     Seed()
+        .text("orvel", 20)
+        .rest(std::string_view("\xad\xbc\xcb\xda\0\0\0\2\0\0\0\7\0\0\0\5orvel", 21))
+        .save("replies", "replay");
+    Seed()
         .rest(
             "[station]\n"
             "callsign = \"DL1QXA\"\n"

@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -41,4 +42,11 @@ void Datagrams::open() {
 bool Datagrams::send(const std::string& bytes) const {
     return sendto(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address_),
                   address_size_) >= 0;
+}
+
+std::optional<std::string> Datagrams::receive() const {
+    std::array<char, 2048> block{};
+    const ssize_t got = recv(socket_, block.data(), block.size(), 0);
+    if (got < 0) return std::nullopt;
+    return std::string(block.data(), static_cast<std::size_t>(got));
 }

@@ -3,6 +3,7 @@
 
 #include <sys/socket.h>
 
+#include <optional>
 #include <string>
 
 class Datagrams {
@@ -18,6 +19,9 @@ class Datagrams {
 
     // Hands one to the system. False when it could not take it.
     bool send(const std::string& bytes) const;
+
+    // One that came back; nothing when there is none.
+    std::optional<std::string> receive() const;
 
     bool is_open() const { return socket_ >= 0; }
 

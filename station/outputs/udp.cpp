@@ -2,12 +2,15 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <deque>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "base/interrupts.h"
 #include "outputs/datagrams.h"
 #include "outputs/types.h"
+#include "outputs/udp_request.h"
 
 namespace {
 
@@ -18,7 +21,11 @@ constexpr double HEARTBEAT_S = 15;
 constexpr double DAY_S = 86400;
 constexpr double NO_SNR_DB = -99;  // there is no null
 
-enum class Type : uint32_t { HEARTBEAT = 0, DECODE = 2, CLOSE = 6, REPLAY = 7 };
+constexpr uint32_t NONE = 0xffffffff;  // a number that does not apply
+constexpr std::size_t REPEATED = 200;  // spots, when somebody asks
+constexpr int MOST_REQUESTS = 20;      // at a time
+
+enum class Type : uint32_t { HEARTBEAT = 0, STATUS = 1, DECODE = 2, CLOSE = 6, REPLAY = 7 };
 
 class Message {
   public:
@@ -64,12 +71,34 @@ Message decode_message(const std::string& id, const Spot& spot, bool is_new) {
     return message;
 }
 
+// Of a receiver that has neither dial nor partner: most of it does not apply.
+Message status_message(const std::string& id, const Keeper& keeper) {
+    Message message(Type::STATUS, id);
+    for (int k = 0; k < 2; k++) message.add(uint32_t{0});        // dial, 8 bytes
+    for (int k = 0; k < 4; k++) message.add("");                 // mode, DX call, report, mode of transmission
+    for (const bool is : {false, false, true}) message.add(is);  // may transmit, transmits, decodes
+    for (int k = 0; k < 2; k++) message.add(uint32_t{0});        // audio frequencies
+    message.add(keeper.callsign);
+    message.add(keeper.locator);
+    message.add("");     // DX locator
+    message.add(false);  // watchdog of the transmitter
+    message.add("");     // mode's variant
+    message.add(false);  // fast
+    message.add(false);  // special operation: 0, a byte
+    message.add(NONE);   // tolerance
+    message.add(NONE);   // period
+    message.add("");     // configuration
+    message.add("");     // message to send
+    return message;
+}
+
 class UdpOutput : public Output {
   public:
-    UdpOutput(const Values& values, const Keeper&)
+    UdpOutput(const Values& values, Keeper keeper)
         : datagrams_(values.text("host"), static_cast<int>(values.number("port", PORT)),
                      static_cast<int>(values.number("ttl", 1))),
-          id_(values.text("name", "orvel")) {}
+          id_(values.text("name", "orvel")),
+          keeper_(std::move(keeper)) {}
     UdpOutput(const UdpOutput&) = delete;
     UdpOutput& operator=(const UdpOutput&) = delete;
     ~UdpOutput() override {
@@ -79,14 +108,19 @@ class UdpOutput : public Output {
     // Datagrams that nobody listens for are gone: that is how they are.
     std::size_t send(std::span<const StoredSpot> spots) override {
         datagrams_.open();
-        for (const StoredSpot& stored : spots) transmit(decode_message(id_, stored.spot, true));
+        for (const StoredSpot& stored : spots) {
+            transmit(decode_message(id_, stored.spot, true));
+            sent_.push_back(stored.spot);
+            if (sent_.size() > REPEATED) sent_.pop_front();
+        }
         return spots.size();
     }
 
     void tick() override {
+        datagrams_.open();
+        answer();
         if (monotonic_now() < heartbeat_at_) return;
         heartbeat_at_ = monotonic_now() + HEARTBEAT_S;
-        datagrams_.open();
         Message message(Type::HEARTBEAT, id_);
         message.add(SCHEMA);
         message.add(ovl_version());
@@ -95,14 +129,42 @@ class UdpOutput : public Output {
     }
 
   private:
+    // Once, however many ask.
+    void answer() const {
+        bool asked = false;
+        for (int k = 0; k < MOST_REQUESTS; k++) {
+            const auto request = datagrams_.receive();
+            if (!request) break;
+            asked = asked || asks_for_replay(*request, id_);
+        }
+        if (!asked) return;
+        for (const Spot& spot : sent_) transmit(decode_message(id_, spot, false));
+        transmit(status_message(id_, keeper_));
+    }
+
     void transmit(const Message& message) const { datagrams_.send(message.bytes()); }
 
     Datagrams datagrams_;
     std::string id_;
+    Keeper keeper_;
+    std::deque<Spot> sent_;
     double heartbeat_at_ = 0;
 };
 
+uint32_t number_at(std::string_view bytes, std::size_t at) {
+    uint32_t number = 0;
+    for (std::size_t k = at; k < at + 4; k++) number = number << 8 | static_cast<unsigned char>(bytes[k]);
+    return number;
+}
+
 }  // namespace
+
+bool asks_for_replay(std::string_view bytes, std::string_view id) {
+    constexpr std::size_t HEAD_BYTES = 16;  // magic, schema, type, length of the name
+    if (bytes.size() < HEAD_BYTES || number_at(bytes, 0) != MAGIC) return false;
+    return number_at(bytes, 8) == static_cast<uint32_t>(Type::REPLAY) && number_at(bytes, 12) == id.size() &&
+           bytes.substr(HEAD_BYTES, id.size()) == id;
+}
 
 std::unique_ptr<Output> make_udp_output(const Values& values, const Keeper& keeper) {
     return std::make_unique<UdpOutput>(values, keeper);

@@ -27,6 +27,7 @@
 #include "outputs/output.h"
 #include "outputs/psk_reports.h"
 #include "outputs/telnet_server.h"
+#include "outputs/udp_request.h"
 #include "process.h"
 #include "sound_server.h"
 #include "tcp_server.h"
@@ -235,13 +236,20 @@ class Listener {
     ~Listener() { ::close(socket_); }
     std::string receive() const {
         std::array<char, 2048> block{};
-        const ssize_t got = ::recv(socket_, block.data(), block.size(), 0);
+        socklen_t size = sizeof from_;
+        const ssize_t got =
+            ::recvfrom(socket_, block.data(), block.size(), 0, reinterpret_cast<sockaddr*>(&from_), &size);
         return {block.data(), got > 0 ? static_cast<std::size_t>(got) : 0};
+    }
+    // To whoever sent the last one.
+    void reply(const std::string& bytes) const {
+        ::sendto(socket_, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&from_), sizeof from_);
     }
     int port = 0;
 
   private:
     int socket_;
+    mutable sockaddr_in from_{};
 };
 
 std::string hex(const std::string& bytes) {
@@ -276,6 +284,38 @@ TEST_F(OutputTest, UdpSendsTheMessagesOfItsProtocol) {
     EXPECT_EQ(hex(peer.receive()), head + "00000006" + id) << "goodbye";
     const auto nowhere = make_output(config("type = \"udp\"\nhost = \"no.such.host.invalid\"\n"), KEEPER);
     EXPECT_THROW(nowhere->tick(), IoError);
+}
+
+// ---- What comes back ------------------------------------------------------------------------------------------------
+
+TEST_F(OutputTest, UdpRepeatsWhatItHasSentToWhoAsks) {
+    const Listener peer;
+    const auto output =
+        make_output(config("type = \"udp\"\nhost = \"127.0.0.1\"\nport = " + std::to_string(peer.port) + "\n"), KEEPER);
+    output->tick();
+    peer.receive();  // hello
+    const std::vector<StoredSpot> spots = {{1, "one", 1, heard(0)}, {2, "two", 2, heard(1)}};
+    output->send(spots);
+    std::vector<std::string> sent = {peer.receive(), peer.receive()};
+    const std::string ask("\xad\xbc\xcb\xda\0\0\0\2\0\0\0\7\0\0\0\5orvel", 21);
+    peer.reply(ask);
+    peer.reply(ask);
+    output->tick();
+    for (std::string& message : sent) {
+        message[21] = '\0';  // not new
+        EXPECT_EQ(hex(peer.receive()), hex(message));
+    }
+    const std::string status = peer.receive();
+    // Head and name, dial, four texts, three flags, two numbers, call, locator; then as many bytes as there are here.
+    EXPECT_EQ(status.size(), 21u + 8 + 16 + 3 + 8 + 10 + 10 + (4 + 1 + 4 + 1 + 1 + 4 + 4 + 4 + 4));
+    EXPECT_EQ(hex(status.substr(0, 12)), "adbccbda0000000200000001");
+    EXPECT_NE(status.find("DL1QXA"), std::string::npos);
+    // Cut, of another name, of another type, or nothing.
+    for (std::size_t size = 0; size < ask.size(); size++) EXPECT_FALSE(asks_for_replay(ask.substr(0, size), "orvel"));
+    EXPECT_FALSE(asks_for_replay(ask, "other"));
+    EXPECT_FALSE(asks_for_replay(ask, "orve"));
+    EXPECT_FALSE(asks_for_replay(std::string(ask).replace(11, 1, 1, '\10'), "orvel"));
+    EXPECT_TRUE(asks_for_replay(ask + "more", "orvel"));
 }
 
 // ---- PSK Reporter ---------------------------------------------------------------------------------------------------
