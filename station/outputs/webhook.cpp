@@ -138,7 +138,8 @@ class WebhookOutput : public Output {
     [[noreturn]] void fail(const std::string& reason) const {
         const std::size_t begin = url_.find("//") + 2;
         const std::string host = url_.substr(begin, url_.find_first_of("/?#", begin) - begin);
-        throw IoError("'" + host.substr(host.rfind('@') + 1) + "': " + reason);
+        const std::size_t user = host.rfind('@');
+        throw IoError("'" + (user == std::string::npos ? host : host.substr(user + 1)) + "': " + reason);
     }
 
     [[noreturn]] void refuse(long status) {
