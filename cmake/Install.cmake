@@ -1,6 +1,6 @@
 # Where everything goes: cmake --install for a prefix, from which debian/ makes packages.
 #
-# The components are `library` for programs that run, `development` for those that are built, `command`, and
+# The components are `library` for programs that run, `development` for those that are built, `command`, `station`, and
 # `documents`.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -64,4 +64,14 @@ if(ORVEL_BUILD_TOOLS)
     install(FILES ${completions}/_orvel DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions COMPONENT command)
     install(FILES ${completions}/orvel.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d
             COMPONENT command)
+endif()
+
+# ---- The station ----------------------------------------------------------------------------------------------------
+
+if(TARGET orvel-station)
+    install(TARGETS orvel-station RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT station)
+    install(FILES station/install/station.toml DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/orvel-station/examples
+            COMPONENT station)
+    install(FILES station/install/orvel-station.service DESTINATION lib/systemd/system COMPONENT station)
+    install(FILES station/install/orvel-station.conf DESTINATION lib/sysusers.d COMPONENT station)
 endif()

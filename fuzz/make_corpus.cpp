@@ -444,6 +444,57 @@ void samples() {
     }
 }
 
+// What stations read: their configuration, and their receivers' lines.
+void stations() {
+    Seed()
+        .text("orvel", 20)
+        .rest(std::string_view("\xad\xbc\xcb\xda\0\0\0\2\0\0\0\7\0\0\0\5orvel", 21))
+        .save("replies", "replay");
+    Seed()
+        .rest(
+            "[station]\n"
+            "callsign = \"DL1QXA\"\n"
+            "locator = \"JO62\"\n"
+            "[store]\n"
+            "path = \"x\"\n"
+            "keep_days = 400\n"
+            "[web]\n"
+            "port = 8073\n"
+            "[[receiver]]\n"
+            "name = \"lf\"\n"
+            "source = \"\"\n"
+            "iq = true\n"
+            "dial = 137500\n"
+            "known = [\"K2QRX\"]\n"
+            "hours = [\"18:00-06:00\"]\n"
+            "[[output]]\n"
+            "type = \"one\"\n"
+            "text = \"x\"\n"
+            "number = 5\n"
+            "flag = true\n"
+            "texts = \"x\"\n")
+        .save("config", "whole");
+    Seed()
+        .rest(
+            "[station]\n"
+            "callsign = \"\"\n"
+            "[web]\n"
+            "port = 70000\n"
+            "[[receiver]]\n"
+            "name = \"l f\"\n"
+            "[[output]]\n"
+            "type = \"fax\"\n")
+        .save("config", "mistakes");
+    Seed()
+        .rest(
+            R"({"type":"spot","utc_start":"2026-03-01T12:00:00.00Z","utc_end":"2026-03-01T12:00:30.59Z","freq_hz":1500.0,"rf_hz":137500.0,"drift_hz_s":0.0,"snr_db":-20.0,"protocol":"OPERA 05","call":"K2QRX","locator":"","deep":false,"receiver":"lf"})")
+        .save("child_lines", "spot");
+    Seed()
+        .rest(
+            R"({"type":"status","utc":"2026-03-01T12:00:00.00Z","rate":12000,"level_db":-30.0,"peak_db":-10.0,"noise_db":-70.0,"clipped":0,"captured_s":60.0,"lost_s":1.5,"clock_error_ppm":null,"decode_s":0.5,"spots":1,"receiver":"lf"})")
+        .save("child_lines", "status");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -459,5 +510,6 @@ int main(int argc, char** argv) {
     command_line();
     servers();
     samples();
+    stations();
     return 0;
 }

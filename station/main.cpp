@@ -2,15 +2,14 @@
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <exception>
-#include <filesystem>
 #include <new>
 #include <string>
-#include <system_error>
 
 #include "base/child.h"
 #include "base/console.h"
 #include "base/error.h"
 #include "liborvel.h"
+#include "service/doctor.h"
 #include "service/station.h"
 #include "spots_command.h"
 
@@ -18,12 +17,8 @@ namespace {
 
 constexpr int EXIT_USAGE = 2;
 
-// The orvel command beside this program, or wherever a shell would find it.
 std::string orvel_command() {
-    std::error_code error;
-    const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
-    const std::string beside = find_program((self.parent_path() / "orvel").string());
-    std::string program = beside.empty() ? find_program("orvel") : beside;
+    std::string program = find_beside("orvel");
     if (program.empty()) throw IoError("the orvel command is not there");
     return program;
 }
@@ -41,6 +36,9 @@ int run_command(int argc, char** argv) {
     CLI::App* check = app.add_subcommand("check", "Print every mistake of a configuration, with its line and column");
     check->add_option("FILE", file, "Configuration")->required();
     check->callback([&] { status = check_station(file) ? EXIT_SUCCESS : EXIT_USAGE; });
+    CLI::App* doctor = app.add_subcommand("doctor", "Look after receivers, clock, disk and outputs: a line each");
+    doctor->add_option("FILE", file, "Configuration")->required();
+    doctor->callback([&] { status = examine_station(file, orvel_command()) ? EXIT_SUCCESS : EXIT_FAILURE; });
     add_spots(app, status);
 
     try {

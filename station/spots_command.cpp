@@ -1,8 +1,11 @@
 #include "spots_command.h"
 
+#include <algorithm>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/console.h"
 #include "base/error.h"
@@ -10,22 +13,16 @@
 #include "base/parse.h"
 #include "base/text.h"
 #include "base/utc.h"
+#include "pictures/history.h"
 #include "protocol.h"
 #include "spots/spot_table.h"
+#include "spots_options.h"
 #include "store/adif.h"
 #include "store/store.h"
 
 namespace {
 
 constexpr double DAY_S = 86400;
-
-// The command line, as typed.
-struct Options {
-    std::string store = "/var/lib/orvel/spots.db";
-    std::string call, receiver, protocol, from, until, band;
-    std::size_t newest = 0;
-    bool json = false, csv = false, adif = false;
-};
 
 double time_of(const std::string& option, const std::string& text) {
     if (const auto ago = parse_duration(text)) return utc_now() - *ago;
@@ -34,7 +31,7 @@ double time_of(const std::string& option, const std::string& text) {
     return *utc;
 }
 
-SpotFilter filter_of(const Options& options) {
+SpotFilter filter_of(const SpotsOptions& options) {
     SpotFilter filter{.call = options.call, .receiver = options.receiver};
     if (!options.protocol.empty()) {
         const ov_protocol* const protocol = ov_protocol_by_option(options.protocol);
@@ -57,7 +54,7 @@ SpotFilter filter_of(const Options& options) {
 
 constexpr SpotColumns COLUMNS = {.utc = true, .rf = true};
 
-std::string line_of(const Options& options, const StoredSpot& stored) {
+std::string line_of(const SpotsOptions& options, const StoredSpot& stored) {
     const Spot& spot = stored.spot;
     if (options.adif) return adif_record(stored);
     if (options.csv) return spot_csv(spot, COLUMNS);
@@ -69,9 +66,43 @@ std::string line_of(const Options& options, const StoredSpot& stored) {
     return json_line(line);
 }
 
-int spots(const Options& options) {
+// The newest of more would hide the others.
+constexpr std::size_t MOST_POINTS = 1'000'000;
+
+void write_file(const std::string& path, const std::string& bytes) {
+    std::ofstream file(path, std::ios::binary);
+    file << bytes;
+    if (!file.flush()) throw IoError("cannot write '" + path + "'");
+}
+
+// Of radio frequencies where all are known.
+int plot(const SpotsOptions& options, Store& store, SpotFilter filter) {
+    const auto picture = picture_format(options.plot);
+    if (!picture) throw UsageError("--plot: '" + options.plot + "' is neither PNG, SVG nor PDF");
+    if (!filter.newest) filter.newest = MOST_POINTS;
+    std::vector<Spot> found;
+    store.query(filter, [&](const StoredSpot& stored) {
+        found.push_back(stored.spot);
+        return true;
+    });
+    if (found.empty()) throw IoError("there are no such spots");
+    const bool on_air = std::ranges::all_of(found, [](const Spot& spot) { return spot.rf_hz.has_value(); });
+    std::vector<HistoryPoint> points;
+    points.reserve(found.size());
+    for (const Spot& spot : found) {
+        points.push_back({spot.start, spot.snr_db, on_air ? *spot.rf_hz : spot.freq_hz, spot.deep});
+    }
+    PictureLayout layout;
+    layout.format = *picture;
+    layout.title = options.call.empty() ? "All spots" : upper_case(options.call);
+    write_file(options.plot, draw_history(layout, points));
+    return EXIT_SUCCESS;
+}
+
+int spots(const SpotsOptions& options) {
     const SpotFilter filter = filter_of(options);
     Store store(options.store, Database::Access::READ);
+    if (!options.plot.empty()) return plot(options, store, filter);
     if (options.adif) print(adif_header());
     if (options.csv) print(spot_csv_names({}, COLUMNS));
     if (!options.json && !options.csv && !options.adif) print(spot_header(format("%22s", "UTC"), true));
@@ -85,19 +116,7 @@ int spots(const Options& options) {
 }  // namespace
 
 void add_spots(CLI::App& app, int& status) {
-    CLI::App* sub = app.add_subcommand("spots", "List what a station has heard");
-    const auto options = std::make_shared<Options>();
-    sub->add_option("--store", options->store, "The station's database [/var/lib/orvel/spots.db]");
-    sub->add_option("--call", options->call, "Callsign; * stands for any letters");
-    sub->add_option("--receiver", options->receiver, "Name of the receiver");
-    sub->add_option("--protocol", options->protocol, "One protocol");
-    sub->add_option("--from", options->from, "Earliest start, as 2026-03-01T12:00Z, 12:00 or 24h ago");
-    sub->add_option("--until", options->until, "Latest start");
-    sub->add_option("--band", options->band, "Radio frequencies, as 137400:137600 Hz");
-    sub->add_option("--newest", options->newest, "The latest so many");
-    CLI::Option* json = sub->add_flag("--json", options->json, "Print one JSON object per line");
-    CLI::Option* csv =
-        sub->add_flag("--csv", options->csv, "Print comma-separated values, their names first")->excludes(json);
-    sub->add_flag("--adif", options->adif, "Print ADIF, for logbooks")->excludes(json)->excludes(csv);
+    const auto options = std::make_shared<SpotsOptions>();
+    CLI::App* const sub = add_spots_options(app, *options);
     sub->callback([options, &status] { status = spots(*options); });
 }

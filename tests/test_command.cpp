@@ -553,6 +553,29 @@ TEST_F(Command, AMistypedSubcommandIsToldTheNearest) {
     EXPECT_TRUE(usage_error_with({"help", "lisen"}, {"did you mean 'listen'?"}));
 }
 
+// A program of its own takes the command's place, with the words that it was given.
+TEST_F(Command, StationsAreRunByTheirProgram) {
+    namespace fs = std::filesystem;
+    const fs::path alone = fs::path(path("alone"));
+    fs::create_directory(alone);
+    fs::copy_file(ORVEL_COMMAND, alone / "orvel");
+    const auto run = [&](Arguments words) {
+        words.insert(words.begin(), (alone / "orvel").string());
+        return run_process(words);
+    };
+    EXPECT_EQ(run({"spots"}).err, "orvel: orvel-station is not installed; it comes in a package of this name\n");
+    EXPECT_EQ(run({"spots"}).status, 1);
+    EXPECT_EQ(run({"station"}).status, 2);
+    std::ofstream(alone / "orvel-station") << "#!/bin/sh\nprintf '%s|' \"$@\"\nexit 7\n";
+    fs::permissions(alone / "orvel-station", fs::perms::owner_all);
+    EXPECT_EQ(run({"station", "run", "a b.toml", "--help"}).out, "run|a b.toml|--help|");
+    EXPECT_EQ(run({"station", "check", "x"}).status, 7);
+    EXPECT_EQ(run({"station", "--demo"}).out, "demo|");
+    EXPECT_EQ(run({"spots", "--newest", "3", "--json", "--call=K2*", "--store", "x y"}).out,
+              "spots|--store=x y|--call=K2*|--newest=3|--json|");
+    EXPECT_EQ(run({"spots", "--jsn"}).status, 2);
+}
+
 TEST_F(Command, HelpAndVersionAreAnsweredInEveryForm) {
     EXPECT_EQ(orvel({"help"}).out, orvel({"--help"}).out);
     EXPECT_EQ(orvel({"help", "decode"}).out, orvel({"decode", "--help"}).out);

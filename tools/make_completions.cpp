@@ -23,8 +23,9 @@ enum class Values {
     OTHER,  // no values to offer
     FILES,
     WORDS,  // one of some words
-    LIST,   // some of them, comma-separated
-    STEMS   // a word and what the user adds to it
+    WORDS_OR_FILES,
+    LIST,  // some of them, comma-separated
+    STEMS  // a word and what the user adds to it
 };
 
 struct Offer {
@@ -97,6 +98,9 @@ std::vector<Subcommand> subcommands_of(const CLI::App& app) {
                 subcommand.positional = offer_of(*option);
             }
         }
+        if (subcommand.name == "station") {  // whose commands are another program's
+            subcommand.positional = {Values::WORDS_OR_FILES, {"run", "check", "doctor", "demo"}};
+        }
         subcommands.push_back(subcommand);
     }
     return subcommands;
@@ -154,6 +158,8 @@ std::string bash_offer(const Offer& offer) {
             return "_orvel_files";
         case Values::WORDS:
             return "_orvel_words " + quote(join(offer.words, " "));
+        case Values::WORDS_OR_FILES:
+            return "_orvel_words_or_files " + quote(join(offer.words, " "));
         case Values::LIST:
             return "_orvel_list " + quote(join(offer.words, " "));
         case Values::STEMS:
@@ -184,6 +190,11 @@ _orvel_stems() {
 _orvel_files() {
     compopt -o filenames 2>/dev/null
     mapfile -t COMPREPLY < <(compgen -f -- "$word")
+}
+
+_orvel_words_or_files() {
+    compopt -o filenames 2>/dev/null
+    mapfile -t COMPREPLY < <(compgen -W "$1" -f -- "$word")
 }
 
 _orvel() {
@@ -231,6 +242,8 @@ std::string zsh_offer(const Offer& offer) {
             return "_files";
         case Values::WORDS:
             return "(" + join(offer.words, " ") + ")";
+        case Values::WORDS_OR_FILES:
+            return "_alternative \"commands:command:(" + join(offer.words, " ") + ")\" \"files:file:_files\"";
         case Values::LIST:
             return "_sequence compadd - " + join(offer.words, " ");
         case Values::STEMS:
@@ -301,6 +314,8 @@ std::string fish_offer(const Offer& offer) {
         case Values::WORDS:
         case Values::STEMS:
             return " -f -a " + quote_fish(join(offer.words, " "));
+        case Values::WORDS_OR_FILES:
+            return " -F -a " + quote_fish(join(offer.words, " "));
         case Values::LIST:
             return " -f -a " + quote_fish("(__fish_append , " + join(offer.words, " ") + ")");
         case Values::NONE:

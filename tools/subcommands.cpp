@@ -10,4 +10,6 @@ void add_subcommands(CLI::App& app, int& status) {
     add_devices(app, status);
     add_send(app, status);
     add_listen(app, status);
+    add_station(app, status);
+    add_spots(app, status);
 }

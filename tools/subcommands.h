@@ -13,6 +13,8 @@ void add_scan(CLI::App& app, int& status);
 void add_devices(CLI::App& app, int& status);
 void add_send(CLI::App& app, int& status);
 void add_listen(CLI::App& app, int& status);
+void add_station(CLI::App& app, int& status);
+void add_spots(CLI::App& app, int& status);
 
 // All of them, in the order in which the help lists them.
 void add_subcommands(CLI::App& app, int& status);

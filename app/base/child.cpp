@@ -11,8 +11,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <sstream>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "base/error.h"
@@ -110,6 +112,13 @@ std::string find_program(const std::string& program) {
         if (is_program(directory)) return directory;
     }
     return "";
+}
+
+std::string find_beside(const std::string& program) {
+    std::error_code error;
+    const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
+    const std::string beside = error ? "" : find_program((self.parent_path() / program).string());
+    return beside.empty() ? find_program(program) : beside;
 }
 
 Child::Child(const std::string& path, std::vector<std::string> arguments, const Options& options) {

@@ -10,6 +10,9 @@
 // Where a program is, as a shell would look for it; "" when it is nowhere.
 std::string find_program(const std::string& program);
 
+// The same, but first in the directory of the program that runs.
+std::string find_beside(const std::string& program);
+
 // A running program in a process group of its own, which the terminal's Ctrl-C does not reach. The descriptors of what
 // it prints do not block.
 class Child {

@@ -1,6 +1,7 @@
 #include "base/console.h"
 
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -71,6 +72,17 @@ Cut cut(std::string_view text, std::size_t columns) {
     return done;
 }
 
+// Whether standard error goes to systemd's journal, which tells its device and inode.
+bool is_journal() {
+    static const bool is = [] {
+        const char* const stream = std::getenv("JOURNAL_STREAM");
+        struct stat end {};
+        return stream != nullptr && fstat(STDERR_FILENO, &end) == 0 &&
+               stream == std::to_string(end.st_dev) + ":" + std::to_string(end.st_ino);
+    }();
+    return is;
+}
+
 }  // namespace
 
 std::size_t columns_of(std::string_view text) {
@@ -104,9 +116,10 @@ std::string printable(std::string_view text) {
     return shown;
 }
 
-void print_error(const std::string& message) {
+void print_error(const std::string& message, Level level) {
     const std::lock_guard guard(error_lock);
     clear_status();
+    if (is_journal()) std::fprintf(stderr, "<%d>", static_cast<int>(level));
     std::fprintf(stderr, "orvel: %s\n", printable(message).c_str());
 }
 

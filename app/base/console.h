@@ -15,8 +15,12 @@ std::size_t columns_of(std::string_view text);
 // As many of a printable text's first characters as that many columns hold, without blanks at the end.
 std::string first_columns(std::string_view text, std::size_t columns);
 
-// "orvel: <message>" and a line feed on standard error; the message as printable() has it.
-void print_error(const std::string& message);
+// How much a line matters, as syslog counts it.
+enum class Level { ERROR = 3, WARNING = 4, NOTICE = 5 };
+
+// "orvel: <message>" and a line feed on standard error; the message as printable() has it. Where standard error is
+// systemd's journal, the level comes before it.
+void print_error(const std::string& message, Level level = Level::ERROR);
 
 // Writes text to standard output. All output goes through here; flush_output checks once whether it arrived.
 void print(std::string_view text);

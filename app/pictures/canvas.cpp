@@ -177,6 +177,7 @@ void Canvas::polygon(const std::vector<Point>& corners, const Colour& colour, do
     cairo_t* const context = drawing_->context.get();
     drawing_->set_colour(colour);
     cairo_set_line_width(context, line_width);
+    cairo_new_path(context);  // a text leaves a point behind
     for (const Point& corner : corners) cairo_line_to(context, corner.x, corner.y);
     cairo_close_path(context);
     cairo_stroke(context);

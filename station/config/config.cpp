@@ -151,8 +151,10 @@ class Reader {
         std::array<Key, RECEIVER_KEYS.size()> keys;
         std::ranges::transform(RECEIVER_KEYS, keys.begin(), &ReceiverKey::key);
         const Values values = read_values(table, keys, "receiver", mistakes_);
-        ReceiverConfig receiver{
-            values.text("name"), {"--receiver", values.text("name") + "=" + values.text("source")}, {}};
+        ReceiverConfig receiver{values.text("name"),
+                                values.text("source"),
+                                {"--receiver", values.text("name") + "=" + values.text("source")},
+                                {}};
         check_name(table, "receiver", receiver.name, config.receivers);
         for (const auto& [key, option] : RECEIVER_KEYS) {
             if (option.empty() || !values.has(key.name)) continue;

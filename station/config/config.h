@@ -18,6 +18,7 @@ struct Hours {
 
 struct ReceiverConfig {
     std::string name;
+    std::string source;                  // as `orvel listen` takes it
     std::vector<std::string> arguments;  // of `orvel listen`
     std::vector<Hours> hours;            // when it works; empty = always
     bool operator==(const ReceiverConfig&) const = default;

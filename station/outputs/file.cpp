@@ -36,6 +36,8 @@ class FileOutput : public Output {
         return spots.size();
     }
 
+    void check() override { open_file(); }
+
   private:
     [[noreturn]] void fail() const { throw IoError("cannot write '" + path_ + "': " + std::strerror(errno)); }
 

@@ -12,8 +12,8 @@
 
 namespace {
 
-constexpr std::size_t AT_ONCE = 200;
 constexpr double TICK_S = 1;
+constexpr double FRESH_S = 180;      // of a receiver's minute
 constexpr double FIRST_PAUSE_S = 1;  // after a failure; it doubles
 constexpr double LONGEST_PAUSE_S = 60;
 
@@ -63,6 +63,7 @@ void Outbox::run() {
                 state_.position = position;
             }
             output_->tick();
+            if (output_->wants_minutes()) pass_minutes(*store);
             while (deliver(*store)) {
             }
             pause_s = FIRST_PAUSE_S;
@@ -94,7 +95,7 @@ bool Outbox::deliver(Store& store) {
     store.query({.after = position}, [&](const StoredSpot& stored) {
         last = stored.number;
         if (is_wanted(stored, config_.values)) spots.push_back(stored);
-        return spots.size() < AT_ONCE;
+        return spots.size() < output_->most_at_once();
     });
     if (last == position) return false;
     const std::size_t arrived = spots.empty() ? 0 : output_->send(spots);
@@ -106,11 +107,25 @@ bool Outbox::deliver(Store& store) {
     return true;
 }
 
+// Only the latest: what has passed is of no use to those who watch.
+void Outbox::pass_minutes(Store& store) {
+    for (const ReceiverMinute& minute : store.last_minutes(utc_now() - FRESH_S)) {
+        double& passed = minutes_[minute.receiver];
+        if (passed == minute.end) continue;
+        output_->take(minute);
+        passed = minute.end;
+    }
+}
+
 // Once, until it is over.
 void Outbox::complain(const std::string& problem) {
     std::unique_lock guard(lock_);
     if (problem == state_.problem) return;
     state_ = {state_.position, problem, utc_now()};
     guard.unlock();
-    print_error("output '" + config_.name + "': " + (problem.empty() ? "works again" : problem));
+    if (problem.empty()) {
+        print_error("output '" + config_.name + "': works again", Level::NOTICE);
+    } else {
+        print_error("output '" + config_.name + "': " + problem, Level::WARNING);
+    }
 }

@@ -3,6 +3,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -13,9 +14,9 @@
 class Outbox {
   public:
     struct State {
-        int64_t position = 0;  // number of the last spot that arrived, or is not wanted
-        std::string problem;   // why it does not work now; "" while it does
-        double since = 0;      // UTC of that
+        int64_t position = -1;  // number of the last spot that arrived, or is not wanted; -1 until the store is open
+        std::string problem;    // why it does not work now; "" while it does
+        double since = 0;       // UTC of that
     };
 
     // Starts a thread. An output that the store does not know begins with what comes next. Throws UsageError.
@@ -33,6 +34,7 @@ class Outbox {
   private:
     void run();
     bool deliver(Store& store);
+    void pass_minutes(Store& store);
     bool wait(double seconds);
     void complain(const std::string& problem);
 
@@ -43,6 +45,7 @@ class Outbox {
     std::condition_variable changed_;
     bool news_ = true;
     bool ended_ = false;
+    std::map<std::string, double> minutes_;  // that were passed on, by receiver
     State state_;
     std::thread thread_;
 };

@@ -14,6 +14,9 @@ const std::array TYPES = {
     OutputType{{"command", COMMAND_KEYS}, make_command_output},
     OutputType{{"mqtt", MQTT_KEYS}, make_mqtt_output},
     OutputType{{"udp", UDP_KEYS}, make_udp_output},
+    OutputType{{"pskreporter", PSKREPORTER_KEYS}, make_pskreporter_output},
+    OutputType{{"telnet", TELNET_KEYS}, make_telnet_output},
+    OutputType{{"webhook", WEBHOOK_KEYS}, make_webhook_output},
 };
 
 }  // namespace

@@ -27,6 +27,17 @@ class Output {
 
     // Called about once a second.
     virtual void tick() {}
+
+    // Whether it would work: throws IoError when not. Sends no spots; a station that runs with the same output must not
+    // notice.
+    virtual void check() { tick(); }
+
+    // How a receiver does, each minute; only to those that want it. Throws IoError.
+    virtual bool wants_minutes() const { return false; }
+    virtual void take(const ReceiverMinute&) {}
+
+    // Spots that one call of send() may get.
+    virtual std::size_t most_at_once() const { return 200; }
 };
 
 struct OutputType {

@@ -28,3 +28,22 @@ std::unique_ptr<Output> make_mqtt_output(const Values& values, const Keeper& kee
 inline constexpr std::array UDP_KEYS = {Key{"host", Kind::TEXT, true}, Key{"port", Kind::NUMBER, false, 1, 65535},
                                         Key{"name", Kind::TEXT}, Key{"ttl", Kind::NUMBER, false, 0, 255}};
 std::unique_ptr<Output> make_udp_output(const Values& values, const Keeper& keeper);
+
+// Reports to PSK Reporter.
+inline constexpr std::array PSKREPORTER_KEYS = {Key{"host", Kind::TEXT}, Key{"port", Kind::NUMBER, false, 1, 65535}};
+std::unique_ptr<Output> make_pskreporter_output(const Values& values, const Keeper& keeper);
+
+// A server that cluster clients connect to, who see the spots from then on.
+inline constexpr std::array TELNET_KEYS = {Key{"address", Kind::TEXT}, Key{"port", Kind::NUMBER, false, 1, 65535},
+                                           Key{"spotter", Kind::TEXT},
+                                           Key{"most_clients", Kind::NUMBER, false, 1, 1000}};
+std::unique_ptr<Output> make_telnet_output(const Values& values, const Keeper& keeper);
+
+// POST to a web server, as lines of JSON or as an array.
+inline constexpr std::array WEBHOOK_KEYS = {Key{"url", Kind::TEXT, true},
+                                            Key{"token", Kind::SECRET},
+                                            Key{"format", Kind::TEXT},
+                                            Key{"most_spots", Kind::NUMBER, false, 1, 200},
+                                            Key{"seconds", Kind::NUMBER, false, 0.1, 60},
+                                            Key{"ca_file", Kind::TEXT}};
+std::unique_ptr<Output> make_webhook_output(const Values& values, const Keeper& keeper);

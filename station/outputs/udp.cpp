@@ -1,22 +1,16 @@
 // Messages of WSJT-X's network interface, schema 2 (Qt 5.2): big-endian; a text is its length and its bytes.
-#include <netdb.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <array>
+#include <algorithm>
 #include <bit>
-#include <cerrno>
 #include <cmath>
-#include <cstring>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <utility>
 
-#include "base/error.h"
 #include "base/interrupts.h"
-#include "base/text.h"
+#include "outputs/datagrams.h"
 #include "outputs/types.h"
+#include "outputs/udp_request.h"
 
 namespace {
 
@@ -27,7 +21,11 @@ constexpr double HEARTBEAT_S = 15;
 constexpr double DAY_S = 86400;
 constexpr double NO_SNR_DB = -99;  // there is no null
 
-enum class Type : uint32_t { HEARTBEAT = 0, DECODE = 2, CLOSE = 6, REPLAY = 7 };
+constexpr uint32_t NONE = 0xffffffff;  // a number that does not apply
+constexpr std::size_t REPEATED = 200;  // spots, when somebody asks
+constexpr int MOST_REQUESTS = 20;      // at a time
+
+enum class Type : uint32_t { HEARTBEAT = 0, STATUS = 1, DECODE = 2, CLOSE = 6, REPLAY = 7 };
 
 class Message {
   public:
@@ -73,32 +71,56 @@ Message decode_message(const std::string& id, const Spot& spot, bool is_new) {
     return message;
 }
 
+// Of a receiver that has neither dial nor partner: most of it does not apply.
+Message status_message(const std::string& id, const Keeper& keeper) {
+    Message message(Type::STATUS, id);
+    for (int k = 0; k < 2; k++) message.add(uint32_t{0});        // dial, 8 bytes
+    for (int k = 0; k < 4; k++) message.add("");                 // mode, DX call, report, mode of transmission
+    for (const bool is : {false, false, true}) message.add(is);  // may transmit, transmits, decodes
+    for (int k = 0; k < 2; k++) message.add(uint32_t{0});        // audio frequencies
+    message.add(keeper.callsign);
+    message.add(keeper.locator);
+    message.add("");     // DX locator
+    message.add(false);  // watchdog of the transmitter
+    message.add("");     // mode's variant
+    message.add(false);  // fast
+    message.add(false);  // special operation: 0, a byte
+    message.add(NONE);   // tolerance
+    message.add(NONE);   // period
+    message.add("");     // configuration
+    message.add("");     // message to send
+    return message;
+}
+
 class UdpOutput : public Output {
   public:
-    UdpOutput(const Values& values, const Keeper&)
-        : host_(values.text("host")),
-          port_(static_cast<int>(values.number("port", PORT))),
-          ttl_(static_cast<int>(values.number("ttl", 1))),
-          id_(values.text("name", "orvel")) {}
+    UdpOutput(const Values& values, Keeper keeper)
+        : datagrams_(values.text("host"), static_cast<int>(values.number("port", PORT)),
+                     static_cast<int>(values.number("ttl", 1))),
+          id_(values.text("name", "orvel")),
+          keeper_(std::move(keeper)) {}
     UdpOutput(const UdpOutput&) = delete;
     UdpOutput& operator=(const UdpOutput&) = delete;
     ~UdpOutput() override {
-        if (socket_ < 0) return;
-        transmit(Message(Type::CLOSE, id_));
-        close(socket_);
+        if (datagrams_.is_open()) transmit(Message(Type::CLOSE, id_));
     }
 
     // Datagrams that nobody listens for are gone: that is how they are.
     std::size_t send(std::span<const StoredSpot> spots) override {
-        open_socket();
-        for (const StoredSpot& stored : spots) transmit(decode_message(id_, stored.spot, true));
+        datagrams_.open();
+        for (const StoredSpot& stored : spots) {
+            transmit(decode_message(id_, stored.spot, true));
+            sent_.push_back(stored.spot);
+            if (sent_.size() > REPEATED) sent_.pop_front();
+        }
         return spots.size();
     }
 
     void tick() override {
+        datagrams_.open();
+        answer();
         if (monotonic_now() < heartbeat_at_) return;
         heartbeat_at_ = monotonic_now() + HEARTBEAT_S;
-        open_socket();
         Message message(Type::HEARTBEAT, id_);
         message.add(SCHEMA);
         message.add(ovl_version());
@@ -107,42 +129,42 @@ class UdpOutput : public Output {
     }
 
   private:
-    void open_socket() {
-        if (socket_ >= 0) return;
-        addrinfo hints{};
-        hints.ai_socktype = SOCK_DGRAM;
-        addrinfo* found = nullptr;
-        const int error = getaddrinfo(host_.c_str(), std::to_string(port_).c_str(), &hints, &found);
-        if (error != 0) throw IoError("cannot find '" + host_ + "': " + gai_strerror(error));
-        const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owner(found, freeaddrinfo);
-        socket_ = socket(found->ai_family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        if (socket_ < 0) throw IoError(format("cannot open a socket: %s", std::strerror(errno)));
-        if (found->ai_family == AF_INET6) {
-            setsockopt(socket_, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &ttl_, sizeof ttl_);
-        } else {
-            const auto ttl = static_cast<unsigned char>(ttl_);
-            setsockopt(socket_, IPPROTO_IP, IP_MULTICAST_TTL, &ttl, sizeof ttl);
+    // Once, however many ask.
+    void answer() const {
+        bool asked = false;
+        for (int k = 0; k < MOST_REQUESTS; k++) {
+            const auto request = datagrams_.receive();
+            if (!request) break;
+            asked = asked || asks_for_replay(*request, id_);
         }
-        std::memcpy(&address_, found->ai_addr, found->ai_addrlen);
-        address_size_ = found->ai_addrlen;
+        if (!asked) return;
+        for (const Spot& spot : sent_) transmit(decode_message(id_, spot, false));
+        transmit(status_message(id_, keeper_));
     }
 
-    void transmit(const Message& message) const {
-        const std::string& bytes = message.bytes();
-        sendto(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address_),
-               address_size_);
-    }
+    void transmit(const Message& message) const { datagrams_.send(message.bytes()); }
 
-    std::string host_;
-    int port_, ttl_;
+    Datagrams datagrams_;
     std::string id_;
-    int socket_ = -1;
-    sockaddr_storage address_{};
-    socklen_t address_size_ = 0;
+    Keeper keeper_;
+    std::deque<Spot> sent_;
     double heartbeat_at_ = 0;
 };
 
+uint32_t number_at(std::string_view bytes, std::size_t at) {
+    uint32_t number = 0;
+    for (std::size_t k = at; k < at + 4; k++) number = number << 8 | static_cast<unsigned char>(bytes[k]);
+    return number;
+}
+
 }  // namespace
+
+bool asks_for_replay(std::string_view bytes, std::string_view id) {
+    constexpr std::size_t HEAD_BYTES = 16;  // magic, schema, type, length of the name
+    if (bytes.size() < HEAD_BYTES || number_at(bytes, 0) != MAGIC) return false;
+    return number_at(bytes, 8) == static_cast<uint32_t>(Type::REPLAY) && number_at(bytes, 12) == id.size() &&
+           bytes.substr(HEAD_BYTES, id.size()) == id;
+}
 
 std::unique_ptr<Output> make_udp_output(const Values& values, const Keeper& keeper) {
     return std::make_unique<UdpOutput>(values, keeper);

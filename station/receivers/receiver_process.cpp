@@ -15,11 +15,8 @@
 namespace {
 
 constexpr const char* STATUS_S = "60";
-constexpr double SILENCE_S = 150;  // without a new sample: it hangs
-constexpr double ENDING_S = 20;    // that it may take to end
-constexpr double FIRST_PAUSE_S = 1;
-constexpr double LONGEST_PAUSE_S = 60;
-constexpr double STEADY_S = 120;  // a child that ran as long is started again at once
+constexpr double LONGEST_FRAME_S = 45;  // and somewhat more
+constexpr double TOLERANCE_S = 10;
 constexpr std::size_t LONGEST_LINE = 1 << 20;
 constexpr int MOST_READS = 64;
 
@@ -48,11 +45,14 @@ void take_lines(std::string& text, const Take& take) {
 
 }  // namespace
 
+ReceiverProcess::ReceiverProcess(ReceiverConfig config, std::string program, Limits limits)
+    : config_(std::move(config)), program_(std::move(program)), limits_(limits), pause_s_(limits.first_pause_s) {}
+
 ReceiverProcess::ReceiverProcess(ReceiverConfig config, std::string program)
-    : config_(std::move(config)), program_(std::move(program)), pause_s_(FIRST_PAUSE_S) {}
+    : ReceiverProcess(std::move(config), std::move(program), Limits()) {}
 
 void ReceiverProcess::say(const std::string& text) const {
-    print_error("receiver '" + config_.name + "': " + text);
+    print_error("receiver '" + config_.name + "': " + text, Level::WARNING);
 }
 
 bool ReceiverProcess::is_its_time(double utc) const {
@@ -60,20 +60,28 @@ bool ReceiverProcess::is_its_time(double utc) const {
            std::ranges::any_of(config_.hours, [&](const Hours& hours) { return hours.contain(utc); });
 }
 
-void ReceiverProcess::step(double now, double utc) {
+void ReceiverProcess::step(double now, double utc, bool source_is_free) {
     if (child_) {
         look_after(now);
-        if (child_ && state_ == State::RUNNING && !is_its_time(utc)) {
-            say("its hours are over; a frame that is on the air now is lost");
-            stop(now);
-        }
+        if (child_ && state_ == State::RUNNING && !is_its_time(utc) && !is_its_time(utc - LONGEST_FRAME_S)) stop(now);
     } else if (!is_its_time(utc)) {
         state_ = State::OFF;
+    } else if (!source_is_free) {
+        if (!std::exchange(has_told_, true)) {
+            say("waits until its source is free; frames that have begun by then are lost");
+        }
+        state_ = State::WAITING;
     } else if (now >= start_at_) {
         start(now);
     } else {
         state_ = State::WAITING;
     }
+}
+
+bool ReceiverProcess::is_looked_after(double now) const {
+    if (state_ == State::RUNNING) return now < heard_at_ + limits_.silence_s + TOLERANCE_S;
+    if (state_ == State::ENDING) return now < kill_at_ + TOLERANCE_S;
+    return true;
 }
 
 void ReceiverProcess::start(double now) {
@@ -90,12 +98,13 @@ void ReceiverProcess::start(double now) {
     errors_.clear();
     started_at_ = heard_at_ = now;
     before_ = {};
+    has_told_ = false;
     state_ = State::RUNNING;
 }
 
 void ReceiverProcess::look_after(double now) {
-    if (state_ == State::RUNNING && now - heard_at_ > SILENCE_S) {
-        say(format("no sample for %.0f s, starting it again", SILENCE_S));
+    if (state_ == State::RUNNING && now - heard_at_ > limits_.silence_s) {
+        say(format("no sample for %g s, starting it again", limits_.silence_s));
         stop(now);
     }
     if (state_ == State::ENDING && now > kill_at_) child_->signal(SIGKILL);
@@ -104,14 +113,14 @@ void ReceiverProcess::look_after(double now) {
 void ReceiverProcess::restart_later(double now) {
     state_ = State::WAITING;
     start_at_ = now + pause_s_;
-    pause_s_ = std::min(2 * pause_s_, LONGEST_PAUSE_S);
+    pause_s_ = std::min(2 * pause_s_, limits_.longest_pause_s);
 }
 
 void ReceiverProcess::stop(double now) {
     if (!child_ || state_ == State::ENDING) return;
     child_->signal(SIGTERM);
     state_ = State::ENDING;
-    kill_at_ = now + ENDING_S;
+    kill_at_ = now + limits_.ending_s;
 }
 
 // What a child printed before its end is in the pipes when its end is known.
@@ -126,7 +135,7 @@ void ReceiverProcess::read(const Takers& takers, double now) {
     });
     if (!ended || !all) return;
     if (state_ == State::RUNNING) say(ending_text(*ended) + ", starting it again");
-    if (now - started_at_ > STEADY_S) pause_s_ = FIRST_PAUSE_S;
+    if (now - started_at_ > limits_.steady_s) pause_s_ = limits_.first_pause_s;
     child_.reset();
     restart_later(now);
 }

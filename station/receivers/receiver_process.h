@@ -24,11 +24,20 @@ class ReceiverProcess {
         std::function<void(const ReceiverMinute&)> minute;
     };
 
+    struct Limits {
+        double silence_s = 150;  // without a new sample: it hangs
+        double ending_s = 20;    // that it may take to end
+        double first_pause_s = 1, longest_pause_s = 60;
+        double steady_s = 120;  // a child that ran as long is started again at once
+    };
+
     // `program` is the orvel command. Nothing starts before the first step().
+    ReceiverProcess(ReceiverConfig config, std::string program, Limits limits);
     ReceiverProcess(ReceiverConfig config, std::string program);
 
-    // Starts and ends the child as its hours, its end and its silence ask for. `now` is monotonic.
-    void step(double now, double utc);
+    // Starts and ends the child as its hours, its end and its silence ask for. It goes on after its hours for as long
+    // as a frame that began within them may last. `now` is monotonic; a source that is not free is waited for.
+    void step(double now, double utc, bool source_is_free = true);
 
     // Takes what the child printed; the lines that it prints for people go to standard error.
     void read(const Takers& takers, double now);
@@ -36,6 +45,9 @@ class ReceiverProcess {
     // Asks the child to end: it decodes what it has first.
     void stop(double now);
     bool stopped() const { return !child_; }
+
+    // False when it is past all limits: neither samples come, nor has it been ended for that.
+    bool is_looked_after(double now) const;
 
     // To be waited for.
     std::vector<pollfd> descriptors() const;
@@ -53,6 +65,7 @@ class ReceiverProcess {
 
     ReceiverConfig config_;
     std::string program_;
+    Limits limits_;
     State state_ = State::OFF;
     std::unique_ptr<Child> child_;
     std::string output_, errors_;  // lines that have not ended
@@ -62,4 +75,5 @@ class ReceiverProcess {
     double start_at_ = 0;
     double pause_s_;
     double kill_at_ = 0;
+    bool has_told_ = false;  // that it waits for its source
 };

@@ -30,24 +30,13 @@ constexpr double RETRY_S = 1;                  // the store, when it does not ta
 constexpr std::size_t MOST_WAITING = 100'000;  // spots that the store does not take
 constexpr double DAY_S = 86400;
 constexpr double MEGABYTE = 1e6;
-constexpr double STOP_S = 25;  // that receivers may take to end
+constexpr double STORE_PATIENCE_S = 1800;  // before a new start is worth the spots that wait
+constexpr double STOP_S = 25;              // that receivers may take to end
 
 volatile std::sig_atomic_t reload_flag = 0;
 
 extern "C" void note_reload(int) {
     reload_flag = 1;
-}
-
-// Throws UsageError for the first mistake, after all have been printed.
-Config read_or_refuse(const std::string& path) {
-    std::vector<Mistake> mistakes;
-    const std::vector<OutputKind> kinds = output_kinds();
-    Config config = read_config(path, kinds, mistakes);
-    for (const Mistake& mistake : mistakes) {
-        print_error(format("%s:%u:%u: %s", path.c_str(), mistake.line, mistake.column, mistake.text.c_str()));
-    }
-    if (!mistakes.empty()) throw UsageError("'" + path + "' has mistakes");
-    return config;
 }
 
 class Station {
@@ -76,11 +65,20 @@ class Station {
   private:
     // Waits for the receivers, and brings what they heard into the store.
     void turn(double utc) {
-        for (const auto& receiver : receivers_) receiver->step(monotonic_now(), utc);
+        for (const auto& receiver : receivers_) receiver->step(monotonic_now(), utc, is_source_free(*receiver));
         wait_for_receivers();
         read_receivers();
         commit();
         if (monotonic_now() >= forget_at_) forget(utc);
+    }
+
+    // Two receivers may take turns with a source, and one may follow another that has other options.
+    bool is_source_free(const ReceiverProcess& receiver) const {
+        const auto holds = [&](const auto& other) {
+            return other.get() != &receiver && !other->stopped() && other->config().source == receiver.config().source;
+        };
+        return std::ranges::none_of(ending_, holds) &&
+               (receiver.config().hours.empty() || std::ranges::none_of(receivers_, holds));
     }
 
     void wait_for_receivers() {
@@ -138,7 +136,12 @@ class Station {
     // Once, until it is over.
     void complain(const std::string& problem) {
         if (problem == std::exchange(problem_, problem)) return;
-        print_error(problem.empty() ? "the store works again" : problem);
+        failing_since_ = monotonic_now();
+        if (problem.empty()) {
+            print_error("the store works again", Level::NOTICE);
+        } else {
+            print_error(problem);
+        }
     }
 
     void forget(double utc) {
@@ -150,17 +153,23 @@ class Station {
         }
         try {
             const int64_t spots = store_.forget(utc - days * DAY_S, most_bytes);
-            if (spots > 0) print_error(format("%lld old spots are forgotten", static_cast<long long>(spots)));
+            if (spots > 0) {
+                print_error(format("%lld old spots are forgotten", static_cast<long long>(spots)), Level::NOTICE);
+            }
         } catch (const IoError& error) {
             complain(error.what());
         }
     }
 
+    // Only while samples come, or what keeps them back is being dealt with, and the store takes them.
     void feed_watchdog() {
         static const double period_s = watchdog_seconds();
-        if (period_s <= 0 || monotonic_now() < watchdog_at_) return;
-        watchdog_at_ = monotonic_now() + period_s / 4;
-        if (problem_.empty()) notify_service("WATCHDOG=1");
+        const double now = monotonic_now();
+        if (period_s <= 0 || now < watchdog_at_) return;
+        watchdog_at_ = now + period_s / 4;
+        const bool keeps = problem_.empty() || now - failing_since_ < STORE_PATIENCE_S;
+        const auto is_well = [&](const auto& receiver) { return receiver->is_looked_after(now); };
+        if (keeps && std::ranges::all_of(receivers_, is_well)) notify_service("WATCHDOG=1");
     }
 
     // Takes over what differs; receivers and outputs that stay the same go on.
@@ -181,7 +190,7 @@ class Station {
                 if (std::ranges::none_of(outboxes_, is_there)) add_output(output);
             }
             reload_receivers();
-            print_error("'" + config_path_ + "' is in force");
+            print_error("'" + config_path_ + "' is in force", Level::NOTICE);
         } catch (const std::runtime_error& error) {
             print_error(std::string(error.what()) + "; all goes on as before");
         }
@@ -202,9 +211,7 @@ class Station {
     }
 
     void add_output(const OutputConfig& output) {
-        const Keeper keeper{config_.station.text("callsign"), config_.station.text("locator"),
-                            config_.station.text("antenna")};
-        outboxes_.push_back(std::make_unique<Outbox>(config_.store.text("path"), output, keeper));
+        outboxes_.push_back(std::make_unique<Outbox>(config_.store.text("path"), output, keeper_of(config_)));
     }
 
     void add_receiver(const ReceiverConfig& receiver) {
@@ -239,12 +246,28 @@ class Station {
     std::vector<ReceiverMinute> minutes_;
     std::size_t dropped_ = 0;
     std::string problem_;
+    double failing_since_ = 0;
     double retry_at_ = 0;
     double forget_at_ = 0;
     double watchdog_at_ = 0;
 };
 
 }  // namespace
+
+Config read_or_refuse(const std::string& path) {
+    std::vector<Mistake> mistakes;
+    const std::vector<OutputKind> kinds = output_kinds();
+    Config config = read_config(path, kinds, mistakes);
+    for (const Mistake& mistake : mistakes) {
+        print_error(format("%s:%u:%u: %s", path.c_str(), mistake.line, mistake.column, mistake.text.c_str()));
+    }
+    if (!mistakes.empty()) throw UsageError("'" + path + "' has mistakes");
+    return config;
+}
+
+Keeper keeper_of(const Config& config) {
+    return {config.station.text("callsign"), config.station.text("locator"), config.station.text("antenna")};
+}
 
 int run_station(const std::string& config_path, const std::string& program) {
     watch_interrupts();
@@ -257,8 +280,7 @@ int run_station(const std::string& config_path, const std::string& program) {
 bool check_station(const std::string& config_path) {
     try {
         const Config config = read_or_refuse(config_path);
-        const Keeper keeper{config.station.text("callsign"), config.station.text("locator"), ""};
-        for (const OutputConfig& output : config.outputs) make_output(output, keeper);
+        for (const OutputConfig& output : config.outputs) make_output(output, keeper_of(config));
     } catch (const UsageError& error) {
         print_error(error.what());
         return false;

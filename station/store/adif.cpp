@@ -37,6 +37,12 @@ std::string digits(double utc, std::size_t first, std::size_t count) {
 
 }  // namespace
 
+std::string amateur_band(double hz) {
+    const auto band =
+        std::ranges::find_if(BANDS, [&](const AmateurBand& one) { return hz >= one.low_hz && hz <= one.high_hz; });
+    return band == BANDS.end() ? "" : std::string(band->name);
+}
+
 std::string adif_header() {
     const std::string version = ovl_version();
     return "Spots of beacons\n" + field("ADIF_VER", "3.1.4") + field("PROGRAMID", "orvel") +
@@ -49,10 +55,8 @@ std::string adif_record(const StoredSpot& stored) {
                          field("TIME_ON", digits(spot.start, 8, 6)) + field("TIME_OFF", digits(spot.end, 8, 6)) +
                          field("MODE", "OPERA") + field("APP_ORVEL_PROTOCOL", ovl_proto_name(spot.protocol));
     if (spot.rf_hz) {
-        const auto band = std::ranges::find_if(
-            BANDS, [&](const AmateurBand& one) { return *spot.rf_hz >= one.low_hz && *spot.rf_hz <= one.high_hz; });
         record += field("FREQ", format("%.6f", *spot.rf_hz / 1e6));
-        if (band != BANDS.end()) record += field("BAND", std::string(band->name));
+        record += field("BAND", amateur_band(*spot.rf_hz));
     }
     record += field("GRIDSQUARE", spot.locator);
     if (spot.snr_db) record += field("APP_ORVEL_SNR", format("%.1f", *spot.snr_db));

@@ -116,6 +116,15 @@ StoredSpot read_spot(const Statement& row) {
     return stored;
 }
 
+constexpr std::string_view MINUTE_COLUMNS =
+    "SELECT r.name, m.end, m.level_db, m.noise_db, m.captured_s, m.lost_s, m.decode_s, m.clipped FROM receiver r JOIN "
+    "minute m ON m.receiver = r.number";
+
+ReceiverMinute read_minute(const Statement& row) {
+    return {row.text(0), row.real(1), row.optional_real(2), row.optional_real(3),
+            row.real(4), row.real(5), row.real(6),          row.integer(7)};
+}
+
 // Conditions joined by AND, and their values in order.
 class Conditions {
   public:
@@ -255,15 +264,21 @@ void Store::query(const SpotFilter& filter, const std::function<bool(const Store
 }
 
 std::vector<ReceiverMinute> Store::minutes(const std::string& receiver, double from, double until) {
-    Statement rows = database_.prepare(
-        "SELECT m.end, m.level_db, m.noise_db, m.captured_s, m.lost_s, m.decode_s, m.clipped FROM minute m JOIN "
-        "receiver r ON r.number = m.receiver WHERE r.name = ? AND m.end >= ? AND m.end < ? ORDER BY m.end");
+    Statement rows = database_.prepare(std::string(MINUTE_COLUMNS) +
+                                       " WHERE r.name = ? AND m.end >= ? AND m.end < ? ORDER BY m.end");
     rows.bind(0, std::string_view(receiver)).bind(1, from).bind(2, until);
     std::vector<ReceiverMinute> minutes;
-    while (rows.step()) {
-        minutes.push_back({receiver, rows.real(0), rows.optional_real(1), rows.optional_real(2), rows.real(3),
-                           rows.real(4), rows.real(5), rows.integer(6)});
-    }
+    while (rows.step()) minutes.push_back(read_minute(rows));
+    return minutes;
+}
+
+std::vector<ReceiverMinute> Store::last_minutes(double from) {
+    Statement rows = database_.prepare(
+        std::string(MINUTE_COLUMNS) +
+        " WHERE m.end >= ? AND m.end = (SELECT max(end) FROM minute WHERE receiver = r.number) ORDER BY r.name");
+    rows.bind(0, from);
+    std::vector<ReceiverMinute> minutes;
+    while (rows.step()) minutes.push_back(read_minute(rows));
     return minutes;
 }
 

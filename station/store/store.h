@@ -57,6 +57,7 @@ class Store {
     // Calls take with each of the spots in order of their numbers until it returns false.
     void query(const SpotFilter& filter, const std::function<bool(const StoredSpot&)>& take);
     std::vector<ReceiverMinute> minutes(const std::string& receiver, double from, double until);
+    std::vector<ReceiverMinute> last_minutes(double from);  // one of each receiver that has one since
     std::vector<std::string> receivers();
 
     // The number of the last spot that an output has delivered. One that is new begins with what comes next.

@@ -23,6 +23,7 @@
 #include "pictures/chip_view.h"
 #include "pictures/colour_map.h"
 #include "pictures/drawing.h"
+#include "pictures/history.h"
 #include "pictures/labels.h"
 #include "pictures/waterfall.h"
 #include "recordings/open_recording.h"
@@ -51,6 +52,44 @@ TEST(Axis, TicksStandAtRoundNumbers) {
             EXPECT_GE(ticks.size(), 1u) << span << " " << most;
         }
     }
+}
+
+TEST(Axis, DaysAreDates) {
+    const double start = 86400.0 * 20000;  // 2024-10-04
+    EXPECT_EQ(labels_of(date_ticks(start + 1, start + 4 * 86400, 5)),
+              (Labels{"2024-10-05", "2024-10-06", "2024-10-07", "2024-10-08"}));
+    EXPECT_EQ(labels_of(date_ticks(start, start + 3 * 3600, 4)), (Labels{"00:00", "01:00", "02:00", "03:00"}));
+    for (const double days : {2.0, 3.5, 31.0, 366.0, 4000.0, 20000.0}) {
+        for (int32_t most = 2; most < 30; most++) {
+            const auto ticks = date_ticks(start, start + 86400 * days, most);
+            EXPECT_LE(ticks.size(), static_cast<std::size_t>(most + 2)) << days << " " << most;
+            EXPECT_GE(ticks.size(), 1u) << days << " " << most;
+        }
+    }
+}
+
+TEST(Canvas, OutlinesBeginWhereTheyBegin) {
+    Canvas canvas(PictureFormat::SVG, 100, 100);
+    canvas.text({5, 50}, "text", {10, {0, 0, 0}});
+    canvas.outline({20, 30, 40, 50}, {1, 0, 0}, 1);
+    const std::string drawn = canvas.finish();
+    EXPECT_NE(drawn.find("M 20 30 L 60 30 L 60 80 L 20 80 Z"), std::string::npos) << drawn;
+}
+
+TEST(HistoryPicture, ShowsEachPointTwiceUnlessItsSnrIsUnknown) {
+    PictureLayout layout;
+    layout.format = PictureFormat::SVG;
+    const auto marks_of = [&](const std::vector<HistoryPoint>& points) {
+        const std::string drawn = draw_history(layout, points);
+        std::size_t marks = 0;
+        for (const char* const colour : {"rgb(0%,44.7%", "rgb(90.2%"}) {  // sure and deep
+            for (std::size_t at = drawn.find(colour); at != std::string::npos; at = drawn.find(colour, at + 1)) marks++;
+        }
+        return marks;
+    };
+    EXPECT_EQ(marks_of({}), 0u);
+    EXPECT_EQ(marks_of({{1.77e9, -20, 137501.2, false}}), 2u);
+    EXPECT_EQ(marks_of({{1.77e9, -20, 137501.2, false}, {1.78e9, {}, 137501.9, true}}), 3u);
 }
 
 TEST(Axis, LongTimesAndTimesOfDayAreShownAsOnAClock) {

@@ -16,10 +16,11 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-ORVEL = BUILD = pathlib.Path()
+ORVEL = BUILD = STATION = pathlib.Path()
 
 COMMANDS = ("orvel", "sox", "cc", "cmake", "ctest", "git", "sudo", "apt-get", "python3", "pip", "dpkg-buildpackage")
 PATHS = ("./", "build/", "examples/", "scripts/", ".ci/")
@@ -34,6 +35,7 @@ NOT_RUN = (
     (r"(sudo )?apt(-get)? .*", "install packages"),
     (r"(python3 -m )?pip .*|python3 .*", "ask for packages that this test cannot count on"),
     (r"(sudo )?systemctl .*", "start services"),
+    (r"(sudo )?orvel station (run|demo|doctor|--demo).*", "would run until interrupted, or look after this machine"),
     (r".*capture\.cu8.*", "is run in test_recipes.py, where there is such a file"),
     (r"orvel plot day\.flac .*", "would need half a day of audio"),
     (r"scripts/\w[\w-]*( .*)?", "take minutes, or need a build of their own"),
@@ -42,6 +44,9 @@ NOT_RUN = (
 # These talk to a sound device. With a device that does not exist they tell whether everything else is right.
 NEED_A_DEVICE = r"orvel (send|listen)\b(?!.*--stdin)(?!.*--help)"
 NO_DEVICE = "no device has this name"
+
+# These are orvel-station's, which is not built everywhere.
+OF_THE_STATION = r"orvel (station|spots)\b(?!.*--help)"
 
 # For the others there is one on every machine, which plays nothing.
 ONE_DEVICE = "pcm.sink { type file file /dev/null slave.pcm { type null } }\n"
@@ -141,6 +146,21 @@ class Commands(unittest.TestCase):
         (scratch / "asound.conf").write_text(ONE_DEVICE, encoding="ascii")
         (scratch / "bin").mkdir()
         (scratch / "bin" / "orvel").symlink_to(ORVEL)
+        if STATION.exists():
+            cls.keep_spots(scratch)
+
+    @classmethod
+    def keep_spots(cls, scratch):
+        """A station without receivers makes a store, as station.toml says."""
+        (scratch / "station.toml").write_text(
+            '[station]\ncallsign = "DL1QXA"\nlocator = "JO62"\n[store]\npath = "spots.db"\n', encoding="ascii"
+        )
+        command = [STATION, "run", "station.toml"]
+        with subprocess.Popen(command, cwd=scratch, env=dict(os.environ, LD_LIBRARY_PATH=str(BUILD))) as station:
+            while subprocess.run([STATION, "spots", "--store", "spots.db"], cwd=scratch, capture_output=True, check=False).returncode:
+                assert station.poll() is None
+                time.sleep(0.05)
+            station.terminate()
 
     @classmethod
     def tearDownClass(cls):
@@ -165,6 +185,8 @@ class Commands(unittest.TestCase):
         ran = set()
         for page, command, shown in command_lines():
             if reason_not_to_run(command) or re.match(NEED_A_DEVICE, command):
+                continue
+            if re.match(OF_THE_STATION, command) and not STATION.exists():
                 continue
             if command in ran and shown is None:
                 continue  # which another page shows too
@@ -218,5 +240,6 @@ class Commands(unittest.TestCase):
 
 if __name__ == "__main__":
     ORVEL, BUILD = map(pathlib.Path, sys.argv[1:3])
+    STATION = ORVEL.with_name("orvel-station")
     del sys.argv[1:3]
     unittest.main()

@@ -7,16 +7,25 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "base/error.h"
+#include "base/interrupts.h"
+#include "base/parse.h"
 #include "process.h"
+#include "receivers/receiver_process.h"
+#include "service/doctor.h"
 #include "service/notify.h"
 #include "service/station.h"
 #include "sound_server.h"
@@ -71,6 +80,10 @@ status() { printf '{"type":"status","utc":"2026-03-01T12:%02d:00.00Z","rate":120
         if (station_ == 0) {
             const int errors = ::creat(path("errors").c_str(), 0644);
             ::dup2(errors, STDERR_FILENO);
+            struct stat end {};
+            ::fstat(errors, &end);
+            const std::string stream = std::to_string(end.st_dev) + ":" + std::to_string(end.st_ino);
+            ::setenv("JOURNAL_STREAM", stream.c_str(), 1);
             int status = 3;
             try {
                 status = run_station(path("station.toml"), path("orvel"));
@@ -100,6 +113,15 @@ status() { printf '{"type":"status","utc":"2026-03-01T12:%02d:00.00Z","rate":120
         } catch (const std::exception&) {  // not yet there
         }
         return all;
+    }
+    std::vector<std::string> mistakes_of(const std::string& text) const {
+        write("some.toml", text);
+        std::vector<Mistake> mistakes;
+        const std::vector<OutputKind> kinds = output_kinds();
+        read_config(path("some.toml"), kinds, mistakes);
+        std::vector<std::string> texts;
+        for (const Mistake& mistake : mistakes) texts.push_back(mistake.text);
+        return texts;
     }
     std::string errors() const {
         std::ifstream file(folder_ / "errors");
@@ -184,6 +206,158 @@ TEST_F(StationTest, ReadsItsConfigurationAgain) {
     EXPECT_FALSE(std::getline(pids, second)) << "it was started once";
 }
 
+TEST_F(StationTest, MarksItsLinesForTheJournal) {
+    play("echo 'orvel: a word' >&2; exec sleep 1000");
+    configure({"lf"});
+    start();
+    EXPECT_TRUE(eventually([&] { return errors().find("<4>orvel: receiver 'lf': a word\n") != std::string::npos; }));
+    ::kill(station_, SIGHUP);
+    EXPECT_TRUE(eventually([&] { return errors().find("is in force\n") != std::string::npos; }));
+    EXPECT_NE(errors().find("<5>orvel: '" + path("station.toml")), std::string::npos) << errors();
+    write("station.toml", "");
+    ::kill(station_, SIGHUP);
+    EXPECT_TRUE(eventually([&] { return errors().find("<3>orvel: ") != std::string::npos; })) << errors();
+    EXPECT_EQ(end(), 0);
+}
+
+TEST_F(StationTest, DoctorSaysHowAllIs) {
+    play(R"(case $RX in fine) for ((n = 1; n < 60; n++)); do status $n; sleep 0.1; done;; esac
+        echo 'orvel: no such device' >&2; exit 1)");
+    const std::string outputs = "[[output]]\ntype = \"file\"\npath = \"" + path("log") +
+                                "\"\n[[output]]\ntype = \"file\"\nname = \"nowhere\"\npath = \"" + path("none/log") +
+                                "\"\n";
+    configure({"fine", "dead"}, outputs);
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(examine_station(path("station.toml"), path("orvel")));
+    const std::string said = testing::internal::GetCapturedStdout();
+    for (const std::string& line :
+         {std::string("note  receiver 'fine': 12000 Hz, level -30.0 dB, but 1.5 s were lost\n"),
+          std::string("bad   receiver 'dead': no such device\n"), std::string("  clock: "),
+          "  store '" + path("spots.db") + "': ", std::string("ok    output 'file': file\n"),
+          "bad   output 'nowhere': cannot write '" + path("none/log")}) {
+        EXPECT_NE(said.find(line), std::string::npos) << line << said;
+    }
+    EXPECT_FALSE(fs::exists(path("spots.db"))) << "it only looks";
+    write("station.toml", "");
+    EXPECT_THROW(examine_station(path("station.toml"), path("orvel")), UsageError);
+}
+
+// ---- One receiver ---------------------------------------------------------------------------------------------------
+
+class ReceiverTest : public StationTest {
+  protected:
+    static constexpr ReceiverProcess::Limits SHORT = {
+        .silence_s = 0.3, .ending_s = 0.2, .first_pause_s = 0.02, .longest_pause_s = 0.05, .steady_s = 120};
+
+    ReceiverProcess receiver(std::vector<Hours> hours = {}, ReceiverProcess::Limits limits = SHORT) const {
+        return {ReceiverConfig{"lf", "x", {"--receiver", "lf=x"}, std::move(hours)}, path("orvel"), limits};
+    }
+    // Looks after a receiver until something holds.
+    bool until(ReceiverProcess& one, double utc, const std::function<bool()>& holds, bool source_is_free = true) {
+        return eventually([&] {
+            one.step(monotonic_now(), utc, source_is_free);
+            one.read({[&](const Spot& spot) { heard_.push_back(spot); }, [](const ReceiverMinute&) {}},
+                     monotonic_now());
+            return holds();
+        });
+    }
+    int lines_in(const std::string& name) const {
+        std::ifstream file(folder_ / name);
+        return static_cast<int>(std::count(std::istreambuf_iterator<char>(file), {}, '\n'));
+    }
+    std::vector<Spot> heard_;
+};
+
+using State = ReceiverProcess::State;
+
+// It says nothing new and does not want to end.
+TEST_F(ReceiverTest, ThatHangsIsEndedAndStartedAgain) {
+    play("trap '' TERM; echo $$ >> '" + path("starts") + "'; status 1; while :; do status 1; sleep 0.02; done");
+    testing::internal::CaptureStderr();
+    {
+        ReceiverProcess one = receiver();
+        EXPECT_TRUE(until(one, 0, [&] { return lines_in("starts") == 3; }));
+    }
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_NE(said.find("receiver 'lf': no sample for 0.3 s, starting it again"), std::string::npos) << said;
+}
+
+TEST_F(ReceiverTest, ThatHearsIsLeftAlone) {
+    play("echo $$ >> '" + path("starts") +
+         "'; for ((n = 1; n < 60; n++)); do status $n; sleep 0.02; done; exec sleep 9");
+    ReceiverProcess one = receiver();
+    const double start = monotonic_now();
+    EXPECT_TRUE(until(one, 0, [&] { return monotonic_now() > start + 1; }));
+    EXPECT_EQ(lines_in("starts"), 1);
+    EXPECT_EQ(one.state(), State::RUNNING);
+    EXPECT_TRUE(one.is_looked_after(monotonic_now()));
+    EXPECT_FALSE(one.is_looked_after(monotonic_now() + 1000)) << "nobody stepped for so long";
+}
+
+// A frame that began within its hours is heard to its end, and so is what it decodes when it is asked to end.
+TEST_F(ReceiverTest, LosesNoFrameWhenItsHoursEnd) {
+    play("trap 'spot 2; exit 0' TERM; spot 1; while :; do sleep 0.02; done");
+    const double noon = 86400.0 * 20000 + 12 * 3600;
+    ReceiverProcess one = receiver({{11 * 60, 12 * 60}}, {});
+    EXPECT_TRUE(until(one, noon - 3601, [&] { return one.state() == State::OFF; }));
+    EXPECT_TRUE(until(one, noon - 3600, [&] { return heard_.size() == 1; }));
+    EXPECT_TRUE(until(one, noon + 42, [&] { return one.state() == State::RUNNING; }))
+        << "the longest frame takes 41.1 s";
+    EXPECT_TRUE(until(one, noon + 106, [&] { return one.stopped(); }));
+    EXPECT_EQ(heard_.size(), 2u);
+    EXPECT_TRUE(until(one, noon + 107, [&] { return one.state() == State::OFF; }));
+}
+
+TEST_F(ReceiverTest, TellsWhatItMissesWhileAnotherHasItsSource) {
+    play("exec sleep 1000");
+    testing::internal::CaptureStderr();
+    ReceiverProcess one = receiver();
+    EXPECT_TRUE(until(
+        one, 0, [&] { return one.state() == State::WAITING; }, false));
+    EXPECT_TRUE(until(
+        one, 0, [&] { return one.state() == State::WAITING; }, false));
+    EXPECT_TRUE(until(one, 0, [&] { return one.state() == State::RUNNING; }));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "orvel: receiver 'lf': waits until its source is free; frames that have begun by then are lost\n");
+}
+
+// The example as it is, and with all that it only mentions: each key of each table is in it.
+TEST_F(StationTest, ExampleShowsAllThatAConfigurationMayHold) {
+    std::ifstream file(ORVEL_EXAMPLE);
+    const std::string example{std::istreambuf_iterator<char>(file), {}};
+    ASSERT_FALSE(example.empty());
+    EXPECT_EQ(mistakes_of(example), std::vector<std::string>{});
+    std::string whole;
+    std::set<std::string> names;
+    for (const std::string& line : ::lines_of(example)) {
+        const bool is_setting = line.starts_with("#") && !line.starts_with("# ") && line != "#";
+        whole += (is_setting ? line.substr(1) : line) + "\n";
+        const std::string text = is_setting ? line.substr(1) : line;
+        if (text.find(" = ") != std::string::npos) names.insert(text.substr(0, text.find(' ')));
+    }
+    EXPECT_EQ(mistakes_of(whole), std::vector<std::string>{});
+
+    // Each table says which keys it knows when it gets one that it does not.
+    std::vector<std::string> tables = {
+        "[station]\nnone = 1\n[store]\nnone = 1\n[web]\nnone = 1\n[[receiver]]\nnone = 1\n"};
+    for (const OutputType& type : output_types()) {
+        tables.push_back("[[output]]\nnone = 1\ntype = \"" + std::string(type.kind.type) + "\"\n");
+        EXPECT_NE(whole.find("type = \"" + std::string(type.kind.type) + "\""), std::string::npos) << type.kind.type;
+    }
+    int keys = 0;
+    for (const std::string& table : tables) {
+        for (const std::string& mistake : mistakes_of(table)) {
+            const std::size_t list = mistake.find("'none' is not one of ");
+            if (list == std::string::npos) continue;
+            for (const std::string& key : split_list(mistake.substr(list + 21))) {
+                EXPECT_TRUE(names.contains(key)) << mistake;
+                keys++;
+            }
+        }
+    }
+    EXPECT_GT(keys, 50);
+}
+
 TEST_F(StationTest, ChildrenEndWhenItIsKilled) {
     play("echo $$ > '" + path("pid") + "'; spot 1; exec sleep 1000");
     configure({"lf"});
@@ -236,6 +410,14 @@ TEST_F(StationTest, CommandsCheckAndList) {
               "<APP_ORVEL_PROTOCOL:7>ORVEL L<FREQ:8>0.137501<BAND:5>2190m<GRIDSQUARE:4>JO62<APP_ORVEL_SNR:5>-21.4"
               "<APP_ORVEL_DRIFT:6>0.0000<APP_ORVEL_RX:2>lf<SWL:1>Y<EOR>\n");
     EXPECT_EQ(list({"--from", "yesterday"}).status, 2);
+    EXPECT_EQ(list({"--call", "K2QRX", "--plot", path("x.svg")}).status, 0);
+    std::ifstream picture(path("x.svg"));
+    const std::string drawn{std::istreambuf_iterator<char>(picture), {}};
+    EXPECT_NE(drawn.find("Hz above 137501"), std::string::npos);
+    EXPECT_NE(drawn.find("K2QRX"), std::string::npos);
+    EXPECT_EQ(list({"--plot", path("x.txt")}).status, 2);
+    EXPECT_EQ(list({"--plot", path("none/x.png")}).status, 1);
+    EXPECT_EQ(list({"--call", "NONE", "--plot", path("x.png")}).status, 1);
     EXPECT_EQ(run_process({ORVEL_STATION, "spots", "--store", path("none")}).status, 1);
 }
 

@@ -1,0 +1,73 @@
+// `orvel station` and `orvel spots` are a program of their own, which most users of the command do without: it takes
+// the place of this one.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "base/child.h"
+#include "base/error.h"
+#include "spots_options.h"
+#include "subcommands.h"
+
+namespace {
+
+constexpr const char* PROGRAM = "orvel-station";
+
+// Does not return.
+[[noreturn]] void become_station(std::vector<std::string> words) {
+    const std::string path = find_beside(PROGRAM);
+    if (path.empty()) throw IoError("orvel-station is not installed; it comes in a package of this name");
+    words.insert(words.begin(), PROGRAM);
+    std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
+    for (std::string& word : words) arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    execv(path.c_str(), arguments.data());
+    throw IoError("cannot run '" + path + "': " + std::strerror(errno));
+}
+
+// What was typed for a subcommand, as words.
+std::vector<std::string> words_of(const CLI::App& sub) {
+    std::vector<std::string> words = {sub.get_name()};
+    for (const CLI::Option* option : sub.get_options()) {
+        const bool is_flag = option->get_items_expected_max() == 0;
+        for (const std::string& value : option->results()) {
+            words.push_back("--" + option->get_single_name() + (is_flag ? "" : "=" + value));
+        }
+    }
+    return words;
+}
+
+}  // namespace
+
+void add_station(CLI::App& app, int&) {
+    CLI::App* const sub = app.add_subcommand("station", "Listen for months: keep spots and pass them on");
+    const auto demo = std::make_shared<bool>(false);
+    sub->add_flag("--demo", *demo, "Simulated receivers, and a page to watch them: the same as demo");
+    sub->prefix_command();
+    sub->footer(
+        "Usage of a command: orvel station COMMAND [ARGUMENT...]\n\n"
+        "Commands:\n"
+        "  run FILE              Run a station by its configuration; SIGHUP reads it again\n"
+        "  check FILE            Print every mistake of a configuration, with its line and column\n"
+        "  doctor FILE           Look after receivers, clock, disk and outputs: a line each\n"
+        "  demo                  Simulated receivers, and a page to watch them\n"
+        "\norvel station COMMAND --help shows the options of one.");
+    sub->callback([sub, demo] {
+        std::vector<std::string> words = sub->remaining();
+        if (*demo) words.insert(words.begin(), "demo");
+        if (words.empty()) throw UsageError("station: which command? (orvel station --help lists them)");
+        become_station(std::move(words));
+    });
+}
+
+void add_spots(CLI::App& app, int&) {
+    const auto options = std::make_shared<SpotsOptions>();
+    CLI::App* const sub = add_spots_options(app, *options);
+    sub->callback([sub, options] { become_station(words_of(*sub)); });
+}
