@@ -15,6 +15,7 @@
 namespace {
 
 constexpr const char* STATUS_S = "60";
+constexpr const char* SPECTRUM_S = "1";
 constexpr double SILENCE_S = 150;  // without a new sample: it hangs
 constexpr double ENDING_S = 20;    // that it may take to end
 constexpr double FIRST_PAUSE_S = 1;
@@ -78,6 +79,7 @@ void ReceiverProcess::step(double now, double utc) {
 
 void ReceiverProcess::start(double now) {
     std::vector<std::string> arguments = {"orvel", "listen", "--json", "--status=" + std::string(STATUS_S)};
+    if (spectrum_) arguments.push_back("--spectrum=" + std::string(SPECTRUM_S));
     arguments.insert(arguments.end(), config_.arguments.begin(), config_.arguments.end());
     try {
         child_ =
@@ -89,7 +91,7 @@ void ReceiverProcess::start(double now) {
     output_.clear();
     errors_.clear();
     started_at_ = heard_at_ = now;
-    before_ = {};
+    status_ = {};
     state_ = State::RUNNING;
 }
 
@@ -133,14 +135,18 @@ void ReceiverProcess::read(const Takers& takers, double now) {
 
 void ReceiverProcess::take_line(const std::string& line, const Takers& takers, double now) {
     if (auto status = parse_status_line(line)) {
-        if (status->captured_s > before_.captured_s) heard_at_ = now;
+        const Status before = status_.value_or(Status{});
+        if (status->captured_s > before.captured_s) heard_at_ = now;
         takers.minute({config_.name, status->utc, status->level_db, status->noise_db,
-                       status->captured_s - before_.captured_s, status->lost_s - before_.lost_s, status->decode_s,
+                       status->captured_s - before.captured_s, status->lost_s - before.lost_s, status->decode_s,
                        status->clipped});
-        before_ = *status;
+        status_ = std::move(*status);
     } else if (auto spot = parse_spot_line(line); spot && spot->file.empty()) {
         spot->receiver = config_.name;
         takers.spot(*spot);
+    } else if (auto row = parse_spectrum_line(line)) {
+        row->receiver = config_.name;
+        takers.row(*row);
     } else {
         say("printed what is no spot: " + line.substr(0, 200));
     }
