@@ -1,39 +1,20 @@
 #include "listening/spectrum.h"
 
 #include <algorithm>
-#include <array>
 #include <bit>
 #include <cmath>
 #include <numbers>
-
-#include "base/json.h"
-#include "base/utc.h"
 
 namespace {
 
 constexpr double LEAST_POINTS = 512;
 constexpr int32_t LEAST_LENGTH = 1 << 6;
 constexpr int32_t MOST_LENGTH = 1 << 18;
-constexpr double ZERO_DB = -140;
-constexpr double STEP_DB = 0.6;
 
 int32_t length_for(double width_hz, int32_t rate) {
     const double wanted = LEAST_POINTS * rate / width_hz;
     if (!(wanted < MOST_LENGTH)) return MOST_LENGTH;
     return std::max(LEAST_LENGTH, static_cast<int32_t>(std::bit_ceil(static_cast<uint32_t>(std::ceil(wanted)))));
-}
-
-std::string base64(std::span<const uint8_t> bytes) {
-    constexpr std::string_view DIGITS = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string text;
-    text.reserve(4 * (bytes.size() + 2) / 3);
-    for (std::size_t at = 0; at < bytes.size(); at += 3) {
-        const std::size_t count = std::min<std::size_t>(3, bytes.size() - at);
-        uint32_t group = 0;
-        for (std::size_t k = 0; k < 3; k++) group = group << 8 | (k < count ? bytes[at + k] : 0U);
-        for (std::size_t k = 0; k < 4; k++) text += k <= count ? DIGITS[group >> (18 - 6 * k) & 63U] : '=';
-    }
-    return text;
 }
 
 }  // namespace
@@ -94,7 +75,7 @@ void MeanSpectrum::add(std::span<const float> power) {
 
 std::vector<double> MeanSpectrum::take_db() {
     std::vector<double> levels = std::move(sum_);
-    for (double& level : levels) level = std::max(10 * std::log10(level / static_cast<double>(count_)), ZERO_DB);
+    for (double& level : levels) level = std::max(10 * std::log10(level / static_cast<double>(count_)), LEAST_LEVEL_DB);
     sum_.clear();
     count_ = 0;
     return levels;
@@ -104,22 +85,4 @@ double median_db(std::vector<double> levels_db) {
     const auto middle = levels_db.begin() + std::ssize(levels_db) / 2;
     std::ranges::nth_element(levels_db, middle);
     return *middle;
-}
-
-std::string spectrum_line(const SpectrumRow& row) {
-    std::vector<uint8_t> bytes;
-    bytes.reserve(row.levels_db.size());
-    for (const double level_db : row.levels_db) {
-        bytes.push_back(static_cast<uint8_t>(std::clamp(std::lround((level_db - ZERO_DB) / STEP_DB), 0L, 255L)));
-    }
-    nlohmann::ordered_json object;
-    object["type"] = "spectrum";
-    if (!row.receiver.empty()) object["receiver"] = row.receiver;
-    object["utc"] = utc_text(row.utc, 2);
-    object["low_hz"] = row.band.low;
-    object["high_hz"] = row.band.high;
-    object["zero_db"] = ZERO_DB;
-    object["step_db"] = STEP_DB;
-    object["levels"] = base64(bytes);
-    return json_line(object);
 }

@@ -5,10 +5,10 @@
 #include <cstdint>
 #include <functional>
 #include <span>
-#include <string>
 #include <vector>
 
 #include "base/parse.h"
+#include "spots/spectrum_row.h"
 #include "wideband/float_fft.h"
 
 // Cuts the stream into blocks under a Hann window, each transformed by itself.
@@ -56,15 +56,3 @@ class MeanSpectrum {
 
 // The level that half of the points exceed.
 double median_db(std::vector<double> levels_db);
-
-// A row of a waterfall.
-struct SpectrumRow {
-    std::string receiver;  // "" for the only one
-    double utc = 0;        // of its end
-    Range band{};          // Hz
-    std::vector<double> levels_db;
-};
-
-// One JSON object per line: "type": "spectrum", "receiver", "utc", "low_hz", "high_hz", and "levels": a byte a point in
-// base64, from -140 dB of full scale in 1 Hz in steps of 0.6 dB, as "zero_db" and "step_db" say.
-std::string spectrum_line(const SpectrumRow& row);

@@ -23,7 +23,7 @@ constexpr std::array STATION_KEYS = {Key{"callsign", Kind::TEXT, true}, Key{"loc
 constexpr std::array STORE_KEYS = {Key{"path", Kind::TEXT, true}, Key{"keep_days", Kind::NUMBER, false, 1, 36500},
                                    Key{"most_megabytes", Kind::NUMBER, false, 10, 1e7}};
 constexpr std::array WEB_KEYS = {Key{"address", Kind::TEXT}, Key{"port", Kind::NUMBER, false, 0, 65535},
-                                 Key{"token", Kind::SECRET}};
+                                 Key{"token", Kind::SECRET}, Key{"hosts", Kind::TEXTS}};
 constexpr std::array OUTPUT_KEYS = {Key{"type", Kind::TEXT, true}, Key{"name", Kind::TEXT},
                                     Key{"doubtful", Kind::FLAG}};
 
@@ -87,7 +87,8 @@ class Reader {
         Config config;
         config.station = table("station", STATION_KEYS, true);
         config.store = table("store", STORE_KEYS, true);
-        config.web = table("web", WEB_KEYS, false);
+        const Values web = table("web", WEB_KEYS, false);
+        if (file_.contains("web")) add_web(web, config);
         for_each("receiver", [&](const toml::table& table) { add_receiver(table, config); });
         for_each("output", [&](const toml::table& table) { add_output(table, config); });
         check_station(config.station);
@@ -136,6 +137,12 @@ class Reader {
         if (station.has("locator") && !is_locator(locator)) {
             note(*table, "station: '" + locator + "' is no locator of 4 or 6 characters", mistakes_);
         }
+    }
+
+    void add_web(const Values& values, Config& config) {
+        config.web = web_config(values);
+        const std::string problem = web_problem(*config.web);
+        if (!problem.empty()) note(*file_.get("web"), "web: " + problem, mistakes_);
     }
 
     static bool is_locator(const std::string& text) {

@@ -1,12 +1,14 @@
 // The file that a station is run by.
 #pragma once
 
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "config/values.h"
+#include "config/web_config.h"
 
 // Part of a day in UTC, which may pass midnight.
 struct Hours {
@@ -32,9 +34,9 @@ struct OutputConfig {
 };
 
 struct Config {
-    Values station;  // callsign, locator, antenna
-    Values store;    // path, keep_days, most_megabytes
-    Values web;      // address, port, token
+    Values station;                // callsign, locator, antenna
+    Values store;                  // path, keep_days, most_megabytes
+    std::optional<WebConfig> web;  // nothing without [web]
     std::vector<ReceiverConfig> receivers;
     std::vector<OutputConfig> outputs;
 };

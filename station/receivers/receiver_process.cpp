@@ -15,6 +15,7 @@
 namespace {
 
 constexpr const char* STATUS_S = "60";
+constexpr const char* SPECTRUM_S = "1";
 constexpr double LONGEST_FRAME_S = 45;  // and somewhat more
 constexpr double TOLERANCE_S = 10;
 constexpr std::size_t LONGEST_LINE = 1 << 20;
@@ -86,6 +87,7 @@ bool ReceiverProcess::is_looked_after(double now) const {
 
 void ReceiverProcess::start(double now) {
     std::vector<std::string> arguments = {"orvel", "listen", "--json", "--status=" + std::string(STATUS_S)};
+    if (spectrum_) arguments.push_back("--spectrum=" + std::string(SPECTRUM_S));
     arguments.insert(arguments.end(), config_.arguments.begin(), config_.arguments.end());
     try {
         child_ =
@@ -97,7 +99,7 @@ void ReceiverProcess::start(double now) {
     output_.clear();
     errors_.clear();
     started_at_ = heard_at_ = now;
-    before_ = {};
+    status_ = {};
     has_told_ = false;
     state_ = State::RUNNING;
 }
@@ -142,14 +144,18 @@ void ReceiverProcess::read(const Takers& takers, double now) {
 
 void ReceiverProcess::take_line(const std::string& line, const Takers& takers, double now) {
     if (auto status = parse_status_line(line)) {
-        if (status->captured_s > before_.captured_s) heard_at_ = now;
+        const Status before = status_.value_or(Status{});
+        if (status->captured_s > before.captured_s) heard_at_ = now;
         takers.minute({config_.name, status->utc, status->level_db, status->noise_db,
-                       status->captured_s - before_.captured_s, status->lost_s - before_.lost_s, status->decode_s,
+                       status->captured_s - before.captured_s, status->lost_s - before.lost_s, status->decode_s,
                        status->clipped});
-        before_ = *status;
+        status_ = std::move(*status);
     } else if (auto spot = parse_spot_line(line); spot && spot->file.empty()) {
         spot->receiver = config_.name;
         takers.spot(*spot);
+    } else if (auto row = parse_spectrum_line(line)) {
+        row->receiver = config_.name;
+        takers.row(*row);
     } else {
         say("printed what is no spot: " + line.substr(0, 200));
     }

@@ -6,11 +6,13 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "base/child.h"
 #include "config/config.h"
+#include "spots/spectrum_row.h"
 #include "spots/spot.h"
 #include "spots/status.h"
 #include "store/store.h"
@@ -22,6 +24,7 @@ class ReceiverProcess {
     struct Takers {
         std::function<void(const Spot&)> spot;
         std::function<void(const ReceiverMinute&)> minute;
+        std::function<void(const SpectrumRow&)> row;
     };
 
     struct Limits {
@@ -42,6 +45,9 @@ class ReceiverProcess {
     // Takes what the child printed; the lines that it prints for people go to standard error.
     void read(const Takers& takers, double now);
 
+    // Whether children that start from now on print rows of a waterfall.
+    void show_spectrum(bool show) { spectrum_ = show; }
+
     // Asks the child to end: it decodes what it has first.
     void stop(double now);
     bool stopped() const { return !child_; }
@@ -53,6 +59,7 @@ class ReceiverProcess {
     std::vector<pollfd> descriptors() const;
 
     State state() const { return state_; }
+    const std::optional<Status>& status() const { return status_; }  // the last of the child that runs
     const ReceiverConfig& config() const { return config_; }
 
   private:
@@ -70,8 +77,9 @@ class ReceiverProcess {
     std::unique_ptr<Child> child_;
     std::string output_, errors_;  // lines that have not ended
     double started_at_ = 0;
-    double heard_at_ = 0;  // of a status with more samples than before
-    Status before_;        // the last one
+    double heard_at_ = 0;           // of a status with more samples than before
+    std::optional<Status> status_;  // the last one
+    bool spectrum_ = false;
     double start_at_ = 0;
     double pause_s_;
     double kill_at_ = 0;

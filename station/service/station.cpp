@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <csignal>
 #include <deque>
@@ -21,6 +22,7 @@
 #include "receivers/receiver_process.h"
 #include "service/notify.h"
 #include "store/store.h"
+#include "web/server.h"
 
 namespace {
 
@@ -31,12 +33,18 @@ constexpr std::size_t MOST_WAITING = 100'000;  // spots that the store does not 
 constexpr double DAY_S = 86400;
 constexpr double MEGABYTE = 1e6;
 constexpr double STORE_PATIENCE_S = 1800;  // before a new start is worth the spots that wait
+constexpr double TELL_EVERY_S = 1;         // viewers how all is doing
 constexpr double STOP_S = 25;              // that receivers may take to end
 
 volatile std::sig_atomic_t reload_flag = 0;
 
 extern "C" void note_reload(int) {
     reload_flag = 1;
+}
+
+const char* name_of(ReceiverProcess::State state) {
+    constexpr std::array NAMES = {"off", "waiting", "running", "ending"};
+    return NAMES.at(static_cast<std::size_t>(state));
 }
 
 class Station {
@@ -47,6 +55,7 @@ class Station {
           config_(read_or_refuse(config_path_)),
           store_(config_.store.text("path"), Database::Access::WRITE) {
         for (const OutputConfig& output : config_.outputs) add_output(output);
+        open_web();
         for (const ReceiverConfig& receiver : config_.receivers) add_receiver(receiver);
     }
 
@@ -69,6 +78,7 @@ class Station {
         wait_for_receivers();
         read_receivers();
         commit();
+        if (web_ && monotonic_now() >= tell_at_) tell_viewers();
         if (monotonic_now() >= forget_at_) forget(utc);
     }
 
@@ -94,7 +104,8 @@ class Station {
 
     void read_receivers() {
         const ReceiverProcess::Takers takers{[&](const Spot& spot) { take(spot); },
-                                             [&](const ReceiverMinute& minute) { minutes_.push_back(minute); }};
+                                             [&](const ReceiverMinute& minute) { minutes_.push_back(minute); },
+                                             [&](const SpectrumRow& row) { hub_.tell(row); }};
         const double now = monotonic_now();
         for (const auto* const group : {&receivers_, &ending_}) {
             for (const auto& receiver : *group) receiver->read(takers, now);
@@ -120,6 +131,7 @@ class Station {
             const std::vector<StoredSpot> added = store_.add(spots);
             waiting_.clear();
             for (const ReceiverMinute& minute : std::exchange(minutes_, {})) store_.add(minute);
+            hub_.tell(added);
             if (!added.empty()) {
                 for (const auto& outbox : outboxes_) outbox->notify();
             }
@@ -142,6 +154,30 @@ class Station {
         } else {
             print_error(problem);
         }
+    }
+
+    void open_web() {
+        web_.reset();
+        if (config_.web) web_ = std::make_unique<WebServer>(*config_.web, hub_, config_.store.text("path"));
+    }
+
+    void tell_viewers() {
+        tell_at_ = monotonic_now() + TELL_EVERY_S;
+        StationState state{config_.station.text("callsign"),
+                           config_.station.text("locator"),
+                           config_.station.text("antenna"),
+                           {},
+                           {},
+                           problem_};
+        for (const auto& receiver : receivers_) {
+            state.receivers.push_back({receiver->config().name, name_of(receiver->state()), receiver->status()});
+        }
+        for (const auto& outbox : outboxes_) {
+            const Outbox::State now = outbox->state();
+            state.outputs.push_back(
+                {outbox->config().name, outbox->config().type, now.position, now.problem, now.since});
+        }
+        hub_.tell(std::move(state));
     }
 
     void forget(double utc) {
@@ -180,7 +216,9 @@ class Station {
             if (config.store.text("path") != config_.store.text("path")) {
                 throw UsageError("another store needs a new start");
             }
-            const Values before = std::exchange(config_, std::move(config)).station;
+            const Config old = std::exchange(config_, std::move(config));
+            const Values& before = old.station;
+            if (old.web != config_.web) open_web();
             std::erase_if(outboxes_, [&](const auto& outbox) {
                 return before != config_.station ||
                        std::ranges::find(config_.outputs, outbox->config()) == config_.outputs.end();
@@ -198,6 +236,7 @@ class Station {
     }
 
     void reload_receivers() {
+        for (auto& receiver : receivers_) receiver->show_spectrum(config_.web.has_value());
         for (auto& receiver : receivers_) {
             if (std::ranges::find(config_.receivers, receiver->config()) != config_.receivers.end()) continue;
             receiver->stop(monotonic_now());
@@ -216,6 +255,7 @@ class Station {
 
     void add_receiver(const ReceiverConfig& receiver) {
         receivers_.push_back(std::make_unique<ReceiverProcess>(receiver, program_));
+        receivers_.back()->show_spectrum(config_.web.has_value());
     }
 
     // The receivers decode what they have; all of it is kept before the end.
@@ -247,6 +287,9 @@ class Station {
     std::size_t dropped_ = 0;
     std::string problem_;
     double failing_since_ = 0;
+    Hub hub_;
+    std::unique_ptr<WebServer> web_;
+    double tell_at_ = 0;
     double retry_at_ = 0;
     double forget_at_ = 0;
     double watchdog_at_ = 0;

@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <map>
 #include <random>
 #include <string_view>
 #include <utility>
@@ -14,7 +15,8 @@
 namespace {
 
 // Each step brings a database to the version of its index plus 1.
-constexpr std::array MIGRATIONS = {R"(
+constexpr std::array MIGRATIONS = {
+    R"(
 CREATE TABLE receiver (
     number INTEGER PRIMARY KEY,
     name TEXT NOT NULL UNIQUE);
@@ -55,12 +57,21 @@ CREATE TABLE minute (
 CREATE TABLE outbox (
     output TEXT PRIMARY KEY,
     position INTEGER NOT NULL) WITHOUT ROWID;
+)",
+    // One beacon among millions of spots: its latest, and its curve from the index alone.
+    R"(
+ALTER TABLE spot ADD COLUMN call TEXT NOT NULL DEFAULT '';
+UPDATE spot SET call = (SELECT call FROM transmission WHERE number = spot.transmission);
+CREATE INDEX spot_call ON spot (call);
+CREATE INDEX spot_curve ON spot (call, start, receiver, snr_db, rf_hz, freq_hz);
+CREATE INDEX transmission_locator ON transmission (call, start, locator) WHERE locator <> '';
 )"};
 constexpr auto VERSION = static_cast<int64_t>(MIGRATIONS.size());
 
-constexpr double SAME_S = 15.3;      // half of the shortest frame
-constexpr double SAME_HZ = 20;       // of two receivers' radio frequencies, and besides
-constexpr double SAME_SHARE = 2e-5;  // what their oscillators are wrong by
+constexpr double SAME_S = 15.3;            // half of the shortest frame
+constexpr double SAME_HZ = 20;             // of two receivers' radio frequencies, and besides
+constexpr double SAME_SHARE = 2e-5;        // what their oscillators are wrong by
+constexpr std::size_t MOST_HEARINGS = 16;  // of a transmission, as a page of them is looked for
 constexpr int64_t FORGOTTEN_AT_ONCE = 1000;
 
 int64_t single(Database& database, std::string_view sql) {
@@ -153,9 +164,22 @@ class Conditions {
     std::vector<std::pair<int, std::string>> texts_;
 };
 
-Conditions conditions_of(const SpotFilter& filter) {
+// What a callsign with a wildcard matches is sorted by number if it is little; of more, the latest are quickly met on
+// the way through all.
+constexpr int64_t LITTLE = 5000;
+
+void add_call(Database& database, const std::string& pattern, Conditions& all) {
+    if (pattern.empty()) return;
+    const std::string call = upper_case(pattern);
+    if (call.find_first_of("*?[") == std::string::npos) return all.add("s.call = ?", call);
+    Statement matches = database.prepare("SELECT count(*) FROM (SELECT 1 FROM spot WHERE call GLOB ? LIMIT ?)");
+    matches.bind(0, std::string_view(call)).bind(1, LITTLE).step();
+    all.add(matches.integer(0) < LITTLE ? "s.call GLOB ?" : "+s.call GLOB ?", call);
+}
+
+Conditions conditions_of(Database& database, const SpotFilter& filter) {
     Conditions all;
-    if (!filter.call.empty()) all.add("t.call GLOB ?", upper_case(filter.call));
+    add_call(database, filter.call, all);
     if (!filter.receiver.empty()) all.add("r.name = ?", filter.receiver);
     if (filter.protocol) all.add("t.protocol = ?", *filter.protocol);
     if (filter.from) all.add("s.start >= ?", *filter.from);
@@ -163,8 +187,35 @@ Conditions conditions_of(const SpotFilter& filter) {
     if (filter.rf_low_hz) all.add("s.rf_hz >= ?", *filter.rf_low_hz);
     if (filter.rf_high_hz) all.add("s.rf_hz <= ?", *filter.rf_high_hz);
     if (filter.after) all.add("s.number > ?", static_cast<double>(*filter.after));
+    if (filter.before) all.add("s.number < ?", static_cast<double>(*filter.before));
     return all;
 }
+
+// The spots of a point of a curve.
+struct CurveSum {
+    int64_t spots = 0, measured = 0;
+    double snr_db = 0, freq_hz = 0;
+    double least_snr_db = HUGE_VAL, most_snr_db = -HUGE_VAL;
+
+    void add(const std::optional<double>& snr, double hz) {
+        spots++;
+        freq_hz += hz;
+        if (!snr) return;
+        measured++;
+        snr_db += *snr;
+        least_snr_db = std::min(least_snr_db, *snr);
+        most_snr_db = std::max(most_snr_db, *snr);
+    }
+
+    CurvePoint point(const std::string& receiver, double utc) const {
+        CurvePoint point{receiver, utc, spots, {}, {}, {}, freq_hz / static_cast<double>(spots)};
+        if (measured == 0) return point;
+        point.snr_db = snr_db / static_cast<double>(measured);
+        point.least_snr_db = least_snr_db;
+        point.most_snr_db = most_snr_db;
+        return point;
+    }
+};
 
 }  // namespace
 
@@ -215,10 +266,11 @@ std::optional<StoredSpot> Store::insert(const Spot& spot) {
     }
     Statement insert = database_.prepare(
         "INSERT INTO spot (id, receiver, transmission, start, end, freq_hz, rf_hz, drift_hz_s, snr_db, deep, method, "
-        "odds) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (transmission, receiver) DO NOTHING");
+        "odds, call) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (transmission, receiver) DO NOTHING");
     insert.bind(0, std::string_view(stored.id)).bind(1, receiver_number(spot.receiver)).bind(2, stored.transmission);
     insert.bind(3, spot.start).bind(4, spot.end).bind(5, spot.freq_hz).bind(6, spot.rf_hz).bind(7, spot.drift_hz_s);
-    insert.bind(8, spot.snr_db).bind(9, static_cast<int64_t>(spot.deep)).bind(10, method).bind(11, odds).step();
+    insert.bind(8, spot.snr_db).bind(9, static_cast<int64_t>(spot.deep)).bind(10, method).bind(11, odds);
+    insert.bind(12, std::string_view(spot.call)).step();
     if (database_.changed() == 0) return std::nullopt;
     stored.number = database_.last_row();
     return stored;
@@ -249,7 +301,7 @@ void Store::add(const ReceiverMinute& minute) {
 }
 
 void Store::query(const SpotFilter& filter, const std::function<bool(const StoredSpot&)>& take) {
-    const Conditions conditions = conditions_of(filter);
+    const Conditions conditions = conditions_of(database_, filter);
     std::string sql = std::string(SPOT_COLUMNS) + conditions.sql();
     if (filter.newest) {
         sql = format("SELECT * FROM (%s ORDER BY s.number DESC LIMIT %zu) ORDER BY 1", sql.c_str(), *filter.newest);
@@ -261,6 +313,67 @@ void Store::query(const SpotFilter& filter, const std::function<bool(const Store
     while (rows.step()) {
         if (!take(read_spot(rows))) return;
     }
+}
+
+std::vector<StoredSpot> Store::transmissions(const std::string& call, std::optional<int64_t> before, std::size_t most) {
+    Conditions conditions;
+    if (before) conditions.add("s.transmission < ?", static_cast<double>(*before));
+    add_call(database_, call, conditions);
+    Statement rows = database_.prepare(
+        std::string(SPOT_COLUMNS) + " WHERE s.transmission IN (SELECT DISTINCT transmission FROM (SELECT " +
+        "s.transmission FROM spot s" + conditions.sql() +
+        format(" ORDER BY s.number DESC LIMIT %zu) ORDER BY transmission DESC LIMIT %zu) ORDER BY s.transmission DESC, "
+               "s.number",
+               most * MOST_HEARINGS, most));
+    conditions.bind(rows);
+    std::vector<StoredSpot> spots;
+    while (rows.step()) spots.push_back(read_spot(rows));
+    return spots;
+}
+
+std::vector<CurvePoint> Store::curve(const std::string& call, double from, double until, double step_s) {
+    Statement rows = database_.prepare(
+        "SELECT receiver, start, snr_db, coalesce(rf_hz, freq_hz) FROM spot INDEXED BY spot_curve WHERE call = ? AND "
+        "start >= ? AND start < ?");
+    rows.bind(0, std::string_view(call)).bind(1, from).bind(2, until);
+    std::map<std::pair<int64_t, int64_t>, CurveSum> sums;  // by receiver and step
+    while (rows.step()) {
+        const auto step = static_cast<int64_t>((rows.real(1) - from) / step_s);
+        sums[{rows.integer(0), step}].add(rows.optional_real(2), rows.real(3));
+    }
+    std::vector<CurvePoint> points;
+    points.reserve(sums.size());
+    const std::map<int64_t, std::string> names = receiver_names();
+    for (const auto& [key, sum] : sums) {
+        points.push_back(sum.point(names.at(key.first), from + step_s * static_cast<double>(key.second)));
+    }
+    return points;
+}
+
+// From callsign to callsign in the index, rather than through all of it.
+std::vector<Beacon> Store::beacons() {
+    Statement rows = database_.prepare(
+        "WITH RECURSIVE c (call) AS (SELECT min(call) FROM spot UNION ALL SELECT (SELECT min(call) FROM spot WHERE "
+        "call > c.call) FROM c WHERE c.call IS NOT NULL), last (number) AS MATERIALIZED (SELECT (SELECT max(number) "
+        "FROM spot WHERE call = c.call) FROM c WHERE c.call IS NOT NULL) " +
+        std::string(SPOT_COLUMNS) + " WHERE s.number IN (SELECT number FROM last) ORDER BY t.call");
+    Statement located = database_.prepare(
+        "SELECT locator FROM transmission WHERE call = ? AND locator <> '' ORDER BY start DESC LIMIT 1");
+    std::vector<Beacon> beacons;
+    while (rows.step()) {
+        Beacon beacon{read_spot(rows), ""};
+        if (located.bind(0, std::string_view(beacon.last.spot.call)).step()) {
+            beacon.locator = located.text(0);
+            while (located.step()) {
+            }
+        }
+        beacons.push_back(std::move(beacon));
+    }
+    return beacons;
+}
+
+int64_t Store::last_number() {
+    return single(database_, "SELECT max(number) FROM spot");
 }
 
 std::vector<ReceiverMinute> Store::minutes(const std::string& receiver, double from, double until) {
@@ -280,6 +393,13 @@ std::vector<ReceiverMinute> Store::last_minutes(double from) {
     std::vector<ReceiverMinute> minutes;
     while (rows.step()) minutes.push_back(read_minute(rows));
     return minutes;
+}
+
+std::map<int64_t, std::string> Store::receiver_names() {
+    Statement rows = database_.prepare("SELECT number, name FROM receiver");
+    std::map<int64_t, std::string> names;
+    while (rows.step()) names.emplace(rows.integer(0), rows.text(1));
+    return names;
 }
 
 std::vector<std::string> Store::receivers() {

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <span>
 #include <string>
@@ -38,7 +39,23 @@ struct SpotFilter {
     std::optional<double> from = {}, until = {};            // UTC of the start
     std::optional<double> rf_low_hz = {}, rf_high_hz = {};  // radio frequency, where it is known
     std::optional<int64_t> after = {};                      // numbers beyond this
+    std::optional<int64_t> before = {};                     // and below this
     std::optional<std::size_t> newest = {};                 // so many of the latest
+};
+
+// What a receiver heard of a beacon within a step of time.
+struct CurvePoint {
+    std::string receiver;
+    double utc;  // of the step's begin
+    int64_t spots;
+    std::optional<double> snr_db, least_snr_db, most_snr_db;  // the mean, and between which
+    double freq_hz;                                           // mean; on the air, where that is known
+};
+
+// A beacon as it was heard last.
+struct Beacon {
+    StoredSpot last;
+    std::string locator;  // of the last frame that carried one; "" when none did
 };
 
 class Store {
@@ -56,6 +73,15 @@ class Store {
 
     // Calls take with each of the spots in order of their numbers until it returns false.
     void query(const SpotFilter& filter, const std::function<bool(const StoredSpot&)>& take);
+    // The latest transmissions below a number, the newest first: all spots of one follow each other. `call` as in
+    // SpotFilter.
+    std::vector<StoredSpot> transmissions(const std::string& call, std::optional<int64_t> before, std::size_t most);
+
+    // By receiver, in the order in which they came, and time. `call` is one callsign.
+    std::vector<CurvePoint> curve(const std::string& call, double from, double until, double step_s);
+    std::vector<Beacon> beacons();  // by callsign
+    int64_t last_number();          // 0 while there is none
+
     std::vector<ReceiverMinute> minutes(const std::string& receiver, double from, double until);
     std::vector<ReceiverMinute> last_minutes(double from);  // one of each receiver that has one since
     std::vector<std::string> receivers();
@@ -67,11 +93,14 @@ class Store {
     // Forgets spots and minutes before a time, and the oldest of them while the file is larger; the number of spots.
     int64_t forget(double before, std::optional<int64_t> most_bytes);
 
+    // Of the file, without what is free in it.
+    int64_t bytes();
+
   private:
     std::optional<StoredSpot> insert(const Spot& spot);
     int64_t receiver_number(const std::string& name);
     int64_t transmission_of(const Spot& spot);
-    int64_t bytes();
+    std::map<int64_t, std::string> receiver_names();
 
     Database database_;
 };

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "liborvel.h"
+#include "spots/spectrum_row.h"
 #include "spots/spot.h"
 #include "spots/spot_log.h"
 #include "spots/spot_table.h"
@@ -445,6 +446,42 @@ TEST(StatusLine, ReadsBackWhatItSays) {
     EXPECT_EQ(wrong->rate, INT32_MAX);
     EXPECT_EQ(wrong->clipped, 0);
     EXPECT_EQ(wrong->spots, 0);
+}
+
+// ---- Rows of a waterfall --------------------------------------------------------------------------------------------
+
+TEST(SpectrumLine, IsReadBackAsTheSameRow) {
+    for (std::size_t points = 1; points < 9; points++) {
+        SpectrumRow row{"lf", 1.7724e9, {-1, 2}, {}};
+        for (std::size_t k = 0; k < points; k++)
+            row.levels_db.push_back(LEAST_LEVEL_DB + 0.6 * (255 - 31.0 * static_cast<double>(k)));
+        const auto again = parse_spectrum_line(spectrum_line(row));
+        ASSERT_TRUE(again) << points;
+        EXPECT_EQ(again->receiver, "lf");
+        EXPECT_EQ(again->utc, row.utc);
+        EXPECT_EQ(again->band.low, -1);
+        EXPECT_EQ(again->band.high, 2);
+        ASSERT_EQ(again->levels_db.size(), points);
+        for (std::size_t k = 0; k < points; k++) EXPECT_NEAR(again->levels_db[k], row.levels_db[k], 1e-9);
+    }
+}
+
+TEST(SpectrumLine, WithoutAFieldOrWithOneOfTheWrongKindIsNone) {
+    const std::string line = spectrum_line({"", 1.7724e9, {-1, 2}, {-140, -20}});
+    ASSERT_TRUE(parse_spectrum_line(line));
+    const auto with = [&](const std::string& what, const std::string& instead) {
+        std::string other = line;
+        other.replace(other.find(what), what.size(), instead);
+        return parse_spectrum_line(other).has_value();
+    };
+    EXPECT_FALSE(with("spectrum", "status"));
+    EXPECT_FALSE(with("2026", "x"));
+    EXPECT_FALSE(with("-1.0", "2.0")) << "a band from high to low";
+    EXPECT_FALSE(with("\"low_hz\"", "\"low\""));
+    EXPECT_FALSE(with("0.6", "null"));
+    for (const char* const levels : {"", "AMg", "A===", "AM=g", "A*g="}) EXPECT_FALSE(with("AMg=", levels)) << levels;
+    EXPECT_FALSE(parse_spectrum_line("[1]"));
+    EXPECT_FALSE(parse_spectrum_line("{"));
 }
 
 }  // namespace

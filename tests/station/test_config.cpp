@@ -86,7 +86,8 @@ name = "log"
     EXPECT_EQ(config.station.text("antenna"), "30 m of wire, höher");
     EXPECT_EQ(config.store.number("keep_days", 0), 400);
     EXPECT_EQ(config.store.number("most_megabytes", 7), 7);
-    EXPECT_EQ(config.web.number("port", 0), 8073);
+    ASSERT_TRUE(config.web);
+    EXPECT_EQ(config.web->port, 8073);
     ASSERT_EQ(config.receivers.size(), 2u);
     EXPECT_EQ(config.receivers[0].arguments,
               (std::vector<std::string>{"--receiver", "lf=rtl_tcp://127.0.0.1:1234?freq=137500", "--iq",
@@ -105,7 +106,9 @@ TEST_F(ConfigTest, NamesThePlaceOfEveryMistake) {
     EXPECT_EQ(mistake(LEAST + "[web]\nport = \"x\"\n"), "7:8 web: port is not a number");
     EXPECT_EQ(mistake(LEAST + "[web]\nport = true\n"), "7:8 web: port is not a number");
     EXPECT_EQ(mistake(LEAST + "[web]\nport = nan\n"), "7:8 web: port is not a number");
-    EXPECT_EQ(mistake(LEAST + "[web]\nhost = \"x\"\n"), "7:8 web: 'host' is not one of address, port, token");
+    EXPECT_EQ(mistake(LEAST + "[web]\nhost = \"x\"\n"), "7:8 web: 'host' is not one of address, port, token, hosts");
+    EXPECT_EQ(mistake(LEAST + "[web]\naddress = \"0.0.0.0\"\n"),
+              "6:1 web: whoever is not on this machine needs a token");
     EXPECT_EQ(mistake(LEAST + "[wbe]\n"), "6:1 'wbe' is not one of station, store, web, receiver, output");
     EXPECT_EQ(mistake("[store]\npath = \"x\"\n"), "1:1 [station] is missing");
     EXPECT_EQ(mistake(LEAST + "[receiver]\nname = \"lf\"\n"), "6:1 write [[receiver]], as there may be several");

@@ -206,6 +206,23 @@ TEST_F(StationTest, ReadsItsConfigurationAgain) {
     EXPECT_FALSE(std::getline(pids, second)) << "it was started once";
 }
 
+// What is live on its page stands in test_web.cpp.
+TEST_F(StationTest, ShowsItsPageAndItsReceiversSpectra) {
+    play("echo \"$@\" > '" + path("") +
+         "'args; printf '{\"type\":\"spectrum\",\"receiver\":\"x\",\"utc\":\"2026-03-01T12:00:00Z\",\"low_hz\":1,"
+         "\"high_hz\":2,\"zero_db\":-140,\"step_db\":0.6,\"levels\":\"AAEA\"}\\n'; spot 1; exec sleep 1000");
+    configure({"lf"}, "[web]\nport = 0\n");
+    start();
+    EXPECT_TRUE(eventually([&] { return spots().size() == 1; })) << errors();
+    EXPECT_NE(errors().find("the page is at http://127.0.0.1:"), std::string::npos) << errors();
+    EXPECT_EQ(errors().find("no spot"), std::string::npos) << errors();
+    std::ifstream words(path("args"));
+    std::string line;
+    std::getline(words, line);
+    EXPECT_EQ(line, "listen --json --status=60 --spectrum=1 --receiver lf=x");
+    EXPECT_EQ(end(), 0);
+}
+
 TEST_F(StationTest, MarksItsLinesForTheJournal) {
     play("echo 'orvel: a word' >&2; exec sleep 1000");
     configure({"lf"});
@@ -256,7 +273,7 @@ class ReceiverTest : public StationTest {
     bool until(ReceiverProcess& one, double utc, const std::function<bool()>& holds, bool source_is_free = true) {
         return eventually([&] {
             one.step(monotonic_now(), utc, source_is_free);
-            one.read({[&](const Spot& spot) { heard_.push_back(spot); }, [](const ReceiverMinute&) {}},
+            one.read({[&](const Spot& spot) { heard_.push_back(spot); }, [](const ReceiverMinute&) {}, [](const SpectrumRow&) {}},
                      monotonic_now());
             return holds();
         });

@@ -172,6 +172,106 @@ TEST_F(StoreTest, FindsWhatAFilterAsksFor) {
     EXPECT_EQ(taken, 2);
 }
 
+TEST_F(StoreTest, FindsOneBeaconAmongMany) {
+    Store store(path(), Access::WRITE);
+    std::vector<Spot> heard;
+    for (int k = 0; k < 6000; k++) {
+        heard.push_back(spot(k == 17 ? "ZL1RARE" : "DL1QXA", NOON + 60 * k));
+        heard.back().receiver = "lf";
+    }
+    store.add(heard);
+    EXPECT_EQ(calls(store, {.call = "zl*", .newest = 5}), calls(store, {.call = "ZL1RARE"}));
+    EXPECT_EQ(all(store, {.call = "ZL*"}).size(), 1u);
+    const auto page = all(store, {.call = "D*", .before = 19, .newest = 2});
+    ASSERT_EQ(page.size(), 2u);
+    EXPECT_EQ(page[0].number, 16);
+    EXPECT_EQ(page[1].number, 17);
+    EXPECT_EQ(store.last_number(), 6000);
+}
+
+TEST_F(StoreTest, GivesTransmissionsWithAllWhoHeardThem) {
+    Store store(path(), Access::WRITE);
+    EXPECT_EQ(store.last_number(), 0);
+    for (int k = 0; k < 5; k++) {
+        add(store, "east", spot(k % 2 == 0 ? "K2QRX" : "DL1QXA", NOON + 100 * k));
+        if (k != 3) add(store, "west", spot(k % 2 == 0 ? "K2QRX" : "DL1QXA", NOON + 100 * k + 1));
+    }
+    const auto ids = [](const std::vector<StoredSpot>& spots) {
+        std::string text;
+        for (const StoredSpot& stored : spots) text += std::to_string(stored.transmission) + stored.spot.receiver[0];
+        return text;
+    };
+    EXPECT_EQ(ids(store.transmissions("", {}, 3)), "5e5w4e3e3w");
+    EXPECT_EQ(ids(store.transmissions("", 3, 10)), "2e2w1e1w");
+    EXPECT_EQ(ids(store.transmissions("dl1qxa", {}, 10)), "4e2e2w");
+    EXPECT_EQ(ids(store.transmissions("K*", {}, 2)), "5e5w3e3w");
+}
+
+TEST_F(StoreTest, DrawsTheCurveOfABeacon) {
+    Store store(path(), Access::WRITE);
+    const std::vector<double> snr = {-20, -24, -10};
+    for (std::size_t k = 0; k < snr.size(); k++) {
+        Spot one = spot("K2QRX", NOON + 100.0 * static_cast<double>(k), 137500.0 + static_cast<double>(k));
+        one.snr_db = snr[k];
+        add(store, "east", one);
+    }
+    Spot unmeasured = spot("K2QRX", NOON + 200);
+    unmeasured.snr_db = {};
+    add(store, "west", unmeasured);
+    add(store, "west", spot("DL1QXA", NOON));
+    const auto points = store.curve("K2QRX", NOON, NOON + 300, 150);
+    ASSERT_EQ(points.size(), 3u);
+    EXPECT_EQ(points[0].receiver, "east");
+    EXPECT_EQ(points[0].utc, NOON);
+    EXPECT_EQ(points[0].spots, 2);
+    EXPECT_EQ(points[0].snr_db, -22);
+    EXPECT_EQ(points[0].least_snr_db, -24);
+    EXPECT_EQ(points[0].most_snr_db, -20);
+    EXPECT_EQ(points[0].freq_hz, 137500.5);
+    EXPECT_EQ(points[1].utc, NOON + 150);
+    EXPECT_EQ(points[1].snr_db, -10);
+    EXPECT_EQ(points[2].receiver, "west");
+    EXPECT_FALSE(points[2].snr_db);
+    EXPECT_EQ(points[2].freq_hz, 1500.25);
+    EXPECT_TRUE(store.curve("K2QRX", NOON + 201, NOON + 300, 10).empty());
+}
+
+TEST_F(StoreTest, KnowsWhereABeaconIsFromWhatItSent) {
+    Store store(path(), Access::WRITE);
+    EXPECT_TRUE(store.beacons().empty());
+    Spot located = spot("DL1QXA", NOON);
+    located.locator = "JO62";
+    located.protocol = OVL_ORVEL_L;
+    add(store, "lf", located);
+    add(store, "lf", spot("DL1QXA", NOON + 60));
+    add(store, "lf", spot("K2QRX", NOON + 10));
+    const auto beacons = store.beacons();
+    ASSERT_EQ(beacons.size(), 2u);
+    EXPECT_EQ(beacons[0].last.spot.call, "DL1QXA");
+    EXPECT_EQ(beacons[0].last.spot.start, NOON + 60);
+    EXPECT_EQ(beacons[0].locator, "JO62");
+    EXPECT_EQ(beacons[1].last.spot.call, "K2QRX");
+    EXPECT_EQ(beacons[1].locator, "");
+}
+
+// What the first version wrote: callsigns stood with the transmissions alone.
+TEST_F(StoreTest, BringsAnEarlierVersionUpToDate) {
+    {
+        Store store(path(), Access::WRITE);
+        add(store, "lf", spot("K2QRX", NOON));
+    }
+    {
+        Database database(path(), Access::WRITE);
+        database.run(
+            "DROP INDEX spot_call; DROP INDEX spot_curve; DROP INDEX transmission_locator; ALTER TABLE spot DROP "
+            "COLUMN call; PRAGMA user_version = 1");
+    }
+    EXPECT_THROW(Store(path(), Access::READ), IoError);
+    Store store(path(), Access::WRITE);
+    EXPECT_EQ(all(store, {.call = "K2QRX"}).size(), 1u);
+    EXPECT_EQ(store.curve("K2QRX", NOON, NOON + 60, 10).size(), 1u);
+}
+
 TEST_F(StoreTest, RemembersHowFarAnOutputIs) {
     {
         Store store(path(), Access::WRITE);
