@@ -570,7 +570,6 @@ TEST_F(Command, StationsAreRunByTheirProgram) {
     fs::permissions(alone / "orvel-station", fs::perms::owner_all);
     EXPECT_EQ(run({"station", "run", "a b.toml", "--help"}).out, "run|a b.toml|--help|");
     EXPECT_EQ(run({"station", "check", "x"}).status, 7);
-    EXPECT_EQ(run({"station", "--demo"}).out, "demo|");
     EXPECT_EQ(run({"spots", "--newest", "3", "--json", "--call=K2*", "--store", "x y"}).out,
               "spots|--store=x y|--call=K2*|--newest=3|--json|");
     EXPECT_EQ(run({"spots", "--jsn"}).status, 2);

@@ -95,12 +95,12 @@ TEST(Layers, CodersDoNotKnowTheReceiver) {
 // Of the library's inside the programs use its pipeline, and what is listed here with its reason.
 TEST(Layers, ProgramsUseOfTheLibraryWhatIsListed) {
     const std::map<std::string, std::set<std::string>> allowed = {
-        {"ovpipe.h", {}},                                              // decodes of I/Q and of wide bands: everywhere
-        {"protocol.h", {}},                                            // the names of the protocols: everywhere
+        {"ovpipe.h", {}},    // decodes of I/Q and of wide bands: everywhere
+        {"protocol.h", {}},  // the names of the protocols: everywhere
         // The same search of I/Q; frames that are taken out.
         {"coherent/coherent.h", {"app/decoding/coherent_block.cpp", "app/decoding/decode_block.cpp"}},
-        {"ovscan.h", {"app/decoding/bands.cpp", "tools/scan.cpp"}},    // a scan of I/Q, and of any band
-        {"ovcenc.h", {"app/base/callsign.cpp"}},                       // whether a callsign passes for one
+        {"ovscan.h", {"app/decoding/bands.cpp", "tools/scan.cpp"}},  // a scan of I/Q, and of any band
+        {"ovcenc.h", {"app/base/callsign.cpp"}},                     // whether a callsign passes for one
         {"ovcdec.h", {"app/base/callsign.cpp"}},
         {"ovpassband.h", {"app/decoding/decode_block.cpp"}},   // SNRs that are right at the edge of a filter
         {"wavread.h", {"app/recordings/open_recording.cpp"}},  // the library's readers

@@ -47,8 +47,6 @@ std::vector<std::string> words_of(const CLI::App& sub) {
 
 void add_station(CLI::App& app, int&) {
     CLI::App* const sub = app.add_subcommand("station", "Listen for months: keep spots and pass them on");
-    const auto demo = std::make_shared<bool>(false);
-    sub->add_flag("--demo", *demo, "Simulated receivers, and a page to watch them: the same as demo");
     sub->prefix_command();
     sub->footer(
         "Usage of a command: orvel station COMMAND [ARGUMENT...]\n\n"
@@ -56,11 +54,9 @@ void add_station(CLI::App& app, int&) {
         "  run FILE              Run a station by its configuration; SIGHUP reads it again\n"
         "  check FILE            Print every mistake of a configuration, with its line and column\n"
         "  doctor FILE           Look after receivers, clock, disk and outputs: a line each\n"
-        "  demo                  Simulated receivers, and a page to watch them\n"
         "\norvel station COMMAND --help shows the options of one.");
-    sub->callback([sub, demo] {
+    sub->callback([sub] {
         std::vector<std::string> words = sub->remaining();
-        if (*demo) words.insert(words.begin(), "demo");
         if (words.empty()) throw UsageError("station: which command? (orvel station --help lists them)");
         become_station(std::move(words));
     });

@@ -1,6 +1,6 @@
 // All frames of a wide band, as its samples come:
-//     samples → slices → the newest of each kept → every quarter of a minute, slice by slice: what is keyed → a decode around
-//     each → frames of all slices, each once, in order of time
+//     samples → slices → the newest of each kept → every quarter of a minute, slice by slice: what is keyed → a decode
+//     around each → frames of all slices, each once, in order of time
 #pragma once
 
 #include <cstdint>

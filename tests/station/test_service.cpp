@@ -273,7 +273,8 @@ class ReceiverTest : public StationTest {
     bool until(ReceiverProcess& one, double utc, const std::function<bool()>& holds, bool source_is_free = true) {
         return eventually([&] {
             one.step(monotonic_now(), utc, source_is_free);
-            one.read({[&](const Spot& spot) { heard_.push_back(spot); }, [](const ReceiverMinute&) {}, [](const SpectrumRow&) {}},
+            one.read({[&](const Spot& spot) { heard_.push_back(spot); }, [](const ReceiverMinute&) {},
+                      [](const SpectrumRow&) {}},
                      monotonic_now());
             return holds();
         });
