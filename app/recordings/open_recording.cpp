@@ -79,7 +79,7 @@ class SoundRecording : public Recording {
     void read_frames(int64_t first, int64_t count, Stretch& out) override {
         constexpr int64_t PIECE = 1 << 16;
         if (sf_seek(file_.get(), first, SEEK_SET) < 0) return;
-        std::vector<double> piece(static_cast<std::size_t>(PIECE) * channels_);
+        std::vector<double> piece(static_cast<std::size_t>(std::min(PIECE, count)) * channels_);
         while (count > 0) {
             const int64_t got = sf_readf_double(file_.get(), piece.data(), std::min(PIECE, count));
             if (got <= 0) return;

@@ -105,6 +105,11 @@ float usable(float sample) {
     return std::fabs(sample) <= HUGE_SAMPLE ? sample : 0;
 }
 
+int32_t rate_within(int32_t least, int32_t rate) {
+    if (rate >= least && rate <= MOST_RATE) return rate;
+    throw UsageError(format("a sample rate of %d Hz is not between %d and %d", rate, least, MOST_RATE));
+}
+
 }  // namespace
 
 // ---- Blocks → slices ------------------------------------------------------------------------------------------------
@@ -301,9 +306,6 @@ class Channeliser::Converter {
 // ---- Channeliser ----------------------------------------------------------------------------------------------------
 
 Channeliser::Channeliser(int32_t rate, bool iq, int32_t least_slice_rate) {
-    if (rate < LEAST_RATE || rate > MOST_RATE) {
-        throw UsageError(format("a sample rate of %d Hz is not between %d and %d", rate, LEAST_RATE, MOST_RATE));
-    }
     auto layout = choose_layout(rate, least_slice_rate);
     if (!layout) {
         const int64_t steps = (static_cast<int64_t>(rate) + least_slice_rate - 1) / least_slice_rate;
@@ -316,7 +318,8 @@ Channeliser::Channeliser(int32_t rate, bool iq, int32_t least_slice_rate) {
     bank_ = std::make_unique<Bank>(rate, iq, *layout);
 }
 
-Channeliser::Channeliser(int32_t rate, bool iq, const Range& band) : Channeliser(rate, iq, USUAL_SLICE_RATE) {
+Channeliser::Channeliser(int32_t rate, bool iq, const Range& band)
+    : Channeliser(rate_within(LEAST_RATE, rate), iq, USUAL_SLICE_RATE) {
     const double width = band.high - band.low;
     if (!(width > 0)) throw UsageError("the band is empty");
     const double most = 2 * (FLAT * slice_rate() - MARGIN_HZ);
@@ -331,7 +334,8 @@ Channeliser::Channeliser(int32_t rate, bool iq, const Range& band) : Channeliser
 Channeliser Channeliser::narrow(int32_t rate, bool iq, double center_hz, double half_hz) {
     const double needed = (half_hz + MARGIN_HZ) / FLAT;
     if (!(2 * STOP * needed <= rate)) throw UsageError(format("%d Hz are too few for the search", rate));
-    Channeliser one(rate, iq, std::max(LEAST_SLICE_RATE, static_cast<int32_t>(std::ceil(needed))));
+    Channeliser one(rate_within(LEAST_SLICE_RATE, rate), iq,
+                    std::max(LEAST_SLICE_RATE, static_cast<int32_t>(std::ceil(needed))));
     one.bank_->add_slice(center_hz, {center_hz - half_hz, center_hz + half_hz});
     return one;
 }

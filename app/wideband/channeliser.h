@@ -34,7 +34,8 @@ class Channeliser {
     // Throws UsageError for a rate out of range or an empty band, std::bad_alloc here and in push() and finish().
     Channeliser(int32_t rate, bool iq, const Range& band);
 
-    // One slice alone, flat over center_hz ± half_hz and the 65 Hz beside: at 1 kHz, or as much more as that takes.
+    // One slice alone, flat over center_hz ± half_hz and the 65 Hz beside: at 1 kHz, or as much more as that takes. Of
+    // input from 1 kHz on.
     // Throws UsageError when the input does not hold it at its rate.
     static Channeliser narrow(int32_t rate, bool iq, double center_hz, double half_hz);
 

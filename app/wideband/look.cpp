@@ -10,8 +10,8 @@ namespace {
 
 constexpr int64_t PHASES = 2;  // windows a chip
 constexpr int64_t LEAST_RUN = 16;
-constexpr int64_t NOISE_WINDOWS = 150;
-constexpr std::size_t NOISE_MARGIN = 8;  // bins
+constexpr int64_t NOISE_WINDOWS = 450;
+constexpr std::size_t NOISE_MARGIN = 12;  // bins
 constexpr double JUMP_SHARE = 0.7;
 constexpr double APART_HZ = 30;
 

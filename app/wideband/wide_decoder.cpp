@@ -1,4 +1,4 @@
-// A step decides on what is keyed most in the runs that begin in its 16 seconds, and on what is keyed beside it within
+// A step decides on what is keyed most in the runs that begin in its 26 seconds, and on what is keyed beside it within
 // 8 seconds. It needs what lies around that, so that the samples kept are those of a step, of the longest frame and of
 // 22 seconds before and after.
 #include "wideband/wide_decoder.h"
@@ -26,7 +26,7 @@
 
 namespace {
 
-constexpr int64_t STEP = 250;                     // windows: 16 s
+constexpr int64_t STEP = 400;                     // windows: 25.6 s
 constexpr int64_t MARGIN = 219;                   // windows: 14 s, that a decode reaches past what is keyed, each side
 constexpr int64_t BEFORE = LOOK_AROUND + MARGIN;  // windows needed before a step,
 constexpr int64_t AFTER = LOOK_AROUND + LOOK_RUN + MARGIN;  // and after it
@@ -273,14 +273,25 @@ class WideDecoder::Engine {
         };
         const std::size_t begin = sample_at(key.first_window - MARGIN);
         const auto part = samples.subspan(begin, sample_at(key.last_window + LOOK_RUN + MARGIN) - begin);
-        std::vector<double> i(part.size());
-        std::vector<double> q(part.size());
-        std::ranges::transform(part, i.begin(), [](const auto& sample) { return static_cast<double>(sample.real()); });
-        std::ranges::transform(part, q.begin(), [](const auto& sample) { return static_cast<double>(sample.imag()); });
-        const Band band = {key.freq_hz, TILE_HZ + 0.5 * search_.spread_hz};
-        auto found = decode_bands({i, q, rate_}, search_, std::span(&band, 1), Protocols::IN_TURN, shares);
+        const double half_hz = TILE_HZ + 0.5 * search_.spread_hz;
+        Channeliser tile = Channeliser::narrow(rate_, true, key.freq_hz, half_hz);
+        std::vector<double> i;
+        std::vector<double> q;
+        const auto take = [&](std::size_t, std::span<const std::complex<float>> narrow) {
+            for (const auto& sample : narrow) {
+                i.push_back(static_cast<double>(sample.real()));
+                q.push_back(static_cast<double>(sample.imag()));
+            }
+        };
+        tile.push({reinterpret_cast<const float*>(part.data()), 2 * part.size()}, take);
+        tile.finish(take);
+        const Band band = {0, half_hz};
+        auto found = decode_bands({i, q, tile.slice_rate()}, search_, std::span(&band, 1), Protocols::IN_TURN, shares);
         if (!found) return std::nullopt;
-        for (Found& spot : *found) spot.t += static_cast<double>(first + static_cast<int64_t>(begin)) / rate_;
+        for (Found& spot : *found) {
+            spot.t += static_cast<double>(first + static_cast<int64_t>(begin)) / rate_;
+            spot.freq += key.freq_hz;
+        }
         return found;
     }
 

@@ -1,5 +1,5 @@
 // All frames of a wide band, as its samples come:
-//     samples → slices → the newest of each kept → every quarter of a minute, slice by slice: what is keyed → a decode
+//     samples → slices → the newest of each kept → every 26 s, slice by slice: what is keyed → a decode
 //     around each → frames of all slices, each once, in order of time
 #pragma once
 
@@ -19,7 +19,7 @@ struct WideOptions {
     bool live = false;  // samples do not wait: slices that are not searched in time are skipped, with a line
 };
 
-// Memory is about 1.6 MB for each slice of 3.4 kHz, and some 15 MB for each job. One thread at a time.
+// Memory is about 1.7 MB for each slice of 3.4 kHz, and some 14 MB for each job. One thread at a time.
 class WideDecoder {
   public:
     // Called by push() and finish() with each frame once, in order of their starts: t counts from the first sample,
