@@ -285,12 +285,13 @@ class WideDecoder::Engine {
         };
         tile.push({reinterpret_cast<const float*>(part.data()), 2 * part.size()}, take);
         tile.finish(take);
-        const Band band = {0, half_hz};
+        const double center_hz = tile.slices().front().center_hz;
+        const Band band = {key.freq_hz - center_hz, half_hz};
         auto found = decode_bands({i, q, tile.slice_rate()}, search_, std::span(&band, 1), Protocols::IN_TURN, shares);
         if (!found) return std::nullopt;
         for (Found& spot : *found) {
             spot.t += static_cast<double>(first + static_cast<int64_t>(begin)) / rate_;
-            spot.freq += key.freq_hz;
+            spot.freq += center_hz;
         }
         return found;
     }
