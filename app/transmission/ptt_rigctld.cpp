@@ -22,6 +22,11 @@
 namespace {
 
 constexpr std::size_t LONGEST_ANSWER = 200;
+constexpr int32_t TRIES = 3;  // rigctld drops connections now and then when several come at once
+
+struct Broken : IoError {
+    using IoError::IoError;
+};
 
 struct FreeAddresses {
     void operator()(addrinfo* list) const noexcept { freeaddrinfo(list); }
@@ -73,7 +78,8 @@ class Connection {
 
     void send_line(std::string_view line) const {
         const ssize_t sent = ::send(socket_, line.data(), line.size(), MSG_NOSIGNAL);
-        if (sent != static_cast<ssize_t>(line.size())) fail(sent < 0 ? std::strerror(errno) : "it takes no command");
+        if (sent < 0) throw Broken(std::strerror(errno));
+        if (sent != static_cast<ssize_t>(line.size())) fail("it takes no command");
     }
 
     std::string read_line() const {
@@ -83,8 +89,8 @@ class Connection {
             std::array<char, 64> block{};
             const ssize_t got = recv(socket_, block.data(), block.size(), 0);
             if (got < 0 && (errno == EAGAIN || errno == EINTR)) continue;
-            if (got < 0) fail(std::strerror(errno));
-            if (got == 0) fail("it closed the connection");
+            if (got < 0) throw Broken(std::strerror(errno));
+            if (got == 0) throw Broken("it closed the connection");
             text.append(block.data(), static_cast<std::size_t>(got));
             if (text.size() > LONGEST_ANSWER) fail("its answer has no end");
         }
@@ -123,20 +129,22 @@ class RigctldPtt : public Ptt {
 
     void check() override {
         try {
-            connect();
+            connect(monotonic_now() + patience_s_);
         } catch (const IoError& error) {
             refuse(error);
         }
     }
 
     void set(bool on) override {
-        try {
-            const auto connection = connect();
-            connection->send_line(on ? "T 1\n" : "T 0\n");
-            const std::string answer = connection->read_line();
-            if (answer != "RPRT 0") fail("it answers '" + answer + "'");
-        } catch (const IoError& error) {
-            refuse(error);
+        const double end = monotonic_now() + patience_s_;
+        for (int32_t tries = 1;; tries++) {
+            try {
+                return command(on ? "T 1\n" : "T 0\n", end);
+            } catch (const Broken& error) {
+                if (tries == TRIES) refuse(error);
+            } catch (const IoError& error) {
+                refuse(error);
+            }
         }
     }
 
@@ -145,8 +153,14 @@ class RigctldPtt : public Ptt {
         throw IoError("cannot use rigctld at " + host_ + " port " + port_ + ": " + error.what());
     }
 
-    std::unique_ptr<Connection> connect() {
-        const double end = monotonic_now() + patience_s_;
+    void command(std::string_view line, double end) {
+        const auto connection = connect(end);
+        connection->send_line(line);
+        const std::string answer = connection->read_line();
+        if (answer != "RPRT 0") fail("it answers '" + answer + "'");
+    }
+
+    std::unique_ptr<Connection> connect(double end) {
         const Addresses addresses = resolve(host_, port_, end);
         int error = 0;
         for (const addrinfo* address = addresses.get(); address != nullptr; address = address->ai_next) {

@@ -90,7 +90,7 @@ std::string typed_text(const std::string& bytes) {
 
 }  // namespace
 
-TelnetServer::TelnetServer(const std::string& address, int port, std::string greeting, Limits limits)
+TelnetServer::TelnetServer(const std::string& address, int port, std::string greeting, const Limits& limits)
     : greeting_(std::move(greeting)), limits_(limits), listener_(listen_at(address, port)) {
     wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     port_ = port_of(listener_);

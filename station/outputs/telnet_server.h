@@ -18,7 +18,7 @@ class TelnetServer {
     };
 
     // `greeting` comes first. Throws IoError when the port is taken.
-    TelnetServer(const std::string& address, int port, std::string greeting, Limits limits);
+    TelnetServer(const std::string& address, int port, std::string greeting, const Limits& limits);
     TelnetServer(const TelnetServer&) = delete;
     TelnetServer& operator=(const TelnetServer&) = delete;
     ~TelnetServer();

@@ -46,7 +46,7 @@ void take_lines(std::string& text, const Take& take) {
 
 }  // namespace
 
-ReceiverProcess::ReceiverProcess(ReceiverConfig config, std::string program, Limits limits)
+ReceiverProcess::ReceiverProcess(ReceiverConfig config, std::string program, const Limits& limits)
     : config_(std::move(config)), program_(std::move(program)), limits_(limits), pause_s_(limits.first_pause_s) {}
 
 ReceiverProcess::ReceiverProcess(ReceiverConfig config, std::string program)

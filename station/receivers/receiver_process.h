@@ -35,7 +35,7 @@ class ReceiverProcess {
     };
 
     // `program` is the orvel command. Nothing starts before the first step().
-    ReceiverProcess(ReceiverConfig config, std::string program, Limits limits);
+    ReceiverProcess(ReceiverConfig config, std::string program, const Limits& limits);
     ReceiverProcess(ReceiverConfig config, std::string program);
 
     // Starts and ends the child as its hours, its end and its silence ask for. It goes on after its hours for as long

@@ -174,7 +174,8 @@ class Session : public std::enable_shared_from_this<Session> {
         if (shared_.counts.viewers >= shared_.limits.viewers) {
             return send({.status = 503, .body = "{\"error\":\"too many pages are open\"}\n"}, false, false);
         }
-        std::make_shared<Viewer>(std::move(stream_), shared_, client_)->start(parser_->get());
+        const auto viewer = std::make_shared<Viewer>(std::move(stream_), shared_, client_);
+        viewer->start(parser_->get());
     }
 
     void send(WebAnswer answer, bool head, bool keep) {

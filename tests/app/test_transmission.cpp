@@ -339,10 +339,10 @@ TEST_F(PttSerial, WithoutLinesOrPortsSaysSo) {
 
 // ---- rigctld --------------------------------------------------------------------------------------------------------
 
-// Answers each connection's first line with a text, or closes it without one.
+// Breaks some connections, then answers each one's first line with a text, or closes it without one.
 class FalseRigctld {
   public:
-    explicit FalseRigctld(std::string answer) : answer_(std::move(answer)) {
+    explicit FalseRigctld(std::string answer, int breaks = 0) : answer_(std::move(answer)), breaks_(breaks) {
         socket_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -367,6 +367,12 @@ class FalseRigctld {
         for (int client = 0; (client = accept(socket_, nullptr, nullptr)) >= 0;) {
             char block[64];
             const ssize_t got = recv(client, block, sizeof block, 0);
+            if (breaks_-- > 0) {
+                const linger at_once{1, 0};
+                setsockopt(client, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+                close(client);
+                continue;
+            }
             if (got > 0) commands.append(block, static_cast<std::size_t>(got));
             if (got > 0) send(client, answer_.data(), answer_.size(), MSG_NOSIGNAL);
             if (got > 0 && answer_.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(600));
@@ -374,6 +380,7 @@ class FalseRigctld {
         }
     }
     std::string answer_;
+    int breaks_;
     std::string port_;
     int socket_;
     std::thread thread_;
@@ -389,6 +396,15 @@ TEST(PttRigctld, SendsTheCommandsOfItsProtocol) {
     const auto by_name = make_ptt("rigctld:localhost:" + rig.port());
     by_name->check();
     by_name->set(true);
+}
+
+TEST(PttRigctld, ABrokenConnectionIsTriedAgainTwice) {
+    FalseRigctld rig("RPRT 0\n", 2);
+    make_ptt("rigctld:127.0.0.1:" + rig.port())->set(true);
+    EXPECT_EQ(rig.commands, "T 1\n");
+    FalseRigctld worse("RPRT 0\n", 3);
+    EXPECT_EQ(thrown_by([&] { make_ptt("rigctld:127.0.0.1:" + worse.port())->set(true); }),
+              "cannot use rigctld at 127.0.0.1 port " + worse.port() + ": Connection reset by peer");
 }
 
 TEST(PttRigctld, WhateverItAnswersIsAnErrorWithinItsTime) {
