@@ -49,8 +49,8 @@ class IqStream final : public SoundStream {
 
     void take(Piece& piece) override {
         if (!ring_) return;
-        const uint64_t missing = ring_->take(piece.samples);
-        piece.lost_s = static_cast<double>(missing / CHANNELS) / rate_;
+        const uint64_t missing = ring_->take(piece.samples) / CHANNELS;  // pairs
+        piece.lost_s = static_cast<double>(missing) / rate_;
         for (float& sample : piece.samples) sample = std::isfinite(sample) ? sample : 0;
     }
 
