@@ -19,6 +19,8 @@ namespace {
 
 constexpr SampleFormat FLOATS = {SampleFormat::Kind::FLOAT, 4, std::endian::native == std::endian::big};
 
+constexpr double LATE_S = 5;  // samples that a source owes are waited for so long
+
 class LiveRecording : public PipedRecording {
   public:
     LiveRecording(const std::string& text, const RecordingOptions& options, std::unique_ptr<Source> source, Piece first)
@@ -26,7 +28,8 @@ class LiveRecording : public PipedRecording {
           source_(std::move(source)),
           format_(source_->format()),
           width_(format_.iq ? 2 : 1),
-          piece_(std::move(first)) {
+          piece_(std::move(first)),
+          deadline_(monotonic_now() + options.most_s.value_or(HUGE_VAL) + LATE_S) {
         piece_.lost_s = 0;
         take_time();
     }
@@ -34,7 +37,7 @@ class LiveRecording : public PipedRecording {
   private:
     bool receive(std::vector<uint8_t>& bytes) override {
         while (silence_ == 0 && piece_.samples.empty()) {
-            if (!source_ || interrupted() || !read_source()) {
+            if (!source_ || interrupted() || monotonic_now() > deadline_ || !read_source()) {
                 source_.reset();
                 return false;
             }
@@ -87,7 +90,8 @@ class LiveRecording : public PipedRecording {
     std::unique_ptr<Source> source_;  // up to the end
     SourceFormat format_;
     std::size_t width_;
-    Piece piece_;              // to be handed on
+    Piece piece_;  // to be handed on
+    double deadline_;
     int64_t silence_ = 0;      // frames before it
     int64_t frames_ = 0;       // with the piece
     double begin_ = HUGE_VAL;  // UTC of the first

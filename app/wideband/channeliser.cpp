@@ -80,10 +80,12 @@ std::optional<Layout> choose_layout(int64_t rate, int64_t least) {
     return std::nullopt;
 }
 
-// From the middle on. Computed once: std::cyl_bessel_i is slow, and not for several threads.
-const std::vector<double>& filter_taps() {
-    static const std::vector<double> all = [] {
-        std::vector<double> taps(REACH * OVERSAMPLED + 1);
+using Taps = std::array<double, REACH * OVERSAMPLED + 1>;  // from the middle on
+
+// Computed once: std::cyl_bessel_i is slow, and not for several threads.
+const Taps& filter_taps() {
+    static const Taps all = [] {
+        Taps taps{};
         for (std::size_t n = 0; n < taps.size(); n++) {
             const double t = static_cast<double>(n) / OVERSAMPLED;
             const double angle = std::numbers::pi * t;
@@ -98,7 +100,7 @@ const std::vector<double>& filter_taps() {
 
 // The filter's response at bins 0, 1, … of the block, divided by its length.
 std::vector<float> filter_response(const Layout& layout) {
-    const std::vector<double>& taps = filter_taps();
+    const Taps& taps = filter_taps();
     const auto last = static_cast<std::size_t>(STOP * layout.nout);
     std::vector<float> response(last + 1);
     for (std::size_t bin = 0; bin <= last; bin++) {

@@ -735,6 +735,19 @@ TEST_F(LiveSources, AreSilentWhereSomethingWasLost) {
     EXPECT_EQ(JsonValue::parse(decoded.out).at("call"), "K2QRX");
 }
 
+// The source owes a second, and stays silent.
+TEST_F(LiveSources, AreWaitedForNoLongerThanAsked) {
+    const std::string bytes = iq_of(2);
+    const TcpServer server([&](TcpServer::Connection& connection, int32_t) {
+        connection.send(std::vector<uint8_t>(bytes.begin(), bytes.end()));
+        connection.pause(60);
+    });
+    RunningProcess process(orvel_arguments({"scan", "--for=3s", address_of(server)}));
+    const auto result = process.wait(20);
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->status, 0) << result->err;
+}
+
 TEST_F(LiveSources, EndWithCtrlC) {
     const TcpServer server = server_of(iq_of(40));
     RunningProcess process(orvel_arguments({"decode", "--json", "--protocols=opera", address_of(server)}));
