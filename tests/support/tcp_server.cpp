@@ -66,6 +66,11 @@ TcpServer::TcpServer(Serve serve) : socket_(socket(AF_INET, SOCK_STREAM | SOCK_C
             if (socket < 0) continue;
             Connection connection(socket, ended_);
             serve(connection, which++);
+            // What nobody has read would make a reset of the end, which overtakes what is still on its way.
+            shutdown(socket, SHUT_WR);
+            std::array<char, 256> block{};
+            while (!ended_ && ready(socket, POLLIN, 1000) && recv(socket, block.data(), block.size(), 0) > 0) {
+            }
             close(socket);
         }
     });
