@@ -220,7 +220,7 @@ void report_band(int32_t rate, double seconds, int32_t stations) {
     double making_s = 0;
     const double start = cpu_seconds();
     {
-        WideDecoder decoder(rate, whole_band_search(), {}, [&](const Found& spot) { found.push_back(spot); });
+        WideDecoder decoder(rate, whole_band_search(), {}, [&](const Found& spot, Standing) { found.push_back(spot); });
         for (int32_t piece = 0; piece < 4 * static_cast<int32_t>(seconds); piece++) {
             const double making = cpu_seconds(CLOCK_THREAD_CPUTIME_ID);
             const std::vector<float> samples = sent.next();
@@ -294,7 +294,7 @@ int bench_weak(int32_t frames, double snr_db) {
             samples.push_back(static_cast<float>(iq.i[k]));
             samples.push_back(static_cast<float>(iq.q[k]));
         }
-        WideDecoder decoder(RATE, search, {}, [&](const Found& spot) { wide_found.push_back(spot); });
+        WideDecoder decoder(RATE, search, {}, [&](const Found& spot, Standing) { wide_found.push_back(spot); });
         decoder.push(samples);
         decoder.finish();
         others += static_cast<int32_t>(wide_found.size());

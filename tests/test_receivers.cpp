@@ -387,7 +387,6 @@ TEST_F(Receivers, WrongOptionsAreWrongUsage) {
         {{"--stdin", "--record=x", "--keep=soon"}, {"--keep", "'soon'"}},
         {{"--stdin", "--record=x", "--keep=80s"}, {"--keep", "more than one recording"}},
         {{"--stdin", "--band=0:9"}, {"--band", "--wide"}},
-        {{"--stdin", "--wide", "--provisional"}, {"--provisional", "--wide"}},
         {{"--stdin", "--sideband", "am"}, {"--sideband", "'am'"}},
     };
     for (const auto& [options, texts] : wrong) {

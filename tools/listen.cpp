@@ -328,7 +328,6 @@ int listen(const Options& options) {
     if (options.rate && (*options.rate < MIN_RATE || *options.rate > max_rate)) {
         throw UsageError(format("--rate: %d to %d Hz", MIN_RATE, max_rate));
     }
-    if (options.search.wide && options.listener.provisional) throw UsageError("--provisional: not with --wide");
     const Search search = search_of(options.search, false);
     watch_interrupts();
     Output output(options);

@@ -85,14 +85,17 @@ class IqEar : public Ear {
 // A wide band, decoded slice by slice.
 class WideEar : public Ear {
   public:
-    WideEar(const SourceFormat& format, const Search& search, Listener::Taker take, Listener::Teller tell)
+    WideEar(const SourceFormat& format, const Search& search, bool provisional, Listener::Taker take,
+            Listener::Teller tell)
         : rate_(format.rate),
           width_(format.iq ? 2 : 1),
           take_(std::move(take)),
           tell_(std::move(tell)),
           decoder_(format.rate, search,
-                   {.jobs = std::max(std::thread::hardware_concurrency(), 1u), .live = !format.waits},
-                   [this](const Found& found) { found_.push_back(found); }) {}
+                   {.jobs = std::max(std::thread::hardware_concurrency(), 1u),
+                    .live = !format.waits,
+                    .provisional = provisional},
+                   [this](const Found& found, Standing standing) { found_.emplace_back(found, standing); }) {}
 
     void push(std::span<const float> samples) override {
         decoder_.push(samples);
@@ -100,26 +103,31 @@ class WideEar : public Ear {
     }
     double captured_s() const override { return static_cast<double>(frames_) / rate_; }
     void update(const Listener::Clock& utc) override {
-        for (Found& found : found_) {
-            found.t = utc(found.t);
-            take_(found, Standing::CONFIRMED);
-        }
-        found_.clear();
-        const std::string problem = decoder_.problem();
-        if (std::exchange(problem_, problem) != problem && !problem.empty()) tell_(problem);
+        decoder_.push({});
+        give(utc);
     }
     void finish(const Listener::Clock& utc) override {
         decoder_.finish();
-        update(utc);
+        give(utc);
     }
     bool last_decode_failed() const override { return !problem_.empty(); }
     double decode_seconds() const override { return std::numeric_limits<double>::quiet_NaN(); }
 
   private:
+    void give(const Listener::Clock& utc) {
+        for (auto& [found, standing] : found_) {
+            found.t = utc(found.t);
+            take_(found, standing);
+        }
+        found_.clear();
+        const std::string problem = decoder_.problem();
+        if (std::exchange(problem_, problem) != problem && !problem.empty()) tell_(problem);
+    }
+
     int32_t rate_;
     std::ptrdiff_t width_;
     int64_t frames_ = 0;
-    std::vector<Found> found_;
+    std::vector<std::pair<Found, Standing>> found_;
     std::string problem_;
     Listener::Taker take_;
     Listener::Teller tell_;
@@ -130,7 +138,8 @@ class WideEar : public Ear {
 
 std::unique_ptr<Ear> make_ear(const SourceFormat& format, const Search& search, const ListenerOptions& options,
                               Listener::Taker take, Listener::Teller tell) {
-    if (search.wide) return std::make_unique<WideEar>(format, search, std::move(take), std::move(tell));
+    if (search.wide)
+        return std::make_unique<WideEar>(format, search, options.provisional, std::move(take), std::move(tell));
     if (!format.iq) return std::make_unique<AudioEar>(format.rate, search, options, std::move(take), std::move(tell));
     require_within("I/Q", search, format.rate);
     return std::make_unique<IqEar>(format.rate, search, options, std::move(take), std::move(tell));

@@ -20,7 +20,7 @@ class Ear {
     virtual void push(std::span<const float> samples) = 0;  // as in Piece
     virtual double captured_s() const = 0;                  // pushed so far
 
-    virtual void update(const Listener::Clock& utc) = 0;  // decodes if it is time
+    virtual void update(const Listener::Clock& utc) = 0;  // decodes if it is time, gives what was found
     virtual void finish(const Listener::Clock& utc) = 0;  // the same at the end
 
     virtual bool last_decode_failed() const = 0;

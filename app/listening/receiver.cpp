@@ -76,6 +76,7 @@ void Receiver::listen() {
         if (state == Source::State::ENDED) break;
         if (state == Source::State::BROKEN) end();
         if (state == Source::State::SAMPLES) take(piece);
+        if (state == Source::State::NONE_YET) wait();
         tell_status_in_time();
     }
 }
@@ -131,14 +132,25 @@ void Receiver::take(const Piece& piece) {
     if (!ear_) begin();
     if (piece.lost_s > 0 && piece.lost_s <= MOST_FILL_S) fill(piece.lost_s);
     ear_->push(piece.samples);
+    taken_at_ = monotonic_now();
     const double now = utc_now();
     clock_.observe(ear_->captured_s(), now);
-    const double lost_s = check_.observe(ear_->captured_s(), monotonic_now());
+    const double lost_s = check_.observe(ear_->captured_s(), taken_at_);
     if (format_.iq && !options_.start) lost_s_ += lost_s;
 
     measure(piece);
     if (recorder_) record(piece);
     ear_->update([this](double captured_s) { return utc(captured_s); });
+}
+
+// A source that is silent for long has lost what would have continued its samples.
+void Receiver::wait() {
+    if (!ear_) return;
+    if (!format_.waits && monotonic_now() - taken_at_ > options_.silent_s) {
+        end();
+    } else {
+        ear_->update([this](double captured_s) { return utc(captured_s); });
+    }
 }
 
 // The levels and spectra of what has just been taken.

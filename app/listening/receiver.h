@@ -27,6 +27,7 @@ struct ReceiverOptions {
     ListenerOptions listener;
     SaidTuning tuning;
     std::optional<double> start;  // UTC of the first sample; else samples have just come
+    double silent_s = 10;         // without samples: then those that came are decoded to the end
     double status_s = 0;          // between statuses; 0 = none
     double spectrum_s = 0;        // between rows of a spectrum, of samples; 0 = none
     std::optional<RecorderOptions> record;
@@ -69,6 +70,7 @@ class Receiver {
     void attempt(const std::function<void()>& step);
     void listen();
     void take(const Piece& piece);
+    void wait();
     void fill(double seconds);
     void begin();
     Spot spot_on_air(const Found& found) const;
@@ -85,6 +87,7 @@ class Receiver {
     SourceFormat format_;
     std::optional<Tuning> tuning_;
     std::unique_ptr<Ear> ear_;  // none between a break and what follows
+    double taken_at_ = 0;       // the last samples, on the monotonic clock
     SampleClock clock_;
     ClockCheck check_;
     std::optional<Recorder> recorder_;

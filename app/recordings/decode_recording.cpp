@@ -156,7 +156,7 @@ void decode_channels(const Recording& recording, const DecodingOptions& options,
     const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
     const unsigned jobs = options.search.verbose ? 1 : options.jobs > 0 ? options.jobs : cores;
     std::size_t taken = 0;
-    WideDecoder decoder(recording.rate(), options.search, {.jobs = jobs, .live = false}, [&](Found spot) {
+    WideDecoder decoder(recording.rate(), options.search, {.jobs = jobs, .live = false}, [&](Found spot, Standing) {
         spot.t += from_s;
         taker.take(spot);
         taken++;

@@ -59,6 +59,7 @@ class WideDecoder::Engine {
     Engine(int32_t rate, const Search& search, const WideOptions& options, Taker take)
         : search_(search),
           live_(options.live),
+          provisional_(options.provisional),
           take_(std::move(take)),
           channeliser_(rate, search.iq, band_of(rate, search)),
           rate_(channeliser_.slice_rate()),
@@ -181,13 +182,14 @@ class WideDecoder::Engine {
                        skipped, step.found.size(), end_s - STEP * LOOK_STEP_S, end_s));
         }
         for (const auto& found : step.found) log_.add(found);
+        if (provisional_) log_.show_new([this](const Found& spot) { take_(spot, Standing::PROVISIONAL); });
         done_s_ = end_s;
         release(end_s - UNDECIDED_S);
         guard.lock();
     }
 
     void release(double time) {
-        log_.release(time, [this](const Found& spot, int32_t) { take_(spot); });
+        log_.release(time, [this](const Found& spot, int32_t) { take_(spot, Standing::CONFIRMED); });
     }
 
     // ---- The threads that decode ------------------------------------------------------------------------------------
@@ -298,6 +300,7 @@ class WideDecoder::Engine {
 
     Search search_;
     bool live_;
+    bool provisional_;
     Taker take_;
     Channeliser channeliser_;
     int32_t rate_;

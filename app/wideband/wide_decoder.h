@@ -15,16 +15,17 @@
 inline constexpr int32_t MOST_WIDE_RATE = 3200000;  // of the input, Hz
 
 struct WideOptions {
-    unsigned jobs = 1;  // threads that decode, besides the one that pushes
-    bool live = false;  // samples do not wait: slices that are not searched in time are skipped, with a line
+    unsigned jobs = 1;         // threads that decode, besides the one that pushes
+    bool live = false;         // samples do not wait: slices that are not searched in time are skipped, with a line
+    bool provisional = false;  // frames are shown as soon as they are found, too
 };
 
 // Memory is about 1.7 MB for each slice of 3.4 kHz, and some 14 MB for each job. One thread at a time.
 class WideDecoder {
   public:
-    // Called by push() and finish() with each frame once, in order of their starts: t counts from the first sample,
-    // freq from 0 Hz of the input.
-    using Taker = std::function<void(const Found&)>;
+    // Called by push() and finish() with each confirmed frame once, in order of their starts, with provisional ones
+    // before: t counts from the first sample, freq from 0 Hz of the input.
+    using Taker = std::function<void(const Found&, Standing)>;
 
     // Of a band wider than a slice, or not; `search.band`, or all that the rate holds.
     //

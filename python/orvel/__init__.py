@@ -17,6 +17,7 @@ from .audio import DEFAULT_DEVICE, NO_DEVICE, Capture, CaptureStats, Device, Pla
 from .decoder import Coherent, Decoder, Hit, Search, Spot, decode, scan
 from .files import decode_file
 from .iq import Slice, cut_slice, decode_iq
+from .live import Listener
 from .protocols import CHIP_SECONDS, Protocol, encode
 from .transmit import Carrier, Frame, Pause, Progress, Step, Transmitter, TransmitSettings, render
 from .wide import decode_wide
@@ -36,6 +37,7 @@ __all__ = [
     "Frame",
     "Hit",
     "IqSamples",
+    "Listener",
     "NO_DEVICE",
     "OrvelError",
     "Pause",

@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <complex>
 #include <csignal>
@@ -21,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/interrupts.h"
 #include "base/utc.h"
 #include "listening/clock_check.h"
 #include "listening/confirmation.h"
@@ -629,6 +631,50 @@ TEST(AReceiver, HearsAFrameAcrossALossAndKnowsItsTime) {
     EXPECT_NEAR(told.statuses[0].captured_s, 50, 0.01);
     EXPECT_NEAR(told.statuses[0].lost_s, 2, 1e-9);
     EXPECT_EQ(told.statuses[0].spots, 1);
+}
+
+// Sends what it has and then nothing, until somebody has heard it.
+class FallsSilent : public Source {
+  public:
+    struct Hearing {
+        bool heard = false;
+        bool before_the_end = false;
+    };
+    FallsSilent(std::vector<Script::Act> acts, Hearing& hearing) : acts_(std::move(acts)), hearing_(hearing) {}
+    State read(Piece& piece) override {
+        if (next_ < acts_.size()) {
+            piece = acts_[next_++].piece;
+            return State::SAMPLES;
+        }
+        hearing_.before_the_end = hearing_.heard;
+        if (hearing_.heard || monotonic_now() > give_up_) return State::ENDED;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        return State::NONE_YET;
+    }
+    SourceFormat format() const override { return {.iq = false, .rate = acts_[0].rate}; }
+
+  private:
+    std::vector<Script::Act> acts_;
+    Hearing& hearing_;
+    std::size_t next_ = 0;
+    double give_up_ = monotonic_now() + 20;
+};
+
+TEST(AReceiver, DecodesWhatCameWhenItsSourceFallsSilent) {
+    for (const bool wide : {false, true}) {
+        ReceiverOptions options;
+        options.search.protocols = OVL_OPERA;
+        options.search.search_hz = 20;
+        options.search.wide = wide;
+        options.silent_s = 0.05;
+        FallsSilent::Hearing hearing;
+        Receiver receiver(options, std::make_unique<FallsSilent>(seconds_with("K2QRX", 15, 8000), hearing),
+                          {.spot = [&](const Found&, Standing, const std::optional<Tuning>&) { hearing.heard = true; },
+                           .status = {},
+                           .row = {}});
+        receiver.run();
+        EXPECT_TRUE(hearing.before_the_end) << wide;
+    }
 }
 
 TEST(AReceiver, TakesWhatFollowsABreakForAnotherStreamEvenAtAnotherRate) {

@@ -260,7 +260,7 @@ TEST(WideThreads, DecodeWhileSamplesComeAndEndWithTheDecoder) {
     testing::internal::CaptureStderr();  // where it says that slices were skipped
     for (const bool live : {false, true}) {
         for (const bool finished : {false, true}) {
-            WideDecoder decoder(12000, search, {.jobs = 3, .live = live}, [](const Found&) {});
+            WideDecoder decoder(12000, search, {.jobs = 3, .live = live}, [](const Found&, Standing) {});
             uint32_t state = 1;
             for (int32_t second = 0; second < 130; second++) {
                 std::vector<float> samples(24000);

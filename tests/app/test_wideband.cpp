@@ -479,7 +479,7 @@ Search wide_search(bool iq = true) {
 std::vector<Found> decode(int32_t rate, std::span<const float> samples, const Search& search,
                           const WideOptions& options = {}, std::size_t chunk = 1 << 20) {
     std::vector<Found> found;
-    WideDecoder decoder(rate, search, options, [&](const Found& spot) { found.push_back(spot); });
+    WideDecoder decoder(rate, search, options, [&](const Found& spot, Standing) { found.push_back(spot); });
     while (!samples.empty()) {
         const std::size_t n = std::min(chunk, samples.size());
         decoder.push(samples.first(n));
@@ -539,6 +539,21 @@ TEST_F(WideBand, EveryFrameIsFoundOnceInOrderOfTime) {
         EXPECT_EQ(again[k].freq, found[k].freq);
         EXPECT_EQ(again[k].snr, found[k].snr);
     }
+}
+
+TEST_F(WideBand, AProvisionalFrameComesWhenItIsFoundAndAgainWhenItIsConfirmed) {
+    const std::vector<Sent> sent = {{OVL_OPERA, "G4QZB", 3, -5000, -12}, {OVL_OPERA, "K2QRX", 20, 5000, -12}};
+    std::string lines;
+    WideOptions options;
+    options.provisional = true;
+    WideDecoder decoder(RATE, wide_search(), options, [&](const Found& spot, Standing standing) {
+        lines += spot.call + std::string(standing == Standing::CONFIRMED ? " confirmed\n" : " provisional\n");
+    });
+    decoder.push(on_air(RATE, 80, 23, sent));
+    while (decoder.done_s() == 0) decoder.push({});
+    EXPECT_EQ(lines, "G4QZB provisional\nK2QRX provisional\nG4QZB confirmed\n");
+    decoder.finish();
+    EXPECT_EQ(lines, "G4QZB provisional\nK2QRX provisional\nG4QZB confirmed\nK2QRX confirmed\n");
 }
 
 // The weaker one begins and ends seconds before or after the stronger one, whose run its decode lies around; and the
@@ -631,7 +646,7 @@ TEST_F(WideBand, ALiveRunThatFallsBehindSkipsSlicesAndSaysSo) {
     const auto samples = on_air(RATE, 40, 9, all);
     testing::internal::CaptureStderr();
     {
-        WideDecoder decoder(RATE, wide_search(), {.jobs = 1, .live = true}, [](const Found&) {});
+        WideDecoder decoder(RATE, wide_search(), {.jobs = 1, .live = true}, [](const Found&, Standing) {});
         for (int32_t k = 0; k < 8; k++) decoder.push(samples);
         EXPECT_GT(decoder.skipped_share(), 0);
         decoder.finish();
@@ -644,7 +659,7 @@ TEST_F(WideBand, ADecoderThatIsNotFinishedEndsItsThreads) {
     const auto samples = on_air(RATE, 100, 10, stations());
     std::size_t found = 0;
     {
-        WideDecoder decoder(RATE, wide_search(), {.jobs = 2, .live = false}, [&](const Found&) { found++; });
+        WideDecoder decoder(RATE, wide_search(), {.jobs = 2, .live = false}, [&](const Found&, Standing) { found++; });
         decoder.push(samples);
     }
     EXPECT_LT(found, stations().size());
