@@ -95,16 +95,21 @@ std::optional<Tuning> Recording::tuning(double at_s) const {
 
 void Recording::append(std::span<const double> samples, std::size_t channels, Stretch& out) const {
     const auto chosen = static_cast<std::size_t>(std::max(options_.channel - 1, 0));
-    for (std::size_t begin = 0; begin + channels <= samples.size(); begin += channels) {
-        const auto frame = samples.subspan(begin, channels);
-        if (options_.iq) {
-            out.x.push_back(frame[chosen]);
-            out.q.push_back(frame[chosen + 1]);
-        } else if (options_.channel > 0) {
-            out.x.push_back(frame[chosen]);
-        } else {
-            out.x.push_back(std::accumulate(frame.begin(), frame.end(), 0.0) / static_cast<double>(channels));
-        }
+    const std::size_t frames = samples.size() / channels;
+    const auto append_each = [&](std::vector<double>& to, auto value_of) {
+        const std::size_t held = to.size();
+        to.resize(held + frames);
+        for (std::size_t k = 0; k < frames; k++) to[held + k] = value_of(samples.data() + k * channels);
+    };
+    if (options_.iq) {
+        append_each(out.x, [chosen](const double* frame) { return frame[chosen]; });
+        append_each(out.q, [chosen](const double* frame) { return frame[chosen + 1]; });
+    } else if (options_.channel > 0) {
+        append_each(out.x, [chosen](const double* frame) { return frame[chosen]; });
+    } else {
+        append_each(out.x, [channels](const double* frame) {
+            return std::accumulate(frame, frame + channels, 0.0) / static_cast<double>(channels);
+        });
     }
 }
 

@@ -75,13 +75,12 @@ double Look::freq_of(std::size_t bin) const {
     return static_cast<double>(offset) * rate_ / length_;
 }
 
-void Look::fill_powers(std::span<const std::complex<float>> samples, const Windows& block) {
+void Look::fill_powers(const Samples& samples, const Windows& block) {
     powers_.resize(at(block.end - block.first) * bins_);
     float* row = powers_.data();
     const auto half = static_cast<int64_t>(bins_ / 2);
     for (int64_t w = block.first; w < block.end; w++, row += bins_) {
-        const auto from = samples.begin() + (sample_of(w) - sample_of(block.first));
-        std::copy(from, from + length_, buffer_.get());
+        samples(sample_of(w), {buffer_.get(), at(length_)});
         fftwf_execute(plan_.get());
         powers_of(buffer_.get() + length_ - half, at(half), row);
         powers_of(buffer_.get(), at(half + 1), row + half);
@@ -175,8 +174,7 @@ std::vector<Keyed> Look::peaks(const Windows& block, int64_t run, const Range& b
     return found;
 }
 
-std::vector<Keyed> Look::find(std::span<const std::complex<float>> samples, Windows block, Windows own,
-                              const Range& band, double least_z) {
+std::vector<Keyed> Look::find(const Samples& samples, Windows block, Windows own, const Range& band, double least_z) {
     const int64_t windows = block.end - block.first;
     const int64_t run = std::min(LOOK_RUN / PHASES, (windows - 1) / PHASES - 1);
     if (run < LEAST_RUN || own.first - block.first + PHASES * run >= windows) return {};

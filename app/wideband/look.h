@@ -7,6 +7,7 @@
 
 #include <complex>
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <vector>
 
@@ -33,6 +34,9 @@ struct Keyed {
 // Works on one slice at a time; one object for each thread.
 class Look {
   public:
+    // Fills a span with the samples of a slice from one on.
+    using Samples = std::function<void(int64_t first, std::span<std::complex<float>> out)>;
+
     // Throws std::bad_alloc here and below.
     Look(int32_t rate, double flat_hz);  // of the slices: flat up to that, each side
 
@@ -41,18 +45,17 @@ class Look {
 
     // The keyed signals whose run begins in `own`, strongest first: each the strongest within 30 Hz and LOOK_AROUND.
     //
-    //   samples  those of `block`, from sample_of(block.first) on
+    //   samples  asked for those of `block`
     //   own      within the block, which reaches LOOK_AROUND past it where there are samples: what is keyed there
     //            counts, too, so that neighbouring blocks find a frame once
     //   band     where to look, Hz
-    std::vector<Keyed> find(std::span<const std::complex<float>> samples, Windows block, Windows own, const Range& band,
-                            double least_z);
+    std::vector<Keyed> find(const Samples& samples, Windows block, Windows own, const Range& band, double least_z);
 
     // Windows that `count` samples from that of `first` on hold.
     int64_t windows_in(int64_t first, int64_t count) const;
 
   private:
-    void fill_powers(std::span<const std::complex<float>> samples, const Windows& block);
+    void fill_powers(const Samples& samples, const Windows& block);
     void level_noise(int64_t windows);
     void search_runs(int64_t windows, int64_t run);
     std::vector<Keyed> peaks(const Windows& block, int64_t run, const Range& band, double least_z) const;

@@ -245,17 +245,13 @@ class WideDecoder::Engine {
         const Windows block = {std::max(first_window, own.first - LOOK_AROUND),
                                last ? end_window : std::min(end_window, own.end + LOOK_AROUND + LOOK_RUN)};
         if (block.end <= own.first) return {};
-        std::vector<std::complex<float>> samples(static_cast<std::size_t>(stored - first));
-        store_.copy(slice, first, samples);
-        const auto looked_at = std::span<const std::complex<float>>(samples).subspan(
-            static_cast<std::size_t>(look.sample_of(block.first) - first));
-
+        const auto samples = [&](int64_t from, std::span<std::complex<float>> out) { store_.copy(slice, from, out); };
         const auto& [center_hz, own_hz] = channeliser_.slices()[slice];
         const Range band = {own_hz.low - center_hz - BESIDE_HZ, own_hz.high - center_hz + BESIDE_HZ};
-        const auto keyed = look.find(looked_at, block, own, band, search_.scan_z);
+        const auto keyed = look.find(samples, block, own, band, search_.scan_z);
         std::vector<Found> all;
         for (const Keyed& key : keyed) {
-            auto found = decode_around(key, samples, first, keyed.size());
+            auto found = decode_around(key, slice, first, stored, keyed.size());
             if (!found) {
                 problem = "memory is short";
                 continue;
@@ -266,15 +262,16 @@ class WideDecoder::Engine {
         return all;
     }
 
-    // The frames around one find, in time and frequency; t counts from the beginning.
-    std::optional<std::vector<Found>> decode_around(const Keyed& key, std::span<const std::complex<float>> samples,
-                                                    int64_t first, std::size_t shares) const {
+    // The frames around one find, in time and frequency, within those samples; t counts from the beginning.
+    std::optional<std::vector<Found>> decode_around(const Keyed& key, std::size_t slice, int64_t first, int64_t end,
+                                                    std::size_t shares) const {
         const auto sample_at = [&](int64_t window) {
-            return static_cast<std::size_t>(
-                std::clamp<int64_t>(look_times_.sample_of(window) - first, 0, std::ssize(samples)));
+            return std::clamp<int64_t>(look_times_.sample_of(window), first, end);
         };
-        const std::size_t begin = sample_at(key.first_window - MARGIN);
-        const auto part = samples.subspan(begin, sample_at(key.last_window + LOOK_RUN + MARGIN) - begin);
+        const int64_t begin = sample_at(key.first_window - MARGIN);
+        std::vector<std::complex<float>> part(
+            static_cast<std::size_t>(sample_at(key.last_window + LOOK_RUN + MARGIN) - begin));
+        store_.copy(slice, begin, part);
         const double half_hz = TILE_HZ + 0.5 * search_.spread_hz;
         Channeliser tile = Channeliser::narrow(rate_, true, key.freq_hz, half_hz);
         std::vector<double> i;
@@ -292,7 +289,7 @@ class WideDecoder::Engine {
         auto found = decode_bands({i, q, tile.slice_rate()}, search_, std::span(&band, 1), Protocols::IN_TURN, shares);
         if (!found) return std::nullopt;
         for (Found& spot : *found) {
-            spot.t += static_cast<double>(first + static_cast<int64_t>(begin)) / rate_;
+            spot.t += static_cast<double>(begin) / rate_;
             spot.freq += center_hz;
         }
         return found;

@@ -340,6 +340,12 @@ std::vector<uint8_t> chips_of(int32_t protocol, const std::string& call) {
     return chips;
 }
 
+Look::Samples reader_of(const std::vector<std::complex<float>>& slice) {
+    return [&slice](int64_t first, std::span<std::complex<float>> out) {
+        std::copy_n(slice.begin() + first, out.size(), out.begin());
+    };
+}
+
 TEST(LookForKeying, FindsWhatTheScanFindsAndWhenItWasKeyed) {
     Random random(7);
     for (int32_t scenes = 0; scenes < 3; scenes++) {
@@ -362,7 +368,7 @@ TEST(LookForKeying, FindsWhatTheScanFindsAndWhenItWasKeyed) {
         Look look(4000, 1790);
         const auto slice = as_slice(samples);
         const int64_t windows = look.windows_in(0, std::ssize(slice));
-        const auto keyed = look.find(slice, {0, windows}, {0, windows}, {-1750, 1750}, 6);
+        const auto keyed = look.find(reader_of(slice), {0, windows}, {0, windows}, {-1750, 1750}, 6);
         for (const Station& sent : scene.stations) {
             EXPECT_TRUE(std::any_of(hits.begin(), hits.begin() + count,
                                     [&](const ov_hit& hit) { return std::fabs(hit.freq_hz - sent.freq_hz) < 5; }));
@@ -390,9 +396,8 @@ TEST(LookForKeying, NeighbouringBlocksDoNotMissAFrameBetweenThem) {
             const int64_t first = std::max<int64_t>(0, 560 * step - LOOK_AROUND);
             const int64_t end =
                 std::min(560 * (step + 1) + LOOK_AROUND + LOOK_RUN, look.windows_in(0, std::ssize(slice)));
-            const auto from = static_cast<std::size_t>(look.sample_of(first));
-            for (const Keyed& key : look.find(std::span(slice).subspan(from), {first, end},
-                                              {560 * step, 560 * (step + 1)}, {-1750, 1750}, 6)) {
+            for (const Keyed& key :
+                 look.find(reader_of(slice), {first, end}, {560 * step, 560 * (step + 1)}, {-1750, 1750}, 6)) {
                 finds += std::fabs(key.freq_hz - 300) < 5 ? 1 : 0;
             }
         }
@@ -410,7 +415,7 @@ TEST(LookForKeying, AFindSpansTheRunsOfWhatIsKeyedBesideIt) {
     const auto slice = as_slice(render_iq(scene));
     Look look(4000, 1790);
     const int64_t windows = look.windows_in(0, std::ssize(slice));
-    const auto keyed = look.find(slice, {0, windows}, {0, windows}, {-1750, 1750}, 6);
+    const auto keyed = look.find(reader_of(slice), {0, windows}, {0, windows}, {-1750, 1750}, 6);
     ASSERT_EQ(keyed.size(), 1U);
     EXPECT_NEAR(keyed[0].freq_hz, 300, 4);
     EXPECT_NEAR(static_cast<double>(keyed[0].window) * LOOK_STEP_S, 20, 0.3);
@@ -429,11 +434,11 @@ TEST(LookForKeying, NoiseCarriersSilenceAndTooFewSamplesHoldNothing) {
             slice[k] += std::complex<float>(level * turned(0.123 * static_cast<double>(k)));
         }
         const int64_t windows = look.windows_in(0, std::ssize(slice));
-        EXPECT_TRUE(look.find(slice, {0, windows}, {0, windows}, {-1750, 1750}, 6).empty()) << level;
+        EXPECT_TRUE(look.find(reader_of(slice), {0, windows}, {0, windows}, {-1750, 1750}, 6).empty()) << level;
     }
     const std::vector<std::complex<float>> silence(4000 * 40);
-    EXPECT_TRUE(look.find(silence, {0, 600}, {0, 600}, {-1750, 1750}, 6).empty());
-    EXPECT_TRUE(look.find(silence, {0, 20}, {0, 20}, {-1750, 1750}, 6).empty());
+    EXPECT_TRUE(look.find(reader_of(silence), {0, 600}, {0, 600}, {-1750, 1750}, 6).empty());
+    EXPECT_TRUE(look.find(reader_of(silence), {0, 20}, {0, 20}, {-1750, 1750}, 6).empty());
     EXPECT_EQ(look.windows_in(0, 511), 0);
     EXPECT_EQ(look.windows_in(0, 512), 1);
 }
