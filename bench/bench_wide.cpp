@@ -1,12 +1,12 @@
 // Seconds and memory of wide decodes; the real-time factor is seconds of recording per second of CPU.
 //
 //     bench_wide [blocks of I/Q]      the library's: ten minutes of audio with ten stations, and 90 s of 192 kHz; the
-//     scan
-//                                     is also timed alone [2]
+//                                     scan is also timed alone [2]
 //     bench_wide bands [seconds]      the command's: whole bands as they come from a receiver, and the naive way, a
 //                                     mixer and a filter for every slice [240]
-//     bench_wide weak [frames] [dB]   how many of weak frames all over a band decode, and of the same in narrow
-//                                     searches [204, -24.5]
+//     bench_wide weak [frames] [dB] [protocol]
+//                                     how many of weak frames all over a band decode, and of the same in narrow
+//                                     searches [204, -24.5, opera]
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -23,6 +23,7 @@
 #include "decoding/decode_block.h"
 #include "ovpipe.h"
 #include "ovscan.h"
+#include "protocol.h"
 #include "siggen.h"
 #include "wideband/channeliser.h"
 #include "wideband/wide_decoder.h"
@@ -257,7 +258,7 @@ int bench_bands(double seconds) {
 
 // ---- Weak frames ----------------------------------------------------------------------------------------------------
 
-int bench_weak(int32_t frames, double snr_db) {
+int bench_weak(int32_t frames, double snr_db, const ov_protocol& protocol) {
     constexpr int32_t RATE = 48000;
     constexpr int32_t TOGETHER = 12;
     Random random(31);
@@ -269,14 +270,16 @@ int bench_weak(int32_t frames, double snr_db) {
     for (; sent < frames; sent += TOGETHER) {
         Scene scene;
         scene.rate = RATE;
-        scene.seconds = 75;
+        scene.seconds = 45 + CHIP_SECONDS * protocol.chips();
         scene.seed = random.next();
         std::vector<std::string> calls;
         std::vector<Band> bands;
         for (int32_t k = 0; k < TOGETHER; k++) {
             calls.push_back(random.callsign());
             const double freq = RATE * (-0.49 + 0.98 * (k + random.uniform(0.05, 0.95)) / TOGETHER);
-            scene.stations.push_back({.chips = opera_chips(calls.back()),
+            std::vector<uint8_t> chips(static_cast<std::size_t>(protocol.chips()));
+            if (encode_frame(protocol, calls.back().c_str(), "JO62", chips.data()) < 0) return 1;
+            scene.stations.push_back({.chips = chips,
                                       .t_start = random.uniform(1, 43),
                                       .freq_hz = freq,
                                       .drift_hz_s = random.uniform(-0.05, 0.05),
@@ -286,7 +289,7 @@ int bench_weak(int32_t frames, double snr_db) {
         }
         const IqSamples iq = render_iq(scene);
         Search search = whole_band_search();
-        search.protocols = OVL_OPERA;
+        search.protocols = static_cast<int32_t>(protocol.id);
         const auto narrow_found = decode_bands({iq.i, iq.q, RATE}, search, bands, Protocols::TOGETHER, 1);
         std::vector<Found> wide_found;
         std::vector<float> samples;
@@ -307,8 +310,9 @@ int bench_weak(int32_t frames, double snr_db) {
             both += in_narrow && in_wide ? 1 : 0;
         }
     }
-    std::printf("%d frames of %.1f dB in 48 kHz: wide %d (%.1f %%), narrow %d (%.1f %%), both %d; other spots %d\n",
-                sent, snr_db, wide, 100.0 * wide / sent, narrow, 100.0 * narrow / sent, both, others - wide);
+    std::printf(
+        "%d frames of %s, %.1f dB, in 48 kHz: wide %d (%.1f %%), narrow %d (%.1f %%), both %d; other spots %d\n", sent,
+        protocol.name, snr_db, wide, 100.0 * wide / sent, narrow, 100.0 * narrow / sent, both, others - wide);
     return 0;
 }
 
@@ -318,11 +322,17 @@ int main(int argc, char** argv) {
     const double number = argc > 2 ? std::atof(argv[2]) : 0;
     if (argc > 1 && std::strcmp(argv[1], "bands") == 0) return bench_bands(number > 0 ? number : 240);
     if (argc > 1 && std::strcmp(argv[1], "weak") == 0) {
-        return bench_weak(number > 0 ? static_cast<int32_t>(number) : 204, argc > 3 ? std::atof(argv[3]) : -24.5);
+        const ov_protocol* const protocol = ov_protocol_by_option(argc > 4 ? argv[4] : "opera");
+        if (protocol == nullptr) {
+            std::fprintf(stderr, "bench_wide: '%s' is no protocol\n", argv[4]);
+            return 2;
+        }
+        return bench_weak(number > 0 ? static_cast<int32_t>(number) : 204, argc > 3 ? std::atof(argv[3]) : -24.5,
+                          *protocol);
     }
     const int32_t blocks = argc > 1 ? std::atoi(argv[1]) : 2;
     if (blocks < 0) {
-        std::fprintf(stderr, "usage: bench_wide [blocks of I/Q] | bands [seconds] | weak [frames] [dB]\n");
+        std::fprintf(stderr, "usage: bench_wide [blocks of I/Q] | bands [seconds] | weak [frames] [dB] [protocol]\n");
         return 2;
     }
     std::printf("CPU seconds; most memory so far, samples included\n");

@@ -1,6 +1,6 @@
 // Where in a slice something is keyed, and when: the statistic of ov_scan in single precision, from half as many
-// windows and bins, and with the time of each find. At z = 6 it misses none of the frames that decode
-// (docs/decoder.md).
+// windows and bins, and with the time of each find. At z = 4.5 it misses next to none of the
+// frames that decode (docs/decoder.md).
 //
 //     samples → power of every chip-long window and bin → mean jump of every run → peaks in time and frequency
 #pragma once

@@ -36,6 +36,7 @@ constexpr double UNDECIDED_S = 20;                          // a frame may begin
 constexpr double TILE_HZ = 33;                              // half-width of a decode
 constexpr double BESIDE_HZ = 16;                            // past its border a slice is searched, too
 constexpr double FLAT_HZ = 1790;                            // of a slice, each side
+constexpr double EASE_Z = 1.5;  // below the scan's: the weakest frames of ORVEL S that decode stand out less
 
 // What one step found, slice by slice.
 struct Step {
@@ -248,7 +249,7 @@ class WideDecoder::Engine {
         const auto samples = [&](int64_t from, std::span<std::complex<float>> out) { store_.copy(slice, from, out); };
         const auto& [center_hz, own_hz] = channeliser_.slices()[slice];
         const Range band = {own_hz.low - center_hz - BESIDE_HZ, own_hz.high - center_hz + BESIDE_HZ};
-        const auto keyed = look.find(samples, block, own, band, search_.scan_z);
+        const auto keyed = look.find(samples, block, own, band, search_.scan_z - EASE_Z);
         std::vector<Found> all;
         for (const Keyed& key : keyed) {
             auto found = decode_around(key, slice, first, stored, keyed.size());
