@@ -8,6 +8,7 @@
 #include "base/child.h"
 #include "base/console.h"
 #include "base/error.h"
+#include "demo/demo.h"
 #include "liborvel.h"
 #include "service/doctor.h"
 #include "service/station.h"
@@ -39,6 +40,8 @@ int run_command(int argc, char** argv) {
     CLI::App* doctor = app.add_subcommand("doctor", "Look after receivers, clock, disk and outputs: a line each");
     doctor->add_option("FILE", file, "Configuration")->required();
     doctor->callback([&] { status = examine_station(file, orvel_command()) ? EXIT_SUCCESS : EXIT_FAILURE; });
+    CLI::App* demo = app.add_subcommand("demo", "Show the page, with simulated beacons on simulated receivers");
+    demo->callback([&] { status = run_demo(orvel_command()); });
     add_spots(app, status);
 
     try {

@@ -99,7 +99,7 @@ std::vector<Subcommand> subcommands_of(const CLI::App& app) {
             }
         }
         if (subcommand.name == "station") {  // whose commands are another program's
-            subcommand.positional = {Values::WORDS_OR_FILES, {"run", "check", "doctor"}};
+            subcommand.positional = {Values::WORDS_OR_FILES, {"run", "check", "doctor", "demo"}};
         }
         subcommands.push_back(subcommand);
     }

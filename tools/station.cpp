@@ -54,9 +54,13 @@ void add_station(CLI::App& app, int&) {
         "  run FILE              Run a station by its configuration; SIGHUP reads it again\n"
         "  check FILE            Print every mistake of a configuration, with its line and column\n"
         "  doctor FILE           Look after receivers, clock, disk and outputs: a line each\n"
+        "  demo                  The same as --demo\n"
         "\norvel station COMMAND --help shows the options of one.");
-    sub->callback([sub] {
+    const CLI::Option* const demo = sub->add_flag("--demo")->description(
+        "Show the page, with simulated beacons on simulated receivers; needs no FILE");
+    sub->callback([sub, demo] {
         std::vector<std::string> words = sub->remaining();
+        if (*demo) words.insert(words.begin(), "demo");
         if (words.empty()) throw UsageError("station: which command? (orvel station --help lists them)");
         become_station(std::move(words));
     });

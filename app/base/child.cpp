@@ -93,6 +93,7 @@ std::vector<std::string> environment_with(const std::vector<std::string>& others
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
+    close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);  // not every library's sockets are
     if (dup2(input, STDIN_FILENO) >= 0 && dup2(output, STDOUT_FILENO) >= 0 && dup2(errors, STDERR_FILENO) >= 0) {
         execve(path, arguments, variables);
     }

@@ -1,4 +1,5 @@
 // What all of our programs are made of: times, texts, numbers, progress.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -509,6 +510,15 @@ TEST(Child, GetsItsArgumentsAndVariablesAndAnEmptyInput) {
     EXPECT_EQ(all_from(child, child.output()), "new\na b\n");
     EXPECT_EQ(ending_text(*child.ended()), "exit status 3");
     EXPECT_EQ(child.errors(), -1);
+}
+
+TEST(Child, HoldsNoFileOfOurs) {
+    const int ours = open("/dev/null", O_RDONLY);
+    ASSERT_GT(ours, STDERR_FILENO);
+    Child child(find_program("sh"), {"sh", "-c", "test -e /proc/$$/fd/" + std::to_string(ours)}, {});
+    EXPECT_EQ(all_from(child, child.output()), "");
+    EXPECT_EQ(ending_text(*child.ended()), "exit status 1");
+    close(ours);
 }
 
 TEST(Child, KeepsErrorsApart) {
