@@ -495,6 +495,71 @@ void stations() {
         .save("child_lines", "status");
 }
 
+// What asks for a station's page.
+void web_requests() {
+    constexpr int32_t MOST_NAME = 40;
+    const auto save = [](const char* name, std::string_view target, std::string_view authorization = "",
+                         std::string_view tag = "", std::string_view coding = "") {
+        Seed()
+            .flag(true)
+            .flag(true)
+            .text("", MOST_NAME)
+            .text(authorization, MOST_NAME)
+            .text("", 60)
+            .text(tag, MOST_NAME)
+            .text(coding, 20)
+            .rest(target)
+            .save("web_requests", name);
+    };
+    constexpr std::string_view BEARER = "Bearer 0123456789abcdef";
+    save("page", "", "", "", "gzip");
+    save("unchanged", "style.css", "", "*");
+    save("spots", "api/spots?call=K2*&receiver=lf&protocol=opera+05&from=0&until=2026-03-01T12%3A00Z&low_hz=1&limit=5",
+         BEARER);
+    save("page_of_spots", "api/spots?before=10&after=2", BEARER);
+    save("transmissions", "api/transmissions?call=DL1QXA&before=9&limit=3", BEARER);
+    save("curve", "api/curve?call=K2QRX&from=1769999999&until=1770001000&points=7", BEARER);
+    save("minutes", "api/receivers?receiver=lf&from=1769999000&until=1770001000", BEARER);
+    save("spectrum", "api/spectrum?receiver=lf", BEARER);
+    save("status", "api/status", BEARER);
+    save("login", "api/login", BEARER);
+    save("metrics", "metrics", BEARER);
+    Seed()
+        .flag(true)
+        .flag(false)
+        .text("[::1]:8137", MOST_NAME)
+        .text("http://[::1]:8137", MOST_NAME)
+        .text("", MOST_NAME)
+        .text("a=b; orvel_token=0123456789abcdef", 60)
+        .text("", MOST_NAME)
+        .text("", 20)
+        .rest("api/beacons")
+        .save("web_requests", "cookie");
+}
+
+// The same as it comes through a connection, and what follows once it is a WebSocket.
+void web_connections() {
+    const auto save = [](const char* name, bool upgraded, uint16_t cut, std::string_view bytes) {
+        Seed().flag(upgraded).raw(cut).rest(bytes).save("web_connection", name);
+    };
+    save("two_requests", false, 20,
+         "GET /api/status HTTP/1.1\r\nHost: localhost\r\n\r\n"
+         "GET / HTTP/1.1\r\nHost: localhost\r\nAccept-Encoding: gzip\r\nConnection: close\r\n\r\n");
+    save("body", false, 5, "POST /api/spots HTTP/1.1\r\nHost: localhost\r\nContent-Length: 3\r\n\r\nabc");
+    save("chunks", false, 5,
+         "GET / HTTP/1.1\r\nHost: localhost\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n");
+    save("upgrade", false, 9,
+         "GET /live HTTP/1.1\r\nHost: localhost\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+         "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n\x88\x80\1\2\3\4");
+    using namespace std::string_view_literals;
+    save("ping_and_goodbye", true, 3, "\x89\x82\0\0\0\0hi\x88\x82\0\0\0\0\3\xe8"sv);
+    save("text", true, 9, "\x81\x85\1\2\3\4igohn"sv);
+    save("fragments", true, 9, "\1\x81\0\0\0\0a\0\x81\0\0\0\0b\x80\x80\0\0\0\0"sv);
+    save("long", true, 9, "\x82\xfe\4\1\0\0\0\0abc"sv);
+    save("longer", true, 9, "\x82\xff\0\0\0\1\0\0\0\0\0\0\0\0abc"sv);
+    save("not_masked", true, 9, "\x81\2hi"sv);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -511,5 +576,7 @@ int main(int argc, char** argv) {
     servers();
     samples();
     stations();
+    web_requests();
+    web_connections();
     return 0;
 }
