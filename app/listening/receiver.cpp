@@ -17,6 +17,7 @@ namespace {
 
 constexpr double MOST_FILL_S = 10;  // a longer gap leaves too little of any frame
 constexpr double FILL_STEP_S = 0.25;
+constexpr double ROW_STEP_S = 0.1;
 
 // What is searched, within the band of the samples.
 Range band_of(const Search& search, int32_t rate) {
@@ -164,13 +165,26 @@ void Receiver::measure(const Piece& piece) {
         level_ = {meter.rms_db(), meter.peak_db(), std::isnan(at) ? utc_now() : at};
     }
     if (!spectrum_) return;
-    spectrum_->push(piece.samples, [this](std::span<const float> power) {
-        row_.add(power);
-        noise_.add(power);
-    });
-    if (options_.spectrum_s <= 0 || ear_->captured_s() < row_at_s_ || row_.empty()) return;
-    row_at_s_ += options_.spectrum_s * std::ceil((ear_->captured_s() - row_at_s_ + 1e-9) / options_.spectrum_s);
-    takers_.row({.receiver = options_.name, .utc = at, .band = spectrum_->band(), .levels_db = row_.take_db()});
+    // What comes after a long decode is more than a row.
+    const std::size_t width = format_.iq ? 2 : 1;
+    const auto step = width * static_cast<std::size_t>(std::max(1.0, ROW_STEP_S * format_.rate));
+    for (std::span<const float> rest = piece.samples; !rest.empty();) {
+        const auto some = rest.first(std::min(step, rest.size()));
+        rest = rest.subspan(some.size());
+        spectrum_->push(some, [this](std::span<const float> power) {
+            row_.add(power);
+            noise_.add(power);
+        });
+        give_row(ear_->captured_s() - static_cast<double>(rest.size() / width) / format_.rate);
+    }
+}
+
+// The row that ends there, if it is time.
+void Receiver::give_row(double captured_s) {
+    if (options_.spectrum_s <= 0 || captured_s < row_at_s_ || row_.empty()) return;
+    row_at_s_ += options_.spectrum_s * std::ceil((captured_s - row_at_s_ + 1e-9) / options_.spectrum_s);
+    takers_.row(
+        {.receiver = options_.name, .utc = utc(captured_s), .band = spectrum_->band(), .levels_db = row_.take_db()});
 }
 
 void Receiver::record(const Piece& piece) {

@@ -76,6 +76,7 @@ class Receiver {
     Spot spot_on_air(const Found& found) const;
     void end();
     void measure(const Piece& piece);
+    void give_row(double captured_s);
     void record(const Piece& piece);
     void tell_status_in_time();
     void tell_status();

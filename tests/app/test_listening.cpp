@@ -677,6 +677,29 @@ TEST(AReceiver, DecodesWhatCameWhenItsSourceFallsSilent) {
     }
 }
 
+TEST(AReceiver, GivesARowOfItsSpectrumForEverySecondThatComesAtOnce) {
+    std::vector<Script::Act> acts = seconds_with("K2QRX", 5, 8000);
+    Piece all;
+    for (const Script::Act& act : acts) {
+        all.samples.insert(all.samples.end(), act.piece.samples.begin(), act.piece.samples.end());
+    }
+    ReceiverOptions options;
+    options.search.protocols = OVL_OPERA;
+    options.search.search_hz = 500;  // points of 1 Hz take a second
+    options.start = MARCH_1;
+    options.spectrum_s = 1;
+    std::vector<double> times;
+    Receiver receiver(options, std::make_unique<Script>(std::vector<Script::Act>{{Source::State::SAMPLES, all, 8000}}),
+                      {.spot = [](const Found&, Standing, const std::optional<Tuning>&) {},
+                       .status = {},
+                       .row = [&](const SpectrumRow& row) { times.push_back(row.utc - MARCH_1); }});
+    receiver.run();
+    ASSERT_GE(times.size(), 40U);
+    EXPECT_LE(times.size(), 50U);
+    EXPECT_LE(times[0], 10);
+    for (std::size_t k = 1; k < times.size(); k++) EXPECT_NEAR(times[k] - times[k - 1], 1.05, 0.1) << k;
+}
+
 TEST(AReceiver, TakesWhatFollowsABreakForAnotherStreamEvenAtAnotherRate) {
     std::vector<Script::Act> acts = seconds_with("K2QRX", 5, 8000);
     acts.push_back({Source::State::BROKEN, {}, 12000});

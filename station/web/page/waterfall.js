@@ -123,7 +123,7 @@ class Waterfall {
     drawFrames(context, width, plot) {
         const { low, high } = this.band;
         const rowPx = plot / ROWS;
-        const drawn = [];
+        const drawn = [], labels = [];
         context.textAlign = "left";
         context.font = "bold 12px system-ui, sans-serif";
         for (const spot of this.spots) {
@@ -138,10 +138,16 @@ class Waterfall {
             const length = context.measureText(text).width + 6;
             const left = middle + half + 3 + length < width ? middle + half + 3 : middle - half - 3 - length;
             const base = Math.max(top, 1);
-            context.fillStyle = "rgb(0 0 0 / 65%)";
-            context.fillRect(left, base, length, 16);
-            context.fillStyle = "#fff";
-            context.fillText(text, left + 3, base + 12);
+            // Where frames crowd, the first to be heard have their labels.
+            const free = base + 16 < plot && labels.every((label) =>
+                left > label.left + label.length || label.left > left + length || Math.abs(base - label.base) > 16);
+            if (free) {
+                labels.push({ left, length, base });
+                context.fillStyle = "rgb(0 0 0 / 65%)";
+                context.fillRect(left, base, length, 16);
+                context.fillStyle = "#fff";
+                context.fillText(text, left + 3, base + 12);
+            }
             drawn.push(`${spot.call} at ${number(spot.hz, 0)} Hz from ${clock(new Date(1000 * spot.from).toISOString())}`);
         }
         return drawn;
