@@ -9,7 +9,7 @@ TEST_PACKAGES=(libgtest-dev sox ffmpeg libbenchmark-dev pulseaudio libasound2-pl
 # Of the tests labelled `heavy`.
 HEAVY_PACKAGES=(dpkg-dev fakeroot debhelper dh-python lintian pybuild-plugin-pyproject python3-all rtl-433
                 soapysdr-module-audio inspectrum tshark wsjtx python3-pyhamtools chromium
-                chromium-driver python3-selenium)
+                chromium-driver python3-selenium slurm-wlm munge parallel)
 CHECK_PACKAGES=(clang libclang-rt-dev clang-format clang-tidy cppcheck mypy)
 
 # need_packages PACKAGE...: installs those that are missing. Asks no questions; when all are there it does nothing and

@@ -138,6 +138,7 @@ TEST(Layers, RoomsKnowOnlyTheRoomsBelowThem) {
         {"recordings", {"base", "spots", "decoding", "sources", "wideband"}},
         {"wideband", {"base", "spots", "decoding"}},
         {"sources", {"base"}},
+        {"archive", {"base", "spots", "recordings", "sources"}},
         {"listening", {"base", "spots", "decoding", "sources", "wideband", "recordings"}},
         {"pictures", {"base", "spots", "recordings"}},
     };

@@ -70,7 +70,7 @@ std::map<std::string, std::string> options_of(const std::string& subcommand) {
     std::map<std::string, std::string> options;
     for (const std::string& line : lines_of(help_of(subcommand))) {
         if (!line.starts_with("  -")) continue;
-        const auto match = match_of(line, R"(  (-[^ =\[]+)(?:\[(=[A-Z]+)\]| ([A-Z][A-Z:,=]*)(?:\.\.\.)?)?(?:  .*)?)");
+        const auto match = match_of(line, R"(  (-[^ =\[]+)(?:\[(=[A-Z]+)\]| ([A-Z][A-Z:/,=]*)(?:\.\.\.)?)?(?:  .*)?)");
         if (!match) {
             ADD_FAILURE() << line;
             continue;

@@ -1,6 +1,7 @@
 #include "subcommands.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -12,6 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include "archive/decode_shard.h"
+#include "archive/shard.h"
 #include "base/console.h"
 #include "base/error.h"
 #include "base/progress.h"
@@ -35,6 +38,8 @@ struct Options {
     std::optional<double> block_s;
     unsigned jobs = 0;
     std::string start;
+    std::optional<std::string> shard;
+    std::string found_by;  // the options that decide on what is found, as a text
     bool json = false;
     bool csv = false;
     std::string annotate;
@@ -83,13 +88,7 @@ class Printer {
     }
 
     Spot complete(const Found& found) const {
-        Spot spot = spot_of(found, recording_.path());
-        const double middle_s = 0.5 * (spot.start + spot.end);
-        const auto tuning = recording_.tuning(middle_s);
-        spot.file_utc = recording_.utc_zero(middle_s);
-        if (tuning) spot.rf_hz = tuning->rf_hz(spot.freq_hz);
-        if (options_.search.coherent) spot.finding = finding_of(found);
-        return spot;
+        return recorded_spot(found, recording_.path(), recording_.takes(), options_.search.coherent);
     }
 
   private:
@@ -172,9 +171,30 @@ void decode_file(const std::string& path, const Options& options, DecodingOption
     annotations.write();
 }
 
+int decode_shard(const Options& options) {
+    const auto shard = parse_shard(*options.shard);
+    if (!shard) throw UsageError("--shard: '" + *options.shard + "' is not a part of several, as 2/7");
+    ShardJob job{.shard = *shard,
+                 .files = options.files,
+                 .reading =
+                     [&](const std::string& file) {
+                         RecordingOptions how = options.recording;
+                         how.start_utc = start_of(options, file);
+                         return how;
+                     },
+                 .decoding = decoding_of(options),
+                 .options = options.found_by};
+    const auto write = [](const std::string& line) {
+        print(line);
+        return flush_output();
+    };
+    return decode_shard(job, write) ? EXIT_DONE : EXIT_FAILED;
+}
+
 int decode(const Options& options) {
     if (options.start != START_IN_NAME) start_of(options, "");
     if (!options.annotate.empty() && options.files.size() > 1) throw UsageError("--sigmf-annotate takes one recording");
+    if (options.shard) return decode_shard(options);
     const DecodingOptions decoding = decoding_of(options);
     int status = EXIT_DONE;
     bool first = true;
@@ -200,15 +220,29 @@ int decode(const Options& options) {
     return status;
 }
 
+// The options that decide on what is found, as a text.
+std::string found_by(const CLI::App& sub) {
+    constexpr std::array WITHOUT = {"FILE", "shard", "jobs", "json", "verbose"};
+    std::string text;
+    for (const CLI::Option* option : sub.get_options()) {
+        if (option->count() == 0 || std::ranges::find(WITHOUT, option->get_single_name()) != WITHOUT.end()) continue;
+        text += option->get_name() + '\n';
+        for (const std::string& value : option->results()) text += value + '\n';
+    }
+    return text;
+}
+
 }  // namespace
 
 void add_decode(CLI::App& app, int& status) {
     CLI::App* sub = app.add_subcommand("decode", "Decode the beacons in recordings");
     const auto options = std::make_shared<Options>();
-    sub->add_option("FILE", options->files,
-                    "Recordings: WAV, FLAC, Ogg, AIFF, W64 and whatever else libsndfile reads, SigMF, bare samples; - "
-                    "is standard input; or a live source: device:NAME, rtl_tcp://HOST:PORT?freq=HZ&rate=HZ, "
-                    "soapy:driver=NAME")
+    sub->add_option(
+           "FILE", options->files,
+           "Recordings: WAV, FLAC, Ogg, AIFF, W64 and whatever else libsndfile reads, SigMF, bare samples, also as "
+           "http:// or https://; - is standard input; or a live source: device:NAME, "
+           "rtl_tcp://HOST:PORT?freq=HZ&rate=HZ, soapy:driver=NAME; a name that ends in .list is a list of them, one "
+           "on a line")
         ->required();
     add_recording_options(*sub, options->recording);
     CLI::Option* wide =
@@ -236,13 +270,24 @@ void add_decode(CLI::App& app, int& status) {
                     "one in the file's name")
         ->type_name("TIME");
     CLI::Option* json = sub->add_flag("--json", options->json, "Print one JSON object per line");
-    sub->add_flag("--csv", options->csv, "Print comma-separated values, their names first")->excludes(json);
-    sub->add_option("--sigmf-annotate", options->annotate,
-                    "Write a copy of the SigMF metadata with an annotation for each frame")
-        ->type_name("FILE");
+    CLI::Option* csv =
+        sub->add_flag("--csv", options->csv, "Print comma-separated values, their names first")->excludes(json);
+    CLI::Option* annotate = sub->add_option("--sigmf-annotate", options->annotate,
+                                            "Write a copy of the SigMF metadata with an annotation for each frame")
+                                ->type_name("FILE");
+    sub->add_option("--shard", options->shard,
+                    "Decode only one of N equal parts of all recordings, the Ith, and print lines for 'orvel merge'")
+        ->type_name("I/N")
+        ->excludes(csv)
+        ->excludes(annotate);
     sub->add_flag("-v,--verbose", options->verbose, "Print what the decoder did to standard error");
     sub->footer(
         "Times are seconds from the start of the file, or UTC with --start; SNRs refer to the mean power of the frame "
         "in 2500 Hz.");
-    sub->callback([options, &status] { status = decode(*options); });
+    sub->callback([options, sub, &status] {
+        options->files = expand_lists(options->files);
+        if (options->files.empty()) throw UsageError("the lists hold no recordings");
+        options->found_by = found_by(*sub);
+        status = decode(*options);
+    });
 }

@@ -2,6 +2,7 @@
 
 void add_subcommands(CLI::App& app, int& status) {
     add_decode(app, status);
+    add_merge(app, status);
     add_encode(app, status);
     add_render(app, status);
     add_simulate(app, status);

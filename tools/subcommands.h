@@ -5,6 +5,7 @@
 
 // Each adds one subcommand. When it runs, `status` becomes its exit status; UsageError and IoError say why it cannot.
 void add_decode(CLI::App& app, int& status);
+void add_merge(CLI::App& app, int& status);
 void add_encode(CLI::App& app, int& status);
 void add_render(CLI::App& app, int& status);
 void add_simulate(CLI::App& app, int& status);

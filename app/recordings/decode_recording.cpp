@@ -14,7 +14,6 @@
 #include "base/error.h"
 #include "base/text.h"
 #include "decoding/decode_block.h"
-#include "spots/spot_log.h"
 #include "wideband/wide_decoder.h"
 
 namespace {
@@ -52,18 +51,12 @@ unsigned jobs_for(const DecodingOptions& options, double block_samples) {
 
 // ---- Blocks → samples → frames of a block ---------------------------------------------------------------------------
 
-// The outcome of a block: its frames, a reason why there are none, or neither, past the end of the file.
-struct BlockResult {
-    std::optional<std::vector<Found>> spots;
-    std::string problem;
-};
-
 class BlockDecoder {
   public:
     BlockDecoder(Recording& recording, const Search& search) : recording_(recording), search_(search) {}
 
     // Any thread.
-    BlockResult decode(const BlockSpan& span) {
+    DecodedBlock decode(const BlockSpan& span) {
         if (ended_) return {};
         try {
             const Stretch stretch = recording_.read(span.begin_s, span.length_s);
@@ -73,17 +66,19 @@ class BlockDecoder {
             }
             return decode(stretch);
         } catch (const IoError& error) {
-            return {std::nullopt, error.what()};
+            return {.spots = std::nullopt, .problem = error.what()};
         }
     }
 
   private:
-    BlockResult decode(const Stretch& stretch) const {
+    DecodedBlock decode(const Stretch& stretch) const {
         const Block block{stretch.x, stretch.q, recording_.rate()};
         auto spots = decode_block(block, search_);
-        if (!spots) return {std::nullopt, "cannot decode '" + recording_.path() + "': " + refusal(block)};
+        if (!spots) {
+            return {.spots = std::nullopt, .problem = "cannot decode '" + recording_.path() + "': " + refusal(block)};
+        }
         for (Found& spot : *spots) spot.t += stretch.begin_s;
-        return {std::move(spots), ""};
+        return {.spots = std::move(spots), .problem = ""};
     }
 
     static std::string refusal(const Block& block) {
@@ -98,37 +93,19 @@ class BlockDecoder {
     std::atomic<bool> ended_ = false;  // the file does before its header says
 };
 
-// ---- Frames of the blocks → each frame once -------------------------------------------------------------------------
-
-class Merger {
-  public:
-    explicit Merger(const SpotTaker& taker) : taker_(taker) {}
-
-    // Takes the outcome of the next block, and hands out the frames that start before final_s: the next block may find
-    // later ones again, and better. False when the taker wants no more.
-    bool add(BlockResult block, double final_s) {
-        if (problem_.empty()) problem_ = std::move(block.problem);
-        if (block.spots) {
-            if (!std::exchange(begun_, true)) taker_.begin();
-            log_.add(*block.spots);
-        }
-        log_.release(final_s, [&](const Found& spot, int32_t) {
-            taker_.take(spot);
-            taken_++;
+// Decodes blocks [first, end) of all.
+void decode_some(Recording& recording, const DecodingOptions& options, std::span<const BlockSpan> blocks,
+                 std::size_t first, std::size_t end, const std::function<bool(DecodedBlock, std::size_t)>& use) {
+    BlockDecoder decoder(recording, options.search);
+    results_in_order(
+        end - first, jobs_for(options, blocks.front().length_s * recording.rate()),
+        [&](std::size_t k) { return decoder.decode(blocks[first + k]); },
+        [&](DecodedBlock block, std::size_t k) {
+            const std::size_t next = first + k + 1;
+            if (next < blocks.size()) block.until_s = blocks[next].begin_s - EDGE_S;
+            return use(std::move(block), first + k);
         });
-        return taker_.go_on();
-    }
-
-    std::size_t taken() const { return taken_; }
-    const std::string& problem() const { return problem_; }  // the first, or ""
-
-  private:
-    const SpotTaker& taker_;
-    SpotLog log_{SpotLog::Order::START};
-    std::string problem_;
-    std::size_t taken_ = 0;
-    bool begun_ = false;
-};
+}
 
 // ---- Wide bands -----------------------------------------------------------------------------------------------------
 
@@ -182,37 +159,89 @@ Stretch read_frames(Recording& recording, int64_t first, int64_t count) {
     return recording.read((static_cast<double>(first) + 0.5) / rate, (static_cast<double>(count) - 0.5) / rate);
 }
 
+// One pass over all of a recording between two times.
+void decode_at_once(Recording& recording, const DecodingOptions& options, double from_s, double to_s,
+                    const SpotTaker& taker) {
+    const double rate = recording.file_rate();
+    const auto first = static_cast<int64_t>(std::floor(from_s * rate));
+    const auto end = static_cast<int64_t>(std::ceil(to_s * rate));
+    const int64_t count = recording.file_rate() / 4 + 1;
+    const auto next = [&, at = first](Stretch& piece) mutable {
+        if (at >= end) return false;
+        piece = read_frames(recording, at, std::min<int64_t>(count, end - at));
+        at += count;
+        return !piece.x.empty();  // it may end before its header says
+    };
+    decode_channels(recording, options, static_cast<double>(first) / rate, next, taker);
+}
+
 }  // namespace
+
+Spot recorded_spot(const Found& found, const std::string& path, std::span<const Take> takes, bool coherent) {
+    Spot spot = spot_of(found, path);
+    const Take& take = take_at(takes, 0.5 * (spot.start + spot.end));
+    spot.file_utc = take.utc_zero();
+    if (take.tuning) spot.rf_hz = take.tuning->rf_hz(spot.freq_hz);
+    if (coherent) spot.finding = finding_of(found);
+    return spot;
+}
+
+bool BlockMerger::add(DecodedBlock block) {
+    if (problem_.empty()) problem_ = std::move(block.problem);
+    if (block.spots) {
+        if (!std::exchange(begun_, true)) taker_.begin();
+        log_.add(*block.spots);
+    }
+    log_.release(block.until_s, [&](const Found& spot, int32_t) {
+        taker_.take(spot);
+        taken_++;
+    });
+    return taker_.go_on();
+}
 
 void decode_recording(Recording& recording, const DecodingOptions& options, double from_s, double to_s,
                       const SpotTaker& taker) {
     require_within("'" + recording.path() + "'", options.search, recording.rate());
     if (to_s - from_s >= ovl_chip_seconds() && needs_channels(recording, options.search)) {
-        const double rate = recording.file_rate();
-        const auto first = static_cast<int64_t>(std::floor(from_s * rate));
-        const auto end = static_cast<int64_t>(std::ceil(to_s * rate));
-        const int64_t count = recording.file_rate() / 4 + 1;
-        const auto next = [&, at = first](Stretch& piece) mutable {
-            if (at >= end) return false;
-            piece = read_frames(recording, at, std::min<int64_t>(count, end - at));
-            at += count;
-            return !piece.x.empty();  // it may end before its header says
-        };
-        return decode_channels(recording, options, static_cast<double>(first) / rate, next, taker);
+        return decode_at_once(recording, options, from_s, to_s, taker);
     }
     const std::vector<BlockSpan> blocks = cut(recording, options, from_s, to_s);
-    BlockDecoder decoder(recording, options.search);
-    Merger merger(taker);
-    results_in_order(
-        blocks.size(), jobs_for(options, blocks.front().length_s * recording.rate()),
-        [&](std::size_t k) { return decoder.decode(blocks[k]); },
-        [&](BlockResult block, std::size_t k) {
-            const bool last = k + 1 == blocks.size();
-            if (!merger.add(std::move(block), last ? HUGE_VAL : blocks[k + 1].begin_s - EDGE_S)) return false;
-            taker.progress(blocks[k].begin_s + blocks[k].length_s, merger.taken());
-            return true;
-        });
+    BlockMerger merger(taker);
+    decode_some(recording, options, blocks, 0, blocks.size(), [&](DecodedBlock block, std::size_t k) {
+        if (!merger.add(std::move(block))) return false;
+        taker.progress(blocks[k].begin_s + blocks[k].length_s, merger.taken());
+        return true;
+    });
     if (!merger.problem().empty()) throw IoError(merger.problem());
+}
+
+bool is_decoded_in_one_pass(const Recording& recording, const Search& search) {
+    return recording.seconds() >= ovl_chip_seconds() && needs_channels(recording, search);
+}
+
+std::size_t count_blocks(const Recording& recording, const DecodingOptions& options) {
+    require_within("'" + recording.path() + "'", options.search, recording.rate());
+    return is_decoded_in_one_pass(recording, options.search) ? 1
+                                                             : cut(recording, options, 0, recording.seconds()).size();
+}
+
+void decode_blocks(Recording& recording, const DecodingOptions& options, std::size_t first, std::size_t end,
+                   const std::function<bool(DecodedBlock block, std::size_t k)>& use) {
+    if (!is_decoded_in_one_pass(recording, options.search)) {
+        const auto blocks = cut(recording, options, 0, recording.seconds());
+        return decode_some(recording, options, blocks, first, end, use);
+    }
+    DecodedBlock all{.spots = std::vector<Found>(), .problem = ""};
+    const SpotTaker taker{.begin = [] {},
+                          .take = [&](const Found& spot) { all.spots->push_back(spot); },
+                          .progress = [](double, std::size_t) {},
+                          .go_on = [] { return true; }};
+    try {
+        decode_at_once(recording, options, 0, recording.seconds(), taker);
+    } catch (const IoError& error) {
+        all.problem = error.what();
+    }
+    use(std::move(all), 0);
 }
 
 void decode_piped(PipedRecording& recording, const DecodingOptions& options, const SpotTaker& taker) {
@@ -242,13 +271,13 @@ void decode_piped(PipedRecording& recording, const DecodingOptions& options, con
         return block;
     };
     BlockDecoder decoder(recording, options.search);
-    Merger merger(taker);
+    BlockMerger merger(taker);
     for (auto block = next(); block;) {
         recording.forget(block->begin_s);
-        BlockResult result = decoder.decode(*block);
-        const auto following = next();  // may begin earlier than this one's length lets expect: it may be the last
-        if (!merger.add(std::move(result), following ? following->begin_s - EDGE_S : HUGE_VAL)) return;
-        block = following;
+        DecodedBlock result = decoder.decode(*block);
+        block = next();  // may begin earlier than this one's length lets expect: it may be the last
+        if (block) result.until_s = block->begin_s - EDGE_S;
+        if (!merger.add(std::move(result))) return;
     }
     if (!merger.problem().empty()) throw IoError(merger.problem());
 }

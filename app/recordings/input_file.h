@@ -1,4 +1,4 @@
-// A file that is read at any place.
+// A file that is read at any place: on a disk, or behind http:// or https://.
 #pragma once
 
 #include <cstddef>
@@ -6,6 +6,8 @@
 #include <memory>
 #include <span>
 #include <string>
+
+#include "sources/url_file.h"
 
 class InputFile {
   public:
@@ -18,11 +20,12 @@ class InputFile {
     uint64_t size() const { return size_; }
 
     // Fills `out` from a place on. Returns how many bytes there were: fewer only at the end, or where the file can be
-    // read no further.
+    // read no further. Throws IoError where it lies behind a URL.
     std::size_t read_at(uint64_t offset, std::span<uint8_t> out) const;
 
   private:
-    int descriptor_;
+    std::unique_ptr<UrlFile> url_;
+    int descriptor_ = -1;
     uint64_t size_ = 0;
 };
 

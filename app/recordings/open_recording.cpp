@@ -7,8 +7,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <filesystem>
+#include <limits>
 #include <memory>
+#include <span>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -23,6 +27,7 @@
 #include "recordings/raw_recording.h"
 #include "recordings/sigmf.h"
 #include "sources/source.h"
+#include "sources/url_file.h"
 #include "wavread.h"
 
 namespace {
@@ -67,28 +72,91 @@ struct CloseSound {
 };
 using SoundPtr = std::unique_ptr<SNDFILE, CloseSound>;
 
+// What libsndfile reads, from a file or behind a URL.
+class Sound {
+  public:
+    explicit Sound(const std::string& path) {
+        if (!is_url(path)) {
+            file_.reset(sf_open(path.c_str(), SFM_READ, &info_));
+            return;
+        }
+        remote_ = std::make_unique<Remote>(path);
+        SF_VIRTUAL_IO calls{Remote::length, Remote::seek, Remote::read, Remote::write, Remote::tell};
+        file_.reset(sf_open_virtual(&calls, SFM_READ, &info_, remote_.get()));
+        require_source();
+    }
+
+    SNDFILE* get() const { return file_.get(); }
+    SF_INFO& info() { return info_; }
+
+    // Throws IoError when a read failed for another reason than the end.
+    void require_source() const {
+        if (remote_ && !remote_->problem.empty()) throw IoError(std::exchange(remote_->problem, ""));
+    }
+
+  private:
+    // No exception passes through libsndfile.
+    struct Remote {
+        explicit Remote(const std::string& path) : file(path) {}
+
+        static Remote& of(void* self) { return *static_cast<Remote*>(self); }
+        static sf_count_t length(void* self) { return static_cast<sf_count_t>(of(self).file.size()); }
+        static sf_count_t tell(void* self) { return of(self).at; }
+        static sf_count_t write(const void*, sf_count_t, void*) { return 0; }
+        static sf_count_t seek(sf_count_t offset, int whence, void* self) {
+            const sf_count_t from = whence == SEEK_SET ? 0 : whence == SEEK_CUR ? of(self).at : length(self);
+            if (offset < -from || offset > std::numeric_limits<sf_count_t>::max() - from) return -1;
+            return of(self).at = from + offset;
+        }
+        static sf_count_t read(void* out, sf_count_t count, void* self) {
+            Remote& remote = of(self);
+            if (count <= 0) return 0;
+            try {
+                const auto bytes = std::span(static_cast<uint8_t*>(out), static_cast<std::size_t>(count));
+                const auto got = static_cast<sf_count_t>(remote.file.read_at(static_cast<uint64_t>(remote.at), bytes));
+                remote.at += got;
+                return got;
+            } catch (const std::exception& error) {
+                remote.problem = error.what();
+                return 0;
+            }
+        }
+
+        InputFile file;
+        sf_count_t at = 0;
+        std::string problem;
+    };
+
+    std::unique_ptr<Remote> remote_;  // outlives the file that reads it
+    SF_INFO info_{};
+    SoundPtr file_;
+};
+
 // A file that libsndfile reads.
 class SoundRecording : public Recording {
   public:
-    SoundRecording(const std::string& path, const RecordingOptions& options, SoundPtr file, const SF_INFO& info)
-        : Recording(path, options, static_cast<uint32_t>(info.samplerate), info.frames),
-          file_(std::move(file)),
-          channels_(static_cast<std::size_t>(info.channels)) {}
+    SoundRecording(const std::string& path, const RecordingOptions& options, Sound sound)
+        : Recording(path, options, static_cast<uint32_t>(sound.info().samplerate), sound.info().frames),
+          sound_(std::move(sound)),
+          channels_(static_cast<std::size_t>(sound_.info().channels)) {}
 
   private:
     void read_frames(int64_t first, int64_t count, Stretch& out) override {
         constexpr int64_t PIECE = 1 << 16;
-        if (sf_seek(file_.get(), first, SEEK_SET) < 0) return;
+        const sf_count_t place = sf_seek(sound_.get(), first, SEEK_SET);
+        sound_.require_source();
+        if (place < 0) return;
         std::vector<double> piece(static_cast<std::size_t>(std::min(PIECE, count)) * channels_);
         while (count > 0) {
-            const int64_t got = sf_readf_double(file_.get(), piece.data(), std::min(PIECE, count));
+            const int64_t got = sf_readf_double(sound_.get(), piece.data(), std::min(PIECE, count));
+            sound_.require_source();
             if (got <= 0) return;
             append(std::span(piece).first(static_cast<std::size_t>(got) * channels_), channels_, out);
             count -= got;
         }
     }
 
-    SoundPtr file_;
+    Sound sound_;
     std::size_t channels_;
 };
 
@@ -166,13 +234,14 @@ sf_count_t count_frames(SNDFILE* file, int channels) {
 
 // libsndfile. An empty owner when it refuses the file; throws IoError when the channels do not fit.
 RecordingPtr open_with_sndfile(const std::string& path, const RecordingOptions& options) {
-    SF_INFO info{};
-    SoundPtr file(sf_open(path.c_str(), SFM_READ, &info));
-    if (!file || info.samplerate < 1 || info.channels < 1) return nullptr;
-    if (info.frames > UNKNOWN_FRAMES) info.frames = count_frames(file.get(), info.channels);
+    Sound sound(path);
+    SF_INFO& info = sound.info();
+    if (sound.get() == nullptr || info.samplerate < 1 || info.channels < 1) return nullptr;
+    if (info.frames > UNKNOWN_FRAMES) info.frames = count_frames(sound.get(), info.channels);
+    sound.require_source();
     if (info.frames < 1) return nullptr;
     require_channels(path, options, info.channels);
-    return std::make_unique<SoundRecording>(path, options, std::move(file), info);
+    return std::make_unique<SoundRecording>(path, options, std::move(sound));
 }
 
 // Whether libsndfile finds floating-point samples in a file. The library's readers take those of the extensible format
@@ -198,13 +267,14 @@ bool is_container(const std::string& path) {
 
 // Opens a file with the first reader that can.
 RecordingPtr open_file(const std::string& path, const RecordingOptions& options) {
-    if (const std::string problem = open_problem(path); !problem.empty()) refuse_recording(path, problem);
+    const bool remote = is_url(path);
+    if (const std::string problem = remote ? "" : open_problem(path); !problem.empty()) refuse_recording(path, problem);
     if (options.raw) return open_raw(path, options);
     if (is_sigmf(path)) return open_sigmf(path, options);
     if (raw_kind_of(path)) return open_raw(path, options);
     std::error_code error;
-    const std::uintmax_t bytes = std::filesystem::file_size(path, error);
-    const bool readers_take_it = options.channel == 0;
+    const std::uintmax_t bytes = remote ? 0 : std::filesystem::file_size(path, error);
+    const bool readers_take_it = options.channel == 0 && !remote;
     const bool small = readers_take_it && (error || bytes <= SMALL_FILE) && !holds_floats(path);
     std::string reason;
     if (small) {

@@ -79,18 +79,17 @@ void Recording::set_take(const Take& take) {
     takes_ = known_takes({take}, options_);
 }
 
-const Take& Recording::take_at(double at_s) const {
-    const auto later = std::ranges::upper_bound(takes_, at_s, {}, &Take::begin_s);
-    return later == takes_.begin() ? takes_.front() : *std::prev(later);
+const Take& take_at(std::span<const Take> takes, double at_s) {
+    const auto later = std::ranges::upper_bound(takes, at_s, {}, &Take::begin_s);
+    return later == takes.begin() ? takes.front() : *std::prev(later);
 }
 
 std::optional<double> Recording::utc_zero(double at_s) const {
-    const Take& take = take_at(at_s);
-    return take.utc ? std::optional(*take.utc - take.begin_s) : std::nullopt;
+    return take_at(takes_, at_s).utc_zero();
 }
 
 std::optional<Tuning> Recording::tuning(double at_s) const {
-    return take_at(at_s).tuning;
+    return take_at(takes_, at_s).tuning;
 }
 
 void Recording::append(std::span<const double> samples, std::size_t channels, Stretch& out) const {

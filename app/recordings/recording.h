@@ -43,7 +43,13 @@ struct Take {
     double begin_s = 0;         // from the start of the file
     std::optional<double> utc;  // of its first sample
     std::optional<Tuning> tuning;
+
+    // The UTC from which times in the file count.
+    std::optional<double> utc_zero() const { return utc ? std::optional(*utc - begin_s) : std::nullopt; }
 };
+
+// The take at a time, s from the start of the file; `takes` as Recording has them.
+const Take& take_at(std::span<const Take> takes, double at_s);
 
 // An open recording. A sample rate that the decoder cannot work with is converted.
 class Recording {
@@ -60,6 +66,9 @@ class Recording {
     // receiver was tuned, where that is known.
     std::optional<double> utc_zero(double at_s) const;
     std::optional<Tuning> tuning(double at_s) const;
+
+    // In order of time, at least one; the first counts from the start of the file.
+    const std::vector<Take>& takes() const { return takes_; }
 
     // Reads from begin_s on, at most length_s; less, with a line on standard error, where the file ends before its
     // header says. Throws IoError and std::bad_alloc. Any thread.
@@ -84,7 +93,6 @@ class Recording {
     RecordingOptions options_;
 
   private:
-    const Take& take_at(double at_s) const;
     void silence_wrong_samples(Stretch& stretch);
     bool convert(std::vector<double>& samples) const;
 

@@ -286,6 +286,11 @@ std::string sigmf_metadata(const std::string& path) {
     return read_source(path).json;
 }
 
+uint64_t sigmf_bytes(const std::string& path) {
+    const Source source = read_source(path);
+    return (source.data ? *source.data : data_of(path, parse_named(path, source.json))).size;
+}
+
 std::unique_ptr<Recording> open_sigmf(const std::string& path, const RecordingOptions& options) {
     const Source source = read_source(path);
     const SigmfMetadata metadata = parse_named(path, source.json);

@@ -26,6 +26,9 @@ std::unique_ptr<Recording> open_sigmf(const std::string& path, const RecordingOp
 // The metadata of a recording, as it stands in its file. Throws IoError.
 std::string sigmf_metadata(const std::string& path);
 
+// The bytes of its data. Throws IoError.
+uint64_t sigmf_bytes(const std::string& path);
+
 // ---- Metadata -------------------------------------------------------------------------------------------------------
 
 // Numbers of samples and bytes are at most 2^53, which JSON's numbers hold exactly.

@@ -38,6 +38,8 @@ NOT_RUN = (
     (r"(sudo )?orvel station (run|doctor|--demo).*", "would run until interrupted, or look after this machine"),
     (r".*capture\.cu8.*", "is run in test_recipes.py, where there is such a file"),
     (r"orvel plot day\.flac .*", "would need half a day of audio"),
+    (r"examples/slurm/.*", "needs a cluster; tests/archive/check makes one"),
+    (r"orvel merge \[0-9\].*", "joins what parallel started; tests/archive/check does both"),
     (r"scripts/\w[\w-]*( .*)?", "take minutes, or need a build of their own"),
 )
 
@@ -143,6 +145,9 @@ class Commands(unittest.TestCase):
         subprocess.run(["sox", scratch / "audio.wav", scratch / "audio.flac"], check=True)
         shutil.copy(ROOT / "examples" / "recordings" / "iq-narrow.jsonl", scratch / "stations.jsonl")
         (scratch / "friends.txt").write_text("# friends\nK2QRX G4QZB\n", encoding="ascii")
+        (scratch / "archive.list").write_text("audio.wav\nrecording.wav\n", encoding="ascii")
+        with open(scratch / "shard-1.jsonl", "wb") as shard:
+            subprocess.run([ORVEL, "decode", "--shard", "1/1", "archive.list"], cwd=scratch, stdout=shard, check=True)
         (scratch / "asound.conf").write_text(ONE_DEVICE, encoding="ascii")
         (scratch / "bin").mkdir()
         (scratch / "bin" / "orvel").symlink_to(ORVEL)
