@@ -65,6 +65,15 @@ UPDATE spot SET call = (SELECT call FROM transmission WHERE number = spot.transm
 CREATE INDEX spot_call ON spot (call);
 CREATE INDEX spot_curve ON spot (call, start, receiver, snr_db, rf_hz, freq_hz);
 CREATE INDEX transmission_locator ON transmission (call, start, locator) WHERE locator <> '';
+)",
+    // A few among millions of spots: which of a block of 1024 numbers are wanted.
+    R"(
+ALTER TABLE spot ADD COLUMN protocol INTEGER NOT NULL DEFAULT 0;
+UPDATE spot SET protocol = (SELECT protocol FROM transmission WHERE number = spot.transmission);
+CREATE INDEX spot_block_start ON spot (number >> 10, start);
+CREATE INDEX spot_block_rf ON spot (number >> 10, rf_hz);
+CREATE INDEX spot_block_receiver ON spot (number >> 10, receiver);
+CREATE INDEX spot_block_protocol ON spot (number >> 10, protocol);
 )"};
 constexpr auto VERSION = static_cast<int64_t>(MIGRATIONS.size());
 
@@ -73,6 +82,7 @@ constexpr double SAME_HZ = 20;             // of two receivers' radio frequencie
 constexpr double SAME_SHARE = 2e-5;        // what their oscillators are wrong by
 constexpr std::size_t MOST_HEARINGS = 16;  // of a transmission, as a page of them is looked for
 constexpr int64_t FORGOTTEN_AT_ONCE = 1000;
+constexpr int BLOCK_BITS = 10;  // of the indexes spot_block
 
 int64_t single(Database& database, std::string_view sql) {
     Statement statement = database.prepare(sql);
@@ -148,6 +158,7 @@ class Conditions {
         texts_.emplace_back(count_++, std::move(text));
     }
     const std::string& sql() const { return sql_; }
+    int count() const { return count_; }
     void bind(Statement& statement) const {
         for (const auto& [index, value] : numbers_) statement.bind(index, value);
         for (const auto& [index, text] : texts_) statement.bind(index, std::string_view(text));
@@ -164,24 +175,46 @@ class Conditions {
     std::vector<std::pair<int, std::string>> texts_;
 };
 
-// What a callsign with a wildcard matches is sorted by number if it is little; of more, the latest are quickly met on
-// the way through all.
+// What a callsign matches is sorted by number if it is little; of more, the latest are quickly met on the way through
+// all.
 constexpr int64_t LITTLE = 5000;
 
-void add_call(Database& database, const std::string& pattern, Conditions& all) {
-    if (pattern.empty()) return;
-    const std::string call = upper_case(pattern);
-    if (call.find_first_of("*?[") == std::string::npos) return all.add("s.call = ?", call);
-    Statement matches = database.prepare("SELECT count(*) FROM (SELECT 1 FROM spot WHERE call GLOB ? LIMIT ?)");
-    matches.bind(0, std::string_view(call)).bind(1, LITTLE).step();
-    all.add(matches.integer(0) < LITTLE ? "s.call GLOB ?" : "+s.call GLOB ?", call);
+bool is_pattern(const std::string& call) {
+    return call.find_first_of("*?[") != std::string::npos;
 }
 
-Conditions conditions_of(Database& database, const SpotFilter& filter) {
+const char* compared_by(const std::string& call) {
+    return is_pattern(call) ? "GLOB" : "=";
+}
+
+bool is_little(Database& database, const std::string& call) {
+    Statement matches = database.prepare(format("SELECT count(*) FROM (SELECT 1 FROM spot WHERE call %s ? LIMIT %lld)",
+                                                compared_by(call), static_cast<long long>(LITTLE)));
+    return matches.bind(0, std::string_view(upper_case(call))).step() && matches.integer(0) < LITTLE;
+}
+
+void add_call(const std::string& call, bool by_index, Conditions& all) {
+    if (call.empty()) return;
+    all.add(format("%ss.call %s ?", by_index ? "" : "+", compared_by(call)), upper_case(call));
+}
+
+// By more than callsign and number.
+bool is_narrow(const SpotFilter& filter) {
+    return !filter.receiver.empty() || filter.protocol || filter.from || filter.until || filter.rf_low_hz ||
+           filter.rf_high_hz;
+}
+
+bool is_by_call(Database& database, const SpotFilter& filter) {
+    if (filter.call.empty()) return false;
+    if (!is_pattern(filter.call) && !(filter.newest && is_narrow(filter))) return true;
+    return is_little(database, filter.call);
+}
+
+Conditions conditions_of(const SpotFilter& filter, bool by_call) {
     Conditions all;
-    add_call(database, filter.call, all);
+    add_call(filter.call, by_call, all);
     if (!filter.receiver.empty()) all.add("r.name = ?", filter.receiver);
-    if (filter.protocol) all.add("t.protocol = ?", *filter.protocol);
+    if (filter.protocol) all.add("s.protocol = ?", *filter.protocol);
     if (filter.from) all.add("s.start >= ?", *filter.from);
     if (filter.until) all.add("s.start < ?", *filter.until);
     if (filter.rf_low_hz) all.add("s.rf_hz >= ?", *filter.rf_low_hz);
@@ -266,11 +299,12 @@ std::optional<StoredSpot> Store::insert(const Spot& spot) {
     }
     Statement insert = database_.prepare(
         "INSERT INTO spot (id, receiver, transmission, start, end, freq_hz, rf_hz, drift_hz_s, snr_db, deep, method, "
-        "odds, call) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (transmission, receiver) DO NOTHING");
+        "odds, call, protocol) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (transmission, receiver) "
+        "DO NOTHING");
     insert.bind(0, std::string_view(stored.id)).bind(1, receiver_number(spot.receiver)).bind(2, stored.transmission);
     insert.bind(3, spot.start).bind(4, spot.end).bind(5, spot.freq_hz).bind(6, spot.rf_hz).bind(7, spot.drift_hz_s);
     insert.bind(8, spot.snr_db).bind(9, static_cast<int64_t>(spot.deep)).bind(10, method).bind(11, odds);
-    insert.bind(12, std::string_view(spot.call)).step();
+    insert.bind(12, std::string_view(spot.call)).bind(13, static_cast<int64_t>(spot.protocol)).step();
     if (database_.changed() == 0) return std::nullopt;
     stored.number = database_.last_row();
     return stored;
@@ -300,8 +334,34 @@ void Store::add(const ReceiverMinute& minute) {
     transaction.commit();
 }
 
+// Block by block, as in the order of numbers no index helps to find a few among many.
+std::vector<StoredSpot> Store::newest(const SpotFilter& filter) {
+    const std::size_t most = filter.newest.value_or(0);
+    const int64_t last = std::min(last_number(), filter.before.value_or(INT64_MAX) - 1);
+    const int64_t first = std::max(single(database_, "SELECT min(number) FROM spot"), filter.after.value_or(0) + 1);
+    Conditions conditions = conditions_of(filter, false);
+    conditions.add(format("s.number >> %d = ?", BLOCK_BITS), 0);
+    const int block_index = conditions.count() - 1;
+    Statement rows = database_.prepare(std::string(SPOT_COLUMNS) + conditions.sql() + " ORDER BY s.number DESC");
+    conditions.bind(rows);
+    std::vector<StoredSpot> spots;
+    for (int64_t block = last >> BLOCK_BITS; block >= first >> BLOCK_BITS && spots.size() < most; block--) {
+        rows.bind(block_index, block);
+        while (spots.size() < most && rows.step()) spots.push_back(read_spot(rows));
+    }
+    std::ranges::reverse(spots);
+    return spots;
+}
+
 void Store::query(const SpotFilter& filter, const std::function<bool(const StoredSpot&)>& take) {
-    const Conditions conditions = conditions_of(database_, filter);
+    const bool by_call = is_by_call(database_, filter);
+    if (filter.newest && !by_call) {
+        for (const StoredSpot& stored : newest(filter)) {
+            if (!take(stored)) return;
+        }
+        return;
+    }
+    const Conditions conditions = conditions_of(filter, by_call);
     std::string sql = std::string(SPOT_COLUMNS) + conditions.sql();
     if (filter.newest) {
         sql = format("SELECT * FROM (%s ORDER BY s.number DESC LIMIT %zu) ORDER BY 1", sql.c_str(), *filter.newest);
@@ -318,7 +378,7 @@ void Store::query(const SpotFilter& filter, const std::function<bool(const Store
 std::vector<StoredSpot> Store::transmissions(const std::string& call, std::optional<int64_t> before, std::size_t most) {
     Conditions conditions;
     if (before) conditions.add("s.transmission < ?", static_cast<double>(*before));
-    add_call(database_, call, conditions);
+    add_call(call, !is_pattern(call) || is_little(database_, call), conditions);
     Statement rows = database_.prepare(
         std::string(SPOT_COLUMNS) + " WHERE s.transmission IN (SELECT DISTINCT transmission FROM (SELECT " +
         "s.transmission FROM spot s" + conditions.sql() +

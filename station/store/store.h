@@ -97,6 +97,7 @@ class Store {
     int64_t bytes();
 
   private:
+    std::vector<StoredSpot> newest(const SpotFilter& filter);
     std::optional<StoredSpot> insert(const Spot& spot);
     int64_t receiver_number(const std::string& name);
     int64_t transmission_of(const Spot& spot);

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
@@ -189,6 +190,44 @@ TEST_F(StoreTest, FindsOneBeaconAmongMany) {
     EXPECT_EQ(store.last_number(), 6000);
 }
 
+// Many enough that neither one block of numbers nor the index of callsigns holds them.
+TEST_F(StoreTest, TheNewestAreTheLastOfAllThatAFilterFinds) {
+    Store store(path(), Access::WRITE);
+    std::vector<Spot> heard;
+    heard.reserve(9000);
+    for (int k = 0; k < 9000; k++) {
+        heard.push_back(spot(k % 3 == 0 ? "K2AB" : "K2QRX", NOON + 40 * k, 137000 + 7919 * k % 1000));
+        heard.back().receiver = k % 5 == 0 ? "lf" : "mf";
+        if (k % 1000 == 1) heard.back().protocol = OVL_ORVEL_S;
+    }
+    ASSERT_EQ(store.add(heard).size(), heard.size());
+    store.forget(NOON + 40 * 1500, std::nullopt);
+    const std::vector<SpotFilter> filters = {{},
+                                             {.call = "K2QRX"},
+                                             {.call = "k*"},
+                                             {.call = "K2QRX", .receiver = "lf"},
+                                             {.call = "K2A*", .rf_low_hz = 137990},
+                                             {.call = "K*", .rf_high_hz = 137003},
+                                             {.receiver = "none"},
+                                             {.receiver = "lf", .before = 2049},
+                                             {.protocol = OVL_ORVEL_S},
+                                             {.from = NOON + 40 * 3000, .until = NOON + 40 * 3010},
+                                             {.until = NOON + 40 * 1501},
+                                             {.rf_low_hz = 1e6},
+                                             {.after = 4095, .before = 4097},
+                                             {.after = 9000}};
+    for (SpotFilter filter : filters) {
+        const std::vector<StoredSpot> every = all(store, filter);
+        for (const std::size_t most : std::array<std::size_t, 4>{1, 7, 3000, 20000}) {
+            filter.newest = most;
+            const std::size_t left_out = every.size() - std::min(every.size(), most);
+            const auto same = [](const StoredSpot& a, const StoredSpot& b) { return a.id == b.id; };
+            EXPECT_TRUE(std::ranges::equal(std::span(every).subspan(left_out), all(store, filter), same))
+                << filter.call << " " << filter.receiver << " " << most;
+        }
+    }
+}
+
 TEST_F(StoreTest, GivesTransmissionsWithAllWhoHeardThem) {
     Store store(path(), Access::WRITE);
     EXPECT_EQ(store.last_number(), 0);
@@ -254,22 +293,26 @@ TEST_F(StoreTest, KnowsWhereABeaconIsFromWhatItSent) {
     EXPECT_EQ(beacons[1].locator, "");
 }
 
-// What the first version wrote: callsigns stood with the transmissions alone.
+// Earlier versions had protocols, and the first one callsigns, with the transmissions alone.
 TEST_F(StoreTest, BringsAnEarlierVersionUpToDate) {
     {
         Store store(path(), Access::WRITE);
         add(store, "lf", spot("K2QRX", NOON));
     }
-    {
-        Database database(path(), Access::WRITE);
-        database.run(
-            "DROP INDEX spot_call; DROP INDEX spot_curve; DROP INDEX transmission_locator; ALTER TABLE spot DROP "
-            "COLUMN call; PRAGMA user_version = 1");
+    for (const char* back :
+         {"DROP INDEX spot_block_start; DROP INDEX spot_block_rf; DROP INDEX spot_block_receiver; DROP INDEX "
+          "spot_block_protocol; ALTER TABLE spot DROP COLUMN protocol; PRAGMA user_version = 2",
+          "DROP INDEX spot_block_start; DROP INDEX spot_block_rf; DROP INDEX spot_block_receiver; DROP INDEX "
+          "spot_block_protocol; ALTER TABLE spot DROP COLUMN protocol; DROP INDEX spot_call; DROP INDEX spot_curve; "
+          "DROP "
+          "INDEX transmission_locator; ALTER TABLE spot DROP COLUMN call; PRAGMA user_version = 1"}) {
+        Database(path(), Access::WRITE).run(back);
+        EXPECT_THROW(Store(path(), Access::READ), IoError);
+        Store store(path(), Access::WRITE);
+        EXPECT_EQ(all(store, {.call = "K2QRX"}).size(), 1u);
+        EXPECT_EQ(all(store, {.protocol = OVL_OPERA, .newest = 5}).size(), 1u);
+        EXPECT_EQ(store.curve("K2QRX", NOON, NOON + 60, 10).size(), 1u);
     }
-    EXPECT_THROW(Store(path(), Access::READ), IoError);
-    Store store(path(), Access::WRITE);
-    EXPECT_EQ(all(store, {.call = "K2QRX"}).size(), 1u);
-    EXPECT_EQ(store.curve("K2QRX", NOON, NOON + 60, 10).size(), 1u);
 }
 
 TEST_F(StoreTest, RemembersHowFarAnOutputIs) {
