@@ -6,11 +6,8 @@ from types import TracebackType
 from typing import ClassVar, Self
 
 
-class Handle:
-    """Owner of a C object until it is closed, by close() or at the end of a with block."""
-
-    _name: ClassVar[str]  # for messages
-    _handle: int | None
+class Closable:
+    """What is closed by close() or at the end of a with block."""
 
     def close(self) -> None:
         raise NotImplementedError
@@ -22,6 +19,13 @@ class Handle:
         self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None
     ) -> None:
         self.close()
+
+
+class Handle(Closable):
+    """Owner of a C object until it is closed."""
+
+    _name: ClassVar[str]  # for messages
+    _handle: int | None
 
     def _open_handle(self) -> int:
         if self._handle is None:

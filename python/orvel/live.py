@@ -13,12 +13,12 @@ import subprocess
 import threading
 import weakref
 from collections.abc import Iterable
-from types import TracebackType
 from typing import IO, Any, Self
 
 from . import _checks as checks
 from ._callsigns import known_callsigns
 from ._errors import OrvelError
+from ._handle import Closable
 from .decoder import Search, Spot
 from .protocols import Protocol
 
@@ -74,7 +74,7 @@ def _end(child: subprocess.Popen[str], lines: IO[str], teller: threading.Thread)
     lines.close()
 
 
-class Listener:
+class Listener(Closable):
     """The spots of a live source, as an iterator that waits for the next one.
 
         with orvel.Listener("rtl_tcp://127.0.0.1:1234?freq=137500&rate=240000", wide=True) as spots:
@@ -168,11 +168,3 @@ class Listener:
     def close(self) -> None:
         """End the child, and with it the iteration."""
         self._end()
-
-    def __enter__(self) -> Self:
-        return self
-
-    def __exit__(
-        self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None
-    ) -> None:
-        self.close()
