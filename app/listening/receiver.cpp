@@ -175,7 +175,7 @@ void Receiver::measure(const Piece& piece) {
             row_.add(power);
             noise_.add(power);
         });
-        give_row(ear_->captured_s() - static_cast<double>(rest.size() / width) / format_.rate);
+        give_row(ear_->captured_s() - static_cast<double>(rest.size()) / static_cast<double>(width) / format_.rate);
     }
 }
 
