@@ -285,11 +285,12 @@ UrlFile::Part UrlFile::fetch(uint64_t begin, uint64_t count) {
     part.bytes.reserve(static_cast<std::size_t>(count));
     std::string problem;
     double wait_s = patience_.first_wait_s;
-    for (int32_t attempt = 1; !fetch_rest(part, count, problem); attempt++, wait_s *= 2) {
+    for (int32_t attempt = 1; !fetch_rest(part, count, problem); attempt++) {
         if (attempt >= patience_.attempts) {
             throw Unreachable(format("cannot read '%s': %s (%d attempts)", url_.c_str(), problem.c_str(), attempt));
         }
         nap(wait_s);
+        wait_s *= 2;
     }
     return part;
 }

@@ -47,6 +47,7 @@ constexpr std::array BEACONS = {
 const std::vector<SimStation>& beacons() {
     static const auto all = [] {
         std::vector<SimStation> parsed;
+        parsed.reserve(BEACONS.size());
         for (const char* const text : BEACONS) parsed.push_back(parse_station(text, 0));
         return parsed;
     }();

@@ -1,10 +1,12 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "base/error.h"
@@ -43,8 +45,20 @@ class FileOutput : public Output {
 
     void open_file() {
         if (file_ >= 0) return;
-        file_ = open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        // A pipe that nobody reads is an error, not a wait.
+        file_ = open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0644);
         if (file_ < 0) fail();
+        if (fcntl(file_, F_SETFL, O_APPEND) != 0) fail();
+        if (ends_within_a_line()) write_all("\n");
+    }
+
+    // A machine that went down has cut off the last line; its spot comes again.
+    bool ends_within_a_line() const {
+        struct stat state {};
+        if (fstat(file_, &state) != 0 || !S_ISREG(state.st_mode) || state.st_size == 0) return false;
+        std::ifstream file(path_, std::ios::binary);
+        file.seekg(-1, std::ios::end);
+        return file.good() && file.get() != '\n';
     }
 
     void close_file() {

@@ -136,6 +136,28 @@ TEST_F(OutputTest, FileHoldsEachSpotAsALine) {
     EXPECT_EQ(first["call"], "K3ABC");
 }
 
+TEST_F(OutputTest, FileKeepsALineThatWasCutOffApartAndAPipeWithoutAReaderHoldsNothingUp) {
+    Store store(store_path(), Access::WRITE);
+    std::ofstream(path("log")) << "{\"id\":\"whole\"}\n{\"id\":\"cut o";
+    const OutputConfig file = config("type = \"file\"\npath = \"" + path("log") + "\"\n");
+    Outbox outbox(store_path(), file, KEEPER);
+    ASSERT_TRUE(eventually([&] { return outbox.state().position == 0; }));
+    store.add(some(0, 1));
+    outbox.notify();
+    ASSERT_TRUE(eventually([&] { return outbox.state().position == 1; }));
+    const auto lines = lines_of("log");
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[1], "{\"id\":\"cut o");
+    EXPECT_EQ(nlohmann::json::parse(lines[2])["receiver"], "lf");
+
+    ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+    const OutputConfig pipe = config("type = \"file\"\npath = \"" + path("pipe") + "\"\n");
+    Outbox held_up(store_path(), pipe, KEEPER);
+    store.add(some(1, 1));
+    held_up.notify();
+    EXPECT_TRUE(eventually([&] { return !held_up.state().problem.empty(); }));
+}
+
 TEST_F(OutputTest, FileIsFollowedByTheNextWhenItIsFull) {
     Store store(store_path(), Access::WRITE);
     const OutputConfig file =
