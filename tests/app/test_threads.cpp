@@ -255,7 +255,7 @@ TEST(WideThreads, DecodeWhileSamplesComeAndEndWithTheDecoder) {
     Search search;
     search.iq = true;
     search.wide = true;
-    search.scan_z = 3;  // so that noise is decoded, too
+    search.scan_z = 4.5;  // so that noise is decoded, too
     search.protocols = OVL_OPERA;
     testing::internal::CaptureStderr();  // where it says that slices were skipped
     for (const bool live : {false, true}) {
