@@ -290,7 +290,7 @@ int bench_weak(int32_t frames, double snr_db, const ov_protocol& protocol) {
         const IqSamples iq = render_iq(scene);
         Search search = whole_band_search();
         search.protocols = static_cast<int32_t>(protocol.id);
-        const auto narrow_found = decode_bands({iq.i, iq.q, RATE}, search, bands, Protocols::TOGETHER, 1);
+        const auto narrow_found = decode_bands({iq.i, iq.q, RATE}, search, bands, 1);
         std::vector<Found> wide_found;
         std::vector<float> samples;
         for (std::size_t k = 0; k < iq.i.size(); k++) {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <optional>
 #include <span>
@@ -158,6 +159,11 @@ int32_t ov_decode_iq(const double* i, const double* q, int32_t n, int32_t rate, 
 // ---- Baseband to spots -----------------------------------------------------------------------------------------
 
 int32_t run(const ov_baseband& bb, const ov_params& params, ov_spot* spots, int32_t max_spots) {
+    return run_in_turn(bb, params, std::span(&params.protocols, 1), nullptr, spots, max_spots);
+}
+
+int32_t run_in_turn(const ov_baseband& bb, const ov_params& params, std::span<const int32_t> turns,
+                    const std::function<bool(std::span<const ov_spot>)>& is_enough, ov_spot* spots, int32_t max_spots) {
     MapOwner map;
     const double chip_s = chip_seconds(params);
     if (ov_spectrogram(bb, chip_s, params.search_hz, params.spread_hz, map) != 0) {
@@ -166,14 +172,21 @@ int32_t run(const ov_baseband& bb, const ov_params& params, ov_spot* spots, int3
     }
     const double frame_s = FRAME_PER_OP * params.op;
     const double drift_range = params.drift_max >= 0 ? params.drift_max : 2 * map.bin_hz / frame_s;
-    const Search search{bb, map, params, OPERA, chip_s, frame_s, drift_range};
-    search.verbose().block(bb, map, drift_range);
+    VerboseLines{params.verbose != 0}.block(bb, map, drift_range);
 
-    SpotList found(spots, 0, max_spots);
-    if (!search_all(search, found)) return -1;
-    remove_overlaps(search, found);
-    found.sort_by_time();
-    return found.count();
+    int32_t count = 0;
+    for (const int32_t protocols : turns) {
+        ov_params own = params;
+        own.protocols &= protocols;
+        const Search search{bb, map, own, OPERA, chip_s, frame_s, drift_range};
+        SpotList found(spots + count, 0, max_spots - count);
+        if (!search_all(search, found)) return -1;
+        remove_overlaps(search, found);
+        found.sort_by_time();
+        count += found.count();
+        if (is_enough && is_enough(found.found())) break;
+    }
+    return count;
 }
 
 void trim_call(const char* in, char* out) {

@@ -6,7 +6,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
+#include <span>
 
 #include "ovbb.h"
 #include "ovcenc.h"
@@ -89,6 +91,11 @@ int32_t ov_decode_wide(const double* i, const double* q, int32_t n, int32_t rate
 
 // ov_decode_iq for a baseband that was already cut.
 int32_t run(const ov_baseband& bb, const ov_params& params, ov_spot* spots, int32_t max_spots);
+
+// The same for one mask of protocols after the other, on one score map, until what one of them found is enough. The
+// spots of each are ordered by start time; those of different ones may overlap.
+int32_t run_in_turn(const ov_baseband& bb, const ov_params& params, std::span<const int32_t> turns,
+                    const std::function<bool(std::span<const ov_spot>)>& is_enough, ov_spot* spots, int32_t max_spots);
 
 // The lowest baseband rate that holds the search band with a margin and 16 samples per chip; nothing when the
 // parameters are invalid or would take excessive memory.

@@ -16,6 +16,7 @@
 #include <limits>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -1013,6 +1014,33 @@ TEST(Run, FillsNoMoreSpotsThanThereIsRoomFor) {
     EXPECT_TRUE(three.says("ORVEL-S score map"));
     EXPECT_FALSE(three.says("ORVEL-L score map"));
     EXPECT_EQ(decode(block, verbose_params(7, 30), 4).count, 4);
+}
+
+TEST(Run, ProtocolsInTurnGiveWhatEachGivesAloneUntilThatIsEnough) {
+    const Block block(
+        58, 4, {opera("OH1ABC", 9, -150, -5), orvel_s("DK2XYZ", 5, 0, -5), orvel_l("F5NQL", "JN18AB", 2, 140, -5)});
+    constexpr int32_t TURNS[] = {OVL_ORVEL_L, OVL_OPERA, OVL_ORVEL_S};
+    std::vector<ov_spot> alone;
+    for (const int32_t protocol : TURNS) {
+        const Decoded one = decode(block, verbose_params(protocol, 5));
+        alone.insert(alone.end(), one.spots.begin(), one.spots.begin() + one.count);
+    }
+    ASSERT_EQ(alone.size(), 3u);
+    for (const int32_t enough : {0, 1, 2, 3, 4}) {
+        std::array<ov_spot, 8> spots{};
+        int32_t asked = 0;
+        const auto is_enough = [&](std::span<const ov_spot> found) {
+            EXPECT_EQ(found.size(), 1u);
+            return ++asked == enough;
+        };
+        ov_params params = verbose_params(7, 5);
+        params.verbose = 0;
+        const int32_t count = run_in_turn(block.baseband(), params, TURNS, is_enough, spots.data(), 8);
+        ASSERT_EQ(count, enough == 0 ? 3 : std::min(enough, 3));
+        for (std::size_t k = 0; k < static_cast<std::size_t>(count); k++) {
+            expect_equal(spots.at(k), alone[k]);
+        }
+    }
 }
 
 TEST(Run, ProtocolsThatWereNotAskedForLeaveNoTrace) {

@@ -4,14 +4,20 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <vector>
 
 #include "decoding/search.h"
+#include "ovbb.h"
 #include "spots/found.h"
 
 inline constexpr int32_t MAX_TILES = 1000;  // of a wide search, in a block
+
+inline double minutes_begun(double seconds) {
+    return std::max(1.0, std::ceil(seconds / 60));
+}
 
 // Audio, or I/Q when q is not empty.
 struct Block {
@@ -19,7 +25,7 @@ struct Block {
     int32_t rate;  // Hz
 
     double seconds() const { return static_cast<double>(x.size()) / rate; }
-    double minutes() const { return std::max(1.0, std::ceil(seconds() / 60)); }  // begun
+    double minutes() const { return minutes_begun(seconds()); }
 };
 
 // Finds the frames in a block, in order of time; times are seconds from its first sample. More candidates are examined
@@ -35,16 +41,20 @@ struct Band {
     double center_hz, half_hz;
 };
 
-// How a band is searched for several protocols.
-enum class Protocols {
-    TOGETHER,  // all of them
-    IN_TURN,   // one after the other until a frame is found in the middle: for a band around one, whose shadows would
-               // take the others ten times as long as the frame
-};
-
 // Decodes some bands of a block, at least one, as decode_block() does; what is found is taken out and the rest searched
 // again, so that weaker stations beside show.
 //
 //   shares   that the false-alarm probability of the deep search is divided into
 std::optional<std::vector<Found>> decode_bands(const Block& block, const Search& search, std::span<const Band> bands,
-                                               Protocols protocols, std::size_t shares, double end_max = -1);
+                                               std::size_t shares, double end_max = -1);
+
+// The same for a baseband around something keyed, whose frames it loses: one protocol after the other until a frame is
+// found, for its shadows would take the other protocols ten times as long as the frame.
+//
+//   baseband   at keyed_rate()
+//   is_keyed   whether a baseband from which all frames were taken out is worth another search
+std::optional<std::vector<Found>> decode_keyed(ov_baseband& baseband, const Search& search, const Band& band,
+                                               const std::function<bool(const ov_baseband&)>& is_keyed,
+                                               std::size_t shares);
+// Throws UsageError when that is too wide.
+int32_t keyed_rate(const Search& search, double half_hz);

@@ -60,22 +60,27 @@ struct Layout {
     int32_t hop, out_hop;      // from block to block
 };
 
+Layout layout_at(int64_t rate, int64_t slice_rate) {
+    const int64_t divisor = std::gcd(rate, slice_rate);
+    const int64_t a = rate / divisor;
+    const int64_t b = slice_rate / divisor;
+    int64_t k = 1;
+    while (b * k < SLICE_TRANSFORM) k *= 2;
+    const int64_t j = (REACH + b - 1) / b;
+    const std::array<int64_t, 7> lengths = {slice_rate, a * k, b * k, a * j, b * j, a * (k - 2 * j), b * (k - 2 * j)};
+    std::array<int32_t, 7> l{};
+    std::ranges::transform(lengths, l.begin(), [](int64_t length) { return static_cast<int32_t>(length); });
+    return {l[0], l[1], l[2], l[3], l[4], l[5], l[6]};
+}
+
 // With the lowest slice rate from `least` on that is in a simple ratio to the input's.
 std::optional<Layout> choose_layout(int64_t rate, int64_t least) {
     if (!is_smooth(rate)) return std::nullopt;
     for (int64_t slice_rate = smooth_from(least); slice_rate <= 2 * least; slice_rate = smooth_from(slice_rate + 1)) {
-        const int64_t divisor = std::gcd(rate, slice_rate);
-        const int64_t a = rate / divisor;
-        const int64_t b = slice_rate / divisor;
-        if (b > MOST_DENOMINATOR || 2 * STOP * static_cast<double>(slice_rate) > static_cast<double>(rate)) continue;
-        int64_t k = 1;
-        while (b * k < SLICE_TRANSFORM) k *= 2;
-        const int64_t j = (REACH + b - 1) / b;
-        const std::array<int64_t, 7> lengths = {slice_rate, a * k,           b * k,          a * j,
-                                                b * j,      a * (k - 2 * j), b * (k - 2 * j)};
-        std::array<int32_t, 7> l{};
-        std::ranges::transform(lengths, l.begin(), [](int64_t length) { return static_cast<int32_t>(length); });
-        return Layout{l[0], l[1], l[2], l[3], l[4], l[5], l[6]};
+        const bool is_simple = slice_rate / std::gcd(rate, slice_rate) <= MOST_DENOMINATOR;
+        if (is_simple && 2 * STOP * static_cast<double>(slice_rate) <= static_cast<double>(rate)) {
+            return layout_at(rate, slice_rate);
+        }
     }
     return std::nullopt;
 }
@@ -351,6 +356,14 @@ Channeliser Channeliser::narrow(int32_t rate, bool iq, double center_hz, double 
     return one;
 }
 
+Channeliser Channeliser::baseband(int32_t rate, double center_hz, int32_t baseband_rate) {
+    if (2 * STOP * baseband_rate > rate) throw UsageError(format("%d Hz are too few for the search", rate));
+    Channeliser one(std::make_unique<Bank>(rate, true, layout_at(rate, baseband_rate)));
+    one.bank_->add_slice(center_hz, {center_hz, center_hz});
+    return one;
+}
+
+Channeliser::Channeliser(std::unique_ptr<Bank> bank) : bank_(std::move(bank)) {}
 Channeliser::Channeliser(Channeliser&&) noexcept = default;
 Channeliser& Channeliser::operator=(Channeliser&&) noexcept = default;
 Channeliser::~Channeliser() = default;

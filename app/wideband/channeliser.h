@@ -39,6 +39,10 @@ class Channeliser {
     // Throws UsageError when the input does not hold it at its rate.
     static Channeliser narrow(int32_t rate, bool iq, double center_hz, double half_hz);
 
+    // The baseband around a frequency of I/Q, at exactly that rate. Both rates have no prime factors above 7.
+    // Throws UsageError when the input does not hold it.
+    static Channeliser baseband(int32_t rate, double center_hz, int32_t baseband_rate);
+
     Channeliser(Channeliser&&) noexcept;
     Channeliser& operator=(Channeliser&&) noexcept;
     ~Channeliser();
@@ -56,6 +60,7 @@ class Channeliser {
   private:
     class Bank;
     class Converter;
+    explicit Channeliser(std::unique_ptr<Bank> bank);
     Channeliser(int32_t rate, bool iq, int32_t least_slice_rate);
 
     std::unique_ptr<Converter> converter_;  // for rates that do not divide

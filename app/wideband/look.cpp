@@ -13,6 +13,7 @@ constexpr int64_t LEAST_RUN = 16;
 constexpr int64_t NOISE_WINDOWS = 450;
 constexpr std::size_t NOISE_MARGIN = 12;  // bins
 constexpr double JUMP_SHARE = 0.7;
+constexpr double FLAT_SHARE = 0.4;  // of a baseband's rate, each side
 constexpr double APART_HZ = 30;
 
 std::size_t at(int64_t index) {
@@ -48,6 +49,11 @@ ORVEL_MULTIVERSION void powers_of(const std::complex<float>* bins, std::size_t n
 
 bool are_near(const Keyed& a, const Keyed& b) {
     return std::fabs(a.freq_hz - b.freq_hz) < APART_HZ && std::abs(a.window - b.window) <= LOOK_AROUND;
+}
+
+// Length of the runs that are looked for in so many windows, chips.
+int64_t run_in(int64_t windows) {
+    return std::min(LOOK_RUN / PHASES, (windows - 1) / PHASES - 1);
 }
 
 }  // namespace
@@ -151,9 +157,10 @@ std::vector<float> Look::jumps_of(std::size_t bin, int64_t windows, int64_t run)
 }
 
 // Where a bin is keyed most of all times around, strongest first.
-std::vector<Keyed> Look::peaks(const Windows& block, int64_t run, const Range& band, double least_z) const {
+std::vector<Keyed> Look::peaks(const Windows& block, int64_t run, const Range& band, double least_z) {
     std::vector<float> copy = best_;
     const RobustStatistics centre = robust_statistics(copy, upper_median);
+    least_jump_ = centre.median + least_z * centre.sigma;
     const auto z_of = [&](float jump) { return (static_cast<double>(jump) - centre.median) / centre.sigma; };
     std::vector<Keyed> found;
     for (std::size_t bin = 0; bin < bins_; bin++) {
@@ -176,7 +183,7 @@ std::vector<Keyed> Look::peaks(const Windows& block, int64_t run, const Range& b
 
 std::vector<Keyed> Look::find(const Samples& samples, Windows block, Windows own, const Range& band, double least_z) {
     const int64_t windows = block.end - block.first;
-    const int64_t run = std::min(LOOK_RUN / PHASES, (windows - 1) / PHASES - 1);
+    const int64_t run = run_in(windows);
     if (run < LEAST_RUN || own.first - block.first + PHASES * run >= windows) return {};
     fill_powers(samples, block);
     level_noise(windows);
@@ -199,4 +206,26 @@ std::vector<Keyed> Look::find(const Samples& samples, Windows block, Windows own
         }
     }
     return kept;
+}
+
+bool Look::is_keyed(const ov_baseband& baseband, double half_hz, Windows block) {
+    const auto rate = static_cast<int32_t>(baseband.rate);
+    if (!narrow_ || narrow_->rate_ != rate) narrow_ = std::make_unique<Look>(rate, FLAT_SHARE * rate);
+    Look& narrow = *narrow_;
+    block.first = std::max<int64_t>(block.first, 0);
+    block.end = std::min(block.end, narrow.windows_in(0, baseband.n));
+    const int64_t windows = block.end - block.first;
+    const int64_t run = run_in(windows);
+    if (run < LEAST_RUN) return true;
+    const auto samples = [&](int64_t first, std::span<std::complex<float>> out) {
+        std::ranges::transform(std::span(baseband.samples + first, out.size()), out.begin(),
+                               [](const std::complex<double>& sample) { return std::complex<float>(sample); });
+    };
+    narrow.fill_powers(samples, block);
+    narrow.level_noise(windows);
+    narrow.search_runs(windows, run);
+    for (std::size_t bin = 0; bin < narrow.bins_; bin++) {
+        if (std::fabs(narrow.freq_of(bin)) <= half_hz && narrow.best_[bin] >= least_jump_) return true;
+    }
+    return false;
 }

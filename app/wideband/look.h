@@ -8,10 +8,12 @@
 #include <complex>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <span>
 #include <vector>
 
 #include "base/parse.h"
+#include "ovbb.h"
 #include "wideband/float_fft.h"
 
 inline constexpr double LOOK_STEP_S = 0.064;  // between windows
@@ -51,6 +53,10 @@ class Look {
     //   band     where to look, Hz
     std::vector<Keyed> find(const Samples& samples, Windows block, Windows own, const Range& band, double least_z);
 
+    // Whether anything in a narrow baseband is keyed in those windows of it as much as the least that the last find()
+    // took, within half_hz of its middle.
+    bool is_keyed(const ov_baseband& baseband, double half_hz, Windows block);
+
     // Windows that `count` samples from that of `first` on hold.
     int64_t windows_in(int64_t first, int64_t count) const;
 
@@ -58,7 +64,7 @@ class Look {
     void fill_powers(const Samples& samples, const Windows& block);
     void level_noise(int64_t windows);
     void search_runs(int64_t windows, int64_t run);
-    std::vector<Keyed> peaks(const Windows& block, int64_t run, const Range& band, double least_z) const;
+    std::vector<Keyed> peaks(const Windows& block, int64_t run, const Range& band, double least_z);
     std::vector<float> jumps_of(std::size_t bin, int64_t windows, int64_t run) const;
 
     float power(int64_t window, std::size_t bin) const {
@@ -66,6 +72,8 @@ class Look {
     }
     double freq_of(std::size_t bin) const;
 
+    double least_jump_ = 0;  // that the last find() took
+    std::unique_ptr<Look> narrow_;
     int32_t rate_;
     int32_t length_;  // of a window and its transform
     std::size_t bins_;

@@ -33,7 +33,7 @@ constexpr int64_t AFTER = LOOK_AROUND + LOOK_RUN + MARGIN;  // and after it
 constexpr double LIVE_SLACK_S = 12;                         // that samples come while a step is decoded
 constexpr double SLACK_S = 2;                               // the same where they wait
 constexpr double UNDECIDED_S = 20;                          // a frame may begin this long before its run
-constexpr double TILE_HZ = 33;                              // half-width of a decode
+constexpr double TILE_HZ = 33;                              // half-width of a decode, without the spread
 constexpr double BESIDE_HZ = 16;                            // past its border a slice is searched, too
 constexpr double FLAT_HZ = 1790;                            // of a slice, each side
 constexpr double EASE_Z = 1.5;  // below the scan's: the weakest frames of ORVEL S that decode stand out less
@@ -64,6 +64,8 @@ class WideDecoder::Engine {
           take_(std::move(take)),
           channeliser_(rate, search.iq, band_of(rate, search)),
           rate_(channeliser_.slice_rate()),
+          tile_hz_(TILE_HZ + 0.5 * search.spread_hz),
+          tile_rate_(tile_rate(rate_, search, tile_hz_)),
           look_times_(rate_, FLAT_HZ),
           store_(channeliser_.slices().size(),
                  static_cast<int64_t>((static_cast<double>(BEFORE + STEP + AFTER) * LOOK_STEP_S +
@@ -109,6 +111,13 @@ class WideDecoder::Engine {
         const Range whole = whole_band(search.iq, rate);
         const Range asked = search.band.value_or(whole);
         return {std::max(asked.low, whole.low), std::min(asked.high, whole.high)};
+    }
+
+    // Throws UsageError when the slices do not hold that.
+    static int32_t tile_rate(int32_t slice_rate, const Search& search, double half_hz) {
+        const int32_t rate = keyed_rate(search, half_hz);
+        static_cast<void>(Channeliser::baseband(slice_rate, 0, rate));
+        return rate;
     }
 
     std::size_t slices() const { return channeliser_.slices().size(); }
@@ -252,7 +261,7 @@ class WideDecoder::Engine {
         const auto keyed = look.find(samples, block, own, band, search_.scan_z - EASE_Z);
         std::vector<Found> all;
         for (const Keyed& key : keyed) {
-            auto found = decode_around(key, slice, first, stored, keyed.size());
+            auto found = decode_around(look, key, slice, first_window, stored, keyed.size());
             if (!found) {
                 problem = "memory is short";
                 continue;
@@ -264,35 +273,35 @@ class WideDecoder::Engine {
     }
 
     // The frames around one find, in time and frequency, within those samples; t counts from the beginning.
-    std::optional<std::vector<Found>> decode_around(const Keyed& key, std::size_t slice, int64_t first, int64_t end,
-                                                    std::size_t shares) const {
+    std::optional<std::vector<Found>> decode_around(Look& look, const Keyed& key, std::size_t slice,
+                                                    int64_t first_window, int64_t end, std::size_t shares) const {
+        const int64_t first = look_times_.sample_of(first_window);
         const auto sample_at = [&](int64_t window) {
             return std::clamp<int64_t>(look_times_.sample_of(window), first, end);
         };
-        const int64_t begin = sample_at(key.first_window - MARGIN);
+        const int64_t begin_window = std::max(key.first_window - MARGIN, first_window);
+        const int64_t begin = sample_at(begin_window);
         std::vector<std::complex<float>> part(
             static_cast<std::size_t>(sample_at(key.last_window + LOOK_RUN + MARGIN) - begin));
         store_.copy(slice, begin, part);
-        const double half_hz = TILE_HZ + 0.5 * search_.spread_hz;
-        Channeliser tile = Channeliser::narrow(rate_, true, key.freq_hz, half_hz);
-        std::vector<double> i;
-        std::vector<double> q;
+        Channeliser tile = Channeliser::baseband(rate_, key.freq_hz, tile_rate_);
+        std::vector<std::complex<double>> samples;
+        samples.reserve(part.size() * static_cast<std::size_t>(tile_rate_) / static_cast<std::size_t>(rate_) + 1);
         const auto take = [&](std::size_t, std::span<const std::complex<float>> narrow) {
-            for (const auto& sample : narrow) {
-                i.push_back(static_cast<double>(sample.real()));
-                q.push_back(static_cast<double>(sample.imag()));
-            }
+            samples.insert(samples.end(), narrow.begin(), narrow.end());
         };
         tile.push({reinterpret_cast<const float*>(part.data()), 2 * part.size()}, take);
         tile.finish(take);
-        const double center_hz = tile.slices().front().center_hz;
-        const Band band = {key.freq_hz - center_hz, half_hz};
-        auto found = decode_bands({i, q, tile.slice_rate()}, search_, std::span(&band, 1), Protocols::IN_TURN, shares);
+        ov_baseband baseband{samples.data(), static_cast<int32_t>(samples.size()), static_cast<double>(tile_rate_),
+                             tile.slices().front().center_hz};
+        const auto is_keyed = [&](const ov_baseband& rest) {
+            return look.is_keyed(rest, tile_hz_,
+                                 {key.first_window - LOOK_AROUND - begin_window,
+                                  key.last_window + LOOK_AROUND + LOOK_RUN - begin_window});
+        };
+        auto found = decode_keyed(baseband, search_, {key.freq_hz, tile_hz_}, is_keyed, shares);
         if (!found) return std::nullopt;
-        for (Found& spot : *found) {
-            spot.t += static_cast<double>(begin) / rate_;
-            spot.freq += center_hz;
-        }
+        for (Found& spot : *found) spot.t += static_cast<double>(begin) / rate_;
         return found;
     }
 
@@ -302,6 +311,8 @@ class WideDecoder::Engine {
     Taker take_;
     Channeliser channeliser_;
     int32_t rate_;
+    double tile_hz_;  // half-width of a decode
+    int32_t tile_rate_;
     Look look_times_;  // of the thread that pushes
     SliceStore store_;
     int64_t received_ = 0;  // samples of each slice

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <numbers>
+#include <optional>
+#include <utility>
 #include <vector>
 
 namespace coherent {
@@ -16,6 +18,8 @@ constexpr double CERTAIN = 100;     // signal energy over noise energy that a ga
 constexpr int32_t MOST_CHIPS = 12;  // on each side
 constexpr double STRONG = 30;       // energy of a chip over noise from which its edges are measured, too
 constexpr double EDGE_S = 0.005;    // of other frames
+constexpr double STEADY = 0.5;      // share of the neighbours' products that a steady phase keeps in their sum
+constexpr double BETTER = 0.7;      // of what else is left, that makes another frequency and drift worth it
 
 // The frame mixed down to 0 Hz, `chip_len` samples a chip, with a chip before and after it; outside the block zeros.
 class MixedDown {
@@ -91,31 +95,109 @@ std::vector<Complex> smooth_gains(const std::vector<Complex>& means, std::span<c
     return gains;
 }
 
+// A frame as a hypothesis shows it.
+class Measured {
+  public:
+    Measured(std::span<Complex> samples, double rate, int32_t chip_len, const Hypothesis& frame,
+             std::span<const uint8_t> chips)
+        : frame_(frame),
+          chips_(chips),
+          chip_s_(chip_len / rate),
+          mixed_(samples, rate, chip_len, frame, chips.size()),
+          inside_(chips.size()) {
+        const auto chip = static_cast<std::size_t>(chip_len);
+        for (std::size_t k = 0; k < chips.size(); k++) {
+            inside_[k] = mixed_.inside((k + 1) * chip) && mixed_.inside((k + 2) * chip - 1) ? 1 : 0;
+        }
+        means_ = chip_means(mixed_.values(), chip, chips.size());
+        energy_ = on_over_off(means_) - 1;
+        if (!(energy_ > 0)) return;
+        const auto side = static_cast<int32_t>(std::clamp(CERTAIN / energy_, 2.0, static_cast<double>(MOST_CHIPS)));
+        gains_ = smooth_gains(means_, chips, inside_, side);
+        std::vector<Complex> left = means_;
+        for (std::size_t k = 0; k < left.size(); k++) left[k] -= chips[k] != 0 ? gains_[k] : Complex{};
+        rest_ = on_over_off(left);
+    }
+
+    double energy() const { return energy_; }  // of ON chips, in those of OFF chips, and above them
+    double rest() const { return rest_; }      // that the gains leave in ON chips, in those of OFF chips
+    const std::vector<Complex>& gains() const { return gains_; }
+    MixedDown& mixed() { return mixed_; }
+
+    // The frequency and drift that the phase shows from one ON chip to the next; nothing where it jumps.
+    std::optional<Hypothesis> by_phase() const {
+        struct Turn {
+            double t;  // from the middle of the frame
+            Complex value;
+        };
+        std::vector<Turn> turns;
+        Complex mean = 0;
+        double most = 0;
+        for (std::size_t k = 0; k + 1 < chips_.size(); k++) {
+            if (!is_measured_on(k) || !is_measured_on(k + 1)) continue;
+            const double t = (static_cast<double>(k + 1) - static_cast<double>(chips_.size()) / 2) * chip_s_;
+            turns.push_back({t, means_[k + 1] * std::conj(means_[k])});
+            mean += turns.back().value;
+            most += std::abs(turns.back().value);
+        }
+        if (!(std::abs(mean) > STEADY * most)) return std::nullopt;
+        // A straight line through the angles beside the mean one.
+        double wt = 0, wtt = 0, wa = 0, wta = 0;
+        for (const Turn& turn : turns) {
+            const double angle = std::arg(turn.value * std::conj(mean));
+            wt += turn.t;
+            wtt += turn.t * turn.t;
+            wa += angle;
+            wta += turn.t * angle;
+        }
+        const auto w = static_cast<double>(turns.size());
+        const double determinant = w * wtt - wt * wt;
+        if (!(determinant > 1e-9)) return std::nullopt;
+        Hypothesis shown = frame_;
+        shown.f += (std::arg(mean) + (wa * wtt - wta * wt) / determinant) / (TURN * chip_s_);
+        shown.drift += (w * wta - wt * wa) / determinant / (TURN * chip_s_);
+        return shown;
+    }
+
+  private:
+    bool is_measured_on(std::size_t k) const { return chips_[k] != 0 && inside_[k] != 0; }
+
+    // Mean energy of the measured ON chips over that of the OFF chips; 0 when either are missing.
+    double on_over_off(const std::vector<Complex>& chip_values) const {
+        double on = 0, off = 0, n_on = 0, n_off = 0;
+        for (std::size_t k = 0; k < chips_.size(); k++) {
+            if (inside_[k] == 0) continue;
+            (chips_[k] != 0 ? on : off) += std::norm(chip_values[k]);
+            (chips_[k] != 0 ? n_on : n_off) += 1;
+        }
+        return n_on > 0 && n_off > 0 ? (on / n_on) / std::max(off / n_off, 1e-30) : 0;
+    }
+
+    Hypothesis frame_;
+    std::span<const uint8_t> chips_;
+    double chip_s_;
+    MixedDown mixed_;
+    std::vector<uint8_t> inside_;
+    std::vector<Complex> means_, gains_;
+    double energy_ = 0;
+    double rest_ = 0;
+};
+
 }  // namespace
 
 void take_out(std::span<std::complex<double>> samples, double rate, int32_t chip_len, const Hypothesis& frame,
               std::span<const uint8_t> chips) {
     const auto chip = static_cast<std::size_t>(chip_len);
-    MixedDown mixed(samples, rate, chip_len, frame, chips.size());
+    Measured measured(samples, rate, chip_len, frame, chips);
+    if (!(measured.energy() > 0)) return;
+    if (const auto by_phase = measured.by_phase()) {
+        Measured other(samples, rate, chip_len, *by_phase, chips);
+        if (other.energy() > 0 && other.rest() < BETTER * measured.rest()) measured = std::move(other);
+    }
+    MixedDown& mixed = measured.mixed();
     const std::vector<Complex>& x = mixed.values();
-    std::vector<uint8_t> measured(chips.size());
-    for (std::size_t k = 0; k < chips.size(); k++) {
-        measured[k] = mixed.inside((k + 1) * chip) && mixed.inside((k + 2) * chip - 1) ? 1 : 0;
-    }
-
-    // How strong it is: ON chips against OFF chips.
-    const std::vector<Complex> means = chip_means(x, chip, chips.size());
-    double on = 0, off = 0, n_on = 0, n_off = 0;
-    for (std::size_t k = 0; k < chips.size(); k++) {
-        if (measured[k] == 0) continue;
-        (chips[k] != 0 ? on : off) += std::norm(means[k]);
-        (chips[k] != 0 ? n_on : n_off) += 1;
-    }
-    if (n_on == 0 || n_off == 0) return;
-    const double energy = (on / n_on) / std::max(off / n_off, 1e-30) - 1;
-    if (!(energy > 0)) return;
-    const auto side = static_cast<int32_t>(std::clamp(CERTAIN / energy, 2.0, static_cast<double>(MOST_CHIPS)));
-    const std::vector<Complex> gains = smooth_gains(means, chips, measured, side);
+    const std::vector<Complex>& gains = measured.gains();
+    const double energy = measured.energy();
 
     // The gain at a sample, between the middles of chips.
     const auto gain_at = [&](std::size_t i) {

@@ -219,6 +219,22 @@ TEST(ChanneliserSlices, AreTheSameToTheBitHoweverTheInputIsCut) {
     }
 }
 
+TEST(ChanneliserSlices, ABasebandHasExactlyTheRateAskedFor) {
+    for (const auto& [rate, lower] : {std::pair{4000, 250}, {4410, 250}, {4032, 500}, {4000, 1000}}) {
+        Channeliser channeliser = Channeliser::baseband(rate, 1234.5, lower);
+        EXPECT_EQ(channeliser.slice_rate(), lower);
+        const double freq = 1234.5 + 0.2 * lower;
+        const Slices slices = split(channeliser, tone(rate, true, freq, 1.5));
+        const double center = channeliser.slices()[0].center_hz;
+        EXPECT_NEAR(center, 1234.5, 1);
+        ASSERT_EQ(slices[0].size(), static_cast<std::size_t>(1.5 * lower));
+        for (std::size_t k = 50; k + 50 < slices[0].size(); k++) {
+            const Complex expected = turned((freq - center) * static_cast<double>(k) / lower);
+            ASSERT_LT(std::abs(Complex(slices[0][k]) - expected), 1e-3) << rate << ' ' << k;
+        }
+    }
+}
+
 TEST(ChanneliserSlices, AConvertedRateKeepsFrequenciesAndTimes) {
     constexpr int32_t RATE = 225001;
     const double freq = 60123.4;
@@ -257,6 +273,7 @@ TEST(ChanneliserSlices, WhatCannotBeSplitIsRefused) {
     EXPECT_THROW(Channeliser(3200001, true, {-1000, 1000}), UsageError);
     EXPECT_THROW(Channeliser(48000, true, {1000, 1000}), UsageError);
     EXPECT_THROW(Channeliser::narrow(8000, true, 0, 4000), UsageError);
+    EXPECT_THROW(Channeliser::baseband(4000, 0, 4000), UsageError);
     EXPECT_THROW(Channeliser::narrow(8000, true, 0, std::numeric_limits<double>::quiet_NaN()), UsageError);
 }
 
@@ -421,6 +438,34 @@ TEST(LookForKeying, AFindSpansTheRunsOfWhatIsKeyedBesideIt) {
     EXPECT_NEAR(static_cast<double>(keyed[0].window) * LOOK_STEP_S, 20, 0.3);
     EXPECT_NEAR(static_cast<double>(keyed[0].first_window) * LOOK_STEP_S, 20, 2);
     EXPECT_NEAR(static_cast<double>(keyed[0].last_window) * LOOK_STEP_S, 26, 2);
+}
+
+// What is left beside a frame is worth a search where something is keyed in the middle of it and at the time.
+TEST(LookForKeying, TellsWhetherSomethingIsKeyedInABaseband) {
+    constexpr double HALF_HZ = 33;
+    Scene scene;
+    scene.rate = 4000;
+    scene.seconds = 80;
+    Look look(4000, 1790);
+    const auto slice = as_slice(render_iq(scene));
+    const int64_t windows = look.windows_in(0, std::ssize(slice));
+    EXPECT_TRUE(look.find(reader_of(slice), {0, windows}, {0, windows}, {-1750, 1750}, 4.5).empty());
+    const auto is_keyed = [&](double freq_hz, double snr_db, const Windows& block) {
+        Scene narrow = scene;
+        narrow.rate = 250;
+        narrow.stations.push_back({.chips = opera_chips("K2QRX"), .t_start = 20, .freq_hz = freq_hz, .snr_db = snr_db});
+        IqSamples samples = render_iq(narrow);
+        std::vector<Complex> baseband(samples.i.size());
+        for (std::size_t k = 0; k < baseband.size(); k++) baseband[k] = {samples.i[k], samples.q[k]};
+        return look.is_keyed({baseband.data(), static_cast<int32_t>(baseband.size()), 250, 0}, HALF_HZ, block);
+    };
+    const Windows all = {0, 100000};
+    EXPECT_FALSE(is_keyed(5, -60, all));
+    for (const double freq_hz : {-30.0, 0.0, 5.0, 12.0, 30.0}) EXPECT_TRUE(is_keyed(freq_hz, -20, all)) << freq_hz;
+    EXPECT_FALSE(is_keyed(60, -20, all));
+    EXPECT_FALSE(is_keyed(5, -20, {-100, 290}));  // of 64 ms: it has not begun
+    EXPECT_FALSE(is_keyed(5, -20, {820, 100000}));
+    EXPECT_TRUE(is_keyed(5, -20, {0, 20}));  // too short to tell
 }
 
 TEST(LookForKeying, NoiseCarriersSilenceAndTooFewSamplesHoldNothing) {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
+#include <utility>
 #include <vector>
 
 #include "band.h"
@@ -42,6 +43,20 @@ TEST(Subtraction, LeavesNothingOfAFrameAlone) {
             take_out(samples, RATE, CHIP_LEN, {start_s, f, drift}, chips);
             EXPECT_LT(db(energy_of(samples) / before), -35) << late << " chips late, drift " << drift;
         }
+    }
+}
+
+// As the standard search gives them, frequency and drift may be that far off.
+TEST(Subtraction, TakesTheFrequencyAndDriftThatThePhaseShows) {
+    Random random(77);
+    const std::vector<uint8_t> chips = random_chips(random, 119);
+    const Hypothesis sent = {4.01, 9.1, 0.01};
+    for (const auto& [off_hz, off_drift] : {std::pair{0.4, 0.0}, {-0.4, 0.0}, {0.0, 0.04}, {0.3, -0.03}}) {
+        const Samples noisy = noise(random, 40);
+        Samples samples = noisy;
+        add_frame(samples, chips, sent, 4);
+        take_out(samples, RATE, CHIP_LEN, {sent.start_s, sent.f + off_hz, sent.drift + off_drift}, chips);
+        EXPECT_LT(db(energy_of(difference(samples, noisy)) / energy_of(noisy)), -13) << off_hz << ' ' << off_drift;
     }
 }
 
