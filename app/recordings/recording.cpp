@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <iterator>
+#include <limits>
 #include <numeric>
 #include <utility>
 
@@ -46,6 +47,13 @@ std::vector<Take> known_takes(std::vector<Take> takes, const RecordingOptions& o
         take.tuning = options.tuning.over(take.tuning);
     }
     return takes;
+}
+
+// Without a branch for each, so that several are looked at at once.
+bool are_finite(std::span<const double> samples) {
+    bool finite = true;
+    for (const double sample : samples) finite &= std::fabs(sample) <= std::numeric_limits<double>::max();
+    return finite;
 }
 
 }  // namespace
@@ -135,11 +143,10 @@ Stretch Recording::read(double begin_s, double length_s) {
 void Recording::silence_wrong_samples(Stretch& stretch) {
     bool wrong = false;
     for (std::vector<double>* samples : {&stretch.x, &stretch.q}) {
-        for (double& sample : *samples) {
-            if (std::isfinite(sample)) continue;
-            sample = 0;
-            wrong = true;
-        }
+        if (are_finite(*samples)) continue;
+        wrong = true;
+        std::ranges::replace_if(
+            *samples, [](double sample) { return !std::isfinite(sample); }, 0.0);
     }
     if (wrong && !told_wrong_samples_.exchange(true)) {
         print_error("'" + path_ + "' holds samples that are not finite numbers; they count as silence");

@@ -16,6 +16,7 @@
 
 #include "base/error.h"
 #include "base/text.h"
+#include "multiversion.h"
 #include "wideband/float_fft.h"
 
 namespace {
@@ -103,22 +104,48 @@ const Taps& filter_taps() {
     return all;
 }
 
-// The filter's response at bins 0, 1, … of the block, divided by its length.
+// The filter's response at the bins of the block around its middle, divided by the block's length, for each number of
+// a bin.
 std::vector<float> filter_response(const Layout& layout) {
     const Taps& taps = filter_taps();
     const auto last = static_cast<std::size_t>(STOP * layout.nout);
-    std::vector<float> response(last + 1);
+    std::vector<float> response(2 * (2 * last + 1));
     for (std::size_t bin = 0; bin <= last; bin++) {
         const double turn = 2 * std::numbers::pi * static_cast<double>(bin) / (layout.nout * OVERSAMPLED);
         double sum = taps[0];
         for (std::size_t n = 1; n < taps.size(); n++) sum += 2 * taps[n] * std::cos(turn * static_cast<double>(n));
-        response[bin] = static_cast<float>(sum / layout.nfft);
+        const std::size_t low = 2 * (last - bin);
+        const std::size_t high = 2 * (last + bin);
+        response[low] = response[low + 1] = response[high] = response[high + 1] = static_cast<float>(sum / layout.nfft);
     }
     return response;
 }
 
 float usable(float sample) {
     return std::fabs(sample) <= HUGE_SAMPLE ? sample : 0;
+}
+
+ORVEL_MULTIVERSION void copy_usable(const float* samples, std::size_t n, float* out) {
+    for (std::size_t k = 0; k < n; k++) out[k] = std::fabs(samples[k]) <= HUGE_SAMPLE ? samples[k] : 0;
+}
+
+// Adds bins to others, each number of them weighted.
+ORVEL_MULTIVERSION void add_weighted(const float* numbers, const float* weights, std::size_t n, float* sums) {
+    for (std::size_t k = 0; k < n; k++) sums[k] += numbers[k] * weights[k];
+}
+
+ORVEL_MULTIVERSION void rotate(const float* samples, std::size_t n, float c, float s, float* out) {
+    for (std::size_t k = 0; k < 2 * n; k += 2) {
+        out[k] = samples[k] * c - samples[k + 1] * s;
+        out[k + 1] = samples[k] * s + samples[k + 1] * c;
+    }
+}
+
+const float* numbers_of(const Sample* samples) {
+    return reinterpret_cast<const float*>(samples);
+}
+float* numbers_of(Sample* samples) {
+    return reinterpret_cast<float*>(samples);
 }
 
 int32_t rate_within(int32_t least, int32_t rate) {
@@ -140,7 +167,7 @@ class Channeliser::Bank {
           response_(filter_response(layout)),
           samples_(float_fft_reals(width_ * at(layout.nfft))),
           bins_(float_fft_complexes(at(iq ? layout.nfft : layout.nfft / 2 + 1))),
-          around_(2 * response_.size() - 1),
+          around_(response_.size() / 2),
           slice_(float_fft_complexes(at(layout.nout))),
           out_(at(layout.out_hop)),
           forward_(
@@ -178,8 +205,7 @@ class Channeliser::Bank {
         const std::size_t full = width_ * at(layout_.nfft);
         while (!samples.empty()) {
             const std::size_t n = std::min(samples.size(), full - filled_);
-            std::transform(samples.begin(), samples.begin() + static_cast<std::ptrdiff_t>(n), samples_.get() + filled_,
-                           usable);
+            copy_usable(samples.data(), n, samples_.get() + filled_);
             filled_ += n;
             samples = samples.subspan(n);
             if (filled_ == full) process(most, sink);
@@ -202,6 +228,8 @@ class Channeliser::Bank {
         offset_ = (offset_ + layout_.hop) % layout_.nfft;
     }
 
+    int64_t reach() const { return static_cast<int64_t>(around_.size() / 2); }  // bins each side of a centre
+
     Sample bin_at(int64_t bin) const {
         bin %= layout_.nfft;
         if (bin < 0) bin += layout_.nfft;
@@ -211,7 +239,7 @@ class Channeliser::Bank {
 
     // The bins around a centre, in order of frequency.
     const Sample* bins_around(int64_t center) {
-        const auto half = static_cast<int64_t>(response_.size()) - 1;
+        const int64_t half = reach();
         const int64_t held = iq_ ? layout_.nfft : layout_.nfft / 2 + 1;
         const int64_t first = (center - half) % layout_.nfft;
         const int64_t low = first < 0 && iq_ ? first + layout_.nfft : first;
@@ -222,15 +250,14 @@ class Channeliser::Bank {
 
     // One slice of the block, in out_.
     void cut(int64_t center) {
-        const auto half = static_cast<int64_t>(response_.size()) - 1;
+        const int64_t half = reach();
         const Sample* const bins = bins_around(center);
         std::fill_n(slice_.get(), layout_.nout, Sample{});
         for (int64_t k = -half, end = 0; k <= half; k = end) {
             const int64_t place = (k + 2 * layout_.nout) % layout_.nout;
             end = std::min({half + 1, k + layout_.nout - place, k < 0 ? 0 : half + 1});
-            for (int64_t i = k; i < end; i++) {
-                slice_[at(place + i - k)] += bins[i + half] * response_[at(std::abs(i))];
-            }
+            add_weighted(numbers_of(bins + half + k), response_.data() + 2 * (half + k), 2 * at(end - k),
+                         numbers_of(slice_.get() + place));
         }
         fftwf_execute(backward_.get());
 
@@ -239,10 +266,7 @@ class Channeliser::Bank {
         const double angle = -2 * std::numbers::pi * static_cast<double>(turns) / layout_.nfft;
         const auto c = static_cast<float>(std::cos(angle));
         const auto s = static_cast<float>(std::sin(angle));
-        const Sample* const from = slice_.get() + layout_.out_reach;
-        std::transform(from, from + layout_.out_hop, out_.begin(), [&](const Sample& x) {
-            return Sample(x.real() * c - x.imag() * s, x.real() * s + x.imag() * c);
-        });
+        rotate(numbers_of(slice_.get() + layout_.out_reach), out_.size(), c, s, numbers_of(out_.data()));
     }
 
     Layout layout_;
