@@ -44,7 +44,6 @@ class ShardDecoder {
                                  .file = file,
                                  .problem = "",
                                  .blocks = count_blocks(*opened, decoding),
-                                 .one_pass = is_decoded_in_one_pass(*opened, decoding.search),
                                  .coherent = decoding.search.coherent,
                                  .takes = opened->takes()};
         const BlockRange own = division_.blocks(job_.shard.number, recording, head.blocks);

@@ -144,16 +144,9 @@ void Merge::finish(const std::function<void(const Spot&)>& take, const std::func
         const auto give = [&](const Found& found) { take(recorded_spot(found, head.file, head.takes, head.coherent)); };
         const SpotTaker taker{
             .begin = [] {}, .take = give, .progress = [](double, std::size_t) {}, .go_on = [] { return true; }};
-        std::string problem = head.problem;
-        if (head.one_pass) {
-            const DecodedBlock& all = recorded.blocks.at(0);
-            if (all.spots) std::ranges::for_each(*all.spots, give);
-            problem = all.problem;
-        } else {
-            BlockMerger merger(taker);
-            for (auto& [place, block] : recorded.blocks) merger.add(std::move(block));
-            if (problem.empty()) problem = merger.problem();
-        }
+        BlockMerger merger(taker);
+        for (auto& [place, block] : recorded.blocks) merger.add(std::move(block));
+        const std::string& problem = head.problem.empty() ? merger.problem() : head.problem;
         if (!problem.empty()) fail(problem);
     }
 }

@@ -214,7 +214,6 @@ Json json_of(const RecordingHead& head) {
     put_text(object, "file", head.file);
     put_text(object, "problem", head.problem);
     object["blocks"] = head.blocks;
-    object["one_pass"] = head.one_pass;
     object["coherent"] = head.coherent;
     object["takes"] = Json::array();
     for (const Take& take : head.takes) object["takes"].push_back(json_of(take));
@@ -257,9 +256,8 @@ std::optional<ShardLine> recording_head_of(const Json& object) {
     RecordingHead head;
     const bool complete = take(object, "recording", head.recording) && take_text(object, "file", head.file) &&
                           take_text(object, "problem", head.problem) && take(object, "blocks", head.blocks) &&
-                          take(object, "one_pass", head.one_pass) && take(object, "coherent", head.coherent) &&
-                          take_all(object, "takes", take_of, head.takes);
-    const bool decodable = head.blocks > 0 && !head.takes.empty() && (!head.one_pass || head.blocks == 1);
+                          take(object, "coherent", head.coherent) && take_all(object, "takes", take_of, head.takes);
+    const bool decodable = head.blocks > 0 && !head.takes.empty();
     if (!complete || decodable == !head.problem.empty()) return std::nullopt;
     return head;
 }

@@ -28,7 +28,6 @@ struct RecordingHead {
     std::string file = {};
     std::string problem = {};  // why it cannot be decoded at all, or "": what follows is then missing
     std::size_t blocks = 0;    // of all shards
-    bool one_pass = false;     // a single block, whose frames are as they are handed out
     bool coherent = false;     // spots have findings
     std::vector<Take> takes = {};
 };

@@ -109,10 +109,10 @@ void decode_some(Recording& recording, const DecodingOptions& options, std::span
 
 // ---- Wide bands -----------------------------------------------------------------------------------------------------
 
-bool needs_channels(const Recording& recording, const Search& search) {
+bool needs_channels(const Recording& recording, const Search& search, double seconds) {
     const Range whole = whole_band(search.iq, recording.rate());
     const Range band = search.band.value_or(whole);
-    return search.wide && recording.rate() <= MOST_WIDE_RATE &&
+    return search.wide && seconds >= ovl_chip_seconds() && recording.rate() <= MOST_WIDE_RATE &&
            std::min(band.high, whole.high) - std::max(band.low, whole.low) > WIDE_BAND_HZ;
 }
 
@@ -126,18 +126,27 @@ std::vector<float> interleaved(const Stretch& stretch) {
     return samples;
 }
 
+unsigned jobs_of_channels(const DecodingOptions& options) {
+    if (options.search.verbose) return 1;
+    return options.jobs > 0 ? options.jobs : std::max(1u, std::thread::hardware_concurrency());
+}
+
+std::string problem_of_channels(const Recording& recording, const WideDecoder& decoder) {
+    if (decoder.problem().empty()) return "";
+    return "cannot decode all of '" + recording.path() + "': " + decoder.problem();
+}
+
 // Once through the recording: `next` gives some more samples, false at the end.
 template <class Next>
 void decode_channels(const Recording& recording, const DecodingOptions& options, double from_s, Next next,
                      const SpotTaker& taker) {
-    const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
-    const unsigned jobs = options.search.verbose ? 1 : options.jobs > 0 ? options.jobs : cores;
     std::size_t taken = 0;
-    WideDecoder decoder(recording.rate(), options.search, {.jobs = jobs, .live = false}, [&](Found spot, Standing) {
-        spot.t += from_s;
-        taker.take(spot);
-        taken++;
-    });
+    WideDecoder decoder(recording.rate(), options.search, {.jobs = jobs_of_channels(options)},
+                        [&](Found spot, Standing) {
+                            spot.t += from_s;
+                            taker.take(spot);
+                            taken++;
+                        });
     taker.begin();
     double read_s = from_s;
     for (Stretch stretch; next(stretch);) {
@@ -148,9 +157,7 @@ void decode_channels(const Recording& recording, const DecodingOptions& options,
     }
     decoder.finish();
     taker.progress(read_s, taken);
-    if (!decoder.problem().empty()) {
-        throw IoError("cannot decode all of '" + recording.path() + "': " + decoder.problem());
-    }
+    if (const std::string problem = problem_of_channels(recording, decoder); !problem.empty()) throw IoError(problem);
 }
 
 // Some samples from one on.
@@ -159,20 +166,78 @@ Stretch read_frames(Recording& recording, int64_t first, int64_t count) {
     return recording.read((static_cast<double>(first) + 0.5) / rate, (static_cast<double>(count) - 0.5) / rate);
 }
 
+// The samples of a recording from a frame on, piece by piece. What is converted is so piece by piece, each of a second,
+// which becomes a whole number of samples, as through a pipe.
+class Pieces {
+  public:
+    Pieces(Recording& recording, int64_t first, int64_t end)
+        : recording_(recording),
+          converted_(static_cast<uint32_t>(recording.rate()) != recording.file_rate()),
+          frames_(converted_ ? recording.file_rate() : recording.file_rate() / 4 + 1),
+          at_(first),
+          end_(end) {}
+
+    // Samples of a piece.
+    int64_t length() const { return converted_ ? recording_.rate() : frames_; }
+
+    void pass_over(int64_t pieces) { at_ += pieces * frames_; }
+
+    // False at the end.
+    bool next(Stretch& piece) {
+        if (at_ >= end_) return false;
+        piece = read_frames(recording_, at_, std::min<int64_t>(frames_, end_ - at_));
+        at_ += frames_;
+        return !piece.x.empty();  // it may end before its header says
+    }
+
+  private:
+    Recording& recording_;
+    bool converted_;
+    int64_t frames_;  // of a piece
+    int64_t at_, end_;
+};
+
 // One pass over all of a recording between two times.
 void decode_at_once(Recording& recording, const DecodingOptions& options, double from_s, double to_s,
                     const SpotTaker& taker) {
     const double rate = recording.file_rate();
     const auto first = static_cast<int64_t>(std::floor(from_s * rate));
     const auto end = static_cast<int64_t>(std::ceil(to_s * rate));
-    const int64_t count = recording.file_rate() / 4 + 1;
-    const auto next = [&, at = first](Stretch& piece) mutable {
-        if (at >= end) return false;
-        piece = read_frames(recording, at, std::min<int64_t>(count, end - at));
-        at += count;
-        return !piece.x.empty();  // it may end before its header says
-    };
+    const auto next = [pieces = Pieces(recording, first, end)](Stretch& piece) mutable { return pieces.next(piece); };
     decode_channels(recording, options, static_cast<double>(first) / rate, next, taker);
+}
+
+// Decodes steps [first, end) of all. Those past the end of the file hold nothing.
+void decode_steps(Recording& recording, const DecodingOptions& options, std::size_t first, std::size_t end,
+                  std::size_t count, const std::function<bool(DecodedBlock, std::size_t)>& use) {
+    std::size_t next = first;
+    bool wanted = true;
+    const auto hand_out = [&](DecodedBlock step) {
+        const std::size_t k = next++;
+        if (next < count) step.until_s = WideDecoder::decided_s(static_cast<int64_t>(next));
+        wanted = wanted && use(std::move(step), k);
+    };
+    std::string problem;
+    try {
+        std::optional<WideDecoder> decoder;
+        const auto take = [&](std::vector<Found> found) {
+            hand_out({.spots = std::move(found), .problem = problem_of_channels(recording, *decoder)});
+        };
+        decoder.emplace(recording.rate(), options.search, WideOptions{.jobs = jobs_of_channels(options)},
+                        WidePart{static_cast<int64_t>(first), static_cast<int64_t>(end), take});
+        Pieces pieces(recording, 0, static_cast<int64_t>(std::ceil(recording.seconds() * recording.file_rate())));
+        pieces.pass_over(decoder->first_sample() / pieces.length());
+        auto left_out = static_cast<std::size_t>(decoder->first_sample() % pieces.length());
+        for (Stretch piece; wanted && decoder->takes_more() && pieces.next(piece);) {
+            const std::vector<float> samples = interleaved(piece);
+            const std::size_t before = std::exchange(left_out, 0) * samples.size() / piece.x.size();
+            decoder->push(std::span(samples).subspan(std::min(before, samples.size())));
+        }
+        if (wanted) decoder->finish();
+    } catch (const IoError& error) {
+        problem = error.what();
+    }
+    while (wanted && next < end) hand_out({.spots = std::nullopt, .problem = problem});
 }
 
 }  // namespace
@@ -202,7 +267,7 @@ bool BlockMerger::add(DecodedBlock block) {
 void decode_recording(Recording& recording, const DecodingOptions& options, double from_s, double to_s,
                       const SpotTaker& taker) {
     require_within("'" + recording.path() + "'", options.search, recording.rate());
-    if (to_s - from_s >= ovl_chip_seconds() && needs_channels(recording, options.search)) {
+    if (needs_channels(recording, options.search, to_s - from_s)) {
         return decode_at_once(recording, options, from_s, to_s, taker);
     }
     const std::vector<BlockSpan> blocks = cut(recording, options, from_s, to_s);
@@ -215,40 +280,26 @@ void decode_recording(Recording& recording, const DecodingOptions& options, doub
     if (!merger.problem().empty()) throw IoError(merger.problem());
 }
 
-bool is_decoded_in_one_pass(const Recording& recording, const Search& search) {
-    return recording.seconds() >= ovl_chip_seconds() && needs_channels(recording, search);
-}
-
 std::size_t count_blocks(const Recording& recording, const DecodingOptions& options) {
     require_within("'" + recording.path() + "'", options.search, recording.rate());
-    return is_decoded_in_one_pass(recording, options.search) ? 1
-                                                             : cut(recording, options, 0, recording.seconds()).size();
+    const double seconds = recording.seconds();
+    if (!needs_channels(recording, options.search, seconds)) return cut(recording, options, 0, seconds).size();
+    return static_cast<std::size_t>(WideDecoder::steps_in(seconds));
 }
 
 void decode_blocks(Recording& recording, const DecodingOptions& options, std::size_t first, std::size_t end,
                    const std::function<bool(DecodedBlock block, std::size_t k)>& use) {
-    if (!is_decoded_in_one_pass(recording, options.search)) {
-        const auto blocks = cut(recording, options, 0, recording.seconds());
-        return decode_some(recording, options, blocks, first, end, use);
+    if (needs_channels(recording, options.search, recording.seconds())) {
+        return decode_steps(recording, options, first, end, count_blocks(recording, options), use);
     }
-    DecodedBlock all{.spots = std::vector<Found>(), .problem = ""};
-    const SpotTaker taker{.begin = [] {},
-                          .take = [&](const Found& spot) { all.spots->push_back(spot); },
-                          .progress = [](double, std::size_t) {},
-                          .go_on = [] { return true; }};
-    try {
-        decode_at_once(recording, options, 0, recording.seconds(), taker);
-    } catch (const IoError& error) {
-        all.problem = error.what();
-    }
-    use(std::move(all), 0);
+    decode_some(recording, options, cut(recording, options, 0, recording.seconds()), first, end, use);
 }
 
 void decode_piped(PipedRecording& recording, const DecodingOptions& options, const SpotTaker& taker) {
     require_within("'" + recording.path() + "'", options.search, recording.rate());
     while (recording.seconds() < ovl_chip_seconds() && recording.read_on()) {
     }
-    if (recording.seconds() >= ovl_chip_seconds() && needs_channels(recording, options.search)) {
+    if (needs_channels(recording, options.search, recording.seconds())) {
         const auto next = [&, at = int64_t{0}](Stretch& second) mutable {
             const int64_t end = at + recording.file_rate();
             const double end_s = static_cast<double>(end) / recording.file_rate();

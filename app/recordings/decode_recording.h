@@ -51,14 +51,12 @@ struct DecodedBlock {
     double until_s = HUGE_VAL;  // no later block changes what starts before
 };
 
-// Whether a recording is decoded in one pass, as a wide band is that is split into slices. It is then one block, whose
-// frames are as they are handed out.
-bool is_decoded_in_one_pass(const Recording& recording, const Search& search);
-
-// How many blocks decode_recording() cuts all of a recording into. Throws IoError when it holds nothing of the search.
+// How many blocks decode_recording() cuts all of a recording into, or steps where its band is split into slices. Throws
+// IoError when it holds nothing of the search.
 std::size_t count_blocks(const Recording& recording, const DecodingOptions& options);
 
-// Decodes some of these blocks, [first, end), and hands them out in order; use() returns false to end it early.
+// Decodes some of these blocks, [first, end), and hands them out in order; use() returns false to end it early. Reads
+// these only, and what they overlap.
 void decode_blocks(Recording& recording, const DecodingOptions& options, std::size_t first, std::size_t end,
                    const std::function<bool(DecodedBlock block, std::size_t k)>& use);
 

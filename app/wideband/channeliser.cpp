@@ -183,6 +183,17 @@ class Channeliser::Bank {
         slices_.push_back({static_cast<double>(bin) * rate_ / layout_.nfft, own_hz});
     }
 
+    // With the block that holds a sample of the slices.
+    Place begin_at(int64_t sample) {
+        const int64_t block = sample / layout_.out_hop;
+        if (block == 0) return {0, 0};
+        filled_ = 0;
+        received_ = block * layout_.hop - layout_.reach;
+        given_ = block * layout_.out_hop;
+        offset_ = received_ % layout_.nfft;
+        return {received_, given_};
+    }
+
     const Layout& layout() const { return layout_; }
     const std::vector<Slice>& slices() const { return slices_; }
 
@@ -398,6 +409,11 @@ int32_t Channeliser::slice_rate() const {
 
 const std::vector<Channeliser::Slice>& Channeliser::slices() const {
     return bank_->slices();
+}
+
+// What a converter gives depends on all that came before.
+Channeliser::Place Channeliser::begin_at(int64_t sample) {
+    return converter_ ? Place{0, 0} : bank_->begin_at(sample);
 }
 
 void Channeliser::push(std::span<const float> samples, const Sink& sink) {

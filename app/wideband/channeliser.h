@@ -50,6 +50,15 @@ class Channeliser {
     int32_t slice_rate() const;  // Hz, one that the decoder serves
     const std::vector<Slice>& slices() const;
 
+    // Begins in the middle of the input, with what comes out from there on the same to the bit. Before the first push.
+    //
+    //   sample   of the slices: with this one, or some blocks before it
+    // Returns where that is: the sample of the input to push first, and that of the slices which comes first.
+    struct Place {
+        int64_t input, slice;
+    };
+    Place begin_at(int64_t sample);
+
     // Samples of full scale 1, I and Q of a pair together; those that are not finite or beyond 2^31 count as silence.
     // The output does not depend on how the input is cut.
     void push(std::span<const float> samples, const Sink& sink);

@@ -23,12 +23,16 @@ int16_t rounded(float value) {
 
 }  // namespace
 
-SliceStore::SliceStore(std::size_t slices, int64_t capacity)
+SliceStore::SliceStore(std::size_t slices, int64_t capacity, int64_t first)
     : chunks_((capacity + CHUNK - 1) / CHUNK + 1),
       pairs_(std::make_unique_for_overwrite<Pair[]>(slices * static_cast<std::size_t>(chunks_ * CHUNK))),
       scales_(std::make_unique_for_overwrite<float[]>(slices * static_cast<std::size_t>(chunks_))),
       slices_(slices) {
-    for (Slice& slice : slices_) slice.begun.reserve(CHUNK);
+    for (Slice& slice : slices_) {
+        slice.begun.reserve(CHUNK);
+        slice.begun.resize(static_cast<std::size_t>(first % CHUNK));
+        slice.chunks = first / CHUNK;
+    }
 }
 
 void SliceStore::append(std::size_t slice, std::span<const std::complex<float>> samples) {

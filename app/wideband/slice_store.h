@@ -12,12 +12,14 @@ class SliceStore {
     static constexpr int64_t CHUNK = 512;  // samples
 
     // Holds `capacity` samples of each slice, and a little more. Throws std::bad_alloc.
-    SliceStore(std::size_t slices, int64_t capacity);
+    //
+    //   first   the number of the first sample that comes: chunks lie where they would had all before it come
+    SliceStore(std::size_t slices, int64_t capacity, int64_t first = 0);
 
     // The next samples of one slice; the oldest go. One thread.
     void append(std::size_t slice, std::span<const std::complex<float>> samples);
 
-    // Samples of a slice that were appended by whole chunks.
+    // The end of what was appended of a slice by whole chunks.
     int64_t stored(std::size_t slice) const { return slices_[slice].chunks * CHUNK; }
 
     // Samples that copy() serves when this many are stored: from the first on.

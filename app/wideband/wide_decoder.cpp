@@ -57,20 +57,25 @@ struct Step {
 
 class WideDecoder::Engine {
   public:
-    Engine(int32_t rate, const Search& search, const WideOptions& options, Taker take)
+    Engine(int32_t rate, const Search& search, const WideOptions& options, WidePart part, Taker take)
         : search_(search),
           live_(options.live),
           provisional_(options.provisional),
+          part_(std::move(part)),
           take_(std::move(take)),
           channeliser_(rate, search.iq, band_of(rate, search)),
           rate_(channeliser_.slice_rate()),
           tile_hz_(TILE_HZ + 0.5 * search.spread_hz),
           tile_rate_(tile_rate(rate_, search, tile_hz_)),
           look_times_(rate_, FLAT_HZ),
+          begin_(channeliser_.begin_at(first_of(part_.first) / SliceStore::CHUNK * SliceStore::CHUNK)),
           store_(channeliser_.slices().size(),
                  static_cast<int64_t>((static_cast<double>(BEFORE + STEP + AFTER) * LOOK_STEP_S +
                                        (options.live ? LIVE_SLACK_S : SLACK_S)) *
-                                      rate_)) {
+                                      rate_),
+                 begin_.slice),
+          received_(begin_.slice),
+          begun_(part_.first) {
         search_.wide = false;
         search_.iq = true;
         try {
@@ -93,11 +98,13 @@ class WideDecoder::Engine {
         channeliser_.finish(sink());
         for (std::size_t k = 0; k < slices(); k++) store_.complete(k);
         const int64_t windows = look_times_.windows_in(0, received_);
-        while (begun_ == 0 || begun_ * STEP + LOOK_RUN < windows) begin_step(true);
+        while (takes_more() && (begun_ == 0 || begun_ * STEP + LOOK_RUN < windows)) begin_step(true);
         deliver(true);
         release(HUGE_VAL);
     }
 
+    int64_t first_sample() const { return begin_.input; }
+    bool takes_more() const { return begun_ < part_.end; }
     double done_s() const { return done_s_; }
     std::string problem() const {
         const std::lock_guard guard(lock_);
@@ -130,7 +137,8 @@ class WideDecoder::Engine {
             store_.append(slice, samples);
             if (slice + 1 < slices()) return;
             received_ += static_cast<int64_t>(samples.size());
-            while (look_times_.windows_in(0, store_.stored(0)) >= (begun_ + 1) * STEP + AFTER) begin_step(false);
+            const int64_t windows = look_times_.windows_in(0, store_.stored(0));
+            while (takes_more() && windows >= (begun_ + 1) * STEP + AFTER) begin_step(false);
         };
     }
 
@@ -191,11 +199,25 @@ class WideDecoder::Engine {
                        "%.0f s",
                        skipped, step.found.size(), end_s - STEP * LOOK_STEP_S, end_s));
         }
+        done_s_ = end_s;
+        if (part_.take) {
+            part_.take(joined(step.found));
+        } else {
+            log_step(step);
+        }
+        guard.lock();
+    }
+
+    static std::vector<Found> joined(const std::vector<std::vector<Found>>& slices) {
+        std::vector<Found> all;
+        for (const auto& found : slices) all.insert(all.end(), found.begin(), found.end());
+        return all;
+    }
+
+    void log_step(const Step& step) {
         for (const auto& found : step.found) log_.add(found);
         if (provisional_) log_.show_new([this](const Found& spot) { take_(spot, Standing::PROVISIONAL); });
-        done_s_ = end_s;
-        release(end_s - UNDECIDED_S);
-        guard.lock();
+        release(decided_s(step.number + 1));
     }
 
     void release(double time) {
@@ -308,15 +330,17 @@ class WideDecoder::Engine {
     Search search_;
     bool live_;
     bool provisional_;
+    WidePart part_;
     Taker take_;
     Channeliser channeliser_;
     int32_t rate_;
     double tile_hz_;  // half-width of a decode
     int32_t tile_rate_;
     Look look_times_;  // of the thread that pushes
+    Channeliser::Place begin_;
     SliceStore store_;
-    int64_t received_ = 0;  // samples of each slice
-    int64_t begun_ = 0;     // steps
+    int64_t received_;  // samples of each slice, with those before a part
+    int64_t begun_;     // steps, with those before a part
     SpotLog log_{SpotLog::Order::START};
     double done_s_ = 0;
     double searched_ = 0;
@@ -331,8 +355,27 @@ class WideDecoder::Engine {
 };
 
 WideDecoder::WideDecoder(int32_t rate, const Search& search, const WideOptions& options, Taker take)
-    : engine_(std::make_unique<Engine>(rate, search, options, std::move(take))) {}
+    : engine_(std::make_unique<Engine>(rate, search, options, WidePart{}, std::move(take))) {}
+WideDecoder::WideDecoder(int32_t rate, const Search& search, const WideOptions& options, WidePart part)
+    : engine_(std::make_unique<Engine>(rate, search, options, std::move(part), Taker())) {}
 WideDecoder::~WideDecoder() = default;
+
+int64_t WideDecoder::steps_in(double seconds) {
+    const double windows = seconds / LOOK_STEP_S;
+    return std::max<int64_t>(1, static_cast<int64_t>(std::ceil((windows - LOOK_RUN) / STEP)));
+}
+
+double WideDecoder::decided_s(int64_t steps) {
+    return static_cast<double>(steps * STEP) * LOOK_STEP_S - UNDECIDED_S;
+}
+
+int64_t WideDecoder::first_sample() const {
+    return engine_->first_sample();
+}
+
+bool WideDecoder::takes_more() const {
+    return engine_->takes_more();
+}
 
 void WideDecoder::push(std::span<const float> samples) {
     engine_->push(samples);

@@ -5,9 +5,11 @@
 
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "decoding/search.h"
 #include "spots/found.h"
@@ -18,6 +20,13 @@ struct WideOptions {
     unsigned jobs = 1;         // threads that decode, besides the one that pushes
     bool live = false;         // samples do not wait: slices that are not searched in time are skipped, with a line
     bool provisional = false;  // frames are shown as soon as they are found, too
+};
+
+// Steps [first, end) of a search alone. Of each `take` gets what was found in it, in order: frames that others may have
+// found as well, for a SpotLog that takes those of all steps in turn and releases after each what is decided.
+struct WidePart {
+    int64_t first = 0, end = std::numeric_limits<int64_t>::max();
+    std::function<void(std::vector<Found>)> take;
 };
 
 // Memory is about 1.7 MB for each slice of 3.4 kHz, and some 14 MB for each job. One thread at a time.
@@ -33,7 +42,22 @@ class WideDecoder {
     // Throws UsageError as Channeliser does, IoError when the input holds nothing of the band, std::bad_alloc here and
     // in push() and finish().
     WideDecoder(int32_t rate, const Search& search, const WideOptions& options, Taker take);
+
+    // The same of a part, which is to the bit what the whole search finds in these steps.
+    WideDecoder(int32_t rate, const Search& search, const WideOptions& options, WidePart part);
     ~WideDecoder();
+
+    // The steps of so many seconds, or one more. Of too few for one it is one.
+    static int64_t steps_in(double seconds);
+
+    // Frames that start until then, s, are decided when so many steps were searched.
+    static double decided_s(int64_t steps);
+
+    // The sample to push first: 0 but for a part.
+    int64_t first_sample() const;
+
+    // Whether any more samples count: those of a part end where its last step does.
+    bool takes_more() const;
 
     // Samples of full scale 1; I, Q in turn where the search is of I/Q.
     void push(std::span<const float> samples);

@@ -133,8 +133,7 @@ TEST(ShardLines, KeepEveryBitOfAFind) {
 TEST(ShardLines, KeepWhatIsKnownOfARecording) {
     const std::vector<Take> takes = {
         {}, {12.5, 1772366400.25, Tuning{137500, Sideband::LOWER}}, {20, {}, Tuning{1, {}}}};
-    const RecordingHead sent{
-        .recording = 7, .file = "a \xff.wav", .blocks = 9, .one_pass = false, .coherent = true, .takes = takes};
+    const RecordingHead sent{.recording = 7, .file = "a \xff.wav", .blocks = 9, .coherent = true, .takes = takes};
     const RecordingHead read = reread(sent);
     EXPECT_EQ(read.file, sent.file);
     EXPECT_EQ(read.blocks, 9u);
@@ -266,6 +265,11 @@ class Archives : public TestWithFiles {
         return orvel(all);
     }
 
+    static std::string contents(const std::string& path) {
+        std::ifstream file(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
     // The file that a shard writes.
     std::string shard(const std::string& which, const Arguments& arguments) const {
         std::string name = "shard-" + which;
@@ -317,11 +321,34 @@ TEST_F(Archives, OfSigmfAndWideBandsInShardsAreWhatOneMachineFinds) {
     expect_same({"--wide", narrow, wide}, 3);
 }
 
+// Steps of 25.6 s, and frames over their borders. The second take comes after a gap.
+TEST_F(Archives, OfWideBandsAreDividedWithinARecording) {
+    Arguments stations = {"--iq", "--seconds=150"};
+    for (int32_t k = 0; k < 8; k++) {
+        stations.push_back("opera=K" + std::to_string(k) + "QRX,start=" + std::to_string(4 + 15 * k) +
+                           ",freq=" + std::to_string(-18000 + 4001 * k) + ",snr=-10");
+    }
+    stations.push_back("--rate=48000");
+    const std::string bytes = contents(simulated("w.wav", stations));
+    const std::string cut = write("cut.wav", bytes.substr(0, bytes.size() * 5 / 8));
+    stations.insert(stations.end(), {"--start=2026-03-01T12:00:00Z", "--dial=137500"});
+    const std::string meta = simulated("w.sigmf-meta", stations);
+    const std::string text = contents(meta);
+    const std::size_t at = text.find(R"("captures": [)");
+    ASSERT_NE(at, std::string::npos);
+    const std::size_t end = text.find(']', at);
+    write("w.sigmf-meta", text.substr(0, end) +
+                              R"(, {"core:sample_start": 4000000, "core:frequency": 475000,)"
+                              R"( "core:datetime": "2026-03-02T12:00:00Z"})" +
+                              text.substr(end));
+    const std::string tiny = simulated("tiny.wav", {"--iq", "--rate=48000", "--seconds=20"});
+    expect_same({"--iq", "--wide", meta, tiny, cut}, 12);
+}
+
 // What a file does not hold, or not any more, is told in the same way.
 TEST_F(Archives, WithDamagedRecordingsAreWhatOneMachineMakesOfThem) {
     const std::string whole = audio("a.wav", "3");
-    std::ifstream file(whole, std::ios::binary);
-    const std::string bytes{std::istreambuf_iterator<char>(file), {}};
+    const std::string bytes = contents(whole);
     const std::string cut = write("cut.wav", bytes.substr(0, bytes.size() / 2));
     const std::string tiny = write("tiny.wav", wave_file(1, 1, 8000, 16, std::string(100, '\0')));
     expect_same({cut, tiny, whole}, 4);
@@ -337,8 +364,7 @@ TEST_F(Archives, OfWhichAPartIsMissingAreNotMerged) {
     EXPECT_NE(half.err.find("is missing"), std::string::npos) << half.err;
     EXPECT_NE(half.err.find("shard 1/2 is missing or cut short"), std::string::npos) << half.err;
 
-    std::ifstream stream(first, std::ios::binary);
-    const std::string bytes{std::istreambuf_iterator<char>(stream), {}};
+    const std::string bytes = contents(first);
     for (std::size_t size = 1; size < bytes.size(); size += bytes.size() / 25 + 1) {
         const std::string cut = write("cut", bytes.substr(0, size));
         const ProcessResult some = merged({cut, second});
@@ -358,10 +384,7 @@ TEST_F(Archives, OfSeveralDivisionsAreMergedToo) {
     const Arguments files = {shard("2/3", {file}), shard("2/2", {file}), shard("1/2", {file}), shard("3/3", {file})};
     EXPECT_EQ(merged(files).out, decoded("--json", {file}).out);
     std::string together;
-    for (const std::string& name : files) {
-        std::ifstream stream(name, std::ios::binary);
-        together.append(std::istreambuf_iterator<char>(stream), {});
-    }
+    for (const std::string& name : files) together += contents(name);
     ProcessInput input;
     input.stdin_file = write("together", together);
     EXPECT_EQ(orvel({"merge", "-"}, input).out, decoded("--json", {file}).out);
@@ -435,6 +458,22 @@ class Urls : public Archives {
         return std::stoull(result.out);
     }
 
+    // That each third of a recording costs no more than such a share of it: a third, what parts overlap by, the header,
+    // and what is fetched ahead.
+    void expect_fetched_in_parts(const std::string& name, Arguments options, double most) const {
+        const auto size = static_cast<double>(std::filesystem::file_size(path(name)));
+        options.push_back(url("plain", name));
+        Arguments shards;
+        for (const char* const which : {"1/3", "2/3", "3/3"}) {
+            served();
+            shards.push_back(shard(which, options));
+            EXPECT_LT(static_cast<double>(served()), most * size) << name << ' ' << which;
+        }
+        const ProcessResult one = decoded("--json", options);
+        EXPECT_GE(lines_of(one.out).size(), 2u) << one.err;
+        EXPECT_EQ(merged(shards).out, one.out);
+    }
+
   private:
     RunningProcess server_;
     std::string port_;
@@ -501,16 +540,13 @@ TEST_F(Urls, OfRecordingsOfAllKindsAreDecodedAsTheirFiles) {
 
 TEST_F(Urls, InShardsAreFetchedOnlyWhereTheyAreDecoded) {
     audio("a.wav", "1");
-    const auto size = static_cast<double>(std::filesystem::file_size(path("a.wav")));
-    const std::string file = url("plain", "a.wav");
-    const ProcessResult one = decoded("--json", {file});
-    served();
-    const Arguments shards = {shard("1/3", {file}), shard("2/3", {file})};
-    served();
-    const std::string last = shard("3/3", {file});
-    const auto third = static_cast<double>(served());
-    EXPECT_LT(third, 0.75 * size) << "a third, the overlap of blocks, and the header";
-    EXPECT_EQ(merged({last, shards[0], shards[1]}).out, one.out);
+    expect_fetched_in_parts("a.wav", {}, 0.85);
+}
+
+TEST_F(Urls, OfWideBandsAreFetchedOnlyWhereTheyAreDecoded) {
+    simulated("w.wav", {"--iq", "--rate=28000", "--seconds=250", "opera=K2QRX,start=70,freq=-9000,snr=-8",
+                        "opera=W1AB,start=150,freq=9000,snr=-8"});
+    expect_fetched_in_parts("w.wav", {"--iq", "--wide"}, 0.75);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <complex>
 #include <cstdint>
@@ -19,6 +20,7 @@
 #include "ovpipe.h"
 #include "ovscan.h"
 #include "siggen.h"
+#include "spots/spot_log.h"
 #include "wideband/channeliser.h"
 #include "wideband/look.h"
 #include "wideband/slice_store.h"
@@ -235,6 +237,34 @@ TEST(ChanneliserSlices, ABasebandHasExactlyTheRateAskedFor) {
     }
 }
 
+TEST(ChanneliserSlices, BegunInTheMiddleAreTheSameToTheBit) {
+    for (const auto& [rate, iq] : {std::pair{48000, true}, {44100, true}, {64000, false}, {250000, true}}) {
+        const std::size_t width = iq ? 2 : 1;
+        const std::vector<float> samples = noise(width * 80000, 7);
+        const Range band = {iq ? -0.5 * rate : 0, 0.5 * rate};
+        Channeliser whole(rate, iq, band);
+        const Slices expected = split(whole, samples);
+        const auto last = static_cast<int64_t>(expected[0].size()) - 1;
+        for (const int64_t sample : {int64_t{0}, int64_t{1}, int64_t{255}, last / 3, last / 2, last}) {
+            Channeliser part(rate, iq, band);
+            const auto [input, slice] = part.begin_at(sample);
+            EXPECT_LE(slice, sample);
+            EXPECT_GT(slice, sample - 512);
+            const Slices found = split(part, std::span(samples).subspan(width * static_cast<std::size_t>(input)));
+            for (std::size_t k = 0; k < found.size(); k++) {
+                const std::vector<std::complex<float>> rest(expected[k].begin() + slice, expected[k].end());
+                EXPECT_EQ(found[k], rest) << rate << " Hz, from " << sample << ", slice " << k;
+            }
+        }
+    }
+}
+
+TEST(ChanneliserSlices, AConvertedRateBeginsNowhereElse) {
+    const auto [input, slice] = Channeliser(22051, true, {-10000, 10000}).begin_at(5000);
+    EXPECT_EQ(input, 0);
+    EXPECT_EQ(slice, 0);
+}
+
 TEST(ChanneliserSlices, AConvertedRateKeepsFrequenciesAndTimes) {
     constexpr int32_t RATE = 225001;
     const double freq = 60123.4;
@@ -324,6 +354,26 @@ TEST(SliceStore, GivesBackTheNewestSamplesOfEverySliceAlmostAsTheyCame) {
                           1e-4F * (slice == 0 ? 5.0F : 5e-6F * static_cast<float>(1 + piece)));
             }
         }
+    }
+}
+
+TEST(SliceStore, BegunInTheMiddleHoldsTheSameToTheBit) {
+    std::vector<std::complex<float>> samples;
+    Random random(4);
+    for (int32_t k = 0; k < 5000; k++) {
+        samples.emplace_back(static_cast<float>(random.normal()), static_cast<float>(random.normal()));
+    }
+    SliceStore whole(1, 5000);
+    whole.append(0, samples);
+    for (const int64_t first : {512, 513, 1000, 3000}) {
+        SliceStore part(1, 1000, first);
+        part.append(0, std::span(samples).subspan(static_cast<std::size_t>(first)));
+        EXPECT_EQ(part.stored(0), whole.stored(0));
+        std::vector<std::complex<float>> expected(900);
+        std::vector<std::complex<float>> back(900);
+        whole.copy(0, 3700, expected);
+        part.copy(0, 3700, back);
+        EXPECT_EQ(back, expected) << first;
     }
 }
 
@@ -540,6 +590,71 @@ std::vector<Found> decode(int32_t rate, std::span<const float> samples, const Se
     return found;
 }
 
+// Every bit of a find.
+std::string text_of(const Found& found) {
+    std::string text = std::string(found.call) + ' ' + found.locator;
+    for (const double value : {found.t, found.freq, found.snr, found.drift, found.z, found.score, found.gap,
+                               found.contrast, found.odds, found.off_excess}) {
+        text += ' ' + std::to_string(std::bit_cast<uint64_t>(value));
+    }
+    for (const int32_t value : {found.rank, found.shift, found.chips_ok, found.deep, found.protocol}) {
+        text += ' ' + std::to_string(value);
+    }
+    return text;
+}
+
+std::vector<std::string> texts_of(const std::vector<Found>& found) {
+    std::vector<std::string> texts;
+    for (const Found& spot : found) texts.push_back(text_of(spot));
+    return texts;
+}
+
+// What each of some steps finds, of samples of which only those that count are pushed.
+std::vector<std::vector<Found>> decode_steps(int32_t rate, std::span<const float> samples, const Search& search,
+                                             int64_t first, int64_t end) {
+    std::vector<std::vector<Found>> steps;
+    WideDecoder decoder(rate, search, {.jobs = 2},
+                        WidePart{first, end, [&](std::vector<Found> found) { steps.push_back(std::move(found)); }});
+    const std::size_t width = search.iq ? 2 : 1;
+    samples = samples.subspan(std::min(samples.size(), width * static_cast<std::size_t>(decoder.first_sample())));
+    while (!samples.empty() && decoder.takes_more()) {
+        const std::size_t n = std::min(width * 10007, samples.size());
+        decoder.push(samples.first(n));
+        samples = samples.subspan(n);
+    }
+    decoder.finish();
+    return steps;
+}
+
+// That however the steps are divided each finds the same, and that their log is what the whole search hands out.
+void expect_same_in_parts(int32_t rate, std::span<const float> samples, const Search& search) {
+    const double seconds = static_cast<double>(samples.size() / (search.iq ? 2 : 1)) / rate;
+    const int64_t most = WideDecoder::steps_in(seconds);
+    const auto whole = decode_steps(rate, samples, search, 0, most + 9);
+    const auto count = static_cast<int64_t>(whole.size());
+    EXPECT_LE(count, most) << seconds << " s";
+    EXPECT_GE(count + 1, most) << seconds << " s";
+    for (const int64_t length : {1, 2}) {
+        for (int64_t first = 0; first < most; first += length) {
+            const auto part = decode_steps(rate, samples, search, first, first + length);
+            ASSERT_EQ(std::ssize(part), std::clamp<int64_t>(count - first, 0, length)) << first;
+            for (std::size_t k = 0; k < part.size(); k++) {
+                const std::size_t step = static_cast<std::size_t>(first) + k;
+                EXPECT_EQ(texts_of(part[k]), texts_of(whole[step])) << "step " << step << " of " << count;
+            }
+        }
+    }
+    SpotLog log(SpotLog::Order::START);
+    std::vector<Found> logged;
+    const auto take = [&](const Found& spot, int32_t) { logged.push_back(spot); };
+    for (std::size_t k = 0; k < whole.size(); k++) {
+        log.add(whole[k]);
+        log.release(WideDecoder::decided_s(static_cast<int64_t>(k) + 1), take);
+    }
+    log.release(HUGE_VAL, take);
+    EXPECT_EQ(texts_of(logged), texts_of(decode(rate, samples, search)));
+}
+
 void expect_all(const std::vector<Found>& found, const std::vector<Sent>& all) {
     for (const Sent& sent : all) {
         const auto times = std::ranges::count_if(found, [&](const Found& spot) {
@@ -589,6 +704,31 @@ TEST_F(WideBand, EveryFrameIsFoundOnceInOrderOfTime) {
         EXPECT_EQ(again[k].freq, found[k].freq);
         EXPECT_EQ(again[k].snr, found[k].snr);
     }
+}
+
+TEST_F(WideBand, StepsApartFindToTheBitWhatOnePassDoes) {
+    const auto slices = Channeliser(RATE, true, {-0.5 * RATE, 0.5 * RATE}).slices();
+    const auto samples = on_air(RATE, 103, 5,
+                                {{OVL_OPERA, "VE7QHC", -3, -15800, -14},
+                                 {OVL_OPERA, "K2QRX", 20.3, slices[2].own_hz.low + 3, -16},
+                                 {OVL_OPERA, "OH3QKJ", 36.2, slices[3].own_hz.low + 18, -15},
+                                 {OVL_OPERA, "M0QYF", 75, 15900, -12}});
+    Search search = wide_search();
+    search.protocols = OVL_OPERA;
+    expect_same_in_parts(RATE, samples, search);
+    search.band = Range{-1000, 3000};
+    for (const double seconds : {1.0, 56.2, 82.0}) {  // a piece of a step, and where one more begins
+        SCOPED_TRACE(seconds);
+        expect_same_in_parts(RATE, std::span(samples).first(2 * static_cast<std::size_t>(seconds * RATE)), search);
+    }
+}
+
+TEST_F(WideBand, StepsOfRealSamplesApartFindToTheBitWhatOnePassDoes) {
+    const auto samples =
+        on_air(44100, 75, 7, {{OVL_OPERA, "K2QRX", 10, 700, -18}, {OVL_OPERA, "W1QAB", 30, 9000, -18}}, false);
+    Search search = wide_search(false);
+    search.protocols = OVL_OPERA;
+    expect_same_in_parts(44100, samples, search);
 }
 
 TEST_F(WideBand, AProvisionalFrameComesWhenItIsFoundAndAgainWhenItIsConfirmed) {
