@@ -12,6 +12,11 @@
 
 namespace {
 
+// Milliseconds of work, and one for what is not there.
+uint64_t weight_of(const RecordingSize& size, const DecodingOptions& decoding) {
+    return 1 + static_cast<uint64_t>(1000 * expected_work_s(size, decoding));
+}
+
 class ShardDecoder {
   public:
     using Write = std::function<bool(const std::string& line)>;
@@ -72,12 +77,18 @@ class ShardDecoder {
 }  // namespace
 
 bool decode_shard(const ShardJob& job, const std::function<bool(const std::string& line)>& write) {
+    std::vector<uint64_t> bytes;
     std::vector<uint64_t> weights;
+    bytes.reserve(job.files.size());
     weights.reserve(job.files.size());
-    for (const std::string& file : job.files) weights.push_back(weight_of(file));
+    for (const std::string& file : job.files) {
+        const RecordingSize size = size_in_archive(file, job.reading);
+        bytes.push_back(size.bytes);
+        weights.push_back(weight_of(size, job.decoding));
+    }
     const Division division(weights, job.shard.count);
     ShardDecoder decoder(job, division, write);
-    if (!write(shard_line(ShardHead{job.shard, fingerprint(job.files, weights, job.options), job.files.size()}))) {
+    if (!write(shard_line(ShardHead{job.shard, fingerprint(job.files, bytes, job.options), job.files.size()}))) {
         return false;
     }
     for (std::size_t k = 0; k < job.files.size(); k++) {

@@ -12,8 +12,7 @@
 struct ShardJob {
     Shard shard;
     std::vector<std::string> files;
-    // How a file is to be read. May throw IoError.
-    std::function<RecordingOptions(const std::string& file)> reading;
+    Reading reading;
     DecodingOptions decoding;
     std::string options;  // all that decides on what is found, as a text
 };

@@ -10,9 +10,8 @@
 
 #include "base/error.h"
 #include "base/text.h"
-#include "recordings/input_file.h"
+#include "recordings/open_recording.h"
 #include "recordings/piped_recording.h"
-#include "recordings/sigmf.h"
 #include "sources/source.h"
 #include "sources/url_file.h"
 
@@ -92,26 +91,25 @@ std::vector<std::string> expand_lists(const std::vector<std::string>& names) {
     return all;
 }
 
-uint64_t weight_of(const std::string& path) {
+RecordingSize size_in_archive(const std::string& path, const Reading& reading) {
     if (is_live_source(path) || is_pipe(path)) {
         throw UsageError("--shard: '" + path + "' comes only once, and is not a recording that several can read");
     }
     try {
-        return std::max<uint64_t>(1, is_sigmf(path) ? sigmf_bytes(path) : InputFile(path).size());
+        return size_of_recording(path, reading(path));
     } catch (const Unreachable&) {
         throw;  // others may know it
     } catch (const IoError&) {
-        return 1;  // whoever decodes it says why
+        return {};
     }
 }
 
-std::string fingerprint(std::span<const std::string> names, std::span<const uint64_t> weights,
-                        std::string_view options) {
+std::string fingerprint(std::span<const std::string> names, std::span<const uint64_t> bytes, std::string_view options) {
     Sum sum;
     sum.add(options);
     for (std::size_t k = 0; k < names.size(); k++) {
         sum.add(names[k]);
-        sum.add(std::to_string(weights[k]));
+        sum.add(std::to_string(bytes[k]));
     }
     return sum.text();
 }

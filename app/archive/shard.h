@@ -3,11 +3,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "recordings/recording.h"
 
 // One of so many parts, counted from 1.
 struct Shard {
@@ -26,14 +29,15 @@ std::string name_of(const Shard& shard);
 // # before a comment. Throws IoError when a list cannot be read.
 std::vector<std::string> expand_lists(const std::vector<std::string>& names);
 
-// Bytes that the samples of a recording take, which its decode takes time for: of its file, of SigMF those of its data.
-// 1 where that is not known. Throws UsageError for what comes only once, live or through a pipe, and Unreachable where
-// a server cannot be asked now.
-uint64_t weight_of(const std::string& path);
+// How a file is to be read. May throw IoError.
+using Reading = std::function<RecordingOptions(const std::string& file)>;
 
-// What a weight and a name of each recording and a text make a sum of: shards of one list have the same.
-std::string fingerprint(std::span<const std::string> names, std::span<const uint64_t> weights,
-                        std::string_view options);
+// The size of a recording of an archive; none of one that cannot be read, as whoever decodes it says. Throws UsageError
+// for what comes only once, live or through a pipe, and Unreachable where a server cannot be asked now.
+RecordingSize size_in_archive(const std::string& path, const Reading& reading);
+
+// What the bytes and a name of each recording and a text make a sum of: shards of one list have the same.
+std::string fingerprint(std::span<const std::string> names, std::span<const uint64_t> bytes, std::string_view options);
 
 // Blocks [first, end) of a recording.
 struct BlockRange {

@@ -26,6 +26,14 @@ constexpr double BLOCK_SAMPLES = 1.8e7;
 constexpr double WIDE_BAND_HZ = 24000;  // a wider search goes through the channeliser
 constexpr double BYTES_A_SAMPLE = 60;   // that a wide decode of I/Q takes
 
+// Work for a second of a recording, s, as it was measured with some stations on the air (scripts/archive-cost).
+constexpr double BLOCK_WORK_S = 3.9e-3;          // of a search by blocks,
+constexpr double SAMPLE_WORK_S = 9.2e-8;         // more for each sample,
+constexpr double BAND_WORK_S = 3.9e-7;           // and for each Hz of a band
+constexpr double CHANNELS_WORK_S = 1.1e-3;       // of a search in slices,
+constexpr double CHANNELS_BAND_WORK_S = 8.3e-8;  // and more for each Hz
+constexpr uint32_t USUAL_RATE = 12000;           // where headers do not tell, with 16 bits each
+
 // ---- Recording → blocks ---------------------------------------------------------------------------------------------
 
 double block_seconds(const DecodingOptions& options, int32_t rate) {
@@ -109,11 +117,15 @@ void decode_some(Recording& recording, const DecodingOptions& options, std::span
 
 // ---- Wide bands -----------------------------------------------------------------------------------------------------
 
-bool needs_channels(const Recording& recording, const Search& search, double seconds) {
-    const Range whole = whole_band(search.iq, recording.rate());
+double wide_hz(const Search& search, int32_t rate) {
+    const Range whole = whole_band(search.iq, rate);
     const Range band = search.band.value_or(whole);
-    return search.wide && seconds >= ovl_chip_seconds() && recording.rate() <= MOST_WIDE_RATE &&
-           std::min(band.high, whole.high) - std::max(band.low, whole.low) > WIDE_BAND_HZ;
+    return std::min(band.high, whole.high) - std::max(band.low, whole.low);
+}
+
+bool needs_channels(const Search& search, int32_t rate, double seconds) {
+    return search.wide && seconds >= ovl_chip_seconds() && rate <= MOST_WIDE_RATE &&
+           wide_hz(search, rate) > WIDE_BAND_HZ;
 }
 
 std::vector<float> interleaved(const Stretch& stretch) {
@@ -267,7 +279,7 @@ bool BlockMerger::add(DecodedBlock block) {
 void decode_recording(Recording& recording, const DecodingOptions& options, double from_s, double to_s,
                       const SpotTaker& taker) {
     require_within("'" + recording.path() + "'", options.search, recording.rate());
-    if (needs_channels(recording, options.search, to_s - from_s)) {
+    if (needs_channels(options.search, recording.rate(), to_s - from_s)) {
         return decode_at_once(recording, options, from_s, to_s, taker);
     }
     const std::vector<BlockSpan> blocks = cut(recording, options, from_s, to_s);
@@ -280,16 +292,33 @@ void decode_recording(Recording& recording, const DecodingOptions& options, doub
     if (!merger.problem().empty()) throw IoError(merger.problem());
 }
 
+double expected_work_s(const RecordingSize& size, const DecodingOptions& options) {
+    if (size.rate == 0) {
+        const double seconds = static_cast<double>(size.bytes) / (2 * USUAL_RATE);
+        return expected_work_s({.bytes = size.bytes, .rate = USUAL_RATE, .seconds = seconds, .iq = size.iq}, options);
+    }
+    Search search = options.search;
+    search.iq = size.iq;
+    const auto rate = static_cast<int32_t>(std::min(size.rate, uint32_t{INT32_MAX}));
+    const double band_hz = search.wide ? std::max(wide_hz(search, rate), 0.0) : 0;
+    if (needs_channels(search, rate, size.seconds)) {
+        return size.seconds * (CHANNELS_WORK_S + CHANNELS_BAND_WORK_S * band_hz);
+    }
+    const double block_s = block_seconds(options, rate);
+    const double times = size.seconds > block_s ? block_s / std::max(block_s - OVERLAP_S, 1.0) : 1;
+    return times * size.seconds * (BLOCK_WORK_S + SAMPLE_WORK_S * rate + BAND_WORK_S * band_hz);
+}
+
 std::size_t count_blocks(const Recording& recording, const DecodingOptions& options) {
     require_within("'" + recording.path() + "'", options.search, recording.rate());
     const double seconds = recording.seconds();
-    if (!needs_channels(recording, options.search, seconds)) return cut(recording, options, 0, seconds).size();
+    if (!needs_channels(options.search, recording.rate(), seconds)) return cut(recording, options, 0, seconds).size();
     return static_cast<std::size_t>(WideDecoder::steps_in(seconds));
 }
 
 void decode_blocks(Recording& recording, const DecodingOptions& options, std::size_t first, std::size_t end,
                    const std::function<bool(DecodedBlock block, std::size_t k)>& use) {
-    if (needs_channels(recording, options.search, recording.seconds())) {
+    if (needs_channels(options.search, recording.rate(), recording.seconds())) {
         return decode_steps(recording, options, first, end, count_blocks(recording, options), use);
     }
     decode_some(recording, options, cut(recording, options, 0, recording.seconds()), first, end, use);
@@ -299,7 +328,7 @@ void decode_piped(PipedRecording& recording, const DecodingOptions& options, con
     require_within("'" + recording.path() + "'", options.search, recording.rate());
     while (recording.seconds() < ovl_chip_seconds() && recording.read_on()) {
     }
-    if (needs_channels(recording, options.search, recording.seconds())) {
+    if (needs_channels(options.search, recording.rate(), recording.seconds())) {
         const auto next = [&, at = int64_t{0}](Stretch& second) mutable {
             const int64_t end = at + recording.file_rate();
             const double end_s = static_cast<double>(end) / recording.file_rate();

@@ -51,6 +51,9 @@ struct DecodedBlock {
     double until_s = HUGE_VAL;  // no later block changes what starts before
 };
 
+// Seconds that one core works for all of a recording, more or less.
+double expected_work_s(const RecordingSize& size, const DecodingOptions& options);
+
 // How many blocks decode_recording() cuts all of a recording into, or steps where its band is split into slices. Throws
 // IoError when it holds nothing of the search.
 std::size_t count_blocks(const Recording& recording, const DecodingOptions& options);

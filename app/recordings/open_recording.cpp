@@ -89,9 +89,12 @@ class Sound {
     SNDFILE* get() const { return file_.get(); }
     SF_INFO& info() { return info_; }
 
+    // Of the file, which is at that path.
+    uint64_t bytes(const std::string& path) const { return remote_ ? remote_->file.size() : InputFile(path).size(); }
+
     // Throws IoError when a read failed for another reason than the end.
     void require_source() const {
-        if (remote_ && !remote_->problem.empty()) throw IoError(std::exchange(remote_->problem, ""));
+        if (remote_ && remote_->problem) std::rethrow_exception(std::exchange(remote_->problem, nullptr));
     }
 
   private:
@@ -116,15 +119,15 @@ class Sound {
                 const auto got = static_cast<sf_count_t>(remote.file.read_at(static_cast<uint64_t>(remote.at), bytes));
                 remote.at += got;
                 return got;
-            } catch (const std::exception& error) {
-                remote.problem = error.what();
+            } catch (...) {
+                remote.problem = std::current_exception();
                 return 0;
             }
         }
 
         InputFile file;
         sf_count_t at = 0;
-        std::string problem;
+        std::exception_ptr problem;
     };
 
     std::unique_ptr<Remote> remote_;  // outlives the file that reads it
@@ -288,7 +291,27 @@ RecordingPtr open_file(const std::string& path, const RecordingOptions& options)
     throw IoError(is_container(path) ? reason : reason + RAW_HINT);
 }
 
+RecordingSize sound_size(const std::string& path, const RecordingOptions& options) {
+    Sound sound(path);
+    RecordingSize size{.bytes = sound.bytes(path), .iq = options.iq};
+    const SF_INFO& info = sound.info();
+    if (sound.get() == nullptr || info.samplerate < 1 || info.frames > UNKNOWN_FRAMES) return size;
+    size.rate = static_cast<uint32_t>(info.samplerate);
+    size.seconds = static_cast<double>(info.frames) / size.rate;
+    return size;
+}
+
 }  // namespace
+
+RecordingSize size_of_recording(const std::string& path, const RecordingOptions& options) {
+    const bool raw = options.raw || (!is_sigmf(path) && raw_kind_of(path));
+    RecordingSize size = raw              ? raw_size(path, options)
+                         : is_sigmf(path) ? sigmf_size(path, options)
+                                          : sound_size(path, options);
+    size.iq = size.iq || options.iq;
+    if (size.seconds > LONGEST_S) size.rate = 0;
+    return size;
+}
 
 std::unique_ptr<Recording> open_recording(const std::string& path, const RecordingOptions& options) {
     if (is_live_source(path) || is_pipe(path)) {

@@ -11,3 +11,7 @@
 // from a live source, is first kept on disk, up to its end. Throws IoError, whose text names the file and the reason,
 // when it cannot be used. A reader's warnings become lines on standard error.
 std::unique_ptr<Recording> open_recording(const std::string& path, const RecordingOptions& options);
+
+// The size of a recording that is a file, or behind a URL. Throws IoError when it cannot be read, Unreachable when that
+// may be another time.
+RecordingSize size_of_recording(const std::string& path, const RecordingOptions& options);

@@ -70,6 +70,11 @@ class RawRecording : public Recording {
 
 }  // namespace
 
+RecordingSize RawLayout::size_of(uint64_t bytes) const {
+    const double frames = static_cast<double>(bytes) / static_cast<double>(frame_bytes());
+    return {.bytes = bytes, .rate = rate, .seconds = rate > 0 ? frames / rate : 0, .iq = iq};
+}
+
 std::unique_ptr<Recording> open_samples(const std::string& path, const std::string& data,
                                         const RecordingOptions& options, RawLayout layout) {
     RecordingOptions how = options;
@@ -99,6 +104,10 @@ RawLayout raw_layout(const std::string& path, const RecordingOptions& options) {
     if (!options.raw_rate) refuse_recording(path, "it holds bare samples, whose rate only --rate tells");
     layout.rate = *options.raw_rate;
     return layout;
+}
+
+RecordingSize raw_size(const std::string& path, const RecordingOptions& options) {
+    return raw_layout(path, options).size_of(InputFile(path).size());
 }
 
 std::unique_ptr<Recording> open_raw(const std::string& path, const RecordingOptions& options) {

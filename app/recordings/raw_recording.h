@@ -24,6 +24,9 @@ struct RawLayout {
     std::vector<SampleRun> runs;
     std::vector<Take> takes;
 
+    // Of so many bytes. The layout's rate may still be 0.
+    RecordingSize size_of(uint64_t bytes) const;
+
     std::size_t frame_bytes() const { return format.bytes * static_cast<std::size_t>(channels); }
 };
 
@@ -45,3 +48,6 @@ RawLayout raw_layout(const std::string& path, const RecordingOptions& options);
 
 // Opens a file of bare samples as the options say, or else its name. Throws IoError.
 std::unique_ptr<Recording> open_raw(const std::string& path, const RecordingOptions& options);
+
+// Its size. Throws IoError.
+RecordingSize raw_size(const std::string& path, const RecordingOptions& options);

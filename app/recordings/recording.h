@@ -21,6 +21,14 @@ struct Stretch {
 // Of a block to read at once: it may be a quarter longer, and the decoder counts samples in 32 bits.
 inline constexpr double MOST_BLOCK_SAMPLES = 1.5e9;
 
+// What the headers of a recording say.
+struct RecordingSize {
+    uint64_t bytes = 0;  // of its samples, or of all of its file
+    uint32_t rate = 0;   // Hz; 0 where headers do not tell how long it is
+    double seconds = 0;
+    bool iq = false;
+};
+
 // How a file is to be read.
 struct RecordingOptions {
     bool iq = false;

@@ -257,6 +257,15 @@ uint32_t rate_of(const std::string& path, const SigmfMetadata& metadata, const R
     return static_cast<uint32_t>(rounded);
 }
 
+// The layout of the samples but for their rate and where they lie.
+RawLayout layout_of(const SigmfMetadata& metadata) {
+    RawLayout layout;
+    layout.format = metadata.format;
+    layout.iq = metadata.iq;
+    layout.channels = metadata.channels * (metadata.iq ? 2 : 1);
+    return layout;
+}
+
 // Metadata of a recording that has a name.
 SigmfMetadata parse_named(const std::string& path, std::string_view json) {
     try {
@@ -286,9 +295,13 @@ std::string sigmf_metadata(const std::string& path) {
     return read_source(path).json;
 }
 
-uint64_t sigmf_bytes(const std::string& path) {
+RecordingSize sigmf_size(const std::string& path, const RecordingOptions& options) {
     const Source source = read_source(path);
-    return (source.data ? *source.data : data_of(path, parse_named(path, source.json))).size;
+    const SigmfMetadata metadata = parse_named(path, source.json);
+    RawLayout layout = layout_of(metadata);
+    const double rate = options.raw_rate ? *options.raw_rate : std::round(metadata.rate.value_or(0));
+    if (rate <= MOST_RAW_RATE) layout.rate = static_cast<uint32_t>(rate);
+    return layout.size_of((source.data ? *source.data : data_of(path, metadata)).size);
 }
 
 std::unique_ptr<Recording> open_sigmf(const std::string& path, const RecordingOptions& options) {
@@ -299,10 +312,7 @@ std::unique_ptr<Recording> open_sigmf(const std::string& path, const RecordingOp
     if (metadata.metadata_only) refuse_recording(path, "it is metadata only, without samples");
     if (!source.data && lower_case(path).ends_with(ARCHIVE)) refuse_recording(path, "it holds no .sigmf-data");
     const Stored data = source.data ? *source.data : data_of(path, metadata);
-    RawLayout layout;
-    layout.format = metadata.format;
-    layout.iq = metadata.iq;
-    layout.channels = metadata.channels * (metadata.iq ? 2 : 1);
+    RawLayout layout = layout_of(metadata);
     layout.rate = rate_of(path, metadata, options);
     lay_out(path, metadata, data, layout);
     return open_samples(path, data.path, options, std::move(layout));

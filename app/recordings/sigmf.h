@@ -26,8 +26,8 @@ std::unique_ptr<Recording> open_sigmf(const std::string& path, const RecordingOp
 // The metadata of a recording, as it stands in its file. Throws IoError.
 std::string sigmf_metadata(const std::string& path);
 
-// The bytes of its data. Throws IoError.
-uint64_t sigmf_bytes(const std::string& path);
+// The size of its data. Throws IoError.
+RecordingSize sigmf_size(const std::string& path, const RecordingOptions& options);
 
 // ---- Metadata -------------------------------------------------------------------------------------------------------
 

@@ -13,8 +13,10 @@
 #include <limits>
 #include <numeric>
 #include <random>
+#include <set>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -26,6 +28,7 @@
 #include "command.h"
 #include "liborvel.h"
 #include "process.h"
+#include "recordings/decode_recording.h"
 #include "sources/url_file.h"
 
 namespace {
@@ -67,6 +70,33 @@ TEST(Shards, HoldEachBlockOnceAndEndTogether) {
         }
         for (const auto& recording : holders) EXPECT_EQ(recording, std::vector<int32_t>(count, 1));
     }
+}
+
+// Of what headers tell nothing, bytes are as good as anything.
+TEST(Shards, WeighWorkRatherThanBytes) {
+    DecodingOptions wide;
+    wide.search.wide = true;
+    const RecordingSize audio = {.bytes = 86'400'000, .rate = 12000, .seconds = 3600, .iq = false};
+    const RecordingSize iq = {.bytes = 2'764'800'000, .rate = 192000, .seconds = 3600, .iq = true};
+    RecordingSize packed = audio;
+    packed.bytes /= 2;
+    for (const DecodingOptions& options : {DecodingOptions(), wide}) {
+        const double work = expected_work_s(audio, options);
+        EXPECT_GT(work, 5);
+        EXPECT_LT(work, 200);
+        EXPECT_EQ(expected_work_s(packed, options), work);
+        EXPECT_GT(expected_work_s(iq, options), work);
+        EXPECT_LT(expected_work_s(iq, options), 8 * work) << "of 32 times the bytes";
+        for (RecordingSize size : {audio, iq}) {
+            const double one = expected_work_s(size, options);
+            size.seconds *= 3;
+            EXPECT_NEAR(expected_work_s(size, options), 3 * one, 1e-9 * one);
+        }
+        EXPECT_EQ(expected_work_s({.bytes = audio.bytes}, options), work);
+        EXPECT_EQ(expected_work_s({}, options), 0);
+        EXPECT_GT(expected_work_s({.rate = UINT32_MAX, .seconds = 4e7, .iq = true}, options), 0);
+    }
+    EXPECT_GT(expected_work_s(audio, wide), expected_work_s(audio, {}));
 }
 
 // ---- Lines ----------------------------------------------------------------------------------------------------------
@@ -303,6 +333,41 @@ TEST_F(Archives, InShardsAreWhatOneMachineFindsInThem) {
     const std::string list = write("all.list", "# what there is\n" + audio("a.wav", "1") + "\r\n\n  " +
                                                    path("none.wav") + "\n" + audio("b.flac", "2") + "\n");
     expect_same({list}, 6);
+}
+
+// Samples take as long however they are stored.
+TEST_F(Archives, OfSeveralKindsAreDividedByTheWorkThatTheyTake) {
+    const std::string wave = simulated("a.wav", {"--rate=4000", "--seconds=200", "--format=float"});
+    const std::string flac = audio("a.flac", "1");
+    ASSERT_LT(2 * std::filesystem::file_size(flac), std::filesystem::file_size(wave));
+    for (const char* const which : {"1/2", "2/2"}) {
+        std::set<std::size_t> held;
+        for (const std::string& text : lines_of(contents(shard(which, {wave, flac})))) {
+            const auto line = parse_shard_line(text);
+            if (line && std::holds_alternative<RecordingHead>(*line))
+                held.insert(std::get<RecordingHead>(*line).recording);
+        }
+        EXPECT_EQ(held, std::set<std::size_t>{which[0] == '1' ? 0U : 1U}) << which;
+    }
+}
+
+TEST_F(Archives, TellTheirSizeByTheirHeaders) {
+    const auto size_of = [](const std::string& name, const RecordingOptions& options = {}) {
+        const RecordingSize size = size_in_archive(name, [&](const std::string&) { return options; });
+        return std::tuple(size.bytes, size.rate, size.seconds, size.iq);
+    };
+    const Arguments iq = {"--iq", "--rate=8000", "--seconds=3"};
+    const std::string wave = simulated("q.wav", iq);
+    const std::string flac = simulated("q.flac", iq);
+    simulated("q.sigmf-data", iq);
+    EXPECT_EQ(size_of(wave), std::tuple(96044, 8000, 3, false));
+    EXPECT_EQ(size_of(wave, {.iq = true}), std::tuple(96044, 8000, 3, true));
+    EXPECT_EQ(size_of(flac), std::tuple(std::filesystem::file_size(flac), 8000, 3, false));
+    EXPECT_EQ(size_of(path("q.sigmf-meta")), std::tuple(96000, 8000, 3, true));
+    EXPECT_EQ(size_of(simulated("q.sigmf", iq)), std::tuple(96000, 8000, 3, true));
+    EXPECT_EQ(size_of(write("q.cu8", std::string(4000, 'x')), {.raw_rate = 1000}), std::tuple(4000, 1000, 2, true));
+    EXPECT_EQ(size_of(write("q.bin", "no recording")), std::tuple(12, 0, 0, false));
+    EXPECT_EQ(size_of(path("none.wav")), std::tuple(0, 0, 0, false));
 }
 
 TEST_F(Archives, OfIqInShardsAreWhatOneMachineFinds) {
