@@ -841,6 +841,16 @@ TEST_F(RecordingsCommand, AWideReceiversBandIsDecodedInSlices) {
     EXPECT_EQ(decoded({"--iq", "--wide", "--min-z", "1e9", OPERA, file}), Spots());
 }
 
+// A piece must not lose a part of a sample: the times of all that follow would be off.
+TEST_F(RecordingsCommand, AWideBandThatIsConvertedKeepsItsFrequencies) {
+    const Scene band = scene(48011, 36, {opera("G4QZB", 2, 20000, -10)});
+    const std::string file =
+        write_sound(path("odd.w64"), SF_FORMAT_W64 | SF_FORMAT_PCM_16, stereo(48011, render_iq(band)));
+    const Spots spots = objects_of(run_json("decode", {"--iq", "--wide", OPERA, file}));
+    ASSERT_EQ(spots.size(), 1U);
+    EXPECT_NEAR(number(spots[0], "freq_hz"), 20000, 0.1);
+}
+
 // ---- orvel scan -----------------------------------------------------------------------------------------------------
 
 bool lists(const Spots& hits, double freq_hz) {

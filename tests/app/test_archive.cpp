@@ -393,9 +393,10 @@ TEST_F(Archives, OfWideBandsAreDividedWithinARecording) {
         stations.push_back("opera=K" + std::to_string(k) + "QRX,start=" + std::to_string(4 + 15 * k) +
                            ",freq=" + std::to_string(-18000 + 4001 * k) + ",snr=-10");
     }
-    stations.push_back("--rate=48000");
+    stations.push_back("--rate=48011");  // is converted
     const std::string bytes = contents(simulated("w.wav", stations));
     const std::string cut = write("cut.wav", bytes.substr(0, bytes.size() * 5 / 8));
+    stations.back() = "--rate=48000";
     stations.insert(stations.end(), {"--start=2026-03-01T12:00:00Z", "--dial=137500"});
     const std::string meta = simulated("w.sigmf-meta", stations);
     const std::string text = contents(meta);
