@@ -2,21 +2,16 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cmath>
-#include <cstring>
-#include <fstream>
 #include <optional>
 
 #include "base/callsign.h"
-#include "base/error.h"
 #include "base/text.h"
 #include "liborvel.h"
 
 namespace {
 
 constexpr double DAY_MINUTES = 1440;
-constexpr std::size_t MOST_BYTES = 1 << 20;  // of a file
 
 constexpr std::array STATION_KEYS = {Key{"callsign", Kind::TEXT, true}, Key{"locator", Kind::TEXT, true},
                                      Key{"antenna", Kind::TEXT}};
@@ -219,20 +214,6 @@ class Reader {
     std::vector<Mistake>& mistakes_;
 };
 
-std::string read_file(const std::string& path) {
-    errno = 0;
-    std::ifstream file(path, std::ios::binary);
-    std::string text(MOST_BYTES + 1, '\0');
-    file.read(text.data(), static_cast<std::streamsize>(text.size()));
-    if (!file.eof()) {
-        const bool too_large = static_cast<std::size_t>(file.gcount()) == text.size();
-        throw IoError("cannot read '" + path +
-                      "': " + (too_large ? "it is too large" : std::strerror(errno != 0 ? errno : EIO)));
-    }
-    text.resize(static_cast<std::size_t>(file.gcount()));
-    return text;
-}
-
 }  // namespace
 
 bool Hours::contain(double utc) const {
@@ -242,14 +223,9 @@ bool Hours::contain(double utc) const {
 }
 
 Config read_config(const std::string& path, std::span<const OutputKind> kinds, std::vector<Mistake>& mistakes) {
-    const std::string text = read_file(path);
-    try {
-        const toml::table file = toml::parse(text, path);
-        Config config = Reader(file, kinds, mistakes).read();
-        std::ranges::stable_sort(mistakes, {}, [](const Mistake& mistake) { return mistake.line; });
-        return config;
-    } catch (const toml::parse_error& error) {
-        mistakes.push_back({error.source().begin.line, error.source().begin.column, std::string(error.description())});
-        return {};
-    }
+    const auto file = parse_file(path, mistakes);
+    if (!file) return {};
+    Config config = Reader(*file, kinds, mistakes).read();
+    std::ranges::stable_sort(mistakes, {}, [](const Mistake& mistake) { return mistake.line; });
+    return config;
 }

@@ -1,16 +1,20 @@
 #include "config/values.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <fstream>
 #include <optional>
 #include <utility>
 
+#include "base/error.h"
 #include "base/text.h"
 
 namespace {
 
 constexpr std::string_view FILE_SUFFIX = "_file";
+constexpr std::size_t MOST_BYTES = 1 << 20;  // of a file
 
 const Key* find_key(std::span<const Key> keys, std::string_view name) {
     const auto found = std::ranges::find_if(keys, [&](const Key& key) {
@@ -85,7 +89,31 @@ Read read_value(const toml::node& node, const Key& key, std::string_view name) {
     return read_as(first_line(*text), ("cannot be read from '" + *text + "'").c_str());
 }
 
+std::string read_file(const std::string& path) {
+    errno = 0;
+    std::ifstream file(path, std::ios::binary);
+    std::string text(MOST_BYTES + 1, '\0');
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    if (!file.eof()) {
+        const bool too_large = static_cast<std::size_t>(file.gcount()) == text.size();
+        throw IoError("cannot read '" + path +
+                      "': " + (too_large ? "it is too large" : std::strerror(errno != 0 ? errno : EIO)));
+    }
+    text.resize(static_cast<std::size_t>(file.gcount()));
+    return text;
+}
+
 }  // namespace
+
+std::optional<toml::table> parse_file(const std::string& path, std::vector<Mistake>& mistakes) {
+    const std::string text = read_file(path);
+    try {
+        return toml::parse(text, path);
+    } catch (const toml::parse_error& error) {
+        mistakes.push_back({error.source().begin.line, error.source().begin.column, std::string(error.description())});
+        return std::nullopt;
+    }
+}
 
 void note(const toml::node& node, const std::string& text, std::vector<Mistake>& mistakes) {
     mistakes.push_back({node.source().begin.line, node.source().begin.column, text});

@@ -5,6 +5,7 @@
 #include <toml++/toml.h>
 #include <limits>
 #include <map>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -53,6 +54,9 @@ class Values {
 // `where` names the table in mistakes. Names that are not among the keys are mistakes.
 Values read_values(const toml::table& table, std::span<const Key> keys, const std::string& where,
                    std::vector<Mistake>& mistakes);
+
+// A file of tables; nothing, with a mistake noted, when it is none. Throws IoError when it cannot be read.
+std::optional<toml::table> parse_file(const std::string& path, std::vector<Mistake>& mistakes);
 
 // Notes a mistake at a place of the file.
 void note(const toml::node& node, const std::string& text, std::vector<Mistake>& mistakes);

@@ -1,4 +1,5 @@
-// MQTT 5. A spot has arrived when the broker has acknowledged it (QoS 1).
+// MQTT 5. A spot has arrived when the broker has acknowledged it (QoS 1) or, with confirm = "collector", when a
+// collector has stored it.
 //
 //     PREFIX/STATION/RECEIVER/spot    each spot, not retained
 //     PREFIX/STATION/status           "online"; "offline" is the last will; retained
@@ -6,15 +7,13 @@
 //     PREFIX/STATION/RECEIVER/state   how the receiver does, each minute; retained
 //     PREFIX/STATION/last             the last spot of all receivers, retained
 //     PREFIX/STATION/total            the number of the last spot, retained
+//     PREFIX/STATION/stored           a collector's mark, retained
 //     DISCOVERY/device/ID/config      what Home Assistant shows; again when it says in DISCOVERY/status that it is new
-#include <mosquitto.h>
-#include <mqtt_protocol.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <string_view>
@@ -25,85 +24,87 @@
 #include "base/error.h"
 #include "base/interrupts.h"
 #include "base/json.h"
+#include "base/text.h"
 #include "base/utc.h"
+#include "mqtt/mqtt_client.h"
+#include "network/messages.h"
 #include "outputs/types.h"
 
 namespace {
 
-constexpr double PORT = 1883;
-constexpr double TLS_PORT = 8883;
-constexpr int KEEP_ALIVE_S = 30;
 constexpr int LOOP_MS = 100;
-constexpr double CONNECT_S = 15;
 constexpr double CONFIRM_S = 10;  // for what is on its way
 constexpr int EXPIRE_S = 180;     // a receiver's state
-constexpr int QOS = 1;
 
-void require_library() {
-    static std::once_flag once;
-    std::call_once(once, [] { mosquitto_lib_init(); });
-}
+constexpr std::string_view BROKER = "broker";
+constexpr std::string_view COLLECTOR = "collector";
 
 class MqttOutput : public Output {
   public:
     MqttOutput(const Values& values, Keeper keeper)
-        : host_(values.text("host")),
-          port_(static_cast<int>(values.number("port", values.has("ca_file") ? TLS_PORT : PORT))),
-          base_(values.text("prefix", "orvel") + "/" + topic_word(keeper.callsign)),
+        : base_(values.text("prefix", "orvel") + "/" + topic_word(keeper.callsign)),
           discovery_(values.text("discovery")),
           keeper_(std::move(keeper)),
-          values_(values) {
-        require_library();
-        client_ = make_client(values_.text("client_id", "orvel-" + topic_word(keeper_.callsign)));
-        const std::string offline = "offline";
-        mosquitto_will_set_v5(client_.get(), topic("status").c_str(), static_cast<int>(offline.size()), offline.data(),
-                              QOS, true, nullptr);
+          values_(values),
+          waits_for_collector_(values.text("confirm") == COLLECTOR),
+          client_(values,
+                  {.id = values.text("client_id", "orvel-" + topic_word(keeper_.callsign)),
+                   .will = MqttClient::Will{topic("status"), "offline"}},
+                  [this](std::string_view from, std::string_view text) { take_message(from, text); }) {
+        const std::string confirm = values.text("confirm", std::string(BROKER));
+        if (confirm != BROKER && confirm != COLLECTOR) {
+            throw UsageError("mqtt: confirm is \"broker\" or \"collector\"");
+        }
     }
     MqttOutput(const MqttOutput&) = delete;
     MqttOutput& operator=(const MqttOutput&) = delete;
     ~MqttOutput() override {
-        if (!connected_) return;
+        if (!client_.connected()) return;
         try {
             publish(topic("status"), "offline", true);
-            const double end = monotonic_now() + 1;
-            while (unconfirmed() && monotonic_now() < end) loop();
+            client_.settle(1);
         } catch (const IoError&) {  // its last will says the same
         }
-        mosquitto_disconnect(client_.get());
-        mosquitto_loop(client_.get(), LOOP_MS, 1);
+        client_.disconnect();
+    }
+
+    // Where the collector is. It may have less than before, when its database is an older one; and the store may be an
+    // older one than it knows, whose numbers mean other spots.
+    int64_t resume(Store& store, const std::string& output, int64_t position) override {
+        if (!waits_for_collector_) return position;
+        if (epoch_.empty()) epoch_ = store.epoch(output);
+        if (mark_ && mark_->epoch != epoch_) mark_.reset();
+        if (mark_ && (confirmed_ < 0 || mark_->number > position) && !store.may_hold(mark_->number, mark_->id)) {
+            print_error(
+                "output '" + output + "': the collector knows other spots under these numbers: all are sent again",
+                Level::WARNING);
+            epoch_ = store.renew_epoch(output);
+            mark_.reset();
+        }
+        const int64_t before = std::exchange(confirmed_, mark_ ? mark_->number : std::max(confirmed_, position));
+        if (!mark_) return position;
+        again_ = mark_->again;
+        if (before < 0) return mark_->number;
+        if (mark_->number >= before) return std::max(position, mark_->number);
+        print_error(format("output '%s': the collector has spots up to number %lld only: those after it are sent again",
+                           output.c_str(), static_cast<long long>(mark_->number)),
+                    Level::NOTICE);
+        return mark_->number;
     }
 
     std::size_t send(std::span<const StoredSpot> spots) override {
         connect();
-        confirmed_.clear();
-        std::vector<int> messages;
-        messages.reserve(spots.size());
-        std::map<std::string, const StoredSpot*> last;
-        for (const StoredSpot& stored : spots) {
-            const std::string& receiver = stored.spot.receiver;
-            messages.push_back(publish(topic(topic_word(receiver) + "/spot"), stored_line(stored, keeper_), false));
-            last[receiver] = &stored;
-        }
-        for (const auto& [receiver, stored] : last) {
-            show(receiver);
-            publish(topic(topic_word(receiver) + "/last"), stored_line(*stored, keeper_), true);
-        }
-        if (!spots.empty()) {
-            publish(topic("last"), stored_line(spots.back(), keeper_), true);
-            publish(topic("total"), std::to_string(spots.back().number), true);
-        }
-        const double end = monotonic_now() + CONFIRM_S;
-        while (unconfirmed() && monotonic_now() < end) loop();
-        const auto missing = std::ranges::find_if(messages, [&](int message) { return !confirmed_[message]; });
-        if (missing == messages.begin() && !messages.empty()) throw IoError("'" + host_ + "' does not confirm");
-        return static_cast<std::size_t>(missing - messages.begin());
+        client_.forget();
+        const std::vector<int> messages = publish_spots(spots);
+        publish_last(spots);
+        return waits_for_collector_ ? stored_of(spots) : acknowledged_of(messages);
     }
 
     // Under another name: two clients of one name push each other out.
     void check() override {
-        client_ = make_client("orvel-doctor-" + std::to_string(getpid()));
-        reach();
-        mosquitto_disconnect(client_.get());
+        MqttClient doctor(values_, {.id = "orvel-doctor-" + std::to_string(getpid())}, {});
+        doctor.connect();
+        doctor.disconnect();
     }
 
     bool wants_minutes() const override { return true; }
@@ -124,90 +125,87 @@ class MqttOutput : public Output {
 
     void tick() override {
         connect();
-        loop();
+        client_.loop(waits_for_collector_ ? 0 : LOOP_MS);
         if (std::exchange(is_asked_, false)) discover();
     }
 
   private:
-    struct Destroy {
-        void operator()(mosquitto* client) const noexcept { mosquitto_destroy(client); }
-    };
-
-    using Client = std::unique_ptr<mosquitto, Destroy>;
-
-    Client make_client(const std::string& id) {
-        Client client(mosquitto_new(id.c_str(), true, this));
-        if (!client) throw UsageError("mqtt: a client cannot be made as '" + id + "'");
-        mosquitto_int_option(client.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
-        if (values_.has("user")) {
-            const std::string password = values_.text("password");
-            require(mosquitto_username_pw_set(client.get(), values_.text("user").c_str(), password.c_str()), "mqtt");
-        }
-        if (values_.has("ca_file")) {
-            require(
-                mosquitto_tls_set(client.get(), values_.text("ca_file").c_str(), nullptr, nullptr, nullptr, nullptr),
-                "mqtt: ca_file");
-        }
-        mosquitto_connect_v5_callback_set(client.get(),
-                                          [](mosquitto*, void* self, int code, int, const mosquitto_property*) {
-                                              static_cast<MqttOutput*>(self)->answer_ = code;
-                                          });
-        mosquitto_disconnect_v5_callback_set(client.get(), [](mosquitto*, void* self, int, const mosquitto_property*) {
-            static_cast<MqttOutput*>(self)->connected_ = false;
-        });
-        mosquitto_message_v5_callback_set(
-            client.get(), [](mosquitto*, void* self, const mosquitto_message* message, const mosquitto_property*) {
-                const std::string_view text(static_cast<const char*>(message->payload),
-                                            static_cast<std::size_t>(message->payloadlen));
-                static_cast<MqttOutput*>(self)->is_asked_ = text == "online";
-            });
-        mosquitto_publish_v5_callback_set(client.get(),
-                                          [](mosquitto*, void* self, int message, int code, const mosquitto_property*) {
-                                              auto& confirmed = static_cast<MqttOutput*>(self)->confirmed_;
-                                              if (const auto found = confirmed.find(message); found != confirmed.end())
-                                                  found->second = code < 128;
-                                          });
-        return client;
-    }
-
-    // Slashes and wildcards would make other topics.
-    static std::string topic_word(std::string text) {
-        std::ranges::replace_if(
-            text, [](char c) { return c == '/' || c == '+' || c == '#' || c == '\0'; }, '-');
-        return text;
-    }
     std::string topic(const std::string& rest) const { return base_ + "/" + rest; }
 
-    void require(int result, const std::string& what) const {
-        if (result == MOSQ_ERR_SUCCESS) return;
-        throw UsageError(what + ": " + mosquitto_strerror(result));
-    }
-
-    [[noreturn]] void fail(const std::string& reason) {
-        connected_ = false;
-        throw IoError("'" + host_ + "': " + reason);
-    }
-
-    void reach() {
-        answer_ = -1;
-        int result = mosquitto_connect_bind_v5(client_.get(), host_.c_str(), port_, KEEP_ALIVE_S, nullptr, nullptr);
-        const double end = monotonic_now() + CONNECT_S;
-        while (result == MOSQ_ERR_SUCCESS && answer_ < 0 && monotonic_now() < end) {
-            result = mosquitto_loop(client_.get(), LOOP_MS, 1);
+    void take_message(std::string_view from, std::string_view text) {
+        if (from == discovery_ + "/status") {
+            is_asked_ = text == "online";
+        } else if (const auto mark = read_mark(text); mark && (epoch_.empty() || mark->epoch == epoch_)) {
+            mark_ = *mark;
         }
-        if (result != MOSQ_ERR_SUCCESS) fail(mosquitto_strerror(result));
-        if (answer_ < 0) fail("no answer");
-        if (answer_ > 0) fail(mosquitto_reason_string(answer_));
     }
 
     void connect() {
-        if (connected_) return;
-        reach();
-        connected_ = true;
+        if (client_.connected()) return;
+        client_.connect();
+        if (waits_for_collector_) client_.subscribe(topic("stored"));
         publish(topic("status"), "online", true);
+        // Its confirmation comes after the mark that the broker keeps.
+        if (waits_for_collector_) client_.settle(CONFIRM_S);
         if (discovery_.empty()) return;
-        mosquitto_subscribe_v5(client_.get(), nullptr, (discovery_ + "/status").c_str(), QOS, 0, nullptr);
+        client_.subscribe(discovery_ + "/status");
         discover();
+    }
+
+    // The first of them that the collector does not have, and those after it.
+    std::vector<int> publish_spots(std::span<const StoredSpot> spots) {
+        std::vector<int> messages;
+        messages.reserve(spots.size());
+        int64_t after = confirmed_;
+        for (const StoredSpot& stored : spots) {
+            std::string line = stored_line(stored, keeper_);
+            if (waits_for_collector_) line = placed_line(line, {epoch_, stored.number, after}, keeper_.locator);
+            messages.push_back(publish(topic(topic_word(stored.spot.receiver) + "/spot"), std::move(line), false));
+            after = stored.number;
+        }
+        return messages;
+    }
+
+    void publish_last(std::span<const StoredSpot> spots) {
+        std::map<std::string, const StoredSpot*> last;
+        for (const StoredSpot& stored : spots) last[stored.spot.receiver] = &stored;
+        for (const auto& [receiver, stored] : last) {
+            show(receiver);
+            publish(topic(topic_word(receiver) + "/last"), stored_line(*stored, keeper_), true);
+        }
+        if (spots.empty()) return;
+        publish(topic("last"), stored_line(spots.back(), keeper_), true);
+        publish(topic("total"), std::to_string(spots.back().number), true);
+    }
+
+    std::size_t acknowledged_of(const std::vector<int>& messages) {
+        client_.settle(CONFIRM_S);
+        const auto missing =
+            std::ranges::find_if(messages, [&](int message) { return !client_.is_confirmed(message); });
+        if (missing == messages.begin() && !messages.empty())
+            throw IoError("'" + client_.host() + "' does not confirm");
+        return static_cast<std::size_t>(missing - messages.begin());
+    }
+
+    // How many of the first the collector stores within some seconds; it may ask for them once more.
+    std::size_t stored_of(std::span<const StoredSpot> spots) {
+        std::size_t stored = 0;
+        double end = monotonic_now() + CONFIRM_S;
+        while (stored < spots.size() && monotonic_now() < end) {
+            client_.loop(LOOP_MS);
+            if (!mark_) continue;
+            // Of spots that it was not sent: resume() looks into it.
+            if (mark_->number < confirmed_ || mark_->number > spots.back().number) return 0;
+            const std::size_t before = stored;
+            while (stored < spots.size() && spots[stored].number <= mark_->number) stored++;
+            if (stored > before) end = monotonic_now() + CONFIRM_S;
+            confirmed_ = std::max(confirmed_, mark_->number);
+            if (std::exchange(again_, mark_->again) != mark_->again) publish_spots(spots.subspan(stored));
+        }
+        if (stored > 0) return stored;
+        // What the broker does not take would pile up.
+        if (!client_.all_confirmed()) client_.disconnect();
+        throw IoError("no collector confirms what '" + client_.host() + "' was sent");
     }
 
     // A receiver among what Home Assistant shows.
@@ -220,24 +218,9 @@ class MqttOutput : public Output {
         publish(discovery_ + "/device/orvel-" + topic_word(keeper_.callsign) + "/config", discovery(), true);
     }
 
-    void loop() {
-        const int result = mosquitto_loop(client_.get(), LOOP_MS, 1);
-        if (result != MOSQ_ERR_SUCCESS || !connected_) fail(mosquitto_strerror(result));
-    }
-
-    int publish(const std::string& topic, std::string payload, bool retained) {
+    int publish(const std::string& to, std::string payload, bool retained) {
         if (payload.ends_with('\n')) payload.pop_back();
-        int message = 0;
-        const int result =
-            mosquitto_publish_v5(client_.get(), &message, topic.c_str(), static_cast<int>(payload.size()),
-                                 payload.data(), QOS, retained, nullptr);
-        if (result != MOSQ_ERR_SUCCESS) fail(mosquitto_strerror(result));
-        confirmed_[message] = false;
-        return message;
-    }
-
-    bool unconfirmed() const {
-        return std::ranges::any_of(confirmed_, [](const auto& message) { return !message.second; });
+        return client_.publish(to, payload, retained);
     }
 
     // One device with few entities: the callsigns on the air are data, not devices.
@@ -267,17 +250,17 @@ class MqttOutput : public Output {
         return json_line(config);
     }
 
-    std::string host_;
-    int port_;
     std::string base_, discovery_;
     Keeper keeper_;
     Values values_;
-    Client client_;
+    bool waits_for_collector_;
     std::set<std::string> receivers_;
-    bool connected_ = false;
-    bool is_asked_ = false;          // for discovery
-    int answer_ = -1;                // to the connection
-    std::map<int, bool> confirmed_;  // of what was published
+    bool is_asked_ = false;     // for discovery
+    std::string epoch_;         // of the numbers; "" until the store is known
+    std::optional<Mark> mark_;  // that was heard last
+    int64_t again_ = 0;         // of the mark, when spots were sent last
+    int64_t confirmed_ = -1;    // number up to which the collector has all, as spots were sent last; -1 = unknown
+    MqttClient client_;         // calls take_message()
 };
 
 }  // namespace

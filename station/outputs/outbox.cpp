@@ -90,6 +90,9 @@ bool Outbox::deliver(Store& store) {
         news_ = false;
         position = state_.position;
     }
+    const int64_t resumed = output_->resume(store, config_.name, position);
+    if (resumed != position) move(store, resumed);
+    position = resumed;
     std::vector<StoredSpot> spots;
     int64_t last = position;
     store.query({.after = position}, [&](const StoredSpot& stored) {
@@ -101,10 +104,14 @@ bool Outbox::deliver(Store& store) {
     const std::size_t arrived = spots.empty() ? 0 : output_->send(spots);
     if (arrived < spots.size()) last = arrived > 0 ? spots[arrived - 1].number : position;
     if (last == position) return false;
-    store.set_position(config_.name, last);
-    const std::lock_guard guard(lock_);
-    state_.position = last;
+    move(store, last);
     return true;
+}
+
+void Outbox::move(Store& store, int64_t position) {
+    store.set_position(config_.name, position);
+    const std::lock_guard guard(lock_);
+    state_.position = position;
 }
 
 // Only the latest: what has passed is of no use to those who watch.

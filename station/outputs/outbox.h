@@ -34,6 +34,7 @@ class Outbox {
   private:
     void run();
     bool deliver(Store& store);
+    void move(Store& store, int64_t position);
     void pass_minutes(Store& store);
     bool wait(double seconds);
     void complain(const std::string& problem);

@@ -28,6 +28,10 @@ class Output {
     // Called about once a second.
     virtual void tick() {}
 
+    // Asked before spots are sent: the number after which they go on, where the other side keeps account of it; it may
+    // have gone back. `output` is this one's name in the store. Throws IoError.
+    virtual int64_t resume(Store&, const std::string& /*output*/, int64_t position) { return position; }
+
     // Whether it would work: throws IoError when not. Sends no spots; a station that runs with the same output must not
     // notice.
     virtual void check() { tick(); }

@@ -17,11 +17,12 @@ inline constexpr std::array COMMAND_KEYS = {Key{"program", Kind::TEXT, true}, Ke
                                             Key{"seconds", Kind::NUMBER, false, 0.1, 60}};
 std::unique_ptr<Output> make_command_output(const Values& values, const Keeper& keeper);
 
-// Messages to a broker, which acknowledges each.
+// Messages to a broker, which acknowledges each; or, with confirm = "collector", to a collector behind it.
 inline constexpr std::array MQTT_KEYS = {Key{"host", Kind::TEXT, true}, Key{"port", Kind::NUMBER, false, 1, 65535},
                                          Key{"user", Kind::TEXT},       Key{"password", Kind::SECRET},
                                          Key{"ca_file", Kind::TEXT},    Key{"client_id", Kind::TEXT},
-                                         Key{"prefix", Kind::TEXT},     Key{"discovery", Kind::TEXT}};
+                                         Key{"prefix", Kind::TEXT},     Key{"discovery", Kind::TEXT},
+                                         Key{"confirm", Kind::TEXT}};
 std::unique_ptr<Output> make_mqtt_output(const Values& values, const Keeper& keeper);
 
 // Datagrams as WSJT-X sends them, to one program or to a multicast group.

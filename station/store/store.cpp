@@ -74,7 +74,8 @@ CREATE INDEX spot_block_start ON spot (number >> 10, start);
 CREATE INDEX spot_block_rf ON spot (number >> 10, rf_hz);
 CREATE INDEX spot_block_receiver ON spot (number >> 10, receiver);
 CREATE INDEX spot_block_protocol ON spot (number >> 10, protocol);
-)"};
+)",
+    "ALTER TABLE outbox ADD COLUMN epoch TEXT NOT NULL DEFAULT '';"};
 constexpr auto VERSION = static_cast<int64_t>(MIGRATIONS.size());
 
 constexpr double SAME_S = 15.3;            // half of the shortest frame
@@ -481,9 +482,34 @@ int64_t Store::position_or_last(const std::string& output) {
 
 void Store::set_position(const std::string& output, int64_t number) {
     Transaction transaction(database_);
-    Statement insert = database_.prepare("INSERT OR REPLACE INTO outbox (output, position) VALUES (?, ?)");
+    Statement insert = database_.prepare(
+        "INSERT INTO outbox (output, position) VALUES (?, ?) ON CONFLICT (output) DO UPDATE SET position = "
+        "excluded.position");
     insert.bind(0, std::string_view(output)).bind(1, number).step();
     transaction.commit();
+}
+
+std::string Store::epoch(const std::string& output) {
+    {
+        Statement row = database_.prepare("SELECT epoch FROM outbox WHERE output = ?");
+        if (row.bind(0, std::string_view(output)).step() && !row.text(0).empty()) return row.text(0);
+    }
+    return renew_epoch(output);
+}
+
+std::string Store::renew_epoch(const std::string& output) {
+    std::string epoch = new_id();
+    Transaction transaction(database_);
+    Statement set = database_.prepare("UPDATE outbox SET epoch = ? WHERE output = ?");
+    set.bind(0, std::string_view(epoch)).bind(1, std::string_view(output)).step();
+    transaction.commit();
+    return epoch;
+}
+
+bool Store::may_hold(int64_t number, const std::string& id) {
+    if (number > single(database_, "SELECT max(seq) FROM sqlite_sequence WHERE name = 'spot'")) return false;
+    Statement row = database_.prepare("SELECT id FROM spot WHERE number = ?");
+    return id.empty() || !row.bind(0, number).step() || row.text(0) == id;
 }
 
 int64_t Store::bytes() {

@@ -90,6 +90,14 @@ class Store {
     int64_t position_or_last(const std::string& output);
     void set_position(const std::string& output, int64_t number);
 
+    // For whoever keeps account of an output's numbers elsewhere: a UUID that names the sequence they belong to. It
+    // stays the same until it is renewed, as this file may be a copy of earlier times, in which numbers come a second
+    // time. The output must have a position.
+    std::string epoch(const std::string& output);
+    std::string renew_epoch(const std::string& output);
+    // Whether the spot with a number has, or may have had before it was forgotten, this id ("" = any).
+    bool may_hold(int64_t number, const std::string& id);
+
     // Forgets spots and minutes before a time, and the oldest of them while the file is larger; the number of spots.
     int64_t forget(double before, std::optional<int64_t> most_bytes);
 

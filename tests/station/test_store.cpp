@@ -299,13 +299,16 @@ TEST_F(StoreTest, BringsAnEarlierVersionUpToDate) {
         Store store(path(), Access::WRITE);
         add(store, "lf", spot("K2QRX", NOON));
     }
-    for (const char* back :
-         {"DROP INDEX spot_block_start; DROP INDEX spot_block_rf; DROP INDEX spot_block_receiver; DROP INDEX "
-          "spot_block_protocol; ALTER TABLE spot DROP COLUMN protocol; PRAGMA user_version = 2",
-          "DROP INDEX spot_block_start; DROP INDEX spot_block_rf; DROP INDEX spot_block_receiver; DROP INDEX "
-          "spot_block_protocol; ALTER TABLE spot DROP COLUMN protocol; DROP INDEX spot_call; DROP INDEX spot_curve; "
-          "DROP "
-          "INDEX transmission_locator; ALTER TABLE spot DROP COLUMN call; PRAGMA user_version = 1"}) {
+    const std::string to_3 = "ALTER TABLE outbox DROP COLUMN epoch; PRAGMA user_version = 3;";
+    const std::string to_2 =
+        to_3 +
+        "DROP INDEX spot_block_start; DROP INDEX spot_block_rf; DROP INDEX spot_block_receiver; DROP INDEX "
+        "spot_block_protocol; ALTER TABLE spot DROP COLUMN protocol; PRAGMA user_version = 2;";
+    const std::string to_1 =
+        to_2 +
+        "DROP INDEX spot_call; DROP INDEX spot_curve; DROP INDEX transmission_locator; ALTER TABLE spot DROP COLUMN "
+        "call; PRAGMA user_version = 1;";
+    for (const std::string& back : {to_3, to_2, to_1}) {
         Database(path(), Access::WRITE).run(back);
         EXPECT_THROW(Store(path(), Access::READ), IoError);
         Store store(path(), Access::WRITE);
