@@ -1,5 +1,5 @@
-// `orvel station` and `orvel spots` are a program of their own, which most users of the command do without: it takes
-// the place of this one.
+// `orvel station` and `orvel spots` are a program of their own, and `orvel collect` another, which most users of the
+// command do without: it takes the place of this one.
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,18 +11,20 @@
 
 #include "base/child.h"
 #include "base/error.h"
+#include "collect_options.h"
 #include "spots_options.h"
 #include "subcommands.h"
 
 namespace {
 
-constexpr const char* PROGRAM = "orvel-station";
+constexpr const char* STATION = "orvel-station";
+constexpr const char* COLLECTOR = "orvel-collector";
 
 // Does not return.
-[[noreturn]] void become_station(std::vector<std::string> words) {
-    const std::string path = find_beside(PROGRAM);
-    if (path.empty()) throw IoError("orvel-station is not installed; it comes in a package of this name");
-    words.insert(words.begin(), PROGRAM);
+[[noreturn]] void become(const char* program, std::vector<std::string> words) {
+    const std::string path = find_beside(program);
+    if (path.empty()) throw IoError(std::string(program) + " is not installed; it comes in a package of this name");
+    words.insert(words.begin(), program);
     std::vector<char*> arguments;
     arguments.reserve(words.size() + 1);
     for (std::string& word : words) arguments.push_back(word.data());
@@ -62,12 +64,23 @@ void add_station(CLI::App& app, int&) {
         std::vector<std::string> words = sub->remaining();
         if (*demo) words.insert(words.begin(), "demo");
         if (words.empty()) throw UsageError("station: which command? (orvel station --help lists them)");
-        become_station(std::move(words));
+        become(STATION, std::move(words));
     });
 }
 
 void add_spots(CLI::App& app, int&) {
     const auto options = std::make_shared<SpotsOptions>();
     CLI::App* const sub = add_spots_options(app, *options);
-    sub->callback([sub, options] { become_station(words_of(*sub)); });
+    sub->callback([sub, options] { become(STATION, words_of(*sub)); });
+}
+
+void add_collect(CLI::App& app, int&) {
+    const auto options = std::make_shared<CollectOptions>();
+    CLI::App* const sub = add_collect_options(app, *options);
+    sub->callback([options] {
+        std::vector<std::string> words = {"collect"};
+        if (options->check) words.emplace_back("--check");
+        words.insert(words.end(), {"--", options->config});
+        become(COLLECTOR, std::move(words));
+    });
 }

@@ -13,4 +13,5 @@ void add_subcommands(CLI::App& app, int& status) {
     add_listen(app, status);
     add_station(app, status);
     add_spots(app, status);
+    add_collect(app, status);
 }

@@ -16,6 +16,7 @@ void add_send(CLI::App& app, int& status);
 void add_listen(CLI::App& app, int& status);
 void add_station(CLI::App& app, int& status);
 void add_spots(CLI::App& app, int& status);
+void add_collect(CLI::App& app, int& status);
 
 // All of them, in the order in which the help lists them.
 void add_subcommands(CLI::App& app, int& status);
