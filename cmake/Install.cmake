@@ -1,7 +1,7 @@
 # Where everything goes: cmake --install for a prefix, from which debian/ makes packages.
 #
-# The components are `library` for programs that run, `development` for those that are built, `command`, `station`, and
-# `documents`.
+# The components are `library` for programs that run, `development` for those that are built, `command`, `station`,
+# `collector`, and `documents`.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -74,4 +74,14 @@ if(TARGET orvel-station)
             COMPONENT station)
     install(FILES station/install/orvel-station.service DESTINATION lib/systemd/system COMPONENT station)
     install(FILES station/install/orvel-station.conf DESTINATION lib/sysusers.d COMPONENT station)
+endif()
+
+# ---- The collector --------------------------------------------------------------------------------------------------
+
+if(TARGET orvel-collector)
+    install(TARGETS orvel-collector RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT collector)
+    install(FILES collector/install/collector.toml DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/orvel-collector/examples
+            COMPONENT collector)
+    install(FILES collector/install/orvel-collector.service DESTINATION lib/systemd/system COMPONENT collector)
+    install(FILES collector/install/orvel-collector.conf DESTINATION lib/sysusers.d COMPONENT collector)
 endif()

@@ -2,14 +2,14 @@
 
 BUILD_PACKAGES=(g++ cmake make ninja-build pkg-config libfftw3-dev portaudio19-dev libcli11-dev nlohmann-json3-dev
                 libsndfile1-dev libsoxr-dev libcairo2-dev libtomlplusplus-dev libsqlite3-dev libmosquitto-dev
-                libcurl4-openssl-dev libboost-dev)
+                libcurl4-openssl-dev libboost-dev libpq-dev)
 TEST_PACKAGES=(libgtest-dev sox ffmpeg libbenchmark-dev pulseaudio libasound2-plugins libhamlib-utils mandoc zsh fish
                mosquitto mosquitto-clients netcat-openbsd locales python3 python3-numpy python3-pytest python3-pip
                python3-setuptools python3-wheel python3-soundfile python3-jsonschema doxygen)
 # Of the tests labelled `heavy`.
 HEAVY_PACKAGES=(dpkg-dev fakeroot debhelper dh-python lintian pybuild-plugin-pyproject python3-all rtl-433
                 soapysdr-module-audio inspectrum tshark wsjtx python3-pyhamtools chromium
-                chromium-driver python3-selenium slurm-wlm munge parallel)
+                chromium-driver python3-selenium slurm-wlm munge parallel postgresql)
 CHECK_PACKAGES=(clang libclang-rt-dev clang-format clang-tidy cppcheck mypy)
 
 # need_packages PACKAGE...: installs those that are missing. Asks no questions; when all are there it does nothing and

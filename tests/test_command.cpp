@@ -573,6 +573,14 @@ TEST_F(Command, StationsAreRunByTheirProgram) {
     EXPECT_EQ(run({"spots", "--newest", "3", "--json", "--call=K2*", "--store", "x y"}).out,
               "spots|--store=x y|--call=K2*|--newest=3|--json|");
     EXPECT_EQ(run({"spots", "--jsn"}).status, 2);
+
+    EXPECT_EQ(run({"collect", "x"}).err,
+              "orvel: orvel-collector is not installed; it comes in a package of this name\n");
+    std::ofstream(alone / "orvel-collector") << "#!/bin/sh\nprintf '%s|' \"$@\"\nexit 7\n";
+    fs::permissions(alone / "orvel-collector", fs::perms::owner_all);
+    EXPECT_EQ(run({"collect", "a b.toml"}).out, "collect|--|a b.toml|");
+    EXPECT_EQ(run({"collect", "--check", "x"}).out, "collect|--check|--|x|");
+    EXPECT_EQ(run({"collect"}).status, 2);
 }
 
 TEST_F(Command, HelpAndVersionAreAnsweredInEveryForm) {

@@ -164,6 +164,7 @@ TEST(Layers, TheStationRestsOnSpotsAndBase) {
         for (const fs::path& file : sources_in(folder)) {
             for (const std::string& include : includes_of(file)) {
                 EXPECT_FALSE(fs::exists(ROOT / "station" / include)) << file << " includes " << include;
+                EXPECT_FALSE(fs::exists(ROOT / "collector" / include)) << file << " includes " << include;
             }
         }
     }
@@ -178,6 +179,29 @@ TEST(Layers, TheStationRestsOnSpotsAndBase) {
             EXPECT_TRUE(include == "protocol.h" || !fs::exists(ROOT / "src" / include)) << file << ": " << include;
             const bool shared = include == "spots_options.h";  // what the command explains and the station does
             EXPECT_TRUE(shared || !fs::exists(ROOT / "tools" / include)) << file << ": " << include;
+        }
+    }
+}
+
+// It shares with the station what both say to each other, how they reach a broker, and how files are read.
+TEST(Layers, TheCollectorRestsOnTheNetworkOfTheStation) {
+    for (const fs::path& file : sources_in("collector")) {
+        for (const std::string& include : includes_of(file)) {
+            if (fs::exists(ROOT / "station" / include)) {
+                const bool shared =
+                    include.starts_with("config/") || include.starts_with("mqtt/") || include.starts_with("network/");
+                EXPECT_TRUE(shared) << file << ": " << include;
+            }
+            if (fs::exists(ROOT / "app" / include))
+                EXPECT_TRUE(include.starts_with("base/")) << file << ": " << include;
+            EXPECT_FALSE(fs::exists(ROOT / "src" / include)) << file << ": " << include;
+            EXPECT_TRUE(include == "collect_options.h" || !fs::exists(ROOT / "tools" / include)) << file << include;
+        }
+    }
+    for (const fs::path& file : sources_in("station")) {
+        for (const std::string& include : includes_of(file)) {
+            const bool own = fs::exists(ROOT / "station" / include) || fs::exists(file.parent_path() / include);
+            EXPECT_TRUE(own || !fs::exists(ROOT / "collector" / include)) << file << ": " << include;
         }
     }
 }

@@ -35,6 +35,7 @@ NOT_RUN = (
     (r"(sudo )?apt(-get)? .*", "install packages"),
     (r"(python3 -m )?pip .*|python3 .*", "ask for packages that this test cannot count on"),
     (r"(sudo )?systemctl .*", "start services"),
+    (r"(sudo )?orvel collect .*", "would run until interrupted"),
     (r"(sudo )?orvel station (run|doctor|--demo).*", "would run until interrupted, or look after this machine"),
     (r".*capture\.cu8.*", "is run in test_recipes.py, where there is such a file"),
     (r"orvel plot day\.flac .*", "would need half a day of audio"),
