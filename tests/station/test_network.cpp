@@ -91,7 +91,7 @@ TEST(NetworkMessages, AMarkReadsAsItWasWritten) {
 TEST(NetworkMessages, NamesArePrintableAndShort) {
     EXPECT_TRUE(is_name("DL1QXA-4"));
     EXPECT_TRUE(is_name(std::string(64, 'x')));
-    for (const std::string name : {std::string(), std::string("a b"), std::string("\xc3\xa4"), std::string(65, 'x')}) {
+    for (const std::string& name : {std::string(), std::string("a b"), std::string("\xc3\xa4"), std::string(65, 'x')}) {
         EXPECT_FALSE(is_name(name)) << name;
     }
 }
