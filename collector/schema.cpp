@@ -42,7 +42,7 @@ CREATE TABLE orvel.mark (
     moved timestamptz NOT NULL DEFAULT now(),
     PRIMARY KEY (station, epoch));
 )",
-    // The middle of a locator's square; NULL where it is none.
+    // The middle of a locator's square; NULL where it is none. For least() a NULL is nothing, and not unknown.
     R"(
 CREATE FUNCTION orvel.locator_longitude(locator text) RETURNS double precision
 LANGUAGE sql IMMUTABLE STRICT PARALLEL SAFE AS $$
@@ -62,7 +62,8 @@ LANGUAGE sql IMMUTABLE STRICT PARALLEL SAFE AS $$
     SELECT 2 * 6371 * asin(least(1, sqrt(sind((q.lat - p.lat) / 2) ^ 2
                                          + cosd(p.lat) * cosd(q.lat) * sind((q.lon - p.lon) / 2) ^ 2)))
     FROM (SELECT orvel.locator_latitude(a) AS lat, orvel.locator_longitude(a) AS lon) AS p,
-         (SELECT orvel.locator_latitude(b) AS lat, orvel.locator_longitude(b) AS lon) AS q $$;
+         (SELECT orvel.locator_latitude(b) AS lat, orvel.locator_longitude(b) AS lon) AS q
+    WHERE p.lat + q.lat IS NOT NULL $$;
 CREATE FUNCTION orvel.bearing_deg(a text, b text) RETURNS double precision
 LANGUAGE sql IMMUTABLE STRICT PARALLEL SAFE AS $$
     SELECT CASE WHEN deg < 0 THEN deg + 360 ELSE deg END

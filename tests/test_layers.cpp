@@ -192,8 +192,9 @@ TEST(Layers, TheCollectorRestsOnTheNetworkOfTheStation) {
                     include.starts_with("config/") || include.starts_with("mqtt/") || include.starts_with("network/");
                 EXPECT_TRUE(shared) << file << ": " << include;
             }
-            if (fs::exists(ROOT / "app" / include))
+            if (fs::exists(ROOT / "app" / include)) {
                 EXPECT_TRUE(include.starts_with("base/")) << file << ": " << include;
+            }
             EXPECT_FALSE(fs::exists(ROOT / "src" / include)) << file << ": " << include;
             EXPECT_TRUE(include == "collect_options.h" || !fs::exists(ROOT / "tools" / include)) << file << include;
         }

@@ -34,6 +34,7 @@ namespace {
 
 constexpr int LOOP_MS = 100;
 constexpr double CONFIRM_S = 10;  // for what is on its way
+constexpr double STORED_S = 5;    // for a mark to move
 constexpr int EXPIRE_S = 180;     // a receiver's state
 
 constexpr std::string_view BROKER = "broker";
@@ -80,6 +81,7 @@ class MqttOutput : public Output {
                 Level::WARNING);
             epoch_ = store.renew_epoch(output);
             mark_.reset();
+            return confirmed_ = 0;
         }
         const int64_t before = std::exchange(confirmed_, mark_ ? mark_->number : std::max(confirmed_, position));
         if (!mark_) return position;
@@ -95,6 +97,8 @@ class MqttOutput : public Output {
     std::size_t send(std::span<const StoredSpot> spots) override {
         connect();
         client_.forget();
+        // The broker keeps what it is sent for a collector that is away: one spot each time, and not all of them.
+        if (is_silent_) spots = spots.first(1);
         const std::vector<int> messages = publish_spots(spots);
         publish_last(spots);
         return waits_for_collector_ ? stored_of(spots) : acknowledged_of(messages);
@@ -105,6 +109,11 @@ class MqttOutput : public Output {
         MqttClient doctor(values_, {.id = "orvel-doctor-" + std::to_string(getpid())}, {});
         doctor.connect();
         doctor.disconnect();
+    }
+
+    // A collector that comes back is soon heard.
+    double longest_pause_s() const override {
+        return waits_for_collector_ && client_.connected() ? 2 : Output::longest_pause_s();
     }
 
     bool wants_minutes() const override { return true; }
@@ -190,7 +199,7 @@ class MqttOutput : public Output {
     // How many of the first the collector stores within some seconds; it may ask for them once more.
     std::size_t stored_of(std::span<const StoredSpot> spots) {
         std::size_t stored = 0;
-        double end = monotonic_now() + CONFIRM_S;
+        double end = monotonic_now() + STORED_S;
         while (stored < spots.size() && monotonic_now() < end) {
             client_.loop(LOOP_MS);
             if (!mark_) continue;
@@ -198,11 +207,12 @@ class MqttOutput : public Output {
             if (mark_->number < confirmed_ || mark_->number > spots.back().number) return 0;
             const std::size_t before = stored;
             while (stored < spots.size() && spots[stored].number <= mark_->number) stored++;
-            if (stored > before) end = monotonic_now() + CONFIRM_S;
+            if (stored > before) end = monotonic_now() + STORED_S;
             confirmed_ = std::max(confirmed_, mark_->number);
             if (std::exchange(again_, mark_->again) != mark_->again) publish_spots(spots.subspan(stored));
         }
-        if (stored > 0) return stored;
+        is_silent_ = stored == 0;
+        if (!is_silent_) return stored;
         // What the broker does not take would pile up.
         if (!client_.all_confirmed()) client_.disconnect();
         throw IoError("no collector confirms what '" + client_.host() + "' was sent");
@@ -260,6 +270,7 @@ class MqttOutput : public Output {
     std::optional<Mark> mark_;  // that was heard last
     int64_t again_ = 0;         // of the mark, when spots were sent last
     int64_t confirmed_ = -1;    // number up to which the collector has all, as spots were sent last; -1 = unknown
+    bool is_silent_ = false;    // the collector
     MqttClient client_;         // calls take_message()
 };
 

@@ -15,7 +15,6 @@ namespace {
 constexpr double TICK_S = 1;
 constexpr double FRESH_S = 180;      // of a receiver's minute
 constexpr double FIRST_PAUSE_S = 1;  // after a failure; it doubles
-constexpr double LONGEST_PAUSE_S = 60;
 
 }  // namespace
 
@@ -76,7 +75,7 @@ void Outbox::run() {
                 changed_.wait_for(guard, std::chrono::duration<double>(pause_s), [&] { return ended_; });
                 if (ended_) return;
             }
-            pause_s = std::min(2 * pause_s, LONGEST_PAUSE_S);
+            pause_s = std::min(2 * pause_s, output_->longest_pause_s());
         }
     }
 }

@@ -40,6 +40,9 @@ class Output {
     virtual bool wants_minutes() const { return false; }
     virtual void take(const ReceiverMinute&) {}
 
+    // Between attempts, after failures; the first pause is 1 s, and they double.
+    virtual double longest_pause_s() const { return 60; }
+
     // Spots that one call of send() may get.
     virtual std::size_t most_at_once() const { return 200; }
 };

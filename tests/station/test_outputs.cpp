@@ -22,6 +22,8 @@
 
 #include "base/error.h"
 #include "base/utc.h"
+#include "mqtt/mqtt_client.h"
+#include "network/messages.h"
 #include "outputs/cluster_line.h"
 #include "outputs/outbox.h"
 #include "outputs/output.h"
@@ -878,6 +880,133 @@ TEST_F(OutputTest, MqttDeliversAllInOrderAlsoOverARestartOfTheBroker) {
     }
     const auto starts = starts_in(lines);
     for (std::size_t k = 0; k < starts.size(); k++) EXPECT_EQ(starts[k], static_cast<double>(k));
+}
+
+// A collector in as much as a station sees of it: it notes what comes, and tells the marks that a test wants.
+class FakeCollector {
+  public:
+    explicit FakeCollector(const Values& broker)
+        : client_(broker, {.id = "collector"}, [this](std::string_view, std::string_view text) {
+              const SpotMessage message = read_spot_message(text, utc_now());
+              if (message.place) places_.push_back(*message.place);
+          }) {
+        client_.connect();
+        client_.subscribe("orvel/DL1QXA/+/spot");
+    }
+    void tell(const Mark& mark) {
+        client_.publish("orvel/DL1QXA/stored", mark_line(mark), true);
+        EXPECT_TRUE(client_.settle(10));
+    }
+    bool eventually(const std::function<bool()>& holds) {
+        return ::eventually([&] {
+            client_.loop(1);
+            return holds();
+        });
+    }
+    // What comes next: so many.
+    std::vector<Place> take(std::size_t count) {
+        EXPECT_TRUE(eventually([&] { return places_.size() >= count; })) << places_.size();
+        return std::exchange(places_, {});
+    }
+
+  private:
+    std::vector<Place> places_;
+    MqttClient client_;
+};
+
+class ConfirmedOutputTest : public OutputTest {
+  protected:
+    void SetUp() override {
+        broker_.start();
+        store_.position_or_last("mqtt");
+        epoch_ = store_.epoch("mqtt");
+        spots_ = store_.add(some(0, 5));
+    }
+    OutputConfig to_collector() const {
+        return config("type = \"mqtt\"\nhost = \"127.0.0.1\"\nport = " + std::to_string(broker_.port) +
+                      "\nconfirm = \"collector\"\n");
+    }
+    // Of the number-th spot.
+    Mark mark(int64_t number, int64_t again = 1) const {
+        return {epoch_, number, number > 0 ? spots_.at(static_cast<std::size_t>(number - 1)).id : "", again};
+    }
+
+    Broker broker_{folder_};
+    Store store_{store_path(), Access::WRITE};
+    std::string epoch_;
+    std::vector<StoredSpot> spots_;
+};
+
+TEST_F(ConfirmedOutputTest, ASpotHasArrivedWhenTheCollectorSaysSo) {
+    FakeCollector collector(to_collector().values);
+    const Outbox outbox(store_path(), to_collector(), KEEPER);
+    EXPECT_EQ(collector.take(5),
+              (std::vector<Place>{{epoch_, 1, 0}, {epoch_, 2, 1}, {epoch_, 3, 2}, {epoch_, 4, 3}, {epoch_, 5, 4}}));
+    EXPECT_EQ(outbox.state().position, 0) << "the broker has all of them";
+    collector.tell({"c6f4c1a2-0000-4000-8000-0000000000ff", 5, "", 1});
+    collector.tell(mark(5));
+    EXPECT_TRUE(collector.eventually([&] { return outbox.state().position == 5; }));
+    EXPECT_TRUE(collector.take(0).empty());
+}
+
+TEST_F(ConfirmedOutputTest, WhatACollectorAsksForComesAgain) {
+    FakeCollector collector(to_collector().values);
+    const Outbox outbox(store_path(), to_collector(), KEEPER);
+    collector.take(5);
+    collector.tell(mark(2, 7));
+    EXPECT_EQ(collector.take(3), (std::vector<Place>{{epoch_, 3, 2}, {epoch_, 4, 3}, {epoch_, 5, 4}}));
+    collector.tell(mark(5, 7));
+    ASSERT_TRUE(collector.eventually([&] { return outbox.state().position == 5; }));
+}
+
+// Its database is a copy of earlier.
+TEST_F(ConfirmedOutputTest, AMarkThatGoesBackTakesTheOutboxBack) {
+    FakeCollector collector(to_collector().values);
+    const Outbox outbox(store_path(), to_collector(), KEEPER);
+    collector.take(5);
+    collector.tell(mark(5));
+    ASSERT_TRUE(collector.eventually([&] { return outbox.state().position == 5; }));
+    collector.tell(mark(3, 2));
+    EXPECT_EQ(collector.take(2), (std::vector<Place>{{epoch_, 4, 3}, {epoch_, 5, 4}}));
+    EXPECT_EQ(outbox.state().position, 3);
+    collector.tell(mark(5, 2));
+}
+
+// The store is a copy of earlier, whose numbers came a second time.
+TEST_F(ConfirmedOutputTest, AMarkOfOtherSpotsBeginsANewEpoch) {
+    FakeCollector collector(to_collector().values);
+    for (const auto& [number, id] : {std::pair{4, spots_[2].id}, std::pair{9, std::string()}}) {
+        collector.tell({epoch_, number, id, 1});
+        const Outbox outbox(store_path(), to_collector(), KEEPER);
+        const std::vector<Place> sent = collector.take(5);
+        const std::string renewed = store_.epoch("mqtt");
+        EXPECT_NE(renewed, epoch_);
+        EXPECT_EQ(sent[0], (Place{renewed, 1, 0}));
+        epoch_ = renewed;
+        collector.tell(mark(5));  // nobody waits any longer
+    }
+}
+
+TEST_F(ConfirmedOutputTest, ASilentCollectorIsSentOneSpotUntilItSpeaks) {
+    FakeCollector collector(to_collector().values);
+    const Outbox outbox(store_path(), to_collector(), KEEPER);
+    collector.take(5);
+    ASSERT_TRUE(collector.eventually([&] { return !outbox.state().problem.empty(); }));
+    EXPECT_EQ(outbox.state().problem, "no collector confirms what '127.0.0.1' was sent");
+    EXPECT_EQ(collector.take(1), (std::vector<Place>{{epoch_, 1, 0}}));
+    collector.tell(mark(1, 1));
+    EXPECT_EQ(collector.take(4).back(), (Place{epoch_, 5, 4}));
+    collector.tell(mark(5, 1));
+    EXPECT_TRUE(collector.eventually([&] { return outbox.state().problem.empty(); }));
+}
+
+TEST_F(OutputTest, MqttIsConfirmedByABrokerOrACollector) {
+    const auto confirmed = [&](const std::string& by) {
+        make_output(config("type = \"mqtt\"\nhost = \"x\"\nconfirm = \"" + by + "\"\n"), KEEPER);
+    };
+    EXPECT_NO_THROW(confirmed("broker"));
+    EXPECT_NO_THROW(confirmed("collector"));
+    EXPECT_THROW(confirmed("nobody"), UsageError);
 }
 
 TEST_F(OutputTest, MqttKeepsTheStateOfReceivers) {
