@@ -139,6 +139,7 @@ void PostgresVault::keep(std::span<const StationSpot> spots, std::span<const Sta
 std::vector<Mark> PostgresVault::marks(const std::string& station) {
     const Rows rows = database_.run_prepared("marks", {station});
     std::vector<Mark> marks;
+    marks.reserve(static_cast<std::size_t>(rows.count()));
     for (int row = 0; row < rows.count(); row++) {
         marks.push_back({.epoch = rows.text(row, 0), .number = rows.integer(row, 1), .id = rows.text(row, 2)});
     }
