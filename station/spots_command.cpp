@@ -62,7 +62,7 @@ std::string line_of(const SpotsOptions& options, const StoredSpot& stored) {
     nlohmann::ordered_json line;
     line["id"] = stored.id;
     line["transmission"] = stored.transmission;
-    line.update(nlohmann::ordered_json::parse(spot_line(spot)));
+    line.update(parse_json(spot_line(spot)));
     return json_line(line);
 }
 

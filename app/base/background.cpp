@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr double TICK_S = 0.02;
+constexpr double POLL_S = 0.02;
 
 }  // namespace
 
@@ -20,6 +20,6 @@ Background::Background(std::function<void()> call) : done_(std::make_shared<std:
 
 bool Background::wait(double seconds) const {
     const double end = monotonic_now() + seconds;
-    while (!done() && monotonic_now() < end) sleep_seconds(TICK_S);
+    while (!done() && monotonic_now() < end) sleep_seconds(POLL_S);
     return done();
 }

@@ -1,27 +1,23 @@
-// JSON as our programs print it: one object per line.
+// JSON as our programs read and print it: one object per line. The library's parser and printer, which take the
+// compiler seconds, are used here alone.
 #pragma once
 
-#include <cmath>
 #include <nlohmann/json.hpp>
 #include <string>
-#include <utility>
+#include <string_view>
+
+// The value of a text, discarded when that is not JSON.
+nlohmann::ordered_json parse_json(std::string_view text);
+
+// Text that is not UTF-8 is shown with the replacement character. Without an indent it is one line.
+std::string json_text(const nlohmann::ordered_json& value, int indent = -1);
 
 // The numbers of an object with at most six decimals: what lies beyond is noise.
-inline nlohmann::ordered_json rounded(nlohmann::ordered_json object) {
-    for (auto& value : object) {
-        if (value.is_number_float()) value = std::round(value.get<double>() * 1e6) / 1e6;
-    }
-    return object;
-}
+nlohmann::ordered_json rounded(nlohmann::ordered_json object);
 
-// A file name may be any bytes.
-inline bool is_utf8(const std::string& text) {
-    const nlohmann::json value(text);
-    using Handler = nlohmann::json::error_handler_t;
-    return value.dump(-1, ' ', false, Handler::replace) == value.dump(-1, ' ', false, Handler::ignore);
-}
+// A rounded object and the line's end.
+std::string json_line(nlohmann::ordered_json object);
 
-// Text that is not UTF-8 is shown with the replacement character.
-inline std::string json_line(nlohmann::ordered_json object) {
-    return rounded(std::move(object)).dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
-}
+// A file name may be any bytes; those that are no UTF-8 become replacement characters.
+bool is_utf8(const std::string& text);
+std::string as_utf8(const std::string& text);

@@ -1,11 +1,11 @@
 #include "base/utc.h"
 
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
-#include <regex>
 #include <string_view>
 
 #include "base/text.h"
@@ -65,6 +65,61 @@ std::optional<double> take_date(std::string_view& text) {
     return DAY_S * static_cast<double>(std::chrono::sys_days(date).time_since_epoch().count());
 }
 
+bool is_digit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+// The digits of a date and a time, from the front of a text: two each after a year of two or four, with separators or
+// none. The seconds may be missing; another digit may not follow.
+std::optional<std::string> take_stamp(std::string_view& text, std::size_t year_digits) {
+    std::string_view rest = text;
+    std::string digits;
+    const auto take_digits = [&](std::size_t count) {
+        if (rest.size() < count || !std::ranges::all_of(rest.substr(0, count), is_digit)) return false;
+        digits += rest.substr(0, count);
+        rest.remove_prefix(count);
+        return true;
+    };
+    const auto skip_one_of = [&](std::string_view separators) {
+        const bool there = !rest.empty() && separators.find(rest[0]) != std::string_view::npos;
+        const std::string_view separator = rest.substr(0, there ? 1 : 0);
+        rest.remove_prefix(separator.size());
+        return separator;
+    };
+    const auto skip = [&](std::string_view separator) {
+        const bool there = rest.starts_with(separator);
+        if (there) rest.remove_prefix(separator.size());
+        return there;
+    };
+    const auto at_digit = [&] { return !rest.empty() && is_digit(rest[0]); };
+
+    if (!take_digits(year_digits)) return std::nullopt;
+    const std::string_view separator = skip_one_of("-.");
+    if (!take_digits(2) || !skip(separator) || !take_digits(2)) return std::nullopt;
+    skip_one_of("-_T ");
+    if (!take_digits(2)) return std::nullopt;
+    skip_one_of("-:.");
+    if (!take_digits(2)) return std::nullopt;
+
+    const std::string_view after_minute = rest;
+    skip_one_of("-:.");
+    if (!take_digits(2) || at_digit()) {
+        rest = after_minute;
+        digits.resize(year_digits + 8);
+    }
+    if (at_digit()) return std::nullopt;
+    text = rest;
+    return digits;
+}
+
+// "20260301120000" as a time; the seconds may be missing.
+std::optional<double> utc_of_digits(const std::string& digits) {
+    const char* const at = digits.c_str();
+    return parse_utc(
+        format("%.4s-%.2s-%.2sT%.2s:%.2s:%s", at, at + 4, at + 6, at + 8, at + 10, digits.size() > 12 ? at + 12 : "00"),
+        0);
+}
+
 }  // namespace
 
 double utc_now() {
@@ -101,16 +156,18 @@ std::optional<double> parse_utc(const std::string& text, double now) {
 }
 
 std::optional<double> utc_in_name(const std::string& path) {
-    static const std::regex DATED(
-        R"((?:^|\D)(20\d\d|\d\d)([-.]?)(\d\d)\2(\d\d)[-_T ]?(\d\d)[-:.]?(\d\d)(?:[-:.]?(\d\d))?(?!\d))");
     const std::string name = std::filesystem::path(path).filename().string();
-    for (std::sregex_iterator match(name.begin(), name.end(), DATED), end; match != end; ++match) {
-        const auto part = [&](std::size_t k) { return (*match)[k].str(); };
-        const std::string seconds = part(7).empty() ? "00" : part(7);
-        const auto utc = parse_utc((part(1).size() == 2 ? "20" : "") + part(1) + "-" + part(3) + "-" + part(4) + "T" +
-                                       part(5) + ":" + part(6) + ":" + seconds,
-                                   0);
-        if (utc) return utc;
+    std::string_view rest = name;
+    while (!rest.empty()) {
+        std::optional<std::string> digits;
+        if (rest.starts_with("20")) digits = take_stamp(rest, 4);
+        if (!digits && (digits = take_stamp(rest, 2))) digits->insert(0, "20");
+        if (digits) {
+            if (const auto utc = utc_of_digits(*digits)) return utc;
+        }
+        // The next may begin after what is no digit.
+        while (!rest.empty() && is_digit(rest[0])) rest.remove_prefix(1);
+        if (!rest.empty()) rest.remove_prefix(1);
     }
     return std::nullopt;
 }

@@ -9,9 +9,10 @@
 #include <cstdio>
 #include <filesystem>
 #include <new>
-#include <nlohmann/json.hpp>
 #include <numbers>
 #include <stdexcept>
+
+#include "base/json.h"
 
 namespace {
 
@@ -43,11 +44,9 @@ cairo_status_t append(void* bytes, const unsigned char* data, unsigned length) {
     }
 }
 
-// Text as cairo and XML take it: the JSON library replaces what is not UTF-8.
+// Text as cairo and XML take it.
 std::string clean(const std::string& text) {
-    using nlohmann::json;
-    std::string cleaned =
-        json::parse(json(text).dump(-1, ' ', false, json::error_handler_t::replace)).get<std::string>();
+    std::string cleaned = as_utf8(text);
     for (char& c : cleaned) {
         if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
     }

@@ -1,7 +1,5 @@
 #include "recordings/open_recording.h"
 
-#include <sndfile.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -10,7 +8,6 @@
 #include <exception>
 #include <filesystem>
 #include <limits>
-#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -26,6 +23,7 @@
 #include "recordings/piped_recording.h"
 #include "recordings/raw_recording.h"
 #include "recordings/sigmf.h"
+#include "recordings/sound_owner.h"
 #include "sources/source.h"
 #include "sources/url_file.h"
 #include "wavread.h"
@@ -66,11 +64,6 @@ class HeldRecording : public Recording {
 
     std::vector<double> x_, q_;
 };
-
-struct CloseSound {
-    void operator()(SNDFILE* file) const noexcept { sf_close(file); }
-};
-using SoundPtr = std::unique_ptr<SNDFILE, CloseSound>;
 
 // What libsndfile reads, from a file or behind a URL.
 class Sound {

@@ -1,7 +1,6 @@
 #include "recordings/piped_recording.h"
 
 #include <fcntl.h>
-#include <sndfile.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +18,7 @@
 #include "base/text.h"
 #include "recordings/input_file.h"
 #include "recordings/raw_recording.h"
+#include "recordings/sound_owner.h"
 
 namespace {
 
@@ -76,11 +76,6 @@ std::unique_ptr<PipedRecording> open_raw_pipe(const std::string& path, const Rec
 }
 
 // ---- Containers -----------------------------------------------------------------------------------------------------
-
-struct CloseSound {
-    void operator()(SNDFILE* file) const noexcept { sf_close(file); }
-};
-using SoundPtr = std::unique_ptr<SNDFILE, CloseSound>;
 
 // Samples of at most 24 bits, which floats hold exactly.
 bool fits_float(const SF_INFO& info) {

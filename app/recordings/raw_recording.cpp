@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr std::size_t PIECE_BYTES = 1 << 18;  // read at a time
+constexpr std::size_t READ_BYTES = 1 << 18;  // read at a time
 
 int64_t frames_of(const RawLayout& layout) {
     int64_t frames = 0;
@@ -29,7 +29,7 @@ class RawRecording : public Recording {
           format_(layout.format),
           channels_(static_cast<std::size_t>(layout.channels)),
           runs_(layout.runs),
-          bytes_(std::max<std::size_t>(PIECE_BYTES / layout.frame_bytes(), 1) * layout.frame_bytes()),
+          bytes_(std::max<std::size_t>(READ_BYTES / layout.frame_bytes(), 1) * layout.frame_bytes()),
           samples_(bytes_.size() / format_.bytes) {}
 
   private:

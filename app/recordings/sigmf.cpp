@@ -10,11 +10,11 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "base/console.h"
 #include "base/error.h"
+#include "base/json.h"
 #include "base/text.h"
 #include "base/utc.h"
 #include "liborvel.h"
@@ -149,7 +149,7 @@ struct Stored {
     uint64_t offset, size;
 };
 
-struct Source {
+struct Content {
     std::string json;
     std::optional<Stored> data;  // of an archive
 };
@@ -162,7 +162,7 @@ std::string read_text(const InputFile& file, const std::string& path, uint64_t o
 }
 
 // The first recording of an archive.
-Source read_archive(const std::string& path) {
+Content read_archive(const std::string& path) {
     const InputFile file(path);
     const std::vector<TarMember> members = tar_members(file);
     if (members.empty()) refuse_recording(path, "it is not a tar archive");
@@ -172,17 +172,17 @@ Source read_archive(const std::string& path) {
     if (std::ranges::count_if(members, ends(META)) > 1) {
         print_error("'" + path + "' holds several recordings, of which the first is taken");
     }
-    Source source{read_text(file, path, meta->offset, meta->size), {}};
+    Content content{read_text(file, path, meta->offset, meta->size), {}};
     const std::string data_name = sigmf_base(meta->name) + std::string(DATA);
     const auto data = std::ranges::find(members, data_name, &TarMember::name);
-    if (data == members.end()) return source;
+    if (data == members.end()) return content;
     const uint64_t there = std::min(data->size, file.size() - std::min(file.size(), data->offset));
     if (there < data->size) print_error("'" + path + "' ends before its header says");
-    source.data = Stored{path, data->offset, there};
-    return source;
+    content.data = Stored{path, data->offset, there};
+    return content;
 }
 
-Source read_source(const std::string& path) {
+Content read_content(const std::string& path) {
     if (lower_case(path).ends_with(ARCHIVE)) return read_archive(path);
     const std::string meta = sigmf_base(path) + std::string(META);
     const InputFile file(meta);
@@ -292,26 +292,26 @@ std::string sigmf_base(const std::string& path) {
 }
 
 std::string sigmf_metadata(const std::string& path) {
-    return read_source(path).json;
+    return read_content(path).json;
 }
 
 RecordingSize sigmf_size(const std::string& path, const RecordingOptions& options) {
-    const Source source = read_source(path);
-    const SigmfMetadata metadata = parse_named(path, source.json);
+    const Content content = read_content(path);
+    const SigmfMetadata metadata = parse_named(path, content.json);
     RawLayout layout = layout_of(metadata);
     const double rate = options.raw_rate ? *options.raw_rate : std::round(metadata.rate.value_or(0));
     if (rate <= MOST_RAW_RATE) layout.rate = static_cast<uint32_t>(rate);
-    return layout.size_of((source.data ? *source.data : data_of(path, metadata)).size);
+    return layout.size_of((content.data ? *content.data : data_of(path, metadata)).size);
 }
 
 std::unique_ptr<Recording> open_sigmf(const std::string& path, const RecordingOptions& options) {
-    const Source source = read_source(path);
-    const SigmfMetadata metadata = parse_named(path, source.json);
+    const Content content = read_content(path);
+    const SigmfMetadata metadata = parse_named(path, content.json);
     for (const std::string& line : metadata.passed_over)
         print_error(format("'%s': %s; it is passed over", path.c_str(), line.c_str()));
     if (metadata.metadata_only) refuse_recording(path, "it is metadata only, without samples");
-    if (!source.data && lower_case(path).ends_with(ARCHIVE)) refuse_recording(path, "it holds no .sigmf-data");
-    const Stored data = source.data ? *source.data : data_of(path, metadata);
+    if (!content.data && lower_case(path).ends_with(ARCHIVE)) refuse_recording(path, "it holds no .sigmf-data");
+    const Stored data = content.data ? *content.data : data_of(path, metadata);
     RawLayout layout = layout_of(metadata);
     layout.rate = rate_of(path, metadata, options);
     lay_out(path, metadata, data, layout);
@@ -408,7 +408,7 @@ bool is_lower(const Take& take) {
 }
 
 std::string dump(const Json& object) {
-    return object.dump(4, ' ', false, Json::error_handler_t::replace) + "\n";
+    return json_text(object, 4) + "\n";
 }
 
 }  // namespace

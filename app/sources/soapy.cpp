@@ -23,10 +23,10 @@ constexpr int LOG_ERRORS = 3;
 constexpr const char* FORMAT = "CF32";
 
 constexpr long READ_US = 200000;
-constexpr double READ_S = 0.2;
-constexpr double CLOSE_S = 3;
-constexpr double STILL_S = 10;      // without a sample: the receiver stands still
-constexpr double MOST_WAIT_S = 60;  // between attempts
+constexpr double STEP_S = 0.2;
+constexpr double STREAM_CLOSE_S = 3;
+constexpr double STILL_S = 10;       // without a sample: the receiver stands still
+constexpr double MOST_PAUSE_S = 60;  // between attempts
 constexpr double LEAST_GAP_S = 0.001;
 constexpr std::size_t BLOCK = 1 << 16;  // pairs
 
@@ -202,7 +202,7 @@ Source::State SoapyReceiver::wait_for_stream() {
     if (!opening_) {
         const double left_s = retry_at_ - monotonic_now();
         if (left_s > 0) {
-            nap(std::min(READ_S, left_s));
+            nap(std::min(STEP_S, left_s));
             return State::NONE_YET;
         }
         opening_ = std::make_shared<Opening>();
@@ -214,7 +214,7 @@ Source::State SoapyReceiver::wait_for_stream() {
             }
         });
     }
-    if (!opens_.wait(READ_S)) return State::NONE_YET;
+    if (!opens_.wait(STEP_S)) return State::NONE_YET;
     const auto opened = std::exchange(opening_, nullptr);
     if (!opened->stream) throw IoError(opened->problem);
     stream_ = opened->stream;
@@ -257,13 +257,14 @@ void SoapyReceiver::give_up_stream(const std::string& reason) {
     stream_.reset();
     if (std::exchange(complaint_, reason) != reason) tell(name_, arguments_ + ": " + reason + "; trying again");
     retry_at_ = monotonic_now() + wait_s_;
-    wait_s_ = std::min(2 * wait_s_, MOST_WAIT_S);
+    wait_s_ = std::min(2 * wait_s_, MOST_PAUSE_S);
 }
 
 void SoapyReceiver::close() {
-    const bool opened = opens_.wait(CLOSE_S);
-    const bool closed =
-        opened && Background([stream = std::exchange(stream_, nullptr)]() mutable { stream.reset(); }).wait(CLOSE_S);
+    const bool opened = opens_.wait(STREAM_CLOSE_S);
+    const bool closed = opened && Background([stream = std::exchange(stream_, nullptr)]() mutable {
+                                      stream.reset();
+                                  }).wait(STREAM_CLOSE_S);
     opening_.reset();
     if (closed) return;
     note_hang();

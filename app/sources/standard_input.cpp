@@ -17,7 +17,7 @@
 namespace {
 
 constexpr int WAIT_MS = 100;
-constexpr double READ_S = 0.25;  // at a time
+constexpr double PIECE_S = 0.25;  // at a time
 // How sound files begin, which hold more than samples.
 struct FileKind {
     std::string_view begins, name;
@@ -33,7 +33,7 @@ StandardInput::StandardInput(const SourceOptions& options)
       sample_format_(options.samples),
       channels_(options.iq ? 2 : static_cast<std::size_t>(options.channels)),
       format_{.iq = options.iq, .rate = options.rate.value_or(USUAL_RATE), .tuning = {}, .waits = true},
-      bytes_(channels_ * sample_format_.bytes * static_cast<std::size_t>(READ_S * format_.rate)) {}
+      bytes_(channels_ * sample_format_.bytes * static_cast<std::size_t>(PIECE_S * format_.rate)) {}
 
 Source::State StandardInput::read(Piece& piece) {
     piece = {};

@@ -67,8 +67,8 @@ std::string spectrum_line(const SpectrumRow& row) {
 }
 
 std::optional<SpectrumRow> parse_spectrum_line(std::string_view line) {
-    const auto object = nlohmann::json::parse(line, nullptr, false);
-    if (!object.is_object() || object.value("type", nlohmann::json()) != "spectrum") return std::nullopt;
+    const auto object = parse_json(line);
+    if (!object.is_object() || object.value("type", nlohmann::ordered_json()) != "spectrum") return std::nullopt;
     const auto number = [&](const char* name) {
         const auto field = object.find(name);
         return field != object.end() && field->is_number() ? field->get<double>() : NAN;

@@ -164,7 +164,7 @@ Json columns_of(const Spot& spot, const SpotColumns& columns) {
 
 std::string csv_cell(const Json& value) {
     if (value.is_number_float() && !std::isfinite(value.get<double>())) return "";
-    if (!value.is_string()) return value.is_null() ? "" : value.dump();
+    if (!value.is_string()) return value.is_null() ? "" : json_text(value);
     std::string text = printable(value.get<std::string>());
     if (text.find_first_of(",\"") == std::string::npos) return text;
     std::string quoted = "\"";
@@ -228,7 +228,7 @@ std::string spot_csv_names(const Spot& spot, const SpotColumns& columns) {
 }
 
 std::optional<Spot> parse_spot_line(std::string_view line) {
-    const Json object = Json::parse(line, nullptr, false);
+    const Json object = parse_json(line);
     if (!object.is_object()) return std::nullopt;
     Spot spot{};
     double snr_db = NAN;

@@ -26,8 +26,8 @@ std::string status_line(const Status& status) {
 }
 
 std::optional<Status> parse_status_line(std::string_view line) {
-    const auto object = nlohmann::json::parse(line, nullptr, false);
-    if (!object.is_object() || object.value("type", nlohmann::json()) != "status") return std::nullopt;
+    const auto object = parse_json(line);
+    if (!object.is_object() || object.value("type", nlohmann::ordered_json()) != "status") return std::nullopt;
     const auto number = [&](const char* name) -> std::optional<double> {
         const auto field = object.find(name);
         if (field == object.end() || !field->is_number()) return std::nullopt;

@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr double TICK_S = 0.01;
+constexpr double POLL_S = 0.01;
 constexpr double PATIENCE_S = 10;
 
 class CommandOutput : public Output {
@@ -45,7 +45,7 @@ class CommandOutput : public Output {
         while (!(status = child.ended())) {
             drop_output(child);
             if (monotonic_now() > end) throw IoError("'" + words_[0] + format("' takes longer than %g s", patience_s_));
-            sleep_seconds(TICK_S);
+            sleep_seconds(POLL_S);
         }
         if (*status != 0) throw IoError("'" + words_[0] + "': " + ending_text(*status));
     }

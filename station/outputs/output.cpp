@@ -46,6 +46,6 @@ std::string stored_line(const StoredSpot& stored, const Keeper& keeper) {
     nlohmann::ordered_json line;
     line["id"] = stored.id;
     line["station"] = keeper.callsign;
-    line.update(nlohmann::ordered_json::parse(spot_line(stored.spot)));
+    line.update(parse_json(spot_line(stored.spot)));
     return json_line(line);
 }

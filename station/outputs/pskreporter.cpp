@@ -14,13 +14,14 @@
 
 namespace {
 
-constexpr double PORT = 4739;
+constexpr double REPORTS_PORT = 4739;
 constexpr std::size_t MOST_AT_ONCE = 20'000;
 
 class PskReporterOutput : public Output {
   public:
     PskReporterOutput(const Values& values, Keeper keeper)
-        : datagrams_(values.text("host", "report.pskreporter.info"), static_cast<int>(values.number("port", PORT))),
+        : datagrams_(values.text("host", "report.pskreporter.info"),
+                     static_cast<int>(values.number("port", REPORTS_PORT))),
           reports_(std::move(keeper), monotonic_now(), std::random_device()()) {
         if (values.flag("doubtful")) throw UsageError("pskreporter: doubtful spots are not for others to rely on");
     }

@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr double PORT = 7300;
+constexpr double CLUSTER_PORT = 7300;
 constexpr int FREQUENCY_END = 24;
 constexpr std::size_t COMMENT = 30;
 
@@ -24,7 +24,7 @@ class TelnetOutput : public Output {
   public:
     TelnetOutput(const Values& values, const Keeper& keeper)
         : address_(values.text("address", "127.0.0.1")),
-          port_(static_cast<int>(values.number("port", PORT))),
+          port_(static_cast<int>(values.number("port", CLUSTER_PORT))),
           spotter_(values.text("spotter", keeper.callsign + "-#")),
           greeting_("Spots of " + keeper.callsign),
           limits_({.clients = static_cast<std::size_t>(values.number("most_clients", 50))}) {}

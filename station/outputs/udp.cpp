@@ -16,7 +16,7 @@ namespace {
 
 constexpr uint32_t MAGIC = 0xadbccbda;
 constexpr uint32_t SCHEMA = 2;
-constexpr double PORT = 2237;
+constexpr double DATAGRAM_PORT = 2237;
 constexpr double HEARTBEAT_S = 15;
 constexpr double DAY_S = 86400;
 constexpr double NO_SNR_DB = -99;  // there is no null
@@ -95,7 +95,7 @@ Message status_message(const std::string& id, const Keeper& keeper) {
 class UdpOutput : public Output {
   public:
     UdpOutput(const Values& values, Keeper keeper)
-        : datagrams_(values.text("host"), static_cast<int>(values.number("port", PORT)),
+        : datagrams_(values.text("host"), static_cast<int>(values.number("port", DATAGRAM_PORT)),
                      static_cast<int>(values.number("ttl", 1))),
           id_(values.text("name", "orvel")),
           keeper_(std::move(keeper)) {}

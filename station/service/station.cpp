@@ -31,7 +31,7 @@ constexpr double FORGET_EVERY_S = 3600;
 constexpr double RETRY_S = 1;                  // the store, when it does not take spots
 constexpr std::size_t MOST_WAITING = 100'000;  // spots that the store does not take
 constexpr double DAY_S = 86400;
-constexpr double MEGABYTE = 1e6;
+constexpr double MEGABYTE_BYTES = 1e6;
 constexpr double STORE_PATIENCE_S = 1800;  // before a new start is worth the spots that wait
 constexpr double TELL_EVERY_S = 1;         // viewers how all is doing
 constexpr double STOP_S = 25;              // that receivers may take to end
@@ -185,7 +185,7 @@ class Station {
         const double days = config_.store.number("keep_days", HUGE_VAL);
         std::optional<int64_t> most_bytes;
         if (config_.store.has("most_megabytes")) {
-            most_bytes = static_cast<int64_t>(config_.store.number("most_megabytes", 0) * MEGABYTE);
+            most_bytes = static_cast<int64_t>(config_.store.number("most_megabytes", 0) * MEGABYTE_BYTES);
         }
         try {
             const int64_t spots = store_.forget(utc - days * DAY_S, most_bytes);

@@ -29,7 +29,7 @@ constexpr double MOST_DAYS = 3700;
 constexpr double LAST_YEAR = 253402300799;  // UTC, of what a time can be written as
 
 WebAnswer failure(int status, const std::string& text) {
-    return {.status = status, .body = dumped(Json{{"error", text}}) + "\n"};
+    return {.status = status, .body = json_text(Json{{"error", text}}) + "\n"};
 }
 
 std::optional<uint8_t> hex_digit(char c) {
@@ -285,7 +285,7 @@ std::string Api::spots(const Query& query) {
     });
     std::ranges::reverse(all.get_ref<Json::array_t&>());
     const bool more = all.size() == limit;
-    return dumped({{"spots", std::move(all)}, {"next", more ? Json(oldest) : Json()}});
+    return json_text({{"spots", std::move(all)}, {"next", more ? Json(oldest) : Json()}});
 }
 
 std::string Api::transmissions(const Query& query) {
@@ -307,7 +307,7 @@ std::string Api::transmissions(const Query& query) {
         all.back()["hearings"].push_back(std::move(spot));
     }
     const bool more = all.size() == limit;
-    return dumped({{"transmissions", std::move(all)}, {"next", more ? Json(last) : Json()}});
+    return json_text({{"transmissions", std::move(all)}, {"next", more ? Json(last) : Json()}});
 }
 
 std::string Api::beacons() {
@@ -317,7 +317,7 @@ std::string Api::beacons() {
         one["locator"] = beacon.locator;
         all.push_back(std::move(one));
     }
-    return dumped({{"beacons", std::move(all)}});
+    return json_text({{"beacons", std::move(all)}});
 }
 
 std::string Api::curve(const Query& query) {
@@ -340,12 +340,12 @@ std::string Api::curve(const Query& query) {
         receivers.back()["points"].push_back({point.utc, point.spots, tenth(point.snr_db), tenth(point.least_snr_db),
                                               tenth(point.most_snr_db), std::round(1000 * point.freq_hz) / 1000});
     }
-    return dumped({{"call", call},
-                   {"from", from},
-                   {"until", until},
-                   {"step_s", step_s},
-                   {"columns", {"utc", "spots", "snr_db", "least_snr_db", "most_snr_db", "freq_hz"}},
-                   {"receivers", std::move(receivers)}});
+    return json_text({{"call", call},
+                      {"from", from},
+                      {"until", until},
+                      {"step_s", step_s},
+                      {"columns", {"utc", "spots", "snr_db", "least_snr_db", "most_snr_db", "freq_hz"}},
+                      {"receivers", std::move(receivers)}});
 }
 
 std::string Api::receivers(const Query& query) {
@@ -353,7 +353,7 @@ std::string Api::receivers(const Query& query) {
     if (!query.has("receiver")) {
         Json names = Json::array();
         for (const std::string& name : store().receivers()) names.push_back(name);
-        return dumped({{"receivers", receivers_json(hub_.state())}, {"known", std::move(names)}});
+        return json_text({{"receivers", receivers_json(hub_.state())}, {"known", std::move(names)}});
     }
     const double until = query.utc("until").value_or(utc_now() + 60);
     const double from = query.utc("from").value_or(until - DAY_S);
@@ -365,9 +365,9 @@ std::string Api::receivers(const Query& query) {
                            minute.noise_db ? Json(*minute.noise_db) : Json(), minute.captured_s, minute.lost_s,
                            minute.decode_s, minute.clipped});
     }
-    return dumped({{"receiver", query.text("receiver")},
-                   {"columns", {"utc", "level_db", "noise_db", "captured_s", "lost_s", "decode_s", "clipped"}},
-                   {"minutes", std::move(minutes)}});
+    return json_text({{"receiver", query.text("receiver")},
+                      {"columns", {"utc", "level_db", "noise_db", "captured_s", "lost_s", "decode_s", "clipped"}},
+                      {"minutes", std::move(minutes)}});
 }
 
 std::string Api::spectrum(const Query& query) const {
@@ -380,15 +380,15 @@ std::string Api::spectrum(const Query& query) const {
 std::string Api::status(const WebCounts& counts) {
     const StationState state = hub_.state();
     const int64_t last = store().last_number();
-    return dumped({{"version", ovl_version()},
-                   {"callsign", state.callsign},
-                   {"locator", state.locator},
-                   {"antenna", state.antenna},
-                   {"clock", clock_json()},
-                   {"receivers", receivers_json(state)},
-                   {"outputs", outputs_json(state, last)},
-                   {"store", {{"spots", last}, {"bytes", store().bytes()}, {"problem", state.store_problem}}},
-                   {"web", {{"viewers", counts.viewers}, {"dropped", counts.dropped}}}});
+    return json_text({{"version", ovl_version()},
+                      {"callsign", state.callsign},
+                      {"locator", state.locator},
+                      {"antenna", state.antenna},
+                      {"clock", clock_json()},
+                      {"receivers", receivers_json(state)},
+                      {"outputs", outputs_json(state, last)},
+                      {"store", {{"spots", last}, {"bytes", store().bytes()}, {"problem", state.store_problem}}},
+                      {"web", {{"viewers", counts.viewers}, {"dropped", counts.dropped}}}});
 }
 
 std::string Api::metrics(const WebCounts& counts) {

@@ -21,7 +21,7 @@ void Hub::tell(std::span<const StoredSpot> spots) {
     if (spots.empty()) return;
     nlohmann::ordered_json line = {{"type", "spots"}, {"spots", nlohmann::ordered_json::array()}};
     for (const StoredSpot& stored : spots) line["spots"].push_back(spot_json(stored));
-    push(dumped(line));
+    push(json_text(line));
 }
 
 void Hub::tell(const SpectrumRow& row) {
@@ -42,7 +42,7 @@ void Hub::tell(StationState state) {
                                    {"outputs", outputs_json(state, 0)},
                                    {"store_problem", state.store_problem}};
     for (auto& output : line["outputs"]) output.erase("waiting");  // it changes with each spot
-    std::string text = dumped(line);
+    std::string text = json_text(line);
     {
         const std::lock_guard guard(lock_);
         std::erase_if(rows_, [&](const auto& rows) {

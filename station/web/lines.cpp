@@ -36,7 +36,7 @@ Json receiver_json(const ReceiverState& receiver) {
 
 Json spot_json(const StoredSpot& stored) {
     Json one = {{"number", stored.number}, {"id", stored.id}, {"transmission", stored.transmission}};
-    one.update(Json::parse(spot_line(stored.spot)));
+    one.update(parse_json(spot_line(stored.spot)));
     return one;
 }
 
@@ -56,8 +56,4 @@ Json outputs_json(const StationState& state, int64_t last_number) {
                        {"since", output.since > 0 ? Json(utc_text(output.since, 0)) : Json()}});
     }
     return all;
-}
-
-std::string dumped(const Json& value) {
-    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }

@@ -1,10 +1,7 @@
 // What viewers are told, as JSON.
 #pragma once
 
-#include <nlohmann/json.hpp>
-#include <span>
-#include <string>
-
+#include "base/json.h"
 #include "store/store.h"
 #include "web/hub.h"
 
@@ -14,6 +11,3 @@ nlohmann::ordered_json spot_json(const StoredSpot& stored);
 // Receivers, outputs and the store. `last_number` is that of the latest spot.
 nlohmann::ordered_json receivers_json(const StationState& state);
 nlohmann::ordered_json outputs_json(const StationState& state, int64_t last_number);
-
-// A line without its end. Text that is not UTF-8 is shown with the replacement character.
-std::string dumped(const nlohmann::ordered_json& value);

@@ -219,6 +219,52 @@ TEST(UtcInName, IsReadInTheFormsThatReceiversWrite) {
     }
 }
 
+// As a regular expression says it.
+std::optional<double> utc_in_name_model(const std::string& name) {
+    static const std::regex DATED(
+        R"((?:^|\D)(20\d\d|\d\d)([-.]?)(\d\d)\2(\d\d)[-_T ]?(\d\d)[-:.]?(\d\d)(?:[-:.]?(\d\d))?(?!\d))");
+    for (std::sregex_iterator match(name.begin(), name.end(), DATED), end; match != end; ++match) {
+        const auto part = [&](std::size_t k) { return (*match)[k].str(); };
+        const auto utc = parse_utc((part(1).size() == 2 ? "20" : "") + part(1) + "-" + part(3) + "-" + part(4) + "T" +
+                                       part(5) + ":" + part(6) + ":" + (part(7).empty() ? "00" : part(7)),
+                                   0);
+        if (utc) return utc;
+    }
+    return std::nullopt;
+}
+
+TEST(UtcInName, IsWhatTheRegularExpressionFindsInNamesOfEveryKind) {
+    // Stamps with a few of their characters changed, dropped or doubled, and others before and after them.
+    constexpr std::string_view CHARACTERS = "0012-.:_T xZ";
+    const std::vector<std::string> stamps = {"20260301_120000", "2026-03-01T12:00:00", "260301_1200",
+                                             "01.02.03.04.05.06", "20.01-02"};
+    std::mt19937 random(5);
+    const auto below = [&](std::size_t n) { return random() % n; };
+    std::size_t read = 0;
+    for (int round = 0; round < 3000; round++) {
+        std::string name;
+        for (std::size_t k = 0; k <= below(3); k++) {
+            name += stamps[below(stamps.size())];
+            if (below(2) == 0) name += CHARACTERS[below(CHARACTERS.size())];
+        }
+        for (std::size_t k = below(4); k > 0 && !name.empty(); k--) {
+            const std::size_t at = below(name.size());
+            const char c = CHARACTERS[below(CHARACTERS.size())];
+            if (below(3) == 0) {
+                name.erase(at, 1);
+            } else if (below(2) == 0) {
+                name[at] = c;
+            } else {
+                name.insert(at, 1, c);
+            }
+        }
+        const auto expected = utc_in_name_model(name);
+        read += expected ? 1 : 0;
+        ASSERT_EQ(utc_in_name(name), expected) << name;
+    }
+    EXPECT_GT(read, 500U);
+}
+
 TEST(ParseDuration, TakesSecondsMinutesAndHours) {
     const std::vector<std::pair<std::string, double>> lengths = {
         {"90", 90},   {"90s", 90}, {"10m", 600},  {"1h", 3600},   {"1.5h", 5400}, {"0.25", 0.25},
