@@ -22,8 +22,6 @@
 
 namespace {
 
-constexpr double DAY_S = 86400;
-
 double time_of(const std::string& option, const std::string& text) {
     if (const auto ago = parse_duration(text)) return utc_now() - *ago;
     const auto utc = parse_utc(text, utc_now() - DAY_S);

@@ -1690,6 +1690,21 @@ TEST(Overlaps, ApartInFrequencyOrTimeBothRemain) {
     EXPECT_EQ(decode_pair(0, 0, 2, 33.5, -4, -4.7).calls(), both);             // one after the other on one frequency
 }
 
+// What is dropped already drops nothing and is dropped once.
+TEST(Overlaps, APhantomBetweenTwoStationsGoesAndBothRemain) {
+    const auto decoded = [](const std::vector<Station>& stations) {
+        return decode(Block(40, 33, stations), verbose_params(3, 45));
+    };
+    const Decoded orvel_between =
+        decoded({opera("F5NQL", 3, -22, -3), opera("OH1ABC", 3.03, 22, -3), orvel_s("DK2XYZ", 3.2, 0, -3.7)});
+    EXPECT_TRUE(orvel_between.says("DK2XYZ"));
+    EXPECT_EQ(orvel_between.calls(), (Calls{"F5NQL", "OH1ABC"}));
+    const Decoded opera_between =
+        decoded({opera("F5NQL", 3, 0, -4.7), orvel_s("DK2XYZ", 3.1, -20, -3), orvel_s("K1ABC", 3.2, 20, -3)});
+    EXPECT_TRUE(opera_between.says("F5NQL"));
+    EXPECT_EQ(opera_between.calls(), (Calls{"DK2XYZ", "K1ABC"}));
+}
+
 TEST(Overlaps, OneProtocolKeepsBothStations) {
     const Block block(40, 32, {opera("F5NQL", 3, 0, -5), opera("OH1ABC", 3.3, 20, -6)});
     EXPECT_EQ(decode(block, verbose_params(7)).calls(), (Calls{"F5NQL", "OH1ABC"}));

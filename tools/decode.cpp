@@ -31,7 +31,7 @@
 namespace {
 
 // The command line, as typed.
-struct Options {
+struct DecodeOptions {
     std::vector<std::string> files;
     RecordingOptions recording;
     SearchOptions search;
@@ -46,17 +46,16 @@ struct Options {
     bool verbose = false;
 };
 
-DecodingOptions decoding_of(const Options& options) {
+DecodingOptions decoding_of(const DecodeOptions& options) {
     DecodingOptions decoding{search_of(options.search, options.recording.iq), options.block_s, options.jobs};
     decoding.search.verbose = options.verbose;
     return decoding;
 }
 
 constexpr const char* START_IN_NAME = "name";
-constexpr double DAY_S = 86400;
 
 // UTC of a file's first sample, where --start gives it. Throws UsageError, or IoError for a name without a time.
-std::optional<double> start_of(const Options& options, const std::string& file) {
+std::optional<double> start_of(const DecodeOptions& options, const std::string& file) {
     if (options.start.empty()) return std::nullopt;
     if (options.start == START_IN_NAME) {
         const auto utc = utc_in_name(file);
@@ -71,7 +70,7 @@ std::optional<double> start_of(const Options& options, const std::string& file) 
 // How the spots of a file are printed.
 class Printer {
   public:
-    Printer(const Options& options, const Recording& recording) : options_(options), recording_(recording) {}
+    Printer(const DecodeOptions& options, const Recording& recording) : options_(options), recording_(recording) {}
 
     std::string heading() const {
         if (options_.json) return "";
@@ -103,7 +102,7 @@ class Printer {
         return {some_know || !options_.start.empty(), some_know || options_.recording.tuning.dial_hz.has_value()};
     }
 
-    const Options& options_;
+    const DecodeOptions& options_;
     const Recording& recording_;
 };
 
@@ -138,7 +137,7 @@ class Annotations {
 
 // Decodes a file and prints its spots in order of time, after a heading as soon as something could be decoded. Throws
 // IoError.
-void decode_file(const std::string& path, const Options& options, DecodingOptions decoding,
+void decode_file(const std::string& path, const DecodeOptions& options, DecodingOptions decoding,
                  const std::function<void(const std::string&)>& heading) {
     RecordingOptions how = options.recording;
     how.start_utc = start_of(options, path);
@@ -171,7 +170,7 @@ void decode_file(const std::string& path, const Options& options, DecodingOption
     annotations.write();
 }
 
-int decode_shard(const Options& options) {
+int decode_shard(const DecodeOptions& options) {
     const auto shard = parse_shard(*options.shard);
     if (!shard) throw UsageError("--shard: '" + *options.shard + "' is not a part of several, as 2/7");
     ShardJob job{.shard = *shard,
@@ -191,7 +190,7 @@ int decode_shard(const Options& options) {
     return decode_shard(job, write) ? EXIT_DONE : EXIT_FAILED;
 }
 
-int decode(const Options& options) {
+int decode(const DecodeOptions& options) {
     if (options.start != START_IN_NAME) start_of(options, "");
     if (!options.annotate.empty() && options.files.size() > 1) throw UsageError("--sigmf-annotate takes one recording");
     if (options.shard) return decode_shard(options);
@@ -236,7 +235,7 @@ std::string found_by(const CLI::App& sub) {
 
 void add_decode(CLI::App& app, int& status) {
     CLI::App* sub = app.add_subcommand("decode", "Decode the beacons in recordings");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<DecodeOptions>();
     sub->add_option(
            "FILE", options->files,
            "Recordings: WAV, FLAC, Ogg, AIFF, W64 and whatever else libsndfile reads, SigMF, bare samples, also as "

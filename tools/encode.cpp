@@ -21,7 +21,7 @@ namespace {
 constexpr std::size_t CHIPS_PER_LINE = 64;  // with the time in front a line fits 80 columns
 
 // The command line, as typed.
-struct Options {
+struct EncodeOptions {
     std::string protocol;  // "": ORVEL L when there is a locator, else OPERA
     std::string call;
     std::string locator;
@@ -29,7 +29,7 @@ struct Options {
     bool json = false;
 };
 
-uint32_t chosen_protocol(const Options& options) {
+uint32_t chosen_protocol(const EncodeOptions& options) {
     if (options.protocol.empty()) return options.locator.empty() ? OVL_OPERA : OVL_ORVEL_L;
     const ov_protocol* const protocol = ov_protocol_by_option(options.protocol);
     if (protocol == nullptr) {
@@ -38,7 +38,7 @@ uint32_t chosen_protocol(const Options& options) {
     return static_cast<uint32_t>(protocol->id);
 }
 
-std::vector<uint8_t> chips_of(uint32_t proto, const Options& options) {
+std::vector<uint8_t> chips_of(uint32_t proto, const EncodeOptions& options) {
     if (proto == OVL_ORVEL_L && options.locator.empty()) {
         throw UsageError("an ORVEL L frame needs a locator");
     }
@@ -73,7 +73,7 @@ bool is_utf8_terminal() {
     return false;
 }
 
-void draw_frame(uint32_t proto, const Options& options, const std::vector<uint8_t>& chips) {
+void draw_frame(uint32_t proto, const EncodeOptions& options, const std::vector<uint8_t>& chips) {
     const auto count = static_cast<int>(chips.size());
     const auto on = static_cast<int>(std::count(chips.begin(), chips.end(), 1));
     print(format("%s  %s%s%s: %d chips of %.3f s, %.3f s, %d on\n", ovl_proto_name(proto), options.call.c_str(),
@@ -89,7 +89,7 @@ void draw_frame(uint32_t proto, const Options& options, const std::vector<uint8_
     }
 }
 
-int encode(const Options& options) {
+int encode(const EncodeOptions& options) {
     const uint32_t proto = chosen_protocol(options);
     const std::vector<uint8_t> chips = chips_of(proto, options);
     if (options.json) {
@@ -112,7 +112,7 @@ int encode(const Options& options) {
 
 void add_encode(CLI::App& app, int& status) {
     CLI::App* sub = app.add_subcommand("encode", "Show the chips of one frame");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<EncodeOptions>();
     sub->add_option("CALL", options->call, "Callsign")->required();
     sub->add_option("LOCATOR", options->locator, "Grid locator of 4 or 6 characters, for ORVEL L");
     sub->add_option("--protocol", options->protocol, ov_protocol_options() + " [opera, or orvel-l with a locator]")

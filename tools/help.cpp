@@ -25,7 +25,7 @@ constexpr std::size_t LEAST_COLUMNS = 40, MOST_COLUMNS = 1000;  // that $COLUMNS
 // ---- Lines ----------------------------------------------------------------------------------------------------------
 
 // Characters of UTF-8, of which each takes a column.
-std::size_t columns_of(std::string_view text) {
+std::size_t characters_in(std::string_view text) {
     const auto begins = [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; };
     return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), begins));
 }
@@ -37,7 +37,7 @@ std::string wrap(const std::string& text, std::size_t indent, std::size_t width)
     std::string wrapped;
     std::size_t column = indent;
     for (std::string word; words >> word;) {
-        const std::size_t length = columns_of(word);
+        const std::size_t length = characters_in(word);
         if (column > indent && column + 1 + length > width) {
             wrapped += '\n' + std::string(indent, ' ');
             column = indent;
@@ -64,10 +64,10 @@ std::string wrap_lines(const std::string& text, std::size_t width) {
     std::istringstream lines(text);
     std::string wrapped;
     for (std::string line; std::getline(lines, line);) {
-        if (columns_of(line) > width) {
+        if (characters_in(line) > width) {
             const std::string rest = line.substr(head_of(line));
             line.resize(line.size() - rest.size());
-            line += wrap(rest, columns_of(line), width);
+            line += wrap(rest, characters_in(line), width);
         }
         wrapped += line + '\n';
     }
@@ -194,7 +194,7 @@ std::string HelpFormatter::entry(const std::string& name, const std::string& des
     std::string text = "  " + name;
     if (!description.empty()) {
         const std::size_t columns = get_column_width();
-        const std::size_t taken = columns_of(text);
+        const std::size_t taken = characters_in(text);
         text += taken + NAME_GAP > columns ? "\n" + std::string(columns, ' ') : std::string(columns - taken, ' ');
         text += wrap(description, columns, width_);
     }

@@ -38,12 +38,11 @@ constexpr int32_t MAX_CHANNELS = 16;
 constexpr int32_t MIN_RATE = 8000;
 constexpr int32_t MAX_RATE = 384000;
 constexpr int32_t MAX_IQ_RATE = 3200000;
-constexpr double DAY_S = 86400;
 constexpr std::size_t MAX_LINES = 10000;  // that wait to be printed
 constexpr double SPOT_FILE_S = 120;       // recordings of which only those with spots are kept
 
 // The command line, as typed.
-struct Options {
+struct ListenOptions {
     SearchOptions search;
     ListenerOptions listener;
     SaidTuning tuning;
@@ -70,7 +69,7 @@ struct Options {
 // What listening prints: lines on standard output, and the levels on the status line.
 class Output {
   public:
-    explicit Output(const Options& options) : options_(options) {}
+    explicit Output(const ListenOptions& options) : options_(options) {}
 
     // From any thread. An output that stands still delays nobody.
     void spot(const Found& found, Standing standing, const std::string& receiver, const std::optional<Tuning>& tuning) {
@@ -140,14 +139,14 @@ class Output {
         }
     }
 
-    const Options& options_;
+    const ListenOptions& options_;
     bool with_rf_ = false;
     LineQueue queue_{MAX_LINES};
     std::atomic<bool> dropped_ = false;
     StatusLine line_;
 };
 
-std::optional<double> start_of(const Options& options) {
+std::optional<double> start_of(const ListenOptions& options) {
     if (options.start.empty()) return std::nullopt;
     const auto start = parse_utc(options.start, utc_now() - DAY_S);  // a time of day is the latest such one
     if (!start) throw UsageError("--start: '" + options.start + "' is not a UTC time");
@@ -179,7 +178,7 @@ double duration_of(const std::string& option, const std::string& text, double mi
     return *seconds;
 }
 
-std::optional<RecorderOptions> recording_of(const Options& options) {
+std::optional<RecorderOptions> recording_of(const ListenOptions& options) {
     if (options.record.empty()) return std::nullopt;
     RecorderOptions recording{.directory = options.record};
     if (!options.around_spots.empty()) {
@@ -208,7 +207,7 @@ NamedSource split_receiver(const std::string& text) {
     return {text.substr(0, equals), text.substr(equals + 1)};
 }
 
-std::vector<NamedSource> sources_of(const Options& options) {
+std::vector<NamedSource> sources_of(const ListenOptions& options) {
     if (!options.named()) return {{"", options.from_stdin ? "-" : options.device}};
     std::vector<NamedSource> sources;
     for (const std::string& text : options.receivers) {
@@ -225,7 +224,7 @@ std::vector<NamedSource> sources_of(const Options& options) {
 }
 
 // Some options are about standard input alone, or besides about sound devices.
-void require_what_options_are_about(const Options& options, const std::vector<NamedSource>& sources) {
+void require_what_options_are_about(const ListenOptions& options, const std::vector<NamedSource>& sources) {
     const auto any = [&](auto kind) { return std::ranges::any_of(sources, kind, &NamedSource::source); };
     if (options.iq && !any([](const std::string& source) { return source == "-" || is_sound_device(source); })) {
         throw UsageError("--iq: is for standard input and sound devices; the other sources are always I/Q");
@@ -240,7 +239,7 @@ void require_what_options_are_about(const Options& options, const std::vector<Na
 
 using Receivers = std::vector<std::unique_ptr<Receiver>>;
 
-Receivers open_receivers(const Options& options, const Search& search, Output& output) {
+Receivers open_receivers(const ListenOptions& options, const Search& search, Output& output) {
     const std::vector<NamedSource> sources = sources_of(options);
     require_what_options_are_about(options, sources);
     const auto start = start_of(options);
@@ -323,7 +322,7 @@ bool run(const Receivers& receivers, Output& output) {
     return written && output.pass_on(0);
 }
 
-int listen(const Options& options) {
+int listen(const ListenOptions& options) {
     const int32_t max_rate = options.iq ? MAX_IQ_RATE : MAX_RATE;
     if (options.rate && (*options.rate < MIN_RATE || *options.rate > max_rate)) {
         throw UsageError(format("--rate: %d to %d Hz", MIN_RATE, max_rate));
@@ -342,7 +341,7 @@ int listen(const Options& options) {
 
 void add_listen(CLI::App& app, int& status) {
     CLI::App* sub = app.add_subcommand("listen", "Decode beacons as they come, from a sound device or standard input");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ListenOptions>();
     CLI::Option* device =
         sub->add_option("--device", options->device,
                         "Number of the device or a part of its name, or another source [the default input]")

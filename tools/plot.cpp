@@ -30,11 +30,10 @@ namespace {
 
 constexpr double LONGEST_FRAME_S = 42;  // and a little more
 constexpr double AROUND = 1.1;          // the search is shown with a margin
-constexpr double DAY_S = 86400;
-constexpr double MOST_DB = 300;  // that levels can be apart
+constexpr double MOST_DB = 300;         // that levels can be apart
 
 // The command line, as typed.
-struct Options {
+struct PlotOptions {
     std::string file;
     std::string output;
     RecordingOptions recording;
@@ -58,7 +57,7 @@ struct Plan {
     DecodingOptions decoding;
 };
 
-PictureLayout layout_of(const Options& options) {
+PictureLayout layout_of(const PlotOptions& options) {
     const auto format = picture_format(options.output);
     if (!format) throw UsageError("--output: '" + options.output + "' does not end in .png, .svg or .pdf");
     const std::string name = std::filesystem::path(options.file).filename().string();
@@ -68,14 +67,14 @@ PictureLayout layout_of(const Options& options) {
     return layout;
 }
 
-std::optional<double> start_of(const Options& options) {
+std::optional<double> start_of(const PlotOptions& options) {
     if (options.start.empty()) return std::nullopt;
     const auto start = parse_utc(options.start, utc_now() - DAY_S);
     if (!start) throw UsageError("--start: '" + options.start + "' is not a UTC time");
     return start;
 }
 
-std::optional<Range> levels_of(const Options& options) {
+std::optional<Range> levels_of(const PlotOptions& options) {
     if (options.range.empty()) return std::nullopt;
     const Range levels = range_of("--range", options.range);
     if (std::max(std::abs(levels.low), std::abs(levels.high)) > MOST_DB) {
@@ -84,7 +83,7 @@ std::optional<Range> levels_of(const Options& options) {
     return levels;
 }
 
-Plan make_plan(const Options& options) {
+Plan make_plan(const PlotOptions& options) {
     Plan plan;
     plan.layout = layout_of(options);
     plan.recording = options.recording;
@@ -118,7 +117,7 @@ Range shown_band(const Search& search, int32_t rate) {
 }
 
 // The part of a recording that is shown.
-View choose_view(const Options& options, const Search& search, const Recording& recording) {
+View choose_view(const PlotOptions& options, const Search& search, const Recording& recording) {
     View view{};
     view.from_s = std::max(options.from_s.value_or(0), 0.0);
     view.to_s = std::min(options.to_s.value_or(recording.seconds()), recording.seconds());
@@ -163,7 +162,7 @@ std::vector<ov_spot> find_spots(const Plan& plan, Recording& recording, const Vi
 }
 
 // The frame that --chips names by number or callsign.
-const ov_spot& choose_spot(const Options& options, const std::vector<ov_spot>& spots) {
+const ov_spot& choose_spot(const PlotOptions& options, const std::vector<ov_spot>& spots) {
     if (spots.empty()) throw IoError("no frame found in '" + options.file + "'");
     std::size_t number = 0;
     const char* const end = options.chips.data() + options.chips.size();
@@ -179,7 +178,7 @@ const ov_spot& choose_spot(const Options& options, const std::vector<ov_spot>& s
     return *found;
 }
 
-std::string draw_chips_of(const Options& options, const Plan& plan, Recording& recording,
+std::string draw_chips_of(const PlotOptions& options, const Plan& plan, Recording& recording,
                           const std::vector<ov_spot>& spots) {
     const ov_spot& spot = choose_spot(options, spots);
     const auto view = measure_chips(recording, spot);
@@ -187,7 +186,7 @@ std::string draw_chips_of(const Options& options, const Plan& plan, Recording& r
     return draw_chips(plan.layout, *view, recording.tuning(0.5 * (spot.t + spot_end(spot))));
 }
 
-std::string draw_waterfall_of(const Options& options, const Plan& plan, Recording& recording, const View& view,
+std::string draw_waterfall_of(const PlotOptions& options, const Plan& plan, Recording& recording, const View& view,
                               const std::vector<ov_spot>& spots, const std::function<void(double)>& progress) {
     const auto tuning = recording.tuning(view.from_s);
     const auto room = waterfall_area(plan.layout, tuning.has_value());
@@ -206,7 +205,7 @@ std::string draw_waterfall_of(const Options& options, const Plan& plan, Recordin
 }
 
 // Decodes, then draws: to the user one job, of the seconds of recording that either reads.
-std::string draw(const Options& options, const Plan& plan, Recording& recording) {
+std::string draw(const PlotOptions& options, const Plan& plan, Recording& recording) {
     const View view = choose_view(options, plan.decoding.search, recording);
     const TimeSpan decoded = options.no_decode ? TimeSpan{view.from_s, view.from_s} : decoded_span(recording, view);
     const double drawn_s = options.chips.empty() ? view.to_s - view.from_s : 0;
@@ -219,7 +218,7 @@ std::string draw(const Options& options, const Plan& plan, Recording& recording)
                              [&](double done_s) { progress.show(decoded.length_s() + done_s, found(spots.size())); });
 }
 
-int plot(const Options& options) {
+int plot(const PlotOptions& options) {
     Plan plan = make_plan(options);
     try {
         const auto recording = open_recording(options.file, plan.recording);
@@ -235,7 +234,7 @@ int plot(const Options& options) {
 
 void add_plot(CLI::App& app, int& status) {
     CLI::App* sub = app.add_subcommand("plot", "Draw a recording and the frames in it");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<PlotOptions>();
     sub->add_option("FILE", options->file, "Recording, as for decode")->required();
     sub->add_option("-o,--output", options->output, "Picture to write: .png, .svg or .pdf")
         ->required()

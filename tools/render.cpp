@@ -15,7 +15,7 @@ namespace {
 constexpr int32_t BLOCK = 4096;  // samples rendered at a time
 
 // The command line, as typed.
-struct Options {
+struct RenderOptions {
     Transmission transmission;
     std::string output;
     std::string sample_format = "s16";
@@ -30,7 +30,7 @@ void write_all(SoundWriter& file, ovl_transmitter* tx) {
     }
 }
 
-int render(const Options& options) {
+int render(const RenderOptions& options) {
     const bool s16 = is_s16(options.sample_format);
     const SoundWriter::Container container = container_of(options.output, s16);
     const TransmitterPtr tx = make_transmitter();
@@ -47,7 +47,7 @@ int render(const Options& options) {
 
 void add_render(CLI::App& app, int& status) {
     CLI::App* sub = app.add_subcommand("render", "Write a transmission into a sound file");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RenderOptions>();
     add_transmission_options(*sub, options->transmission);
     sub->add_option("-o,--output", options->output, "File to write: .wav or .flac")->required()->type_name("FILE");
     sub->add_option("--format", options->sample_format, "Samples of the file: s16 (16-bit) or float [s16]")

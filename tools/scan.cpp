@@ -26,7 +26,7 @@ namespace {
 constexpr int32_t MAX_HITS = 1000;  // in a block
 
 // The command line, as typed.
-struct Options {
+struct ScanOptions {
     std::vector<std::string> files;
     RecordingOptions recording;
     std::optional<std::string> band;
@@ -42,7 +42,7 @@ std::string row(const std::string& from, const std::string& to, const std::strin
     return line + format("  %7s\n", z.c_str());
 }
 
-void print_hits(const Options& options, const Recording& recording, const BlockSpan& block,
+void print_hits(const ScanOptions& options, const Recording& recording, const BlockSpan& block,
                 const std::vector<ov_hit>& hits) {
     const auto tuning = recording.tuning(block.begin_s + 0.5 * block.length_s);
     for (const ov_hit& hit : hits) {
@@ -64,7 +64,7 @@ void print_hits(const Options& options, const Recording& recording, const BlockS
 }
 
 // Throws IoError.
-void scan_file(const std::string& path, const Options& options, const std::function<void(bool with_rf)>& heading) {
+void scan_file(const std::string& path, const ScanOptions& options, const std::function<void(bool with_rf)>& heading) {
     const auto recording = open_recording(path, options.recording);
     heading(recording->tuning(recording->seconds()).has_value());
     Progress progress("'" + path + "'", recording->seconds(), std::nullopt);
@@ -90,7 +90,7 @@ void scan_file(const std::string& path, const Options& options, const std::funct
     }
 }
 
-int scan(const Options& options) {
+int scan(const ScanOptions& options) {
     if (options.band) range_of("--band", *options.band);
     int status = EXIT_DONE;
     bool first = true;
@@ -120,7 +120,7 @@ int scan(const Options& options) {
 
 void add_scan(CLI::App& app, int& status) {
     CLI::App* sub = app.add_subcommand("scan", "List the frequencies at which recordings hold something keyed");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ScanOptions>();
     sub->add_option("FILE", options->files, "Recordings, as for decode")->required();
     add_recording_options(*sub, options->recording);
     sub->add_option("--band", options->band, "Band, as -20000:20000 [all that the sample rate holds]")

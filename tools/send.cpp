@@ -30,7 +30,7 @@ constexpr double STALL_S = 5;  // without a sample rendered: the device has stal
 constexpr double CLOSE_S = 3;  // time that a device gets to close
 
 // The command line, as typed.
-struct Options {
+struct SendOptions {
     Transmission transmission;
     std::string device;
     std::string at;
@@ -50,7 +50,7 @@ struct Schedule {
     int32_t times = 1;  // 0 = no limit
 };
 
-Schedule make_schedule(const Options& options, double total_s) {
+Schedule make_schedule(const SendOptions& options, double total_s) {
     Schedule schedule;
     if (!options.at.empty()) {
         const auto start = parse_utc(options.at, utc_now());
@@ -102,7 +102,7 @@ const char* name_of(Outcome outcome) {
     return "";
 }
 
-std::unique_ptr<Ptt> ptt_of(const Options& options) {
+std::unique_ptr<Ptt> ptt_of(const SendOptions& options) {
     if (options.ptt_command) return make_command_ptt(*options.ptt_command);
     return options.ptt ? make_ptt(*options.ptt) : nullptr;
 }
@@ -200,7 +200,7 @@ Outcome send_once(ovl_audio* audio, ovl_transmitter* tx, int32_t device, const T
     return outcome;
 }
 
-int send(const Options& options) {
+int send(const SendOptions& options) {
     const TransmitterPtr tx = make_transmitter();
     start_transmitter(tx.get(), options.transmission);  // what cannot be sent is refused before any waiting
     Schedule schedule = make_schedule(options, total_seconds(tx.get()));
@@ -230,7 +230,7 @@ int send(const Options& options) {
 
 void add_send(CLI::App& app, int& status) {
     CLI::App* sub = app.add_subcommand("send", "Play a transmission on a sound device");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<SendOptions>();
     add_transmission_options(*sub, options->transmission);
     sub->add_option("--device", options->device, "Number of the device or a part of its name [the default output]")
         ->type_name("DEVICE");

@@ -29,12 +29,11 @@
 namespace {
 
 constexpr double TAIL_S = 2;  // after the last frame
-constexpr double DAY_S = 86400;
 constexpr double MOST_SECONDS = 7 * 86400;
 constexpr std::size_t MOST_STATIONS = 1000;
 
 // The command line, as typed.
-struct Options {
+struct SimulateOptions {
     std::vector<std::string> stations;
     std::string stations_file;
     std::string output;
@@ -82,11 +81,11 @@ void check_level(const std::string& option, double level_db) {
 }
 
 // Whether all frequencies from low to high fit the band that the sample rate holds.
-bool in_band(const Options& options, double low_hz, double high_hz) {
+bool in_band(const SimulateOptions& options, double low_hz, double high_hz) {
     return low_hz > (options.iq ? -0.5 * options.rate : 0.0) && high_hz < 0.5 * options.rate;
 }
 
-std::vector<SimStation> all_stations(const Options& options) {
+std::vector<SimStation> all_stations(const SimulateOptions& options) {
     const double default_freq_hz = options.iq ? 0 : 1500;
     std::vector<SimStation> stations;
     if (!options.stations_file.empty()) stations = read_stations(options.stations_file, default_freq_hz);
@@ -102,7 +101,7 @@ std::vector<SimStation> all_stations(const Options& options) {
     return stations;
 }
 
-SimScene scene_of(const Options& options) {
+SimScene scene_of(const SimulateOptions& options) {
     SimScene scene;
     scene.rate = options.rate;
     scene.iq = options.iq;
@@ -146,7 +145,7 @@ void write_truth(const std::string& path, const SimScene& scene) {
 }
 
 // What SigMF says of the first sample.
-Take take_of(const Options& options) {
+Take take_of(const SimulateOptions& options) {
     Take take;
     take.tuning = options.tuning.over();
     if (options.start.empty()) return take;
@@ -167,7 +166,7 @@ std::unique_ptr<SampleWriter> make_writer(const std::string& path, const SimScen
     return std::make_unique<SigmfArchiveWriter>(path, format, take, scene.frames());
 }
 
-int simulate(const Options& options) {
+int simulate(const SimulateOptions& options) {
     const bool s16 = is_s16(options.sample_format);
     if (!is_sigmf(options.output)) container_of(options.output, s16);
     const SimScene scene = scene_of(options);
@@ -200,7 +199,7 @@ int simulate(const Options& options) {
 
 void add_simulate(CLI::App& app, int& status) {
     CLI::App* sub = app.add_subcommand("simulate", "Write a recording of simulated stations, and the truth about it");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<SimulateOptions>();
     sub->add_option("STATION", options->stations, "Stations, as opera=K2QRX,freq=1450,snr=-18,start=3.5");
     sub->add_option("--stations", options->stations_file,
                     "File of stations: one JSON object per line, or an array, with the fields of a truth file")

@@ -12,7 +12,6 @@
 
 namespace {
 
-constexpr double DAY_S = 86400;
 constexpr double MAX_DURATION_S = 1e9;
 
 // Takes a number of exactly `digits` digits, at most `highest`, from the front of a text.

@@ -4,6 +4,8 @@
 #include <optional>
 #include <string>
 
+inline constexpr double DAY_S = 86400;
+
 // The wall clock.
 double utc_now();
 

@@ -1,4 +1,5 @@
 #include "pictures/axis.h"
+#include "base/utc.h"
 
 #include <algorithm>
 #include <array>
@@ -10,7 +11,6 @@ namespace {
 
 constexpr double PLAIN_S = 120;  // longer times are shown in minutes or hours
 constexpr double HOUR_S = 3600;
-constexpr double DAY_S = 86400;
 constexpr const char* MINUS = "\u2212";
 
 // The multiples of a step from low to high.

@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr double DAY_S = 86400;
 constexpr double LEAST_S = 60, LEAST_DB = 6, LEAST_HZ = 2;  // that an axis shows
 constexpr double MARGIN = 0.05;                             // of it, beyond the points
 constexpr double LEAST_AREA = 40;                           // pixels each way

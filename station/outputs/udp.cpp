@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "base/interrupts.h"
+#include "base/utc.h"
 #include "outputs/datagrams.h"
 #include "outputs/types.h"
 #include "outputs/udp_request.h"
@@ -18,7 +19,6 @@ constexpr uint32_t MAGIC = 0xadbccbda;
 constexpr uint32_t SCHEMA = 2;
 constexpr double DATAGRAM_PORT = 2237;
 constexpr double HEARTBEAT_S = 15;
-constexpr double DAY_S = 86400;
 constexpr double NO_SNR_DB = -99;  // there is no null
 
 constexpr uint32_t NONE = 0xffffffff;  // a number that does not apply

@@ -30,7 +30,6 @@ constexpr int POLL_MS = 200;
 constexpr double FORGET_EVERY_S = 3600;
 constexpr double RETRY_S = 1;                  // the store, when it does not take spots
 constexpr std::size_t MOST_WAITING = 100'000;  // spots that the store does not take
-constexpr double DAY_S = 86400;
 constexpr double MEGABYTE_BYTES = 1e6;
 constexpr double STORE_PATIENCE_S = 1800;  // before a new start is worth the spots that wait
 constexpr double TELL_EVERY_S = 1;         // viewers how all is doing

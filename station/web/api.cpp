@@ -24,7 +24,6 @@ constexpr std::size_t USUAL_SPOTS = 100;
 constexpr std::size_t MOST_SPOTS = 1000;
 constexpr std::size_t MOST_POINTS = 2000;
 constexpr std::size_t USUAL_POINTS = 400;
-constexpr double DAY_S = 86400;
 constexpr double MOST_DAYS = 3700;
 constexpr double LAST_YEAR = 253402300799;  // UTC, of what a time can be written as
 

@@ -207,9 +207,9 @@ class SliceSearch : public testing::Test {
         ASSERT_EQ(encode_frame(*ov_protocol_by_id(OVL_ORVEL_S), call, nullptr, chips.data()), 0);
         band::add_frame(samples, chips, {1.5, f, 0}, 1.2);
     }
-    std::vector<ov_coherent_spot> search(std::span<const ov_spot> found = {}) {
+    std::vector<ov_coherent_spot> search(std::span<const ov_spot> found = {}, bool known = false) {
         const ov_baseband baseband = {samples.data(), static_cast<int32_t>(samples.size()), band::RATE, 1000};
-        return search_slice(baseband, 20, params, settings, make_groups(params, false), found);
+        return search_slice(baseband, 20, params, settings, make_groups(params, known), found);
     }
 
     ov_params params{};
@@ -256,6 +256,32 @@ TEST_F(SliceSearch, KeepsToTheDriftAndTheSnrAsked) {
     ASSERT_EQ(other.size(), 2u);
     const double share_db = ov_protocol_by_id(OVL_ORVEL_S)->on_share_db;
     for (std::size_t k = 0; k < 2; k++) EXPECT_NEAR(usual[k].spot.snr - other[k].spot.snr, share_db, 0.1);
+}
+
+TEST_F(SliceSearch, AFrameBelongsToTheWindowByItsStartAndNotByTheNearestOfTheGrid) {
+    ov_spot other{};
+    std::strncpy(other.call, "K1ABC", sizeof other.call - 1);
+    other.protocol = OVL_ORVEL_S;
+    other.freq = 1009;
+    other.t = 1.5;
+    ovc_known known{};
+    ASSERT_EQ(ovc_known_init("OH2XYZ", &known), 0);
+    params.known = &known;
+    params.n_known = 1;
+    double highest_known = -1e9;
+    settings.highest_known_fit = &highest_known;
+    for (const bool by_name : {false, true}) {
+        settings.places = by_name ? 0 : 8;  // the search for known callsigns has its own
+        params.start_max = 1.55;
+        const auto inside = search(std::array{other}, by_name);
+        ASSERT_EQ(inside.size(), 1u);
+        EXPECT_STREQ(inside[0].spot.call, "OH2XYZ");
+        EXPECT_EQ(inside[0].spot.deep, by_name ? OV_COHERENT_KNOWN : OV_COHERENT);
+        EXPECT_NEAR(inside[0].spot.t, 1.5, 0.01);
+        EXPECT_EQ(highest_known, by_name ? inside[0].spot.score : -1e9);
+        params.start_max = 1.49;  // a place may begin there a quarter of a chip earlier
+        EXPECT_TRUE(search(std::array{other}, by_name).empty());
+    }
 }
 
 // A frame of a protocol that is not asked for is the best explanation of itself.

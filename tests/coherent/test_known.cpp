@@ -135,6 +135,27 @@ TEST(KnownCallsigns, FitBestWhereTheirDefinitionSays) {
     }
 }
 
+// A strong frame keys like every word in part: more hits than are measured.
+TEST(KnownCallsigns, TheOneThatWasSentIsFirstAmongHundreds) {
+    const ov_protocol& orvel_s = *ov_protocol_by_id(OVL_ORVEL_S);
+    std::vector<KnownWord> words;
+    for (char a = 'A'; a <= 'J'; a++) {
+        for (char b = 'A'; b <= 'H'; b++) words.push_back(known_word(orvel_s, (std::string("DL1X") + a + b).c_str()));
+    }
+    Random random(73);
+    Samples samples = noise(random, 34);
+    add_frame(samples, chips_of(orvel_s, "DL1XEC"), {1.7, 0.4, 0}, 4);
+    const Whitened block = as_white(samples);
+    const auto map = segment_map(block, 8, 6);
+    ASSERT_TRUE(map);
+    const std::vector<Frame> found = find_known(block, *map, {2, 0.02, 0.2, -1e9, 1e9}, words);
+    ASSERT_FALSE(found.empty());
+    EXPECT_LE(found.size(), 20u);
+    EXPECT_STREQ(found[0].message.call, "DL1XEC");
+    EXPECT_NEAR(found[0].at.start_s, 1.7, 0.02);
+    for (const Frame& frame : found) EXPECT_LE(frame.likelihood, found[0].likelihood);
+}
+
 TEST(KnownCallsigns, OfNoneThereIsNoFrame) {
     Random random(72);
     const Whitened block = as_white(noise(random, 40));
