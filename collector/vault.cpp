@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr double DAY_S = 86400;
 constexpr int DAYS_AHEAD = 3;
 constexpr double AHEAD_EVERY_S = 3600;
 constexpr int PRESENCE = 1'000'000;  // among a network's locks: beyond all shares
