@@ -1,22 +1,19 @@
 // orvel-station: what `orvel station` and `orvel spots` run.
 #include <CLI/CLI.hpp>
-#include <csignal>
-#include <exception>
-#include <new>
 #include <string>
 
 #include "base/child.h"
 #include "base/console.h"
 #include "base/error.h"
 #include "demo/demo.h"
+#include "exit_status.h"
 #include "liborvel.h"
+#include "program.h"
 #include "service/doctor.h"
 #include "service/station.h"
 #include "spots_command.h"
 
 namespace {
-
-constexpr int EXIT_USAGE = 2;
 
 std::string orvel_command() {
     std::string program = find_beside("orvel");
@@ -25,7 +22,7 @@ std::string orvel_command() {
 }
 
 int run_command(int argc, char** argv) {
-    int status = EXIT_SUCCESS;
+    int status = EXIT_DONE;
     CLI::App app("A station that listens for months: receivers in, spots kept and passed on", "orvel-station");
     app.set_version_flag("--version", std::string("orvel-station ") + ovl_version());
     app.require_subcommand(1);
@@ -36,42 +33,20 @@ int run_command(int argc, char** argv) {
     run->callback([&] { status = run_station(file, orvel_command()); });
     CLI::App* check = app.add_subcommand("check", "Print every mistake of a configuration, with its line and column");
     check->add_option("FILE", file, "Configuration")->required();
-    check->callback([&] { status = check_station(file) ? EXIT_SUCCESS : EXIT_USAGE; });
+    check->callback([&] { status = check_station(file) ? EXIT_DONE : EXIT_USAGE; });
     CLI::App* doctor = app.add_subcommand("doctor", "Look after receivers, clock, disk and outputs: a line each");
     doctor->add_option("FILE", file, "Configuration")->required();
-    doctor->callback([&] { status = examine_station(file, orvel_command()) ? EXIT_SUCCESS : EXIT_FAILURE; });
+    doctor->callback([&] { status = examine_station(file, orvel_command()) ? EXIT_DONE : EXIT_FAILED; });
     CLI::App* demo = app.add_subcommand("demo", "Show the page, with simulated beacons on simulated receivers");
     demo->callback([&] { status = run_demo(orvel_command()); });
     add_spots(app, status);
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp&) {
-        print(app.help());
-    } catch (const CLI::CallForVersion& version) {
-        print(std::string(version.what()) + "\n");
-    } catch (const CLI::ParseError& error) {
-        print_error(error.what());
-        status = EXIT_USAGE;
-    } catch (const UsageError& error) {
-        print_error(error.what());
-        status = EXIT_USAGE;
-    }
-    if (!flush_output() && status == EXIT_SUCCESS) status = EXIT_FAILURE;
-    return status;
+    return run_command_line(
+        app, [&] { app.parse(argc, argv); }, status);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGXFSZ, SIG_IGN);
-    try {
-        return run_command(argc, argv);
-    } catch (const std::bad_alloc&) {
-        print_error("memory is short");
-    } catch (const std::exception& error) {
-        print_error(error.what());
-    }
-    return EXIT_FAILURE;
+    return run_program([&] { return run_command(argc, argv); });
 }

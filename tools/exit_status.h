@@ -1,4 +1,4 @@
-// How the command ends.
+// How our programs end.
 #pragma once
 
 enum ExitStatus : int {

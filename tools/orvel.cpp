@@ -1,11 +1,8 @@
 // orvel: the library at the command line. Each subcommand has its own file.
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <csignal>
 #include <cstdlib>
-#include <exception>
 #include <memory>
-#include <new>
 #include <numeric>
 #include <span>
 #include <string>
@@ -18,6 +15,7 @@
 #include "exit_status.h"
 #include "help.h"
 #include "liborvel.h"
+#include "program.h"
 #include "sources/source.h"
 #include "subcommands.h"
 
@@ -93,38 +91,16 @@ int run_command(int argc, char** argv) {
         std::fputs(app.help().c_str(), stderr);
         return EXIT_USAGE;
     }
-    try {
+    const auto parse = [&] {
         if (!answer(app, std::span(argv + 1, static_cast<std::size_t>(argc - 1)))) app.parse(argc, argv);
-    } catch (const CLI::CallForHelp&) {
-        print(app.help());
-    } catch (const CLI::CallForVersion& version) {
-        print(std::string(version.what()) + "\n");
-    } catch (const CLI::ParseError& error) {
-        print_error(error.what());
-        status = EXIT_USAGE;
-    } catch (const UsageError& error) {
-        print_error(error.what());
-        status = EXIT_USAGE;
-    }
-    if (!flush_output() && status == EXIT_DONE) status = EXIT_FAILED;
-    return status;
+    };
+    return run_command_line(app, parse, status);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Writing into a pipe that nobody reads, or beyond the limit of a file's size, is then an error like any other, not
-    // the end of the process.
-    std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGXFSZ, SIG_IGN);
-    int status = EXIT_FAILED;
-    try {
-        status = run_command(argc, argv);
-    } catch (const std::bad_alloc&) {
-        print_error("memory is short");
-    } catch (const std::exception& error) {
-        print_error(error.what());
-    }
+    const int status = run_program([&] { return run_command(argc, argv); });
     if (any_source_hangs()) {
         flush_output();
         std::_Exit(EXIT_FAILED);
