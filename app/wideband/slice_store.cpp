@@ -7,6 +7,7 @@
 namespace {
 
 constexpr float MOST = 32767;
+constexpr float LEAST = 1e-30F;  // of a chunk that is not silence: units per sample stay finite
 
 // Magnitudes compare as their bits do, and of integers a compiler takes several at once.
 float greatest_of(const float* values, std::size_t n) {
@@ -56,7 +57,7 @@ void SliceStore::store_chunk(std::size_t slice) {
     auto& begun = slices_[slice].begun;
     const auto* const values = reinterpret_cast<const float*>(begun.data());
     const float greatest = greatest_of(values, 2 * CHUNK);
-    const float units = greatest > 0 ? MOST / greatest : 0;
+    const float units = greatest >= LEAST ? MOST / greatest : 0;
     const std::size_t chunk = place(slice, slices_[slice].chunks++);
     scales_[chunk] = greatest / MOST;
     Pair* const pairs = pairs_.get() + chunk * CHUNK;

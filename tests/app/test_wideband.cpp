@@ -326,6 +326,17 @@ TEST(ChanneliserSlices, MemoryThatRunsOutIsThrownAndNothingIsLost) {
 
 // ---- What is kept of the slices -------------------------------------------------------------------------------------
 
+TEST(SliceStore, TakesWhatIsNextToNothingForSilence) {
+    for (const float level : {1e-40F, 1e-36F}) {
+        SliceStore store(1, 2 * SliceStore::CHUNK);
+        store.append(0, std::vector<std::complex<float>>(SliceStore::CHUNK, {level, -level}));
+        std::vector<std::complex<float>> out(1, 1);
+        store.copy(0, 0, out);
+        EXPECT_LE(std::abs(out[0]), 2 * level) << level;
+        EXPECT_GE(out[0].real(), 0) << level;
+    }
+}
+
 TEST(SliceStore, GivesBackTheNewestSamplesOfEverySliceAlmostAsTheyCame) {
     SliceStore store(2, 2000);
     std::vector<std::complex<float>> sent[2];
