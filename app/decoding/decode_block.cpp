@@ -59,13 +59,13 @@ bool is_among(std::span<const Found> all, const Found& spot) {
     return std::ranges::any_of(all, [&](const Found& other) { return is_same_frame(spot, other); });
 }
 
-// One protocol after the other, until the standard search finds a frame that is not known.
+// One protocol after the other, until the standard search finds a frame that is not among those taken out.
 std::optional<std::vector<Found>> decode_in_turn(const ov_baseband& baseband, const ov_params& params, double minutes,
-                                                 std::span<const Found> known) {
+                                                 std::span<const Found> taken_out) {
     static constexpr int32_t TURNS[] = {OVL_OPERA, OVL_ORVEL_S, OVL_ORVEL_L};
     const auto is_enough = [&](std::span<const ov_spot> spots) {
         return std::ranges::any_of(spots,
-                                   [&](const ov_spot& spot) { return spot.deep == 0 && !is_among(known, {spot}); });
+                                   [&](const ov_spot& spot) { return spot.deep == 0 && !is_among(taken_out, {spot}); });
     };
     std::vector<ov_spot> spots(room_for(minutes));
     const int32_t count =
@@ -75,7 +75,7 @@ std::optional<std::vector<Found>> decode_in_turn(const ov_baseband& baseband, co
 }
 
 std::optional<std::vector<Found>> decode_at_once(const ov_baseband& baseband, const ov_params& params, double minutes,
-                                                 std::span<const Found> /*known*/) {
+                                                 std::span<const Found> /*taken_out*/) {
     return decode_baseband(baseband, params, minutes);
 }
 

@@ -10,7 +10,8 @@
 namespace coherent {
 
 // Subtracts the frame with the amplitude and phase that it has around each of its chips, and with the edges that they
-// have on average. Its start may be wrong by a quarter of a chip.
+// have on average. Its start may be wrong by a quarter of a chip, its frequency and drift by as much as its phase,
+// where that is steady from one ON chip to the next, can show.
 //
 //   samples    baseband
 //   rate       Hz
