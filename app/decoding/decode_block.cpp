@@ -105,6 +105,7 @@ bool add_all(Finds& finds, ov_baseband& baseband, const Search& search, ov_param
     finds.add_rest({found->begin() + static_cast<std::ptrdiff_t>(first), found->end()});
     if (!search.coherent) return true;
     add_coherent(baseband, params, *found);
+    std::erase_if(*found, [](const Found& spot) { return spot.deep < OV_COHERENT; });
     finds.add(*found);
     return true;
 }

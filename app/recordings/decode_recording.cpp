@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <exception>
 #include <string>
 #include <thread>
 #include <utility>
@@ -148,7 +149,7 @@ std::string problem_of_channels(const Recording& recording, const WideDecoder& d
     return "cannot decode all of '" + recording.path() + "': " + decoder.problem();
 }
 
-// Once through the recording: `next` gives some more samples, false at the end.
+// Once through the recording: `next` gives some more samples, false at the end. What came before it throws is decoded.
 template <class Next>
 void decode_channels(const Recording& recording, const DecodingOptions& options, double from_s, Next next,
                      const SpotTaker& taker) {
@@ -161,14 +162,20 @@ void decode_channels(const Recording& recording, const DecodingOptions& options,
                         });
     taker.begin();
     double read_s = from_s;
-    for (Stretch stretch; next(stretch);) {
-        decoder.push(interleaved(stretch));
-        read_s += static_cast<double>(stretch.x.size()) / recording.rate();
-        taker.progress(from_s + decoder.done_s(), taken);
-        if (!taker.go_on()) return;
+    std::exception_ptr failure;
+    try {
+        for (Stretch stretch; next(stretch);) {
+            decoder.push(interleaved(stretch));
+            read_s += static_cast<double>(stretch.x.size()) / recording.rate();
+            taker.progress(from_s + decoder.done_s(), taken);
+            if (!taker.go_on()) return;
+        }
+    } catch (const IoError&) {
+        failure = std::current_exception();
     }
     decoder.finish();
     taker.progress(read_s, taken);
+    if (failure) std::rethrow_exception(failure);
     if (const std::string problem = problem_of_channels(recording, decoder); !problem.empty()) throw IoError(problem);
 }
 

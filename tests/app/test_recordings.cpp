@@ -143,6 +143,52 @@ TEST_F(Recordings, GiveEachFrameOnceInOrderWhateverTheBlocks) {
     }
 }
 
+// I/Q of which nothing can be read from 40 s on.
+class Breaking : public Recording {
+  public:
+    Breaking() : Recording("breaking", iq(), RATE, 60 * RATE), samples_(render_iq(scene())) {}
+
+  private:
+    static constexpr int32_t RATE = 32000;
+    static RecordingOptions iq() {
+        RecordingOptions options;
+        options.iq = true;
+        return options;
+    }
+    static Scene scene() {
+        Scene scene;
+        scene.rate = RATE;
+        scene.seconds = 40;
+        scene.stations = {opera("K2QRX", 2, 9000)};
+        return scene;
+    }
+    void read_frames(int64_t first, int64_t count, Stretch& out) override {
+        if (first + count > std::ssize(samples_.i)) throw IoError("the disk is gone");
+        out.x.assign(samples_.i.begin() + first, samples_.i.begin() + first + count);
+        out.q.assign(samples_.q.begin() + first, samples_.q.begin() + first + count);
+    }
+    IqSamples samples_;
+};
+
+TEST_F(Recordings, WhatAWideOneHeldBeforeItBrokeIsDecoded) {
+    Breaking recording;
+    std::vector<std::string> calls;
+    SpotTaker taker;
+    taker.begin = [] {};
+    taker.take = [&](const ov_spot& spot) { calls.emplace_back(spot.call); };
+    taker.progress = [](double, std::size_t) {};
+    taker.go_on = [] { return true; };
+    Search search;
+    search.iq = search.wide = true;
+    try {
+        decode_recording(recording, {search, 0, 1}, 0, recording.seconds(), taker);
+        FAIL() << "nothing was thrown";
+    } catch (const IoError& error) {
+        EXPECT_STREQ(error.what(), "the disk is gone");
+    }
+    EXPECT_EQ(calls, std::vector<std::string>{"K2QRX"});
+}
+
 TEST_F(Recordings, EndEarlyWhenTheTakerHasEnough) {
     const auto recording = open_recording(audio("one.wav", {opera("K2QRX", 2, 1400)}, 76), {});
     int blocks = 0;
