@@ -16,8 +16,8 @@
 class Intake {
   public:
     static constexpr std::size_t MOST_SPOTS = 500;  // of a batch
-    static constexpr std::size_t MOST_EPOCHS = 8;   // of a station, that are remembered
-    static constexpr double AGAIN_EVERY_S = 2;      // that a station is asked for what is missing
+    static constexpr std::size_t MOST_EPOCHS = Vault::MOST_EPOCHS;
+    static constexpr double AGAIN_EVERY_S = 2;  // that a station is asked for what is missing
 
     // `first_again` differs from any that a collector before this one has used: marks of this one ask for what
     // follows them.

@@ -94,7 +94,7 @@ constexpr auto VERSION = static_cast<int64_t>(MIGRATIONS.size());
 // 0 where there is nothing yet.
 int64_t version_of(Postgres& database) {
     if (!database.run("SELECT to_regclass('orvel.version') IS NOT NULL").is_true(0, 0)) return 0;
-    return database.run("SELECT version FROM orvel.version").integer(0, 0);
+    return database.run("SELECT max(version) FROM orvel.version").integer(0, 0);
 }
 
 }  // namespace

@@ -88,7 +88,9 @@ PostgresVault::PostgresVault(const std::string& where, const std::optional<std::
     bring_up_to_date(database_);
     database_.prepare("keep_spots", KEEP_SPOTS);
     database_.prepare("move_marks", MOVE_MARKS);
-    database_.prepare("marks", "SELECT epoch, number, id FROM orvel.mark WHERE station = $1 ORDER BY moved");
+    database_.prepare("marks",
+                      "SELECT epoch, number, id FROM (SELECT * FROM orvel.mark WHERE station = $1 ORDER BY moved DESC "
+                      "LIMIT $2::bigint) AS latest ORDER BY moved");
     database_.prepare("take_share", "SELECT pg_try_advisory_lock($1::int, $2::int)");
     database_.prepare("leave_share", "SELECT pg_advisory_unlock($1::int, $2::int)");
     database_.prepare(
@@ -106,10 +108,14 @@ void PostgresVault::make_day(int64_t day) {
     const std::string name = "spot_" + from.substr(0, 4) + from.substr(5, 2) + from.substr(8, 2);
     PostgresTransaction transaction(database_);
     database_.run("SELECT pg_advisory_xact_lock(hashtext('orvel.spot'))");
-    if (!database_.run("SELECT to_regclass($1) IS NOT NULL", {"orvel." + name}).is_true(0, 0)) {
-        // To attach what is complete stops nobody who reads.
-        database_.script(format("CREATE TABLE orvel.%s (LIKE orvel.spot INCLUDING ALL); ALTER TABLE orvel.spot ATTACH "
-                                "PARTITION orvel.%s FOR VALUES FROM ('%s') TO ('%s')",
+    if (!database_
+             .run("SELECT EXISTS (SELECT FROM pg_inherits WHERE inhrelid = to_regclass($1) AND inhparent = "
+                  "'orvel.spot'::regclass)",
+                  {"orvel." + name})
+             .is_true(0, 0)) {
+        // To attach what is complete stops nobody who reads. A day that was detached and left here comes back.
+        database_.script(format("CREATE TABLE IF NOT EXISTS orvel.%s (LIKE orvel.spot INCLUDING ALL); ALTER TABLE "
+                                "orvel.spot ATTACH PARTITION orvel.%s FOR VALUES FROM ('%s') TO ('%s')",
                                 name.c_str(), name.c_str(), from.c_str(), to.c_str())
                              .c_str());
     }
@@ -136,7 +142,7 @@ void PostgresVault::keep(std::span<const StationSpot> spots, std::span<const Sta
 }
 
 std::vector<Mark> PostgresVault::marks(const std::string& station) {
-    const Rows rows = database_.run_prepared("marks", {station});
+    const Rows rows = database_.run_prepared("marks", {station, std::to_string(MOST_EPOCHS)});
     std::vector<Mark> marks;
     marks.reserve(static_cast<std::size_t>(rows.count()));
     for (int row = 0; row < rows.count(); row++) {

@@ -1,6 +1,7 @@
 // Where spots are kept for good, and how far each station's are.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <set>
 #include <span>
@@ -19,13 +20,15 @@ struct StationMark {
 // Everything throws IoError, after which it is opened anew.
 class Vault {
   public:
+    static constexpr std::size_t MOST_EPOCHS = 8;  // of a station, that are remembered
+
     virtual ~Vault() = default;
 
     // Keeps spots that are not there yet, and moves marks on; all of it or, when it throws, nothing. On return it is on
     // the disk.
     virtual void keep(std::span<const StationSpot> spots, std::span<const StationMark> marks) = 0;
 
-    // The marks of a station, that which moved last at the end.
+    // The marks of a station's latest epochs, that which moved last at the end.
     virtual std::vector<Mark> marks(const std::string& station) = 0;
 
     // Collectors divide stations by shares. A share has one collector, who loses it with its connection.

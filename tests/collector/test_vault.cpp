@@ -148,6 +148,24 @@ TEST_F(VaultTest, DaysArePartitionsMadeAheadAndAsNeeded) {
     EXPECT_EQ(value("SELECT count(*) FROM orvel.spot_20260302"), "1");
 }
 
+// Somebody's table of a day must not stop what other days bring.
+TEST_F(VaultTest, ADayThatWasDetachedComesBackWithWhatItHeld) {
+    vault_->keep(std::vector{heard(1)}, {});
+    database_->script("ALTER TABLE orvel.spot DETACH PARTITION orvel.spot_20260301");
+    PostgresVault later(server_->where(), std::nullopt, "another net");
+    later.keep(std::vector{heard(1), heard(2)}, {});
+    EXPECT_EQ(value("SELECT count(*) FROM orvel.spot"), "2");
+}
+
+TEST_F(VaultTest, OfManyEpochsTheLatestEightAreRead) {
+    const auto epoch = [](int k) { return "c6f4c1a2-0000-4000-8000-" + std::to_string(100'000'000'000 + k); };
+    for (int k = 0; k < 20; k++) vault_->keep({}, std::vector{StationMark{"N0CALL", {epoch(k), k + 1, "", 1}}});
+    const std::vector<Mark> marks = vault_->marks("N0CALL");
+    ASSERT_EQ(marks.size(), 8u);
+    EXPECT_EQ(marks.front().epoch, epoch(12));
+    EXPECT_EQ(marks.back().epoch, epoch(19));
+}
+
 TEST_F(VaultTest, AMarkMovesForwardOnlyAndTheLatestIsAtTheEnd) {
     const std::string later = "c6f4c1a2-0000-4000-8000-0000000000bb";
     const auto move = [&](const Mark& mark) { vault_->keep({}, std::vector{StationMark{"N0CALL", mark}}); };
