@@ -93,6 +93,7 @@ class Collector {
         }
         if (vault_ && !attempt(database_trouble_, [&] { work(); })) vault_.reset();
         tell_of_refused();
+        tell_of_rights();
     }
 
     // Does something that may fail, and is then tried again later.
@@ -237,6 +238,15 @@ class Collector {
             Level::WARNING);
     }
 
+    // A broker that lets nothing be read looks like one without stations.
+    void tell_of_rights() {
+        std::string refusal = client_.take_refusal();
+        if (refusal.empty()) return;
+        client_.forget();
+        if (refusal != refusal_) print_error(refusal, Level::WARNING);
+        refusal_ = std::move(refusal);
+    }
+
     CollectorConfig config_;
     std::string prefix_;
     MqttClient client_;  // calls take_message()
@@ -250,6 +260,7 @@ class Collector {
     double divide_at_ = 0;
     std::size_t refused_ = 0;
     std::string last_refused_;
+    std::string refusal_;  // of the broker, that was told of
     double tell_at_ = 0;
 };
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <span>
 #include <utility>
 
 #include "base/error.h"
@@ -17,7 +18,8 @@ constexpr int KEEP_ALIVE_S = 30;
 constexpr int LOOP_MS = 100;
 constexpr double CONNECT_S = 15;
 constexpr int QOS = 1;
-constexpr int REFUSED = 128;  // and above, of reason codes
+constexpr int REFUSED = 128;            // and above, of reason codes
+constexpr uint32_t MOST_BYTES = 65536;  // of a packet; the broker keeps larger ones to itself
 
 void require_library() {
     static std::once_flag once;
@@ -72,9 +74,16 @@ MqttClient::Handle MqttClient::make_handle() {
                                       [](mosquitto*, void* self, int code, int, const mosquitto_property*) {
                                           static_cast<MqttClient*>(self)->answer_ = code;
                                       });
-    mosquitto_disconnect_v5_callback_set(handle.get(), [](mosquitto*, void* self, int, const mosquitto_property*) {
+    mosquitto_disconnect_v5_callback_set(handle.get(), [](mosquitto*, void* self, int code, const mosquitto_property*) {
         static_cast<MqttClient*>(self)->connected_ = false;
+        if (code >= REFUSED) static_cast<MqttClient*>(self)->farewell_ = code;
     });
+    mosquitto_subscribe_v5_callback_set(
+        handle.get(), [](mosquitto*, void* self, int, int count, const int* codes, const mosquitto_property*) {
+            for (const int code : std::span(codes, static_cast<std::size_t>(count))) {
+                if (code >= REFUSED) static_cast<MqttClient*>(self)->refuse("a subscription", code);
+            }
+        });
     mosquitto_message_v5_callback_set(
         handle.get(), [](mosquitto*, void* self, const mosquitto_message* message, const mosquitto_property*) {
             const std::string_view text(static_cast<const char*>(message->payload),
@@ -83,8 +92,9 @@ MqttClient::Handle MqttClient::make_handle() {
         });
     mosquitto_publish_v5_callback_set(handle.get(),
                                       [](mosquitto*, void* self, int message, int code, const mosquitto_property*) {
-                                          if (code < REFUSED)
-                                              static_cast<MqttClient*>(self)->unconfirmed_.erase(message);
+                                          auto& client = *static_cast<MqttClient*>(self);
+                                          if (code >= REFUSED) return client.refuse("a message", code);
+                                          client.unconfirmed_.erase(message);
                                       });
     return handle;
 }
@@ -99,6 +109,10 @@ void MqttClient::fail(const std::string& reason) {
     throw IoError("'" + host_ + "': " + reason);
 }
 
+void MqttClient::refuse(const char* what, int code) {
+    refusal_ = "'" + host_ + "' refuses " + what + ": " + mosquitto_reason_string(code);
+}
+
 void MqttClient::check(int result) {
     if (result != MOSQ_ERR_SUCCESS) fail(mosquitto_strerror(result));
 }
@@ -108,7 +122,9 @@ void MqttClient::connect() {
     unconfirmed_.clear();
     handle_ = make_handle();
     answer_ = -1;
+    farewell_ = 0;
     Properties properties;
+    properties.add(MQTT_PROP_MAXIMUM_PACKET_SIZE, MOST_BYTES);
     if (options_.session_s > 0) properties.add(MQTT_PROP_SESSION_EXPIRY_INTERVAL, options_.session_s);
     int result =
         mosquitto_connect_bind_v5(handle_.get(), host_.c_str(), port_, KEEP_ALIVE_S, nullptr, properties.get());
@@ -140,7 +156,8 @@ int MqttClient::publish(const std::string& topic, const std::string& text, bool 
 
 void MqttClient::loop(int ms) {
     const int result = mosquitto_loop(handle_.get(), ms, 1);
-    if (result != MOSQ_ERR_SUCCESS || !connected_) fail(mosquitto_strerror(result));
+    if (result == MOSQ_ERR_SUCCESS && connected_) return;
+    fail(farewell_ != 0 ? mosquitto_reason_string(farewell_) : mosquitto_strerror(result));
 }
 
 bool MqttClient::settle(double seconds) {

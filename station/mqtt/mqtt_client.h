@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "config/values.h"
 
@@ -46,6 +47,9 @@ class MqttClient {
     bool all_confirmed() const { return unconfirmed_.empty(); }
     void forget() { unconfirmed_.clear(); }  // what has not been confirmed
 
+    // What the broker did not allow since this was asked last, the latest; "" = nothing.
+    std::string take_refusal() { return std::exchange(refusal_, ""); }
+
     bool connected() const { return connected_; }
     void disconnect();
     const std::string& host() const { return host_; }
@@ -57,6 +61,7 @@ class MqttClient {
     using Handle = std::unique_ptr<mosquitto, Destroy>;
 
     Handle make_handle();
+    void refuse(const char* what, int code);
     void require(int result, const std::string& what) const;
     void check(int result);
     [[noreturn]] void fail(const std::string& reason);
@@ -68,7 +73,9 @@ class MqttClient {
     int port_;
     Handle handle_;
     bool connected_ = false;
-    int answer_ = -1;  // to the connection
+    int answer_ = -1;   // to the connection
+    int farewell_ = 0;  // why the broker ended it; 0 = it did not say
+    std::string refusal_;
     std::set<int> unconfirmed_;
 };
 
