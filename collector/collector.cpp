@@ -216,9 +216,9 @@ class Collector {
         std::string station(topic.substr(0, topic.find('/')));
         if (!is_name(station)) return;
         if (heard_.size() < MOST_STATIONS && heard_.insert(station).second) waiting_.insert(station);
-        if (topic.ends_with("/spot") && messages_.size() < MOST_MESSAGES && text.size() <= MOST_BYTES) {
-            messages_.push_back({std::move(station), std::string(text)});
-        }
+        if (!topic.ends_with("/spot")) return;
+        if (text.size() > MOST_BYTES) return refuse({std::move(station), std::string(text.substr(0, SHOWN_BYTES))});
+        if (messages_.size() < MOST_MESSAGES) messages_.push_back({std::move(station), std::string(text)});
     }
 
     // The broker's session may be of a time when the station was this collector's.
@@ -226,6 +226,10 @@ class Collector {
         if (!intake_.owns(message.station)) return disown(message.station);
         if (intake_.take(message.station, read_spot_message(message.text, utc_now() + CLOCK_S), monotonic_now()))
             return;
+        refuse(message);
+    }
+
+    void refuse(const Message& message) {
         refused_++;
         last_refused_ = "'" + message.station + "': " + message.text.substr(0, SHOWN_BYTES);
     }

@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "base/error.h"
 #include "base/json.h"
 #include "base/text.h"
 #include "base/utc.h"
@@ -15,6 +16,7 @@ constexpr double AHEAD_EVERY_S = 3600;
 constexpr int PRESENCE = 1'000'000;  // among a network's locks: beyond all shares
 constexpr int UTC_DECIMALS = 2;      // as spots have it
 constexpr double ROUNDING_S = 0.01;
+constexpr double MOST_APART_S = 3600;
 
 // In the order of their keys: whoever else writes the same waits, and does not meet us half way.
 constexpr const char* KEEP_SPOTS = R"(
@@ -85,6 +87,9 @@ int64_t day_of(double utc) {
 PostgresVault::PostgresVault(const std::string& where, const std::optional<std::string>& password,
                              const std::string& network)
     : database_(where, password), network_(std::to_string(stable_hash(network) >> 1)) {
+    require_same_time(
+        utc_now(),
+        static_cast<double>(database_.run("SELECT extract(epoch FROM clock_timestamp())::bigint").integer(0, 0)));
     bring_up_to_date(database_);
     database_.prepare("keep_spots", KEEP_SPOTS);
     database_.prepare("move_marks", MOVE_MARKS);
@@ -98,6 +103,12 @@ PostgresVault::PostgresVault(const std::string& where, const std::optional<std::
         "SELECT objid::bigint FROM pg_locks WHERE locktype = 'advisory' AND granted AND objsubid = 2 AND "
         "classid = $1::oid AND database = (SELECT oid FROM pg_database WHERE datname = current_database())");
     database_.run("SELECT pg_advisory_lock_shared($1::int, $2::int)", {network_, std::to_string(PRESENCE)});
+}
+
+void require_same_time(double own_utc, double database_utc) {
+    if (std::fabs(own_utc - database_utc) <= MOST_APART_S) return;
+    throw IoError(format("the clock is at %s, the database's at %s", utc_text(own_utc, 0).c_str(),
+                         utc_text(database_utc, 0).c_str()));
 }
 
 // Its bounds are made of a number alone.

@@ -41,6 +41,10 @@ class Vault {
     virtual void leave_share(int share) = 0;
 };
 
+// Throws IoError where two clocks are so far apart that one takes spots of now for spots of the future, which are
+// passed over.
+void require_same_time(double own_utc, double database_utc);
+
 // In PostgreSQL, in the schema "orvel".
 class PostgresVault : public Vault {
   public:

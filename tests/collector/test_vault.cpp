@@ -124,6 +124,13 @@ StationSpot heard(int k, const std::string& call = "K2QRX") {
     return message;
 }
 
+TEST(Clocks, ThatAreAnHourApartStopACollector) {
+    EXPECT_NO_THROW(require_same_time(NOON, NOON));
+    EXPECT_NO_THROW(require_same_time(NOON, NOON + 3600));
+    EXPECT_THROW(require_same_time(NOON, NOON + 3601), IoError);
+    EXPECT_THROW(require_same_time(NOON, NOON - 86400), IoError);
+}
+
 TEST_F(VaultTest, KeepsEachSpotOnce) {
     const std::vector<StationSpot> spots = {heard(1), heard(2), heard(1)};
     vault_->keep(spots, {});
