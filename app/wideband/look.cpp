@@ -62,8 +62,9 @@ Look::Look(int32_t rate, double flat_hz)
     : rate_(rate),
       length_(static_cast<int32_t>(std::lround(PHASES * LOOK_STEP_S * rate))),
       bins_(2 * static_cast<std::size_t>(flat_hz * length_ / rate) + 1),
-      buffer_(float_fft_complexes(at(length_))),
-      plan_(plan_float_complex(length_, buffer_.get(), buffer_.get(), FFTW_FORWARD)) {}
+      window_(float_fft_complexes(at(length_))),
+      spectrum_(float_fft_complexes(at(length_))),
+      plan_(plan_float_complex(length_, window_.get(), spectrum_.get(), FFTW_FORWARD)) {}
 
 int64_t Look::sample_of(int64_t window) const {
     return std::llround(static_cast<double>(window) * LOOK_STEP_S * rate_);
@@ -83,24 +84,35 @@ double Look::freq_of(std::size_t bin) const {
 
 void Look::fill_powers(const Samples& samples, const Windows& block) {
     powers_.resize(at(block.end - block.first) * bins_);
+    const int64_t begin = sample_of(block.first);
+    samples_.resize(at(sample_of(block.end - 1) + length_ - begin));
+    samples(begin, samples_);
     float* row = powers_.data();
     const auto half = static_cast<int64_t>(bins_ / 2);
     for (int64_t w = block.first; w < block.end; w++, row += bins_) {
-        samples(sample_of(w), {buffer_.get(), at(length_)});
+        std::copy_n(samples_.begin() + (sample_of(w) - begin), length_, window_.get());
         fftwf_execute(plan_.get());
-        powers_of(buffer_.get() + length_ - half, at(half), row);
-        powers_of(buffer_.get(), at(half + 1), row + half);
+        powers_of(spectrum_.get() + length_ - half, at(half), row);
+        powers_of(spectrum_.get(), at(half + 1), row + half);
     }
 }
 
 // Divides the powers by the noise of their bin.
 void Look::level_noise(int64_t windows) {
     const int64_t step = std::max<int64_t>(1, windows / NOISE_WINDOWS);
+    constexpr std::size_t COLUMNS = 16;  // gathered at once: a cache line of a row
     std::vector<float> levels(bins_);
-    std::vector<float> column(at((windows + step - 1) / step));
-    for (std::size_t bin = 0; bin < bins_; bin++) {
-        for (std::size_t i = 0; i < column.size(); i++) column[i] = power(static_cast<int64_t>(i) * step, bin);
-        levels[bin] = upper_median(column) / LN2_F32;
+    const std::size_t rows = at((windows + step - 1) / step);
+    std::vector<float> columns(COLUMNS * rows);
+    for (std::size_t first = 0; first < bins_; first += COLUMNS) {
+        const std::size_t count = std::min(COLUMNS, bins_ - first);
+        for (std::size_t i = 0; i < rows; i++) {
+            const float* const row = powers_.data() + i * at(step) * bins_ + first;
+            for (std::size_t c = 0; c < count; c++) columns[c * rows + i] = row[c];
+        }
+        for (std::size_t c = 0; c < count; c++) {
+            levels[first + c] = upper_median(std::span(columns).subspan(c * rows, rows)) / LN2_F32;
+        }
     }
     std::vector<float> units(bins_);
     for (std::size_t bin = 0; bin < bins_; bin++) {

@@ -77,7 +77,8 @@ class Look {
     int32_t rate_;
     int32_t length_;  // of a window and its transform
     std::size_t bins_;
-    FloatFftArray<std::complex<float>> buffer_;
+    std::vector<std::complex<float>> samples_;
+    FloatFftArray<std::complex<float>> window_, spectrum_;
     FloatFftPlan plan_;
     std::vector<float> powers_;  // row by row
     std::vector<float> best_;    // of each bin
