@@ -121,10 +121,7 @@ std::vector<float> filter_response(const Layout& layout) {
     return response;
 }
 
-float usable(float sample) {
-    return std::fabs(sample) <= HUGE_SAMPLE ? sample : 0;
-}
-
+// What is not finite, or too large, counts as silence.
 ORVEL_MULTIVERSION void copy_usable(const float* samples, std::size_t n, float* out) {
     for (std::size_t k = 0; k < n; k++) out[k] = std::fabs(samples[k]) <= HUGE_SAMPLE ? samples[k] : 0;
 }
@@ -316,7 +313,7 @@ class Channeliser::Converter {
         while (!samples.empty()) {
             const std::size_t n = std::min(samples.size(), width_ * PIECE);
             in_.resize(n);
-            std::transform(samples.begin(), samples.begin() + static_cast<std::ptrdiff_t>(n), in_.begin(), usable);
+            copy_usable(samples.data(), n, in_.data());
             convert(in_.data(), n / width_, take);
             samples = samples.subspan(n);
         }

@@ -323,6 +323,8 @@ class WideDecoder::Engine {
         };
         auto found = decode_keyed(baseband, search_, {key.freq_hz, tile_hz_}, is_keyed, shares);
         if (!found) return std::nullopt;
+        // What lies past the border has a find of its own, where its frequency is not that of the border.
+        std::erase_if(*found, [&](const Found& spot) { return std::fabs(spot.freq - key.freq_hz) > tile_hz_; });
         for (Found& spot : *found) spot.t += static_cast<double>(begin) / rate_;
         return found;
     }

@@ -759,6 +759,20 @@ TEST_F(WideBand, AProvisionalFrameComesWhenItIsFoundAndAgainWhenItIsConfirmed) {
 
 // The weaker one begins and ends seconds before or after the stronger one, whose run its decode lies around; and the
 // side bands of the stronger one reach into the search around the weaker one.
+// A strong frame just outside a weaker one's band is found at its border, where it cannot be taken out whole: it does
+// not end the search.
+TEST_F(WideBand, AFrameAtTheBorderOfABandHidesNoneInIt) {
+    std::vector<Sent> all;
+    Random random(23);
+    double freq = -14500.3;
+    for (const double apart : {34.0, 35.0, 36.0, 37.0, 38.0}) {
+        all.push_back({OVL_OPERA, random.callsign(), 3.5, freq, -10});
+        all.push_back({OVL_ORVEL_L, random.callsign(), 6.5, freq + apart, -16});
+        freq += 5000.7;
+    }
+    expect_all(decode(RATE, on_air(RATE, 60, 24, all), wide_search()), all);
+}
+
 TEST_F(WideBand, WeakerStationsOfAnyProtocolShowBesideStrongerOnes) {
     std::vector<Sent> all;
     Random random(21);
