@@ -759,9 +759,9 @@ TEST_F(WideBand, AProvisionalFrameComesWhenItIsFoundAndAgainWhenItIsConfirmed) {
 
 // The weaker one begins and ends seconds before or after the stronger one, whose run its decode lies around; and the
 // side bands of the stronger one reach into the search around the weaker one.
-// A strong frame just outside a weaker one's band is found at its border, where it cannot be taken out whole: it does
-// not end the search.
-TEST_F(WideBand, AFrameAtTheBorderOfABandHidesNoneInIt) {
+// A strong frame just outside a weaker one's band is found at its border, too, with another frequency than it has: its
+// own find counts.
+TEST_F(WideBand, AFrameAtTheBorderOfATileHasTheFrequencyOfItsOwnFind) {
     std::vector<Sent> all;
     Random random(23);
     double freq = -14500.3;
