@@ -212,7 +212,7 @@ ORVEL_MULTIVERSION void sum_series(const Moments& moments, std::size_t terms, co
                                    float* plus, float* minus) {
     for (std::size_t first = 0; first < n; first += LANES) {
         Doubles8 turn[2];
-        std::memcpy(turn, theta + first, sizeof turn);
+        for (std::size_t v = 0; v < 2; v++) load(turn[v], theta + first + v * DOUBLES);
         const Doubles8 square[2] = {turn[0] * turn[0], turn[1] * turn[1]};
         Doubles8 even_re[2] = {};
         Doubles8 even_im[2] = {};

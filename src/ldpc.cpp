@@ -214,14 +214,16 @@ int ldpc_build(ldpc_code& code, int32_t n, int32_t k, int32_t column_weight, uin
 
 namespace {
 
+constexpr size_t LANES = 4;
 constexpr size_t MAX_EDGES = size_t{LDPC_MAX_N} * LDPC_MAX_VAR_DEGREE;
+static_assert(MAX_EDGES % LANES == 0);
 
 // Log-likelihood ratios, positive for a 0: the opposite of the metrics' sign. The message of a variable to a check is
 // its posterior minus the check's message to it, so one message per edge is kept.
 struct Beliefs {
     std::array<double, LDPC_MAX_N> channel;
     std::array<double, LDPC_MAX_N> posterior;
-    // By edge: those of check 0, then of check 1, and so on.
+    // By edge: those of check 0, then of check 1, and so on. Whole vectors are read, the rest of the last is 1.
     size_t n_edges;
     std::array<int32_t, MAX_EDGES> variable;
     std::array<double, MAX_EDGES> from_check;
@@ -229,21 +231,42 @@ struct Beliefs {
     std::array<double, MAX_EDGES> product;  // of all factors of the edge's check
 };
 
+// NaN stays NaN.
+inline void limit(Doubles4& x, const Doubles4& most) {
+    const Doubles4 least = -most;
+    x = x < least ? least : x;
+    x = x > most ? most : x;
+}
+
 // The floor keeps the product divisible, and its positive sign makes variables without information converge to 0.
 ORVEL_MULTIVERSION void fill_factors(Beliefs& beliefs) {
-    for (size_t e = 0; e < beliefs.n_edges; ++e) {
-        const double message = beliefs.factor[e];
-        const double low = message < -30.0 ? -30.0 : message;
-        const double factor = vecmath::tanh_half(low > 30.0 ? 30.0 : low);
-        beliefs.factor[e] = std::fabs(factor) < 1e-12 ? 1e-12 : factor;
+    const Doubles4 most = Doubles4{} + 30.0;
+    const Doubles4 least = Doubles4{} + 1e-12;
+    for (size_t e = 0; e < beliefs.n_edges; e += LANES) {
+        Doubles4 message;
+        load(message, &beliefs.factor[e]);
+        limit(message, most);
+        Doubles4 factor;
+        vecmath::tanh_half(message, factor);
+        Doubles4 size;
+        vecmath::absolute(factor, size);
+        factor = size < least ? least : factor;
+        store(factor, &beliefs.factor[e]);
     }
 }
 
 ORVEL_MULTIVERSION void fill_messages(Beliefs& beliefs) {
-    for (size_t e = 0; e < beliefs.n_edges; ++e) {
-        const double ratio = beliefs.product[e] / beliefs.factor[e];
-        const double low = ratio < -0.999999 ? -0.999999 : ratio;
-        beliefs.from_check[e] = vecmath::two_atanh(low > 0.999999 ? 0.999999 : low);
+    const Doubles4 most = Doubles4{} + 0.999999;
+    for (size_t e = 0; e < beliefs.n_edges; e += LANES) {
+        Doubles4 factor;
+        Doubles4 ratio;
+        load(factor, &beliefs.factor[e]);
+        load(ratio, &beliefs.product[e]);
+        ratio /= factor;
+        limit(ratio, most);
+        Doubles4 message;
+        vecmath::two_atanh(ratio, message);
+        store(message, &beliefs.from_check[e]);
     }
 }
 
@@ -286,6 +309,9 @@ bool propagate_beliefs(const ldpc_code& code, const float* metrics, int32_t max_
             beliefs.variable[beliefs.n_edges++] = code.check_vars[c][e];
         }
     }
+
+    beliefs.factor.fill(1.0);
+    beliefs.product.fill(1.0);
 
     for (int32_t pass = 0; pass < max_iterations; ++pass) {
         update_checks(code, beliefs);

@@ -63,9 +63,15 @@ inline Doubles8 operator*(double a, const Doubles8& b) {
 using Floats8Anywhere [[gnu::vector_size(sizeof(Floats8)), gnu::aligned(alignof(float)), gnu::may_alias]] = float;
 using Doubles4Anywhere [[gnu::vector_size(sizeof(Doubles4)), gnu::aligned(alignof(double)), gnu::may_alias]] = double;
 
+inline void load(Doubles4& out, const double* from) {
+    out = *reinterpret_cast<const Doubles4Anywhere*>(from);
+}
+inline void store(const Doubles4& values, double* to) {
+    *reinterpret_cast<Doubles4Anywhere*>(to) = values;
+}
 inline void load(Doubles8& out, const double* from) {
-    out.low = *reinterpret_cast<const Doubles4Anywhere*>(from);
-    out.high = *reinterpret_cast<const Doubles4Anywhere*>(from + DOUBLES / 2);
+    load(out.low, from);
+    load(out.high, from + DOUBLES / 2);
 }
 inline void load(Floats8& out, const float* from) {
     out = *reinterpret_cast<const Floats8Anywhere*>(from);

@@ -51,8 +51,8 @@ ORVEL_MULTIVERSION double tone_energy(const Complex* x, std::size_t n, const Com
     for (; k + DOUBLES <= n; k += DOUBLES) {
         Doubles8 front;
         Doubles8 back;
-        std::memcpy(&front, x + k, sizeof front);
-        std::memcpy(&back, x + k + DOUBLES / 2, sizeof back);
+        load(front, reinterpret_cast<const double*>(x + k));
+        load(back, reinterpret_cast<const double*>(x + k + DOUBLES / 2));
         add({__builtin_shufflevector(front.low, front.high, 0, 2, 4, 6),
              __builtin_shufflevector(back.low, back.high, 0, 2, 4, 6)},
             {__builtin_shufflevector(front.low, front.high, 1, 3, 5, 7),

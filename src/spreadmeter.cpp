@@ -34,14 +34,6 @@ namespace {
 
 using Complex = std::complex<double>;
 
-// Four side by side, and two of those at a time: GCC keeps wider vectors in memory where registers hold four.
-using Doubles4 [[gnu::vector_size(4 * sizeof(double))]] = double;
-inline void load(Doubles4& out, const double* from) {
-    std::memcpy(&out, from, sizeof out);
-}
-inline void store(const Doubles4& values, double* to) {
-    std::memcpy(to, &values, sizeof values);
-}
 constexpr std::size_t HALF = 4;
 constexpr std::size_t HALVES = DOUBLES / HALF;
 
