@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <span>
 
@@ -214,21 +215,65 @@ int ldpc_build(ldpc_code& code, int32_t n, int32_t k, int32_t column_weight, uin
 
 namespace {
 
-constexpr size_t LANES = 4;
-constexpr size_t MAX_EDGES = size_t{LDPC_MAX_N} * LDPC_MAX_VAR_DEGREE;
-static_assert(MAX_EDGES % LANES == 0);
+constexpr size_t LANES = 4;  // checks side by side
+constexpr size_t MAX_GROUPS = LDPC_MAX_N / LANES;
+// Checks of neighbouring degrees share a group: at most the difference between the first and the last is filled up, and
+// the last group.
+constexpr size_t MAX_SLOTS = size_t{LDPC_MAX_N} * LDPC_MAX_VAR_DEGREE + 2 * LANES * LDPC_MAX_CHECK_DEGREE;
+
+// Where the edges of a code's graph are: the first edges of the four checks of a group, then their second ones, and so
+// on. What shorter checks leave free has no variable.
+struct EdgeLayout {
+    explicit EdgeLayout(const ldpc_code& code);
+
+    size_t n_groups = 0;
+    size_t n_slots = 0;
+    std::array<size_t, MAX_GROUPS> degree;  // most edges of a check of the group
+    std::array<uint16_t, MAX_SLOTS> variable;
+    std::array<double, MAX_SLOTS> free;                                             // 1, or 0 for an edge
+    std::array<std::array<uint16_t, LDPC_MAX_VAR_DEGREE>, LDPC_MAX_N> of_variable;  // in increasing check order
+};
+
+EdgeLayout::EdgeLayout(const ldpc_code& code) {
+    std::array<uint8_t, LDPC_MAX_N> checks = gf2::ALL_COLUMNS;
+    const auto degree_of = [&](uint8_t c) { return code.check_degree[c]; };
+    std::ranges::sort(std::span(checks).first(static_cast<size_t>(code.m)), {}, degree_of);
+
+    std::array<uint16_t, LDPC_MAX_N> first_slot;
+    const auto m = static_cast<size_t>(code.m);
+    for (size_t first = 0; first < m; first += LANES) {
+        const size_t last = std::min(first + LANES, m) - 1;
+        const auto most = static_cast<size_t>(code.check_degree[checks[last]]);
+        std::fill_n(variable.begin() + static_cast<ptrdiff_t>(n_slots), LANES * most, uint16_t{0});
+        std::fill_n(free.begin() + static_cast<ptrdiff_t>(n_slots), LANES * most, 1.0);
+        for (size_t i = first; i <= last; ++i) {
+            const uint8_t c = checks[i];
+            first_slot[c] = static_cast<uint16_t>(n_slots + (i - first));
+            for (int32_t e = 0; e < code.check_degree[c]; ++e) {
+                const size_t slot = first_slot[c] + LANES * static_cast<size_t>(e);
+                variable[slot] = static_cast<uint16_t>(code.check_vars[c][e]);
+                free[slot] = 0.0;
+            }
+        }
+        degree[n_groups++] = most;
+        n_slots += LANES * most;
+    }
+    std::array<uint8_t, LDPC_MAX_N> count{};  // of a variable's edges
+    for (int32_t c = 0; c < code.m; ++c) {
+        for (int32_t e = 0; e < code.check_degree[c]; ++e) {
+            const auto v = static_cast<size_t>(code.check_vars[c][e]);
+            of_variable[v][count[v]++] =
+                static_cast<uint16_t>(first_slot[static_cast<size_t>(c)] + LANES * static_cast<size_t>(e));
+        }
+    }
+}
 
 // Log-likelihood ratios, positive for a 0: the opposite of the metrics' sign. The message of a variable to a check is
 // its posterior minus the check's message to it, so one message per edge is kept.
 struct Beliefs {
     std::array<double, LDPC_MAX_N> channel;
     std::array<double, LDPC_MAX_N> posterior;
-    // By edge: those of check 0, then of check 1, and so on. Whole vectors are read, the rest of the last is 1.
-    size_t n_edges;
-    std::array<int32_t, MAX_EDGES> variable;
-    std::array<double, MAX_EDGES> from_check;
-    std::array<double, MAX_EDGES> factor;   // the variable's message as the check's product takes it
-    std::array<double, MAX_EDGES> product;  // of all factors of the edge's check
+    std::array<double, MAX_SLOTS> from_check;
 };
 
 // NaN stays NaN.
@@ -238,86 +283,109 @@ inline void limit(Doubles4& x, const Doubles4& most) {
     x = x > most ? most : x;
 }
 
-// The floor keeps the product divisible, and its positive sign makes variables without information converge to 0.
-ORVEL_MULTIVERSION void fill_factors(Beliefs& beliefs) {
-    const Doubles4 most = Doubles4{} + 30.0;
-    const Doubles4 least = Doubles4{} + 1e-12;
-    for (size_t e = 0; e < beliefs.n_edges; e += LANES) {
-        Doubles4 message;
-        load(message, &beliefs.factor[e]);
-        limit(message, most);
-        Doubles4 factor;
-        vecmath::tanh_half(message, factor);
-        Doubles4 size;
-        vecmath::absolute(factor, size);
-        factor = size < least ? least : factor;
-        store(factor, &beliefs.factor[e]);
-    }
-}
-
-ORVEL_MULTIVERSION void fill_messages(Beliefs& beliefs) {
-    const Doubles4 most = Doubles4{} + 0.999999;
-    for (size_t e = 0; e < beliefs.n_edges; e += LANES) {
-        Doubles4 factor;
-        Doubles4 ratio;
-        load(factor, &beliefs.factor[e]);
-        load(ratio, &beliefs.product[e]);
-        ratio /= factor;
-        limit(ratio, most);
-        Doubles4 message;
-        vecmath::two_atanh(ratio, message);
-        store(message, &beliefs.from_check[e]);
-    }
-}
-
 // New messages of all checks, from the posteriors of the last pass.
-void update_checks(const ldpc_code& code, Beliefs& beliefs) {
-    for (size_t e = 0; e < beliefs.n_edges; ++e) {
-        beliefs.factor[e] = beliefs.posterior[static_cast<size_t>(beliefs.variable[e])] - beliefs.from_check[e];
-    }
-    fill_factors(beliefs);
+ORVEL_MULTIVERSION void update_checks(const EdgeLayout& edges, Beliefs& beliefs) {
+    const Doubles4 one = Doubles4{} + 1.0;
+    const Doubles4 zero = Doubles4{};
+    const Doubles4 most_message = Doubles4{} + 30.0;
+    const Doubles4 most_ratio = Doubles4{} + 0.999999;
+    const Doubles4 least_factor = Doubles4{} + 1e-12;
+    std::array<Doubles4, LDPC_MAX_CHECK_DEGREE> factors;
     size_t first = 0;
-    for (int32_t c = 0; c < code.m; ++c) {
-        const size_t end = first + static_cast<size_t>(code.check_degree[c]);
-        double product = 1.0;
-        for (size_t e = first; e < end; ++e) product *= beliefs.factor[e];
-        std::fill(beliefs.product.begin() + static_cast<ptrdiff_t>(first),
-                  beliefs.product.begin() + static_cast<ptrdiff_t>(end), product);
-        first = end;
+    for (size_t g = 0; g < edges.n_groups; ++g) {
+        const size_t degree = edges.degree[g];
+        Doubles4 product = one;
+        for (size_t e = 0; e < degree; ++e) {
+            const size_t slot = first + LANES * e;
+            const uint16_t* const v = &edges.variable[slot];
+            Doubles4 from_check;
+            load(from_check, &beliefs.from_check[slot]);
+            Doubles4 message{beliefs.posterior[v[0]], beliefs.posterior[v[1]], beliefs.posterior[v[2]],
+                             beliefs.posterior[v[3]]};
+            message -= from_check;
+            limit(message, most_message);
+            Doubles4 factor;
+            vecmath::tanh_half(message, factor);
+            // The floor keeps the product divisible, and its positive sign makes variables without information
+            // converge to 0.
+            Doubles4 size;
+            vecmath::absolute(factor, size);
+            factor = size < least_factor ? least_factor : factor;
+            Doubles4 free;
+            load(free, &edges.free[slot]);
+            factor = free > zero ? one : factor;
+            factors[e] = factor;
+            product *= factor;
+        }
+        for (size_t e = 0; e < degree; ++e) {
+            Doubles4 ratio = product / factors[e];
+            limit(ratio, most_ratio);
+            Doubles4 message;
+            vecmath::two_atanh(ratio, message);
+            store(message, &beliefs.from_check[first + LANES * e]);
+        }
+        first += LANES * degree;
     }
-    fill_messages(beliefs);
 }
 
 // Each variable adds up the messages of its checks, in increasing check order.
-void update_posteriors(Beliefs& beliefs) {
-    beliefs.posterior = beliefs.channel;
-    for (size_t e = 0; e < beliefs.n_edges; ++e) {
-        beliefs.posterior[static_cast<size_t>(beliefs.variable[e])] += beliefs.from_check[e];
+void update_posteriors(const ldpc_code& code, const EdgeLayout& edges, Beliefs& beliefs) {
+    for (size_t v = 0; v < static_cast<size_t>(code.n); ++v) {
+        double sum = beliefs.channel[v];
+        for (size_t e = 0; e < static_cast<size_t>(code.var_degree[v]); ++e) {
+            sum += beliefs.from_check[edges.of_variable[v][e]];
+        }
+        beliefs.posterior[v] = sum;
     }
 }
 
-// True when the passes converged to a codeword.
-bool propagate_beliefs(const ldpc_code& code, const float* metrics, int32_t max_iterations, uint8_t* codeword) {
-    Beliefs beliefs;
-    beliefs.channel.fill(0.0);
-    for (int32_t v = 0; v < code.n; ++v) beliefs.channel[static_cast<size_t>(v)] = -static_cast<double>(metrics[v]);
-    beliefs.posterior = beliefs.channel;
-    beliefs.n_edges = 0;
+bool is_codeword(const ldpc_code& code, const uint8_t* bits) {
     for (int32_t c = 0; c < code.m; ++c) {
-        for (int32_t e = 0; e < code.check_degree[c]; ++e) {
-            beliefs.from_check[beliefs.n_edges] = 0.0;
-            beliefs.variable[beliefs.n_edges++] = code.check_vars[c][e];
+        uint8_t parity = 0;
+        for (int32_t e = 0; e < code.check_degree[c]; ++e) parity ^= bits[code.check_vars[c][e]];
+        if (parity != 0) return false;
+    }
+    return true;
+}
+
+// Passes whose messages return to what they were some passes ago go round in a circle from then on, as they do in most
+// fits of noise: whole rounds of what is left can be skipped.
+class Circles {
+  public:
+    // The passes to go, of `left` behind the pass with these messages.
+    int32_t shorten(int32_t pass, std::span<const double> messages, int32_t left) {
+        const int32_t since = pass % SPACING;
+        if (length_ == 0 && pass > 0 && std::memcmp(kept_.data(), messages.data(), messages.size_bytes()) == 0) {
+            length_ = since == 0 ? SPACING : since;
+            return left % length_;
         }
+        if (since == 0) std::ranges::copy(messages, kept_.begin());
+        return left;
     }
 
-    beliefs.factor.fill(1.0);
-    beliefs.product.fill(1.0);
+  private:
+    static constexpr int32_t SPACING = 6;  // circles of one, two, three and six are found in it
+    std::array<double, MAX_SLOTS> kept_;
+    int32_t length_ = 0;
+};
 
-    for (int32_t pass = 0; pass < max_iterations; ++pass) {
-        update_checks(code, beliefs);
-        update_posteriors(beliefs);
+// True when the passes converged to a codeword.
+bool propagate_beliefs(const ldpc_code& code, const float* metrics, int32_t max_iterations, uint8_t* codeword) {
+    const EdgeLayout edges(code);
+    Beliefs beliefs;
+    for (int32_t v = 0; v < code.n; ++v) beliefs.channel[static_cast<size_t>(v)] = -static_cast<double>(metrics[v]);
+    beliefs.posterior = beliefs.channel;
+    const auto messages = std::span(beliefs.from_check).first(edges.n_slots);
+    std::ranges::fill(messages, 0.0);
+
+    Circles circles;
+    int32_t left = max_iterations;
+    for (int32_t pass = 0; left > 0; ++pass) {
+        update_checks(edges, beliefs);
+        update_posteriors(code, edges, beliefs);
         for (int32_t v = 0; v < code.n; ++v) codeword[v] = beliefs.posterior[static_cast<size_t>(v)] < 0.0;
-        if (ldpc_syndrome_weight(code, codeword) == 0) return true;
+        if (is_codeword(code, codeword)) return true;
+        left = circles.shorten(pass, messages, left - 1);
     }
     return false;
 }
