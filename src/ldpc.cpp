@@ -436,35 +436,41 @@ double cost_of(const ldpc_bits& differences, const std::array<double, LDPC_MAX_N
     return cost;
 }
 
-// Sums of reliabilities over all values of each byte of a codeword: a cost then takes one look-up per byte. The terms
-// are added in another order than in cost_of, so the result can only rule out what is clearly too expensive.
+// Sums of reliabilities over all values of each byte of a codeword: a cost then takes one look-up per byte. In single
+// precision, so that all of them stay in the fastest memory, and in another order than in cost_of: the result can only
+// rule out what is clearly too expensive.
 class CostTable {
   public:
     CostTable(const std::array<double, LDPC_MAX_N>& reliability, int32_t n)
-        : n_bytes_((static_cast<size_t>(n) + 7) / 8) {
-        for (size_t b = 0; b < n_bytes_; ++b) {
-            sums_[b][0] = 0.0;
+        : n_words_((static_cast<size_t>(n) + 63) / 64) {
+        for (size_t b = 0; b < BYTES * n_words_; ++b) {
+            sums_[b][0] = 0.0f;
             for (size_t value = 1; value < N_VALUES; ++value) {
                 const auto lowest = static_cast<size_t>(std::countr_zero(value));
-                sums_[b][value] = sums_[b][value & (value - 1)] + reliability[8 * b + lowest];
+                sums_[b][value] = sums_[b][value & (value - 1)] + static_cast<float>(reliability[BYTES * b + lowest]);
             }
         }
     }
 
     // False only when the cost is above the limit.
     bool may_reach(const ldpc_bits& differences, double limit) const {
-        constexpr double ROUNDING = 1e-12;  // far more than the order of the terms can cause
-        std::array<double, 2> cost{};       // two sums: neither waits for the other
-        for (size_t b = 0; b < n_bytes_; ++b) {
-            cost[b % 2] += sums_[b][(differences[b / 8] >> (8 * (b % 8))) & (N_VALUES - 1)];
+        constexpr double ROUNDING = 1e-4;  // far more than precision and order of the terms can cause
+        const double most = limit * (1 + ROUNDING);
+        std::array<float, 2> cost{};  // two sums: neither waits for the other
+        for (size_t w = 0; w < n_words_; ++w) {
+            uint64_t rest = differences[w];
+            for (size_t b = 0; b < BYTES; ++b, rest >>= 8) cost[b % 2] += sums_[BYTES * w + b][rest % N_VALUES];
+            const auto sum = static_cast<double>(cost[0] + cost[1]);
+            if (sum > most && std::isfinite(sum)) return false;
         }
-        return !(cost[0] + cost[1] > limit * (1 + ROUNDING));
+        return true;
     }
 
   private:
     static constexpr size_t N_VALUES = 256;
-    size_t n_bytes_;
-    std::array<std::array<double, N_VALUES>, LDPC_MAX_N / 8> sums_;
+    static constexpr size_t BYTES = 8;  // of a word
+    size_t n_words_;
+    std::array<std::array<float, N_VALUES>, LDPC_MAX_N / BYTES> sums_;
 };
 
 // The best candidate so far. Candidates are stored as their differences from the hard decisions.

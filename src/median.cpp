@@ -40,45 +40,64 @@ ORVEL_MULTIVERSION std::size_t count_up_to(const float* values, std::size_t n, f
     return total;
 }
 
+constexpr float NONE = -std::numeric_limits<float>::infinity();
+
+// Maxima side by side, as a compiler leaves one in order.
+class Greatest {
+  public:
+    void take(const Floats8& values, const Ints8& chosen) {
+        const Floats8 value = chosen ? values : NONE - Floats8{};
+        lanes_ = value > lanes_ ? value : lanes_;
+    }
+    void take(float value, bool chosen) { rest_ = chosen && value > rest_ ? value : rest_; }
+    float value() const {
+        float all = rest_;
+        for (std::size_t lane = 0; lane < FLOATS; lane++) all = lanes_[lane] > all ? lanes_[lane] : all;
+        return all;
+    }
+
+  private:
+    Floats8 lanes_ = NONE - Floats8{};
+    float rest_ = NONE;
+};
+
 // How many values are below a limit, and the greatest of them; -infinity when there is none.
 struct Below {
     std::size_t count;
     float greatest;
 };
 ORVEL_MULTIVERSION Below find_below(const float* values, std::size_t n, float limit) {
-    constexpr float NONE = -std::numeric_limits<float>::infinity();
-    Below below{0, NONE};
-    for (std::size_t first = 0; first < n; first += CHUNK) {
-        const std::size_t end = std::min(first + CHUNK, n);
-        int32_t count = 0;
-        float greatest = NONE;
-        for (std::size_t i = first; i < end; i++) {
-            const float value = values[i] < limit ? values[i] : NONE;
-            count += values[i] < limit ? 1 : 0;
-            greatest = value > greatest ? value : greatest;
+    Greatest greatest;
+    std::size_t count = 0;
+    std::size_t i = 0;
+    while (i + FLOATS <= n) {
+        Ints8 below{};
+        for (const std::size_t end = std::min(n, i + CHUNK); i + FLOATS <= end; i += FLOATS) {
+            Floats8 value;
+            load(value, values + i);
+            greatest.take(value, value < limit);
+            below -= value < limit;
         }
-        below.count += static_cast<std::size_t>(count);
-        below.greatest = std::max(below.greatest, greatest);
+        for (std::size_t lane = 0; lane < FLOATS; lane++) count += static_cast<std::size_t>(below[lane]);
     }
-    return below;
+    for (; i < n; i++) {
+        greatest.take(values[i], values[i] < limit);
+        count += values[i] < limit ? 1 : 0;
+    }
+    return {count, greatest.value()};
 }
 
-// The greatest of the values at or below a limit. Side by side: a compiler leaves a maximum in order.
+// The greatest of the values at or below a limit.
 ORVEL_MULTIVERSION float greatest_up_to(const float* values, std::size_t n, float limit) {
-    constexpr float NONE = -std::numeric_limits<float>::infinity();
-    const Floats8 none = NONE - Floats8{};
-    Floats8 greatest = none;
+    Greatest greatest;
     std::size_t i = 0;
     for (; i + FLOATS <= n; i += FLOATS) {
         Floats8 value;
         load(value, values + i);
-        value = value <= limit ? value : none;
-        greatest = value > greatest ? value : greatest;
+        greatest.take(value, value <= limit);
     }
-    float all = NONE;
-    for (std::size_t lane = 0; lane < FLOATS; lane++) all = greatest[lane] > all ? greatest[lane] : all;
-    for (; i < n; i++) all = values[i] <= limit && values[i] > all ? values[i] : all;
-    return all;
+    for (; i < n; i++) greatest.take(values[i], values[i] <= limit);
+    return greatest.value();
 }
 
 // The keys between which a rank lies, and how many values are below the lower and at or below the higher.

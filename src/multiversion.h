@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 #if defined(__has_feature)
@@ -26,6 +27,8 @@
 // Numbers side by side, as many as a register of AVX2 holds: GCC keeps wider vectors in memory.
 inline constexpr std::size_t FLOATS = 8;
 using Floats8 [[gnu::vector_size(FLOATS * sizeof(float))]] = float;
+using Ints8 [[gnu::vector_size(FLOATS * sizeof(int32_t))]] = int32_t;
+using Floats4 [[gnu::vector_size(4 * sizeof(float))]] = float;
 using Doubles4 [[gnu::vector_size(4 * sizeof(double))]] = double;
 
 // Two such vectors, for loops in which one would wait for its own last result.
@@ -61,8 +64,15 @@ inline Doubles8 operator*(double a, const Doubles8& b) {
 
 // At any address. GCC copies with memcpy in halves, which the processor cannot forward to a read of the whole.
 using Floats8Anywhere [[gnu::vector_size(sizeof(Floats8)), gnu::aligned(alignof(float)), gnu::may_alias]] = float;
+using Floats4Anywhere [[gnu::vector_size(sizeof(Floats4)), gnu::aligned(alignof(float)), gnu::may_alias]] = float;
 using Doubles4Anywhere [[gnu::vector_size(sizeof(Doubles4)), gnu::aligned(alignof(double)), gnu::may_alias]] = double;
 
+inline void load(Floats4& out, const float* from) {
+    out = *reinterpret_cast<const Floats4Anywhere*>(from);
+}
+inline void store(const Floats4& values, float* to) {
+    *reinterpret_cast<Floats4Anywhere*>(to) = values;
+}
 inline void load(Doubles4& out, const double* from) {
     out = *reinterpret_cast<const Doubles4Anywhere*>(from);
 }

@@ -6,6 +6,7 @@
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <span>
 #include <vector>
@@ -89,19 +90,21 @@ ORVEL_MULTIVERSION void sum_groups(const GroupRows& rows, std::size_t n, float* 
 class ScoreGrid {
   public:
     explicit ScoreGrid(const ov_grid& grid)
-        : columns_(grid.n_columns), scores_(static_cast<std::size_t>(grid.n_rows) * grid.n_columns) {}
+        : columns_(grid.n_columns),
+          size_(static_cast<std::size_t>(grid.n_rows) * columns_),
+          scores_(std::make_unique_for_overwrite<float[]>(size_)) {}
 
-    std::span<float> row(int64_t i) {
-        return std::span(scores_).subspan(static_cast<std::size_t>(i) * columns_, columns_);
-    }
+    std::span<float> row(int64_t i) { return {scores_.get() + static_cast<std::size_t>(i) * columns_, columns_}; }
     std::span<const float> row(int64_t i) const {
-        return std::span(scores_).subspan(static_cast<std::size_t>(i) * columns_, columns_);
+        return {scores_.get() + static_cast<std::size_t>(i) * columns_, columns_};
     }
-    std::span<const float> all() const { return scores_; }
+    std::span<float> all() { return {scores_.get(), size_}; }
+    std::span<const float> all() const { return {scores_.get(), size_}; }
 
   private:
     std::size_t columns_;
-    std::vector<float> scores_;
+    std::size_t size_;
+    std::unique_ptr<float[]> scores_;
 };
 
 void score_groups(const ov_specmap& map, const ov_grid& grid, ScoreGrid& scores) {
@@ -116,62 +119,94 @@ void score_groups(const ov_specmap& map, const ov_grid& grid, ScoreGrid& scores)
 }
 
 // Some columns of a row of the score, in double precision.
-constexpr std::size_t SUM_COLUMNS = 16;
-using ColumnSums = std::array<double, SUM_COLUMNS>;
+template <std::size_t COLUMNS>
+struct alignas(sizeof(Doubles4)) ColumnSums {
+    double sums[COLUMNS];
 
-// Adds |power in the chip after row u − power in the chip that begins there| for `width` columns; nothing where either
-// lies outside the map.
-[[gnu::always_inline]] inline void add_difference(const ov_specmap& map, int64_t u, std::size_t column,
-                                                  std::size_t width, ColumnSums& sums) {
-    if (u < 0 || u + map.steps_per_chip >= map.npos) return;
-    const float* const first = map.row(u).data() + column;
-    const float* const second = map.row(u + map.steps_per_chip).data() + column;
-    if (width == SUM_COLUMNS) {  // a fixed count of columns can be added at once
-        for (std::size_t c = 0; c < SUM_COLUMNS; c++) sums[c] += static_cast<double>(std::fabs(second[c] - first[c]));
-    } else {
-        for (std::size_t c = 0; c < width; c++) sums[c] += static_cast<double>(std::fabs(second[c] - first[c]));
+    // Adds |b - a| of that many columns.
+    void add_difference(const float* a, const float* b) {
+        for (std::size_t c = 0; c < COLUMNS; c++) sums[c] += static_cast<double>(std::fabs(b[c] - a[c]));
     }
-}
+};
 
 // Scores of some columns, of frames that start in rows t, t + 2S, …: pair k of the frame in row t compares the chips at
-// row t + (2k + 1)S, so that neighbouring scores of this sequence share all but one of their terms.
-ORVEL_MULTIVERSION void score_columns(const ov_specmap& map, const ov_grid& grid, int64_t residue, std::size_t column,
-                                      std::size_t width, ColumnSums* ends, ScoreGrid& scores) noexcept {
+// row t + (2k + 1)S, so that neighbouring scores of this sequence share all but one of their terms. Chips outside the
+// map add nothing.
+template <std::size_t COLUMNS>
+[[gnu::always_inline]] inline void score_columns(const ov_specmap& map, const ov_grid& grid, int64_t residue,
+                                                 std::size_t column, ColumnSums<COLUMNS>* ends,
+                                                 ScoreGrid& scores) noexcept {
+    using Sums = ColumnSums<COLUMNS>;
     const int64_t stride = 2 * int64_t{map.steps_per_chip};
     const int64_t starts = (grid.n_rows - residue + stride - 1) / stride;
     const int64_t first_row = grid.first_row + residue + map.steps_per_chip;
-    const std::size_t source = grid.first_column + column;
+    const float* const source = map.power + grid.first_column + column;
     sum_runs(
         starts + map.pairs - 1, map.pairs, ends,
-        [&](ColumnSums& sums, int64_t i) { add_difference(map, first_row + i * stride, source, width, sums); },
-        [&](int64_t i, const ColumnSums& sums) {
-            float* const out = scores.row(residue + i * stride).data() + column;
-            for (std::size_t c = 0; c < width; c++) out[c] = static_cast<float>(sums[c]);
+        [&](Sums& sums, int64_t i) {
+            const int64_t u = first_row + i * stride;
+            if (u < 0 || u + map.steps_per_chip >= map.npos) return;
+            const float* const first = source + u * map.nbins;
+            sums.add_difference(first, first + int64_t{map.steps_per_chip} * map.nbins);
         },
-        [](const ColumnSums& a, const ColumnSums& b) {
-            ColumnSums sum;
-            for (std::size_t c = 0; c < SUM_COLUMNS; c++) sum[c] = a[c] + b[c];
-            return sum;
+        [&](int64_t i, const Sums& a, const Sums& b) {
+            float* const out = scores.row(residue + i * stride).data() + column;
+            for (std::size_t c = 0; c < std::size(a.sums); c++) out[c] = static_cast<float>(a.sums[c] + b.sums[c]);
         });
 }
 
+constexpr std::size_t WIDE = 16;  // columns
+ORVEL_MULTIVERSION void score_wide(const ov_specmap& map, const ov_grid& grid, int64_t residue, std::size_t column,
+                                   ColumnSums<WIDE>* ends, ScoreGrid& scores) noexcept {
+    score_columns(map, grid, residue, column, ends, scores);
+}
+
 void score_pairs(const ov_specmap& map, const ov_grid& grid, ScoreGrid& scores) {
-    if (map.pairs < 1) return;
+    if (map.pairs < 1) {
+        std::ranges::fill(scores.all(), 0.0f);
+        return;
+    }
     const int64_t residues = std::min(2 * int64_t{map.steps_per_chip}, grid.n_rows);
-    std::vector<ColumnSums> ends(static_cast<std::size_t>(map.pairs));
-    for (std::size_t column = 0; column < grid.n_columns; column += SUM_COLUMNS) {
-        const std::size_t width = std::min(SUM_COLUMNS, grid.n_columns - column);
-        for (int64_t residue = 0; residue < residues; residue++) {
-            score_columns(map, grid, residue, column, width, ends.data(), scores);
+    const auto run = static_cast<std::size_t>(map.pairs);
+    if (grid.n_columns < WIDE) {
+        std::vector<ColumnSums<1>> ends(run);
+        for (std::size_t column = 0; column < grid.n_columns; column++) {
+            for (int64_t r = 0; r < residues; r++) score_columns(map, grid, r, column, ends.data(), scores);
         }
+        return;
+    }
+    std::vector<ColumnSums<WIDE>> ends(run);
+    for (std::size_t next = 0; next < grid.n_columns; next += WIDE) {
+        const std::size_t column = std::min(next, grid.n_columns - WIDE);  // the last ones overlap
+        for (int64_t r = 0; r < residues; r++) score_wide(map, grid, r, column, ends.data(), scores);
     }
 }
 
+// Every so many-th score, evenly.
 RobustStatistics score_statistics(std::span<const float> scores) {
     const std::size_t n = std::min(scores.size(), MAX_SCORE_SAMPLES);
     std::vector<float> sample(n);
-    for (std::size_t i = 0; i < n; i++) sample[i] = scores[i * scores.size() / n];
+    // Score i * size / n for each i, without a division for each.
+    const std::size_t step = scores.size() / std::max<std::size_t>(n, 1);
+    const std::size_t rest = scores.size() - step * n;
+    std::size_t at = 0;
+    std::size_t remainder = 0;
+    for (float& score : sample) {
+        score = scores[at];
+        at += step;
+        remainder += rest;
+        if (remainder >= n) {
+            remainder -= n;
+            at++;
+        }
+    }
     return robust_statistics(sample, median_value);
+}
+
+ORVEL_MULTIVERSION bool any_reaches(const float* scores, std::size_t n, float threshold) {
+    int32_t count = 0;
+    for (std::size_t i = 0; i < n; i++) count += scores[i] >= threshold ? 1 : 0;
+    return count > 0;
 }
 
 std::vector<ov_cand> find_peaks(const ov_specmap& map, const ov_grid& grid, const ScoreGrid& scores,
@@ -181,6 +216,7 @@ std::vector<ov_cand> find_peaks(const ov_specmap& map, const ov_grid& grid, cons
     std::vector<ov_cand> peaks;
     for (int64_t i = 0; i < grid.n_rows; i++) {
         const std::span<const float> row = scores.row(i);
+        if (!any_reaches(row.data(), row.size(), threshold)) continue;
         for (std::size_t c = 0; c < row.size(); c++) {
             const float score = row[c];
             if (!(score >= threshold) || !std::isfinite(score) || !is_peak(rows, grid.n_rows, i, c)) continue;

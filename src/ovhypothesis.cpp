@@ -28,11 +28,16 @@ constexpr int32_t MAX_DRIFT_STEPS = 12;
 ORVEL_MULTIVERSION double tone_energy(const Complex* x, std::size_t n, const Complex& rotation) {
     std::array<double, DOUBLES> first_re;
     std::array<double, DOUBLES> first_im;
-    Complex turn = 1;
+    const double step_re = rotation.real();
+    const double step_im = rotation.imag();
+    double turn_re = 1;
+    double turn_im = 0;
     for (std::size_t j = 0; j < DOUBLES; j++) {
-        first_re[j] = turn.real();
-        first_im[j] = turn.imag();
-        turn *= rotation;
+        first_re[j] = turn_re;
+        first_im[j] = turn_im;
+        const double next_re = turn_re * step_re - turn_im * step_im;
+        turn_im = turn_re * step_im + turn_im * step_re;
+        turn_re = next_re;
     }
     Doubles8 phasor_re;
     Doubles8 phasor_im;
@@ -43,8 +48,8 @@ ORVEL_MULTIVERSION double tone_energy(const Complex* x, std::size_t n, const Com
     const auto add = [&](const Doubles8& x_re, const Doubles8& x_im) {
         sum_re += x_re * phasor_re - x_im * phasor_im;
         sum_im += x_re * phasor_im + x_im * phasor_re;
-        const Doubles8 next_re = phasor_re * turn.real() - phasor_im * turn.imag();
-        phasor_im = phasor_re * turn.imag() + phasor_im * turn.real();
+        const Doubles8 next_re = phasor_re * turn_re - phasor_im * turn_im;
+        phasor_im = phasor_re * turn_im + phasor_im * turn_re;
         phasor_re = next_re;
     };
     std::size_t k = 0;

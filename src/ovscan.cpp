@@ -176,7 +176,7 @@ class JumpSearch {
 
         sum_runs(
             chips - 1, run, ends_.data(), [&](Sums& sums, int64_t i) { sums.add(chips_[at(i)], chips_[at(i + 1)]); },
-            [&](int64_t, const Sums& sums) { judge(sums, run); }, [](const Sums& a, const Sums& b) { return a + b; });
+            [&](int64_t, const Sums& a, const Sums& b) { judge(a + b, run); });
     }
 
     static std::size_t at(int64_t index) { return static_cast<std::size_t>(index); }

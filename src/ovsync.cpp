@@ -10,6 +10,7 @@
 #include <span>
 #include <vector>
 
+#include "multiversion.h"
 #include "ovfft.h"
 #include "robust.h"
 
@@ -87,6 +88,14 @@ void sum_spread(std::span<const float> powers, std::span<float> row) {
     }
 }
 
+// |X|² of some bins.
+ORVEL_MULTIVERSION void powers_of(const Complex* bins, std::size_t n, float* out) {
+    const auto* const parts = reinterpret_cast<const double*>(bins);
+    for (std::size_t k = 0; k < n; k++) {
+        out[k] = static_cast<float>(parts[2 * k] * parts[2 * k] + parts[2 * k + 1] * parts[2 * k + 1]);
+    }
+}
+
 bool fill_powers(const ov_baseband& bb, const ov_specmap& map) {
     const auto window = fftw_array<Complex>(map.nfft);
     const auto bins = fftw_array<Complex>(map.nfft);
@@ -96,19 +105,16 @@ bool fill_powers(const ov_baseband& bb, const ov_specmap& map) {
     const FftwPlan plan = plan_complex(map.nfft, window.get(), bins.get(), FFTW_FORWARD);
     if (!plan) return false;
 
-    Complex* const bins_end = bins.get() + map.nfft;
     std::fill_n(window.get(), map.nfft, Complex{});
-    const auto power = [](const Complex& x) { return static_cast<float>(std::norm(x)); };
+    const auto below = static_cast<std::size_t>(reach);  // bins below the middle one, which come last
     for (int64_t p = 0; p < map.npos; p++) {
         std::copy_n(bb.samples + p * map.hop, map.chip_len, window.get());
         fftw_execute(plan.get());
-        const auto middle = std::transform(bins_end - reach, bins_end, powers.begin(), power);
-        std::transform(bins.get(), bins.get() + reach + 1, middle, power);
-        if (map.spread == 0) {
-            std::copy(powers.begin(), powers.end(), open_row(map, p).begin());
-        } else {
-            sum_spread(powers, open_row(map, p));
-        }
+        const std::span<float> row = open_row(map, p);
+        float* const out = map.spread == 0 ? row.data() : powers.data();
+        powers_of(bins.get() + map.nfft - reach, below, out);
+        powers_of(bins.get(), below + 1, out + below);
+        if (map.spread != 0) sum_spread(powers, row);
     }
     return true;
 }
@@ -119,16 +125,26 @@ std::vector<float> noise_levels(const ov_specmap& map) {
     const std::size_t columns = map.row(0).size();
     const int64_t n_rows = std::min(map.npos, MAX_NOISE_ROWS);
     const auto stride = static_cast<std::size_t>(n_rows);
+    std::vector<const float*> rows(stride);
+    for (int64_t i = 0; i < n_rows; i++) {
+        rows[static_cast<std::size_t>(i)] = map.row(n_rows > 1 ? i * (map.npos - 1) / (n_rows - 1) : 0).data();
+    }
     std::vector<float> samples(BLOCK * stride);
     std::vector<float> levels(columns);
-    for (std::size_t first = 0; first < columns; first += BLOCK) {
-        const std::size_t width = std::min(BLOCK, columns - first);
-        for (int64_t i = 0; i < n_rows; i++) {
-            const float* const source = map.row(n_rows > 1 ? i * (map.npos - 1) / (n_rows - 1) : 0).data() + first;
-            float* const sample = samples.data() + i;
-            for (std::size_t c = 0; c < width; c++) sample[c * stride] = source[c];
+    for (std::size_t next = 0; next < columns; next += BLOCK) {
+        const std::size_t first = columns < BLOCK ? 0 : std::min(next, columns - BLOCK);  // the last ones overlap
+        const std::size_t width = std::min(BLOCK, columns);
+        float* sample = samples.data();
+        for (const float* const row : rows) {
+            const float* const source = row + first;
+            if (width == BLOCK) {
+                for (std::size_t c = 0; c < BLOCK; c++) sample[c * stride] = source[c];
+            } else {
+                for (std::size_t c = 0; c < width; c++) sample[c * stride] = source[c];
+            }
+            sample++;
         }
-        for (std::size_t c = 0; c < width; c++) {
+        for (std::size_t c = next - first; c < width; c++) {
             levels[first + c] = median_value(std::span(samples).subspan(c * stride, stride)) / LN2_F32;
         }
     }
@@ -147,10 +163,14 @@ void fill_noise(const ov_specmap& map) {
     }
 }
 
+ORVEL_MULTIVERSION void divide(float* values, const float* by, std::size_t n) {
+    for (std::size_t i = 0; i < n; i++) values[i] /= by[i];
+}
+
 void normalise(const ov_specmap& map) {
     for (int64_t p = 0; p < map.npos; p++) {
         const std::span<float> row = open_row(map, p);
-        for (std::size_t b = 0; b < row.size(); b++) row[b] /= map.noise[b];
+        divide(row.data(), map.noise, row.size());
         if (map.spread == 0) continue;
         for (float& power : row) power = static_cast<float>((power - 1.0) * map.noise_rescale + 1.0);
     }
