@@ -271,7 +271,7 @@ ov_group_rows::ov_group_rows(const ov_specmap& map, const ov_grid& grid, Keep ke
     : map_(map),
       grid_(grid),
       keep_(keep),
-      stride_((grid.n_columns + FLOATS - 1) / FLOATS * FLOATS),
+      stride_((grid.n_columns + PADDING - 1) / PADDING * PADDING),
       kinds_(keep == Keep::BEST ? static_cast<std::size_t>(N_BEST) : OVC_WALSH.size()),
       depth_(2 * OVC_GROUPS * int64_t{map.steps_per_chip}),
       next_row_(grid.first_row + map.steps_per_chip),

@@ -49,9 +49,11 @@ class ov_group_rows {
     // Forms what frames up to start row t need.
     void advance(int64_t t);
 
-    // One value for each column of the grid, and zeros up to a multiple of 16 columns, of group g of a frame that
-    // starts in row t. A best ignores NaN and is at least -1e30.
+    // One value for each column of the grid, and zeros up to a multiple of PADDING columns, of group g of a frame that
+    // starts in row t. A best ignores NaN and is at least -1e30. The next word is word_stride() values on.
+    static constexpr std::size_t PADDING = 16;
     const float* word(int64_t t, std::size_t g, std::size_t w) const { return row(t, g, w); }
+    std::size_t word_stride() const { return stride_; }
     const float* best(int64_t t, std::size_t g) const {
         return row(t, g, g == 0 ? ONLY_LAST : g == 1 ? FIRST_FOUR : ALL);
     }

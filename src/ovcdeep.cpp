@@ -1,20 +1,22 @@
 // The 119 signs of a frame are 17 Walsh words of 7 pairs each. The correlations of a group with its eight words are
 // shared by all known callsigns, so a callsign costs 17 look-ups and additions per cell instead of 119. Columns are
 // processed a few at a time, so that the correlations that all callsigns choose from fit the first-level cache. Peaks
-// are found while the map streams by: only three rows of Z are kept for each callsign.
+// are found while the map streams by: of each callsign and row only the highest Z is kept, and where that reaches the
+// threshold the row and its neighbours are computed again.
 #include "ovcdeep.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
 #include <functional>
-#include <limits>
 #include <new>
 #include <numbers>
 #include <optional>
 #include <span>
 #include <vector>
 
+#include "multiversion.h"
 #include "ovcdec.h"
 #include "robust.h"
 
@@ -23,13 +25,14 @@ namespace {
 constexpr double SAME_FRAMES = 0.5;   // hits of one callsign this close in time
 constexpr double SAME_CHIP_HZ = 3.0;  // and frequency (in 1/chip) are one
 
-// Values of some neighbouring columns.
-constexpr std::size_t LANES = 16;
-using Lanes = std::array<float, LANES>;
+// Some neighbouring columns: two vectors of them.
+constexpr std::size_t LANES = 2 * FLOATS;
+static_assert(ov_group_rows::PADDING % LANES == 0);
 
-// Correlation of each group with each word, for some columns.
+// Correlation of each group with each word, for some columns; the last row is zero.
 constexpr std::size_t N_WORDS = OVC_WALSH.size();
-using WordTable = std::array<Lanes, OVC_GROUPS * N_WORDS>;
+constexpr std::size_t NO_WORD = OVC_GROUPS * N_WORDS;
+using WordTable = std::array<std::array<float, LANES>, NO_WORD + 1>;
 
 // The indices of a frame's words in a table; nothing when its signs are not code words.
 using Words = std::array<uint8_t, OVC_GROUPS>;
@@ -49,12 +52,31 @@ std::optional<Words> words_of(const ovc_known& known) {
     return words;
 }
 
-Lanes sum_words(const WordTable& table, const Words& words) {
-    Lanes sums{};
-    for (const uint8_t word : words) {
-        for (std::size_t k = 0; k < LANES; k++) sums[k] += table[word][k];
+// The highest Z of each callsign so far, in every eighth column: FLOATS for each callsign.
+ORVEL_MULTIVERSION void raise_highest(const WordTable& table, const std::array<float, LANES>& scale, const Words* words,
+                                      std::size_t n, float* highest) {
+    Floats8 scale_low;
+    Floats8 scale_high;
+    load(scale_low, scale.data());
+    load(scale_high, scale.data() + FLOATS);
+    for (std::size_t entry = 0; entry < n; entry++) {
+        Floats8 low{};
+        Floats8 high{};
+        for (const uint8_t word : words[entry]) {
+            Floats8 part;
+            load(part, table[word].data());
+            low += part;
+            load(part, table[word].data() + FLOATS);
+            high += part;
+        }
+        low *= scale_low;
+        high *= scale_high;
+        Floats8 most;
+        load(most, highest + entry * FLOATS);
+        most = low > most ? low : most;  // unchanged where it is NaN
+        most = high > most ? high : most;
+        store(most, highest + entry * FLOATS);
     }
-    return sums;
 }
 
 int32_t cmp_hit(const ovc_deep_hit& a, const ovc_deep_hit& b) {
@@ -69,7 +91,7 @@ bool hit_before(const ovc_deep_hit& a, const ovc_deep_hit& b) {
     return a.column < b.column;
 }
 
-// The Z of every known callsign for three neighbouring start rows, and the peaks among them.
+// The Z of every known callsign, row by row, and the peaks among them.
 class DeepSearch {
   public:
     DeepSearch(const ov_specmap& map, const ov_grid& grid, std::span<const ovc_known> known, double threshold)
@@ -78,19 +100,30 @@ class DeepSearch {
           known_(known),
           threshold_(threshold),
           groups_(map, grid, ov_group_rows::Keep::WORDS),
-          z_(known.size() * N_KEPT * grid.n_columns, std::numeric_limits<float>::quiet_NaN()),
-          highest_(known.size() * N_KEPT),
+          words_(known.size()),
+          is_coded_(known.size()),
+          highest_(known.size() * FLOATS),
+          promising_(known.size()),
           squares_(grid.n_columns),
-          scale_(grid.n_columns),
+          scales_(N_KEPT * grid.n_columns),
+          z_(N_KEPT * grid.n_columns),
           difference_(grid.n_columns) {
-        words_.reserve(known.size());
-        for (const ovc_known& entry : known) words_.push_back(words_of(entry));
+        for (std::size_t entry = 0; entry < known.size(); entry++) {
+            const std::optional<Words> words = words_of(known[entry]);
+            is_coded_[entry] = words.has_value();
+            if (words) {
+                words_[entry] = *words;
+            } else {
+                words_[entry].fill(NO_WORD);
+            }
+        }
     }
 
     std::vector<ovc_deep_hit> hits() {
         for (int64_t i = 0; i < grid_.n_rows; i++) {
             form_row(i);
             if (i > 0) find_peaks(i - 1);
+            note_promising();
         }
         find_peaks(grid_.n_rows - 1);
         return std::move(hits_);
@@ -99,85 +132,91 @@ class DeepSearch {
   private:
     static constexpr int64_t N_KEPT = 3;
 
-    std::size_t slot(std::size_t entry, int64_t i) const {
-        return entry * N_KEPT + static_cast<std::size_t>(i % N_KEPT);
+    // Of row i (from the grid's first), while the rows that it needs are kept.
+    std::span<float> kept(std::vector<float>& rows, int64_t i) const {
+        return std::span(rows).subspan(static_cast<std::size_t>(i % N_KEPT) * grid_.n_columns, grid_.n_columns);
     }
 
-    // Row i (from the grid's first) of a callsign, and the highest Z in it.
-    std::span<float> row(std::size_t entry, int64_t i) {
-        return std::span(z_).subspan(slot(entry, i) * grid_.n_columns, grid_.n_columns);
-    }
-    float& highest(std::size_t entry, int64_t i) { return highest_[slot(entry, i)]; }
-
+    // The highest Z of row i.
     void form_row(int64_t i) {
-        const int64_t t = grid_.first_row + i;
-        groups_.advance(t);
-        form_scale(t);
-        for (std::size_t entry = 0; entry < known_.size(); entry++) {
-            highest(entry, i) = 0;
-            if (!words_[entry]) sum_pairs(entry, i);
-        }
+        groups_.advance(grid_.first_row + i);
+        form_scale(i);
+        std::ranges::fill(highest_, 0.0f);
         for (std::size_t first = 0; first < grid_.n_columns; first += LANES) sum_columns(i, first);
+        for (std::size_t entry = 0; entry < known_.size(); entry++) {
+            if (is_coded_[entry]) continue;
+            for (const float z : row_of(entry, i)) highest_[entry * FLOATS] = std::fmax(highest_[entry * FLOATS], z);
+        }
     }
 
-    void form_scale(int64_t t) {
+    void form_scale(int64_t i) {
         std::fill(squares_.begin(), squares_.end(), 0.0);
         for (std::size_t g = 0; g < OVC_GROUPS; g++) {
-            const double* const squares = groups_.squares(t, g);
+            const double* const squares = groups_.squares(grid_.first_row + i, g);
             for (std::size_t c = 0; c < squares_.size(); c++) squares_[c] += squares[c];
         }
-        std::transform(squares_.begin(), squares_.end(), scale_.begin(),
+        std::transform(squares_.begin(), squares_.end(), kept(scales_, i).begin(),
                        [](double squares) { return squares > 0 ? static_cast<float>(1 / std::sqrt(squares)) : 0; });
     }
 
-    // Z of row i for all callsigns with code words, in the columns from `first` on that a table holds.
+    // Row i of all callsigns with code words, in the columns from `first` on that a table holds.
     void sum_columns(int64_t i, std::size_t first) {
-        const std::size_t width = std::min(LANES, grid_.n_columns - first);
         WordTable table;
         for (std::size_t g = 0; g < OVC_GROUPS; g++) {
-            for (std::size_t w = 0; w < N_WORDS; w++) {
-                const float* const source = groups_.word(grid_.first_row + i, g, w) + first;
-                Lanes& lanes = table[g * N_WORDS + w];
-                std::fill(std::copy_n(source, width, lanes.begin()), lanes.end(), 0.0f);
+            const float* word = groups_.word(grid_.first_row + i, g, 0) + first;
+            for (std::size_t w = 0; w < N_WORDS; w++, word += groups_.word_stride()) {
+                std::memcpy(table[g * N_WORDS + w].data(), word, sizeof table[0]);
             }
         }
-        Lanes scale{};
-        std::copy_n(scale_.begin() + static_cast<std::ptrdiff_t>(first), width, scale.begin());
-
-        for (std::size_t entry = 0; entry < known_.size(); entry++) {
-            if (!words_[entry]) continue;
-            Lanes z = sum_words(table, *words_[entry]);
-            for (std::size_t k = 0; k < LANES; k++) z[k] *= scale[k];
-            std::copy_n(z.begin(), width, row(entry, i).data() + first);
-            note_highest(z, highest(entry, i));
-        }
+        table[NO_WORD].fill(0.0f);
+        std::array<float, LANES> scale{};
+        std::ranges::copy(kept(scales_, i).subspan(first, std::min(LANES, grid_.n_columns - first)), scale.begin());
+        raise_highest(table, scale, words_.data(), words_.size(), highest_.data());
     }
 
-    // Z of row i, pair by pair, for signs that are not code words.
-    void sum_pairs(std::size_t entry, int64_t i) {
-        const std::span<float> z = row(entry, i);
+    // Z of row i of a callsign: i is the row formed last, or one of the two before it.
+    std::span<const float> row_of(std::size_t entry, int64_t i) {
+        const std::span<float> z = kept(z_, i);
         std::ranges::fill(z, 0.0f);
+        if (is_coded_[entry]) {
+            for (std::size_t g = 0; g < OVC_GROUPS; g++) {
+                const float* const word = groups_.word(grid_.first_row + i, g, words_[entry][g] % N_WORDS);
+                for (std::size_t c = 0; c < z.size(); c++) z[c] += word[c];
+            }
+        } else {
+            sum_pairs(entry, i, z);
+        }
+        const std::span<const float> scale = kept(scales_, i);
+        for (std::size_t c = 0; c < z.size(); c++) z[c] *= scale[c];
+        return z;
+    }
+
+    // Pair by pair, for signs that are not code words.
+    void sum_pairs(std::size_t entry, int64_t i, std::span<float> z) {
         for (int64_t k = 0; k < OVC_PAIRS; k++) {
             ov_pair_difference(map_, grid_, grid_.first_row + i + (2 * k + 1) * map_.steps_per_chip,
                                difference_.data());
             const auto sign = static_cast<float>(known_[entry].signs[k]);
             for (std::size_t c = 0; c < z.size(); c++) z[c] += sign * difference_[c];
         }
-        for (std::size_t c = 0; c < z.size(); c++) z[c] *= scale_[c];
-        note_highest(z, highest(entry, i));
     }
 
-    static void note_highest(std::span<const float> z, float& highest) {
-        for (const float value : z) highest = value > highest ? value : highest;
+    // Which callsigns reach the threshold in the row formed last.
+    void note_promising() {
+        for (std::size_t entry = 0; entry < known_.size(); entry++) {
+            const auto highest = std::span(highest_).subspan(entry * FLOATS, FLOATS);
+            promising_[entry] = std::ranges::any_of(highest, [&](float z) { return z >= threshold_; });
+        }
     }
 
     // Cells of row i that reach the threshold and are not below a neighbour. Row i + 1 has been formed, if there is
     // one.
     void find_peaks(int64_t i) {
         for (std::size_t entry = 0; entry < known_.size(); entry++) {
-            if (!(highest(entry, i) >= threshold_)) continue;
-            const auto rows = [&](int64_t r) { return row(entry, r); };
-            const std::span<const float> z = row(entry, i);
+            if (!promising_[entry]) continue;
+            for (int64_t r = std::max<int64_t>(i - 1, 0); r <= std::min(i + 1, grid_.n_rows - 1); r++) row_of(entry, r);
+            const auto rows = [&](int64_t r) { return kept(z_, r); };
+            const std::span<const float> z = kept(z_, i);
             for (std::size_t c = 0; c < z.size(); c++) {
                 if (z[c] >= threshold_ && is_peak(rows, grid_.n_rows, i, c)) add_hit(entry, i, c, z[c]);
             }
@@ -200,11 +239,13 @@ class DeepSearch {
     std::span<const ovc_known> known_;
     double threshold_;
     ov_group_rows groups_;
-    std::vector<std::optional<Words>> words_;
-    std::vector<float> z_;
-    std::vector<float> highest_;
+    std::vector<Words> words_;
+    std::vector<char> is_coded_;   // whether a callsign's signs are code words
+    std::vector<float> highest_;   // Z of the row formed last: FLOATS for each callsign
+    std::vector<char> promising_;  // callsigns that reach the threshold in the row before it
     std::vector<double> squares_;  // Σ d² of the current row
-    std::vector<float> scale_;     // and 1/sqrt of it
+    std::vector<float> scales_;    // and 1/sqrt of it, of three rows
+    std::vector<float> z_;         // three rows of one callsign
     std::vector<float> difference_;
     std::vector<ovc_deep_hit> hits_;
 };

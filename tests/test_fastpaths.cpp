@@ -129,11 +129,10 @@ TEST(RunSums, EveryRunIsSummedOnceAndInOrder) {
             std::vector<int64_t> sums;
             sum_runs(
                 n, run, ends.data(), [](int64_t& sum, int64_t i) { sum += int64_t{1} << i; },
-                [&](int64_t i, int64_t sum) {
+                [&](int64_t i, int64_t a, int64_t b) {
                     ASSERT_EQ(i, static_cast<int64_t>(sums.size()));
-                    sums.push_back(sum);
-                },
-                [](int64_t a, int64_t b) { return a + b; });
+                    sums.push_back(a + b);
+                });
             ASSERT_EQ(static_cast<int64_t>(sums.size()), std::max<int64_t>(n - run + 1, 0)) << n << " " << run;
             for (std::size_t i = 0; i < sums.size(); i++) {
                 ASSERT_EQ(sums[i], ((int64_t{1} << run) - 1) << i) << n << " " << run;
@@ -148,11 +147,10 @@ TEST(RunSums, AHugeTermLeavesNothingBehind) {
     std::vector<double> ends(119);
     sum_runs(
         1000, 119, ends.data(), [&](double& sum, int64_t i) { sum += terms[static_cast<std::size_t>(i)]; },
-        [&](int64_t i, double sum) {
+        [&](int64_t i, double a, double b) {
             const bool without = i > 300 || i + 119 <= 300;
-            ASSERT_NEAR(sum, without ? 11.9 : 1e30, without ? 1e-12 : 1e15) << i;
-        },
-        [](double a, double b) { return a + b; });
+            ASSERT_NEAR(a + b, without ? 11.9 : 1e30, without ? 1e-12 : 1e15) << i;
+        });
 }
 
 // ---- Chip energies --------------------------------------------------------------------------------------------------
