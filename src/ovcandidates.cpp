@@ -11,6 +11,7 @@
 #include <span>
 #include <vector>
 
+#include "bigpages.h"
 #include "multiversion.h"
 #include "ovcenc.h"
 #include "robust.h"
@@ -92,7 +93,7 @@ class ScoreGrid {
     explicit ScoreGrid(const ov_grid& grid)
         : columns_(grid.n_columns),
           size_(static_cast<std::size_t>(grid.n_rows) * columns_),
-          scores_(std::make_unique_for_overwrite<float[]>(size_)) {}
+          scores_(big_array<float>(size_)) {}
 
     std::span<float> row(int64_t i) { return {scores_.get() + static_cast<std::size_t>(i) * columns_, columns_}; }
     std::span<const float> row(int64_t i) const {

@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <memory>
 
+#include "bigpages.h"
+
 struct FftwFree {
     void operator()(void* buffer) const noexcept { fftw_free(buffer); }
 };
@@ -23,7 +25,10 @@ using FftwArray = std::unique_ptr<T[], FftwFree>;
 template <class T>
 FftwArray<T> fftw_array(int64_t count) noexcept {
     if (count < 0 || static_cast<uint64_t>(count) > SIZE_MAX / sizeof(T)) return {};
-    return FftwArray<T>(static_cast<T*>(fftw_malloc(static_cast<std::size_t>(count) * sizeof(T))));
+    const std::size_t bytes = static_cast<std::size_t>(count) * sizeof(T);
+    void* const buffer = fftw_malloc(bytes);
+    prefer_big_pages(buffer, bytes);
+    return FftwArray<T>(static_cast<T*>(buffer));
 }
 
 struct FftwDestroy {

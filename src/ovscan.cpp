@@ -13,6 +13,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "bigpages.h"
+#include "multiversion.h"
 #include "ovfft.h"
 #include "robust.h"
 #include "runsums.h"
@@ -62,6 +64,21 @@ std::optional<Grid> make_grid(bool is_complex, int32_t n, int32_t rate, double w
     return grid;
 }
 
+// The samples of a window as the transform takes them.
+ORVEL_MULTIVERSION void interleave(const double* re, const double* im, std::size_t n, double* out) {
+    for (std::size_t k = 0; k < n; k++) {
+        out[2 * k] = re[k];
+        out[2 * k + 1] = im[k];
+    }
+}
+
+// |X|² of some bins.
+ORVEL_MULTIVERSION void powers_of(const double* bins, std::size_t n, float* out) {
+    for (std::size_t k = 0; k < n; k++) {
+        out[k] = static_cast<float>(bins[2 * k] * bins[2 * k] + bins[2 * k + 1] * bins[2 * k + 1]);
+    }
+}
+
 // Powers of all windows, one row each. False when memory is short.
 bool fill_powers(const double* re, const double* im, const Grid& grid, std::span<float> powers) {
     const int32_t nfft = 2 * grid.window;
@@ -72,16 +89,21 @@ bool fill_powers(const double* re, const double* im, const Grid& grid, std::span
     if (!plan) return false;
 
     std::fill(in.get() + grid.window, in.get() + nfft, Complex{});
-    float* power = powers.data();
+    const std::vector<double> none(im == nullptr ? static_cast<std::size_t>(grid.window) : 0);
+    auto* const samples = reinterpret_cast<double*>(in.get());
+    const auto* const bins = reinterpret_cast<const double*>(out.get());
+    const auto below = static_cast<std::size_t>(std::clamp<int64_t>(-grid.first, 0, grid.bins));  // 0 Hz
+    const auto above = static_cast<std::size_t>(grid.bins) - below;
+    const auto lowest = static_cast<std::size_t>(grid.first < 0 ? nfft + grid.first : grid.first);
+    float* row = powers.data();
     for (int64_t w = 0; w < grid.windows; w++) {
         const auto start = static_cast<int64_t>(std::lround(static_cast<double>(w) * grid.window / PHASES));
-        for (int64_t k = 0; k < grid.window; k++) {
-            in[static_cast<std::size_t>(k)] = {re[start + k], im != nullptr ? im[start + k] : 0.0};
-        }
+        interleave(re + start, im != nullptr ? im + start : none.data(), static_cast<std::size_t>(grid.window),
+                   samples);
         fftw_execute(plan.get());
-        for (int64_t bin = grid.first; bin < grid.first + grid.bins; bin++) {
-            *power++ = static_cast<float>(std::norm(out[static_cast<std::size_t>(bin < 0 ? nfft + bin : bin)]));
-        }
+        powers_of(bins + 2 * lowest, below > 0 ? below : above, row);
+        if (below > 0) powers_of(bins, above, row + below);
+        row += grid.bins;
     }
     return true;
 }
@@ -102,7 +124,11 @@ std::vector<float> noise_of(const Grid& grid, std::span<const float> powers) {
         const std::size_t width = std::min(LANES, bins - first);
         for (std::size_t i = 0; i < count; i++) {
             const float* const source = powers.data() + i * step * bins + first;
-            for (std::size_t k = 0; k < width; k++) samples[k * count + i] = source[k];
+            if (width == LANES) {
+                for (std::size_t k = 0; k < LANES; k++) samples[k * count + i] = source[k];
+            } else {
+                for (std::size_t k = 0; k < width; k++) samples[k * count + i] = source[k];
+            }
         }
         for (std::size_t k = 0; k < width; k++) {
             levels[first + k] = static_cast<float>(upper_median(std::span(samples).subspan(k * count, count)) / LN2);
@@ -129,21 +155,9 @@ struct Sums {
     Lanes<double> jump{};    // Σ j
 
     void add(const Lanes<float>& x, const Lanes<float>& next) {
-        for (std::size_t k = 0; k < LANES; k++) {
-            const double value = x[k];
-            power[k] += value;
-            square[k] += value * value;
-            jump[k] += std::fabs(next[k] - x[k]);
-        }
-    }
-    Sums operator+(const Sums& other) const {
-        Sums sum;
-        for (std::size_t k = 0; k < LANES; k++) {
-            sum.power[k] = power[k] + other.power[k];
-            sum.square[k] = square[k] + other.square[k];
-            sum.jump[k] = jump[k] + other.jump[k];
-        }
-        return sum;
+        for (std::size_t k = 0; k < LANES; k++) power[k] += static_cast<double>(x[k]);
+        for (std::size_t k = 0; k < LANES; k++) square[k] += static_cast<double>(x[k]) * static_cast<double>(x[k]);
+        for (std::size_t k = 0; k < LANES; k++) jump[k] += static_cast<double>(std::fabs(next[k] - x[k]));
     }
 };
 
@@ -171,38 +185,43 @@ class JumpSearch {
         const int64_t chips = (grid_.windows + PHASES - 1 - phase) / PHASES;
         const int64_t run = run_chips_ < chips ? run_chips_ : chips - 1;
         if (run < MIN_RUN) return;
-        load(phase, chips);
+        chips_.resize(at(chips));
+        load(phase);
         ends_.resize(at(run));
+        for (std::size_t k = 0; k < LANES; k++) set_least(k, static_cast<double>(run));
 
-        sum_runs(
-            chips - 1, run, ends_.data(), [&](Sums& sums, int64_t i) { sums.add(chips_[at(i)], chips_[at(i + 1)]); },
-            [&](int64_t, const Sums& a, const Sums& b) { judge(a + b, run); });
+        search_runs(chips - 1, run);
     }
+
+    void search_runs(int64_t terms, int64_t run);
 
     static std::size_t at(int64_t index) { return static_cast<std::size_t>(index); }
 
     // Chip powers of one phase in units of noise; lanes past the last bin stay 0.
-    void load(int64_t phase, int64_t chips) {
-        chips_.assign(at(chips), Lanes<float>{});
-        for (int64_t i = 0; i < chips; i++) {
-            const float* const row = powers_.data() + at(phase + PHASES * i) * at(grid_.bins) + first_;
-            for (std::size_t k = 0; k < width_; k++) chips_[at(i)][k] = row[k] / noise_[first_ + k];
-        }
-    }
+    void load(int64_t phase);
 
-    void judge(const Sums& sums, int64_t run) {
+    // A run whose sums are a + b. Few are better than the best so far: the others are told by their jumps alone.
+    [[gnu::always_inline]] void judge(const Sums& a, const Sums& b, int64_t run) {
         const auto length = static_cast<double>(run);
+        int32_t better = 0;
+        for (std::size_t k = 0; k < LANES; k++) better += a.jump[k] + b.jump[k] > least_[k] ? 1 : 0;
+        if (better == 0) return;
         for (std::size_t k = 0; k < LANES; k++) {
-            const double jump = sums.jump[k] / length;
-            if (!(jump > best_[k]) || !(sums.jump[k] >= JUMP_SHARE * sums.power[k])) continue;
+            const double jumps = a.jump[k] + b.jump[k];
+            const double jump = jumps / length;
+            const double power = a.power[k] + b.power[k];
+            if (!(jump > best_[k]) || !(jumps >= JUMP_SHARE * power)) continue;
             if (var_min_ > 0) {
-                const double mean = sums.power[k] / length;
-                const double variance = sums.square[k] / length - mean * mean;
+                const double mean = power / length;
+                const double variance = (a.square[k] + b.square[k]) / length - mean * mean;
                 if (!(mean > 0) || !(variance / (mean * mean) >= var_min_)) continue;
             }
             best_[k] = jump;
+            set_least(k, length);
         }
     }
+
+    void set_least(std::size_t k, double length) { least_[k] = best_[k] * length * (1 - 1e-12); }
 
     const Grid& grid_;
     std::span<const float> powers_;
@@ -212,9 +231,31 @@ class JumpSearch {
     std::size_t first_ = 0;
     std::size_t width_ = 0;
     Lanes<double> best_{};
+    Lanes<double> least_{};  // sum of the jumps of a run that may be better
     std::vector<Lanes<float>> chips_;
     std::vector<Sums> ends_;
 };
+
+ORVEL_MULTIVERSION void JumpSearch::load(int64_t phase) {
+    Lanes<float> noise;
+    noise.fill(1);
+    std::copy_n(noise_.data() + first_, width_, noise.begin());
+    const float* row = powers_.data() + at(phase) * at(grid_.bins) + first_;
+    for (Lanes<float>& chip : chips_) {
+        if (width_ == LANES) {
+            for (std::size_t k = 0; k < LANES; k++) chip[k] = row[k] / noise[k];
+        } else {
+            for (std::size_t k = 0; k < LANES; k++) chip[k] = k < width_ ? row[k] / noise[k] : 0;
+        }
+        row += PHASES * grid_.bins;
+    }
+}
+
+ORVEL_MULTIVERSION void JumpSearch::search_runs(int64_t terms, int64_t run) {
+    sum_runs(
+        terms, run, ends_.data(), [&](Sums& sums, int64_t i) { sums.add(chips_[at(i)], chips_[at(i + 1)]); },
+        [&](int64_t, const Sums& a, const Sums& b) { judge(a, b, run); });
+}
 
 // The statistic of every bin.
 std::vector<float> jump_statistic(const Grid& grid, std::span<const float> powers, int32_t run_chips, double var_min) {
@@ -269,7 +310,8 @@ int32_t ov_scan_w(const double* re, const double* im, int32_t n, int32_t rate, d
     if (!grid) return -1;
     if (nbins_out != nullptr) *nbins_out = static_cast<int32_t>(grid->bins);
     try {
-        std::vector<float> powers(grid->size());
+        const auto array = big_array<float>(grid->size());
+        const std::span powers(array.get(), grid->size());
         if (!fill_powers(re, im, *grid, powers)) return -1;
         const std::vector<float> statistic = jump_statistic(*grid, powers, run_chips, var_min);
         std::vector<float> copy = statistic;

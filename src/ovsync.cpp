@@ -10,6 +10,7 @@
 #include <span>
 #include <vector>
 
+#include "bigpages.h"
 #include "multiversion.h"
 #include "ovfft.h"
 #include "robust.h"
@@ -192,7 +193,7 @@ int ov_spectrogram(const ov_baseband& bb, double chip_s, double search_hz, doubl
     try {
         const auto columns = static_cast<std::size_t>(map.nbins);
         const auto rows = static_cast<std::size_t>(map.npos);
-        auto power = std::make_unique_for_overwrite<float[]>(rows * columns);
+        auto power = big_array<float>(rows * columns);
         auto noise = std::make_unique_for_overwrite<float[]>(columns);
         map.power = power.get();
         map.noise = noise.get();

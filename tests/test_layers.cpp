@@ -115,6 +115,7 @@ TEST(Layers, ProgramsUseOfTheLibraryWhatIsListed) {
         {"robust.h", {"app/wideband/look.cpp"}},  // the level of noise with signals in it
         {"multiversion.h", {"app/wideband/look.cpp", "app/wideband/slice_store.cpp", "app/wideband/channeliser.cpp"}},
         {"ovfft.h", {"app/pictures/waterfall.cpp"}},  // spectra
+        {"bigpages.h", {"app/recordings/recording.cpp"}},
     };
     for (const char* const folder : {"app", "tools"}) {
         for (const fs::path& file : sources_in(folder)) {

@@ -12,6 +12,7 @@
 #include "base/console.h"
 #include "base/error.h"
 #include "base/text.h"
+#include "bigpages.h"
 #include "ovpipe.h"
 
 namespace {
@@ -54,6 +55,11 @@ bool are_finite(std::span<const double> samples) {
     bool finite = true;
     for (const double sample : samples) finite &= std::fabs(sample) <= std::numeric_limits<double>::max();
     return finite;
+}
+
+void make_room(std::vector<double>& samples, int64_t count) {
+    samples.reserve(static_cast<std::size_t>(count));
+    prefer_big_pages(samples.data(), samples.capacity() * sizeof(double));
 }
 
 }  // namespace
@@ -126,6 +132,8 @@ Stretch Recording::read(double begin_s, double length_s) {
                                               std::max<int64_t>(frames_ - first, 0));
     Stretch stretch;
     stretch.begin_s = static_cast<double>(first) / file_rate_;
+    make_room(stretch.x, count);
+    if (options_.iq) make_room(stretch.q, count);
     {
         const std::lock_guard guard(lock_);
         read_frames(first, count, stretch);
