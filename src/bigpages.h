@@ -14,11 +14,10 @@
 inline void prefer_big_pages([[maybe_unused]] void* buffer, [[maybe_unused]] std::size_t bytes) noexcept {
 #if defined(__linux__)
     constexpr std::size_t WORTH_IT = std::size_t{8} << 20;
-    constexpr std::uintptr_t PAGE = 4096;
+    constexpr std::size_t PAGE = 4096;
     if (buffer == nullptr || bytes < WORTH_IT) return;
-    const std::uintptr_t first = (reinterpret_cast<std::uintptr_t>(buffer) + PAGE - 1) / PAGE * PAGE;
-    const std::uintptr_t end = (reinterpret_cast<std::uintptr_t>(buffer) + bytes) / PAGE * PAGE;
-    madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE);
+    const std::size_t before = (PAGE - reinterpret_cast<std::uintptr_t>(buffer) % PAGE) % PAGE;  // of the first page
+    madvise(static_cast<char*>(buffer) + before, (bytes - before) / PAGE * PAGE, MADV_HUGEPAGE);
 #endif
 }
 

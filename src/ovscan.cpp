@@ -193,12 +193,29 @@ class JumpSearch {
         search_runs(chips - 1, run);
     }
 
-    void search_runs(int64_t terms, int64_t run);
+    ORVEL_MULTIVERSION void search_runs(int64_t terms, int64_t run) {
+        sum_runs(
+            terms, run, ends_.data(), [&](Sums& sums, int64_t i) { sums.add(chips_[at(i)], chips_[at(i + 1)]); },
+            [&](int64_t, const Sums& a, const Sums& b) { judge(a, b, run); });
+    }
 
     static std::size_t at(int64_t index) { return static_cast<std::size_t>(index); }
 
     // Chip powers of one phase in units of noise; lanes past the last bin stay 0.
-    void load(int64_t phase);
+    ORVEL_MULTIVERSION void load(int64_t phase) {
+        Lanes<float> noise;
+        noise.fill(1);
+        std::copy_n(noise_.data() + first_, width_, noise.begin());
+        const float* row = powers_.data() + at(phase) * at(grid_.bins) + first_;
+        for (Lanes<float>& chip : chips_) {
+            if (width_ == LANES) {
+                for (std::size_t k = 0; k < LANES; k++) chip[k] = row[k] / noise[k];
+            } else {
+                for (std::size_t k = 0; k < LANES; k++) chip[k] = k < width_ ? row[k] / noise[k] : 0;
+            }
+            row += PHASES * grid_.bins;
+        }
+    }
 
     // A run whose sums are a + b. Few are better than the best so far: the others are told by their jumps alone.
     [[gnu::always_inline]] void judge(const Sums& a, const Sums& b, int64_t run) {
@@ -235,27 +252,6 @@ class JumpSearch {
     std::vector<Lanes<float>> chips_;
     std::vector<Sums> ends_;
 };
-
-ORVEL_MULTIVERSION void JumpSearch::load(int64_t phase) {
-    Lanes<float> noise;
-    noise.fill(1);
-    std::copy_n(noise_.data() + first_, width_, noise.begin());
-    const float* row = powers_.data() + at(phase) * at(grid_.bins) + first_;
-    for (Lanes<float>& chip : chips_) {
-        if (width_ == LANES) {
-            for (std::size_t k = 0; k < LANES; k++) chip[k] = row[k] / noise[k];
-        } else {
-            for (std::size_t k = 0; k < LANES; k++) chip[k] = k < width_ ? row[k] / noise[k] : 0;
-        }
-        row += PHASES * grid_.bins;
-    }
-}
-
-ORVEL_MULTIVERSION void JumpSearch::search_runs(int64_t terms, int64_t run) {
-    sum_runs(
-        terms, run, ends_.data(), [&](Sums& sums, int64_t i) { sums.add(chips_[at(i)], chips_[at(i + 1)]); },
-        [&](int64_t, const Sums& a, const Sums& b) { judge(a, b, run); });
-}
 
 // The statistic of every bin.
 std::vector<float> jump_statistic(const Grid& grid, std::span<const float> powers, int32_t run_chips, double var_min) {

@@ -131,17 +131,17 @@ inline void two_atanh(const X& x, X& out) {
 }
 
 inline double expm1(double x) {
-    double out;
+    double out = 0;
     expm1(x, out);
     return out;
 }
 inline double tanh_half(double x) {
-    double out;
+    double out = 0;
     tanh_half(x, out);
     return out;
 }
 inline double two_atanh(double x) {
-    double out;
+    double out = 0;
     two_atanh(x, out);
     return out;
 }
