@@ -10,6 +10,10 @@ TEST_PACKAGES=(libgtest-dev sox ffmpeg libbenchmark-dev pulseaudio libasound2-pl
 HEAVY_PACKAGES=(dpkg-dev fakeroot debhelper dh-python lintian pybuild-plugin-pyproject python3-all rtl-433
                 soapysdr-module-audio inspectrum tshark wsjtx python3-pyhamtools chromium
                 chromium-driver python3-selenium slurm-wlm munge parallel postgresql)
+# The build for Windows, and its tests, labelled `windows`.
+WINDOWS_BUILD_PACKAGES=(g++-mingw-w64-x86-64-posix dpkg-dev patch xz-utils libcli11-dev nlohmann-json3-dev cmake ninja-build
+                        pkg-config zip)
+WINDOWS_TEST_PACKAGES=(wine64 googletest)
 CHECK_PACKAGES=(clang libclang-rt-dev clang-format clang-tidy cppcheck mypy)
 
 # need_packages PACKAGE...: installs those that are missing. Asks no questions; when all are there it does nothing and
