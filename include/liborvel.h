@@ -29,7 +29,9 @@
 
 #include <stdint.h>
 
-#if defined(OVL_BUILD) && (defined(__GNUC__) || defined(__clang__))
+#if defined(_WIN32) && !defined(OVL_BUILD) && !defined(OVL_STATIC)
+#define OVL_API __declspec(dllimport)
+#elif !defined(_WIN32) && defined(OVL_BUILD) && (defined(__GNUC__) || defined(__clang__))
 #define OVL_API __attribute__((visibility("default")))
 #else
 #define OVL_API

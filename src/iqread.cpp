@@ -67,7 +67,7 @@ double sample_value(const uint8_t* bytes, const riff_format& format) {
 
 int iq_read(const char* path, iq_recording& out, std::string* messages) {
     out = {};
-    const riff_file file(std::fopen(path, "rb"));
+    const riff_file file(platform_open(path, "rb"));
     if (!file) {
         riff_say(messages, "iq_read: cannot open '%s'\n", path);
         return -1;

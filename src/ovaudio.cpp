@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <limits>
@@ -15,6 +14,7 @@
 #include <new>
 #include <numbers>
 
+#include "platform.h"
 #include "sound_systems.h"
 
 namespace {
@@ -47,7 +47,7 @@ bool pa_ready() {
     if (pa_state == 0) {
         const QuietSoundSystems quiet;
         pa_state = prepare_alsa_names() && Pa_Initialize() == paNoError ? 1 : -1;
-        if (pa_state == 1) std::atexit(pa_atexit);
+        if (pa_state == 1) platform_at_exit(pa_atexit);
     }
     return pa_state == 1;
 }
@@ -60,10 +60,6 @@ int32_t fail(ova_state& a, const char* message, const char* separator = "", cons
 // The device's description, or null.
 const PaDeviceInfo* find_device(int32_t device) {
     return device >= 0 && device < Pa_GetDeviceCount() ? Pa_GetDeviceInfo(device) : nullptr;
-}
-
-double now_seconds() {
-    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
 // ---- Capture ---------------------------------------------------------------------------------------------------
@@ -203,7 +199,7 @@ int out_cb(const void*, void* output, unsigned long frames, const PaStreamCallba
     if (!begun) {
         const double dac_s = time != nullptr ? time->outputBufferDacTime : 0;
         const double stream_s = time != nullptr ? time->currentTime : 0;
-        first = ova_place_start(a, n, dac_s, stream_s, now_seconds());
+        first = ova_place_start(a, n, dac_s, stream_s, platform_now());
     }
     if (ova_fill_output(a, static_cast<float*>(output), n, first)) {
         if (begun && (flags & paOutputUnderflow) != 0) a.underflows.fetch_add(1, std::memory_order_relaxed);

@@ -2,8 +2,6 @@
 // so a walk ends with the file, whatever sizes its chunks claim.
 #include "riff.h"
 
-#include <sys/types.h>
-
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -14,8 +12,6 @@
 #include <string_view>
 
 namespace {
-
-static_assert(sizeof(off_t) == 8, "recordings may be longer than 2 GiB");
 
 constexpr std::size_t file_header_bytes = 12;
 constexpr uint32_t size_in_ds64 = 0xFFFFFFFF;  // stands for a size that 32 bits cannot hold
@@ -117,15 +113,15 @@ riff_layout riff_walk(std::FILE* file, riff_kind kind) {
 }
 
 int64_t riff_bytes_from(std::FILE* file, uint64_t position) {
-    if (fseeko(file, 0, SEEK_END) != 0) return -1;
-    const off_t size = ftello(file);
+    if (!platform_seek(file, 0, SEEK_END)) return -1;
+    const int64_t size = platform_tell(file);
     if (size < 0 || !riff_seek(file, position)) return -1;
     const auto bytes = static_cast<uint64_t>(size);
     return bytes > position ? static_cast<int64_t>(bytes - position) : 0;
 }
 
 bool riff_seek(std::FILE* file, uint64_t position) {
-    return position <= INT64_MAX && fseeko(file, static_cast<off_t>(position), SEEK_SET) == 0;
+    return position <= INT64_MAX && platform_seek(file, static_cast<int64_t>(position), SEEK_SET);
 }
 
 double riff_pcm_value(const uint8_t* bytes, uint32_t bits) {

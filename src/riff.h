@@ -14,6 +14,8 @@
 #include <memory>
 #include <string>
 
+#include "platform.h"
+
 // Which files a reader accepts.
 enum class riff_kind { riff, riff_or_rf64 };
 
@@ -59,7 +61,7 @@ riff_buffer<T> riff_allocate(std::size_t n) {
 }
 
 // printf to standard error, or, when `messages` is not null, appended to it; the message is lost when memory is short.
-[[gnu::format(printf, 2, 3)]] void riff_say(std::string* messages, const char* pattern, ...);
+[[gnu::format(PLATFORM_PRINTF, 2, 3)]] void riff_say(std::string* messages, const char* pattern, ...);
 
 // Reads the 12-byte header; false when it is short or not of the kind.
 bool riff_is_wave(std::FILE* file, riff_kind kind);

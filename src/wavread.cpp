@@ -65,7 +65,7 @@ double mean_of_channels(const uint8_t* frame, const riff_format& format) {
 
 int wav_read(const char* path, wav_audio& out, std::string* messages) {
     out = {};
-    const riff_file file(std::fopen(path, "rb"));
+    const riff_file file(platform_open(path, "rb"));
     if (!file) {
         riff_say(messages, "wav_read: cannot open '%s'\n", path);
         return -1;

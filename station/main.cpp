@@ -2,7 +2,6 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
-#include "base/child.h"
 #include "base/console.h"
 #include "base/error.h"
 #include "demo/demo.h"
@@ -12,6 +11,7 @@
 #include "service/doctor.h"
 #include "service/station.h"
 #include "spots_command.h"
+#include "system/child.h"
 
 namespace {
 

@@ -97,6 +97,12 @@ TEST(Layers, ProgramsUseOfTheLibraryWhatIsListed) {
     const std::map<std::string, std::set<std::string>> allowed = {
         {"ovpipe.h", {}},    // decodes of I/Q and of wide bands: everywhere
         {"protocol.h", {}},  // the names of the protocols: everywhere
+        {"platform.h",
+         {"app/base/text.h", "app/base/utc.cpp", "app/system/files_windows.cpp"}},  // as the library has it
+        {"windows_path.h",                                                          // names for Windows
+         {"app/system/child_windows.cpp", "app/system/files_windows.cpp", "app/system/libraries_windows.cpp",
+          "app/system/serial_port_windows.cpp", "app/system/sockets_windows.cpp", "app/system/sound_files_windows.cpp",
+          "app/system/standard_streams_windows.cpp"}},
         // The same search of I/Q; frames that are taken out.
         {"coherent/coherent.h", {"app/decoding/coherent_block.cpp", "app/decoding/decode_block.cpp"}},
         {"ovscan.h", {"app/decoding/bands.cpp", "tools/scan.cpp"}},  // a scan of I/Q, and of any band
@@ -133,17 +139,18 @@ TEST(Layers, ProgramsUseOfTheLibraryWhatIsListed) {
 // The rooms of app/, from the bottom up: each may include those before it that are listed in its line.
 TEST(Layers, RoomsKnowOnlyTheRoomsBelowThem) {
     const std::map<std::string, std::set<std::string>> below = {
-        {"base", {}},
-        {"spots", {"base"}},
-        {"decoding", {"base", "spots"}},
-        {"transmission", {"base"}},
-        {"simulation", {"base"}},
-        {"recordings", {"base", "spots", "decoding", "sources", "wideband"}},
+        {"system", {}},
+        {"base", {"system"}},
+        {"spots", {"base", "system"}},
+        {"decoding", {"base", "spots", "system"}},
+        {"transmission", {"base", "system"}},
+        {"simulation", {"base", "system"}},
+        {"recordings", {"base", "system", "spots", "decoding", "sources", "wideband"}},
         {"wideband", {"base", "spots", "decoding"}},
-        {"sources", {"base"}},
-        {"archive", {"base", "spots", "recordings", "sources"}},
-        {"listening", {"base", "spots", "decoding", "sources", "wideband", "recordings"}},
-        {"pictures", {"base", "spots", "recordings"}},
+        {"sources", {"base", "system"}},
+        {"archive", {"base", "system", "spots", "recordings", "sources"}},
+        {"listening", {"base", "system", "spots", "decoding", "sources", "wideband", "recordings"}},
+        {"pictures", {"base", "system", "spots", "recordings"}},
     };
     std::set<std::string> rooms;
     for (const fs::path& file : sources_in("app")) {
@@ -177,7 +184,8 @@ TEST(Layers, TheStationRestsOnSpotsAndBase) {
             if (fs::exists(ROOT / "app" / include)) {
                 const bool draws = file.filename() == "spots_command.cpp" && include == "pictures/history.h";
                 const bool plays = file.parent_path().filename() == "demo" && include.starts_with("simulation/");
-                EXPECT_TRUE(draws || plays || include.starts_with("base/") || include.starts_with("spots/"))
+                EXPECT_TRUE(draws || plays || include.starts_with("base/") || include.starts_with("spots/") ||
+                            include.starts_with("system/"))
                     << file << ": " << include;
             }
             EXPECT_TRUE(include == "protocol.h" || !fs::exists(ROOT / "src" / include)) << file << ": " << include;
@@ -196,7 +204,7 @@ TEST(Layers, TheCollectorRestsOnTheNetworkOfTheStation) {
                 EXPECT_TRUE(shared) << file << ": " << include;
             }
             if (fs::exists(ROOT / "app" / include)) {
-                EXPECT_TRUE(include.starts_with("base/")) << file << ": " << include;
+                EXPECT_TRUE(include.starts_with("base/") || include.starts_with("system/")) << file << ": " << include;
             }
             EXPECT_FALSE(fs::exists(ROOT / "src" / include)) << file << ": " << include;
             EXPECT_TRUE(PROGRAMS.contains(include) || !fs::exists(ROOT / "tools" / include)) << file << ": " << include;

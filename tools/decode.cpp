@@ -27,6 +27,7 @@
 #include "recordings/sigmf.h"
 #include "sources/source.h"
 #include "spots/spot_table.h"
+#include "system/files.h"
 
 namespace {
 
@@ -114,7 +115,7 @@ class Annotations {
         if (output_.empty()) return;
         if (!is_sigmf(path)) throw UsageError("--sigmf-annotate: '" + path + "' has no SigMF metadata");
         std::error_code error;
-        if (std::filesystem::equivalent(sigmf_base(path) + ".sigmf-meta", output_, error)) {
+        if (std::filesystem::equivalent(native_path(sigmf_base(path) + ".sigmf-meta"), native_path(output_), error)) {
             throw UsageError("--sigmf-annotate: '" + output_ + "' is the recording's own metadata");
         }
         metadata_ = sigmf_metadata(path);

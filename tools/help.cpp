@@ -1,7 +1,5 @@
 #include "help.h"
-
-#include <sys/ioctl.h>
-#include <unistd.h>
+#include "system/terminal.h"
 
 #include <algorithm>
 #include <cctype>
@@ -152,10 +150,10 @@ std::string describe(const CLI::Option& option, bool is_positional) {
 
 std::size_t help_width() {
     std::size_t width = USUAL;
-    winsize size{};
+    const std::size_t columns_there = is_terminal(Stream::OUTPUT) ? terminal_columns(Stream::OUTPUT) : 0;
     const char* const variable = std::getenv("COLUMNS");
-    if (isatty(STDOUT_FILENO) != 0 && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
-        width = size.ws_col;
+    if (columns_there > 0) {
+        width = columns_there;
     } else if (variable != nullptr) {
         const char* const end = variable + std::strlen(variable);
         std::size_t columns = 0;

@@ -1,12 +1,9 @@
 // Each receiver decodes in a thread of its own; what they print meets in one queue, from which this thread writes.
 #include "subcommands.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cmath>
-#include <csignal>
 #include <memory>
 #include <optional>
 #include <string>
@@ -278,28 +275,12 @@ Receivers open_receivers(const ListenOptions& options, const Search& search, Out
     return receivers;
 }
 
-// Signals come to the thread that prints: they end a write to an output that nobody reads.
-class SignalsElsewhere {
-  public:
-    SignalsElsewhere() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_BLOCK, &all, &before_);
-    }
-    SignalsElsewhere(const SignalsElsewhere&) = delete;
-    SignalsElsewhere& operator=(const SignalsElsewhere&) = delete;
-    ~SignalsElsewhere() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-
-  private:
-    sigset_t before_{};
-};
-
 // False when the output could not be written.
 bool run(const Receivers& receivers, Output& output) {
     std::atomic<std::size_t> running = receivers.size();
     std::vector<std::jthread> threads;
     try {
-        const SignalsElsewhere elsewhere;
+        const SignalsElsewhere elsewhere;  // they come to the thread that prints
         for (const auto& receiver : receivers) {
             threads.emplace_back([&running, &receiver] {
                 receiver->run();

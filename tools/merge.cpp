@@ -10,12 +10,13 @@
 #include "exit_status.h"
 #include "spots/spot.h"
 #include "subcommands.h"
+#include "system/files.h"
 
 namespace {
 
 void read_shards(const std::string& name, Merge& merge) {
     if (name == "-") return merge.add(name, std::cin);
-    std::ifstream file(name);
+    std::ifstream file(native_path(name), std::ios::binary);
     if (!file) throw IoError("cannot read '" + name + "'");
     merge.add(name, file);
 }

@@ -6,6 +6,7 @@
 #include "base/error.h"
 #include "base/text.h"
 #include "base/utc.h"
+#include "system/files.h"
 
 CLI::Validator finite_number() {
     return {[](const std::string& text) {
@@ -34,7 +35,7 @@ bool is_s16(const std::string& text) {
 }
 
 SoundWriter::Container container_of(const std::string& output, bool s16) {
-    const std::string extension = lower_case(std::filesystem::path(output).extension().string());
+    const std::string extension = lower_case(text_of(native_path(output).extension()));
     if (extension.empty() || extension == ".wav") return SoundWriter::Container::WAV;
     if (extension != ".flac") throw UsageError("--output: '" + output + "' does not end in .wav or .flac");
     if (!s16) throw UsageError("--format: FLAC has no floating-point samples");

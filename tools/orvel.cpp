@@ -18,6 +18,7 @@
 #include "program.h"
 #include "sources/source.h"
 #include "subcommands.h"
+#include "system/standard_streams.h"
 
 namespace {
 
@@ -43,6 +44,7 @@ const CLI::App* find_subcommand(const CLI::App& app, const std::string& name) {
 
 // Throws UsageError, with the nearest name if there is a near one.
 [[noreturn]] void refuse_subcommand(const CLI::App& app, const std::string& name) {
+    if (is_left_out(name)) throw UsageError("'" + name + "' is left out of this build of orvel");
     const auto subcommands = app.get_subcommands({});
     const auto nearest =
         std::ranges::min_element(subcommands, {}, [&](const CLI::App* sub) { return distance(name, sub->get_name()); });
@@ -79,7 +81,7 @@ bool answer(const CLI::App& app, std::span<char* const> words) {
     return false;
 }
 
-int run_command(int argc, char** argv) {
+int run_command(std::vector<std::string> arguments) {
     int status = EXIT_DONE;
     CLI::App app("Encoder and decoder for slow, weak radio beacons", "orvel");
     app.set_version_flag("--version", std::string("orvel ") + ovl_version());
@@ -87,12 +89,14 @@ int run_command(int argc, char** argv) {
     app.formatter(std::make_shared<HelpFormatter>());  // before the subcommands, which inherit it
     add_subcommands(app, status);
 
-    if (argc < 2) {
+    std::vector<char*> words;
+    for (std::string& argument : arguments) words.push_back(argument.data());
+    if (words.size() < 2) {
         std::fputs(app.help().c_str(), stderr);
         return EXIT_USAGE;
     }
     const auto parse = [&] {
-        if (!answer(app, std::span(argv + 1, static_cast<std::size_t>(argc - 1)))) app.parse(argc, argv);
+        if (!answer(app, std::span(words).subspan(1))) app.parse(static_cast<int>(words.size()), words.data());
     };
     return run_command_line(app, parse, status);
 }
@@ -100,7 +104,7 @@ int run_command(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int status = run_program([&] { return run_command(argc, argv); });
+    const int status = run_program([&] { return run_command(begin_program(argc, argv)); });
     if (any_source_hangs()) {
         flush_output();
         std::_Exit(EXIT_FAILED);

@@ -25,6 +25,7 @@
 #include "recordings/decode_recording.h"
 #include "recordings/open_recording.h"
 #include "spots/spot.h"
+#include "system/files.h"
 
 namespace {
 
@@ -60,7 +61,7 @@ struct Plan {
 PictureLayout layout_of(const PlotOptions& options) {
     const auto format = picture_format(options.output);
     if (!format) throw UsageError("--output: '" + options.output + "' does not end in .png, .svg or .pdf");
-    const std::string name = std::filesystem::path(options.file).filename().string();
+    const std::string name = text_of(native_path(options.file).filename());
     PictureLayout layout = {*format, options.width, options.height, options.text_size,
                             options.title.empty() ? name : options.title};
     if (!waterfall_area(layout)) throw UsageError("the picture is too small for its texts");
@@ -102,7 +103,7 @@ void write_file(const std::string& path, const std::string& bytes) {
     struct Close {
         void operator()(std::FILE* file) const noexcept { std::fclose(file); }
     };
-    std::unique_ptr<std::FILE, Close> file(std::fopen(path.c_str(), "wb"));
+    std::unique_ptr<std::FILE, Close> file(open_file(path, "wb"));
     const bool written = file && std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size() &&
                          std::fclose(file.release()) == 0;
     if (!written) throw IoError("cannot write '" + path + "': " + std::strerror(errno));

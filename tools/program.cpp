@@ -1,6 +1,5 @@
 #include "program.h"
 
-#include <csignal>
 #include <exception>
 #include <new>
 #include <string>
@@ -8,11 +7,10 @@
 #include "base/console.h"
 #include "base/error.h"
 #include "exit_status.h"
+#include "system/interrupts.h"
 
 int run_program(const std::function<int()>& program) {
-    // Writing into a pipe that nobody reads, or beyond the limit of a file's size, is then an error like any other.
-    std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGXFSZ, SIG_IGN);
+    ignore_broken_outputs();
     try {
         return program();
     } catch (const std::bad_alloc&) {

@@ -25,6 +25,7 @@
 #include "recordings/sound_writer.h"
 #include "simulation/scene.h"
 #include "simulation/stations.h"
+#include "system/files.h"
 
 namespace {
 
@@ -138,7 +139,7 @@ SimScene scene_of(const SimulateOptions& options) {
 
 void write_truth(const std::string& path, const SimScene& scene) {
     errno = 0;
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    std::ofstream file(native_path(path), std::ios::binary | std::ios::trunc);
     for (const SimStation& station : scene.stations) file << truth_line(station);
     if (file.flush()) return;
     throw IoError("cannot write '" + path + "': " + (errno != 0 ? std::strerror(errno) : "it takes no more"));
@@ -170,9 +171,8 @@ int simulate(const SimulateOptions& options) {
     const bool s16 = is_s16(options.sample_format);
     if (!is_sigmf(options.output)) container_of(options.output, s16);
     const SimScene scene = scene_of(options);
-    const std::string truth = options.truth.empty()
-                                  ? std::filesystem::path(options.output).replace_extension(".jsonl").string()
-                                  : options.truth;
+    const std::string truth =
+        options.truth.empty() ? text_of(native_path(options.output).replace_extension(".jsonl")) : options.truth;
 
     const auto writer = make_writer(options.output, scene, s16, take_of(options));
     SampleWriter& file = *writer;

@@ -1,19 +1,15 @@
 // `orvel station` and `orvel spots` are a program of their own, and `orvel collect` another, which most users of the
 // command do without: it takes the place of this one.
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "base/child.h"
 #include "base/error.h"
 #include "collect_options.h"
 #include "spots_options.h"
 #include "subcommands.h"
+#include "system/child.h"
 
 namespace {
 
@@ -25,12 +21,11 @@ constexpr const char* COLLECTOR = "orvel-collector";
     const std::string path = find_beside(program);
     if (path.empty()) throw IoError(std::string(program) + " is not installed; it comes in a package of this name");
     words.insert(words.begin(), program);
-    std::vector<char*> arguments;
-    arguments.reserve(words.size() + 1);
-    for (std::string& word : words) arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    execv(path.c_str(), arguments.data());
-    throw IoError("cannot run '" + path + "': " + std::strerror(errno));
+    try {
+        become_program(path, std::move(words));
+    } catch (const IoError& error) {
+        throw IoError("cannot run '" + path + "': " + error.what());
+    }
 }
 
 // What was typed for a subcommand, as words.

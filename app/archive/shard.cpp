@@ -14,6 +14,7 @@
 #include "recordings/piped_recording.h"
 #include "sources/source.h"
 #include "sources/url_file.h"
+#include "system/files.h"
 
 namespace {
 
@@ -31,8 +32,8 @@ std::optional<int32_t> take_number(std::string_view& text) {
 
 void add_names(const std::string& list, std::vector<std::string>& names) {
     errno = 0;
-    std::ifstream file(list);
-    if (!file || std::filesystem::is_directory(list)) {
+    std::ifstream file(native_path(list), std::ios::binary);
+    if (!file || std::filesystem::is_directory(native_path(list))) {
         throw IoError("cannot read '" + list + "': " + std::strerror(errno != 0 ? errno : EISDIR));
     }
     for (std::string line; std::getline(file, line);) {

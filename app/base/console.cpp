@@ -1,9 +1,5 @@
 #include "base/console.h"
 
-#include <sys/ioctl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -17,6 +13,7 @@
 #include <utility>
 
 #include "base/text.h"
+#include "system/terminal.h"
 
 namespace {
 
@@ -72,14 +69,8 @@ Cut cut(std::string_view text, std::size_t columns) {
     return done;
 }
 
-// Whether standard error goes to systemd's journal, which tells its device and inode.
 bool is_journal() {
-    static const bool is = [] {
-        const char* const stream = std::getenv("JOURNAL_STREAM");
-        struct stat end {};
-        return stream != nullptr && fstat(STDERR_FILENO, &end) == 0 &&
-               stream == std::to_string(end.st_dev) + ":" + std::to_string(end.st_ino);
-    }();
+    static const bool is = errors_go_to_journal();
     return is;
 }
 
@@ -141,7 +132,7 @@ bool flush_output() {
     return false;
 }
 
-StatusLine::StatusLine() : terminal_(isatty(STDERR_FILENO) != 0) {}
+StatusLine::StatusLine() : terminal_(is_terminal(Stream::ERRORS)) {}
 
 StatusLine::~StatusLine() {
     clear();
@@ -155,9 +146,8 @@ void StatusLine::show(const std::string& text) {
 }
 
 std::size_t StatusLine::columns() const {
-    winsize size{};
-    const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-    const std::size_t columns = known ? size.ws_col : columns_of_variable();
+    const std::size_t known = terminal_columns(Stream::ERRORS);
+    const std::size_t columns = known > 0 ? known : columns_of_variable();
     return columns > 0 ? columns - 1 : std::numeric_limits<std::size_t>::max();
 }
 

@@ -4,8 +4,10 @@
 #include <string>
 #include <string_view>
 
+#include "platform.h"
+
 // printf into a string. Numbers have a decimal point in every locale, as our programs never leave the "C" locale.
-[[gnu::format(printf, 1, 2)]] std::string format(const char* pattern, ...);
+[[gnu::format(PLATFORM_PRINTF, 1, 2)]] std::string format(const char* pattern, ...);
 
 // A number for a table; "-" when it is NaN. A value that rounds to zero has no sign.
 std::string cell(double value, int decimals, bool show_sign = false);

@@ -5,10 +5,11 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
-#include <filesystem>
 #include <string_view>
 
 #include "base/text.h"
+#include "platform.h"
+#include "system/files.h"
 
 namespace {
 
@@ -122,7 +123,7 @@ std::optional<double> utc_of_digits(const std::string& digits) {
 }  // namespace
 
 double utc_now() {
-    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    return platform_now();
 }
 
 std::string utc_text(double utc, int decimals) {
@@ -155,7 +156,7 @@ std::optional<double> parse_utc(const std::string& text, double now) {
 }
 
 std::optional<double> utc_in_name(const std::string& path) {
-    const std::string name = std::filesystem::path(path).filename().string();
+    const std::string name = text_of(native_path(path).filename());
     std::string_view rest = name;
     while (!rest.empty()) {
         std::optional<std::string> digits;

@@ -6,6 +6,7 @@
 #include "base/callsign.h"
 #include "base/error.h"
 #include "base/text.h"
+#include "system/files.h"
 
 namespace {
 
@@ -65,7 +66,7 @@ void add_known(const std::string& where, std::string_view list, std::vector<ovc_
 }
 
 void add_known_file(const std::string& where, const std::string& path, std::vector<ovc_known>& known) {
-    std::ifstream file(path);
+    std::ifstream file(native_path(path), std::ios::binary);
     std::string line;
     while (std::getline(file, line)) add_known(where, line.substr(0, line.find('#')), known);
     if (!file.eof()) throw UsageError(where + ": cannot read '" + path + "'");

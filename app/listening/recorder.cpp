@@ -8,6 +8,7 @@
 
 #include "base/error.h"
 #include "base/utc.h"
+#include "system/files.h"
 
 namespace {
 
@@ -30,8 +31,8 @@ std::string stamp(double utc) {
 
 void remove_pair(const std::string& base) {
     std::error_code ignored;
-    fs::remove(base + DATA, ignored);
-    fs::remove(base + META, ignored);
+    fs::remove(native_path(base + DATA), ignored);
+    fs::remove(native_path(base + META), ignored);
 }
 
 }  // namespace
@@ -75,8 +76,8 @@ void Recorder::open(double utc, const SourceFormat& format, const std::optional<
     next_file_at_ = utc + options_.file_s;
     expire(utc);
     std::error_code ignored;
-    fs::create_directories(options_.directory, ignored);
-    const std::string base = (fs::path(options_.directory) / (prefix() + stamp(utc))).string();
+    fs::create_directories(native_path(options_.directory), ignored);
+    const std::string base = text_of(native_path(options_.directory) / native_path(prefix() + stamp(utc)));
     auto writer = std::make_unique<SigmfWriter>(base + DATA, SigmfWriter::Format{format.rate, format.iq, true},
                                                 Take{0, utc, tuning});
     files_.push_back({base, utc, utc, format.rate, !options_.around_spots_s, true, std::move(writer)});
@@ -140,13 +141,13 @@ void Recorder::clean_up(double utc) {
 void Recorder::expire(double utc) {
     expire_at_ = HUGE_VAL;
     std::error_code error;
-    for (const auto& entry : fs::directory_iterator(options_.directory, error)) {
-        const std::string name = entry.path().filename().string();
+    for (const auto& entry : fs::directory_iterator(native_path(options_.directory), error)) {
+        const std::string name = text_of(entry.path().filename());
         if (!name.starts_with(prefix()) || !name.ends_with(DATA)) continue;
         const std::string rest = name.substr(prefix().size());
         const auto begin = utc_in_name(rest);
         if (!begin || rest != stamp(*begin) + DATA) continue;
-        const std::string path = entry.path().string();
+        const std::string path = text_of(entry.path());
         const std::string base = path.substr(0, path.size() - std::string(DATA).size());
         const auto held = std::ranges::find(files_, base, &File::base);
         if (held != files_.end() && held->open) continue;

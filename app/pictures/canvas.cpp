@@ -13,6 +13,7 @@
 #include <stdexcept>
 
 #include "base/json.h"
+#include "system/files.h"
 
 namespace {
 
@@ -84,7 +85,7 @@ std::string svg_colour(const Colour& colour) {
 }  // namespace
 
 std::optional<PictureFormat> picture_format(const std::string& path) {
-    std::string extension = std::filesystem::path(path).extension().string();
+    std::string extension = text_of(native_path(path).extension());
     std::transform(extension.begin(), extension.end(), extension.begin(),
                    [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
     if (extension == ".png") return PictureFormat::PNG;

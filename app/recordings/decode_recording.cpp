@@ -1,7 +1,5 @@
 #include "recordings/decode_recording.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cmath>
@@ -15,6 +13,7 @@
 #include "base/error.h"
 #include "base/text.h"
 #include "decoding/decode_block.h"
+#include "system/machine.h"
 #include "wideband/wide_decoder.h"
 
 namespace {
@@ -52,9 +51,7 @@ std::vector<BlockSpan> cut(const Recording& recording, const DecodingOptions& op
 unsigned jobs_for(const DecodingOptions& options, double block_samples) {
     if (options.search.verbose) return 1;  // so that the messages of each block stay together
     if (options.jobs > 0) return options.jobs;
-    const double memory =
-        0.5 * static_cast<double>(sysconf(_SC_PHYS_PAGES)) * static_cast<double>(sysconf(_SC_PAGESIZE));
-    const double fit = std::clamp(memory / (BYTES_A_SAMPLE * std::max(block_samples, 1.0)), 1.0, 256.0);
+    const double fit = std::clamp(0.5 * memory_bytes() / (BYTES_A_SAMPLE * std::max(block_samples, 1.0)), 1.0, 256.0);
     return std::min(std::max(1u, std::thread::hardware_concurrency()), static_cast<unsigned>(fit));
 }
 

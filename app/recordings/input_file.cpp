@@ -1,11 +1,6 @@
 #include "recordings/input_file.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
+#include <algorithm>
 
 #include "base/error.h"
 
@@ -19,24 +14,16 @@ InputFile::InputFile(const std::string& path) {
         size_ = url_->size();
         return;
     }
-    descriptor_ = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (descriptor_ < 0) refuse_recording(path, std::strerror(errno));
-    struct stat status {};
-    if (fstat(descriptor_, &status) == 0 && status.st_size > 0) size_ = static_cast<uint64_t>(status.st_size);
-}
-
-InputFile::~InputFile() {
-    if (descriptor_ >= 0) close(descriptor_);
+    try {
+        file_.emplace(path);
+    } catch (const IoError& error) {
+        refuse_recording(path, error.what());
+    }
+    size_ = file_->size();
 }
 
 std::size_t InputFile::read_at(uint64_t offset, std::span<uint8_t> out) const {
     if (url_) return url_->read_at(offset, out);
-    std::size_t done = 0;
-    while (done < out.size() && offset + done < size_) {
-        const ssize_t got = pread(descriptor_, out.data() + done, out.size() - done, static_cast<off_t>(offset + done));
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) break;
-        done += static_cast<std::size_t>(got);
-    }
-    return done;
+    const uint64_t there = size_ - std::min(offset, size_);
+    return file_->read_at(offset, out.first(static_cast<std::size_t>(std::min<uint64_t>(there, out.size()))));
 }

@@ -4,18 +4,17 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 
 #include "sources/url_file.h"
+#include "system/files.h"
 
 class InputFile {
   public:
     // Throws IoError, whose text names the file and the reason.
     explicit InputFile(const std::string& path);
-    InputFile(const InputFile&) = delete;
-    InputFile& operator=(const InputFile&) = delete;
-    ~InputFile();
 
     uint64_t size() const { return size_; }
 
@@ -25,7 +24,7 @@ class InputFile {
 
   private:
     std::unique_ptr<UrlFile> url_;
-    int descriptor_ = -1;
+    std::optional<DiskFile> file_;
     uint64_t size_ = 0;
 };
 

@@ -26,6 +26,8 @@
 #include "recordings/sound_owner.h"
 #include "sources/source.h"
 #include "sources/url_file.h"
+#include "system/files.h"
+#include "system/sound_files.h"
 #include "wavread.h"
 
 namespace {
@@ -33,9 +35,9 @@ namespace {
 // Why the file cannot be opened and read, or an empty text when it can.
 std::string open_problem(const std::string& path) {
     std::error_code error;
-    const auto kind = std::filesystem::status(path, error).type();
+    const auto kind = std::filesystem::status(native_path(path), error).type();
     if (kind == std::filesystem::file_type::directory) return "it is a directory";
-    std::FILE* file = std::fopen(path.c_str(), "rb");
+    std::FILE* file = open_file(path, "rb");
     if (!file) return std::strerror(errno);
     errno = 0;
     std::fgetc(file);
@@ -70,7 +72,7 @@ class Sound {
   public:
     explicit Sound(const std::string& path) {
         if (!is_url(path)) {
-            file_.reset(sf_open(path.c_str(), SFM_READ, &info_));
+            file_.reset(open_sound_file(path, SFM_READ, info_));
             return;
         }
         remote_ = std::make_unique<Remote>(path);
@@ -244,7 +246,7 @@ RecordingPtr open_with_sndfile(const std::string& path, const RecordingOptions& 
 // for integers.
 bool holds_floats(const std::string& path) {
     SF_INFO info{};
-    const SoundPtr file(sf_open(path.c_str(), SFM_READ, &info));
+    const SoundPtr file(open_sound_file(path, SFM_READ, info));
     const int samples = info.format & SF_FORMAT_SUBMASK;
     return file && (samples == SF_FORMAT_FLOAT || samples == SF_FORMAT_DOUBLE);
 }
@@ -262,14 +264,14 @@ bool is_container(const std::string& path) {
 }
 
 // Opens a file with the first reader that can.
-RecordingPtr open_file(const std::string& path, const RecordingOptions& options) {
+RecordingPtr open_by_kind(const std::string& path, const RecordingOptions& options) {
     const bool remote = is_url(path);
     if (const std::string problem = remote ? "" : open_problem(path); !problem.empty()) refuse_recording(path, problem);
     if (options.raw) return open_raw(path, options);
     if (is_sigmf(path)) return open_sigmf(path, options);
     if (raw_kind_of(path)) return open_raw(path, options);
     std::error_code error;
-    const std::uintmax_t bytes = remote ? 0 : std::filesystem::file_size(path, error);
+    const std::uintmax_t bytes = remote ? 0 : std::filesystem::file_size(native_path(path), error);
     const bool readers_take_it = options.channel == 0 && !remote;
     const bool small = readers_take_it && (error || bytes <= SMALL_FILE) && !holds_floats(path);
     std::string reason;
@@ -313,7 +315,7 @@ std::unique_ptr<Recording> open_recording(const std::string& path, const Recordi
         return once;
     }
     if (options.most_s) throw UsageError("--for: is for what comes live or through a pipe, '" + path + "' does not");
-    auto recording = open_file(path, options);
+    auto recording = open_by_kind(path, options);
     if (recording->rate() == 0) {
         throw IoError(
             format("cannot decode '%s': its sample rate of %u Hz is not served", path.c_str(), recording->file_rate()));

@@ -1,47 +1,33 @@
 #include "recordings/piped_recording.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <cerrno>
 #include <cmath>
 #include <cstring>
-#include <filesystem>
 #include <span>
-#include <system_error>
 #include <utility>
 
 #include "base/console.h"
+#include "base/error.h"
 #include "base/text.h"
 #include "recordings/input_file.h"
 #include "recordings/raw_recording.h"
 #include "recordings/sound_owner.h"
+#include "system/standard_streams.h"
 
 namespace {
 
 constexpr std::size_t PIECE_BYTES = 1 << 16;  // received at a time
 constexpr int64_t PIECE_FRAMES = 1 << 12;
 
-class Descriptor {
-  public:
-    explicit Descriptor(const std::string& path)
-        : value_(path == "-" ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-        if (value_ < 0) refuse_recording(path, std::strerror(errno));
+InputStream open_stream(const std::string& path) {
+    try {
+        return InputStream(path);
+    } catch (const IoError& error) {
+        refuse_recording(path, error.what());
     }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    Descriptor(Descriptor&& other) noexcept : value_(std::exchange(other.value_, -1)) {}
-    ~Descriptor() {
-        if (value_ >= 0) close(value_);
-    }
-    int get() const { return value_; }
-
-  private:
-    int value_;
-};
+}
 
 // ---- Bare samples ---------------------------------------------------------------------------------------------------
 
@@ -49,22 +35,23 @@ class RawPipe : public PipedRecording {
   public:
     RawPipe(const std::string& path, const RecordingOptions& options, uint32_t rate, const SampleFormat& format,
             int32_t channels)
-        : PipedRecording(path, options, rate, format, channels), input_(path) {}
+        : PipedRecording(path, options, rate, format, channels), input_(open_stream(path)) {}
 
   private:
     bool receive(std::vector<uint8_t>& bytes) override {
         const std::size_t held = bytes.size();
         bytes.resize(held + PIECE_BYTES);
-        ssize_t got = -1;
-        do {
-            got = ::read(input_.get(), bytes.data() + held, PIECE_BYTES);
-        } while (got < 0 && errno == EINTR);
-        bytes.resize(held + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
-        if (got < 0) refuse_recording(path_, std::strerror(errno));
+        std::size_t got = 0;
+        try {
+            got = input_.read(std::span(bytes).subspan(held));
+        } catch (const IoError& error) {
+            refuse_recording(path_, error.what());
+        }
+        bytes.resize(held + got);
         return got > 0;
     }
 
-    Descriptor input_;
+    InputStream input_;
 };
 
 std::unique_ptr<PipedRecording> open_raw_pipe(const std::string& path, const RecordingOptions& options) {
@@ -89,7 +76,7 @@ SampleFormat kept_format(const SF_INFO& info) {
 
 class SoundPipe : public PipedRecording {
   public:
-    SoundPipe(const std::string& path, const RecordingOptions& options, Descriptor input, SoundPtr file,
+    SoundPipe(const std::string& path, const RecordingOptions& options, InputStream input, SoundPtr file,
               const SF_INFO& info)
         : PipedRecording(path, options, static_cast<uint32_t>(info.samplerate), kept_format(info), info.channels),
           input_(std::move(input)),
@@ -114,16 +101,16 @@ class SoundPipe : public PipedRecording {
         return got > 0;
     }
 
-    Descriptor input_;  // outlives the file that reads it
+    InputStream input_;  // outlives the file that reads it
     SoundPtr file_;
     bool as_floats_;
     std::size_t channels_;
 };
 
 std::unique_ptr<PipedRecording> open_sound_pipe(const std::string& path, const RecordingOptions& options) {
-    Descriptor input(path);
+    InputStream input = open_stream(path);
     SF_INFO info{};
-    SoundPtr file(sf_open_fd(input.get(), SFM_READ, &info, SF_FALSE));
+    SoundPtr file(sf_open_fd(input.descriptor(), SFM_READ, &info, SF_FALSE));
     if (!file || info.samplerate < 1 || info.channels < 1) {
         refuse_recording(path,
                          "it is not a recording that can be read from a pipe; bare samples need --raw FORMAT and "
@@ -214,8 +201,7 @@ void PipedRecording::read_frames(int64_t first, int64_t count, Stretch& out) {
 }
 
 bool is_pipe(const std::string& path) {
-    std::error_code error;
-    return path == "-" || std::filesystem::status(path, error).type() == std::filesystem::file_type::fifo;
+    return path == "-" || is_named_pipe(path);
 }
 
 std::unique_ptr<PipedRecording> open_pipe(const std::string& path, const RecordingOptions& options) {

@@ -1,7 +1,6 @@
 #include "recordings/raw_recording.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <span>
 #include <string_view>
 #include <utility>
@@ -9,6 +8,7 @@
 #include "base/console.h"
 #include "base/text.h"
 #include "recordings/input_file.h"
+#include "system/files.h"
 
 namespace {
 
@@ -85,7 +85,7 @@ std::unique_ptr<Recording> open_samples(const std::string& path, const std::stri
 }
 
 std::optional<RawKind> raw_kind_of(const std::string& path) {
-    const std::string extension = lower_case(std::filesystem::path(path).extension().string());
+    const std::string extension = lower_case(text_of(native_path(path).extension()));
     if (extension.empty()) return std::nullopt;
     if (extension == ".cfile") return RawKind{*parse_sample_format("f32"), true};
     std::string_view name = std::string_view(extension).substr(1);

@@ -1,14 +1,10 @@
 #include "recordings/sigmf.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <utility>
 
@@ -21,6 +17,7 @@
 #include "recordings/input_file.h"
 #include "recordings/raw_recording.h"
 #include "recordings/tar.h"
+#include "system/files.h"
 
 namespace {
 
@@ -193,9 +190,9 @@ Content read_content(const std::string& path) {
 Stored data_of(const std::string& path, const SigmfMetadata& metadata) {
     std::string data = sigmf_base(path) + std::string(DATA);
     if (!metadata.dataset.empty()) {
-        const std::filesystem::path name(metadata.dataset);
+        const std::filesystem::path name = native_path(metadata.dataset);
         if (name.filename() != name) refuse_recording(path, "its core:dataset is not the name of a file beside it");
-        data = (std::filesystem::path(path).parent_path() / name).string();
+        data = text_of(native_path(path).parent_path() / name);
     }
     return {data, 0, InputFile(data).size()};
 }
@@ -448,12 +445,12 @@ void replace_file(const std::string& path, std::string_view text) {
     };
     const std::string temporary = path + ".part";
     errno = 0;
-    std::unique_ptr<std::FILE, Close> file(std::fopen(temporary.c_str(), "wb"));
+    std::unique_ptr<std::FILE, Close> file(open_file(temporary, "wb"));
     const bool written = file && std::fwrite(text.data(), 1, text.size(), file.get()) == text.size() &&
-                         std::fflush(file.get()) == 0 && fsync(fileno(file.get())) == 0 &&
-                         std::fclose(file.release()) == 0 && std::rename(temporary.c_str(), path.c_str()) == 0;
+                         std::fflush(file.get()) == 0 && sync_file(file.get()) && std::fclose(file.release()) == 0 &&
+                         move_file(temporary, path);
     if (written) return;
-    const std::string reason = std::strerror(errno);
-    if (file) std::remove(temporary.c_str());
+    const std::string reason = last_reason();
+    if (file) remove_file(temporary);
     throw IoError("cannot write '" + path + "': " + reason);
 }

@@ -4,10 +4,10 @@
 #include <bit>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 
 #include "base/error.h"
 #include "recordings/tar.h"
+#include "system/files.h"
 
 namespace {
 
@@ -46,7 +46,7 @@ SigmfWriter::SigmfWriter(const std::string& path, const Format& format, const Ta
     takes_.front().begin_s = 0;
     const std::string data = base_ + ".sigmf-data";
     errno = 0;
-    data_.reset(std::fopen(data.c_str(), "wb"));
+    data_.reset(open_file(data, "wb"));
     if (data_) {
         write_metadata();
     } else {
@@ -119,10 +119,10 @@ SigmfArchiveWriter::SigmfArchiveWriter(const std::string& path, const SigmfWrite
                                        int64_t frames)
     : path_(path), s16_(format.s16) {
     constexpr std::size_t MOST_NAME = 40;  // bytes: it stands twice in the 100 of a member's name
-    std::string name = std::filesystem::path(sigmf_base(path)).filename().string();
+    std::string name = text_of(native_path(sigmf_base(path)).filename());
     if (name.empty() || name.size() > MOST_NAME) name = "recording";
     errno = 0;
-    file_.reset(std::fopen(path.c_str(), "wb"));
+    file_.reset(open_file(path, "wb"));
     if (!file_) {
         problem_ = std::strerror(errno);
         return;

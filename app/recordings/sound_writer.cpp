@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "base/error.h"
+#include "system/sound_files.h"
 
 namespace {
 
@@ -44,7 +45,7 @@ SoundWriter::SoundWriter(const std::string& path, const Format& format) : path_(
     info.channels = format.channels;
     info.format = container_of(format) | (s16_ ? SF_FORMAT_PCM_16 : SF_FORMAT_FLOAT);
     errno = 0;
-    file_.reset(sf_open(path.c_str(), SFM_WRITE, &info));
+    file_.reset(open_sound_file(path, SFM_WRITE, info));
     if (!file_) {
         problem_ = reason_of(errno, sf_strerror(nullptr));
         return;

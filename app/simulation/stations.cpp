@@ -12,6 +12,7 @@
 #include "base/json.h"
 #include "base/parse.h"
 #include "base/text.h"
+#include "system/files.h"
 
 namespace {
 
@@ -168,7 +169,7 @@ SimStation parse_station(const std::string& text, double default_freq_hz) {
 }
 
 std::vector<SimStation> read_stations(const std::string& path, double default_freq_hz) {
-    std::ifstream file(path, std::ios::binary);
+    std::ifstream file(native_path(path), std::ios::binary);
     std::string text;
     for (std::string line; std::getline(file, line);) text += line + '\n';
     if (!file.eof()) throw UsageError("--stations: cannot read '" + path + "'");

@@ -1,7 +1,5 @@
 #include "sources/devices.h"
 
-#include <dlfcn.h>
-
 #include <algorithm>
 #include <charconv>
 #include <new>
@@ -9,6 +7,7 @@
 
 #include "base/error.h"
 #include "base/text.h"
+#include "system/libraries.h"
 
 namespace {
 
@@ -23,11 +22,11 @@ void ignore_alsa(const char*, int, const char*, int, const char*, ...) {}
 // ALSA prints a line for every stream that is late. Gaps and losses are reported by those who stream, in their words.
 void quiet_alsa() {
     using Handler = decltype(&ignore_alsa);
-    void* const alsa = dlopen("libasound.so.2", RTLD_LAZY | RTLD_NOLOAD);
+    void* const alsa = loaded_library("libasound.so.2");
     if (alsa == nullptr) return;
-    const auto set_handler = reinterpret_cast<int (*)(Handler)>(dlsym(alsa, "snd_lib_error_set_handler"));
+    const auto set_handler = reinterpret_cast<int (*)(Handler)>(find_symbol(alsa, "snd_lib_error_set_handler"));
     if (set_handler != nullptr) set_handler(ignore_alsa);
-    dlclose(alsa);
+    release_library(alsa);
 }
 
 }  // namespace

@@ -1,15 +1,7 @@
 #include "sources/rtl_tcp.h"
 
-#include <fcntl.h>
-#include <netdb.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
-#include <cstring>
 #include <limits>
 #include <string_view>
 #include <utility>
@@ -18,6 +10,7 @@
 #include "base/error.h"
 #include "base/interrupts.h"
 #include "base/text.h"
+#include "system/sockets.h"
 
 namespace {
 
@@ -41,25 +34,21 @@ enum Command : uint8_t { FREQUENCY = 1, RATE = 2, GAIN_MODE = 3, GAIN = 4, PPM =
 
 // ---- The network ----------------------------------------------------------------------------------------------------
 
-struct FreeAddresses {
-    void operator()(addrinfo* list) const noexcept { freeaddrinfo(list); }
-};
-
 // A name server may keep us waiting.
 struct Lookup {
     explicit Lookup(const RtlTcpAddress& address) : answer(std::make_shared<Answer>()) {
         asking = Background([answer = answer, host = address.host, port = address.port] {
-            addrinfo hints{};
-            hints.ai_socktype = SOCK_STREAM;
-            addrinfo* list = nullptr;
-            answer->error = getaddrinfo(host.c_str(), port.c_str(), &hints, &list);
-            if (answer->error == 0) answer->list.reset(list);
+            try {
+                answer->addresses = resolve(host, port);
+            } catch (const IoError& error) {
+                answer->problem = error.what();
+            }
         });
     }
 
     struct Answer {
-        int error = 0;
-        std::unique_ptr<addrinfo, FreeAddresses> list;
+        std::vector<SocketAddress> addresses;
+        std::string problem;
     };
     std::shared_ptr<Answer> answer;
     Background asking;
@@ -159,7 +148,6 @@ class RtlTcp::Link {
         : lookup_(address), commands_(rtl_tcp_commands(address)), since_(monotonic_now()) {}
     Link(const Link&) = delete;
     Link& operator=(const Link&) = delete;
-    ~Link() { hang_up(); }
 
     double since() const { return since_; }
 
@@ -169,12 +157,10 @@ class RtlTcp::Link {
             if (!connect_further()) return 0;
             send_commands();
         }
-        if (!ready(POLLIN)) return 0;
-        const ssize_t got = recv(socket_, bytes.data(), bytes.size(), 0);
-        if (got < 0 && (errno == EAGAIN || errno == EINTR)) return 0;
-        if (got < 0) throw IoError(std::strerror(errno));
-        if (got == 0) throw IoError("it closed the connection");
-        return static_cast<std::size_t>(got);
+        if (!socket_->wait_to_receive(READ_S)) return 0;
+        const auto got = socket_->receive(bytes);
+        if (got && *got == 0) throw IoError("it closed the connection");
+        return got.value_or(0);
     }
 
   private:
@@ -182,48 +168,28 @@ class RtlTcp::Link {
     bool connect_further() {
         if (monotonic_now() > since_ + CONNECT_S) throw IoError("no connection in time");
         if (!lookup_.asking.wait(READ_S)) return false;
-        if (lookup_.answer->error != 0) throw IoError(gai_strerror(lookup_.answer->error));
-        if (next_ == nullptr) next_ = lookup_.answer->list.get();
-        if (socket_ < 0) {
-            socket_ = socket(next_->ai_family, next_->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, next_->ai_protocol);
-            if (socket_ < 0) throw IoError(std::strerror(errno));
-            if (connect(socket_, next_->ai_addr, next_->ai_addrlen) != 0 && errno != EINPROGRESS) return refused(errno);
+        if (!lookup_.answer->problem.empty()) throw IoError(lookup_.answer->problem);
+        try {
+            if (!socket_) socket_.emplace(lookup_.answer->addresses.at(next_));
+            if (!socket_->wait_to_send(READ_S)) return false;
+            socket_->require_connected();
+        } catch (const IoError&) {
+            socket_.reset();
+            if (++next_ >= lookup_.answer->addresses.size()) throw;
+            return false;
         }
-        if (!ready(POLLOUT)) return false;
-        int error = 0;
-        socklen_t size = sizeof error;
-        if (getsockopt(socket_, SOL_SOCKET, SO_ERROR, &error, &size) != 0) error = errno;
-        connected_ = error == 0;
-        return connected_ || refused(error);
-    }
-
-    bool refused(int error) {
-        hang_up();
-        next_ = next_->ai_next;
-        if (next_ == nullptr) throw IoError(std::strerror(error));
-        return false;
+        return connected_ = true;
     }
 
     void send_commands() const {
-        const ssize_t sent = send(socket_, commands_.data(), commands_.size(), MSG_NOSIGNAL);
-        if (sent != std::ssize(commands_)) throw IoError(sent < 0 ? std::strerror(errno) : "it takes no commands");
-    }
-
-    bool ready(short event) const {
-        pollfd descriptor{socket_, event, 0};
-        return poll(&descriptor, 1, static_cast<int>(1000 * READ_S)) > 0;
-    }
-
-    void hang_up() {
-        if (socket_ >= 0) ::close(socket_);
-        socket_ = -1;
+        if (socket_->send(commands_) != commands_.size()) throw IoError("it takes no commands");
     }
 
     Lookup lookup_;
     std::vector<uint8_t> commands_;
     double since_;
-    const addrinfo* next_ = nullptr;
-    int socket_ = -1;
+    std::size_t next_ = 0;  // of the addresses
+    std::optional<Socket> socket_;
     bool connected_ = false;
 };
 

@@ -2,8 +2,6 @@
 // else.
 #include "sources/soapy.h"
 
-#include <dlfcn.h>
-
 #include <algorithm>
 #include <cmath>
 #include <utility>
@@ -11,10 +9,10 @@
 #include "base/error.h"
 #include "base/interrupts.h"
 #include "base/text.h"
+#include "system/libraries.h"
 
 namespace {
 
-constexpr const char* LIBRARY = "libSoapySDR.so.0.8";
 constexpr int RECEIVE = 1;
 constexpr int HAS_TIME = 1 << 2;
 constexpr int TIMEOUT = -1;
@@ -57,7 +55,7 @@ struct SoapyReceiver::Api {
     int (*close)(Device*, void*);
 
   private:
-    Api() : library_(dlopen(LIBRARY, RTLD_NOW)) {
+    Api() : library_(load_library({"libSoapySDR.so.0.8", "SoapySDR.dll"})) {
         if (library_ == nullptr) throw IoError("SoapySDR is not installed (libsoapysdr0.8)");
         take("SoapySDRDevice_lastError", last_error);
         take("SoapySDR_setLogLevel", set_log_level);
@@ -79,7 +77,7 @@ struct SoapyReceiver::Api {
 
     template <class Function>
     void take(const char* name, Function& function) {
-        function = reinterpret_cast<Function>(dlsym(library_, name));
+        function = reinterpret_cast<Function>(find_symbol(library_, name));
         if (function == nullptr) throw IoError(std::string("SoapySDR has no ") + name);
     }
 

@@ -1,22 +1,18 @@
 #include "sources/standard_input.h"
 
-#include <poll.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstring>
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include "base/error.h"
 #include "base/text.h"
+#include "system/standard_streams.h"
 
 namespace {
 
-constexpr int WAIT_MS = 100;
+constexpr double WAIT_S = 0.1;
 constexpr double PIECE_S = 0.25;  // at a time
 // How sound files begin, which hold more than samples.
 struct FileKind {
@@ -37,16 +33,17 @@ StandardInput::StandardInput(const SourceOptions& options)
 
 Source::State StandardInput::read(Piece& piece) {
     piece = {};
-    pollfd ready{STDIN_FILENO, POLLIN, 0};
-    if (poll(&ready, 1, WAIT_MS) <= 0) return State::NONE_YET;
-    const ssize_t got = ::read(STDIN_FILENO, bytes_.data() + held_, bytes_.size() - held_);
-    if (got < 0 && (errno == EINTR || errno == EAGAIN)) return State::NONE_YET;
-    if (got < 0) {
-        tell(name_, std::string("cannot read standard input: ") + std::strerror(errno));
+    std::optional<std::size_t> got;
+    try {
+        got = read_standard_input(std::span(bytes_).subspan(held_), WAIT_S);
+    } catch (const IoError& error) {
+        tell(name_, std::string("cannot read standard input: ") + error.what());
         failed_ = true;
+        return State::ENDED;
     }
-    if (got <= 0) return State::ENDED;
-    held_ += static_cast<std::size_t>(got);
+    if (!got) return State::NONE_YET;
+    if (*got == 0) return State::ENDED;
+    held_ += *got;
     if (!begun_ && held_ < KIND_BYTES) return State::NONE_YET;
     if (!std::exchange(begun_, true)) require_raw();
     convert(piece.samples);

@@ -1,8 +1,6 @@
 // libcurl by the names of its functions, as SoapySDR in soapy.cpp: nothing of it is needed to build, or to read files.
 #include "sources/url_file.h"
 
-#include <dlfcn.h>
-
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -13,6 +11,7 @@
 #include "base/interrupts.h"
 #include "base/text.h"
 #include "liborvel.h"
+#include "system/libraries.h"
 
 namespace {
 
@@ -69,11 +68,7 @@ struct Api {
     void (*list_free)(void*);
 
   private:
-    Api() {
-        for (const char* const name : {"libcurl.so.4", "libcurl-gnutls.so.4"}) {
-            library_ = dlopen(name, RTLD_NOW);
-            if (library_ != nullptr) break;
-        }
+    Api() : library_(load_library({"libcurl.so.4", "libcurl-gnutls.so.4", "libcurl-x64.dll", "libcurl.dll"})) {
         if (library_ == nullptr) throw IoError("libcurl is not installed (libcurl4): URLs cannot be read");
         take("curl_global_init", global_init);
         take("curl_easy_init", init);
@@ -89,11 +84,11 @@ struct Api {
 
     template <class Function>
     void take(const char* name, Function& function) {
-        function = reinterpret_cast<Function>(dlsym(library_, name));
+        function = reinterpret_cast<Function>(find_symbol(library_, name));
         if (function == nullptr) throw IoError(std::string("libcurl has no ") + name);
     }
 
-    void* library_ = nullptr;
+    void* library_;
 };
 
 std::optional<uint64_t> take_number(std::string_view& text) {

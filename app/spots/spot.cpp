@@ -11,6 +11,7 @@
 #include "base/text.h"
 #include "base/utc.h"
 #include "protocol.h"
+#include "system/files.h"
 
 namespace {
 
@@ -110,7 +111,7 @@ bool take_standing(const Json& object, Spot& spot) {
 std::string file_url(const std::string& path) {
     constexpr std::string_view PLAIN = "/-._~";
     std::string url = "file://";
-    for (const char c : std::filesystem::absolute(path).string()) {
+    for (const char c : text_of(std::filesystem::absolute(native_path(path)))) {
         const bool plain = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
                            PLAIN.find(c) != std::string_view::npos;
         url += plain ? std::string(1, c) : format("%%%02X", static_cast<unsigned>(static_cast<unsigned char>(c)));

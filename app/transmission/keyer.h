@@ -1,10 +1,10 @@
 // A transmitter that sends no longer than we do.
 #pragma once
 
-#include <sys/types.h>
-
 #include <memory>
+#include <optional>
 
+#include "system/guard.h"
 #include "transmission/ptt.h"
 
 // Keys and releases. A second process, which no signal to us reaches, releases what we leave keyed: killed, crashed, or
@@ -30,11 +30,7 @@ class Keyer {
     bool release();
 
   private:
-    void start_guard();
-    void tell_guard(char state);
-
     std::unique_ptr<Ptt> ptt_;
     bool keyed_ = false;
-    int to_guard_ = -1;
-    pid_t guard_ = 0;
+    std::optional<Guard> guard_;
 };

@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "system/serial_port.h"
+
 class Ptt {
   public:
     virtual ~Ptt() = default;
@@ -26,7 +28,6 @@ constexpr double PTT_PATIENCE_S = 5;
 std::unique_ptr<Ptt> make_command_ptt(const std::string& program, double patience_s = PTT_PATIENCE_S);
 
 // A line of a serial port, which is open while it sends only, as opening a port raises its lines.
-enum class SerialLine { RTS, DTR };
 std::unique_ptr<Ptt> make_serial_ptt(const std::string& port, SerialLine line);
 
 // A rig that Hamlib's rigctld controls. Throws UsageError when the port is no number of one.

@@ -1,14 +1,12 @@
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <optional>
 #include <sstream>
 
-#include "base/child.h"
 #include "base/error.h"
 #include "base/interrupts.h"
 #include "base/text.h"
+#include "system/child.h"
 #include "transmission/ptt.h"
 
 namespace {
@@ -20,12 +18,12 @@ constexpr int TICK_MS = 10;
 // What a program prints, of which its last line may be wanted.
 class Said {
   public:
-    void read_from(int output) {
+    void read_from(Child& child) {
         std::array<char, 256> block{};
         for (std::size_t k = 0; k < MOST_BLOCKS; k++) {
-            const ssize_t got = read(output, block.data(), block.size());
-            if (got <= 0) return;
-            text_.append(block.data(), std::min(static_cast<std::size_t>(got), MOST_TEXT - text_.size()));
+            const std::size_t got = child.read_output(block);
+            if (got == 0) return;
+            text_.append(block.data(), std::min(got, MOST_TEXT - text_.size()));
         }
     }
 
@@ -67,11 +65,11 @@ class CommandPtt : public Ptt {
         const double end = monotonic_now() + patience_s_;
         std::optional<int> status;
         while (!(status = child.ended())) {
-            said.read_from(child.output());
+            said.read_from(child);
             if (monotonic_now() > end) throw IoError(format("takes longer than %.0f s", patience_s_));
             sleep_seconds(0.001 * TICK_MS);
         }
-        said.read_from(child.output());
+        said.read_from(child);
         if (*status == 0) return;
         const std::string line = said.last_line();
         throw IoError(ending_text(*status) + (line.empty() ? "" : ": " + line));

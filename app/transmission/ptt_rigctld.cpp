@@ -1,15 +1,8 @@
 // One connection for each command: a rigctld that was restarted in between is as good as before. The lines are those of
 // its plain protocol: "T 1" and "T 0", each answered by "RPRT 0", or the number of an error.
-#include <netdb.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <memory>
 #include <string_view>
 
@@ -17,6 +10,7 @@
 #include "base/error.h"
 #include "base/interrupts.h"
 #include "base/text.h"
+#include "system/sockets.h"
 #include "transmission/ptt.h"
 
 namespace {
@@ -28,98 +22,82 @@ struct Broken : IoError {
     using IoError::IoError;
 };
 
-struct FreeAddresses {
-    void operator()(addrinfo* list) const noexcept { freeaddrinfo(list); }
-};
-using Addresses = std::unique_ptr<addrinfo, FreeAddresses>;
-
 [[noreturn]] void fail(const std::string& reason) {
     throw IoError(reason);
 }
 
 // A name server may keep us waiting.
-Addresses resolve(const std::string& host, const std::string& port, double end) {
+std::vector<SocketAddress> resolve_in_time(const std::string& host, const std::string& port, double end) {
     struct Answer {
-        int error = 0;
-        Addresses list;
+        std::vector<SocketAddress> addresses;
+        std::string problem;
     };
     const auto answer = std::make_shared<Answer>();
     const Background asking([answer, host, port] {
-        addrinfo hints{};
-        hints.ai_socktype = SOCK_STREAM;
-        addrinfo* list = nullptr;
-        answer->error = getaddrinfo(host.c_str(), port.c_str(), &hints, &list);
-        if (answer->error == 0) answer->list.reset(list);
+        try {
+            answer->addresses = resolve(host, port);
+        } catch (const IoError& error) {
+            answer->problem = error.what();
+        }
     });
     if (!asking.wait(end - monotonic_now())) fail("no address in time");
-    if (answer->error != 0) fail(gai_strerror(answer->error));
-    return std::move(answer->list);
+    if (!answer->problem.empty()) fail(answer->problem);
+    return std::move(answer->addresses);
 }
 
-// A connection that waits until a time of the monotonic clock, and no longer.
+// A connection that waits until a time of the monotonic clock, and no longer. Throws IoError when it does not come.
 class Connection {
   public:
-    Connection(const addrinfo& address, double end)
-        : end_(end),
-          socket_(socket(address.ai_family, address.ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, address.ai_protocol)) {
-        if (socket_ < 0) {
-            error_ = errno;
-        } else if (connect(socket_, address.ai_addr, address.ai_addrlen) != 0) {
-            error_ = errno == EINPROGRESS ? connect_error() : errno;
-        }
+    Connection(const SocketAddress& address, double end) : end_(end), socket_(address) {
+        if (!in_time(&Socket::wait_to_send)) fail("no connection in time");
+        socket_.require_connected();
     }
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
-    ~Connection() {
-        if (socket_ >= 0) close(socket_);
-    }
-
-    int error() const { return error_; }
 
     void send_line(std::string_view line) const {
-        const ssize_t sent = ::send(socket_, line.data(), line.size(), MSG_NOSIGNAL);
-        if (sent < 0) throw Broken(std::strerror(errno));
-        if (sent != static_cast<ssize_t>(line.size())) fail("it takes no command");
+        std::size_t sent = 0;
+        try {
+            sent = socket_.send(bytes_of(line));
+        } catch (const IoError& error) {
+            throw Broken(error.what());
+        }
+        if (sent != line.size()) fail("it takes no command");
     }
 
     std::string read_line() const {
         std::string text;
         while (text.find('\n') == std::string::npos) {
-            if (!ready(POLLIN)) fail("no answer in time");
-            std::array<char, 64> block{};
-            const ssize_t got = recv(socket_, block.data(), block.size(), 0);
-            if (got < 0 && (errno == EAGAIN || errno == EINTR)) continue;
-            if (got < 0) throw Broken(std::strerror(errno));
-            if (got == 0) throw Broken("it closed the connection");
-            text.append(block.data(), static_cast<std::size_t>(got));
+            if (!in_time(&Socket::wait_to_receive)) fail("no answer in time");
+            std::array<uint8_t, 64> block{};
+            std::optional<std::size_t> got;
+            try {
+                got = socket_.receive(block);
+            } catch (const IoError& error) {
+                throw Broken(error.what());
+            }
+            if (!got) continue;
+            if (*got == 0) throw Broken("it closed the connection");
+            text.append(block.begin(), block.begin() + static_cast<std::ptrdiff_t>(*got));
             if (text.size() > LONGEST_ANSWER) fail("its answer has no end");
         }
         return text.substr(0, text.find('\n'));
     }
 
   private:
+    static std::span<const uint8_t> bytes_of(std::string_view text) {
+        return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
+    }
+
     // Whatever signals come.
-    bool ready(short event) const {
+    bool in_time(bool (Socket::*wait)(double) const) const {
         while (true) {
             const double left_s = end_ - monotonic_now();
             if (left_s <= 0) return false;
-            pollfd descriptor{socket_, event, 0};
-            const int count = poll(&descriptor, 1, static_cast<int>(1000 * left_s) + 1);
-            if (count > 0) return true;
-            if (count < 0 && errno != EINTR) return false;
+            if ((socket_.*wait)(left_s)) return true;
         }
     }
 
-    int connect_error() const {
-        if (!ready(POLLOUT)) return ETIMEDOUT;
-        int error = 0;
-        socklen_t size = sizeof error;
-        return getsockopt(socket_, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
-    }
-
     double end_;
-    int socket_;
-    int error_ = 0;
+    Socket socket_;
 };
 
 class RigctldPtt : public Ptt {
@@ -161,14 +139,15 @@ class RigctldPtt : public Ptt {
     }
 
     std::unique_ptr<Connection> connect(double end) {
-        const Addresses addresses = resolve(host_, port_, end);
-        int error = 0;
-        for (const addrinfo* address = addresses.get(); address != nullptr; address = address->ai_next) {
-            auto connection = std::make_unique<Connection>(*address, end);
-            if (connection->error() == 0) return connection;
-            error = connection->error();
+        std::string problem = "it has no address";
+        for (const SocketAddress& address : resolve_in_time(host_, port_, end)) {
+            try {
+                return std::make_unique<Connection>(address, end);
+            } catch (const IoError& error) {
+                problem = error.what();
+            }
         }
-        fail(std::strerror(error));
+        fail(problem);
     }
 
     std::string host_;

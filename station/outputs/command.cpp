@@ -8,11 +8,11 @@
 #include <utility>
 #include <vector>
 
-#include "base/child.h"
 #include "base/error.h"
 #include "base/interrupts.h"
 #include "base/text.h"
 #include "outputs/types.h"
+#include "system/child.h"
 
 namespace {
 

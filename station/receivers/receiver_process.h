@@ -10,12 +10,12 @@
 #include <string>
 #include <vector>
 
-#include "base/child.h"
 #include "config/config.h"
 #include "spots/spectrum_row.h"
 #include "spots/spot.h"
 #include "spots/status.h"
 #include "store/store.h"
+#include "system/child.h"
 
 class ReceiverProcess {
   public:

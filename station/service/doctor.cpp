@@ -14,7 +14,6 @@
 #include <sstream>
 #include <vector>
 
-#include "base/child.h"
 #include "base/console.h"
 #include "base/error.h"
 #include "base/interrupts.h"
@@ -24,6 +23,7 @@
 #include "service/station.h"
 #include "spots/status.h"
 #include "store/store.h"
+#include "system/child.h"
 
 namespace {
 

@@ -22,7 +22,6 @@
 #include <vector>
 
 #include "base/callsign.h"
-#include "base/child.h"
 #include "base/console.h"
 #include "base/error.h"
 #include "base/parse.h"
@@ -31,6 +30,7 @@
 #include "base/text.h"
 #include "base/utc.h"
 #include "ovcenc.h"
+#include "system/child.h"
 
 namespace {
 

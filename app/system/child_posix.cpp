@@ -1,5 +1,3 @@
-#include "base/child.h"
-
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -17,8 +15,8 @@
 #include <system_error>
 #include <utility>
 
-#include "base/error.h"
-#include "base/text.h"
+#include "system/child.h"
+#include "system/io_error.h"
 
 namespace {
 
@@ -122,7 +120,19 @@ std::string find_beside(const std::string& program) {
     return beside.empty() ? find_program(program) : beside;
 }
 
-Child::Child(const std::string& path, std::vector<std::string> arguments, const Options& options) {
+void become_program(const std::string& path, std::vector<std::string> arguments) {
+    execv(path.c_str(), pointers(arguments).data());
+    throw IoError(std::strerror(errno));
+}
+
+struct Child::Process {
+    pid_t id = 0;
+    std::optional<int> status = {};
+    Fd output = {}, errors = {};
+};
+
+Child::Child(const std::string& path, std::vector<std::string> arguments, const Options& options)
+    : process_(std::make_unique<Process>()) {
     std::vector<std::string> variables = environment_with(options.variables);
     const std::vector<char*> argument_list = pointers(arguments);
     const std::vector<char*> variable_list = pointers(variables);
@@ -135,9 +145,9 @@ Child::Child(const std::string& path, std::vector<std::string> arguments, const 
         throw IoError(std::strerror(errno));
     }
     const pid_t parent = getpid();
-    pid_ = fork();
-    if (pid_ < 0) throw IoError(std::strerror(errno));
-    if (pid_ == 0) {
+    const pid_t id = fork();
+    if (id < 0) throw IoError(std::strerror(errno));
+    if (id == 0) {
         const int error_end = options.errors_apart ? errors.writer.get() : output.writer.get();
         become(path.c_str(), argument_list.data(), variable_list.data(), input.reader.get(), output.writer.get(),
                error_end, problem.writer.get(), options.ends_with_us, parent);
@@ -149,37 +159,47 @@ Child::Child(const std::string& path, std::vector<std::string> arguments, const 
         got = read(problem.reader.get(), &reason, sizeof reason);
     } while (got < 0 && errno == EINTR);
     if (got > 0) {
-        waitpid(pid_, nullptr, 0);
+        waitpid(id, nullptr, 0);
         throw IoError(std::strerror(reason));
     }
-    output_ = output.reader.release();
-    errors_ = errors.reader.release();
-    for (const int end : {output_, errors_}) {
+    process_->id = id;
+    process_->output = std::move(output.reader);
+    process_->errors = std::move(errors.reader);
+    for (const int end : {this->output(), this->errors()}) {
         if (end >= 0) fcntl(end, F_SETFL, O_NONBLOCK);
     }
 }
 
 Child::~Child() {
-    if (!ended()) {
-        signal(SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-    for (const int end : {output_, errors_}) {
-        if (end >= 0) close(end);
-    }
+    if (ended()) return;
+    signal(SIGKILL);
+    waitpid(process_->id, nullptr, 0);
+}
+
+std::size_t Child::read_output(std::span<char> room) {
+    const ssize_t got = read(output(), room.data(), room.size());
+    return got > 0 ? static_cast<std::size_t>(got) : 0;
+}
+
+int Child::output() const {
+    return process_->output.get();
+}
+
+int Child::errors() const {
+    return process_->errors.get();
 }
 
 std::optional<int> Child::ended() {
     int status = 0;
-    if (!status_ && waitpid(pid_, &status, WNOHANG) == pid_) status_ = status;
-    return status_;
+    if (!process_->status && waitpid(process_->id, &status, WNOHANG) == process_->id) process_->status = status;
+    return process_->status;
 }
 
 void Child::signal(int number) {
-    if (!status_) kill(-pid_, number);
+    if (!process_->status) kill(-process_->id, number);
 }
 
 std::string ending_text(int status) {
-    return WIFEXITED(status) ? format("exit status %d", WEXITSTATUS(status))
-                             : format("ended by signal %d", WTERMSIG(status));
+    return WIFEXITED(status) ? "exit status " + std::to_string(WEXITSTATUS(status))
+                             : "ended by signal " + std::to_string(WTERMSIG(status));
 }
