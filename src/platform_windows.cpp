@@ -21,9 +21,9 @@ std::wstring absolute(const std::wstring& path) {
 
 std::wstring wide_text(std::string_view utf8) {
     const int bytes = static_cast<int>(utf8.size());
-    const int room = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, utf8.data(), bytes, nullptr, 0);
+    const int room = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), bytes, nullptr, 0);
     std::wstring wide(static_cast<std::size_t>(room > 0 ? room : 0), L'\0');
-    MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, utf8.data(), bytes, wide.data(), room);
+    MultiByteToWideChar(CP_UTF8, 0, utf8.data(), bytes, wide.data(), room);
     return wide;
 }
 

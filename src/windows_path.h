@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-// UTF-8 as UTF-16; "" when it is not UTF-8. And back.
+// UTF-8 as UTF-16, with U+FFFD for what is not UTF-8. And back.
 std::wstring wide_text(std::string_view utf8);
 std::string utf8_text(std::wstring_view wide);
 

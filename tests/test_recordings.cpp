@@ -27,7 +27,7 @@ constexpr double SNR_TOLERANCE_DB = 1;
 constexpr double SNR_LOSS_DB = 2;  // what the other stations leave of themselves counts as noise
 
 std::string path_of(const ShippedRecording& recording) {
-    return DIRECTORY / (recording.name + ".wav");
+    return (DIRECTORY / (recording.name + ".wav")).string();
 }
 
 // Each station of the recording is found once, at its place, and nothing else is.
@@ -75,7 +75,8 @@ TEST(Recordings, AreAllOfTheGeneratorsAndNoOthers) {
         expected.push_back(recording.name + ".wav");
     }
     std::vector<std::string> shipped;
-    for (const auto& entry : std::filesystem::directory_iterator(DIRECTORY)) shipped.push_back(entry.path().filename());
+    for (const auto& entry : std::filesystem::directory_iterator(DIRECTORY))
+        shipped.push_back(entry.path().filename().string());
     std::sort(expected.begin(), expected.end());
     std::sort(shipped.begin(), shipped.end());
     EXPECT_EQ(shipped, expected);

@@ -86,7 +86,9 @@ int run_command(std::vector<std::string> arguments) {
     CLI::App app("Encoder and decoder for slow, weak radio beacons", "orvel");
     app.set_version_flag("--version", std::string("orvel ") + ovl_version());
     app.require_subcommand(1);
-    app.formatter(std::make_shared<HelpFormatter>());  // before the subcommands, which inherit it
+    // Before the subcommands, which inherit these.
+    app.formatter(std::make_shared<HelpFormatter>());
+    app.allow_windows_style_options(false);  // a / begins a path there, too
     add_subcommands(app, status);
 
     std::vector<char*> words;

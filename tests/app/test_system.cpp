@@ -71,6 +71,7 @@ TEST_F(Files, LongPathsAreNoTrouble) {
     EXPECT_TRUE(move_file(deep + "/file", deep + "/other")) << last_reason();
     EXPECT_FALSE(fs::exists(native_path(deep + "/file")));
     EXPECT_TRUE(remove_file(deep + "/other")) << last_reason();
+    for (; deep != folder_; deep.resize(deep.rfind('/'))) EXPECT_TRUE(fs::remove(native_path(deep)));
 }
 
 TEST_F(Files, AMovedFileTakesThePlaceOfAnother) {
