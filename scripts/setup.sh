@@ -21,7 +21,7 @@ CHECK_PACKAGES=(clang libclang-rt-dev clang-format clang-tidy cppcheck mypy)
 need_packages() {
     local missing=() package
     for package in "$@"; do
-        if [[ $(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null) != installed ]]; then
+        if [[ $(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null) != installed* ]]; then
             missing+=("$package")
         fi
     done
