@@ -14,16 +14,31 @@ HEAVY_PACKAGES=(dpkg-dev fakeroot debhelper dh-python lintian pybuild-plugin-pyp
 WINDOWS_BUILD_PACKAGES=(g++-mingw-w64-x86-64-posix dpkg-dev patch xz-utils libcli11-dev nlohmann-json3-dev cmake ninja-build
                         pkg-config zip)
 WINDOWS_TEST_PACKAGES=(wine64 googletest)
+# Of cross builds for Arm: what the library, the command and their tests need, and what the packages need beyond.
+ARM64_PACKAGES=(crossbuild-essential-arm64 qemu-user googletest
+                {libcairo2,libfftw3,libsndfile1,libsoxr,portaudio19}-dev:arm64)
+ARM64_RELEASE_PACKAGES=({libboost,libcurl4-openssl,libmosquitto,libsqlite3,libtomlplusplus}-dev:arm64 libpq5:arm64
+                        pkg-config:arm64)
+ARMHF_PACKAGES=(crossbuild-essential-armhf qemu-user googletest {libfftw3,libsndfile1,portaudio19}-dev:armhf)
+# Of scripts/release.
+RELEASE_PACKAGES=(dpkg-dev fakeroot debhelper dh-python pybuild-plugin-pyproject python3-all python3-pip
+                  python3-setuptools python3-wheel git xz-utils)
 CHECK_PACKAGES=(clang libclang-rt-dev clang-format clang-tidy cppcheck mypy)
 
-# need_packages PACKAGE...: installs those that are missing. Asks no questions; when all are there it does nothing and
-# needs no network.
+# is_installed PACKAGE: for this machine's architecture, or the one after a colon.
+is_installed() {
+    local architecture=${1#*:}
+    if [[ $1 != *:* ]]; then architecture=$(dpkg --print-architecture); fi
+    dpkg-query -W -f='${Architecture} ${db:Status-Status}\n' "$1" 2>/dev/null | grep -xqE "($architecture|all) installed"
+}
+
+# need_packages PACKAGE...: installs those that are missing; those of another architecture are named with it. Asks no
+# questions; when all are there it does nothing and needs no network.
 need_packages() {
-    local missing=() package
+    local missing=() package architecture architectures
+    architectures=$(printf '%s\n' "$@" | sed -n 's/.*://p' | sort -u)
     for package in "$@"; do
-        if [[ $(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null) != installed* ]]; then
-            missing+=("$package")
-        fi
+        if ! is_installed "$package"; then missing+=("$package"); fi
     done
     if ((${#missing[@]} == 0)); then return 0; fi
 
@@ -36,6 +51,7 @@ need_packages() {
         root=(sudo)
     fi
     echo "Installing ${missing[*]}"
+    for architecture in $architectures; do "${root[@]}" dpkg --add-architecture "$architecture"; done
     "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
     "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
 }
