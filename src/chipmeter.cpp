@@ -312,8 +312,8 @@ void ChipMeter::load_chip(int64_t first, double turn) {
         re_[static_cast<std::size_t>(k)] = bb_.samples[first + k].real();
         im_[static_cast<std::size_t>(k)] = bb_.samples[first + k].imag();
     }
-    std::fill(re_.begin() + end, re_.end(), 0.0);
-    std::fill(im_.begin() + end, im_.end(), 0.0);
+    std::fill_n(re_.rbegin(), width - end, 0.0);
+    std::fill_n(im_.rbegin(), width - end, 0.0);
     if (turn == 0) return;
 
     turn_re_.resize(width_);
