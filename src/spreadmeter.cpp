@@ -289,8 +289,8 @@ void PairMeter::load_chip(int64_t first, double f) {
     const int64_t begin = std::clamp<int64_t>(-first, 0, width);
     const int64_t end = std::clamp<int64_t>(bb_.n - first, begin, width);
     for (std::vector<double>* const part : {&re_, &im_}) {
-        std::fill(part->begin(), part->begin() + begin, 0.0);
-        std::fill(part->begin() + end, part->end(), 0.0);
+        std::fill_n(part->begin(), begin, 0.0);
+        std::fill_n(part->rbegin(), width - end, 0.0);
     }
     if (begin < end) {
         split(bb_.samples + first + begin, static_cast<std::size_t>(end - begin), re_.data() + begin,
