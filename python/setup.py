@@ -38,7 +38,8 @@ class BuildWithLibrary(build_py):
         build = Path(self.get_finalized_command("build").build_temp).resolve() / "liborvel"
         parts = [f"-DORVEL_BUILD_{part}=OFF" for part in ("TOOLS", "TESTS", "BENCH")]
         subprocess.run(["cmake", "-S", TREE, "-B", build, *parts], check=True)
-        subprocess.run(["cmake", "--build", build, "--target", "orvel_shared", "--parallel"], check=True)
+        jobs = str(os.cpu_count() or 1)  # make alone would take no limit
+        subprocess.run(["cmake", "--build", build, "--target", "orvel_shared", "--parallel", jobs], check=True)
         return build / "liborvel.so.1"
 
 
