@@ -59,10 +59,10 @@ std::vector<float> noise_of(const std::vector<std::vector<float>>& powers) {
         levels.push_back(static_cast<float>(upper_middle(sampled) / 0.6931472));
     }
     std::vector<float> noise;
-    const auto count = static_cast<int64_t>(levels.size());
-    for (int64_t k = 0; k < count; ++k) {
-        const auto from = levels.begin() + std::max<int64_t>(k - 16, 0);
-        const auto to = levels.begin() + std::min<int64_t>(k + 16, count - 1) + 1;
+    const std::ptrdiff_t count = std::ssize(levels);
+    for (std::ptrdiff_t k = 0; k < count; ++k) {
+        const auto from = levels.begin() + std::max<std::ptrdiff_t>(k - 16, 0);
+        const auto to = levels.begin() + std::min<std::ptrdiff_t>(k + 16, count - 1) + 1;
         const float level = upper_middle({from, to});
         noise.push_back(level > 0 ? level : 1e-30F);
     }
