@@ -794,7 +794,9 @@ TEST(LdpcDecode, MetricsOutOfAnyRangeDecodeAsDefined) {
         for (int frame = 0; frame < 300; ++frame) {
             std::vector<float> metrics = noisy(encode(*code, random_message(*code, rng)), 0.9, rng);
             const uint64_t changes = 1 + rng() % (frame % 10 == 0 ? 200 : 6);
-            for (uint64_t i = 0; i < changes; ++i) metrics[rng() % metrics.size()] = odd[rng() % std::size(odd)];
+            for (uint64_t i = 0; i < changes; ++i) {
+                metrics[static_cast<std::size_t>(rng() % metrics.size())] = odd[rng() % std::size(odd)];
+            }
             const int32_t order = frame % 3;
             const int32_t passes = frame % 2 == 0 ? 0 : 10;
             const ldpc_model::Decoded expected = ldpc_model::decode(*code, metrics, passes, order, 12);
