@@ -52,7 +52,8 @@ need_packages() {
     fi
     echo "Installing ${missing[*]}"
     for architecture in $architectures; do "${root[@]}" dpkg --add-architecture "$architecture"; done
-    "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+    # The list of one archive may be out of order while it is renewed; whether that matters shows in the installation.
+    "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq || echo "Some lists of packages are old" >&2
     "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
 }
 
