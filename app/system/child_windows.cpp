@@ -147,6 +147,7 @@ struct Child::Process {
     std::optional<int> status = {};
 };
 
+// cppcheck-suppress passedByValue  ; the other implementation changes them
 Child::Child(const std::string& path, std::vector<std::string> arguments, const Options& options)
     : process_(std::make_unique<Process>()) {
     std::wstring line = command_line(arguments);

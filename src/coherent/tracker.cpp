@@ -87,7 +87,6 @@ inline double normalise(Row& row) {
     return std::log(sum);
 }
 
-
 // e^x for x up to 0, to some 2e-7 of the value; at least e^-86.
 inline void exp_negative(const Floats8& x, Floats8& out) {
     const Floats8 least = Floats8{} - 86.0f;
