@@ -23,7 +23,8 @@ def check(bill_path, list_path):
     bill = json.loads(bill_path.read_text(encoding="utf-8"))
     rules = schema("bom-1.4.schema.json")
     others = ("spdx", "jsf-0.82")
-    store = {rules["$id"].rpartition("/")[0] + f"/{name}.SNAPSHOT.schema.json": schema(f"{name}.schema.json") for name in others}
+    where = rules["$id"].rpartition("/")[0]
+    store = {f"{where}/{name}.SNAPSHOT.schema.json": schema(f"{name}.schema.json") for name in others}
     resolver = jsonschema.RefResolver(rules["$id"], rules, store=store)
     validator = jsonschema.Draft7Validator(rules, resolver=resolver)
     validator.validate(bill)
