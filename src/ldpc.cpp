@@ -373,6 +373,7 @@ class Circles {
 bool propagate_beliefs(const ldpc_code& code, const float* metrics, int32_t max_iterations, uint8_t* codeword) {
     const EdgeLayout edges(code);
     Beliefs beliefs;
+    beliefs.channel.fill(0.0);
     for (int32_t v = 0; v < code.n; ++v) beliefs.channel[static_cast<size_t>(v)] = -static_cast<double>(metrics[v]);
     beliefs.posterior = beliefs.channel;
     const auto messages = std::span(beliefs.from_check).first(edges.n_slots);
