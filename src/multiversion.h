@@ -25,6 +25,8 @@
 #endif
 
 // Numbers side by side, as many as a register of AVX2 holds: GCC keeps wider vectors in memory.
+// Plain x86-64 aligns them by 16, the version for AVX2 takes them to be aligned by 32: a type on the heap that holds
+// them says alignas(32).
 inline constexpr std::size_t FLOATS = 8;
 using Floats8 [[gnu::vector_size(FLOATS * sizeof(float))]] = float;
 using Ints8 [[gnu::vector_size(FLOATS * sizeof(int32_t))]] = int32_t;
