@@ -2,7 +2,7 @@
 
     awkward_server.py DIRECTORY
 
-http://HOST/FAULT/NAME is the file NAME served with that fault; http://HOST/served says how many bytes of bodies went
+http://HOST/FAULT/NAME is the file NAME served with that fault; http://HOST/served says how many bytes of parts went
 out since it was asked last. It ends with its standard input.
 """
 
@@ -19,6 +19,7 @@ FAULTS = ("plain", "untagged", "whole", "trips", "breaks", "stalls", "dead", "bu
           "elsewhere", "astray", "silent", "huge", "nonsense", "long", "hops", "circles")
 
 asked = collections.Counter()
+lock = threading.Lock()  # every connection has a thread
 served = 0
 
 
@@ -30,6 +31,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
     def answer(self, status, headers, body=b"", claimed=None):
         global served
+        if status == 206:
+            with lock:  # before it goes out: who has it may ask at once
+                served += len(body)
         self.send_response(status)
         for name, value in headers.items():
             self.send_header(name, value)
@@ -37,16 +41,14 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.end_headers()
         self.wfile.write(body)
         self.wfile.flush()
-        served += len(body)
         self.close_connection = claimed is not None
 
     def do_GET(self):
         global served
         if self.path == "/served":
-            text, served = str(served).encode(), 0
-            self.answer(200, {}, text)
-            served = 0
-            return
+            with lock:
+                text, served = str(served).encode(), 0
+            return self.answer(200, {}, text)
         _, fault, name = self.path.split("/", 2)
         assert fault in FAULTS, fault
         content = (DIRECTORY / name).read_bytes() if (DIRECTORY / name).is_file() else None
