@@ -473,14 +473,15 @@ TEST_F(WebTest, AViewerThatReadsTooSlowlyIsDropped) {
     ASSERT_EQ(slow.upgrade(), 101);
     ASSERT_EQ(quick.upgrade(), 101);
     const SpectrumRow row{"lf", NOON, {1400, 1600}, std::vector<double>(30000, -100)};
-    double longest_s = 0;
+    std::vector<double> took_s;
     for (int k = 0; k < 300; k++) {
         const double begin = monotonic_now();
         hub_.tell(row);
-        longest_s = std::max(longest_s, monotonic_now() - begin);
+        took_s.push_back(monotonic_now() - begin);
         ASSERT_FALSE(quick.frame().empty()) << k;
     }
-    EXPECT_LT(longest_s, 0.1) << "the station waits for nobody";
+    std::ranges::sort(took_s);  // a busy machine may keep any of them waiting
+    EXPECT_LT(took_s[took_s.size() * 9 / 10], 0.02) << "the station waits for nobody";
     EXPECT_TRUE(eventually([&] { return json("/api/status")["web"]["dropped"] == 1; }));
     EXPECT_EQ(json("/api/status")["web"]["viewers"], 1);
     EXPECT_TRUE(slow.ends());
