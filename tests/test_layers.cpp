@@ -115,12 +115,14 @@ TEST(Layers, ProgramsUseOfTheLibraryWhatIsListed) {
         // Parts of a wide band; one frame chip by chip.
         {"ovbb.h",
          {"app/decoding/coherent_block.h", "app/decoding/decode_block.cpp", "app/decoding/decode_block.h",
-          "app/pictures/chip_view.cpp", "app/wideband/look.h"}},
+          "app/decoding/decimation.h", "app/pictures/chip_view.cpp", "app/wideband/look.h"}},
         {"ovsync.h", {"app/pictures/chip_view.cpp"}},
         {"owners.h", {"app/decoding/decode_block.cpp", "app/pictures/chip_view.cpp"}},
         {"robust.h", {"app/wideband/look.cpp"}},  // the level of noise with signals in it
-        {"multiversion.h", {"app/wideband/look.cpp", "app/wideband/slice_store.cpp", "app/wideband/channeliser.cpp"}},
-        {"ovfft.h", {"app/pictures/waterfall.cpp"}},  // spectra
+        {"multiversion.h",
+         {"app/decoding/decimation.cpp", "app/wideband/look.cpp", "app/wideband/slice_store.cpp",
+          "app/wideband/channeliser.cpp"}},
+        {"ovfft.h", {"app/decoding/decimation.h", "app/pictures/waterfall.cpp"}},  // spectra
         {"bigpages.h", {"app/recordings/recording.cpp"}},
     };
     for (const char* const folder : {"app", "tools"}) {
@@ -150,7 +152,7 @@ TEST(Layers, RoomsKnowOnlyTheRoomsBelowThem) {
         {"sources", {"base", "system"}},
         {"archive", {"base", "system", "spots", "recordings", "sources"}},
         {"listening", {"base", "system", "spots", "decoding", "sources", "wideband", "recordings"}},
-        {"pictures", {"base", "system", "spots", "recordings"}},
+        {"pictures", {"base", "system", "spots", "decoding", "recordings"}},
     };
     std::set<std::string> rooms;
     for (const fs::path& file : sources_in("app")) {

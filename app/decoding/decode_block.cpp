@@ -10,6 +10,7 @@
 #include "decoding/bands.h"
 #include "decoding/coherent_block.h"
 #include "decoding/finds.h"
+#include "decoding/decimation.h"
 #include "ovbb.h"
 #include "ovpassband.h"
 #include "owners.h"
@@ -114,15 +115,9 @@ bool add_all(Finds& finds, ov_baseband& baseband, const Search& search, ov_param
 std::optional<std::vector<Found>> decode_whole(const Block& block, const Search& search, ov_params params) {
     params.center_hz = center_of(search);
     params.search_hz = search.search_hz;
-    const auto n = static_cast<int32_t>(block.x.size());
-    const auto rate = baseband_rate(params, n, block.rate);
+    const auto rate = baseband_rate(params, static_cast<int32_t>(block.x.size()), block.rate);
     BasebandOwner baseband;
-    if (!rate) return std::nullopt;
-    const int failed =
-        block.q.empty()
-            ? ov_baseband_real(block.x.data(), n, block.rate, params.center_hz, *rate, baseband)
-            : ov_baseband_iq(block.x.data(), block.q.data(), n, block.rate, params.center_hz, *rate, baseband);
-    if (failed != 0) return std::nullopt;
+    if (!rate || baseband_around(block, params.center_hz, *rate, baseband) != 0) return std::nullopt;
     auto found = decode_baseband(baseband, params, block.minutes());
     if (found && search.coherent) add_coherent(block, params, *found);
     return found;

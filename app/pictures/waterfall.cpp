@@ -8,12 +8,17 @@
 #include <limits>
 #include <new>
 #include <numbers>
+#include <optional>
+#include <utility>
 
+#include "decoding/decimation.h"
 #include "ovfft.h"
 
 namespace {
 
 constexpr double LEAST_PIECE_S = 10;      // read at a time
+constexpr double AROUND_S = 1;            // and for the reach of a filter, each side
+constexpr double WINDOW_BINS = 4;         // that a window spreads a carrier over, each side
 constexpr int32_t MOST_LENGTH = 1 << 22;  // of a transform
 constexpr double PADDING = 4;             // zeros make a transform at most this many times as long as its window
 
@@ -27,6 +32,54 @@ int32_t good_length(double least) {
         if (rest == 1) return length;
     }
 }
+
+// The samples that spectra are made of: those of a recording or, of a narrow view in fast samples, what lies around it.
+class Pieces {
+  public:
+    Pieces(Recording& recording, const View& view, double window_s)
+        : recording_(recording), piece_s_(std::max(LEAST_PIECE_S, 2 * window_s)) {
+        const double half_hz = 0.5 * (view.high_hz - view.low_hz) + WINDOW_BINS / window_s;
+        const double center_hz = 0.5 * (view.high_hz + view.low_hz);
+        const int32_t rate = recording.rate();
+        const int32_t factor = decimation_factor(rate, rate, half_hz);
+        const bool holds_band = recording.iq() || (center_hz >= half_hz && center_hz <= 0.5 * rate - half_hz);
+        if (factor == 1 || !holds_band) return;
+        // Whole seconds, with silence at the end for the filter's reach.
+        const int64_t period = rate * static_cast<int64_t>(std::ceil(piece_s_ + 2 * AROUND_S) + 1);
+        const int64_t turns = std::llround(center_hz * static_cast<double>(period) / rate);
+        decimation_ = {period, turns, factor, half_hz};
+        center_hz_ = static_cast<double>(turns) * rate / static_cast<double>(period);
+    }
+
+    bool iq() const { return decimation_ || recording_.iq(); }
+    int32_t rate() const { return recording_.rate() / (decimation_ ? decimation_->factor : 1); }
+    double center_hz() const { return center_hz_; }  // 0 Hz of the samples
+    double length_s() const { return piece_s_; }
+
+    // All of a piece, and perhaps more before it and after it.
+    Stretch read(double from_s, Stretch used) const {
+        if (!decimation_) return recording_.read(from_s, piece_s_, std::move(used));
+        const double begin_s = std::max(from_s - AROUND_S, 0.0);
+        Stretch stretch = recording_.read(begin_s, from_s - begin_s + piece_s_ + AROUND_S, std::move(used));
+        const auto count = (stretch.x.size() + at(decimation_->factor) - 1) / at(decimation_->factor);
+        const auto left = decimate({stretch.x, stretch.q, recording_.rate()}, *decimation_);
+        stretch.x.resize(count);
+        stretch.q.resize(count);
+        for (std::size_t k = 0; k < count; k++) {
+            stretch.x[k] = left[k].real();
+            stretch.q[k] = left[k].imag();
+        }
+        return stretch;
+    }
+
+  private:
+    static std::size_t at(int32_t index) { return static_cast<std::size_t>(index); }
+
+    Recording& recording_;
+    double piece_s_;
+    std::optional<Decimation> decimation_;
+    double center_hz_ = 0;
+};
 
 // Power spectra of windows of a recording, averaged.
 class Spectra {
@@ -126,8 +179,9 @@ PowerGrid measure_power(Recording& recording, const View& view, int32_t columns,
     grid.db.resize(static_cast<std::size_t>(columns) * static_cast<std::size_t>(rows));
     const double row_hz = (view.high_hz - view.low_hz) / rows;
     const double column_s = (view.to_s - view.from_s) / columns;
-    const int32_t rate = recording.rate();
-    Spectra spectra(recording.iq(), rate, window_s, row_hz);
+    const Pieces pieces(recording, view, window_s);
+    const int32_t rate = pieces.rate();
+    Spectra spectra(pieces.iq(), rate, window_s, row_hz);
     const double length_s = static_cast<double>(spectra.window_samples()) / rate;
     const auto each = static_cast<int64_t>(std::max(1.0, std::ceil(column_s / (length_s / 2))));  // in a column
 
@@ -141,14 +195,13 @@ PowerGrid measure_power(Recording& recording, const View& view, int32_t columns,
             const double begin_s = centre_s - length_s / 2;
             if (begin_s + length_s > known_to && known_to < recording.seconds()) {
                 const double from_s = std::max(begin_s, 0.0);
-                const double piece_s = std::max(LEAST_PIECE_S, 2 * length_s);
-                stretch = recording.read(from_s, piece_s);
-                known_to = from_s + piece_s;
+                stretch = pieces.read(from_s, std::move(stretch));
+                known_to = from_s + pieces.length_s();
             }
             spectra.add(stretch, std::llround((begin_s - stretch.begin_s) * rate));
         }
         for (int32_t row = 0; row < rows; row++) {
-            const double high_hz = view.high_hz - row * row_hz;
+            const double high_hz = view.high_hz - row * row_hz - pieces.center_hz();
             const double power = row_power(spectra, high_hz - row_hz, high_hz);
             grid.db[static_cast<std::size_t>(row) * static_cast<std::size_t>(columns) +
                     static_cast<std::size_t>(column)] =

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cmath>
 #include <exception>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -65,12 +66,15 @@ class BlockDecoder {
     DecodedBlock decode(const BlockSpan& span) {
         if (ended_) return {};
         try {
-            const Stretch stretch = recording_.read(span.begin_s, span.length_s);
+            Stretch stretch = recording_.read(span.begin_s, span.length_s, take_used());
             if (span.begin_s > 0 && stretch.x.empty()) {
                 ended_ = true;
                 return {};
             }
-            return decode(stretch);
+            DecodedBlock block = decode(stretch);
+            const std::lock_guard guard(lock_);
+            used_.push_back(std::move(stretch));
+            return block;
         } catch (const IoError& error) {
             return {.spots = std::nullopt, .problem = error.what()};
         }
@@ -94,9 +98,19 @@ class BlockDecoder {
         return format("it is too short (%.3f s, a chip is 0.128 s)", block.seconds());
     }
 
+    Stretch take_used() {
+        const std::lock_guard guard(lock_);
+        if (used_.empty()) return {};
+        Stretch stretch = std::move(used_.back());
+        used_.pop_back();
+        return stretch;
+    }
+
     Recording& recording_;
     const Search& search_;
     std::atomic<bool> ended_ = false;  // the file does before its header says
+    std::mutex lock_;
+    std::vector<Stretch> used_;  // one for each thread at most
 };
 
 // Decodes blocks [first, end) of all.

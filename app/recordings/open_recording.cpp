@@ -140,7 +140,7 @@ class SoundRecording : public Recording {
 
   private:
     void read_frames(int64_t first, int64_t count, Stretch& out) override {
-        constexpr int64_t PIECE = 1 << 16;
+        constexpr int64_t PIECE = 1 << 12;  // stays in the fastest memory
         const sf_count_t place = sf_seek(sound_.get(), first, SEEK_SET);
         sound_.require_source();
         if (place < 0) return;

@@ -3,9 +3,9 @@
 #include <soxr.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <iterator>
-#include <limits>
 #include <numeric>
 #include <utility>
 
@@ -50,14 +50,20 @@ std::vector<Take> known_takes(std::vector<Take> takes, const RecordingOptions& o
     return takes;
 }
 
-// Without a branch for each, so that several are looked at at once.
+// Several sums, none of which waits for another: what is not finite is not 0 when multiplied by it.
 bool are_finite(std::span<const double> samples) {
-    bool finite = true;
-    for (const double sample : samples) finite &= std::fabs(sample) <= std::numeric_limits<double>::max();
-    return finite;
+    std::array<double, 8> zeros{};
+    std::size_t k = 0;
+    for (; k + zeros.size() <= samples.size(); k += zeros.size()) {
+        for (std::size_t j = 0; j < zeros.size(); j++) zeros[j] += samples[k + j] * 0;
+    }
+    for (; k < samples.size(); k++) zeros[0] += samples[k] * 0;
+    return std::accumulate(zeros.begin(), zeros.end(), 0.0) == 0;
 }
 
 void make_room(std::vector<double>& samples, int64_t count) {
+    samples.clear();
+    if (samples.capacity() >= static_cast<std::size_t>(count)) return;
     samples.reserve(static_cast<std::size_t>(count));
     prefer_big_pages(samples.data(), samples.capacity() * sizeof(double));
 }
@@ -106,13 +112,14 @@ std::optional<Tuning> Recording::tuning(double at_s) const {
     return take_at(takes_, at_s).tuning;
 }
 
-void Recording::append(std::span<const double> samples, std::size_t channels, Stretch& out) const {
+void Recording::append(std::span<const double> samples, std::size_t channels, Stretch& out) {
     const auto chosen = static_cast<std::size_t>(std::max(options_.channel - 1, 0));
     const std::size_t frames = samples.size() / channels;
     const auto append_each = [&](std::vector<double>& to, auto value_of) {
         const std::size_t held = to.size();
         to.resize(held + frames);
         for (std::size_t k = 0; k < frames; k++) to[held + k] = value_of(samples.data() + k * channels);
+        silence_wrong_samples(std::span(to).subspan(held));
     };
     if (options_.iq) {
         append_each(out.x, [chosen](const double* frame) { return frame[chosen]; });
@@ -126,14 +133,14 @@ void Recording::append(std::span<const double> samples, std::size_t channels, St
     }
 }
 
-Stretch Recording::read(double begin_s, double length_s) {
+Stretch Recording::read(double begin_s, double length_s, Stretch used) {
     const auto first = static_cast<int64_t>(std::floor(begin_s * file_rate_));
     const int64_t count = std::clamp<int64_t>(static_cast<int64_t>(std::ceil(length_s * file_rate_)), 0,
                                               std::max<int64_t>(frames_ - first, 0));
-    Stretch stretch;
+    Stretch stretch = std::move(used);
     stretch.begin_s = static_cast<double>(first) / file_rate_;
     make_room(stretch.x, count);
-    if (options_.iq) make_room(stretch.q, count);
+    make_room(stretch.q, options_.iq ? count : 0);
     {
         const std::lock_guard guard(lock_);
         read_frames(first, count, stretch);
@@ -141,22 +148,17 @@ Stretch Recording::read(double begin_s, double length_s) {
     if (static_cast<int64_t>(stretch.x.size()) < count && !told_short_.exchange(true)) {
         print_error("'" + path_ + "' ends before its header says");
     }
-    silence_wrong_samples(stretch);
     if (static_cast<uint32_t>(rate_) != file_rate_ && !(convert(stretch.x) && convert(stretch.q))) {
         throw IoError("cannot read '" + path_ + "': the sample rate cannot be converted");
     }
     return stretch;
 }
 
-void Recording::silence_wrong_samples(Stretch& stretch) {
-    bool wrong = false;
-    for (std::vector<double>* samples : {&stretch.x, &stretch.q}) {
-        if (are_finite(*samples)) continue;
-        wrong = true;
-        std::ranges::replace_if(
-            *samples, [](double sample) { return !std::isfinite(sample); }, 0.0);
-    }
-    if (wrong && !told_wrong_samples_.exchange(true)) {
+void Recording::silence_wrong_samples(std::span<double> samples) {
+    if (are_finite(samples)) return;
+    std::ranges::replace_if(
+        samples, [](double sample) { return !std::isfinite(sample); }, 0.0);
+    if (!told_wrong_samples_.exchange(true)) {
         print_error("'" + path_ + "' holds samples that are not finite numbers; they count as silence");
     }
 }

@@ -80,7 +80,9 @@ class Recording {
 
     // Reads from begin_s on, at most length_s; less, with a line on standard error, where the file ends before its
     // header says. Throws IoError and std::bad_alloc. Any thread.
-    Stretch read(double begin_s, double length_s);
+    //
+    //   used   a stretch that is no longer needed: its memory is used again
+    Stretch read(double begin_s, double length_s, Stretch used = {});
 
   protected:
     // `takes` in order of time; the first counts from the start of the file. What the options say goes before it.
@@ -95,13 +97,13 @@ class Recording {
     void set_take(const Take& take);
 
     // Appends whole frames of so many channels as the options ask.
-    void append(std::span<const double> samples, std::size_t channels, Stretch& out) const;
+    void append(std::span<const double> samples, std::size_t channels, Stretch& out);
 
     std::string path_;
     RecordingOptions options_;
 
   private:
-    void silence_wrong_samples(Stretch& stretch);
+    void silence_wrong_samples(std::span<double> samples);
     bool convert(std::vector<double>& samples) const;
 
     uint32_t file_rate_;

@@ -1,4 +1,5 @@
-// Decodes of one block: the bands that it is cut into, neighbours in them, and SNRs beside a filter's edge.
+// Decodes of one block: the bands that it is cut into, the way from fast samples to a baseband, neighbours in a band,
+// and SNRs beside a filter's edge.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -6,11 +7,14 @@
 #include <cmath>
 #include <complex>
 #include <cstring>
+#include <numbers>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "decoding/bands.h"
+#include "decoding/decimation.h"
 #include "decoding/decode_block.h"
 #include "decoding/finds.h"
 #include "ovbb.h"
@@ -80,6 +84,100 @@ TEST(Bands, ASearchBesideTheBandOfTheSamplesHasNone) {
     const auto bands = bands_of(AUDIO, search_of(9000, 1000));
     ASSERT_TRUE(bands);
     EXPECT_TRUE(bands->empty());
+}
+
+// ---- Decimation
+// -------------------------------------------------------------------------------------------------------
+
+// Noise, with carriers within and beside the band that are far stronger.
+struct Fast {
+    Fast(int32_t rate_hz, std::size_t n, bool iq, double center_hz, uint64_t seed)
+        : rate(rate_hz), x(n), q(iq ? n : 0) {
+        Random random(seed);
+        for (const double off_hz : {-249.0, 3.0, 251.0, 1999.0}) {
+            const double turn = 2 * std::numbers::pi * (center_hz + off_hz) / rate;
+            for (std::size_t k = 0; k < n; k++) {
+                x[k] += 100 * std::cos(turn * static_cast<double>(k)) + random.normal();
+                if (iq) q[k] += 100 * std::sin(turn * static_cast<double>(k)) + random.normal();
+            }
+        }
+    }
+
+    Block block() const { return {x, q, rate}; }
+    int whole_baseband(double center_hz, ov_baseband& out) const {
+        const auto n = static_cast<int32_t>(x.size());
+        return q.empty() ? ov_baseband_real(x.data(), n, rate, center_hz, 500, out)
+                         : ov_baseband_iq(x.data(), q.data(), n, rate, center_hz, 500, out);
+    }
+
+    int32_t rate;
+    std::vector<double> x, q;
+};
+
+// The greatest difference of two basebands, of the greatest sample.
+double difference_of(const ov_baseband& a, const ov_baseband& b) {
+    double most = 0;
+    double apart = 0;
+    for (int32_t k = 0; k < a.n; k++) {
+        most = std::max(most, std::abs(b.samples[k]));
+        apart = std::max(apart, std::abs(a.samples[k] - b.samples[k]));
+    }
+    return apart / most;
+}
+
+TEST(Decimation, GivesTheBasebandOfTheWholeTransform) {
+    struct Case {
+        int32_t rate;
+        std::size_t n;
+        bool iq;
+        double center_hz;
+    };
+    const Case cases[] = {{48000, 48000 * 3, true, 0},          {48000, 100003, true, -17123.4},
+                          {44100, 70001, true, 9000},           {96000, 96000, true, 47900},
+                          {48000, 48000 * 2, false, 1500},      {48000, 77777, false, 23700},
+                          {192000, 192000, false, 60000.00001}, {24000, 30000, true, 700}};
+    uint64_t seed = 1;
+    for (const Case& c : cases) {
+        const Fast fast(c.rate, c.n, c.iq, c.center_hz, seed++);
+        EXPECT_GT(decimation_factor(c.rate, c.rate, 250), 1) << c.rate;
+        BasebandOwner decimated;
+        BasebandOwner whole;
+        ASSERT_EQ(baseband_around(fast.block(), c.center_hz, 500, decimated), 0);
+        ASSERT_EQ(fast.whole_baseband(c.center_hz, whole), 0);
+        ASSERT_EQ(decimated.n, whole.n) << c.rate;
+        EXPECT_EQ(decimated.rate, whole.rate);
+        EXPECT_EQ(decimated.centre, whole.centre) << c.rate;
+        const double difference = difference_of(decimated, whole);
+        EXPECT_LT(difference, 1e-11) << c.rate << ' ' << c.center_hz;
+        EXPECT_GT(difference, 0) << "another way";
+    }
+}
+
+TEST(Decimation, IsLeftOutWhereItGainsNothingOrTheBandReachesPastTheSamples) {
+    const Fast slow(12000, 24000, false, 1500, 1);
+    const Fast real(48000, 48000, false, 1500, 2);
+    for (const auto& [fast, center_hz] : {std::pair(&slow, 1500.0), {&real, 200.0}, {&real, 23800.0}, {&real, 0.0}}) {
+        BasebandOwner one;
+        BasebandOwner other;
+        ASSERT_EQ(baseband_around(fast->block(), center_hz, 500, one), 0);
+        ASSERT_EQ(fast->whole_baseband(center_hz, other), 0);
+        EXPECT_EQ(difference_of(one, other), 0) << center_hz;
+    }
+}
+
+TEST(Decimation, RefusesWhatTheWholeTransformRefuses) {
+    Fast fast(48000, 48000, true, 0, 1);
+    BasebandOwner baseband;
+    for (const double center_hz : {HUGE_VAL, std::nan(""), 1e300}) {
+        EXPECT_EQ(baseband_around(fast.block(), center_hz, 500, baseband), -1);
+    }
+    EXPECT_EQ(baseband_around({fast.x, fast.q, 47777}, 0, 500, baseband), -1) << "a rate without sizes";
+    for (const std::size_t place : {std::size_t{0}, std::size_t{33}, fast.q.size() - 1}) {
+        const double sample = std::exchange(fast.q[place], std::nan(""));
+        EXPECT_EQ(baseband_around(fast.block(), 0, 500, baseband), -1) << place;
+        fast.q[place] = sample;
+    }
+    EXPECT_EQ(baseband_around(fast.block(), 0, 500, baseband), 0);
 }
 
 // ---- Neighbours -----------------------------------------------------------------------------------------------------
