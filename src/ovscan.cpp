@@ -7,6 +7,7 @@
 #include <cmath>
 #include <complex>
 #include <cstdio>
+#include <memory>
 #include <new>
 #include <optional>
 #include <span>
@@ -29,8 +30,8 @@ constexpr int64_t MIN_WINDOWS = 32;
 constexpr int64_t MIN_BINS = 5;
 constexpr int64_t PHASES = 4;  // windows per chip
 constexpr int64_t NOISE_WINDOWS = 2000;
-constexpr int64_t NOISE_MARGIN = 16;  // bins each side over which the noise is smoothed
-constexpr double JUMP_SHARE = 0.7;    // least share of the power of a keyed carrier in its jumps
+constexpr std::size_t NOISE_MARGIN = 16;  // bins each side over which the noise is smoothed
+constexpr double JUMP_SHARE = 0.7;        // least share of the power of a keyed carrier in its jumps
 
 // Windows and bins of one scan.
 struct Grid {
@@ -40,8 +41,40 @@ struct Grid {
     int64_t bins;
     double bin_hz;
 
-    std::size_t size() const { return static_cast<std::size_t>(windows * bins); }
     double bin_at(int64_t k) const { return static_cast<double>(first + k) * bin_hz; }  // Hz
+};
+
+// Some neighbouring bins, side by side.
+constexpr std::size_t LANES = 16;
+template <class T>
+using Lanes = std::array<T, LANES>;
+
+// The powers of all bins in all windows. What is wanted of them are some neighbouring bins through all windows, so
+// those lie together.
+class Powers {
+  public:
+    // Throws std::bad_alloc.
+    explicit Powers(const Grid& grid)
+        : windows_(static_cast<std::size_t>(grid.windows)),
+          groups_((static_cast<std::size_t>(grid.bins) + LANES - 1) / LANES),
+          values_(big_array<Lanes<float>>(groups_ * windows_)) {}
+
+    // Of the LANES bins from group · LANES on, window by window. Those past the last bin are 0.
+    std::span<const Lanes<float>> of(std::size_t group) const { return {&values_[group * windows_], windows_}; }
+
+    // One window; `row` has as many values as all groups have bins.
+    void set(std::size_t window, const float* row) {
+        for (std::size_t group = 0; group < groups_; group++) {
+            Lanes<float>& values = values_[group * windows_ + window];
+            for (std::size_t k = 0; k < LANES; k++) values[k] = row[group * LANES + k];
+        }
+    }
+
+    std::size_t groups() const { return groups_; }
+
+  private:
+    std::size_t windows_, groups_;
+    std::unique_ptr<Lanes<float>[]> values_;
 };
 
 std::optional<Grid> make_grid(bool is_complex, int32_t n, int32_t rate, double win_s, double f_lo, double f_hi) {
@@ -79,8 +112,8 @@ ORVEL_MULTIVERSION void powers_of(const double* bins, std::size_t n, float* out)
     }
 }
 
-// Powers of all windows, one row each. False when memory is short.
-bool fill_powers(const double* re, const double* im, const Grid& grid, std::span<float> powers) {
+// False when memory is short.
+bool fill_powers(const double* re, const double* im, const Grid& grid, Powers& powers) {
     const int32_t nfft = 2 * grid.window;
     const auto in = fftw_array<Complex>(nfft);
     const auto out = fftw_array<Complex>(nfft);
@@ -95,55 +128,49 @@ bool fill_powers(const double* re, const double* im, const Grid& grid, std::span
     const auto below = static_cast<std::size_t>(std::clamp<int64_t>(-grid.first, 0, grid.bins));  // 0 Hz
     const auto above = static_cast<std::size_t>(grid.bins) - below;
     const auto lowest = static_cast<std::size_t>(grid.first < 0 ? nfft + grid.first : grid.first);
-    float* row = powers.data();
+    std::vector<float> row(powers.groups() * LANES);
     for (int64_t w = 0; w < grid.windows; w++) {
         const auto start = static_cast<int64_t>(std::lround(static_cast<double>(w) * grid.window / PHASES));
         interleave(re + start, im != nullptr ? im + start : none.data(), static_cast<std::size_t>(grid.window),
                    samples);
         fftw_execute(plan.get());
-        powers_of(bins + 2 * lowest, below > 0 ? below : above, row);
-        if (below > 0) powers_of(bins, above, row + below);
-        row += grid.bins;
+        powers_of(bins + 2 * lowest, below > 0 ? below : above, row.data());
+        if (below > 0) powers_of(bins, above, row.data() + below);
+        powers.set(static_cast<std::size_t>(w), row.data());
     }
     return true;
 }
 
-// Some neighbouring bins, side by side.
-constexpr std::size_t LANES = 16;
-template <class T>
-using Lanes = std::array<T, LANES>;
+// Noise of the bins of a group, each by itself: the median of its powers.
+class NoiseMeter {
+  public:
+    explicit NoiseMeter(const Grid& grid)
+        : step_(static_cast<std::size_t>(grid.windows > NOISE_WINDOWS ? grid.windows / NOISE_WINDOWS : 1)),
+          count_((static_cast<std::size_t>(grid.windows) + step_ - 1) / step_),
+          samples_(LANES * count_) {}
 
-// Noise of every bin: the median of its powers, smoothed by the median over its neighbours.
-std::vector<float> noise_of(const Grid& grid, std::span<const float> powers) {
-    const auto bins = static_cast<std::size_t>(grid.bins);
-    const auto step = static_cast<std::size_t>(grid.windows > NOISE_WINDOWS ? grid.windows / NOISE_WINDOWS : 1);
-    const std::size_t count = (static_cast<std::size_t>(grid.windows) + step - 1) / step;
-    std::vector<float> samples(LANES * count);
-    std::vector<float> levels(bins);
-    for (std::size_t first = 0; first < bins; first += LANES) {
-        const std::size_t width = std::min(LANES, bins - first);
-        for (std::size_t i = 0; i < count; i++) {
-            const float* const source = powers.data() + i * step * bins + first;
-            if (width == LANES) {
-                for (std::size_t k = 0; k < LANES; k++) samples[k * count + i] = source[k];
-            } else {
-                for (std::size_t k = 0; k < width; k++) samples[k * count + i] = source[k];
-            }
+    Lanes<float> measure(std::span<const Lanes<float>> powers) {
+        for (std::size_t i = 0; i < count_; i++) {
+            for (std::size_t k = 0; k < LANES; k++) samples_[k * count_ + i] = powers[i * step_][k];
         }
-        for (std::size_t k = 0; k < width; k++) {
-            levels[first + k] = static_cast<float>(upper_median(std::span(samples).subspan(k * count, count)) / LN2);
+        Lanes<float> levels;
+        for (std::size_t k = 0; k < LANES; k++) {
+            levels[k] = static_cast<float>(upper_median(std::span(samples_).subspan(k * count_, count_)) / LN2);
         }
+        return levels;
     }
 
-    constexpr auto MARGIN = static_cast<std::size_t>(NOISE_MARGIN);
-    std::vector<float> noise(bins);
-    for (std::size_t k = 0; k < bins; k++) {
-        const std::size_t low = k > MARGIN ? k - MARGIN : 0;
-        const std::size_t high = std::min(k + MARGIN, bins - 1);
-        const float level = upper_median(std::span(levels).subspan(low, high - low + 1));
-        noise[k] = level > 0 ? level : NOISE_FLOOR;
-    }
-    return noise;
+  private:
+    std::size_t step_, count_;
+    std::vector<float> samples_;
+};
+
+// Noise of a bin: the median over its neighbours.
+float noise_at(std::span<const float> levels, std::size_t bin) {
+    const std::size_t low = bin > NOISE_MARGIN ? bin - NOISE_MARGIN : 0;
+    const std::size_t high = std::min(bin + NOISE_MARGIN, levels.size() - 1);
+    const float level = upper_median(levels.subspan(low, high - low + 1));
+    return level > 0 ? level : NOISE_FLOOR;
 }
 
 // ---- Jump statistic ---------------------------------------------------------------------------------------------
@@ -164,14 +191,13 @@ struct Sums {
 // The best mean jump of some bins over all runs.
 class JumpSearch {
   public:
-    JumpSearch(const Grid& grid, std::span<const float> powers, std::span<const float> noise, int32_t run_chips,
-               double var_min)
-        : grid_(grid), powers_(powers), noise_(noise), run_chips_(std::max(run_chips, MIN_RUN)), var_min_(var_min) {}
+    JumpSearch(const Grid& grid, int32_t run_chips, double var_min)
+        : grid_(grid), run_chips_(std::max(run_chips, MIN_RUN)), var_min_(var_min) {}
 
-    // The statistic of the bins from `first` on.
-    Lanes<float> best(std::size_t first) {
-        first_ = first;
-        width_ = std::min(LANES, static_cast<std::size_t>(grid_.bins) - first);
+    // The statistic of a group of bins.
+    Lanes<float> best(std::span<const Lanes<float>> powers, const Lanes<float>& noise) {
+        powers_ = powers;
+        noise_ = noise;
         best_.fill(0);
         for (int64_t phase = 0; phase < PHASES; phase++) search_phase(phase);
         Lanes<float> statistic;
@@ -201,19 +227,14 @@ class JumpSearch {
 
     static std::size_t at(int64_t index) { return static_cast<std::size_t>(index); }
 
-    // Chip powers of one phase in units of noise; lanes past the last bin stay 0.
+    // Chip powers of one phase in units of noise.
     ORVEL_MULTIVERSION void load(int64_t phase) {
-        Lanes<float> noise;
-        noise.fill(1);
-        std::copy_n(noise_.data() + first_, width_, noise.begin());
-        const float* row = powers_.data() + at(phase) * at(grid_.bins) + first_;
-        for (Lanes<float>& chip : chips_) {
-            if (width_ == LANES) {
-                for (std::size_t k = 0; k < LANES; k++) chip[k] = row[k] / noise[k];
-            } else {
-                for (std::size_t k = 0; k < LANES; k++) chip[k] = k < width_ ? row[k] / noise[k] : 0;
-            }
-            row += PHASES * grid_.bins;
+        const Lanes<float> noise = noise_;
+        for (std::size_t i = 0; i < chips_.size(); i++) {
+            const Lanes<float>& power = powers_[at(phase + PHASES * static_cast<int64_t>(i))];
+            Lanes<float> chip;
+            for (std::size_t k = 0; k < LANES; k++) chip[k] = power[k] / noise[k];
+            chips_[i] = chip;
         }
     }
 
@@ -241,26 +262,36 @@ class JumpSearch {
     void set_least(std::size_t k, double length) { least_[k] = best_[k] * length * (1 - 1e-12); }
 
     const Grid& grid_;
-    std::span<const float> powers_;
-    std::span<const float> noise_;
     int64_t run_chips_;
     double var_min_;
-    std::size_t first_ = 0;
-    std::size_t width_ = 0;
+    std::span<const Lanes<float>> powers_;
+    Lanes<float> noise_{};
     Lanes<double> best_{};
     Lanes<double> least_{};  // sum of the jumps of a run that may be better
     std::vector<Lanes<float>> chips_;
     std::vector<Sums> ends_;
 };
 
-// The statistic of every bin.
-std::vector<float> jump_statistic(const Grid& grid, std::span<const float> powers, int32_t run_chips, double var_min) {
-    const std::vector<float> noise = noise_of(grid, powers);
-    std::vector<float> statistic(noise.size());
-    JumpSearch search(grid, powers, noise, run_chips, var_min);
-    for (std::size_t first = 0; first < statistic.size(); first += LANES) {
-        const Lanes<float> best = search.best(first);
-        std::copy_n(best.begin(), std::min(LANES, statistic.size() - first), statistic.data() + first);
+// The statistic of every bin. Noise is measured one group ahead, as far as its neighbours reach, and a group's powers
+// are still at hand when its turn comes.
+std::vector<float> jump_statistic(const Grid& grid, const Powers& powers, int32_t run_chips, double var_min) {
+    static_assert(NOISE_MARGIN <= LANES);
+    const auto bins = static_cast<std::size_t>(grid.bins);
+    std::vector<float> levels(bins);
+    std::vector<float> statistic(bins);
+    NoiseMeter meter(grid);
+    JumpSearch search(grid, run_chips, var_min);
+    const auto lanes_of = [&](std::size_t group) { return std::min(LANES, bins - group * LANES); };
+    const auto measure_noise = [&](std::size_t group) {
+        std::copy_n(meter.measure(powers.of(group)).begin(), lanes_of(group), &levels[group * LANES]);
+    };
+    measure_noise(0);
+    for (std::size_t group = 0; group < powers.groups(); group++) {
+        if (group + 1 < powers.groups()) measure_noise(group + 1);
+        Lanes<float> noise;
+        noise.fill(1);
+        for (std::size_t k = 0; k < lanes_of(group); k++) noise[k] = noise_at(levels, group * LANES + k);
+        std::copy_n(search.best(powers.of(group), noise).begin(), lanes_of(group), &statistic[group * LANES]);
     }
     return statistic;
 }
@@ -306,8 +337,7 @@ int32_t ov_scan_w(const double* re, const double* im, int32_t n, int32_t rate, d
     if (!grid) return -1;
     if (nbins_out != nullptr) *nbins_out = static_cast<int32_t>(grid->bins);
     try {
-        const auto array = big_array<float>(grid->size());
-        const std::span powers(array.get(), grid->size());
+        Powers powers(*grid);
         if (!fill_powers(re, im, *grid, powers)) return -1;
         const std::vector<float> statistic = jump_statistic(*grid, powers, run_chips, var_min);
         std::vector<float> copy = statistic;

@@ -7,6 +7,7 @@
 #include <new>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/blocks.h"
@@ -70,9 +71,10 @@ void scan_file(const std::string& path, const ScanOptions& options, const std::f
     Progress progress("'" + path + "'", recording->seconds(), std::nullopt);
     const int32_t rate = recording->rate();
     const Range band = options.band ? range_of("--band", *options.band) : whole_band(recording->iq(), rate);
+    Stretch samples;
     for (const BlockSpan& block :
          cut_blocks(recording->seconds(), std::min(options.block_s, MOST_BLOCK_SAMPLES / rate), 0)) {
-        const Stretch samples = recording->read(block.begin_s, block.length_s);
+        samples = recording->read(block.begin_s, block.length_s, std::move(samples));
         if (block.begin_s > 0 && samples.x.empty()) return;  // the file ends before its header says
         std::vector<ov_hit> hits(MAX_HITS);
         const int32_t count = ov_scan_w(samples.x.data(), samples.q.empty() ? nullptr : samples.q.data(),
