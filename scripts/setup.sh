@@ -1,4 +1,4 @@
-# Shell functions of ./demo, ./test and .ci/run; to be sourced with the repository as working directory.
+# Shell functions of ./demo, ./test, .ci/run and the scripts; to be sourced with the repository as working directory.
 
 BUILD_PACKAGES=(g++ cmake make ninja-build pkg-config libfftw3-dev portaudio19-dev libcli11-dev nlohmann-json3-dev
                 libsndfile1-dev libsoxr-dev libcairo2-dev libtomlplusplus-dev libsqlite3-dev libmosquitto-dev
@@ -12,8 +12,8 @@ HEAVY_PACKAGES=(dpkg-dev fakeroot debhelper dh-python lintian pybuild-plugin-pyp
                 chromium-driver python3-selenium slurm-wlm munge parallel postgresql)
 # The build for Windows, and its tests, labelled `windows`.
 WINDOWS_BUILD_PACKAGES=(g++-mingw-w64-x86-64-posix dpkg-dev patch xz-utils libcli11-dev nlohmann-json3-dev cmake ninja-build
-                        pkg-config zip)
-WINDOWS_TEST_PACKAGES=(wine64 googletest)
+                        pkg-config zip googletest)
+WINDOWS_TEST_PACKAGES=(wine64 unzip)
 # Of cross builds for Arm: what the library, the command and their tests need, and what the packages need beyond.
 ARM64_PACKAGES=(crossbuild-essential-arm64 qemu-user googletest
                 {libcairo2,libfftw3,libsndfile1,libsoxr,portaudio19}-dev:arm64)

@@ -3,22 +3,14 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <memory>
 
-#if defined(__linux__)
-#include <sys/mman.h>
-#endif
+#include "platform.h"
 
-// Before a buffer is first touched. A hint: it may change nothing.
-inline void prefer_big_pages([[maybe_unused]] void* buffer, [[maybe_unused]] std::size_t bytes) noexcept {
-#if defined(__linux__)
+// Before a buffer, which may be null, is first touched.
+inline void prefer_big_pages(void* buffer, std::size_t bytes) noexcept {
     constexpr std::size_t WORTH_IT = std::size_t{8} << 20;
-    constexpr std::size_t PAGE = 4096;
-    if (buffer == nullptr || bytes < WORTH_IT) return;
-    const std::size_t before = (PAGE - reinterpret_cast<std::uintptr_t>(buffer) % PAGE) % PAGE;  // of the first page
-    madvise(static_cast<char*>(buffer) + before, (bytes - before) / PAGE * PAGE, MADV_HUGEPAGE);
-#endif
+    if (buffer != nullptr && bytes >= WORTH_IT) platform_prefer_big_pages(buffer, bytes);
 }
 
 // An array that is still to be filled. Throws std::bad_alloc.

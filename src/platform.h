@@ -1,6 +1,7 @@
 // Where operating systems differ: names of files, places in them, and the clock.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
@@ -20,6 +21,9 @@ int64_t platform_tell(std::FILE* file);
 
 // As atexit(), where a library may still call another when the process ends.
 void platform_at_exit(void (*function)());
+
+// Asks for large pages behind a large buffer, before it is first touched. A hint: it may change nothing.
+void platform_prefer_big_pages(void* buffer, std::size_t bytes) noexcept;
 
 // Seconds since 1970-01-01 UTC, as exactly as the system tells them.
 double platform_now();

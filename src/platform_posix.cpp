@@ -1,3 +1,4 @@
+#include <sys/mman.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -21,6 +22,14 @@ int64_t platform_tell(std::FILE* file) {
 
 void platform_at_exit(void (*function)()) {
     std::atexit(function);
+}
+
+void platform_prefer_big_pages([[maybe_unused]] void* buffer, [[maybe_unused]] std::size_t bytes) noexcept {
+#if defined(MADV_HUGEPAGE)
+    constexpr std::size_t PAGE = 4096;
+    const std::size_t before = (PAGE - reinterpret_cast<std::uintptr_t>(buffer) % PAGE) % PAGE;  // of the first page
+    if (bytes > before) madvise(static_cast<char*>(buffer) + before, (bytes - before) / PAGE * PAGE, MADV_HUGEPAGE);
+#endif
 }
 
 double platform_now() {

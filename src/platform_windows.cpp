@@ -63,6 +63,8 @@ int64_t platform_tell(std::FILE* file) {
 // A library's turn comes when it is unloaded: the other threads are gone by then, and COM may wait for them for ever.
 void platform_at_exit(void (*)()) {}
 
+void platform_prefer_big_pages(void*, std::size_t) noexcept {}
+
 double platform_now() {
     constexpr double TICKS_PER_S = 1e7;
     constexpr int64_t UNIX_EPOCH = 116444736000000000;  // in ticks since 1601

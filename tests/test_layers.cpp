@@ -123,7 +123,7 @@ TEST(Layers, ProgramsUseOfTheLibraryWhatIsListed) {
          {"app/decoding/decimation.cpp", "app/wideband/look.cpp", "app/wideband/slice_store.cpp",
           "app/wideband/channeliser.cpp"}},
         {"ovfft.h", {"app/decoding/decimation.h", "app/pictures/waterfall.cpp"}},  // spectra
-        {"bigpages.h", {"app/recordings/recording.cpp"}},
+        {"bigpages.h", {"app/recordings/recording.cpp"}},                          // blocks of minutes
     };
     for (const char* const folder : {"app", "tools"}) {
         for (const fs::path& file : sources_in(folder)) {

@@ -77,7 +77,7 @@ void Recorder::open(double utc, const SourceFormat& format, const std::optional<
     expire(utc);
     std::error_code ignored;
     fs::create_directories(native_path(options_.directory), ignored);
-    const std::string base = text_of(native_path(options_.directory) / native_path(prefix() + stamp(utc)));
+    const std::string base = path_in(options_.directory, prefix() + stamp(utc));
     auto writer = std::make_unique<SigmfWriter>(base + DATA, SigmfWriter::Format{format.rate, format.iq, true},
                                                 Take{0, utc, tuning});
     files_.push_back({base, utc, utc, format.rate, !options_.around_spots_s, true, std::move(writer)});

@@ -17,7 +17,8 @@
 namespace {
 
 constexpr double LEAST_PIECE_S = 10;      // read at a time
-constexpr double AROUND_S = 1;            // and for the reach of a filter, each side
+constexpr double AROUND_S = 1;            // and for the reach of a filter, each side,
+constexpr double LEAST_HALF_HZ = 10;      // of a band from this width on
 constexpr double WINDOW_BINS = 4;         // that a window spreads a carrier over, each side
 constexpr int32_t MOST_LENGTH = 1 << 22;  // of a transform
 constexpr double PADDING = 4;             // zeros make a transform at most this many times as long as its window
@@ -38,7 +39,7 @@ class Pieces {
   public:
     Pieces(Recording& recording, const View& view, double window_s)
         : recording_(recording), piece_s_(std::max(LEAST_PIECE_S, 2 * window_s)) {
-        const double half_hz = 0.5 * (view.high_hz - view.low_hz) + WINDOW_BINS / window_s;
+        const double half_hz = std::max(0.5 * (view.high_hz - view.low_hz) + WINDOW_BINS / window_s, LEAST_HALF_HZ);
         const double center_hz = 0.5 * (view.high_hz + view.low_hz);
         const int32_t rate = recording.rate();
         const int32_t factor = decimation_factor(rate, rate, half_hz);

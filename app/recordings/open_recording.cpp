@@ -58,7 +58,9 @@ class HeldRecording : public Recording {
   private:
     void read_frames(int64_t first, int64_t count, Stretch& out) override {
         const auto take = [&](const std::vector<double>& from, std::vector<double>& to) {
-            if (!from.empty()) to.assign(from.begin() + first, from.begin() + first + count);
+            if (from.empty()) return;
+            to.assign(from.begin() + first, from.begin() + first + count);
+            silence_wrong_samples(to);
         };
         take(x_, out.x);
         take(q_, out.q);

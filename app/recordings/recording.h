@@ -99,11 +99,13 @@ class Recording {
     // Appends whole frames of so many channels as the options ask.
     void append(std::span<const double> samples, std::size_t channels, Stretch& out);
 
+    // For samples that did not come through append().
+    void silence_wrong_samples(std::span<double> samples);
+
     std::string path_;
     RecordingOptions options_;
 
   private:
-    void silence_wrong_samples(std::span<double> samples);
     bool convert(std::vector<double>& samples) const;
 
     uint32_t file_rate_;

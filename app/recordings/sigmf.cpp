@@ -190,9 +190,10 @@ Content read_content(const std::string& path) {
 Stored data_of(const std::string& path, const SigmfMetadata& metadata) {
     std::string data = sigmf_base(path) + std::string(DATA);
     if (!metadata.dataset.empty()) {
-        const std::filesystem::path name = native_path(metadata.dataset);
-        if (name.filename() != name) refuse_recording(path, "its core:dataset is not the name of a file beside it");
-        data = text_of(native_path(path).parent_path() / name);
+        if (!is_file_name(metadata.dataset)) {
+            refuse_recording(path, "its core:dataset is not the name of a file beside it");
+        }
+        data = path_in(text_of(native_path(path).parent_path()), metadata.dataset);
     }
     return {data, 0, InputFile(data).size()};
 }

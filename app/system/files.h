@@ -12,6 +12,11 @@
 std::filesystem::path native_path(const std::string& name);
 std::string text_of(const std::filesystem::path& path);
 
+// A name, or a path, from a directory on; and whether a text is a name alone. native_path() of part of a path may be
+// another file's: a long one becomes absolute.
+std::string path_in(const std::string& directory, const std::string& name);
+bool is_file_name(const std::string& text);
+
 // As fopen().
 std::FILE* open_file(const std::string& path, const char* mode);
 

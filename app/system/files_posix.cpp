@@ -29,6 +29,14 @@ std::string text_of(const std::filesystem::path& path) {
     return path.string();
 }
 
+std::string path_in(const std::string& directory, const std::string& name) {
+    return (std::filesystem::path(directory) / name).string();
+}
+
+bool is_file_name(const std::string& text) {
+    return std::filesystem::path(text).filename() == text;
+}
+
 std::FILE* open_file(const std::string& path, const char* mode) {
     return std::fopen(path.c_str(), mode);
 }

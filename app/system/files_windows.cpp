@@ -75,6 +75,15 @@ std::string text_of(const std::filesystem::path& path) {
     return utf8_text(path.native());
 }
 
+std::string path_in(const std::string& directory, const std::string& name) {
+    return text_of(std::filesystem::path(wide_text(directory)) / wide_text(name));
+}
+
+bool is_file_name(const std::string& text) {
+    const std::filesystem::path path = wide_text(text);
+    return path.filename() == path;
+}
+
 std::FILE* open_file(const std::string& path, const char* mode) {
     return platform_open(path.c_str(), mode);
 }

@@ -86,8 +86,7 @@ TEST(Bands, ASearchBesideTheBandOfTheSamplesHasNone) {
     EXPECT_TRUE(bands->empty());
 }
 
-// ---- Decimation
-// -------------------------------------------------------------------------------------------------------
+// ---- Decimation -----------------------------------------------------------------------------------------------------
 
 // Noise, with carriers within and beside the band that are far stronger.
 struct Fast {

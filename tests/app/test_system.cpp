@@ -23,7 +23,9 @@ namespace fs = std::filesystem;
 // A folder of its own, with a name that no code page of Windows has.
 class Files : public ::testing::Test {
   protected:
-    Files() : folder_(temporary_directory() + "/orvel-\xC3\xB8-\xE6\xBC\xA2-\xD0\xB6") {
+    Files()
+        : folder_(temporary_directory() + "/orvel-\xC3\xB8-\xE6\xBC\xA2-\xD0\xB6-" +
+                  ::testing::UnitTest::GetInstance()->current_test_info()->name()) {
         fs::remove_all(native_path(folder_));
         fs::create_directories(native_path(folder_));
     }
@@ -72,6 +74,22 @@ TEST_F(Files, LongPathsAreNoTrouble) {
     EXPECT_FALSE(fs::exists(native_path(deep + "/file")));
     EXPECT_TRUE(remove_file(deep + "/other")) << last_reason();
     for (; deep != folder_; deep.resize(deep.rfind('/'))) EXPECT_TRUE(fs::remove(native_path(deep)));
+}
+
+TEST_F(Files, NamesStayNamesInALongFolder) {
+    const auto before = fs::current_path();
+    const std::string deep = path(std::string(100, 'd') + "/" + std::string(100, 'e'));
+    fs::create_directories(native_path(deep));
+    fs::current_path(native_path(deep));
+    const std::string in_rec = path_in("rec", "take.sigmf-data");
+    EXPECT_TRUE(is_file_name("take.sigmf-data"));
+    EXPECT_FALSE(is_file_name("rec/take.sigmf-data"));
+    EXPECT_FALSE(is_file_name("../take"));
+    EXPECT_EQ(path_in("", "take"), "take");
+    fs::create_directory("rec");
+    write(in_rec, "samples");
+    fs::current_path(before);
+    EXPECT_TRUE(fs::exists(native_path(deep + "/rec/take.sigmf-data")));
 }
 
 TEST_F(Files, AMovedFileTakesThePlaceOfAnother) {
