@@ -92,6 +92,7 @@ int run_command(std::vector<std::string> arguments) {
     add_subcommands(app, status);
 
     std::vector<char*> words;
+    words.reserve(arguments.size());
     for (std::string& argument : arguments) words.push_back(argument.data());
     if (words.size() < 2) {
         std::fputs(app.help().c_str(), stderr);
