@@ -135,7 +135,7 @@ def test_the_coherent_search_goes_deeper_and_says_so(block: Any) -> None:
         0
     ].method == "coherent"
 
-    with orvel.Decoder(coherent=orvel.Coherent(passes=1)) as decoder:
+    with orvel.Decoder(search=orvel.Search(search_hz=40), coherent=orvel.Coherent(passes=1)) as decoder:
         [strong] = decoder.decode(block, 8000)
         assert (strong.method, strong.odds) == ("standard", None)
         assert [s.call for s in decoder.decode(weak, 8000)] == ["K2QRX"]
