@@ -50,12 +50,21 @@ def callsigns(text):
 
 
 class Recipes(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        directory = tempfile.TemporaryDirectory(prefix="orvel-recipes-")
+        cls.addClassCleanup(directory.cleanup)
+        cls.capture = pathlib.Path(directory.name) / "capture.cu8"  # what rtl_sdr writes at 250 kHz
+        sox = ["sox", RECORDINGS / "iq-narrow.wav", *CAPTURE.split(), cls.capture]
+        subprocess.run(sox, stderr=subprocess.DEVNULL, check=True)
+
     def setUp(self):
         self.scratch = pathlib.Path(tempfile.mkdtemp(prefix="orvel-recipes-"))
         self.addCleanup(shutil.rmtree, self.scratch)
         (self.scratch / "orvel").symlink_to(ORVEL)
         self.paths = str(self.scratch) + os.pathsep + os.environ["PATH"] + os.pathsep + "/usr/sbin"
         shutil.copy(RECORDINGS / "audio-crowded.wav", self.scratch / "audio.wav")
+        (self.scratch / "capture.cu8").symlink_to(self.capture)
 
     def start(self, line, **variables):
         """A line at work, in a process group of its own that ends with the test."""
@@ -82,9 +91,6 @@ class Recipes(unittest.TestCase):
         self.assertEqual(process.returncode, 0, errors.decode())
         return out
 
-    def capture(self):
-        self.run_line(f"sox {RECORDINGS / 'iq-narrow.wav'} {CAPTURE} capture.cu8")
-
     def spots(self):
         """What stands in the place of `orvel listen`: it prints the spots of a recording, one after the other."""
         self.run_line("orvel decode --json audio.wav >heard.jsonl")
@@ -97,12 +103,10 @@ class Recipes(unittest.TestCase):
             self.assertAlmostEqual(float(row.split()[2]), 136000 + float(row.split()[1]), places=2)
 
     def test_a_capture_of_rtl_sdr_decodes(self):
-        self.capture()
         (line,) = re.findall(r"    (orvel decode capture\.cu8.*)", PAGE)
         self.assertEqual(callsigns(self.run_line(line).decode()), NARROW)
 
     def test_a_live_rtl_sdr_decodes(self):
-        self.capture()
         line = pipe("rtl_sdr").replace("rtl_sdr -f 28.2M -s 250000 -", "cat capture.cu8")
         text = self.run_line(line).decode()
         self.assertEqual(callsigns(text), NARROW)
