@@ -1,15 +1,16 @@
 // The 119 signs of a frame are 17 Walsh words of 7 pairs each. The correlations of a group with its eight words are
-// shared by all known callsigns, so a callsign costs 17 look-ups and additions per cell instead of 119. Columns are
-// processed a few at a time, so that the correlations that all callsigns choose from fit the first-level cache. Peaks
-// are found while the map streams by: of each callsign and row only the highest Z is kept, and where that reaches the
-// threshold the row and its neighbours are computed again.
+// shared by all known callsigns, so a callsign costs 17 look-ups and additions per cell instead of 119. No callsign has
+// more than the best word of each group: nine cells in ten of noise are below the threshold by that, and the others of
+// a row are processed a few at a time, so that the correlations that all callsigns choose from fit the first-level
+// cache. Peaks are found while the map streams by: of each callsign and row only the highest Z is kept, and where that
+// reaches the threshold the row and its neighbours are computed again.
 #include "ovcdeep.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstring>
 #include <functional>
+#include <limits>
 #include <new>
 #include <numbers>
 #include <optional>
@@ -27,7 +28,7 @@ constexpr double SAME_CHIP_HZ = 3.0;  // and frequency (in 1/chip) are one
 
 // Some neighbouring columns: two vectors of them.
 constexpr std::size_t LANES = 2 * FLOATS;
-static_assert(ov_group_rows::PADDING % LANES == 0);
+static_assert(ov_group_rows::PADDING % FLOATS == 0);
 
 // Correlation of each group with each word, for some columns; the last row is zero.
 constexpr std::size_t N_WORDS = OVC_WALSH.size();
@@ -52,7 +53,29 @@ std::optional<Words> words_of(const ovc_known& known) {
     return words;
 }
 
-// The highest Z of each callsign so far, in every eighth column: FLOATS for each callsign.
+// Adds to the bounds of some columns what a group adds at most, with one of its words, whose correlations are rows at
+// `stride`. Sums in any order are no greater, rounding included. What is NaN bounds nothing.
+ORVEL_MULTIVERSION void raise_bounds(const float* rows, std::size_t stride, std::span<const uint8_t> words,
+                                     std::span<float> bounds) {
+    constexpr float ROUNDING = 1e-5F;  // far more than that of 17 terms
+    for (std::size_t c = 0; c < bounds.size(); c += FLOATS) {
+        Floats8 most = Floats8{} - std::numeric_limits<float>::infinity();
+        Floats8 size{};
+        for (const uint8_t word : words) {
+            Floats8 part;
+            load(part, rows + word * stride + c);
+            const Floats8 part_size = part < 0 ? -part : part;
+            most = part > most ? part : most;
+            size = part_size > size ? part_size : size;
+        }
+        Floats8 bound;
+        load(bound, &bounds[c]);
+        bound += most + ROUNDING * size;
+        store(bound, &bounds[c]);
+    }
+}
+
+// The highest Z of each callsign so far, in every eighth of the columns in question: FLOATS for each callsign.
 ORVEL_MULTIVERSION void raise_highest(const WordTable& table, const std::array<float, LANES>& scale, const Words* words,
                                       std::size_t n, float* highest) {
     Floats8 scale_low;
@@ -105,6 +128,7 @@ class DeepSearch {
           highest_(known.size() * FLOATS),
           promising_(known.size()),
           squares_(grid.n_columns),
+          bounds_(groups_.word_stride()),
           scales_(N_KEPT * grid.n_columns),
           z_(N_KEPT * grid.n_columns),
           difference_(grid.n_columns) {
@@ -113,6 +137,7 @@ class DeepSearch {
             is_coded_[entry] = words.has_value();
             if (words) {
                 words_[entry] = *words;
+                note_used(*words);
             } else {
                 words_[entry].fill(NO_WORD);
             }
@@ -132,6 +157,13 @@ class DeepSearch {
   private:
     static constexpr int64_t N_KEPT = 3;
 
+    void note_used(const Words& words) {
+        for (std::size_t g = 0; g < OVC_GROUPS; g++) {
+            const auto word = static_cast<uint8_t>(words[g] % N_WORDS);
+            if (std::ranges::find(used_words_[g], word) == used_words_[g].end()) used_words_[g].push_back(word);
+        }
+    }
+
     // Of row i (from the grid's first), while the rows that it needs are kept.
     std::span<float> kept(std::vector<float>& rows, int64_t i) const {
         return std::span(rows).subspan(static_cast<std::size_t>(i % N_KEPT) * grid_.n_columns, grid_.n_columns);
@@ -142,7 +174,11 @@ class DeepSearch {
         groups_.advance(grid_.first_row + i);
         form_scale(i);
         std::ranges::fill(highest_, 0.0f);
-        for (std::size_t first = 0; first < grid_.n_columns; first += LANES) sum_columns(i, first);
+        find_columns(i);
+        for (std::size_t first = 0; first < columns_.size(); first += LANES) {
+            const std::span<const std::size_t> rest = std::span(columns_).subspan(first);
+            sum_columns(i, rest.first(std::min(LANES, rest.size())));
+        }
         for (std::size_t entry = 0; entry < known_.size(); entry++) {
             if (is_coded_[entry]) continue;
             for (const float z : row_of(entry, i)) highest_[entry * FLOATS] = std::fmax(highest_[entry * FLOATS], z);
@@ -159,18 +195,32 @@ class DeepSearch {
                        [](double squares) { return squares > 0 ? static_cast<float>(1 / std::sqrt(squares)) : 0; });
     }
 
-    // Row i of all callsigns with code words, in the columns from `first` on that a table holds.
-    void sum_columns(int64_t i, std::size_t first) {
-        WordTable table;
+    // The columns of row i in which a callsign with code words may reach the threshold.
+    void find_columns(int64_t i) {
+        const auto least = static_cast<float>(threshold_ * (1 - 1e-5));
+        std::ranges::fill(bounds_, 0.0f);
         for (std::size_t g = 0; g < OVC_GROUPS; g++) {
-            const float* word = groups_.word(grid_.first_row + i, g, 0) + first;
-            for (std::size_t w = 0; w < N_WORDS; w++, word += groups_.word_stride()) {
-                std::memcpy(table[g * N_WORDS + w].data(), word, sizeof table[0]);
+            raise_bounds(groups_.word(grid_.first_row + i, g, 0), groups_.word_stride(), used_words_[g], bounds_);
+        }
+        const std::span<const float> scale = kept(scales_, i);
+        columns_.clear();
+        if (used_words_[0].empty()) return;
+        for (std::size_t c = 0; c < scale.size(); c++) {
+            if (!(bounds_[c] * scale[c] < least)) columns_.push_back(c);
+        }
+    }
+
+    // Some columns of row i for all callsigns with code words.
+    void sum_columns(int64_t i, std::span<const std::size_t> columns) {
+        WordTable table{};
+        std::array<float, LANES> scale{};
+        for (std::size_t g = 0; g < OVC_GROUPS; g++) {
+            for (std::size_t w = 0; w < N_WORDS; w++) {
+                const float* const word = groups_.word(grid_.first_row + i, g, w);
+                for (std::size_t k = 0; k < columns.size(); k++) table[g * N_WORDS + w][k] = word[columns[k]];
             }
         }
-        table[NO_WORD].fill(0.0f);
-        std::array<float, LANES> scale{};
-        std::ranges::copy(kept(scales_, i).subspan(first, std::min(LANES, grid_.n_columns - first)), scale.begin());
+        for (std::size_t k = 0; k < columns.size(); k++) scale[k] = kept(scales_, i)[columns[k]];
         raise_highest(table, scale, words_.data(), words_.size(), highest_.data());
     }
 
@@ -240,12 +290,15 @@ class DeepSearch {
     double threshold_;
     ov_group_rows groups_;
     std::vector<Words> words_;
-    std::vector<char> is_coded_;   // whether a callsign's signs are code words
-    std::vector<float> highest_;   // Z of the row formed last: FLOATS for each callsign
+    std::array<std::vector<uint8_t>, OVC_GROUPS> used_words_;  // of each group by any callsign
+    std::vector<char> is_coded_;                               // whether a callsign's signs are code words
+    std::vector<float> highest_;                               // Z of the row formed last: FLOATS for each callsign
     std::vector<char> promising_;  // callsigns that reach the threshold in the row before it
     std::vector<double> squares_;  // Σ d² of the current row
-    std::vector<float> scales_;    // and 1/sqrt of it, of three rows
-    std::vector<float> z_;         // three rows of one callsign
+    std::vector<float> bounds_;    // that no callsign's sums exceed there
+    std::vector<std::size_t> columns_;
+    std::vector<float> scales_;  // and 1/sqrt of it, of three rows
+    std::vector<float> z_;       // three rows of one callsign
     std::vector<float> difference_;
     std::vector<ovc_deep_hit> hits_;
 };

@@ -311,6 +311,26 @@ TEST(DeepSearch, ThinsOutManyPeaksLikeTheDefinition) {
     }
 }
 
+// With one callsign the bound of a cell is its sum: nothing but the rounding of sums in another order lies between.
+TEST(DeepSearch, FindsACellThatReachesTheThresholdByAHair) {
+    Random random(18);
+    for (int trial = 0; trial < 6; ++trial) {
+        HandMap map(245 * 2, 10, 2, 1);
+        map.randomise(random.next());
+        const auto known = known_entries(random, trial % 2 == 0 ? 1 : 5);
+        Search search;
+        search.pfa = 10;
+        const Found all = deep_model::deep_search(map.map, known, search);
+        ASSERT_FALSE(all.hits.empty());
+        const double highest = all.hits.front().z;
+        const double trials = search.pfa / (0.5 * std::erfc(all.threshold / std::numbers::sqrt2));
+        search.pfa = trials * 0.5 * std::erfc(highest * (1 - 2e-6) / std::numbers::sqrt2);
+        const Found hair = expect_equal_search(map.map, known, search, "trial " + std::to_string(trial));
+        ASSERT_EQ(hair.hits.size(), 1u);
+        EXPECT_LT(highest - hair.threshold, 3e-6 * highest);
+    }
+}
+
 // One sign off the code words, in every group; and none off.
 TEST(DeepSearch, SignsThatAreNoCodeWordsGiveTheDefinedResult) {
     Random random(6);
