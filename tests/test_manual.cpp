@@ -10,6 +10,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "command.h"
@@ -32,14 +33,17 @@ std::vector<std::string> words_of(const std::string& text) {
 
 // ---- The command's help -------------------------------------------------------------------------------------------
 
-// Help of a subcommand, or of the command for "", where $COLUMNS is as given.
-std::string help_of(const std::string& subcommand, const std::string& columns = "80") {
+// Help of a subcommand, or of the command for "", where $COLUMNS is as given. Asked for once.
+const std::string& help_of(const std::string& subcommand, const std::string& columns = "80") {
+    static std::map<std::pair<std::string, std::string>, std::string> known;
+    const auto [place, is_new] = known.try_emplace({subcommand, columns});
+    if (!is_new) return place->second;
     ProcessInput input;
     input.environment = {{"COLUMNS", columns}};
     const ProcessResult result =
         orvel(subcommand.empty() ? Arguments{"--help"} : Arguments{subcommand, "--help"}, input);
     EXPECT_EQ(result.status, 0) << result.err;
-    return result.out;
+    return place->second = result.out;
 }
 
 Arguments subcommands() {
