@@ -63,6 +63,7 @@ pid_t start_program(const std::vector<std::string>& arguments, const ProcessInpu
     dup2(to, STDOUT_FILENO);
     dup2(err, STDERR_FILENO);
     std::signal(SIGPIPE, SIG_DFL);
+    std::signal(SIGHUP, SIG_DFL);  // also under nohup
     for (const auto& [name, value] : input.environment) setenv(name.c_str(), value.c_str(), 1);
     execv(argv[0], argv.data());
     _exit(127);
