@@ -52,6 +52,7 @@ TEST(Threads, FirstUseOfEverythingMayBeInSeveralAtOnce) {
         const std::unique_ptr<ovl_decoder, void (*)(ovl_decoder*)> decoder(ovl_create(), ovl_destroy);
         ovl_settings settings;
         ovl_settings_default(&settings);
+        settings.search_hz = 50;  // the thread sanitizer is slow
         out.n_known = ovl_set_known(decoder.get(), "K1ABC DL1QXA");
         out.results.resize(8);
         const auto n = static_cast<int32_t>(samples.size());
@@ -60,6 +61,7 @@ TEST(Threads, FirstUseOfEverythingMayBeInSeveralAtOnce) {
         ovl_result recent[8];
         out.n_recent = ovl_decode_recent(decoder.get(), samples.data(), n, 8000, &settings, 10, recent, 8);
         ov_hit hits[8];
+        ovl_settings_default(&settings);
         out.n_hits = ovl_keyed(samples.data(), n, 8000, &settings, 30, 6, hits, 8);
         uint8_t chips[321];
         out.n_chips = ovl_encode(OVL_ORVEL_L, "K1ABC", "FN42", chips, 321);

@@ -255,14 +255,14 @@ TEST(WideThreads, DecodeWhileSamplesComeAndEndWithTheDecoder) {
     Search search;
     search.iq = true;
     search.wide = true;
-    search.scan_z = 4.5;  // so that noise is decoded, too
+    search.scan_z = 5;  // so that noise is decoded, too
     search.protocols = OVL_OPERA;
     testing::internal::CaptureStderr();  // where it says that slices were skipped
     for (const bool live : {false, true}) {
         for (const bool finished : {false, true}) {
             WideDecoder decoder(12000, search, {.jobs = 3, .live = live}, [](const Found&, Standing) {});
             uint32_t state = 1;
-            for (int32_t second = 0; second < 130; second++) {
+            for (int32_t second = 0; second < 110; second++) {
                 std::vector<float> samples(24000);
                 for (float& sample : samples) {
                     state = static_cast<uint32_t>(uint64_t{state} * 48271 % 2147483647);
