@@ -91,10 +91,10 @@ class Recipes(unittest.TestCase):
         self.assertEqual(process.returncode, 0, errors.decode())
         return out
 
-    def spots(self):
+    def spots(self, between="sleep 0.02", files=""):
         """What stands in the place of `orvel listen`: it prints the spots of a recording, one after the other."""
         self.run_line("orvel decode --json audio.wav >heard.jsonl")
-        return "while read -r spot; do echo \"$spot\"; sleep 0.02; done <heard.jsonl"
+        return f'while read -r spot; do echo "$spot"; {between}; done <heard.jsonl {files}'
 
     def test_the_dial_is_added_to_each_frequency(self):
         rows = self.run_line("orvel decode audio.wav --dial 136000").decode().splitlines()
@@ -169,8 +169,13 @@ class Recipes(unittest.TestCase):
             receiver.bind(("127.0.0.1", 0))
             receiver.settimeout(30)
             line = pipe("orvel listen --json | nc").replace("localhost 2237", f"127.0.0.1 {receiver.getsockname()[1]}")
-            self.start(line.replace("orvel listen --json", self.spots()))
-            datagrams = [receiver.recv(65536).decode() for _ in CROWDED]
+            os.mkfifo(self.scratch / "next")  # what waits in a pipe when netcat gets to it is one datagram
+            self.start(line.replace("orvel listen --json", self.spots("read -r _ <&3", "3<next")))
+            datagrams = []
+            with open(self.scratch / "next", "w", buffering=1, encoding="ascii") as next_spot:
+                for _ in CROWDED:
+                    datagrams.append(receiver.recv(65536).decode())
+                    next_spot.write("\n")
         self.assertEqual(set.union(*map(callsigns, datagrams)), CROWDED)
 
     def test_spots_become_messages_and_a_copy(self):
