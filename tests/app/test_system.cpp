@@ -33,6 +33,13 @@ class Files : public ::testing::Test {
 
     std::string path(const std::string& name) const { return folder_ + "/" + name; }
 
+    // remove_all() of Windows does not get into folders whose paths are long.
+    void remove_folders(std::string deepest) const {
+        for (; deepest != folder_; deepest.resize(deepest.rfind('/'))) {
+            EXPECT_TRUE(fs::remove(native_path(deepest))) << deepest;
+        }
+    }
+
     static void write(const std::string& path, const std::string& text) {
         std::FILE* const file = open_file(path, "wb");
         ASSERT_NE(file, nullptr) << path << ": " << last_reason();
@@ -71,9 +78,9 @@ TEST_F(Files, LongPathsAreNoTrouble) {
     write(deep + "/file", "deep");
     EXPECT_EQ(text_at(DiskFile(deep + "/file"), 1, 3), "eep");
     EXPECT_TRUE(move_file(deep + "/file", deep + "/other")) << last_reason();
-    EXPECT_FALSE(fs::exists(native_path(deep + "/file")));
+    EXPECT_EQ(open_file(deep + "/file", "rb"), nullptr);
     EXPECT_TRUE(remove_file(deep + "/other")) << last_reason();
-    for (; deep != folder_; deep.resize(deep.rfind('/'))) EXPECT_TRUE(fs::remove(native_path(deep)));
+    remove_folders(deep);
 }
 
 TEST_F(Files, NamesStayNamesInALongFolder) {
@@ -89,7 +96,9 @@ TEST_F(Files, NamesStayNamesInALongFolder) {
     fs::create_directory("rec");
     write(in_rec, "samples");
     fs::current_path(before);
-    EXPECT_TRUE(fs::exists(native_path(deep + "/rec/take.sigmf-data")));
+    EXPECT_EQ(text_at(DiskFile(deep + "/rec/take.sigmf-data"), 0, 10), "samples");
+    EXPECT_TRUE(remove_file(deep + "/rec/take.sigmf-data")) << last_reason();
+    remove_folders(deep + "/rec");
 }
 
 TEST_F(Files, AMovedFileTakesThePlaceOfAnother) {
