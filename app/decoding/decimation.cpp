@@ -42,6 +42,17 @@ struct Numbers {
     std::vector<double> re, im;
 };
 
+// By its power series: std::cyl_bessel_i is not for several threads.
+double bessel_i0(double x) {
+    double sum = 1;
+    double term = 1;
+    for (int k = 1; term > 1e-17 * sum; k++) {
+        term *= x / (2 * k) * (x / (2 * k));
+        sum += term;
+    }
+    return sum;
+}
+
 // Symmetric, padded by zeros. Their middle is tap `reach`.
 std::vector<double> filter_taps(double pass, double stop, std::size_t reach) {
     const double cut = pass + stop;  // twice the middle of the slope, cycles per sample
@@ -51,7 +62,7 @@ std::vector<double> filter_taps(double pass, double stop, std::size_t reach) {
         const auto t = static_cast<double>(n);
         const double angle = std::numbers::pi * cut * t;
         const double x = t / at_most;
-        half[n] = (n == 0 ? 1 : std::sin(angle) / angle) * std::cyl_bessel_i(0, BETA * std::sqrt(1 - x * x));
+        half[n] = (n == 0 ? 1 : std::sin(angle) / angle) * bessel_i0(BETA * std::sqrt(1 - x * x));
     }
     const double sum = half[0] + 2 * std::accumulate(half.begin() + 1, half.end(), 0.0);
     std::vector<double> taps(padded(2 * reach + 1));

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <complex>
 #include <memory>
 #include <mutex>
 #include <numeric>
@@ -17,6 +18,7 @@
 #include "base/background.h"
 #include "base/blocks.h"
 #include "base/interrupts.h"
+#include "decoding/decimation.h"
 #include "wideband/wide_decoder.h"
 
 namespace {
@@ -247,6 +249,26 @@ TEST(WorkInOrder, WhatItsUserThrowsIsThrown) {
     };
     EXPECT_THROW(call(), std::out_of_range);
     EXPECT_EQ(at_work, 0);
+}
+
+// ---- Decimation -----------------------------------------------------------------------------------------------------
+
+TEST(DecimationThreads, FindTheSameBesideEachOther) {
+    std::vector<double> samples(48000);
+    for (std::size_t n = 0; n < samples.size(); n++) samples[n] = std::sin(static_cast<double>(n * n % 4801));
+    const Block block{samples, {}, 48000};
+    std::vector<std::vector<std::complex<double>>> out(4);
+    {
+        std::vector<std::jthread> threads;
+        for (auto& mine : out) {
+            threads.emplace_back([&] {
+                const auto left = decimate(block, {48000, 1500, 24, 250});
+                mine.assign(left.get(), left.get() + 2000);
+            });
+        }
+    }
+    for (const auto& other : out) EXPECT_EQ(other, out.front());
+    EXPECT_GT(std::abs(out.front()[1000]), 0);
 }
 
 // ---- Wide bands -----------------------------------------------------------------------------------------------------
