@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -466,6 +467,16 @@ TEST_F(WebTest, AViewerThatTalksIsLeft) {
     EXPECT_TRUE(plain.ends()) << "not masked";
 }
 
+// How long this thread has run or was about to: what is left of the time of a call is how long it waited for others,
+// however busy the machine is.
+double ready_s() {
+    std::ifstream statistics("/proc/thread-self/schedstat");
+    double ran_ns = 0;
+    double queued_ns = 0;
+    statistics >> ran_ns >> queued_ns;
+    return 1e-9 * (ran_ns + queued_ns);
+}
+
 TEST_F(WebTest, AViewerThatReadsTooSlowlyIsDropped) {
     serve({}, {.waiting_news = 20, .waiting_bytes = 1 << 20});
     Client slow(port(), 4096);
@@ -473,16 +484,16 @@ TEST_F(WebTest, AViewerThatReadsTooSlowlyIsDropped) {
     ASSERT_EQ(slow.upgrade(), 101);
     ASSERT_EQ(quick.upgrade(), 101);
     const SpectrumRow row{"lf", NOON, {1400, 1600}, std::vector<double>(30000, -100)};
-    std::vector<double> took_s;
+    std::vector<double> waited_s;
     for (int k = 0; k < 300; k++) {
-        const double begin = monotonic_now();
+        const double begin = monotonic_now() - ready_s();
         hub_.tell(row);
-        took_s.push_back(monotonic_now() - begin);
+        waited_s.push_back(monotonic_now() - ready_s() - begin);
         ASSERT_FALSE(quick.frame().empty()) << k;
     }
-    std::ranges::sort(took_s);  // a busy machine may keep any of them waiting
-    EXPECT_LT(took_s[took_s.size() * 9 / 10], 0.02) << "the station waits for nobody";
-    EXPECT_LT(took_s.back(), 2);
+    std::ranges::sort(waited_s);  // on a busy machine, who holds a lock may have to wait
+    EXPECT_LT(waited_s[waited_s.size() * 9 / 10], 0.02) << "the station waits for nobody";
+    EXPECT_LT(waited_s.back(), 2);
     EXPECT_TRUE(eventually([&] { return json("/api/status")["web"]["dropped"] == 1; }));
     EXPECT_EQ(json("/api/status")["web"]["viewers"], 1);
     EXPECT_TRUE(slow.ends());
