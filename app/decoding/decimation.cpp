@@ -199,8 +199,9 @@ int whole_baseband(const Block& block, double center_hz, int32_t rate, ov_baseba
 
 }  // namespace
 
-int32_t decimation_factor(int64_t length, int32_t rate, double half_hz) {
-    const double most = std::min(rate / (2 * LEAST_ROOM * half_hz), static_cast<double>(length));
+int32_t decimation_factor(int64_t length, int64_t samples, int32_t rate, double half_hz) {
+    const auto held = static_cast<double>(samples) / (LANES * PIECE);  // the tables take no more than the block
+    const double most = std::min({rate / (2 * LEAST_ROOM * half_hz), static_cast<double>(length), held});
     if (!(most >= LEAST_FACTOR)) return 1;
     auto factor = static_cast<int32_t>(most);
     while (length % factor != 0) factor--;
@@ -224,7 +225,7 @@ int baseband_around(const Block& block, double center_hz, int32_t out_rate, ov_b
     ov_spectrum spectrum{};
     const bool sized = choose_sizes(n, block.rate, out_rate, spectrum.nfft, spectrum.nout) == 0;
     const int32_t factor =
-        sized ? decimation_factor(block.rate / std::gcd(block.rate, out_rate), block.rate, half_hz) : 1;
+        sized ? decimation_factor(block.rate / std::gcd(block.rate, out_rate), n, block.rate, half_hz) : 1;
     const double lowest = block.q.empty() ? half_hz : -block.rate;
     const double highest = block.q.empty() ? 0.5 * block.rate - half_hz : block.rate;
     const bool holds_band = center_hz >= lowest && center_hz <= highest;  // all of it, of real samples

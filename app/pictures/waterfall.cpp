@@ -17,8 +17,8 @@
 namespace {
 
 constexpr double LEAST_PIECE_S = 10;      // read at a time
-constexpr double AROUND_S = 1;            // and for the reach of a filter, each side,
-constexpr double LEAST_HALF_HZ = 10;      // of a band from this width on
+constexpr double AROUND_S = 1;            // read before and after a piece: the filter reaches less far
+constexpr double LEAST_HALF_HZ = 10;      // half the width of the narrowest band that is filtered out
 constexpr double WINDOW_BINS = 4;         // that a window spreads a carrier over, each side
 constexpr int32_t MOST_LENGTH = 1 << 22;  // of a transform
 constexpr double PADDING = 4;             // zeros make a transform at most this many times as long as its window
@@ -34,22 +34,16 @@ int32_t good_length(double least) {
     }
 }
 
+std::size_t window_length(double window_s, int32_t rate) {
+    return static_cast<std::size_t>(std::clamp<double>(std::round(window_s * rate), 16, MOST_LENGTH));
+}
+
 // The samples that spectra are made of: those of a recording or, of a narrow view in fast samples, what lies around it.
 class Pieces {
   public:
-    Pieces(Recording& recording, const View& view, double window_s)
-        : recording_(recording), piece_s_(std::max(LEAST_PIECE_S, 2 * window_s)) {
-        const double half_hz = std::max(0.5 * (view.high_hz - view.low_hz) + WINDOW_BINS / window_s, LEAST_HALF_HZ);
-        const double center_hz = 0.5 * (view.high_hz + view.low_hz);
-        const int32_t rate = recording.rate();
-        const int32_t factor = decimation_factor(rate, rate, half_hz);
-        const bool holds_band = recording.iq() || (center_hz >= half_hz && center_hz <= 0.5 * rate - half_hz);
-        if (factor == 1 || !holds_band) return;
-        // Whole seconds, with silence at the end for the filter's reach.
-        const int64_t period = rate * static_cast<int64_t>(std::ceil(piece_s_ + 2 * AROUND_S) + 1);
-        const int64_t turns = std::llround(center_hz * static_cast<double>(period) / rate);
-        decimation_ = {period, turns, factor, half_hz};
-        center_hz_ = static_cast<double>(turns) * rate / static_cast<double>(period);
+    Pieces(Recording& recording, const View& view, double window_s) : recording_(recording) {
+        decimate_around(view, window_s);
+        piece_s_ = std::max(LEAST_PIECE_S, 2 * static_cast<double>(window_length(window_s, rate())) / rate());
     }
 
     bool iq() const { return decimation_ || recording_.iq(); }
@@ -76,8 +70,23 @@ class Pieces {
   private:
     static std::size_t at(int32_t index) { return static_cast<std::size_t>(index); }
 
+    void decimate_around(const View& view, double window_s) {
+        const double half_hz = std::max(0.5 * (view.high_hz - view.low_hz) + WINDOW_BINS / window_s, LEAST_HALF_HZ);
+        const double center_hz = 0.5 * (view.high_hz + view.low_hz);
+        const int32_t rate = recording_.rate();
+        const double most_s = std::min(std::max(LEAST_PIECE_S, 2 * window_s) + 2 * AROUND_S, recording_.seconds());
+        // Whole seconds, with silence at the end for the filter's reach.
+        const int64_t period = rate * (static_cast<int64_t>(std::ceil(most_s)) + 1);
+        const int32_t factor = decimation_factor(rate, static_cast<int64_t>(most_s * rate), rate, half_hz);
+        const bool holds_band = recording_.iq() || (center_hz >= half_hz && center_hz <= 0.5 * rate - half_hz);
+        if (factor == 1 || !holds_band || period > INT32_MAX) return;
+        const int64_t turns = std::llround(center_hz * static_cast<double>(period) / rate);
+        decimation_ = {period, turns, factor, half_hz};
+        center_hz_ = static_cast<double>(turns) * rate / static_cast<double>(period);
+    }
+
     Recording& recording_;
-    double piece_s_;
+    double piece_s_ = 0;
     std::optional<Decimation> decimation_;
     double center_hz_ = 0;
 };
@@ -88,7 +97,7 @@ class Spectra {
     Spectra(bool iq, int32_t rate, double window_s, double bin_hz)
         : iq_(iq),
           rate_(rate),
-          window_(static_cast<std::size_t>(std::clamp<double>(std::round(window_s * rate), 16, MOST_LENGTH))),
+          window_(window_length(window_s, rate)),
           length_(good_length(std::clamp(rate / bin_hz, static_cast<double>(window_.size()),
                                          PADDING * static_cast<double>(window_.size())))),
           bins_(fftw_array<std::complex<double>>(length_)),

@@ -138,7 +138,7 @@ TEST(Decimation, GivesTheBasebandOfTheWholeTransform) {
     uint64_t seed = 1;
     for (const Case& c : cases) {
         const Fast fast(c.rate, c.n, c.iq, c.center_hz, seed++);
-        EXPECT_GT(decimation_factor(c.rate, c.rate, 250), 1) << c.rate;
+        EXPECT_GT(decimation_factor(c.rate, static_cast<int64_t>(c.n), c.rate, 250), 1) << c.rate;
         BasebandOwner decimated;
         BasebandOwner whole;
         ASSERT_EQ(baseband_around(fast.block(), c.center_hz, 500, decimated), 0);
@@ -162,6 +162,11 @@ TEST(Decimation, IsLeftOutWhereItGainsNothingOrTheBandReachesPastTheSamples) {
         ASSERT_EQ(fast->whole_baseband(center_hz, other), 0);
         EXPECT_EQ(difference_of(one, other), 0) << center_hz;
     }
+}
+
+TEST(Decimation, TakesNoMoreMemoryThanTheSamples) {
+    EXPECT_EQ(decimation_factor(4'000'000, 1000, 2'000'000'000, 250), 1);
+    EXPECT_LE(decimation_factor(4'000'000, 1'000'000, 2'000'000'000, 250), 1000);
 }
 
 TEST(Decimation, RefusesWhatTheWholeTransformRefuses) {

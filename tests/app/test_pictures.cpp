@@ -203,9 +203,11 @@ TEST_F(Pictures, LongColumnsAreMeansOfAllTheirSamples) {
         append(samples, static_cast<int16_t>(on ? 8000 * std::cos(0.7854 * k) : 1));
     }
     const auto file = open_recording(write("half.wav", wave_file(1, 1, 8000, 16, samples)), {});
-    const auto grid = measure_power(*file, {0, 60, 900, 1100}, 3, 41, WINDOW_S, no_progress);
-    EXPECT_NEAR(grid.at(0, 20) - grid.at(2, 20), 3.01, 0.2);
-    EXPECT_GT(grid.at(0, 20) - grid.at(1, 20), 30);
+    for (const double half_hz : {100, 40}) {  // the narrow one is decimated
+        const auto grid = measure_power(*file, {0, 60, 1000 - half_hz, 1000 + half_hz}, 3, 41, WINDOW_S, no_progress);
+        EXPECT_NEAR(grid.at(0, 20) - grid.at(2, 20), 3.01, 0.2);
+        EXPECT_GT(grid.at(0, 20) - grid.at(1, 20), 30);
+    }
 }
 
 TEST_F(Pictures, SilenceIsNoLevel) {
