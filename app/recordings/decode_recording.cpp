@@ -42,8 +42,14 @@ double block_seconds(const DecodingOptions& options, int32_t rate) {
     return std::min(wanted, MOST_BLOCK_SAMPLES / rate);
 }
 
+// Blocks of very fast samples are shorter.
+double overlap_of(double block_s) {
+    return std::min(OVERLAP_S, block_s * 5 / 6);
+}
+
 std::vector<BlockSpan> cut(const Recording& recording, const DecodingOptions& options, double from_s, double to_s) {
-    auto blocks = cut_blocks(to_s - from_s, block_seconds(options, recording.rate()), OVERLAP_S);
+    const double block_s = block_seconds(options, recording.rate());
+    auto blocks = cut_blocks(to_s - from_s, block_s, overlap_of(block_s));
     for (BlockSpan& block : blocks) block.begin_s += from_s;
     return blocks;
 }
@@ -323,7 +329,7 @@ double expected_work_s(const RecordingSize& size, const DecodingOptions& options
         return size.seconds * (CHANNELS_WORK_S + CHANNELS_BAND_WORK_S * band_hz);
     }
     const double block_s = block_seconds(options, rate);
-    const double times = size.seconds > block_s ? block_s / std::max(block_s - OVERLAP_S, 1.0) : 1;
+    const double times = size.seconds > block_s ? block_s / (block_s - overlap_of(block_s)) : 1;
     return times * size.seconds * (BLOCK_WORK_S + SAMPLE_WORK_S * rate + BAND_WORK_S * band_hz);
 }
 
@@ -359,7 +365,8 @@ void decode_piped(PipedRecording& recording, const DecodingOptions& options, con
         };
         return decode_channels(recording, options, 0, next, taker);
     }
-    BlockCutter cutter(block_seconds(options, recording.rate()), OVERLAP_S);
+    const double block_s = block_seconds(options, recording.rate());
+    BlockCutter cutter(block_s, overlap_of(block_s));
     const auto next = [&] {
         auto block = cutter.next(recording.seconds(), recording.ended());
         while (!block && !recording.ended()) {

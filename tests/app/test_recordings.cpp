@@ -246,6 +246,14 @@ TEST_F(Recordings, ThatAreTooShortAreAnError) {
     }
 }
 
+TEST_F(Recordings, BlocksOfVeryFastSamplesMoveOn) {
+    RecordingOptions options;
+    options.raw = parse_sample_format("u8");
+    options.raw_rate = 40'000'000;  // of which 37.5 s are a block
+    std::filesystem::resize_file(write("fast.raw", ""), 2'000'000'000);
+    EXPECT_EQ(count_blocks(*open_recording(path("fast.raw"), options), {}), 3u);
+}
+
 // ---- Bare samples ---------------------------------------------------------------------------------------------------
 
 RecordingOptions at_rate(uint32_t rate) {
