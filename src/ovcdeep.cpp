@@ -132,6 +132,7 @@ class DeepSearch {
           scales_(N_KEPT * grid.n_columns),
           z_(N_KEPT * grid.n_columns),
           difference_(grid.n_columns) {
+        columns_.reserve(grid.n_columns);
         for (std::size_t entry = 0; entry < known.size(); entry++) {
             const std::optional<Words> words = words_of(known[entry]);
             is_coded_[entry] = words.has_value();
