@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -19,6 +20,7 @@
 #include <vector>
 
 #include "base/error.h"
+#include "base/interrupts.h"
 #include "base/utc.h"
 #include "command.h"
 #include "json_value.h"
@@ -803,17 +805,28 @@ TEST_F(LiveSources, AreDecodedScannedAndDrawnWithTheirTimeAndFrequency) {
     EXPECT_NE(picture.find("UTC"), std::string::npos);
 }
 
-// It hangs up in the middle of the frame and comes back a second later with the rest.
+// It hangs up in the middle of the frame and comes back with what it would have sent by then.
 TEST_F(LiveSources, AreSilentWhereSomethingWasLost) {
     const std::string bytes = iq_of(40);
     constexpr std::size_t BYTES_A_SECOND = 2 * 8000;
+    double left_at = 0;
     const TcpServer server([&](TcpServer::Connection& connection, int32_t which) {
-        const auto begin = bytes.begin() + (which == 0 ? 0 : 18 * BYTES_A_SECOND);
-        const auto end = which == 0 ? bytes.begin() + 17 * BYTES_A_SECOND : bytes.end();
-        connection.send(std::vector<uint8_t>(begin, end));
-        if (which > 0) connection.pause(60);
+        const auto send = [&](std::size_t begin, std::size_t end) {
+            connection.send(std::vector<uint8_t>(bytes.begin() + static_cast<std::ptrdiff_t>(begin),
+                                                 bytes.begin() + static_cast<std::ptrdiff_t>(end)));
+        };
+        if (which == 0) {
+            send(0, 16 * BYTES_A_SECOND);
+            connection.pause(0.5);  // in which all of that is received
+            send(16 * BYTES_A_SECOND, 17 * BYTES_A_SECOND);
+            left_at = monotonic_now();
+        } else {
+            const auto missed = static_cast<std::size_t>(std::llround((monotonic_now() - left_at) * 8000));
+            send(std::min(17 * BYTES_A_SECOND + 2 * missed, bytes.size()), bytes.size());
+            connection.pause(60);
+        }
     });
-    const auto decoded = orvel({"decode", "--json", "--protocols=opera", "--for=40s", address_of(server)});
+    const auto decoded = orvel({"decode", "--json", "--protocols=opera", "--for=39s", address_of(server)});
     ASSERT_EQ(lines_of(decoded.out).size(), 1u) << decoded.err;
     EXPECT_EQ(JsonValue::parse(decoded.out).at("call"), "K2QRX");
 }
