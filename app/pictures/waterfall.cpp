@@ -71,6 +71,7 @@ class Pieces {
     static std::size_t at(int32_t index) { return static_cast<std::size_t>(index); }
 
     void decimate_around(const View& view, double window_s) {
+        if (recording_.seconds() < AROUND_S) return;  // most that is filtered would be silence
         const double half_hz = std::max(0.5 * (view.high_hz - view.low_hz) + WINDOW_BINS / window_s, LEAST_HALF_HZ);
         const double center_hz = 0.5 * (view.high_hz + view.low_hz);
         const int32_t rate = recording_.rate();
